@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+/* The emitting function, which the caller names because shared code speaks for several layouts, and
+ * the source line of the call, which is filled in. */
+struct zutr_log_site {
+    const char *func;
+    uint32_t line;
+
+    zutr_log_site(const char *name, uint32_t at = __builtin_LINE()) : func(name), line(at) {}
+};
+
+/* Writes one line to the log stream, if there is one, and to standard error. */
+[[gnu::format(printf, 2, 3)]] void zutr_error(zutr_log_site site, const char *format, ...);
+
+/* Writes one line to the log stream, if there is one, and in debug mode to standard error. */
+[[gnu::format(printf, 2, 3)]] void zutr_debug(zutr_log_site site, const char *format, ...);
+
+bool zutr_is_debug_mode();
+void zutr_set_debug_mode();
+
+/* The log stream; opens the default log file when there is none, and gives null when that fails,
+ * to try again at the next call. */
+FILE *zutr_get_logger();
+
+/* Closes the log file and appends to `path` from now on; 0, or a negative errno, after which the
+ * default log file is tried again. */
+int32_t zutr_set_log_file(const char *path);
