@@ -1,0 +1,22 @@
+#pragma once
+
+#include "zu_tier/zu_tier.h"
+
+#include <cjson/cJSON.h>
+#include <cstddef>
+#include <cstdint>
+#include <sys/types.h>
+
+/* Builds one block from a repair file: fills the 4096 zeroed bytes at `m` from `document` and gives
+ * the device offset to write them at, or a negative errno (-5, -12, -14 or -22). */
+using zutr_parse_func_t = int64_t (*)(zutr_params_t *params, const cJSON *document, void *m);
+
+/* Loads the repair file, has `parse_func` build the block and, only with the commit flag, writes it
+ * to the device. Gives 0 or a negative errno. */
+int32_t zutr_repair_common(zutr_params_t *params, zutr_parse_func_t parse_func);
+
+/* Reads `nbyte` bytes (a multiple of 4096) at byte `offset` in units of 1 MiB. Where a unit cannot
+ * be read its first block is tried again, as often as the unit has blocks, and zeroed when that
+ * fails; the other blocks keep what the failed read left. Gives `nbyte`, or -1 for bad arguments.
+ */
+ssize_t zutr_repair_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset);

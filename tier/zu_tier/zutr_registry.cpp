@@ -1,0 +1,24 @@
+#include "common/zutr_assert.h"
+#include "zu_tier/zu_tier.h"
+
+#include <array>
+
+namespace {
+
+/* Indexed by version code. Filled by the layouts' start-up functions, so it must not have one. */
+constinit std::array<zutr_func_selector_t, ZUTR_VER_CODE_MAX> s_func_selectors{};
+
+} // namespace
+
+void zutr_func_register(int32_t ver, zutr_func_selector_t selector)
+{
+    zutr_assert(ZUTR_VER_VALID(ver) && selector != nullptr, "ZUTR_VER_VALID(ver) && s");
+    auto &slot = s_func_selectors.at(static_cast<size_t>(ver));
+    zutr_assert(slot == nullptr, "!s_func_selectors[ver]");
+    slot = selector;
+}
+
+zutr_func_selector_t zutr_get_selector(int32_t ver)
+{
+    return ZUTR_VER_VALID(ver) ? s_func_selectors.at(static_cast<size_t>(ver)) : nullptr;
+}
