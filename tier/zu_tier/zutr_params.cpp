@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -134,9 +135,33 @@ int32_t read_super(zutr_params_t *params)
     return 0;
 }
 
+/* Whether `path` names the open device `fd`, which an output must never overwrite. */
+bool is_device(int32_t fd, const char *path)
+{
+    struct stat device = {};
+    struct stat output = {};
+    if (fstat(fd, &device) != 0 || stat(path, &output) != 0) {
+        return false;
+    }
+    const bool same_file = device.st_dev == output.st_dev && device.st_ino == output.st_ino;
+    const bool same_volume =
+        S_ISBLK(device.st_mode) && S_ISBLK(output.st_mode) && device.st_rdev == output.st_rdev;
+    return same_file || same_volume;
+}
+
+FILE *open_output_file(int32_t fd, const char *path)
+{
+    if (is_device(fd, path)) {
+        errno = EBUSY;
+        return nullptr;
+    }
+    return fopen(path, "w");
+}
+
 int32_t open_output(zutr_params_t *params)
 {
-    params->out_fp = params->out_path != nullptr ? fopen(params->out_path, "w") : stdout;
+    params->out_fp =
+        params->out_path != nullptr ? open_output_file(params->fd, params->out_path) : stdout;
     if (params->out_fp == nullptr) {
         zutr_error(FUNC, "open path %s failed:%s", params->out_path, strerror(errno));
         return -EINVAL;
