@@ -44,10 +44,14 @@ public:
         literal[strspn(literal.data(), "+-.0123456789Ee")] = '\0';
         char *end = nullptr;
         strtold(literal.data(), &end);
-        *end = '\0';
-        at_ += end - literal.data();
-        char *copy = static_cast<char *>(cJSON_malloc(strlen(literal.data()) + 1));
-        return copy != nullptr ? strcpy(copy, literal.data()) : nullptr;
+        const auto length = static_cast<size_t>(end - literal.data());
+        at_ += length;
+        auto *copy = static_cast<char *>(cJSON_malloc(length + 1));
+        if (copy != nullptr) {
+            memcpy(copy, literal.data(), length);
+            copy[length] = '\0';
+        }
+        return copy;
     }
 
 private:
