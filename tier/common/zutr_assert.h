@@ -1,6 +1,8 @@
 #pragma once
 
-#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 
 /* Ends the process through abort(), with `text` (the condition as its author states it) in the
  * message, when `condition` does not hold. Active in every build: what it guards is a programming
@@ -9,6 +11,8 @@ inline void zutr_assert(bool condition, const char *text, const char *file = __b
                         unsigned line = __builtin_LINE(), const char *func = __builtin_FUNCTION())
 {
     if (!condition) {
-        __assert_fail(text, file, line, func);
+        fprintf(stderr, "%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name,
+                file, line, func, text);
+        abort();
     }
 }

@@ -22,7 +22,8 @@ constexpr int64_t zutr_advance(int64_t offset, int64_t by)
 uint32_t zutr_crc32(const void *data, size_t len);
 
 /* Reads exactly `nbyte` bytes at byte `offset` of `fd`. Gives `nbyte`, or -1 with errno of the
- * failing call; the end of the device before `nbyte` bytes, and nothing to read, are failures. */
+ * failing call; the end of the device before `nbyte` bytes and bad arguments are failures too,
+ * which leave errno alone. */
 ssize_t zutr_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset);
 
 /* Writes exactly `nbyte` bytes at byte `offset` of `fd`. Gives `nbyte`, -22 (-EINVAL) for bad
@@ -31,7 +32,7 @@ ssize_t zutr_writen(int32_t fd, const void *buf, size_t nbyte, int64_t offset);
 
 /* zutr_readn into a fresh zeroed allocation, aligned to 4096, which the caller frees. Gives what
  * zutr_readn gives, -22 for bad arguments or -12 without memory; `*buf` is null after a failed
- * read and untouched when nothing was read. */
+ * read and untouched where none was tried. */
 ssize_t zutr_readn_ex(int32_t fd, void **buf, size_t nbyte, int64_t offset);
 
 /* The 36-character lower-case text of the 16 bytes at `uu` (RFC 4122), in a static buffer that

@@ -1,7 +1,5 @@
 #include "zu_tier/tier_json.h"
 
-#include <algorithm>
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -16,9 +14,6 @@ constexpr long double TWO_TO_63 = 9223372036854775808.0L;
 constexpr long double TWO_TO_31 = 2147483648.0L;
 constexpr uint64_t TOP_BIT = 1ULL << 63;
 
-/* The most characters that cJSON takes for one number. */
-constexpr size_t NUMBER_LENGTH = 63;
-
 struct file_close {
     void operator()(FILE *file) const { fclose(file); }
 };
@@ -32,25 +27,22 @@ public:
     /* The next literal in memory that cJSON_Delete may free, or null without memory. */
     char *next()
     {
-        while (*at_ != '-' && isdigit(static_cast<unsigned char>(*at_)) == 0) {
+        while (*at_ != '\0' && *at_ != '-' && isdigit(static_cast<unsigned char>(*at_)) == 0) {
             if (*at_ == '"') {
                 skip_string();
             } else {
                 at_++;
             }
         }
-        std::array<char, NUMBER_LENGTH + 1> literal{};
-        memcpy(literal.data(), at_, strnlen(at_, NUMBER_LENGTH));
-        literal[strspn(literal.data(), "+-.0123456789Ee")] = '\0';
         char *end = nullptr;
-        strtold(literal.data(), &end);
-        const auto length = static_cast<size_t>(end - literal.data());
-        at_ += length;
+        strtold(at_, &end);
+        const auto length = static_cast<size_t>(end - at_);
         auto *copy = static_cast<char *>(cJSON_malloc(length + 1));
         if (copy != nullptr) {
-            memcpy(copy, literal.data(), length);
+            memcpy(copy, at_, length);
             copy[length] = '\0';
         }
+        at_ = end;
         return copy;
     }
 
@@ -68,22 +60,25 @@ private:
     const char *at_;
 };
 
-/* Numbers stand in the text in the order in which a walk of the tree meets them. cJSON bounds the
- * depth of what it parses, and so the depth of this recursion. */
-bool attach_literals(cJSON *first, number_scanner &scanner)
+/* Numbers stand in the text in the order in which a walk of the tree meets them; should the library
+ * ever see a text in another way, the values tell. cJSON bounds the depth of what it parses, and so
+ * the depth of this recursion. 0, -ENOMEM or -EINVAL. */
+int32_t attach_literals(cJSON *first, number_scanner &scanner)
 {
-    for (cJSON *node = first; node != nullptr; node = node->next) {
+    int32_t ret = 0;
+    for (cJSON *node = first; node != nullptr && ret == 0; node = node->next) {
         if (cJSON_IsNumber(node)) {
             node->valuestring = scanner.next();
             if (node->valuestring == nullptr) {
-                return false;
+                return -ENOMEM;
+            }
+            if (strtod(node->valuestring, nullptr) != node->valuedouble) {
+                return -EINVAL;
             }
         }
-        if (!attach_literals(node->child, scanner)) {
-            return false;
-        }
+        ret = attach_literals(node->child, scanner);
     }
-    return true;
+    return ret;
 }
 
 /* 0 or a negative errno. */
@@ -118,16 +113,16 @@ int32_t load(const char *path, zutr_json *document)
         return -EINVAL;
     }
     number_scanner scanner(text.get());
-    if (!attach_literals(document->get(), scanner)) {
+    const int32_t ret = attach_literals(document->get(), scanner);
+    if (ret != 0) {
         document->reset();
-        return -ENOMEM;
     }
-    return 0;
+    return ret;
 }
 
 /* Truncates toward zero; what does not fit, as the processor has it, becomes the smallest number.
  */
-int64_t truncate(long double number, long double limit)
+int64_t to_signed(long double number, long double limit)
 {
     const long double whole = std::trunc(number);
     return static_cast<int64_t>(whole >= -limit && whole < limit ? whole : -limit);
@@ -148,19 +143,19 @@ zutr_json zutr_json_load(const char *path)
 uint64_t zutr_to_u64(long double number)
 {
     if (number >= TWO_TO_63) {
-        return static_cast<uint64_t>(truncate(number - TWO_TO_63, TWO_TO_63)) | TOP_BIT;
+        return static_cast<uint64_t>(to_signed(number - TWO_TO_63, TWO_TO_63)) | TOP_BIT;
     }
     return zutr_to_s64(number);
 }
 
 uint64_t zutr_to_s64(long double number)
 {
-    return static_cast<uint64_t>(truncate(number, TWO_TO_63));
+    return static_cast<uint64_t>(to_signed(number, TWO_TO_63));
 }
 
 uint64_t zutr_to_s32(long double number)
 {
-    return static_cast<uint64_t>(truncate(number, TWO_TO_31));
+    return static_cast<uint64_t>(to_signed(number, TWO_TO_31));
 }
 
 long double zutr_json_number(const cJSON *node)

@@ -21,9 +21,9 @@ using zutr_json = std::unique_ptr<cJSON, zutr_json_free>;
  * literal as `valuestring`, since `valuedouble` is exact only up to 2^53. */
 zutr_json zutr_json_load(const char *path);
 
-/* The three ways a JSON number becomes an integer; all drop the fraction. A number outside the
- * signed range (after 2^63 was subtracted, for zutr_to_u64 of numbers from 2^63 up) yields the
- * smallest signed number, as the processor's conversion instruction does. */
+/* The three ways a JSON number becomes the bits of an integer; all drop the fraction. A number
+ * outside the signed range (after 2^63 was subtracted, for zutr_to_u64 of numbers from 2^63 up)
+ * yields the smallest signed number, as the processor's conversion instruction does. */
 uint64_t zutr_to_u64(long double number); /* negative numbers keep their two's complement */
 uint64_t zutr_to_s64(long double number);
 uint64_t zutr_to_s32(long double number);

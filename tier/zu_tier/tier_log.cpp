@@ -1,7 +1,8 @@
 #include "zu_tier/tier_log.h"
 
+#include "common/zutr_assert.h"
+
 #include <array>
-#include <cerrno>
 #include <cstdarg>
 
 namespace {
@@ -20,7 +21,9 @@ void write_line(const char *level, const zutr_log_site &site, const char *format
     }
     /* Prefix and message in one format, so that a line reaches an unbuffered stream whole. */
     std::array<char, 512> line{};
-    snprintf(line.data(), line.size(), "[%s] [%s:%u] %s\n", level, site.func, site.line, format);
+    const int length = snprintf(line.data(), line.size(), "[%s] [%s:%u] %s\n", level, site.func,
+                                site.line, format);
+    zutr_assert(length > 0 && static_cast<size_t>(length) < line.size(), "length < line.size()");
     if (log != nullptr) {
         va_list again;
         va_copy(again, args);
@@ -46,7 +49,7 @@ void zutr_debug(zutr_log_site site, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    write_line("DEBUG", site, format, args, g_debug_mode);
+    write_line("DEBUG", site, format, args, zutr_is_debug_mode());
     va_end(args);
 }
 
@@ -68,11 +71,16 @@ FILE *zutr_get_logger()
     return g_log_fp;
 }
 
-int32_t zutr_set_log_file(const char *path)
+bool zutr_set_log_file(const char *path)
 {
     if (g_log_fp != nullptr) {
         fclose(g_log_fp);
     }
     g_log_fp = fopen(path, "a");
-    return g_log_fp != nullptr ? 0 : -errno;
+    return g_log_fp != nullptr;
+}
+
+bool zutr_is_log(const FILE *stream)
+{
+    return stream == g_log_fp;
 }

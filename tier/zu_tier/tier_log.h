@@ -25,6 +25,9 @@ void zutr_set_debug_mode();
  * to try again at the next call. */
 FILE *zutr_get_logger();
 
-/* Closes the log file and appends to `path` from now on; 0, or a negative errno, after which the
- * default log file is tried again. */
-int32_t zutr_set_log_file(const char *path);
+/* Closes the log file and appends to `path` from now on. False with errno set when it cannot be
+ * opened; then the default log file is tried again. */
+bool zutr_set_log_file(const char *path);
+
+/* Whether `stream` is the open log file. */
+bool zutr_is_log(const FILE *stream);

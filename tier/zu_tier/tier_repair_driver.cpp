@@ -13,8 +13,8 @@ namespace {
 
 constexpr const char *FUNC = "zutr_repair_common";
 
-/* Writes the block where the flags allow it: 0 or a negative errno. */
-int32_t commit(const zutr_params_t *params, const uint8_t *block, int64_t offset)
+/* 0 or a negative errno; without the commit flag nothing but a message is written. */
+int32_t write_if_committed(const zutr_params_t *params, const uint8_t *block, int64_t offset)
 {
     if (params->commit == 0) {
         zutr_debug(FUNC, "'commit' flag not set, won't write dev. cmd:%d, conf:%s", params->cmd,
@@ -58,7 +58,7 @@ int32_t zutr_repair_common(zutr_params_t *params, zutr_parse_func_t parse_func)
                    params->dev_path, params->repair_conf);
         return ret;
     }
-    return commit(params, block.get(), offset);
+    return write_if_committed(params, block.get(), offset);
 }
 
 ssize_t zutr_repair_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset)

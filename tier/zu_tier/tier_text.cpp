@@ -2,6 +2,7 @@
 
 #include "common/zutr_assert.h"
 #include "common/zutr_utils.h"
+#include "zu_tier/tier_log.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -98,7 +99,8 @@ void zutr_text::time(uint64_t t_ns)
 
 void zutr_text::flush()
 {
-    if (used_ != 0 && fwrite(buffer_.data(), 1, used_, stream_) != used_ && g_output_errno == 0) {
+    if (used_ != 0 && fwrite(buffer_.data(), 1, used_, stream_) != used_ && g_output_errno == 0 &&
+        !zutr_is_log(stream_)) {
         g_output_errno = errno;
     }
     used_ = 0;

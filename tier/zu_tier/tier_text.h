@@ -43,5 +43,5 @@ private:
     std::array<char, 4096> buffer_;
 };
 
-/* The error number of the first failed write of any zutr_text, 0 when all succeeded. */
+/* The error number of the first failed write of any zutr_text, but for the log, or 0. */
 int32_t zutr_output_errno();

@@ -87,7 +87,7 @@ int32_t apply_option(int option_char, int argc, char *argv[], zutr_params_t *par
         params->commit = 1;
         return 0;
     case 'l':
-        if (zutr_set_log_file(optarg) != 0) {
+        if (!zutr_set_log_file(optarg)) {
             zutr_error(FUNC, "cannot open log file %s, error:%s", optarg, strerror(errno));
             return -EINVAL;
         }
@@ -167,6 +167,18 @@ int32_t open_output(zutr_params_t *params)
         return -EINVAL;
     }
     return 0;
+}
+
+int32_t open_all(zutr_params_t *params)
+{
+    int32_t ret = open_device(params);
+    if (ret == 0) {
+        ret = read_super(params);
+    }
+    if (ret == 0) {
+        ret = open_output(params);
+    }
+    return ret;
 }
 
 } // namespace
@@ -256,9 +268,7 @@ int32_t zutr_prepare_param(int argc, char *argv[], zutr_params_t *params)
         zutr_error(FUNC, "cmd and dev path must be specified. <%s -h> for help", argv[0]);
         return -EINVAL;
     }
-    ret = open_device(params);
-    ret = ret == 0 ? read_super(params) : ret;
-    ret = ret == 0 ? open_output(params) : ret;
+    ret = open_all(params);
     if (ret != 0) {
         zutr_params_fini(params);
         return ret;
