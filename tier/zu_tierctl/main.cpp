@@ -1,0 +1,46 @@
+#include "zu_tierctl/tierctl_commands.h"
+#include "zu_tierctl/tierctl_error.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <string>
+
+namespace {
+
+constexpr int STATUS_FAILURE = 1;
+constexpr int STATUS_USAGE = 2;
+
+int complain(const std::exception &error, int status)
+{
+    fprintf(stderr, "zu_tierctl: %s\n", error.what());
+    return status;
+}
+
+int run(int argc, char *argv[])
+{
+    CLI::App app{"Companion of zu_tier: works on whole images of tier-cache devices.",
+                 "zu_tierctl"};
+    app.require_subcommand(1);
+    tierctl_add_sample(app);
+    try {
+        app.parse(argc, argv);
+        return 0;
+    } catch (const CLI::Success &help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError &error) {
+        return complain(error, STATUS_USAGE);
+    } catch (const tierctl_usage_error &error) {
+        return complain(error, STATUS_USAGE);
+    }
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        return complain(error, STATUS_FAILURE);
+    }
+}

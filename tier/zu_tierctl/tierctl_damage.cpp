@@ -1,0 +1,152 @@
+#include "zu_tierctl/tierctl_damage.h"
+
+#include "zu_tierctl/tierctl_error.h"
+#include "zu_tierctl/tierctl_number.h"
+#include "zu_tierctl/tierctl_random.h"
+
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+/* Every kind but "zero" flips a single bit, which the checksum never misses. With the magic and the
+ * number it is made right again, so that nothing but them is wrong. */
+struct tierctl_damage_kind {
+    std::string_view name;
+    bool (*applies)(const tierctl_table &table);
+    void (*spoil)(const tierctl_table &table, uint8_t *slot, tierctl_random &random);
+};
+
+namespace {
+
+void flip(uint8_t *slot, uint64_t bit)
+{
+    slot[bit / 8] = static_cast<uint8_t>(slot[bit / 8] ^ (1U << (bit % 8)));
+}
+
+template <std::optional<size_t> tierctl_table::*Field>
+bool has(const tierctl_table &table)
+{
+    return (table.*Field).has_value();
+}
+
+template <std::optional<size_t> tierctl_table::*Field>
+void spoil_field(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, *(table.*Field) * 8);
+    tierctl_seal(table, slot);
+}
+
+bool always(const tierctl_table &)
+{
+    return true;
+}
+
+void spoil_checksum(const tierctl_table &, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, 0);
+}
+
+void spoil_any_bit(const tierctl_table &table, uint8_t *slot, tierctl_random &random)
+{
+    flip(slot, random.below(table.record_length * 8));
+}
+
+void spoil_everything(const tierctl_table &, uint8_t *slot, tierctl_random &)
+{
+    memset(slot, 0, SIZE_4K);
+}
+
+constexpr tierctl_damage_kind KINDS[] = {
+    {"checksum", always, spoil_checksum},
+    {"magic", has<&tierctl_table::magic_at>, spoil_field<&tierctl_table::magic_at>},
+    {"number", has<&tierctl_table::number_at>, spoil_field<&tierctl_table::number_at>},
+    {"zero", always, spoil_everything},
+    {"bit", always, spoil_any_bit},
+};
+
+constexpr std::string_view DEFAULT_KIND = "checksum";
+
+[[noreturn]] void refuse(const std::string &text, const std::string &why)
+{
+    throw tierctl_usage_error("--damage " + text + ": " + why);
+}
+
+/* "inode:7:bit" in its parts. */
+std::vector<std::string_view> split(std::string_view text)
+{
+    std::vector<std::string_view> parts;
+    while (true) {
+        const size_t end = text.find(':');
+        parts.push_back(text.substr(0, end));
+        if (end == std::string_view::npos) {
+            return parts;
+        }
+        text.remove_prefix(end + 1);
+    }
+}
+
+template <class Named, size_t Extent>
+const Named &find(std::span<const Named, Extent> list, std::string_view name,
+                  const std::string &text, const std::string &what)
+{
+    std::string known;
+    for (const Named &item : list) {
+        if (item.name == name) {
+            return item;
+        }
+        known += known.empty() ? "" : ", ";
+        known += item.name;
+    }
+    refuse(text, "unknown " + what + ", expected one of " + known);
+}
+
+tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tables)
+{
+    const std::vector<std::string_view> parts = split(text);
+    if (parts.size() != 2 && parts.size() != 3) {
+        refuse(text, "expected TABLE:NO or TABLE:NO:KIND");
+    }
+    const tierctl_table &table = find(tables, parts[0], text, "table");
+    const std::optional<uint64_t> no = tierctl_parse_number(parts[1]);
+    if (!no || *no >= table.region.count) {
+        refuse(text, "expected an entry of 0.." + std::to_string(table.region.count - 1));
+    }
+    const std::string_view kind_name = parts.size() == 3 ? parts[2] : DEFAULT_KIND;
+    const tierctl_damage_kind &kind = find(std::span(KINDS), kind_name, text, "kind");
+    if (!kind.applies(table)) {
+        refuse(text, std::string(table.name) + " entries have no " + std::string(kind.name));
+    }
+    return {&table, *no, &kind};
+}
+
+} // namespace
+
+std::vector<tierctl_damage> tierctl_parse_damage(const std::vector<std::string> &texts,
+                                                 std::span<const tierctl_table> tables)
+{
+    std::vector<tierctl_damage> damages;
+    for (const std::string &text : texts) {
+        const tierctl_damage damage = parse(text, tables);
+        for (const tierctl_damage &other : damages) {
+            if (other.table == damage.table && other.no == damage.no) {
+                refuse(text, "that entry is damaged already");
+            }
+        }
+        damages.push_back(damage);
+    }
+    return damages;
+}
+
+void tierctl_apply_damage(tierctl_image &image, std::span<const tierctl_damage> damages,
+                          uint64_t seed)
+{
+    tierctl_random random(seed);
+    std::array<uint8_t, SIZE_4K> slot;
+    for (const tierctl_damage &damage : damages) {
+        const int64_t offset = damage.table->region.slot(damage.no);
+        image.read(offset, slot.data(), slot.size());
+        damage.kind->spoil(*damage.table, slot.data(), random);
+        image.write(offset, slot.data(), slot.size());
+    }
+}

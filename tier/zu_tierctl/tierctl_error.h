@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+/* What the caller asked for makes no sense. Anything else that goes wrong is another exception. */
+class tierctl_usage_error : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/* "<what>: <text of errno>" */
+[[noreturn]] inline void tierctl_throw_errno(const std::string &what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "zu_tier/tier_format.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/* What the companion knows of a layout. */
+
+/* A table of 4096-byte slots. Each holds a record at its start whose first four bytes are the
+ * CRC-32 of the rest of the record; the super block is a table of one slot. */
+struct tierctl_table {
+    std::string_view name;
+    tier_region region;
+    size_t record_length;
+    std::optional<size_t> magic_at;  /* byte offset of the magic in a record, if it has one */
+    std::optional<size_t> number_at; /* byte offset of the entry's own number, if it has one */
+};
+
+/* Stores the checksum of the record in `slot`. */
+void tierctl_seal(const tierctl_table &table, uint8_t *slot);
+
+/* The sizes that describe a device. */
+enum tierctl_size {
+    TIERCTL_BRICKS,
+    TIERCTL_INODES,
+    TIERCTL_BLOCKS,
+    TIERCTL_BLOCK_SIZE,
+    TIERCTL_EXTENT_SIZE,
+    TIERCTL_SIZES,
+};
+
+using tierctl_sizes = std::array<uint32_t, TIERCTL_SIZES>;
+
+struct tierctl_bounds {
+    uint32_t min;
+    uint32_t max;
+    uint32_t unit;
+    uint32_t fallback; /* when not given; 0: follows from the other sizes */
+};
+
+/* "1..300", "262144..4194304 in steps of 4096" */
+std::string tierctl_bounds_text(const tierctl_bounds &bounds);
+
+/* Puts the content of entry `no` into its zeroed slot, all but the checksum. Called once for every
+ * entry in order of number, table by table. */
+using tierctl_fill = std::function<void(uint64_t no, uint8_t *slot)>;
+
+struct tierctl_sample_table {
+    tierctl_table table;
+    tierctl_fill fill;
+};
+
+/* A sample device: its bytes and its tables in writing order. */
+struct tierctl_sample_plan {
+    uint64_t device_size;
+    std::vector<tierctl_sample_table> tables;
+};
+
+struct tierctl_layout {
+    std::string_view name;
+    std::array<tierctl_bounds, TIERCTL_SIZES> bounds;
+    tierctl_sample_plan (*sample)(const tierctl_sizes &sizes, uint64_t seed);
+};
+
+extern const tierctl_layout TIERCTL_LAYOUT_V1;
+
+std::span<const tierctl_layout *const> tierctl_layouts();
+
+/* The layout of that name; a usage error when there is none. */
+const tierctl_layout &tierctl_find_layout(std::string_view name);

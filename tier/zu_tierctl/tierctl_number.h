@@ -1,0 +1,19 @@
+#pragma once
+
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+/* The number that the decimal digits of `text` spell, if they are nothing else and it has no more
+ * than 64 bits. */
+inline std::optional<uint64_t> tierctl_parse_number(std::string_view text)
+{
+    uint64_t value = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc{} || stop != end) {
+        return std::nullopt;
+    }
+    return value;
+}

@@ -1,0 +1,79 @@
+#include "zu_tierctl/tierctl_sample.h"
+
+#include "common/zutr_utils.h"
+#include "zu_tierctl/tierctl_damage.h"
+#include "zu_tierctl/tierctl_error.h"
+#include "zu_tierctl/tierctl_image.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+const std::array<tierctl_size_option, TIERCTL_SIZES> TIERCTL_SIZE_OPTIONS = {{
+    {"--bricks", "Entries of the brick table"},
+    {"--inodes", "Entries of the inode table"},
+    {"--blocks", "Data blocks, and entries of the extent table"},
+    {"--block-size", "Bytes of a data block"},
+    {"--extent-size", "Bytes of an extent record with its bitmap, by default a bit\n"
+                      "for each 4096-byte page of a block, in words of 64"},
+}};
+
+namespace {
+
+constexpr uint64_t SLOTS_A_WRITE = SIZE_1M / SIZE_4K;
+
+tierctl_sizes choose_sizes(const tierctl_sample_options &options, const tierctl_layout &layout)
+{
+    tierctl_sizes sizes{};
+    for (size_t i = 0; i < sizes.size(); i++) {
+        const tierctl_bounds &bounds = layout.bounds[i];
+        const uint64_t value = options.sizes[i].value_or(bounds.fallback);
+        const bool in_range = value >= bounds.min && value <= bounds.max;
+        if (options.sizes[i] && (!in_range || value % bounds.unit != 0)) {
+            throw tierctl_usage_error(std::string(TIERCTL_SIZE_OPTIONS[i].name) + " " +
+                                      std::to_string(value) + ": expected " +
+                                      tierctl_bounds_text(bounds));
+        }
+        sizes[i] = static_cast<uint32_t>(value);
+    }
+    return sizes;
+}
+
+void write_table(tierctl_image &image, const tierctl_sample_table &sample, uint8_t *run)
+{
+    const tier_region &region = sample.table.region;
+    for (uint64_t first = 0; first < region.count; first += SLOTS_A_WRITE) {
+        const uint64_t slots = std::min(SLOTS_A_WRITE, region.count - first);
+        memset(run, 0, slots * SIZE_4K);
+        for (uint64_t i = 0; i < slots; i++) {
+            uint8_t *slot = run + i * SIZE_4K;
+            sample.fill(first + i, slot);
+            tierctl_seal(sample.table, slot);
+        }
+        image.write(region.slot(first), run, slots * SIZE_4K);
+    }
+}
+
+} // namespace
+
+void tierctl_sample(const tierctl_sample_options &options)
+{
+    const tierctl_layout &layout = tierctl_find_layout(options.layout);
+    const tierctl_sample_plan plan = layout.sample(choose_sizes(options, layout), options.seed);
+    std::vector<tierctl_table> tables;
+    for (const tierctl_sample_table &sample : plan.tables) {
+        tables.push_back(sample.table);
+    }
+    const std::vector<tierctl_damage> damages = tierctl_parse_damage(options.damage, tables);
+
+    zutr_buffer run;
+    if (zutr_alloc_aligned(SLOTS_A_WRITE * SIZE_4K, &run) != 0) {
+        throw std::bad_alloc();
+    }
+    tierctl_image image(options.file, plan.device_size, options.force);
+    for (const tierctl_sample_table &sample : plan.tables) {
+        write_table(image, sample, run.get());
+    }
+    tierctl_apply_damage(image, damages, options.seed);
+    image.commit();
+}
