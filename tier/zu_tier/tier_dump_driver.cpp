@@ -132,3 +132,24 @@ int32_t zutr_dump_common(zutr_params_t *params, const char *meta_type, int64_t m
     table_dump dump = {params, meta_type, meta_start, max_cnt, format_func, buffer.get()};
     return params->meta_no >= 0 ? dump.entry() : dump.walk();
 }
+
+int32_t zutr_dump_table(zutr_params_t *params, const char *meta_type, const tier_region &table,
+                        meta_format_func_t format_func)
+{
+    return zutr_dump_common(params, meta_type, table.start, static_cast<int32_t>(table.count),
+                            format_func);
+}
+
+void zutr_assert_entry(int32_t no, const void *meta, const char *delim, const zutr_params_t *params)
+{
+    zutr_assert(no >= 0 && meta != nullptr && delim != nullptr && params != nullptr,
+                "no >= 0 && meta && delim && params");
+}
+
+void zutr_assert_super(const zutr_params_t *params, zutr_super_check_t check,
+                       const char *super_text)
+{
+    zutr_assert(params != nullptr && params->sb != nullptr && params->fd >= 0,
+                "params && params->sb && params->fd >= 0");
+    zutr_assert(check(params->sb) == 0, super_text);
+}

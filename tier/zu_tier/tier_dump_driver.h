@@ -1,5 +1,6 @@
 #pragma once
 
+#include "zu_tier/tier_format.h"
 #include "zu_tier/zu_tier.h"
 
 #include <cstdint>
@@ -17,3 +18,14 @@ using meta_format_func_t = int32_t (*)(int32_t no, void *meta, const char *delim
  * number itself. Gives 0 or a negative errno; a walk succeeds whatever its entries give. */
 int32_t zutr_dump_common(zutr_params_t *params, const char *meta_type, int64_t meta_start,
                          int32_t max_cnt, meta_format_func_t format_func);
+
+/* zutr_dump_common over a table of a super block, whose count is cut to 32 bits. */
+int32_t zutr_dump_table(zutr_params_t *params, const char *meta_type, const tier_region &table,
+                        meta_format_func_t format_func);
+
+/* What a formatter, and a command that needs the device's super block, rely on; `super_text` is the
+ * layout's condition on its super block. */
+void zutr_assert_entry(int32_t no, const void *meta, const char *delim,
+                       const zutr_params_t *params);
+void zutr_assert_super(const zutr_params_t *params, zutr_super_check_t check,
+                       const char *super_text);

@@ -1,73 +1,102 @@
 #pragma once
 
-#include "zu_tier/tier_format.h"
+#include "zu_tier/tier_areas.h"
 #include "zu_tier/tier_json.h"
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_record.h"
+#include "zu_tier/tier_repair_driver.h"
 #include "zu_tier/zu_tier.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <tuple>
 
 /* What the extent tables of V1 and V2 have in common: one extent a slot, with the same head. */
 
-template <class Extent>
 constexpr auto TIER_EXTENT_HEAD_FIELDS = std::tuple{
-    zutr_field{"te_checksum", &Extent::te_checksum, zutr_form::hex},
-    zutr_field{"te_block", &Extent::te_block},
-    zutr_field{"te_size", &Extent::te_size},
-    zutr_field{"te_inode_no", &Extent::te_inode_no},
-    zutr_field{"te_sampling_low", &Extent::te_sampling_low, zutr_form::swapped_hex8},
-    zutr_field{"te_sampling_mid", &Extent::te_sampling_mid},
-    zutr_field{"te_sampling_high", &Extent::te_sampling_high},
-    zutr_field{"te_use", &Extent::te_use},
-    zutr_field{"te_clean", &Extent::te_clean},
-    zutr_field{"te_ntime", &Extent::te_ntime},
-    zutr_field{"te_hot", &Extent::te_hot},
-    zutr_field{"te_no", &Extent::te_reserved1},
+    zutr_field{"te_checksum", &tier_extent_t::te_checksum, zutr_form::hex},
+    zutr_field{"te_block", &tier_extent_t::te_block},
+    zutr_field{"te_size", &tier_extent_t::te_size},
+    zutr_field{"te_inode_no", &tier_extent_t::te_inode_no},
+    zutr_field{"te_sampling_low", &tier_extent_t::te_sampling_low, zutr_form::swapped_hex8},
+    zutr_field{"te_sampling_mid", &tier_extent_t::te_sampling_mid},
+    zutr_field{"te_sampling_high", &tier_extent_t::te_sampling_high},
+    zutr_field{"te_use", &tier_extent_t::te_use},
+    zutr_field{"te_clean", &tier_extent_t::te_clean},
+    zutr_field{"te_ntime", &tier_extent_t::te_ntime},
+    zutr_field{"te_hot", &tier_extent_t::te_hot},
+    zutr_field{"te_no", &tier_extent_t::te_reserved1},
 };
 
-template <class Extent>
 constexpr auto TIER_EXTENT_KEYS = std::tuple{
-    zutr_key{"te_use", &Extent::te_use, zutr_to_s32},
-    zutr_key{"te_no", &Extent::te_reserved1, zutr_to_u64},
+    zutr_key{"te_use", &tier_extent_t::te_use, zutr_to_s32},
+    zutr_key{"te_no", &tier_extent_t::te_reserved1, zutr_to_u64},
 };
 
-/* CRC-32 of the bytes 4..`size` - 1 of a slot. */
-inline uint32_t tier_extent_crc(const void *extent, uint32_t size)
+/* A layout's extent table: what its super block says of it, and how it prints an extent. */
+template <class Super>
+struct tier_extent_table {
+    uint32_t Super::*record_size; /* bytes of a slot that hold the record and are checksummed */
+    void (*print)(const tier_extent_t *extent, const Super *sb, int64_t offset, FILE *fp);
+};
+
+/* Refuses a size or count of the super block that would take a record past its slot: 0, or -EFAULT
+ * after a message on behalf of `func`. */
+int32_t tier_check_size(const char *func, const char *field, uint32_t value, uint32_t min,
+                        uint32_t max);
+
+/* CRC-32 of the bytes 4..`size` - 1 of a slot; `size` is at least 4. */
+uint32_t tier_extent_crc(const void *extent, uint32_t size);
+
+/* Whether an extent, which carries no magic, has the right number and checksum; if not, says so on
+ * behalf of `func`. */
+bool tier_extent_is_sound(const char *func, const tier_extent_t &extent, int32_t no, uint32_t crc);
+
+/* Whether the filter lets an extent through; if not, says so on behalf of `func`. An owner filter
+ * names an inode and never shows free extents. */
+bool tier_extent_passes(const char *func, const zutr_filter_t &filter, const tier_extent_t &extent,
+                        int32_t no);
+
+/* Formatter of the dump driver, on behalf of `func`. */
+template <class Super>
+int32_t tier_dump_extent(const char *func, const tier_extent_table<Super> &table, int32_t no,
+                         const void *meta, const char *delim, const zutr_params_t *params)
 {
-    return zutr_crc32(static_cast<const uint8_t *>(extent) + 4, size - 4);
+    const auto *sb = static_cast<const Super *>(params->sb);
+    const auto *extent = static_cast<const tier_extent_t *>(meta);
+    const uint32_t crc = tier_extent_crc(extent, sb->*table.record_size);
+    if (!tier_extent_is_sound(func, *extent, no, crc)) {
+        table.print(extent, sb, 0, zutr_get_logger());
+        return -EFAULT;
+    }
+    if (!tier_extent_passes(func, params->filter, *extent, no)) {
+        return 1;
+    }
+    zutr_text(params->out_fp).put(delim);
+    table.print(extent, sb, tier_extents(*sb).slot(extent->te_reserved1), params->out_fp);
+    return 0;
 }
 
-/* Extents carry no magic: number and checksum vouch for them. */
-template <class Extent>
-bool tier_extent_is_sound(const Extent &extent, int32_t no, uint32_t crc)
+/* What a parser says, on behalf of `func`, of an extent whose number or inode its super block does
+ * not have. */
+template <class Super>
+void tier_log_extent_numbers(const char *func, const Super &sb, const tier_extent_t &extent)
 {
-    return extent.te_reserved1 == static_cast<uint64_t>(no) && extent.te_checksum == crc;
+    zutr_error(func, "te_no %lu or i_no %u is invalid, block_cnt:%u, inode_cnt:%u",
+               extent.te_reserved1, extent.te_inode_no, sb.sb_block_cnt, sb.sb_inode_cnt);
 }
 
-/* An owner filter names an inode and never shows free extents. */
-template <class Extent>
-bool tier_extent_passes(const zutr_filter_t &filter, const Extent &extent)
+/* Seals a repaired extent and prints it to standard output. Gives the device offset of its slot, or
+ * -EFAULT after a message on behalf of `func`. */
+template <class Super>
+int64_t tier_finish_extent(const char *func, const tier_extent_table<Super> &table, const Super &sb,
+                           tier_extent_t *extent)
 {
-    return filter.error != 1 && (filter.use < 0 || filter.use == extent.te_use) &&
-           (filter.owner < 0 ||
-            (extent.te_use != 0 && static_cast<uint32_t>(filter.owner) == extent.te_inode_no));
-}
-
-/* The ERROR line, on behalf of `func`, for an extent that fails its check. */
-template <class Extent>
-void tier_log_bad_extent(const char *func, const Extent &extent, uint32_t crc)
-{
-    zutr_error(func, "extent no: %lu, checksum: 0x%x crc32: 0x%x", extent.te_reserved1,
-               extent.te_checksum, crc);
-}
-
-/* The DEBUG line, on behalf of `func`, for an extent that the filter passes over. The label says
- * brick; the number is the inode's. */
-template <class Extent>
-void tier_log_ignored_extent(const char *func, int32_t no, const Extent &extent)
-{
-    zutr_debug(func, "ignore extent %d, te_use:%d, te_brick_no:%d", no, extent.te_use,
-               static_cast<int32_t>(extent.te_inode_no));
+    extent->te_checksum = tier_extent_crc(extent, sb.*table.record_size);
+    const int64_t offset = tier_extents(sb).slot(extent->te_reserved1);
+    if (!tier_check_slot(func, offset)) {
+        return -EFAULT;
+    }
+    table.print(extent, &sb, offset, stdout);
+    return offset;
 }

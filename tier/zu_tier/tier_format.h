@@ -6,7 +6,7 @@
 #include <cstdint>
 
 /* What the layouts share on the device. Everything is stored in the byte order of the machine that
- * runs the tool, and every entry of a table has a 4096-byte slot of its own. */
+ * runs the tool, in tables of 4096-byte slots. */
 
 /* Byte offset of the super block. */
 constexpr int64_t TIER_SUPER_OFFSET = SIZE_4K;
@@ -70,3 +70,117 @@ constexpr const char TIER_BRICKID_SAMPLE[] =
     "/kd/data/zu/local/Jt7KIS-CZP1-Z8is-omAt-TmZ2-SH2v-5IemsH/5ef9c224-2659-4f73-9f49-7909b047ede0";
 constexpr size_t TIER_BRICKID_LEN = sizeof(TIER_BRICKID_SAMPLE) - 1;
 static_assert(TIER_BRICKID_LEN == 93);
+
+/* Inode: a file that the cache holds. The same record in every layout but for the last two words.
+ *
+ *   at  width
+ *    0    4   i_checksum   CRC-32 of bytes 4..95
+ *    4    4   i_magic      the layout's inode magic
+ *    8    8   i_atime      nanoseconds since the epoch, as the three that follow
+ *   16    8   i_ctime
+ *   24    8   i_mtime
+ *   32    8   i_dtime
+ *   40   16   i_uuid       identity of the file
+ *   56    8   i_size       bytes
+ *   64    4   i_priority   cache priority
+ *   68    4   i_no         the entry's own number
+ *   72    4   i_brick_no   slot number of the owning brick
+ *   76    2   i_unlink     nonzero: the file has been unlinked
+ *   78    2   i_use        nonzero: the slot holds a file
+ *   80    8   i_reserved1  V1; later new_data, kept by the cache for the file
+ *   88    8   i_reserved2  V1; later i_blocks, block count of the file
+ */
+struct tier_inode_t {
+    uint32_t i_checksum;
+    uint32_t i_magic;
+    uint64_t i_atime;
+    uint64_t i_ctime;
+    uint64_t i_mtime;
+    uint64_t i_dtime;
+    uint8_t i_uuid[16];
+    uint64_t i_size;
+    uint32_t i_priority;
+    uint32_t i_no;
+    uint32_t i_brick_no;
+    uint16_t i_unlink;
+    uint16_t i_use;
+    union {
+        uint64_t i_reserved1;
+        uint64_t new_data;
+    };
+    union {
+        uint64_t i_reserved2;
+        uint64_t i_blocks;
+    };
+};
+static_assert(sizeof(tier_inode_t) == 96);
+static_assert(offsetof(tier_inode_t, i_checksum) == 0);
+static_assert(offsetof(tier_inode_t, i_magic) == 4);
+static_assert(offsetof(tier_inode_t, i_atime) == 8);
+static_assert(offsetof(tier_inode_t, i_ctime) == 16);
+static_assert(offsetof(tier_inode_t, i_mtime) == 24);
+static_assert(offsetof(tier_inode_t, i_dtime) == 32);
+static_assert(offsetof(tier_inode_t, i_uuid) == 40);
+static_assert(offsetof(tier_inode_t, i_size) == 56);
+static_assert(offsetof(tier_inode_t, i_priority) == 64);
+static_assert(offsetof(tier_inode_t, i_no) == 68);
+static_assert(offsetof(tier_inode_t, i_brick_no) == 72);
+static_assert(offsetof(tier_inode_t, i_unlink) == 76);
+static_assert(offsetof(tier_inode_t, i_use) == 78);
+static_assert(offsetof(tier_inode_t, i_reserved1) == 80);
+static_assert(offsetof(tier_inode_t, new_data) == 80);
+static_assert(offsetof(tier_inode_t, i_reserved2) == 88);
+static_assert(offsetof(tier_inode_t, i_blocks) == 88);
+
+/* Extent: what a data block caches. V1 and V2 begin an extent with this head, at the start of its
+ * slot, and each goes on in its own way.
+ *
+ *   at  width
+ *    0    4   te_checksum       CRC-32 from byte 4 to the end of the record
+ *    4    4   te_block          block number within the file
+ *    8    8   te_size           valid bytes held
+ *   16    4   te_inode_no       slot number of the owning inode
+ *   20    4   te_sampling_low   access counter and identity of the file, bytes reversed
+ *                             against its JSON value
+ *   24    4   te_sampling_mid   access counter
+ *   28    4   te_sampling_high  access counter
+ *   32    2   te_use            nonzero: in use
+ *   34    2   te_clean          nonzero: written back
+ *   36    4   te_ntime          time of the last sampling
+ *   40    8   te_hot            hotness
+ *   48    8   te_reserved1      the entry's own number ("te_no")
+ */
+struct tier_extent_t {
+    uint32_t te_checksum;
+    uint32_t te_block;
+    uint64_t te_size;
+    uint32_t te_inode_no;
+    uint32_t te_sampling_low;
+    uint32_t te_sampling_mid;
+    uint32_t te_sampling_high;
+    uint16_t te_use;
+    uint16_t te_clean;
+    uint32_t te_ntime;
+    uint64_t te_hot;
+    uint64_t te_reserved1;
+};
+static_assert(sizeof(tier_extent_t) == 56);
+static_assert(offsetof(tier_extent_t, te_checksum) == 0);
+static_assert(offsetof(tier_extent_t, te_block) == 4);
+static_assert(offsetof(tier_extent_t, te_size) == 8);
+static_assert(offsetof(tier_extent_t, te_inode_no) == 16);
+static_assert(offsetof(tier_extent_t, te_sampling_low) == 20);
+static_assert(offsetof(tier_extent_t, te_sampling_mid) == 24);
+static_assert(offsetof(tier_extent_t, te_sampling_high) == 28);
+static_assert(offsetof(tier_extent_t, te_use) == 32);
+static_assert(offsetof(tier_extent_t, te_clean) == 34);
+static_assert(offsetof(tier_extent_t, te_ntime) == 36);
+static_assert(offsetof(tier_extent_t, te_hot) == 40);
+static_assert(offsetof(tier_extent_t, te_reserved1) == 48);
+
+/* What a checksum does not cover: itself. */
+constexpr uint32_t TIER_CHECKSUM_SIZE = sizeof(tier_extent_t::te_checksum);
+
+/* Bounds of sb_extent_size, the bytes of the head and its bitmap. */
+constexpr uint32_t TIER_EXTENT_SIZE_MIN = sizeof(tier_extent_t);
+constexpr uint32_t TIER_EXTENT_SIZE_MAX = SIZE_4K;

@@ -216,6 +216,18 @@ int32_t zutr_json_reader::text(const char *name, char *field, size_t size) const
     return 0;
 }
 
+int32_t zutr_json_reader::bits(const char *name, zutr_need need, uint32_t width,
+                               uint64_t *value) const
+{
+    const cJSON *node = nullptr;
+    const int32_t ret = number(name, need, &node);
+    if (node != nullptr) {
+        *value = zutr_to_s64(zutr_json_number(node)) & ((1ULL << width) - 1);
+        accepted(name, *value);
+    }
+    return ret;
+}
+
 void zutr_json_reader::accepted(const char *name, uint64_t value) const
 {
     zutr_debug(func_, "%s: %lu", name, value);

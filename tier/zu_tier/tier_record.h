@@ -3,7 +3,6 @@
 #include "common/zutr_utils.h"
 #include "zu_tier/tier_text.h"
 
-#include <bit>
 #include <cstdint>
 #include <string_view>
 #include <tuple>
@@ -27,6 +26,15 @@ struct zutr_field {
 };
 template <class Record, class Member>
 zutr_field(std::string_view, Member Record::*, zutr_form = {}) -> zutr_field<Record, Member>;
+
+/* A number that is shown but not stored. */
+template <class Record>
+struct zutr_computed {
+    std::string_view key;
+    uint64_t (*value)(const Record &record);
+};
+template <class Record>
+zutr_computed(std::string_view, uint64_t (*)(const Record &)) -> zutr_computed<Record>;
 
 /* CRC-32 over a record from byte 4 to its end; bytes 0..3 hold the stored checksum. */
 template <class Record>
@@ -70,21 +78,32 @@ void zutr_put_value(zutr_text &out, const Member &value, zutr_form form)
     }
 }
 
+template <class Record, class Member>
+void zutr_put_field(zutr_text &out, const Record &record, const zutr_field<Record, Member> &field)
+{
+    zutr_put_value(out, record.*field.member, field.form);
+}
+
+template <class Record>
+void zutr_put_field(zutr_text &out, const Record &record, const zutr_computed<Record> &field)
+{
+    out.decimal(field.value(record));
+}
+
 /* Prints the fields of `record` as members of a JSON object, with commas between them and without
  * the object's braces. */
-template <class Record, class... Members>
-void zutr_put_fields(zutr_text &out, const Record &record,
-                     const std::tuple<zutr_field<Record, Members>...> &fields)
+template <class Record, class... Fields>
+void zutr_put_fields(zutr_text &out, const Record &record, const std::tuple<Fields...> &fields)
 {
     std::string_view separator = "\"";
-    const auto put_field = [&](const auto &field) {
+    const auto put_member = [&](const auto &field) {
         out.put(separator);
         out.put(field.key);
         out.put("\":");
-        zutr_put_value(out, record.*field.member, field.form);
+        zutr_put_field(out, record, field);
         separator = ",\"";
     };
-    std::apply([&](const auto &...field) { (put_field(field), ...); }, fields);
+    std::apply([&](const auto &...field) { (put_member(field), ...); }, fields);
 }
 
 /* Prints a table entry as a JSON object, its slot's device offset last. */

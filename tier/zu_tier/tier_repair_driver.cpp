@@ -84,3 +84,18 @@ ssize_t zutr_repair_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset)
     }
     return static_cast<ssize_t>(nbyte);
 }
+
+bool tier_check_slot(const char *func, int64_t offset)
+{
+    if (offset < 0) {
+        zutr_error(func, "entry offset %ld is invalid", offset);
+    }
+    return offset >= 0;
+}
+
+void zutr_assert_parse(const zutr_params_t *params, const cJSON *document, const void *m,
+                       const char *text)
+{
+    zutr_assert(params != nullptr && params->sb != nullptr && document != nullptr && m != nullptr,
+                text);
+}

@@ -20,3 +20,11 @@ int32_t zutr_repair_common(zutr_params_t *params, zutr_parse_func_t parse_func);
  * fails; the other blocks keep what the failed read left. Gives `nbyte`, or -1 for bad arguments.
  */
 ssize_t zutr_repair_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset);
+
+/* Whether a slot lies where a device can have one; if not, says so on behalf of `func`. The sizes
+ * of a sealed super block may still add up to anything. */
+bool tier_check_slot(const char *func, int64_t offset);
+
+/* What a parser of table entries relies on, in the words `text`. */
+void zutr_assert_parse(const zutr_params_t *params, const cJSON *document, const void *m,
+                       const char *text);

@@ -1,5 +1,7 @@
 #include "zu_tier/tier_super.h"
 
+#include "zu_tier/tier_super_rules.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -62,12 +64,12 @@ int32_t tier_read_version(const zutr_json_reader &in, zutr_cmd_t cmd, uint32_t e
     if (ret != 0) {
         return ret;
     }
-    if (number.error() != 0 || number.value() != expected) {
+    if (number.error() != 0 || (expected != 0 && number.value() != expected)) {
         zutr_error(in.func(), "version str %s is invalid:%s. cmd:%d", number.text(),
                    strerror(number.error()), cmd);
         return -EINVAL;
     }
-    *version = expected;
+    *version = static_cast<uint32_t>(number.value());
     in.accepted("version", number.text());
     return 0;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zu_tier/tier_format.h"
+#include "zu_tier/tier_areas.h"
 #include "zu_tier/tier_json.h"
 #include "zu_tier/tier_record.h"
 #include "zu_tier/zu_tier.h"
@@ -57,12 +57,63 @@ constexpr auto TIER_SUPER_COUNT_KEYS = std::tuple{
     zutr_key{"extent_size", &Super::sb_extent_size, zutr_to_s64},
 };
 
-/* Reads "ctime", a hexadecimal number that any other text may follow. 0 or -EINVAL, logged. */
+/* Reads "ctime", of which 18 characters count: a hexadecimal number up to the first character that
+ * is no such digit. 0 or -EINVAL, logged. */
 int32_t tier_read_ctime(const zutr_json_reader &in, zutr_cmd_t cmd, uint64_t *ctime);
 
-/* Reads "version", a hexadecimal number that must be `expected`. 0 or -EINVAL, logged. */
+/* Reads "version", a hexadecimal number that must be `expected` unless that is 0. 0 or -EINVAL,
+ * logged. */
 int32_t tier_read_version(const zutr_json_reader &in, zutr_cmd_t cmd, uint32_t expected,
                           uint32_t *version);
 
-/* Gives the length of the identity of the SSD when it is the right one, else -EINVAL, logged. */
-int32_t tier_check_ssd_uuid(const char *func, const char (&ssd_uuid)[48]);
+/* Reads what TIER_SUPER_HEAD_FIELDS shows but for checksum and magic. 0 or -EINVAL, logged. */
+template <class Super>
+int32_t tier_read_super_head(const zutr_json_reader &in, zutr_cmd_t cmd, uint32_t expected_version,
+                             Super *sb)
+{
+    int32_t ret = in.read(TIER_SUPER_SIZE_KEYS<Super>, sb);
+    ret = ret == 0 ? tier_read_ctime(in, cmd, &sb->sb_ctime) : ret;
+    ret = ret == 0 ? in.read(TIER_SUPER_IDENTITY_KEYS<Super>, sb) : ret;
+    ret = ret == 0 ? tier_read_version(in, cmd, expected_version, &sb->sb_version) : ret;
+    return ret == 0 ? in.read(TIER_SUPER_COUNT_KEYS<Super>, sb) : ret;
+}
+
+/* Prints a super block as a JSON object. */
+template <class Super, class Fields>
+void tier_print_super(const Super &sb, const Fields &fields, FILE *fp)
+{
+    zutr_text out(fp);
+    out.put("{");
+    zutr_put_fields(out, sb, fields);
+    out.put("}");
+}
+
+/* Whether an image is a super block of a layout: 0, or -EFAULT after a DEBUG line on behalf of
+ * `func` that begins with the layout's name. */
+template <class Super>
+int32_t tier_check_super(const char *func, const char *layout, const Super &sb, uint32_t magic,
+                         uint32_t version)
+{
+    const uint32_t crc = zutr_record_crc(sb);
+    if (sb.sb_magic == magic && sb.sb_version == version && sb.sb_checksum == crc) {
+        return 0;
+    }
+    zutr_debug(func, "%s check super block failed. magic:0x%x, ver:0x%x, cksum:0x%x:0x%x", layout,
+               sb.sb_magic, sb.sb_version, sb.sb_checksum, crc);
+    return -EFAULT;
+}
+
+/* The command dump_super. */
+template <class Super>
+int32_t tier_dump_super(const zutr_params_t *params, zutr_super_check_t check,
+                        void (*print)(const Super *sb, FILE *fp))
+{
+    if (params->sb == nullptr || params->out_fp == nullptr) {
+        return -EINVAL;
+    }
+    const int32_t ret = check(params->sb);
+    if (ret == 0) {
+        print(static_cast<const Super *>(params->sb), params->out_fp);
+    }
+    return ret;
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 
@@ -74,6 +75,16 @@ using zutr_cmd_func_t = int32_t (*)(zutr_params_t *params);
 /* Puts a layout's handler for `cmd`, or null, into `*func`, and gives 0; gives a negative errno
  * when `sb`, unless null, is not a super block of that layout. */
 using zutr_func_selector_t = int32_t (*)(int32_t cmd, const void *sb, zutr_cmd_func_t *func);
+
+/* A layout's handlers, indexed by zutr_cmd_t; null where the layout does not offer the command. */
+using zutr_cmd_map_t = std::array<zutr_cmd_func_t, ZUTR_CMD_MAXVALUE>;
+
+/* A layout's test of a super block: 0, or -EFAULT when it is not one of that layout. */
+using zutr_super_check_t = int32_t (*)(const void *sb);
+
+/* What every selector does: tests `sb`, unless null, and hands out the handler. */
+int32_t zutr_select(zutr_super_check_t check, const zutr_cmd_map_t &map, int32_t cmd,
+                    const void *sb, zutr_cmd_func_t *func);
 
 /* Registers the selector of a layout version, once, before main. */
 void zutr_func_register(int32_t ver, zutr_func_selector_t selector);

@@ -32,7 +32,7 @@ uint32_t extent_size_for(uint32_t block_size)
 {
     const uint64_t pages = block_size / SIZE_4K;
     const uint64_t words = tier_round_up(pages, PAGES_A_WORD) / PAGES_A_WORD;
-    return TIER_EXTENT_SIZE_MIN_V1 + static_cast<uint32_t>(words * sizeof(uint64_t));
+    return TIER_EXTENT_SIZE_MIN + static_cast<uint32_t>(words * sizeof(uint64_t));
 }
 
 /* What the extents of a file need to know of its inode. */
@@ -73,7 +73,7 @@ sample_v1::sample_v1(const tierctl_sizes &sizes, uint64_t seed) : random_(seed)
 {
     super_.sb_magic = TIER_SB_MAGIC_V1;
     super_.sb_version = TIER_SB_VERSION_V1;
-    super_.sb_size = TIER_SB_SIZE_V1;
+    super_.sb_size = TIER_SB_AREA_SIZE;
     super_.sb_ctime = YEAR_START;
     random_.uuid(super_.sb_uuid);
     random_.volume_id().copy(super_.sb_ssd_uuid, sizeof(super_.sb_ssd_uuid) - 1);
@@ -84,9 +84,9 @@ sample_v1::sample_v1(const tierctl_sizes &sizes, uint64_t seed) : random_(seed)
     super_.sb_extent_size = sizes[TIERCTL_EXTENT_SIZE] != 0 ? sizes[TIERCTL_EXTENT_SIZE]
                                                             : extent_size_for(super_.sb_block_size);
     super_.sb_brick_table_size = uint64_t{super_.sb_brick_cnt} * SIZE_4K;
-    super_.sb_inode_table_size = tier_inode_table_size_v1(super_);
+    super_.sb_inode_table_size = tier_inode_table_size(super_);
     super_.sb_extent_table_size = uint64_t{super_.sb_block_cnt} * SIZE_4K;
-    super_.sb_data_offset = tier_data_offset_v1(super_);
+    super_.sb_data_offset = tier_data_offset(super_);
 }
 
 void sample_v1::fill_brick(uint64_t no, uint8_t *slot)
@@ -194,12 +194,12 @@ tierctl_sample_plan plan_v1(const tierctl_sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v1>(sizes, seed);
     const auto &sb = sample->super();
-    const tierctl_table bricks{"brick", tier_bricks_v1(sb), sizeof(tier_brick_info_v1_t),
+    const tierctl_table bricks{"brick", tier_bricks(sb), sizeof(tier_brick_info_v1_t),
                                offsetof(tier_brick_info_v1_t, bi_magic),
                                offsetof(tier_brick_info_v1_t, bi_no)};
-    const tierctl_table inodes{"inode", tier_inodes_v1(sb), sizeof(tier_inode_v1_t),
+    const tierctl_table inodes{"inode", tier_inodes(sb), sizeof(tier_inode_v1_t),
                                offsetof(tier_inode_v1_t, i_magic), offsetof(tier_inode_v1_t, i_no)};
-    const tierctl_table extents{"extent", tier_extents_v1(sb), sb.sb_extent_size, std::nullopt,
+    const tierctl_table extents{"extent", tier_extents(sb), sb.sb_extent_size, std::nullopt,
                                 offsetof(tier_extent_v1_t, te_reserved1)};
     const tierctl_table super{"super",
                               {TIER_SUPER_OFFSET, 1},
@@ -223,11 +223,11 @@ tierctl_sample_plan plan_v1(const tierctl_sizes &sizes, uint64_t seed)
 constinit const tierctl_layout TIERCTL_LAYOUT_V1 = {
     "v1",
     {{
-        {1, TIER_BRICK_CNT_MAX_V1, 1, 4},
-        {1, TIER_INODE_CNT_MAX_V1, 1, 64},
+        {1, TIER_BRICK_CNT_MAX, 1, 4},
+        {1, TIER_INODE_CNT_MAX, 1, 64},
         {1, BLOCKS_MAX, 1, 256},
-        {TIER_BLOCK_SIZE_MIN_V1, TIER_BLOCK_SIZE_MAX_V1, SIZE_4K, SIZE_1M},
-        {TIER_EXTENT_SIZE_MIN_V1, TIER_EXTENT_SIZE_MAX_V1, 1, 0},
+        {TIER_BLOCK_SIZE_MIN, TIER_BLOCK_SIZE_MAX, SIZE_4K, SIZE_1M},
+        {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, 1, 0},
     }},
     plan_v1,
 };
