@@ -1,0 +1,66 @@
+#pragma once
+
+#include "device.h"
+#include "log.h"
+
+#include <chrono>
+#include <iosfwd>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tier_test {
+
+struct RunOptions {
+    std::vector<std::pair<std::string, std::string>> environment{}; // added to the test's own
+    std::string working_directory{};                                // empty: the test's own
+    std::string stdout_path{};                                      // empty: captured
+    std::chrono::milliseconds timeout{60'000};
+};
+
+struct RunResult {
+    int status = -1; // exit status, -1 when a signal ended the program
+    int signal = 0;
+    bool timed_out = false;
+    std::string out;
+    std::string err;
+};
+
+// The executable under test. Standard input is /dev/null, no core is written.
+RunResult run_tool(const std::vector<std::string> &args, const RunOptions &options = {});
+
+RunResult run_program(const std::string &path, const std::vector<std::string> &args,
+                      const RunOptions &options = {});
+
+struct LoggedRun : RunResult {
+    Log log;    // the log file
+    Log errors; // standard error
+};
+
+// Runs the tool with a fresh log file "log" in `directory`: "-l <log>" comes before `args`.
+LoggedRun run_with_log(const TempDir &directory, const std::vector<std::string> &args,
+                       const RunOptions &options = {});
+
+// Runs one command on a device with a log file of its own. `args` follow "-l <log> -p <device>
+// -c <command>".
+LoggedRun run_logged(const Device &device, const std::string &command,
+                     const std::vector<std::string> &args = {}, const RunOptions &options = {});
+
+// The settings with which every accepted command line ends, in the order in which they are logged.
+struct Settings {
+    int spec_ver = 0;
+    int meta_no = -1;
+    std::string repair_conf = "(null)";
+    std::string out_path = "(null)";
+    int use = -1;
+    int error = -1;
+    int owner = -1;
+    std::string id{};
+};
+
+LogLine settings_line(const Device &device, const std::string &command,
+                      const Settings &settings = {});
+
+std::ostream &operator<<(std::ostream &out, const RunResult &result);
+
+} // namespace tier_test

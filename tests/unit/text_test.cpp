@@ -1,0 +1,138 @@
+// Text on its way to a stream.
+
+#include "bytes.h"
+#include "in_process.h"
+#include "zu_tier/tier_text.h"
+
+#include <cerrno>
+#include <limits>
+
+using namespace tier_test;
+
+namespace {
+
+template <class Write>
+std::string written(Write write)
+{
+    const MemoryStream stream;
+    {
+        zutr_text out(stream.get());
+        write(out);
+    }
+    return stream.text();
+}
+
+TEST(Text, UnsignedDecimals)
+{
+    for (const std::uint64_t value :
+         {std::uint64_t{0}, std::uint64_t{9}, std::uint64_t{10}, std::uint64_t{1} << 63,
+          std::numeric_limits<std::uint64_t>::max()})
+        EXPECT_EQ(written([&](zutr_text &out) { out.decimal(value); }), text("%lu", value));
+}
+
+TEST(Text, SignedDecimals)
+{
+    for (const std::int64_t value :
+         {std::int64_t{0}, std::int64_t{-1}, std::int64_t{42},
+          std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()})
+        EXPECT_EQ(written([&](zutr_text &out) { out.signed_decimal(value); }), text("%ld", value));
+}
+
+TEST(Text, Hexadecimals)
+{
+    for (const std::uint64_t value :
+         {std::uint64_t{0}, std::uint64_t{0xA}, std::uint64_t{0xCACBCCCD},
+          std::numeric_limits<std::uint64_t>::max()}) {
+        EXPECT_EQ(written([&](zutr_text &out) { out.hex(value); }), text("0x%lx", value));
+        for (const std::uint32_t width : {0U, 1U, 8U, 16U})
+            EXPECT_EQ(written([&](zutr_text &out) { out.hex_digits(value, width); }),
+                      text("%0*lx", static_cast<int>(width), value))
+                << value << ' ' << width;
+    }
+}
+
+TEST(Text, UuidsAndTimes)
+{
+    const Uuid uuid = numbered_uuid(0xF0);
+    constexpr std::uint64_t MOMENT = 1'500'000'000'999'999'999;
+    EXPECT_EQ(written([&](zutr_text &out) {
+                  out.uuid(uuid.data());
+                  out.put("|");
+                  out.time(MOMENT);
+              }),
+              uuid_text(uuid) + "|" + time_text(MOMENT));
+}
+
+TEST(Text, NothingIsLostHoweverItIsCutIntoPieces)
+{
+    std::string whole;
+    for (int i = 0; whole.size() < 30'000; ++i)
+        whole += std::to_string(i) + (i % 7 == 0 ? "\n" : ",");
+    for (const std::size_t piece :
+         {std::size_t{1}, std::size_t{7}, std::size_t{4095}, std::size_t{4096}, std::size_t{4097},
+          std::size_t{8192}, whole.size()}) {
+        const std::string result = written([&](zutr_text &out) {
+            for (std::size_t at = 0; at < whole.size(); at += piece)
+                out.put(std::string_view(whole).substr(at, piece));
+        });
+        EXPECT_EQ(result, whole) << "pieces of " << piece;
+    }
+}
+
+TEST(Text, EmptyTextWritesNothing)
+{
+    EXPECT_EQ(written([](zutr_text &out) { out.put(""); }), "");
+    EXPECT_EQ(written([](zutr_text &) {}), "");
+}
+
+TEST(Text, BytesPassUnchanged)
+{
+    const std::string bytes("a\0b\xFF%d%s\n", 9);
+    EXPECT_EQ(written([&](zutr_text &out) { out.put(bytes); }), bytes);
+}
+
+TEST(Text, KeepsItsPlaceBetweenOtherWritesToTheStream)
+{
+    const MemoryStream stream;
+    const std::string large(10'000, 'x');
+    std::fputs("before ", stream.get());
+    zutr_text(stream.get()).put("first ");
+    std::fputs("between ", stream.get());
+    {
+        zutr_text out(stream.get());
+        out.put("second ");
+        out.put(large);
+    }
+    std::fputs(" behind", stream.get());
+    EXPECT_EQ(stream.text(), "before first between second " + large + " behind");
+}
+
+TEST(Text, FailedWriteIsRemembered)
+{
+    FILE *full = std::fopen("/dev/full", "w");
+    ASSERT_NE(full, nullptr);
+    std::setvbuf(full, nullptr, _IONBF, 0);
+    zutr_text(full).put("");
+    EXPECT_EQ(std::ferror(full), 0);
+    zutr_text(full).put("x");
+    errno = 0;
+    EXPECT_NE(std::ferror(full), 0);
+    EXPECT_EQ(zutr_output_errno(), ENOSPC);
+    zutr_text(full).put(std::string(10'000, 'x'));
+    EXPECT_EQ(zutr_output_errno(), ENOSPC);
+    std::fclose(full);
+}
+
+TEST(BoundedText, EndsAtTheTerminatorOrTheEndOfTheField)
+{
+    const char field[4] = {'a', 'b', '\0', 'c'};
+    EXPECT_EQ(zutr_bounded(field), "ab");
+    EXPECT_EQ(zutr_bounded(field, 2), "ab");
+    EXPECT_EQ(zutr_bounded(field, 1), "a");
+    EXPECT_EQ(zutr_bounded(field + 2, 2), "");
+    const char open_ended[3] = {'x', 'y', 'z'};
+    EXPECT_EQ(zutr_bounded(open_ended), "xyz");
+    EXPECT_EQ(zutr_bounded(open_ended, 0), "");
+}
+
+} // namespace
