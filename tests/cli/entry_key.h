@@ -1,0 +1,132 @@
+#pragma once
+
+// The keys of repair files, each tied to the field of the entry that it fills.
+
+#include "bytes.h"
+#include "json_number.h"
+#include "repair_file.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <variant>
+#include <vector>
+
+namespace tier_test {
+
+enum class Reading {
+    ALWAYS,   // required, of a free entry too
+    OF_USED,  // required of an entry in use, not read of a free one
+    OPTIONAL, // as OF_USED, but may be missing
+};
+
+template <class Entry>
+using Field =
+    std::variant<std::uint16_t Entry::*, std::uint32_t Entry::*, std::uint64_t Entry::*,
+                 Uuid Entry::*, std::string Entry::*, std::vector<std::uint64_t> Entry::*>;
+
+template <class Entry>
+struct Key {
+    std::string name;
+    Reading reading;
+    Field<Entry> field;
+    Conversion conversion = Conversion::SIGNED_64; // of a number
+
+    bool required() const { return reading != Reading::OPTIONAL; }
+    bool read_of(const Entry &entry) const { return reading == Reading::ALWAYS || entry.use != 0; }
+
+    bool is_number() const { return field.index() < 3; }
+    bool is_array() const { return field.index() == 5; }
+};
+
+// A value as its log line shows it; an array has no line of its own.
+inline std::optional<std::string> logged(std::uint64_t value)
+{
+    return std::to_string(value);
+}
+inline std::optional<std::string> logged(const Uuid &value)
+{
+    return uuid_text(value);
+}
+inline std::optional<std::string> logged(const std::string &value)
+{
+    return value;
+}
+inline std::optional<std::string> logged(const std::vector<std::uint64_t> &)
+{
+    return {};
+}
+
+inline std::string json_array(const std::vector<std::string> &items)
+{
+    std::string array;
+    for (const std::string &item : items)
+        array.append(array.empty() ? "" : ",").append(item);
+    return '[' + array + ']';
+}
+
+inline std::string json_value(std::uint64_t value)
+{
+    return std::to_string(value);
+}
+inline std::string json_value(const Uuid &value)
+{
+    return json_string(uuid_text(value));
+}
+inline std::string json_value(const std::string &value)
+{
+    return json_string(value);
+}
+inline std::string json_value(const std::vector<std::uint64_t> &values)
+{
+    std::vector<std::string> items;
+    for (const std::uint64_t value : values)
+        items.push_back(std::to_string(value));
+    return json_array(items);
+}
+
+template <class Entry>
+std::optional<std::string> logged(const Key<Entry> &key, const Entry &entry)
+{
+    return std::visit([&](const auto field) { return logged(entry.*field); }, key.field);
+}
+
+template <class Entry>
+std::string json_value(const Key<Entry> &key, const Entry &entry)
+{
+    return std::visit([&](const auto field) { return json_value(entry.*field); }, key.field);
+}
+
+// Stores what the tool makes of a number: the low bits of the converted value.
+template <class Entry>
+void store(Entry &entry, const Key<Entry> &key, long double value)
+{
+    std::visit(
+        [&](const auto field) {
+            using Value = std::remove_reference_t<decltype(entry.*field)>;
+            if constexpr (std::is_integral_v<Value>)
+                entry.*field = static_cast<Value>(convert(key.conversion, value));
+        },
+        key.field);
+}
+
+// Gives the field of a key that is not in the file its value: zero.
+template <class Entry>
+void clear(Entry &entry, const Key<Entry> &key)
+{
+    std::visit([&](const auto field) { entry.*field = {}; }, key.field);
+}
+
+// A file with the keys that are read of the entry.
+template <class Entry>
+RepairFile repair_file(const std::vector<Key<Entry>> &keys, const Entry &entry)
+{
+    RepairFile file;
+    for (const Key<Entry> &key : keys)
+        if (key.read_of(entry))
+            file.set(key.name, json_value(key, entry));
+    return file;
+}
+
+} // namespace tier_test

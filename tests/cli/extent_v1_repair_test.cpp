@@ -1,0 +1,167 @@
+// Repairs of the extent table of layout version 1.
+
+#include "table_repair.h"
+
+using namespace tier_test;
+
+namespace tier_test {
+
+INSTANTIATE_TYPED_TEST_SUITE_P(ExtentV1, TableRepair, ExtentV1);
+
+} // namespace tier_test
+
+namespace {
+
+class ExtentV1Repair : public TableRepair<ExtentV1> {
+protected:
+    void set_extent_size(std::uint32_t bytes)
+    {
+        SuperV1 changed = super;
+        changed.extent_size = bytes;
+        set_super(changed);
+    }
+
+    static std::vector<std::uint64_t> words(std::size_t count)
+    {
+        std::vector<std::uint64_t> result;
+        for (std::size_t i = 0; i < count; ++i)
+            result.push_back(0xFFFF'0000'0000'0001U + i);
+        return result;
+    }
+
+    std::string with_bitmap(const std::string &bitmap) const
+    {
+        return RepairFile(file).set("te_bitmap", bitmap).text();
+    }
+
+    // `node` is how the message shows the JSON node of the bitmap.
+    void expect_bitmap_refused(const std::string &document, const std::string &node,
+                               std::size_t wanted)
+    {
+        expect_refused_at("te_bitmap", document,
+                          text("te_bitmap is invalid. bitmap:%s, cnt:%zu", node.c_str(), wanted));
+    }
+};
+
+constexpr auto PRESENT = "<address>";
+
+TEST_F(ExtentV1Repair, InodeNumberMustBeBelowTheCount)
+{
+    for (const std::uint32_t inode_no : {0U, 5U, 6U, 7U, 0xFFFFFFFFU}) {
+        SCOPED_TRACE(inode_no);
+        const ExtentV1 extent = extent_used(2, inode_no);
+        expect_entry_or_bounds_error(repair_file(table.keys, extent).text(), extent);
+    }
+    const ExtentV1 both = extent_used(7, 6);
+    expect_entry_or_bounds_error(repair_file(table.keys, both).text(), both);
+}
+
+TEST_F(ExtentV1Repair, InodeNumberIsNarrowedBeforeItIsChecked)
+{
+    for (const JsonNumber &number : boundary_numbers())
+        expect_number(key("te_inode_no"), number);
+}
+
+TEST_F(ExtentV1Repair, InodeNumberOfAFreeExtentIsNotRead)
+{
+    expect_entry(RepairFile(file).number("te_use", 0).number("te_inode_no", 6).text(),
+                 freed(sample));
+}
+
+TEST_F(ExtentV1Repair, SamplingLowIsStoredInReverse)
+{
+    ASSERT_EQ(repair(RepairFile(file).set("te_sampling_low", "287454020").text(), {"-y"}).status,
+              0);
+    const Block block = device.block(static_cast<std::uint64_t>(extent_offset(super, 2)));
+    EXPECT_EQ(get_u8(block, 20), 0x11);
+    EXPECT_EQ(get_u8(block, 21), 0x22);
+    EXPECT_EQ(get_u8(block, 22), 0x33);
+    EXPECT_EQ(get_u8(block, 23), 0x44);
+}
+
+TEST_F(ExtentV1Repair, BitmapOfEveryRecordSize)
+{
+    for (const std::uint32_t bytes : {56U, 60U, 63U, 64U, 72U, 79U, 568U, 4095U, 4096U}) {
+        SCOPED_TRACE(bytes);
+        set_extent_size(bytes);
+        const std::size_t wanted = (bytes - 56) / 8;
+        ExtentV1 extent = sample;
+        extent.bitmap = words(wanted);
+        expect_entry(repair_file(table.keys, extent).text(), extent);
+        for (const std::size_t count : {wanted - 1, wanted + 1, 2 * wanted + 2}) {
+            if (wanted == 0 && count == wanted - 1)
+                continue;
+            SCOPED_TRACE(count);
+            expect_bitmap_refused(with_bitmap(json_value(words(count))), PRESENT, wanted);
+        }
+    }
+}
+
+TEST_F(ExtentV1Repair, FreeExtentOfEveryRecordSizeIsZeroBehindItsNumber)
+{
+    for (const std::uint32_t bytes : {56U, 60U, 4096U}) {
+        SCOPED_TRACE(bytes);
+        set_extent_size(bytes);
+        ASSERT_EQ(repair(R"({"te_use":0,"te_no":2})", {"-y"}).status, 0);
+        Block expected{};
+        put_u64(expected, 48, 2);
+        seal(expected, bytes);
+        EXPECT_EQ(device.block(static_cast<std::uint64_t>(extent_offset(super, 2))), expected);
+    }
+}
+
+TEST_F(ExtentV1Repair, BitmapMissing)
+{
+    expect_bitmap_refused(RepairFile(file).erase("te_bitmap").text(), "(nil)", 2);
+    set_extent_size(56);
+    expect_bitmap_refused(RepairFile(file).erase("te_bitmap").text(), "(nil)", 0);
+}
+
+TEST_F(ExtentV1Repair, BitmapOfAnotherType)
+{
+    const std::vector<std::string> others{
+        "5",  "\"1 2\"",          "null",  "true",
+        "{}", R"({"a":1,"b":2})", "false", "\"0x0000000000000001 \""};
+    for (const std::string &value : others) {
+        SCOPED_TRACE(value);
+        expect_bitmap_refused(with_bitmap(value), PRESENT, 2);
+    }
+    set_extent_size(56); // no words wanted, but still an array
+    for (const std::string value : {"{}", "\"\"", "0", "null"}) {
+        SCOPED_TRACE(value);
+        expect_bitmap_refused(with_bitmap(value), PRESENT, 0);
+    }
+}
+
+TEST_F(ExtentV1Repair, BitmapItemOfAnotherType)
+{
+    for (const std::string &value : values_of_other_types(true)) {
+        SCOPED_TRACE(value);
+        expect_refused_at("te_bitmap", with_bitmap("[" + value + ",2]"),
+                          "te_bitmap index 0 is invalid, value:<address>");
+        expect_refused_at("te_bitmap", with_bitmap("[1," + value + "]"),
+                          "te_bitmap index 1 is invalid, value:<address>");
+        expect_refused_at("te_bitmap", with_bitmap("[" + value + "," + value + "]"),
+                          "te_bitmap index 0 is invalid, value:<address>");
+    }
+}
+
+TEST_F(ExtentV1Repair, RecordSizeOutOfRangeIsRefused)
+{
+    for (const std::uint32_t bytes : {0U, 55U, 4097U, 0xFFFFFFFFU}) {
+        set_extent_size(bytes);
+        const LogLine refusal =
+            error(text("sb_extent_size %u is invalid, expect:[56-4096]", bytes));
+        expect_refused(file.text(), {refusal}, 14);
+        expect_refused(R"({"te_use":0,"te_no":2})", {refusal}, 14);
+    }
+}
+
+TEST_F(ExtentV1Repair, DumpedExtentIsNoRepairFile)
+{
+    // Its sampling counter is text.
+    expect_refused_at("te_sampling_low", json(sample, super.extent_size, 0),
+                      "parse te_sampling_low failed");
+}
+
+} // namespace

@@ -1,0 +1,129 @@
+#include "sample_image.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace tier_test {
+
+namespace {
+
+// A NUL-terminated text in a field of `width` bytes.
+std::string get_text(ConstByteSpan bytes, std::size_t offset, std::size_t width)
+{
+    std::string text;
+    for (std::size_t i = offset; i < offset + width && get_u8(bytes, i) != 0; ++i)
+        text += static_cast<char>(get_u8(bytes, i));
+    return text;
+}
+
+} // namespace
+
+RunResult run_sample(const std::string &path, const std::vector<std::string> &args)
+{
+    std::vector<std::string> all{"sample", "--layout", "v1"};
+    all.insert(all.end(), args.begin(), args.end());
+    all.push_back(path);
+    return run_program(ZU_TIERCTL_BIN, all);
+}
+
+Device make_sample(const std::vector<std::string> &args)
+{
+    Device device(0);
+    std::filesystem::remove(device.path());
+    const RunResult run = run_sample(device.path(), args);
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.out + run.err, "");
+    return device;
+}
+
+SuperV1 decode_super(const Block &block)
+{
+    SuperV1 sb;
+    sb.magic = get_u32(block, 4);
+    sb.brick_table_size = get_u64(block, 8);
+    sb.inode_table_size = get_u64(block, 16);
+    sb.extent_table_size = get_u64(block, 24);
+    sb.data_offset = get_u64(block, 32);
+    sb.ctime = get_u64(block, 40);
+    sb.uuid = get_uuid(block, 48);
+    sb.ssd_uuid = get_text(block, 64, 48);
+    sb.version = get_u32(block, 112);
+    sb.size = get_u32(block, 116);
+    sb.brick_cnt = get_u32(block, 120);
+    sb.inode_cnt = get_u32(block, 124);
+    sb.block_size = get_u32(block, 128);
+    sb.block_cnt = get_u32(block, 132);
+    sb.extent_size = get_u32(block, 136);
+    sb.reserved = get_u32(block, 140);
+    return sb;
+}
+
+BrickV1 decode_brick(const Block &block)
+{
+    BrickV1 brick;
+    brick.magic = get_u32(block, 4);
+    brick.use = get_u32(block, 8);
+    brick.no = get_u32(block, 12);
+    brick.uuid = get_uuid(block, 16);
+    brick.brickid = get_text(block, 32, 128);
+    brick.unlink = get_u32(block, 160);
+    brick.reserved = get_u32(block, 164);
+    return brick;
+}
+
+InodeV1 decode_inode(const Block &block)
+{
+    InodeV1 inode;
+    inode.magic = get_u32(block, 4);
+    inode.atime = get_u64(block, 8);
+    inode.ctime = get_u64(block, 16);
+    inode.mtime = get_u64(block, 24);
+    inode.dtime = get_u64(block, 32);
+    inode.uuid = get_uuid(block, 40);
+    inode.size = get_u64(block, 56);
+    inode.priority = get_u32(block, 64);
+    inode.no = get_u32(block, 68);
+    inode.brick_no = get_u32(block, 72);
+    inode.unlink = get_u16(block, 76);
+    inode.use = get_u16(block, 78);
+    inode.reserved1 = get_u64(block, 80);
+    inode.reserved2 = get_u64(block, 88);
+    return inode;
+}
+
+ExtentV1 decode_extent(const Block &block, std::uint32_t extent_size)
+{
+    ExtentV1 extent;
+    extent.block = get_u32(block, 4);
+    extent.size = get_u64(block, 8);
+    extent.inode_no = get_u32(block, 16);
+    for (std::size_t i = 0; i < 4; ++i) // shown with its bytes in reverse
+        extent.sampling_low = extent.sampling_low << 8 | get_u8(block, 20 + i);
+    extent.sampling_mid = get_u32(block, 24);
+    extent.sampling_high = get_u32(block, 28);
+    extent.use = get_u16(block, 32);
+    extent.clean = get_u16(block, 34);
+    extent.ntime = get_u32(block, 36);
+    extent.hot = get_u64(block, 40);
+    extent.no = get_u64(block, 48);
+    for (std::size_t at = 56; at + 8 <= extent_size; at += 8)
+        extent.bitmap.push_back(get_u64(block, at));
+    return extent;
+}
+
+std::vector<SampleTable> sample_tables(const SuperV1 &sb)
+{
+    return {
+        {"brick", BrickV1::LENGTH, 4, 12, brick_offset, "dump_brick", "bi_no"},
+        {"inode", InodeV1::LENGTH, 4, 68, inode_offset, "dump_inode", "no"},
+        {"extent", sb.extent_size, -1, 48, extent_offset, "dump_extent", "te_no"},
+    };
+}
+
+SampleTable sample_super()
+{
+    const auto offset = [](const SuperV1 &, std::uint64_t) { return std::int64_t{4096}; };
+    return {"super", SuperV1::LENGTH, 4, -1, offset, "dump_super", ""};
+}
+
+} // namespace tier_test

@@ -1,0 +1,321 @@
+#pragma once
+
+// The rules that the repairs of all tables of layout version 1 share. Each table's test file
+// instantiates them with its entry.
+
+#include "repair_fixture.h"
+#include "table_v1.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tier_test {
+
+// A key with a JSON value of every type but its own.
+inline std::vector<std::string> values_of_other_types(bool number)
+{
+    return {number ? "\"5\"" : "5", "null", "true", "false", "[]", "[5]", "{}", R"({"a":"5"})"};
+}
+
+template <class E>
+class TableRepair : public RepairFixture {
+protected:
+    using Entry = E;
+
+    const TableV1<Entry> &table = table_v1<Entry>();
+    const Entry sample = table.repairable(2, 1);
+    const RepairFile file = repair_file(table.keys, sample);
+
+    TableRepair() : RepairFixture(table_v1<Entry>().repair, table_v1<Entry>().repair_code) {}
+
+    static Entry freed(const Entry &entry)
+    {
+        Entry result;
+        result.no = entry.no;
+        return result;
+    }
+
+    std::uint32_t count() const { return super.*table.count; }
+    LogLine error(const std::string &message) const { return error_line(table.parser, message); }
+
+    const Key<Entry> &key(std::string_view name) const
+    {
+        return *std::ranges::find(table.keys, name, &Key<Entry>::name);
+    }
+
+    // What the log says of the keys of the entry in front of the key `end`.
+    Log key_log(const Entry &entry, std::string_view end = {},
+                const std::vector<std::string> &missing = {}) const
+    {
+        Log log;
+        for (const Key<Entry> &each : table.keys) {
+            if (each.name == end)
+                break;
+            const auto value = logged(each, entry);
+            if (value && each.read_of(entry) && std::ranges::count(missing, each.name) == 0)
+                log.push_back(debug_line(table.parser, each.name + ": " + *value));
+        }
+        return log;
+    }
+
+    Repaired repaired(const Entry &entry, const std::string &out) const
+    {
+        const Entry whole = table.completed(entry, out);
+        const std::int64_t offset = table.offset(super, whole.no);
+        return {offset, table.encode(super, whole), table.json(super, whole, offset)};
+    }
+
+    void expect_entry(const std::string &document, const Entry &entry,
+                      const std::vector<std::string> &missing = {})
+    {
+        expect_accepted(document, key_log(entry, {}, missing),
+                        [&](const std::string &out) { return repaired(entry, out); });
+    }
+
+    // The keys in front of `key` are accepted, then the parse ends with this message.
+    void expect_refused_at(std::string_view key, const std::string &document,
+                           const std::string &message)
+    {
+        Log lines = key_log(sample, key);
+        lines.push_back(error(message));
+        expect_refused(document, lines);
+    }
+
+    // The file describes this entry, which is refused if its numbers lie out of bounds.
+    void expect_entry_or_bounds_error(const std::string &document, const Entry &entry)
+    {
+        const std::optional<std::string> message = table.bounds_error(super, entry);
+        if (!message)
+            return expect_entry(document, entry);
+        Log lines = key_log(entry);
+        lines.push_back(error(*message));
+        expect_refused(document, lines);
+    }
+
+    void expect_number(const Key<Entry> &each, const JsonNumber &number)
+    {
+        SCOPED_TRACE(each.name + ": " + number.text);
+        Entry entry = sample;
+        store(entry, each, number.value);
+        expect_entry_or_bounds_error(RepairFile(file).set(each.name, number.text).text(),
+                                     entry.use != 0 ? entry : freed(entry));
+    }
+
+    // UUID texts that are accepted in either case, and those that are not.
+    void expect_uuid_rules(const std::string &name)
+    {
+        const std::string good = *logged(key(name), sample);
+        std::string upper = good;
+        for (char &c : upper)
+            c = static_cast<char>(std::toupper(c));
+        ASSERT_NE(upper, good);
+        expect_entry(RepairFile(file).string(name, upper).text(), sample);
+
+        for (const std::string &bad :
+             {std::string(), std::string("abc"), good.substr(1), good + "0", " " + good, good + " ",
+              "{" + good + "}", "g" + good.substr(1), std::string(36, '-'), std::string(36, 'a'),
+              std::string(32, 'a')}) {
+            SCOPED_TRACE(bad);
+            expect_refused_at(name, RepairFile(file).string(name, bad).text(),
+                              "parse uuid " + bad + " failed:-1");
+        }
+    }
+};
+
+TYPED_TEST_SUITE_P(TableRepair);
+
+TYPED_TEST_P(TableRepair, EntryInUseOfEverySlot)
+{
+    for (std::uint32_t no = 0; no < this->count(); ++no) {
+        SCOPED_TRACE(no);
+        const TypeParam entry = this->table.repairable(no, 4 - no % 5);
+        this->expect_entry(repair_file(this->table.keys, entry).text(), entry);
+    }
+}
+
+TYPED_TEST_P(TableRepair, FreeEntryReadsOnlyUseAndNumber)
+{
+    for (std::uint32_t no = 0; no < this->count(); ++no) {
+        SCOPED_TRACE(no);
+        const TypeParam entry{.no = no};
+        const RepairFile two_keys = repair_file(this->table.keys, entry);
+        this->expect_entry(two_keys.text(), entry);
+        for (const std::string value : {"7", "\"text\"", "null", "[{}]"}) {
+            SCOPED_TRACE(value);
+            RepairFile more = two_keys;
+            for (const auto &key : this->table.keys)
+                if (key.reading != Reading::ALWAYS)
+                    more.set(key.name, value);
+            this->expect_entry(more.text(), entry);
+        }
+    }
+}
+
+TYPED_TEST_P(TableRepair, KeysInReverseOrderAreLoggedInReadingOrder)
+{
+    RepairFile reversed;
+    std::for_each(this->table.keys.rbegin(), this->table.keys.rend(),
+                  [&](const auto &key) { reversed.set(key.name, json_value(key, this->sample)); });
+    this->expect_entry(reversed.text(), this->sample);
+}
+
+TYPED_TEST_P(TableRepair, RequiredKeyMissing)
+{
+    for (const auto &key : this->table.keys) {
+        if (!key.required() || key.is_array())
+            continue;
+        SCOPED_TRACE(key.name);
+        this->expect_refused_at(key.name, RepairFile(this->file).erase(key.name).text(),
+                                "parse " + key.name + " failed");
+    }
+    this->expect_refused("{}", {this->error("parse " + this->table.keys[0].name + " failed")});
+}
+
+TYPED_TEST_P(TableRepair, OptionalKeysMissing)
+{
+    TypeParam bare = this->sample;
+    RepairFile bare_file = this->file;
+    std::vector<std::string> missing;
+    for (const auto &key : this->table.keys) {
+        if (key.required())
+            continue;
+        SCOPED_TRACE(key.name);
+        TypeParam entry = this->sample;
+        clear(entry, key);
+        this->expect_entry(RepairFile(this->file).erase(key.name).text(), entry, {key.name});
+        clear(bare, key);
+        bare_file.erase(key.name);
+        missing.push_back(key.name);
+    }
+    this->expect_entry(bare_file.text(), bare, missing);
+}
+
+TYPED_TEST_P(TableRepair, KeyOfAnotherType)
+{
+    for (const auto &key : this->table.keys) {
+        if (key.is_array())
+            continue;
+        for (const std::string &value : values_of_other_types(key.is_number())) {
+            SCOPED_TRACE(key.name + ": " + value);
+            this->expect_refused_at(key.name, RepairFile(this->file).set(key.name, value).text(),
+                                    "parse " + key.name + " failed");
+        }
+    }
+}
+
+TYPED_TEST_P(TableRepair, NumbersAreNarrowedToTheirFields)
+{
+    for (const JsonNumber &number : boundary_numbers()) {
+        SCOPED_TRACE(number.text);
+        TypeParam entry = this->sample;
+        RepairFile numbers = this->file;
+        for (const auto &key : this->table.keys) {
+            TypeParam owned_elsewhere = this->sample;
+            store(owned_elsewhere, key, 1e6L);
+            const bool bounded = this->table.bounds_error(this->super, owned_elsewhere).has_value();
+            if (!key.is_number() || key.reading == Reading::ALWAYS || bounded)
+                continue;
+            store(entry, key, number.value);
+            numbers.set(key.name, number.text);
+        }
+        this->expect_entry(numbers.text(), entry);
+    }
+}
+
+TYPED_TEST_P(TableRepair, UseAndNumberAreNarrowedBeforeTheyDecide)
+{
+    for (const auto &key : this->table.keys)
+        if (key.reading == Reading::ALWAYS)
+            for (const JsonNumber &number : boundary_numbers())
+                this->expect_number(key, number);
+}
+
+TYPED_TEST_P(TableRepair, EntryNumberMustBeBelowTheCount)
+{
+    for (const TypeParam &entry : {this->sample, this->freed(this->sample)}) {
+        for (const std::uint32_t no : {this->count() - 1, this->count(), this->count() + 1}) {
+            SCOPED_TRACE(no);
+            TypeParam numbered = entry;
+            numbered.no = no;
+            this->expect_entry_or_bounds_error(repair_file(this->table.keys, numbered).text(),
+                                               numbered);
+        }
+    }
+}
+
+TYPED_TEST_P(TableRepair, EmptyTableTakesNoEntry)
+{
+    SuperV1 changed = this->super;
+    changed.*this->table.count = 0;
+    this->set_super(changed);
+    this->expect_entry_or_bounds_error(repair_file(this->table.keys, TypeParam{}).text(), {});
+}
+
+TYPED_TEST_P(TableRepair, OffsetBehind4GiB)
+{
+    SuperV1 changed = this->super;
+    changed.*this->table.count = 0xFFFFFFFF;
+    this->set_super(changed);
+    TypeParam entry = this->sample;
+    entry.no = 0xFFFFFFFE;
+    const LoggedRun run = this->repair(repair_file(this->table.keys, entry).text());
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, this->repaired(entry, run.out).json);
+}
+
+TYPED_TEST_P(TableRepair, OtherKeysAreIgnored)
+{
+    RepairFile more;
+    for (const std::string &name : this->table.unread_keys)
+        more.number(name, 3);
+    for (const auto &key : this->table.keys)
+        more.set(key.name, json_value(key, this->sample));
+    this->expect_entry(more.text(), this->sample);
+}
+
+TYPED_TEST_P(TableRepair, EntryGoesToStandardOutputAndNotToTheOutputFile)
+{
+    const std::string out = this->device.directory().path("out");
+    const LoggedRun run = this->repair(this->file.text(), {"-o", out});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, this->repaired(this->sample, run.out).json);
+    EXPECT_EQ(read_file(out), "");
+}
+
+// The tables need not be as large as their counts ask for.
+TYPED_TEST_P(TableRepair, OffsetFollowsTheSizesInTheSuperBlock)
+{
+    SuperV1 changed = this->super;
+    changed.size = 0x80000;
+    changed.brick_table_size += 3 * BLOCK_SIZE;
+    changed.inode_table_size -= 5 * BLOCK_SIZE;
+    this->set_super(changed);
+    this->expect_entry(this->file.text(), this->sample);
+
+    // The super block area's size and its first block are added in 32 bits.
+    changed.size = 0xFFFFF000;
+    changed.brick_table_size = MIB;
+    this->set_super(changed);
+    this->expect_entry(this->file.text(), this->sample);
+}
+
+TYPED_TEST_P(TableRepair, ForcedVersionAborts)
+{
+    const std::vector<std::uint8_t> before = this->device.bytes();
+    expect_abort(this->repair(this->file.text(), {"-v", "1", "-y"}),
+                 this->table.assertion_without_super);
+    EXPECT_EQ(this->device.bytes(), before);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(TableRepair, EntryInUseOfEverySlot, FreeEntryReadsOnlyUseAndNumber,
+                            KeysInReverseOrderAreLoggedInReadingOrder, RequiredKeyMissing,
+                            OptionalKeysMissing, KeyOfAnotherType, NumbersAreNarrowedToTheirFields,
+                            UseAndNumberAreNarrowedBeforeTheyDecide, EntryNumberMustBeBelowTheCount,
+                            EmptyTableTakesNoEntry, OffsetBehind4GiB, OtherKeysAreIgnored,
+                            EntryGoesToStandardOutputAndNotToTheOutputFile,
+                            OffsetFollowsTheSizesInTheSuperBlock, ForcedVersionAborts);
+
+} // namespace tier_test
