@@ -1,0 +1,58 @@
+#pragma once
+
+// Runs with faults; the grammar of the faults stands in faults.cpp.
+
+#include "run.h"
+
+#include <sstream>
+
+namespace tier_test {
+
+struct FaultyRun : LoggedRun {
+    std::vector<std::string> taken; // the calls that a fault took, as they were traced
+};
+
+inline std::vector<std::string> lines_of(const std::string &content)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(content);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// Runs `program` with a log file of its own: "-l <log> -p <device> -c <command>", then `args`.
+inline FaultyRun run_faulty(const std::string &program, const Device &device,
+                            const std::string &command, const std::string &faults,
+                            const std::vector<std::string> &args = {}, RunOptions options = {})
+{
+    const TempDir &directory = device.directory();
+    const std::string trace = directory.write("trace", "");
+    const std::string log = directory.write("log", "");
+    options.environment.emplace_back("LD_PRELOAD", ZUTR_FAULTS_LIB);
+    options.environment.emplace_back("ZUTR_FAULTS",
+                                     text("trace:%s;%s", trace.c_str(), faults.c_str()));
+    std::vector<std::string> all{"-l", log, "-p", device.path(), "-c", command};
+    all.insert(all.end(), args.begin(), args.end());
+    FaultyRun run{{run_program(program, all, options), {}, {}}, {}};
+    run.log = parse_log(read_file(log));
+    run.errors = parse_log(run.err);
+    run.taken = lines_of(read_file(trace));
+    return run;
+}
+
+inline FaultyRun run_faulty(const Device &device, const std::string &command,
+                            const std::string &faults, const std::vector<std::string> &args = {},
+                            const RunOptions &options = {})
+{
+    return run_faulty(ZU_TIER_BIN, device, command, faults, args, options);
+}
+
+// A device call as the trace shows it.
+inline std::string traced(const char *call, std::uint64_t size, std::int64_t offset,
+                          const std::string &effect)
+{
+    return text("%s(%lu)@%ld=%s", call, size, offset, effect.c_str());
+}
+
+} // namespace tier_test

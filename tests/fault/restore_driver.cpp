@@ -1,0 +1,20 @@
+// restore_driver <options of the tool>: restores the V1 inode that -n names, which no command of
+// the tool does. -c only has to name some command, -y opens the device for writing. Prints the
+// handler's result behind its own output.
+
+#include "zu_tier/zu_tier.h"
+
+#include <cstdio>
+
+int main(int argc, char *argv[])
+{
+    zutr_params_t params;
+    zutr_cmd_func_t restore = nullptr;
+    if (zutr_prepare_param(argc, argv, &params) != 0 ||
+        zutr_get_selector(ZUTR_VER_CODE_V1)(ZUTR_CMD_RESTORE_INODE, params.sb, &restore) != 0)
+        return 1;
+    const int32_t result = restore(&params);
+    std::printf("result:%d\n", result);
+    zutr_params_fini(&params);
+    return 0;
+}
