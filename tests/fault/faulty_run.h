@@ -30,6 +30,7 @@ inline FaultyRun run_faulty(const std::string &program, const Device &device,
     const std::string trace = directory.write("trace", "");
     const std::string log = directory.write("log", "");
     options.environment.emplace_back("LD_PRELOAD", ZUTR_FAULTS_LIB);
+    options.environment.emplace_back("MALLOC_PERTURB_", "90"); // no memory is zero by chance
     options.environment.emplace_back("ZUTR_FAULTS",
                                      text("trace:%s;%s", trace.c_str(), faults.c_str()));
     std::vector<std::string> all{"-l", log, "-p", device.path(), "-c", command};

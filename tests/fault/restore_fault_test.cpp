@@ -124,11 +124,17 @@ TEST_F(RestoreFaults, PartlyReadSlotKeepsWhatWasRead)
     }
 }
 
-TEST_F(RestoreFaults, HealthySlotThatCannotBeReadIsTakenForDamaged)
+TEST_F(RestoreFaults, HealthySlotThatCannotBeReadWholeIsTakenForDamaged)
 {
-    device.write(static_cast<std::uint64_t>(inode), encode(inode_used(NO, 0)));
+    const Block healthy = encode(inode_used(NO, 0));
+    device.write(static_cast<std::uint64_t>(inode), healthy);
     expect_restore(text("pread@%ld+4096=EIO", inode), success(Block{}),
                    {traced("pread", 4096, inode, "EIO")});
+    // The record was read and is sound, the block was not.
+    device.write(static_cast<std::uint64_t>(inode), healthy);
+    expect_restore(
+        text("pread@%ld+4096#1=short:512;pread@%ld+4096=EIO", inode, inode), success(healthy),
+        {traced("pread", 4096, inode, "short:512"), traced("pread", 3584, inode + 512, "EIO")});
 }
 
 TEST_F(RestoreFaults, FailedWrite)

@@ -1,5 +1,6 @@
 // The dump driver over tables whose blocks say what their formatter shall give.
 
+#include "dump_text.h"
 #include "in_process.h"
 #include "zu_tier/tier_dump_driver.h"
 
@@ -31,14 +32,6 @@ std::vector<Visit> visits;
 std::string item(std::int64_t no)
 {
     return text("{%ld}", no);
-}
-
-std::string joined(const std::vector<std::string> &items)
-{
-    std::string result;
-    for (const std::string &each : items)
-        result.append(result.empty() ? "[" : ",").append(each);
-    return result.append(result.empty() ? "[]" : "]");
 }
 
 // The formatter: bytes 0..3 of a block are its number, bytes 4..7 the result it asks for.
@@ -93,10 +86,10 @@ protected:
         return walk;
     }
 
-    std::string error_record(std::int32_t errno_value, std::int64_t index) const
+    // What becomes of block `index` of the table when it cannot be read or checked.
+    std::string bad_item(std::int32_t errno_value, std::int64_t index) const
     {
-        return text("{\"error\":%d, \"key\":%ld, \"meta_offset\":%ld}", errno_value,
-                    base_no + index, START + index * 4096);
+        return error_record(errno_value, "key", base_no + index, START + index * 4096);
     }
 
     static LogLine chunk_failed(std::int64_t offset, std::int32_t length)
@@ -127,7 +120,7 @@ protected:
             if (results[i] == 0)
                 items.push_back(item(no));
             else if (results[i] < 0 && error != 0)
-                items.push_back(error_record(-results[i], static_cast<std::int64_t>(i)));
+                items.push_back(bad_item(-results[i], static_cast<std::int64_t>(i)));
         }
         const Walk walk = dump(-1, static_cast<std::int32_t>(results.size()));
         EXPECT_EQ(walk.call, Call{});
@@ -211,7 +204,7 @@ TEST_F(DumpDriverWalk, UnreadableBlocksBecomeErrorRecords)
     for (std::int64_t i = 0; i < 300; ++i) {
         const auto no = static_cast<std::int32_t>(1000 + i);
         if (i >= READABLE) {
-            bad.push_back(error_record(5, i));
+            bad.push_back(bad_item(5, i));
             log.push_back(debug_line(FUNC, text("read key %d failed:-1, offset:%ld", no, CHUNK)));
             continue;
         }
@@ -235,7 +228,7 @@ TEST_F(DumpDriverWalk, FirstItemMayBeAnUnreadableBlock)
 {
     make_table({0, 0});
     device.truncate(START);
-    EXPECT_EQ(dump(-1, 2).out, joined({error_record(5, 0), error_record(5, 1)}));
+    EXPECT_EQ(dump(-1, 2).out, joined({bad_item(5, 0), bad_item(5, 1)}));
     error = 0;
     EXPECT_EQ(dump(-1, 2).out, "[]");
 }

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <limits>
-#include <vector>
+#include <span>
 
 namespace {
 
@@ -23,7 +23,7 @@ struct Row {
 };
 
 // The same for all three conversions, up to their width.
-const std::vector<Row> SMALL{
+constexpr Row SMALL[] = {
     {0.0L, 0},
     {-0.0L, 0},
     {TINY, 0},
@@ -44,7 +44,7 @@ const std::vector<Row> SMALL{
 };
 
 // Beyond 32 bits the two wide conversions agree up to 2^63.
-const std::vector<Row> WIDE{
+constexpr Row WIDE[] = {
     {TWO_31, 0x80000000},
     {-TWO_31 - 1, 0xFFFFFFFF7FFFFFFF},
     {0x1p53L + 1, 0x20000000000001},
@@ -58,19 +58,19 @@ const std::vector<Row> WIDE{
     {-ENDLESS, INDEFINITE_64},
 };
 
-const std::vector<Row> SIGNED_64_TOP{
+constexpr Row SIGNED_64_TOP[] = {
     {TWO_63, INDEFINITE_64}, {TWO_63 + 1, INDEFINITE_64}, {TWO_64 - 1, INDEFINITE_64},
     {TWO_64, INDEFINITE_64}, {LARGEST, INDEFINITE_64},    {ENDLESS, INDEFINITE_64},
 };
 
-const std::vector<Row> UNSIGNED_64_TOP{
+constexpr Row UNSIGNED_64_TOP[] = {
     {TWO_63, 0x8000000000000000},     {TWO_63 + 1, 0x8000000000000001},
     {TWO_64 - 2, 0xFFFFFFFFFFFFFFFE}, {TWO_64 - 1, 0xFFFFFFFFFFFFFFFF},
     {TWO_64, INDEFINITE_64},          {TWO_64 + 2, INDEFINITE_64},
     {LARGEST, INDEFINITE_64},         {ENDLESS, INDEFINITE_64},
 };
 
-const std::vector<Row> SIGNED_32_BEYOND{
+constexpr Row SIGNED_32_BEYOND[] = {
     {TWO_31, INDEFINITE_32},   {TWO_31 + 0.5L, INDEFINITE_32}, {-TWO_31 - 1, INDEFINITE_32},
     {0x1p32L, INDEFINITE_32},  {0x1p32L + 5, INDEFINITE_32},   {TWO_63, INDEFINITE_32},
     {-TWO_63, INDEFINITE_32},  {TWO_64, INDEFINITE_32},        {LARGEST, INDEFINITE_32},
@@ -80,27 +80,27 @@ const std::vector<Row> SIGNED_32_BEYOND{
 // Field: the type whose bits a caller may keep.
 template <class Field>
 void expect_rows(std::uint64_t (*convert)(long double),
-                 std::initializer_list<const std::vector<Row> *> tables)
+                 std::initializer_list<std::span<const Row>> tables)
 {
-    for (const auto *table : tables)
-        for (const Row &row : *table)
+    for (const auto &table : tables)
+        for (const Row &row : table)
             EXPECT_EQ(static_cast<Field>(convert(row.number)), static_cast<Field>(row.expected))
                 << row.number;
 }
 
 TEST(JsonNumber, Unsigned64)
 {
-    expect_rows<std::uint64_t>(zutr_to_u64, {&SMALL, &WIDE, &UNSIGNED_64_TOP});
+    expect_rows<std::uint64_t>(zutr_to_u64, {SMALL, WIDE, UNSIGNED_64_TOP});
 }
 
 TEST(JsonNumber, Signed64)
 {
-    expect_rows<std::uint64_t>(zutr_to_s64, {&SMALL, &WIDE, &SIGNED_64_TOP});
+    expect_rows<std::uint64_t>(zutr_to_s64, {SMALL, WIDE, SIGNED_64_TOP});
 }
 
 TEST(JsonNumber, Signed32)
 {
-    expect_rows<std::uint32_t>(zutr_to_s32, {&SMALL, &SIGNED_32_BEYOND});
+    expect_rows<std::uint32_t>(zutr_to_s32, {SMALL, SIGNED_32_BEYOND});
 }
 
 TEST(JsonNumber, NarrowFieldsOfNumbersOutOfRangeAreZero)

@@ -70,7 +70,7 @@ struct Row {
     std::int64_t offset; // seconds east
 };
 
-const std::vector<Row> ROWS{
+constexpr Row ROWS[] = {
     {"UTC0", 0, 0},
     {"UTC0", SECOND - 1, 0},
     {"UTC0", SECOND, 0},

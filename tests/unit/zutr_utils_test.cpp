@@ -85,10 +85,10 @@ struct Range {
     std::size_t length;
 };
 
-const std::vector<Range> INSIDE{{0, 1},     {0, 4096},     {4096, 8192}, {1, 4095},
-                                {0, 20480}, {16384, 4096}, {20479, 1}};
-const std::vector<Range> OUTSIDE{{20480, 1}, {20480, 4096},    {24576, 4096}, {16384, 8192},
-                                 {0, 20481}, {1LL << 40, 512}, {-4096, 4096}, {-1, 1}};
+constexpr Range INSIDE[] = {{0, 1},     {0, 4096},     {4096, 8192}, {1, 4095},
+                            {0, 20480}, {16384, 4096}, {20479, 1}};
+constexpr Range OUTSIDE[] = {{20480, 1}, {20480, 4096},    {24576, 4096}, {16384, 8192},
+                             {0, 20481}, {1LL << 40, 512}, {-4096, 4096}, {-1, 1}};
 
 TEST_F(WholeAccess, ReadnGivesTheWholeRangeAndNoMore)
 {
