@@ -1,6 +1,7 @@
 // Which layout takes a device, which handler runs, and what becomes of its result.
 
 #include "expect.h"
+#include "probe_log.h"
 #include "v1_device.h"
 
 #include <algorithm>
@@ -30,6 +31,7 @@ std::ostream &operator<<(std::ostream &out, const LayoutCommands &layout)
 
 const std::vector<LayoutCommands> LAYOUTS{
     {1, {"dump_shard", "dump_hot", "repair_shard", "repair_hot", "convert_super"}},
+    {2, {"dump_shard", "dump_hot", "repair_shard", "repair_hot"}},
 };
 
 // A super block with nothing but what a layout's check looks at.
@@ -50,16 +52,6 @@ Block bare_super(int version)
                         : bare_super(0xCACBCCCD, 0x10000, 144);
 }
 
-// What the check of a layout whose super block has `length` bytes says about a block it refuses.
-LogLine refused_by(int version, const Block &block)
-{
-    const std::size_t length = version == 1 ? 144 : version == 2 ? 168 : 264;
-    return debug_line("__check_super_v" + std::to_string(version),
-                      text("v%d check super block failed. magic:0x%x, ver:0x%x, cksum:0x%x:0x%x",
-                           version, get_u32(block, 4), get_u32(block, 112), get_u32(block, 0),
-                           record_crc(block, length)));
-}
-
 LogLine not_supported(int version, const std::string &command)
 {
     return error_line("main",
@@ -72,21 +64,16 @@ protected:
 
     void set_super(const Block &block) { device.write(SUPER_OFFSET, block); }
 
-    // The settings, then a DEBUG line of each layout that was asked before `accepted`.
-    Log probing(const std::string &command, int accepted, const Block &block)
-    {
-        Log log{settings_line(device, command)};
-        for (int version = 1; version < accepted; ++version)
-            log.push_back(refused_by(version, block));
-        return log;
-    }
-
     void expect_corrupt(const Block &block)
     {
         set_super(block);
-        Log log = probing("dump_super", LAYOUTS.back().version + 1, block);
-        log.push_back(error_line("main", "super block may corrupt. path:" + device.path()));
-        expect_run(run_logged(device, "dump_super"), {.status = 14, .out = "", .log = log});
+        const LogLine corrupt =
+            error_line("main", "super block may corrupt. path:" + device.path());
+        expect_run(
+            run_logged(device, "dump_super"),
+            {.status = 14,
+             .out = "",
+             .log = probe_log(device, "dump_super", LAYOUTS.back().version + 1, {}, {corrupt})});
     }
 };
 
@@ -104,9 +91,11 @@ TEST_P(LayoutDispatch, AcceptingVersionWithoutTheCommandIsNamed)
 {
     for (const std::string &command : missing) {
         SCOPED_TRACE(command);
-        Log log = probing(command, version, super);
-        log.push_back(not_supported(version, command));
-        expect_run(run_logged(device, command), {.status = 22, .out = "", .log = log});
+        expect_run(
+            run_logged(device, command),
+            {.status = 22,
+             .out = "",
+             .log = probe_log(device, command, version, {}, {not_supported(version, command)})});
     }
 }
 
@@ -132,23 +121,29 @@ TEST_P(LayoutDispatch, EveryOtherCommandReachesItsHandler)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Version, LayoutDispatch, testing::ValuesIn(LAYOUTS),
-                         [](const auto &layout) { return std::to_string(layout.param.version); });
-
-TEST_F(Dispatch, RepairsWithoutAFileReachTheRepairDriver)
+TEST_P(LayoutDispatch, RepairsWithoutAFileReachTheRepairDriver)
 {
-    set_super(bare_super(1));
+    const LogLine failure =
+        error_line("zutr_repair_common", "failed to get repair_conf or open repair_conf fd");
     for (const std::string command :
          {"repair_super", "repair_brick", "repair_inode", "repair_extent"}) {
         SCOPED_TRACE(command);
-        expect_run(run_logged(device, command),
-                   {.status = 22,
-                    .out = "",
-                    .log = {settings_line(device, command),
-                            error_line("zutr_repair_common",
-                                       "failed to get repair_conf or open repair_conf fd")}});
+        expect_run(
+            run_logged(device, command),
+            {.status = 22, .out = "", .log = probe_log(device, command, version, {}, {failure})});
     }
 }
+
+// The table handlers need the super block that a forced version does not read.
+TEST_P(LayoutDispatch, ForcedVersionAbortsTheTableDumps)
+{
+    for (const std::string command : {"dump_brick", "dump_inode", "dump_extent"})
+        expect_abort(run_logged(device, command, {"-v", std::to_string(version)}),
+                     "params && params->sb && params->fd >= 0");
+}
+
+INSTANTIATE_TEST_SUITE_P(Version, LayoutDispatch, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return std::to_string(layout.param.version); });
 
 TEST_F(Dispatch, SuperBlockThatNoVersionAcceptsIsCorrupt)
 {
@@ -203,12 +198,21 @@ TEST_F(Dispatch, ForcedVersionOutOfRangeIsNotSupported)
     }
 }
 
-// A table handler of V1 needs the super block that a forced version does not read.
-TEST_F(Dispatch, ForcedVersionAbortsTheTableDumps)
+TEST_F(Dispatch, ConversionWithoutAFileEndsQuietly)
 {
-    for (const std::string command : {"dump_brick", "dump_inode", "dump_extent"})
-        expect_abort(run_logged(device, command, {"-v", "1"}),
-                     "params && params->sb && params->fd >= 0");
+    for (const int version : {1, 2, 3}) {
+        SCOPED_TRACE(version);
+        set_super(bare_super(version));
+        for (const std::vector<std::string> &more :
+             {std::vector<std::string>{}, std::vector<std::string>{"-y"}}) {
+            std::vector<std::string> args{"-v", "2"};
+            args.insert(args.end(), more.begin(), more.end());
+            expect_run(run_logged(device, "convert_super", args),
+                       {.status = 22,
+                        .out = "",
+                        .log = {settings_line(device, "convert_super", {.spec_ver = 2})}});
+        }
+    }
 }
 
 class DispatchLog : public testing::Test {

@@ -5,11 +5,13 @@
 #include "bytes.h"
 #include "json_number.h"
 #include "repair_file.h"
+#include "v2_device.h"
 
 #include <cstdint>
-#include <optional>
+#include <map>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -21,10 +23,13 @@ enum class Reading {
     OPTIONAL, // as OF_USED, but may be missing
 };
 
+// The mapped pieces of an extent by their map numbers.
+using Pieces = std::map<std::uint32_t, MappedMeta>;
+
 template <class Entry>
-using Field =
-    std::variant<std::uint16_t Entry::*, std::uint32_t Entry::*, std::uint64_t Entry::*,
-                 Uuid Entry::*, std::string Entry::*, std::vector<std::uint64_t> Entry::*>;
+using Field = std::variant<std::uint16_t Entry::*, std::uint32_t Entry::*, std::uint64_t Entry::*,
+                           Uuid Entry::*, std::string Entry::*, std::vector<std::uint64_t> Entry::*,
+                           Pieces Entry::*>;
 
 template <class Entry>
 struct Key {
@@ -37,25 +42,48 @@ struct Key {
     bool read_of(const Entry &entry) const { return reading == Reading::ALWAYS || entry.use != 0; }
 
     bool is_number() const { return field.index() < 3; }
-    bool is_array() const { return field.index() == 5; }
+    bool is_array() const { return field.index() >= 5; }
 };
 
-// A value as its log line shows it; an array has no line of its own.
-inline std::optional<std::string> logged(std::uint64_t value)
+// What a repair file says of one piece, in reading order.
+inline std::vector<std::pair<std::string, std::uint64_t>> piece_keys(std::uint32_t mapno,
+                                                                     const MappedMeta &piece)
 {
-    return std::to_string(value);
+    return {{"mapno", mapno},        {"offset", piece.offset}, {"clean", piece.clean},
+            {"len", piece.orig_len}, {"begin", piece.begin},   {"cnt", piece.cnt}};
 }
-inline std::optional<std::string> logged(const Uuid &value)
+inline RepairFile piece_file(std::uint32_t mapno, const MappedMeta &piece)
 {
-    return uuid_text(value);
+    RepairFile file;
+    for (const auto &[name, value] : piece_keys(mapno, piece))
+        file.number(name, value);
+    return file;
 }
-inline std::optional<std::string> logged(const std::string &value)
+
+// A value as the log shows it, key by key; an array has no line of its own.
+inline std::vector<std::string> logged(const std::string &name, std::uint64_t value)
 {
-    return value;
+    return {name + ": " + std::to_string(value)};
 }
-inline std::optional<std::string> logged(const std::vector<std::uint64_t> &)
+inline std::vector<std::string> logged(const std::string &name, const std::string &value)
+{
+    return {name + ": " + value};
+}
+inline std::vector<std::string> logged(const std::string &name, const Uuid &value)
+{
+    return logged(name, uuid_text(value));
+}
+inline std::vector<std::string> logged(const std::string &, const std::vector<std::uint64_t> &)
 {
     return {};
+}
+inline std::vector<std::string> logged(const std::string &, const Pieces &pieces)
+{
+    std::vector<std::string> lines;
+    for (const auto &[mapno, piece] : pieces)
+        for (const auto &[name, value] : piece_keys(mapno, piece))
+            lines.push_back(name + ": " + std::to_string(value));
+    return lines;
 }
 
 inline std::string json_array(const std::vector<std::string> &items)
@@ -85,11 +113,18 @@ inline std::string json_value(const std::vector<std::uint64_t> &values)
         items.push_back(std::to_string(value));
     return json_array(items);
 }
+inline std::string json_value(const Pieces &pieces)
+{
+    std::vector<std::string> items;
+    for (const auto &[mapno, piece] : pieces)
+        items.push_back(piece_file(mapno, piece).text());
+    return json_array(items);
+}
 
 template <class Entry>
-std::optional<std::string> logged(const Key<Entry> &key, const Entry &entry)
+std::vector<std::string> logged(const Key<Entry> &key, const Entry &entry)
 {
-    return std::visit([&](const auto field) { return logged(entry.*field); }, key.field);
+    return std::visit([&](const auto field) { return logged(key.name, entry.*field); }, key.field);
 }
 
 template <class Entry>

@@ -1,14 +1,8 @@
-// The extent table of layout version 1 as it is shown.
+// What is particular to the dump of the extent table of layout version 1.
 
 #include "table_dump.h"
 
 using namespace tier_test;
-
-namespace tier_test {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(ExtentV1, TableDump, ExtentV1);
-
-} // namespace tier_test
 
 namespace {
 
@@ -17,7 +11,7 @@ struct ExtentSize {
     std::size_t words;
 };
 
-class ExtentV1Dump : public TableDump<ExtentV1> {
+class ExtentV1Dump : public TableDump<ExtentTableV1> {
 protected:
     void set_extent_size(std::uint32_t bytes)
     {
@@ -89,34 +83,6 @@ TEST_F(ExtentV1Dump, BytesBehindTheRecordAreNotChecked)
 {
     set_extent_size(60);
     put_with_byte(1, extent_used(1, 2), 60);
-    expect_walk();
-}
-
-TEST_F(ExtentV1Dump, SamplingLowIsStoredInReverse)
-{
-    const ExtentV1 extent = extent_used(1, 2);
-    Block block = encode(extent, super.extent_size);
-    for (std::uint8_t i = 0; i < 4; ++i)
-        block[20 + i] = static_cast<std::uint8_t>(0x11 * (i + 1));
-    seal(block, super.extent_size);
-    device.write(static_cast<std::uint64_t>(extent_offset(super, 1)), block);
-    const LoggedRun run = run_logged(device, "dump_extent", {"-n", "1"});
-    EXPECT_NE(run.out.find("\"te_sampling_low\":\"11223344\","), std::string::npos) << run;
-}
-
-TEST_F(ExtentV1Dump, SamplingLowHasEightDigits)
-{
-    for (const std::uint32_t value : {0U, 1U, 0x80U, 0xABCDEF01U, 0xFFFFFFFFU}) {
-        ExtentV1 extent = extent_used(1, 2);
-        extent.sampling_low = value;
-        put(1, extent);
-        expect_walk();
-    }
-}
-
-TEST_F(ExtentV1Dump, NumberIsComparedInAllItsBits)
-{
-    put(1, ExtentV1{.no = 0x1'0000'0001}, true);
     expect_walk();
 }
 

@@ -1,18 +1,12 @@
-// Repairs of the extent table of layout version 1.
+// What is particular to repairs of the extent table of layout version 1.
 
 #include "table_repair.h"
 
 using namespace tier_test;
 
-namespace tier_test {
-
-INSTANTIATE_TYPED_TEST_SUITE_P(ExtentV1, TableRepair, ExtentV1);
-
-} // namespace tier_test
-
 namespace {
 
-class ExtentV1Repair : public TableRepair<ExtentV1> {
+class ExtentV1Repair : public TableRepair<ExtentTableV1> {
 protected:
     void set_extent_size(std::uint32_t bytes)
     {
@@ -44,40 +38,6 @@ protected:
 };
 
 constexpr auto PRESENT = "<address>";
-
-TEST_F(ExtentV1Repair, InodeNumberMustBeBelowTheCount)
-{
-    for (const std::uint32_t inode_no : {0U, 5U, 6U, 7U, 0xFFFFFFFFU}) {
-        SCOPED_TRACE(inode_no);
-        const ExtentV1 extent = extent_used(2, inode_no);
-        expect_entry_or_bounds_error(repair_file(table.keys, extent).text(), extent);
-    }
-    const ExtentV1 both = extent_used(7, 6);
-    expect_entry_or_bounds_error(repair_file(table.keys, both).text(), both);
-}
-
-TEST_F(ExtentV1Repair, InodeNumberIsNarrowedBeforeItIsChecked)
-{
-    for (const JsonNumber &number : boundary_numbers())
-        expect_number(key("te_inode_no"), number);
-}
-
-TEST_F(ExtentV1Repair, InodeNumberOfAFreeExtentIsNotRead)
-{
-    expect_entry(RepairFile(file).number("te_use", 0).number("te_inode_no", 6).text(),
-                 freed(sample));
-}
-
-TEST_F(ExtentV1Repair, SamplingLowIsStoredInReverse)
-{
-    ASSERT_EQ(repair(RepairFile(file).set("te_sampling_low", "287454020").text(), {"-y"}).status,
-              0);
-    const Block block = device.block(static_cast<std::uint64_t>(extent_offset(super, 2)));
-    EXPECT_EQ(get_u8(block, 20), 0x11);
-    EXPECT_EQ(get_u8(block, 21), 0x22);
-    EXPECT_EQ(get_u8(block, 22), 0x33);
-    EXPECT_EQ(get_u8(block, 23), 0x44);
-}
 
 TEST_F(ExtentV1Repair, BitmapOfEveryRecordSize)
 {
@@ -155,13 +115,6 @@ TEST_F(ExtentV1Repair, RecordSizeOutOfRangeIsRefused)
         expect_refused(file.text(), {refusal}, 14);
         expect_refused(R"({"te_use":0,"te_no":2})", {refusal}, 14);
     }
-}
-
-TEST_F(ExtentV1Repair, DumpedExtentIsNoRepairFile)
-{
-    // Its sampling counter is text.
-    expect_refused_at("te_sampling_low", json(sample, super.extent_size, 0),
-                      "parse te_sampling_low failed");
 }
 
 } // namespace

@@ -10,7 +10,7 @@ namespace {
 constexpr std::uint64_t ABOVE_2_53 = 9007199254740993U;
 constexpr std::uint64_t LARGEST = 18446744073709551615U;
 
-class JsonNumbers : public TableRepair<ExtentV1> {
+class JsonNumbers : public TableRepair<ExtentTableV1> {
 protected:
     void expect_hot(const std::string &number, std::uint64_t value)
     {

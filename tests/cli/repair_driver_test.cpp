@@ -24,7 +24,7 @@ std::string nested_arrays(std::size_t depth)
     return std::string(depth, '[') + std::string(depth, ']');
 }
 
-class RepairDriver : public TableRepair<ExtentV1> {
+class RepairDriver : public TableRepair<ExtentTableV1> {
 protected:
     const ExtentV1 entry{.no = 1};
     const std::string members = R"("te_use":0,"te_no":1)";

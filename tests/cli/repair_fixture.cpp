@@ -1,5 +1,7 @@
 #include "repair_fixture.h"
 
+#include "probe_log.h"
+
 #include <iterator>
 #include <regex>
 
@@ -9,18 +11,12 @@ namespace {
 
 void mask_addresses(Log &log)
 {
-    static const std::regex ADDRESS("(bitmap|value):0x[0-9a-f]+");
+    static const std::regex ADDRESS("(bitmap|te_mapped_meta|value):0x[0-9a-f]+");
     for (LogLine &line : log)
         line.text = std::regex_replace(line.text, ADDRESS, "$1:<address>");
 }
 
 } // namespace
-
-void RepairFixture::set_super(const SuperV1 &changed)
-{
-    super = changed;
-    device.write(SUPER_OFFSET, encode(changed));
-}
 
 LoggedRun RepairFixture::repair(const std::string &document, const std::vector<std::string> &args,
                                 const RunOptions &options)
@@ -35,7 +31,7 @@ LoggedRun RepairFixture::repair(const std::string &document, const std::vector<s
 
 Log RepairFixture::log_with(const Log &lines, const Log &rest) const
 {
-    Log log{settings_line(device, command_, {.repair_conf = conf()})};
+    Log log = probe_log(device, command_, version_, {.repair_conf = conf()});
     std::ranges::copy(lines, std::back_inserter(log));
     std::ranges::copy(rest, std::back_inserter(log));
     return log;

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "device.h"
 #include "expect.h"
-#include "v1_device.h"
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -17,15 +17,15 @@ struct Repaired {
     std::string json;
 };
 
-// Runs of one repair command on a device of layout version 1.
+// Runs of one repair command on a device of one layout version.
 class RepairFixture : public testing::Test {
 protected:
-    RepairFixture(std::string command, int code) : command_(std::move(command)), code_(code) {}
+    RepairFixture(std::string command, int code, int version, Device on)
+        : device(std::move(on)), command_(std::move(command)), code_(code), version_(version)
+    {
+    }
 
-    SuperV1 super = super_v1(5, 6, 7);
-    Device device = make_v1_device(super);
-
-    void set_super(const SuperV1 &changed);
+    Device device;
 
     std::string conf() const { return device.directory().path("conf.json"); }
 
@@ -52,6 +52,7 @@ private:
 
     std::string command_;
     int code_;
+    int version_;
 };
 
 } // namespace tier_test

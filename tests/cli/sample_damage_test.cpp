@@ -1,5 +1,6 @@
 // Entries of a sample image that zu_tierctl spoils on request.
 
+#include "dump_text.h"
 #include "sample_image.h"
 
 #include <algorithm>
@@ -16,13 +17,14 @@ namespace {
 const std::vector<std::string> SIZES{"--bricks", "6",  "--inodes",     "40",
                                      "--blocks", "30", "--block-size", "262144"};
 
-Device damaged_sample(const std::vector<std::string> &damages, const std::string &seed = "1")
+Device damaged_sample(const std::vector<std::string> &damages, const std::string &seed = "1",
+                      const std::string &layout = "v1")
 {
     std::vector<std::string> args = SIZES;
     args.insert(args.end(), {"--seed", seed});
     for (const std::string &damage : damages)
         args.insert(args.end(), {"--damage", damage});
-    return make_sample(args);
+    return make_sample(args, layout);
 }
 
 std::size_t changed_bits(ConstByteSpan before, ConstByteSpan after)
@@ -87,55 +89,75 @@ const std::vector<Damage> DAMAGES{
     {":zero", expect_zero},         {":bit", expect_one_bit},
 };
 
-class SampleDamage : public testing::Test {
+// Every kind of damage in an image of the layout.
+class SampleDamageKinds : public testing::TestWithParam<std::string> {
 protected:
-    const Device good = damaged_sample({});
-    const SuperV1 sb = decode_super(good.block(4096));
+    const std::string layout = GetParam();
+    const Device good = damaged_sample({}, "1", layout);
 
-    // The images differ in the slot at `offset` and nowhere else.
-    void expect_rest_unchanged(const Device &bad, std::uint64_t offset) const
+    std::vector<SampleTable> tables() const
     {
+        const Block super = good.block(4096);
+        return layout == "v1" ? sample_tables(decode_super(super))
+                              : sample_tables(decode_super_v2(super));
+    }
+
+    // The damaged image, which differs from the good one in the slot at `offset` and nowhere else.
+    Device damaged(const std::string &what, std::uint64_t offset) const
+    {
+        Device bad = damaged_sample({what}, "1", layout);
         std::vector<std::uint8_t> content = bad.bytes();
         put_bytes(content, offset, good.block(offset));
         EXPECT_TRUE(content == good.bytes());
+        return bad;
+    }
+
+    // A whole dump that shows `entries`.
+    std::string dump_of(const SampleTable &table, const std::string &entries) const
+    {
+        const bool framed = layout == "v2" && table.name == "inode";
+        return framed ? "{ \"inode\":" + entries + "}" : entries;
     }
 };
 
-TEST_F(SampleDamage, EachKindInEachTableIsWhatTheToolReports)
+INSTANTIATE_TEST_SUITE_P(Layout, SampleDamageKinds, testing::Values("v1", "v2"),
+                         [](const auto &layout) { return layout.param; });
+
+TEST_P(SampleDamageKinds, InATableAreWhatTheToolReports)
 {
-    for (const SampleTable &table : sample_tables(sb)) {
+    for (const SampleTable &table : tables()) {
         for (const Damage &damage : DAMAGES) {
             if (damage.kind == ":magic" && table.magic_at < 0)
                 continue;
             for (const std::uint64_t no : {0U, 1U, 5U}) {
                 const std::string what = table.name + ":" + std::to_string(no) + damage.kind;
                 SCOPED_TRACE(what);
-                const Device bad = damaged_sample({what});
-                const std::int64_t offset = table.offset(sb, no);
+                const std::int64_t offset = table.offset(no);
                 const auto at = static_cast<std::uint64_t>(offset);
+                const Device bad = damaged(what, at);
                 damage.expect(table, good.block(at), bad.block(at));
-                expect_rest_unchanged(bad, at);
 
                 const LoggedRun run = run_logged(bad, table.command, {"-g", "error=1"});
                 EXPECT_EQ(run.status, 0) << run;
-                EXPECT_EQ(run.out, text("[{\"error\":14, \"%s\":%lu, \"meta_offset\":%ld}]",
-                                        table.key.c_str(), no, offset));
+                EXPECT_EQ(
+                    run.out,
+                    dump_of(table, joined({error_record(14, table.key.c_str(),
+                                                        static_cast<std::int64_t>(no), offset)})));
                 EXPECT_EQ(run_logged(bad, table.command, {"-n", std::to_string(no)}).status, 14);
             }
         }
     }
 }
 
-TEST_F(SampleDamage, EachKindInTheSuperBlockMakesTheToolRefuseTheDevice)
+TEST_P(SampleDamageKinds, InTheSuperBlockMakeTheToolRefuseTheDevice)
 {
-    const SampleTable table = sample_super();
+    const SampleTable table = sample_super(layout == "v1" ? SuperV1::LENGTH : SuperV2::LENGTH);
     for (const Damage &damage : DAMAGES) {
         if (damage.kind == ":number")
             continue;
         SCOPED_TRACE(damage.kind);
-        const Device bad = damaged_sample({"super:0" + damage.kind});
+        const Device bad = damaged("super:0" + damage.kind, 4096);
         damage.expect(table, good.block(4096), bad.block(4096));
-        expect_rest_unchanged(bad, 4096);
         const LoggedRun run = run_logged(bad, table.command);
         EXPECT_EQ(run.status, 14);
         EXPECT_EQ(run.errors,
@@ -143,13 +165,19 @@ TEST_F(SampleDamage, EachKindInTheSuperBlockMakesTheToolRefuseTheDevice)
     }
 }
 
+class SampleDamage : public testing::Test {
+protected:
+    const Device good = damaged_sample({});
+    const SuperV1 sb = decode_super(good.block(4096));
+};
+
 TEST_F(SampleDamage, LastEntriesAreFreeAndCanBeDamaged)
 {
     const Device bad = damaged_sample({"brick:5:number", "inode:39:magic", "extent:29:zero"});
     const std::vector<std::uint64_t> last{5, 39, 29};
     const std::vector<SampleTable> tables = sample_tables(sb);
     for (std::size_t i = 0; i < tables.size(); ++i) {
-        const std::int64_t offset = tables[i].offset(sb, last[i]);
+        const std::int64_t offset = tables[i].offset(last[i]);
         EXPECT_EQ(run_logged(bad, tables[i].command, {"-g", "error=1"}).out,
                   text("[{\"error\":14, \"%s\":%lu, \"meta_offset\":%ld}]", tables[i].key.c_str(),
                        last[i], offset));

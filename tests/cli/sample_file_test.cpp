@@ -294,6 +294,7 @@ TEST_F(SampleFile, BadCommandLines)
         {"sample", "--layout", "v1"},
         {"sample", path},
         {"sample", "--layout", "v0", path},
+        {"sample", "--layout", "v3", path},
         {"sample", "--layout", "V1", path},
         {"sample", "--layout", "v1", path, path + "2"},
         {"sample", "--layout", "v1", "--none", path},
@@ -319,9 +320,10 @@ TEST(SampleHelp, NamesEveryOptionAndAnExample)
     EXPECT_EQ(run.err, "");
     for (const std::string word :
          {"FILE", "--layout", "--bricks", "--inodes", "--blocks", "--block-size", "--extent-size",
-          "--seed", "--damage", "--force", "1..300, default 4", "1..100000, default 64",
-          "1..1048576, default 256", "262144..4194304 in steps of 4096, default 1048576",
-          "56..4096", "2026-01-01 00:00:00 UTC", "zu_tierctl sample --layout v1"})
+          "--expansion", "--for-conversion", "--seed", "--damage", "--force", "1..300, default 4",
+          "1..100000, default 64", "1..1048576, default 256",
+          "262144..4194304 in steps of 4096, default 1048576", "56..4096",
+          "2026-01-01 00:00:00 UTC", "zu_tierctl sample --layout v1"})
         EXPECT_NE(run.out.find(word), std::string::npos) << word;
     const RunResult top = run_program(ZU_TIERCTL_BIN, {"--help"});
     EXPECT_EQ(top.status, 0);

@@ -16,29 +16,8 @@ std::string get_text(ConstByteSpan bytes, std::size_t offset, std::size_t width)
     return text;
 }
 
-} // namespace
-
-RunResult run_sample(const std::string &path, const std::vector<std::string> &args)
+void decode_head(ConstByteSpan block, SuperHead &sb)
 {
-    std::vector<std::string> all{"sample", "--layout", "v1"};
-    all.insert(all.end(), args.begin(), args.end());
-    all.push_back(path);
-    return run_program(ZU_TIERCTL_BIN, all);
-}
-
-Device make_sample(const std::vector<std::string> &args)
-{
-    Device device(0);
-    std::filesystem::remove(device.path());
-    const RunResult run = run_sample(device.path(), args);
-    EXPECT_EQ(run.status, 0) << run;
-    EXPECT_EQ(run.out + run.err, "");
-    return device;
-}
-
-SuperV1 decode_super(const Block &block)
-{
-    SuperV1 sb;
     sb.magic = get_u32(block, 4);
     sb.brick_table_size = get_u64(block, 8);
     sb.inode_table_size = get_u64(block, 16);
@@ -54,6 +33,49 @@ SuperV1 decode_super(const Block &block)
     sb.block_size = get_u32(block, 128);
     sb.block_cnt = get_u32(block, 132);
     sb.extent_size = get_u32(block, 136);
+}
+
+// The tables of either layout, whose super blocks place them alike but for more inodes.
+template <class Super>
+std::vector<SampleTable> tables_of(const Super &sb, std::size_t extent_length)
+{
+    const auto brick_at = [sb](std::uint64_t no) { return brick_offset(sb, no); };
+    const auto inode_at = [sb](std::uint64_t no) {
+        return inode_offset(sb, static_cast<std::uint32_t>(no));
+    };
+    const auto extent_at = [sb](std::uint64_t no) { return extent_offset(sb, no); };
+    return {
+        {"brick", BrickV1::LENGTH, 4, 12, brick_at, "dump_brick", "bi_no"},
+        {"inode", InodeV1::LENGTH, 4, 68, inode_at, "dump_inode", "no"},
+        {"extent", extent_length, -1, 48, extent_at, "dump_extent", "te_no"},
+    };
+}
+
+} // namespace
+
+RunResult run_sample(const std::string &path, const std::vector<std::string> &args,
+                     const std::string &layout)
+{
+    std::vector<std::string> all{"sample", "--layout", layout};
+    all.insert(all.end(), args.begin(), args.end());
+    all.push_back(path);
+    return run_program(ZU_TIERCTL_BIN, all);
+}
+
+Device make_sample(const std::vector<std::string> &args, const std::string &layout)
+{
+    Device device(0);
+    std::filesystem::remove(device.path());
+    const RunResult run = run_sample(device.path(), args, layout);
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.out + run.err, "");
+    return device;
+}
+
+SuperV1 decode_super(const Block &block)
+{
+    SuperV1 sb;
+    decode_head(block, sb);
     sb.reserved = get_u32(block, 140);
     return sb;
 }
@@ -111,19 +133,59 @@ ExtentV1 decode_extent(const Block &block, std::uint32_t extent_size)
     return extent;
 }
 
-std::vector<SampleTable> sample_tables(const SuperV1 &sb)
+SuperV2 decode_super_v2(const Block &block)
 {
-    return {
-        {"brick", BrickV1::LENGTH, 4, 12, brick_offset, "dump_brick", "bi_no"},
-        {"inode", InodeV1::LENGTH, 4, 68, inode_offset, "dump_inode", "no"},
-        {"extent", sb.extent_size, -1, 48, extent_offset, "dump_extent", "te_no"},
-    };
+    SuperV2 sb;
+    decode_head(block, sb);
+    sb.exp_magic = get_u16(block, 140);
+    sb.exp_area = get_u8(block, 142);
+    sb.exp_inuse = get_u8(block, 143);
+    sb.min_alloc_size = get_u32(block, 144);
+    sb.total_map_size = get_u32(block, 148);
+    sb.map_cnt = get_u32(block, 152);
+    sb.size_mapped_meta = get_u32(block, 156);
+    sb.hot_size = get_u32(block, 160);
+    sb.total_extent_size = get_u32(block, 164);
+    return sb;
 }
 
-SampleTable sample_super()
+InodeV2 decode_inode_v2(const Block &block)
 {
-    const auto offset = [](const SuperV1 &, std::uint64_t) { return std::int64_t{4096}; };
-    return {"super", SuperV1::LENGTH, 4, -1, offset, "dump_super", ""};
+    InodeV2 inode{decode_inode(block)};
+    inode.new_data = inode.reserved1;
+    inode.blocks = inode.reserved2;
+    return inode;
+}
+
+ExtentV2 decode_extent_v2(const Block &block, const SuperV2 &sb)
+{
+    ExtentV2 extent{decode_extent(block, sb.extent_size)};
+    for (std::uint32_t mapno = 0; mapno < sb.map_cnt; ++mapno) {
+        const std::size_t at = sb.extent_size + 16U * mapno;
+        const std::uint32_t word = get_u32(block, at + 8);
+        if (word > 1)
+            extent.maps[mapno] = {get_u64(block, at), word & 1U, word >> 1, get_u16(block, at + 12),
+                                  get_u16(block, at + 14)};
+    }
+    const auto hot = block.begin() + sb.extent_size + sb.total_map_size;
+    extent.hot_area.assign(hot, hot + sb.hot_size);
+    return extent;
+}
+
+std::vector<SampleTable> sample_tables(const SuperV1 &sb)
+{
+    return tables_of(sb, sb.extent_size);
+}
+
+std::vector<SampleTable> sample_tables(const SuperV2 &sb)
+{
+    return tables_of(sb, sb.total_extent_size);
+}
+
+SampleTable sample_super(std::size_t length)
+{
+    const auto offset = [](std::uint64_t) { return std::int64_t{4096}; };
+    return {"super", length, 4, -1, offset, "dump_super", ""};
 }
 
 } // namespace tier_test

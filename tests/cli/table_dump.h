@@ -1,10 +1,10 @@
 #pragma once
 
-// The rules that the dumps of all tables of layout version 1 share. Each table's test file
-// instantiates them with its entry.
+// The rules that the dumps of all tables share. The test file of each kind of table instantiates
+// them with its tables.
 
 #include "expect.h"
-#include "table_v1.h"
+#include "table.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -36,25 +36,26 @@ inline std::vector<std::string> filter_args(const std::vector<std::string> &pair
     return argument.empty() ? std::vector<std::string>{} : std::vector{std::string("-g"), argument};
 }
 
-template <class E>
+template <class T>
 class TableDump : public testing::Test {
 protected:
-    using Entry = E;
+    using Super = typename T::Super;
+    using Entry = typename T::Entry;
 
     struct Slot {
         Entry entry;
         bool faulty;
     };
 
-    const TableV1<Entry> &table = table_v1<Entry>();
-    SuperV1 super = super_v1(6, 6, 6);
-    Device device = make_v1_device(super);
+    const T &table = tier_test::table<Super, Entry>();
+    Super super = Layout<Super>::super(6, 6, 6);
+    Device device = Layout<Super>::device(super);
     std::vector<Slot> slots;
 
     TableDump()
     {
         for (std::uint32_t no = 0; no < 6; ++no)
-            slots.push_back({Entry{.no = no}, false});
+            slots.push_back({free_entry<Entry>(no), false});
     }
 
     void put(std::uint32_t slot, const Entry &entry, bool faulty = false)
@@ -90,9 +91,14 @@ protected:
         return debug_line(table.formatter, table.ignored(slot, slots[slot].entry));
     }
 
+    std::string walked(const std::vector<std::string> &items) const
+    {
+        return table.before_walk + json_array(items) + table.behind_walk;
+    }
+
     Expected walk(const Settings &filter = {}) const
     {
-        Expected expected{.log = {settings_line(device, table.dump, filter)}};
+        Expected expected{.log = log_head<Super>(device, table.dump, filter)};
         std::vector<std::string> items;
         for (std::uint32_t slot = 0; slot < slots.size(); ++slot) {
             if (slots[slot].faulty) {
@@ -105,7 +111,7 @@ protected:
                 items.push_back(item(slot));
             }
         }
-        expected.out = json_array(items);
+        expected.out = walked(items);
         return expected;
     }
 
@@ -116,9 +122,9 @@ protected:
 
     void expect_single(std::uint32_t slot)
     {
-        const LogLine settings =
-            settings_line(device, table.dump, {.meta_no = static_cast<int>(slot)});
-        Expected expected{.status = 0, .out = "", .log = {settings}};
+        const Settings settings{.meta_no = static_cast<int>(slot)};
+        Expected expected{
+            .status = 0, .out = "", .log = log_head<Super>(device, table.dump, settings)};
         if (slots[slot].faulty) {
             expected.status = 14;
             std::ranges::copy(fault_log(slot), std::back_inserter(expected.log));
@@ -143,8 +149,9 @@ protected:
             faulty.back().second.checksum = good_checksum(good) ^ (1U << bit);
         }
         faulty.emplace_back("number", table.used(slot + 1, 1));
-        faulty.emplace_back("free with another number", Entry{.no = slot + 1});
-        faulty.emplace_back("all zero", Entry{.checksum = 0});
+        faulty.emplace_back("free with another number", free_entry<Entry>(slot + 1));
+        faulty.emplace_back("all zero", Entry{});
+        faulty.back().second.checksum = 0;
         if constexpr (requires(Entry entry) { entry.magic; }) {
             faulty.back().second.magic = 0;
             faulty.emplace_back("magic", good);
@@ -180,7 +187,7 @@ TYPED_TEST_P(TableDump, FaultyEntries)
             this->expect_walk({.error = 1});
             this->expect_single(slot);
         }
-        this->put(slot, TypeParam{.no = slot});
+        this->put(slot, free_entry<typename TypeParam::Entry>(slot));
     }
 }
 
@@ -188,7 +195,9 @@ TYPED_TEST_P(TableDump, FaultyEntryWithoutALogFileAborts)
 {
     if (!default_log_is_missing())
         return;
-    this->put(1, TypeParam{.no = 1, .checksum = 1}, true);
+    auto faulty = free_entry<typename TypeParam::Entry>(1);
+    faulty.checksum = 1;
+    this->put(1, faulty, true);
     const std::vector<std::string> args{"-p", this->device.path(), "-c", this->table.dump};
     expect_abort(run_tool(args), this->table.assertion_without_log);
 
@@ -204,11 +213,11 @@ TYPED_TEST_P(TableDump, FaultyEntryWithoutALogFileAborts)
 TYPED_TEST_P(TableDump, ChecksumCoversTheRecordAndNothingBehindIt)
 {
     const auto length = static_cast<std::uint32_t>(this->table.length(this->super));
-    const SuperV1 large = super_v1(length + 2, length + 2, length + 2);
-    Device flipped = make_v1_device(large);
+    const auto large = Layout<typename TypeParam::Super>::super(length + 2, length + 2, length + 2);
+    Device flipped = Layout<typename TypeParam::Super>::device(large);
     std::vector<std::string> items;
     for (std::uint32_t slot = 0; slot < length + 2; ++slot) {
-        const TypeParam entry = this->table.used(slot, slot);
+        const auto entry = this->table.used(slot, slot);
         const std::int64_t offset = this->table.offset(large, slot);
         Block block = this->table.encode(large, entry);
         block[slot <= length ? slot : BLOCK_SIZE - 1] ^= 0x10;
@@ -218,7 +227,7 @@ TYPED_TEST_P(TableDump, ChecksumCoversTheRecordAndNothingBehindIt)
     }
     const LoggedRun run = run_logged(flipped, this->table.dump);
     EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, json_array(items));
+    EXPECT_EQ(run.out, this->walked(items));
 }
 
 // Every combination of filters, with the pairs in both orders.
@@ -226,7 +235,7 @@ TYPED_TEST_P(TableDump, FiltersAloneAndCombined)
 {
     this->put(0, this->table.used(0, 0));
     this->put(1, this->table.used(1, 1));
-    TypeParam used_twice = this->table.used(2, 1);
+    auto used_twice = this->table.used(2, 1);
     used_twice.use = 2;
     this->put(2, used_twice);
     this->put(3, this->faulty_entries(3).front().second, true);
@@ -251,7 +260,7 @@ TYPED_TEST_P(TableDump, FiltersAloneAndCombined)
 
 TYPED_TEST_P(TableDump, ValuesFromLargeFieldsInTheLineOfAHiddenEntry)
 {
-    TypeParam entry = this->table.used(2, 0xFFFFFFFE);
+    auto entry = this->table.used(2, 0xFFFFFFFE);
     entry.use = static_cast<decltype(entry.use)>(-2);
     this->put(2, entry);
     this->expect_walk({.use = 1});
@@ -259,12 +268,12 @@ TYPED_TEST_P(TableDump, ValuesFromLargeFieldsInTheLineOfAHiddenEntry)
 
 TYPED_TEST_P(TableDump, TableStartFollowsTheSizesInTheSuperBlock)
 {
-    SuperV1 changed = this->super;
+    auto changed = this->super;
     changed.size = 0x80000;
     changed.brick_table_size += 3 * BLOCK_SIZE;
     changed.inode_table_size -= 5 * BLOCK_SIZE;
     for (const std::uint32_t no : {0U, 1U, 5U}) {
-        const TypeParam entry = this->table.used(no, 0);
+        const auto entry = this->table.used(no, 0);
         const std::int64_t offset = this->table.offset(changed, no);
         this->device.write(SUPER_OFFSET, encode(changed));
         this->device.write(static_cast<std::uint64_t>(offset), this->table.encode(changed, entry));
@@ -276,33 +285,34 @@ TYPED_TEST_P(TableDump, TableStartFollowsTheSizesInTheSuperBlock)
 // The super block area's size and its first block are added in 32 bits.
 TYPED_TEST_P(TableDump, TableStartIsFormedIn32Bits)
 {
-    SuperV1 changed = super_v1(1, 1, 1);
+    auto changed = Layout<typename TypeParam::Super>::super(1, 1, 1);
     changed.size = 0xFFFFF000;
     changed.brick_table_size = 2 * BLOCK_SIZE;
     changed.inode_table_size = BLOCK_SIZE;
-    const Device wrapped =
-        make_v1_device(changed, {brick_used(0)}, {inode_used(0, 0)}, {extent_used(0, 0)});
-    const TypeParam entry = this->table.used(0, 0);
+    Device wrapped = Layout<typename TypeParam::Super>::device(changed);
+    const auto entry = this->table.used(0, 0);
+    const std::int64_t offset = this->table.offset(changed, 0);
+    wrapped.write(static_cast<std::uint64_t>(offset), this->table.encode(changed, entry));
     EXPECT_EQ(run_logged(wrapped, this->table.dump).out,
-              json_array({this->table.json(changed, entry, this->table.offset(changed, 0))}));
+              this->walked({this->table.json(changed, entry, offset)}));
 }
 
 TYPED_TEST_P(TableDump, EntryNumberMustBeBelowTheCount)
 {
-    expect_run(run_logged(this->device, this->table.dump, {"-n", "6"}),
-               {.status = 22,
-                .out = "",
-                .log = {settings_line(this->device, this->table.dump, {.meta_no = 6}),
-                        error_line("zutr_dump_common",
-                                   "invalid " + this->table.number_key + " 6, max cnt:6")}});
+    expect_run(
+        run_logged(this->device, this->table.dump, {"-n", "6"}),
+        {.status = 22,
+         .out = "",
+         .log = log_head<typename TypeParam::Super>(this->device, this->table.dump, {.meta_no = 6},
+                                                    {this->table.no_such_entry(6, 6)})});
 }
 
 TYPED_TEST_P(TableDump, EntryBehind4GiB)
 {
     constexpr std::uint32_t NO = 0x180000;
-    SuperV1 changed = this->super;
+    auto changed = this->super;
     changed.*this->table.count = NO + 1;
-    const TypeParam entry = this->table.used(NO, 1);
+    const auto entry = this->table.used(NO, 1);
     const std::int64_t offset = this->table.offset(changed, NO);
     this->device.write(SUPER_OFFSET, encode(changed));
     this->device.write(static_cast<std::uint64_t>(offset), this->table.encode(changed, entry));
@@ -315,7 +325,7 @@ TYPED_TEST_P(TableDump, EmptyOrOverlargeTableAborts)
 {
     for (const std::uint32_t count : {0U, 0x80000000U, 0xFFFFFFFFU}) {
         SCOPED_TRACE(count);
-        SuperV1 changed = this->super;
+        auto changed = this->super;
         changed.*this->table.count = count;
         this->device.write(SUPER_OFFSET, encode(changed));
         expect_abort(run_logged(this->device, this->table.dump),

@@ -1,13 +1,14 @@
 #pragma once
 
-// The rules that the repairs of all tables of layout version 1 share. Each table's test file
-// instantiates them with its entry.
+// The rules that the repairs of all tables share. The test file of each kind of table instantiates
+// them with its tables.
 
 #include "repair_fixture.h"
-#include "table_v1.h"
+#include "table.h"
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,16 +21,31 @@ inline std::vector<std::string> values_of_other_types(bool number)
     return {number ? "\"5\"" : "5", "null", "true", "false", "[]", "[5]", "{}", R"({"a":"5"})"};
 }
 
-template <class E>
+template <class T>
 class TableRepair : public RepairFixture {
 protected:
-    using Entry = E;
+    using Super = typename T::Super;
+    using Entry = typename T::Entry;
 
-    const TableV1<Entry> &table = table_v1<Entry>();
+    Super super = usual_super();
+    const T &table = the_table();
     const Entry sample = table.repairable(2, 1);
     const RepairFile file = repair_file(table.keys, sample);
 
-    TableRepair() : RepairFixture(table_v1<Entry>().repair, table_v1<Entry>().repair_code) {}
+    TableRepair()
+        : RepairFixture(the_table().repair, the_table().repair_code,
+                        std::stoi(Layout<Super>::VERSION), Layout<Super>::device(usual_super()))
+    {
+    }
+
+    static const T &the_table() { return tier_test::table<Super, Entry>(); }
+    static Super usual_super() { return Layout<Super>::super(5, 6, 7); }
+
+    void set_super(const Super &changed)
+    {
+        super = changed;
+        device.write(SUPER_OFFSET, encode(changed));
+    }
 
     static Entry freed(const Entry &entry)
     {
@@ -54,9 +70,10 @@ protected:
         for (const Key<Entry> &each : table.keys) {
             if (each.name == end)
                 break;
-            const auto value = logged(each, entry);
-            if (value && each.read_of(entry) && std::ranges::count(missing, each.name) == 0)
-                log.push_back(debug_line(table.parser, each.name + ": " + *value));
+            if (!each.read_of(entry) || std::ranges::count(missing, each.name) != 0)
+                continue;
+            for (const std::string &line : logged(each, entry))
+                log.push_back(debug_line(table.parser, line));
         }
         return log;
     }
@@ -87,11 +104,11 @@ protected:
     // The file describes this entry, which is refused if its numbers lie out of bounds.
     void expect_entry_or_bounds_error(const std::string &document, const Entry &entry)
     {
-        const std::optional<std::string> message = table.bounds_error(super, entry);
-        if (!message)
+        const Log errors = table.bounds_errors(super, entry);
+        if (errors.empty())
             return expect_entry(document, entry);
         Log lines = key_log(entry);
-        lines.push_back(error(*message));
+        std::ranges::copy(errors, std::back_inserter(lines));
         expect_refused(document, lines);
     }
 
@@ -107,7 +124,7 @@ protected:
     // UUID texts that are accepted in either case, and those that are not.
     void expect_uuid_rules(const std::string &name)
     {
-        const std::string good = *logged(key(name), sample);
+        const std::string good = uuid_text(sample.uuid);
         std::string upper = good;
         for (char &c : upper)
             c = static_cast<char>(std::toupper(c));
@@ -131,7 +148,7 @@ TYPED_TEST_P(TableRepair, EntryInUseOfEverySlot)
 {
     for (std::uint32_t no = 0; no < this->count(); ++no) {
         SCOPED_TRACE(no);
-        const TypeParam entry = this->table.repairable(no, 4 - no % 5);
+        const auto entry = this->table.repairable(no, 4 - no % 5);
         this->expect_entry(repair_file(this->table.keys, entry).text(), entry);
     }
 }
@@ -140,7 +157,7 @@ TYPED_TEST_P(TableRepair, FreeEntryReadsOnlyUseAndNumber)
 {
     for (std::uint32_t no = 0; no < this->count(); ++no) {
         SCOPED_TRACE(no);
-        const TypeParam entry{.no = no};
+        const auto entry = free_entry<typename TypeParam::Entry>(no);
         const RepairFile two_keys = repair_file(this->table.keys, entry);
         this->expect_entry(two_keys.text(), entry);
         for (const std::string value : {"7", "\"text\"", "null", "[{}]"}) {
@@ -176,14 +193,14 @@ TYPED_TEST_P(TableRepair, RequiredKeyMissing)
 
 TYPED_TEST_P(TableRepair, OptionalKeysMissing)
 {
-    TypeParam bare = this->sample;
+    auto bare = this->sample;
     RepairFile bare_file = this->file;
     std::vector<std::string> missing;
     for (const auto &key : this->table.keys) {
         if (key.required())
             continue;
         SCOPED_TRACE(key.name);
-        TypeParam entry = this->sample;
+        auto entry = this->sample;
         clear(entry, key);
         this->expect_entry(RepairFile(this->file).erase(key.name).text(), entry, {key.name});
         clear(bare, key);
@@ -210,12 +227,12 @@ TYPED_TEST_P(TableRepair, NumbersAreNarrowedToTheirFields)
 {
     for (const JsonNumber &number : boundary_numbers()) {
         SCOPED_TRACE(number.text);
-        TypeParam entry = this->sample;
+        auto entry = this->sample;
         RepairFile numbers = this->file;
         for (const auto &key : this->table.keys) {
-            TypeParam owned_elsewhere = this->sample;
+            auto owned_elsewhere = this->sample;
             store(owned_elsewhere, key, 1e6L);
-            const bool bounded = this->table.bounds_error(this->super, owned_elsewhere).has_value();
+            const bool bounded = !this->table.bounds_errors(this->super, owned_elsewhere).empty();
             if (!key.is_number() || key.reading == Reading::ALWAYS || bounded)
                 continue;
             store(entry, key, number.value);
@@ -235,10 +252,10 @@ TYPED_TEST_P(TableRepair, UseAndNumberAreNarrowedBeforeTheyDecide)
 
 TYPED_TEST_P(TableRepair, EntryNumberMustBeBelowTheCount)
 {
-    for (const TypeParam &entry : {this->sample, this->freed(this->sample)}) {
+    for (const auto &entry : {this->sample, this->freed(this->sample)}) {
         for (const std::uint32_t no : {this->count() - 1, this->count(), this->count() + 1}) {
             SCOPED_TRACE(no);
-            TypeParam numbered = entry;
+            auto numbered = entry;
             numbered.no = no;
             this->expect_entry_or_bounds_error(repair_file(this->table.keys, numbered).text(),
                                                numbered);
@@ -248,19 +265,21 @@ TYPED_TEST_P(TableRepair, EntryNumberMustBeBelowTheCount)
 
 TYPED_TEST_P(TableRepair, EmptyTableTakesNoEntry)
 {
-    SuperV1 changed = this->super;
+    auto changed = this->super;
     changed.*this->table.count = 0;
     this->set_super(changed);
-    this->expect_entry_or_bounds_error(repair_file(this->table.keys, TypeParam{}).text(), {});
+    const typename TypeParam::Entry entry;
+    this->expect_entry_or_bounds_error(repair_file(this->table.keys, entry).text(), entry);
 }
 
 TYPED_TEST_P(TableRepair, OffsetBehind4GiB)
 {
-    SuperV1 changed = this->super;
-    changed.*this->table.count = 0xFFFFFFFF;
+    auto changed = this->super;
+    changed.*this->table.count = this->table.largest_no + 1;
+    changed.brick_table_size = 0x1'0000'0000;
     this->set_super(changed);
-    TypeParam entry = this->sample;
-    entry.no = 0xFFFFFFFE;
+    auto entry = this->sample;
+    entry.no = this->table.largest_no;
     const LoggedRun run = this->repair(repair_file(this->table.keys, entry).text());
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, this->repaired(entry, run.out).json);
@@ -288,7 +307,7 @@ TYPED_TEST_P(TableRepair, EntryGoesToStandardOutputAndNotToTheOutputFile)
 // The tables need not be as large as their counts ask for.
 TYPED_TEST_P(TableRepair, OffsetFollowsTheSizesInTheSuperBlock)
 {
-    SuperV1 changed = this->super;
+    auto changed = this->super;
     changed.size = 0x80000;
     changed.brick_table_size += 3 * BLOCK_SIZE;
     changed.inode_table_size -= 5 * BLOCK_SIZE;
@@ -305,8 +324,9 @@ TYPED_TEST_P(TableRepair, OffsetFollowsTheSizesInTheSuperBlock)
 TYPED_TEST_P(TableRepair, ForcedVersionAborts)
 {
     const std::vector<std::uint8_t> before = this->device.bytes();
-    expect_abort(this->repair(this->file.text(), {"-v", "1", "-y"}),
-                 this->table.assertion_without_super);
+    expect_abort(
+        this->repair(this->file.text(), {"-v", Layout<typename TypeParam::Super>::VERSION, "-y"}),
+        this->table.assertion_without_super);
     EXPECT_EQ(this->device.bytes(), before);
 }
 

@@ -6,6 +6,18 @@ namespace tier_test {
 
 namespace {
 
+std::uint64_t tables_start(const SuperHead &sb)
+{
+    return sb.size + 4096U; // formed in 32 bits
+}
+
+std::uint64_t bitmap_words(std::uint32_t extent_size)
+{
+    return extent_size < ExtentV1::HEAD_LENGTH ? 0 : (extent_size - ExtentV1::HEAD_LENGTH) / 8;
+}
+
+} // namespace
+
 void store_checksum(Block &block, std::size_t length, const StoredChecksum &checksum)
 {
     seal(block, length);
@@ -13,19 +25,7 @@ void store_checksum(Block &block, std::size_t length, const StoredChecksum &chec
         put_u32(block, 0, *checksum);
 }
 
-std::uint64_t tables_start(const SuperV1 &sb)
-{
-    return sb.size + 4096U; // formed in 32 bits
-}
-
-std::uint64_t bitmap_words(std::uint32_t extent_size)
-{
-    return (extent_size - ExtentV1::HEAD_LENGTH) / 8;
-}
-
-} // namespace
-
-void set_geometry(SuperV1 &sb)
+void set_geometry(SuperHead &sb)
 {
     sb.brick_table_size = std::uint64_t{sb.brick_cnt} * 4096;
     const std::uint64_t inodes_start = tables_start(sb) + sb.brick_table_size;
@@ -97,7 +97,7 @@ ExtentV1 extent_used(std::uint64_t no, std::uint32_t inode_no)
     return extent;
 }
 
-Block encode(const SuperV1 &sb)
+Block encode_head(const SuperHead &sb)
 {
     Block block{};
     put_u32(block, 4, sb.magic);
@@ -115,6 +115,12 @@ Block encode(const SuperV1 &sb)
     put_u32(block, 128, sb.block_size);
     put_u32(block, 132, sb.block_cnt);
     put_u32(block, 136, sb.extent_size);
+    return block;
+}
+
+Block encode(const SuperV1 &sb)
+{
+    Block block = encode_head(sb);
     put_u32(block, 140, sb.reserved);
     store_checksum(block, SuperV1::LENGTH, sb.checksum);
     return block;
@@ -155,7 +161,7 @@ Block encode(const InodeV1 &inode)
     return block;
 }
 
-Block encode(const ExtentV1 &extent, std::uint32_t extent_size)
+Block encode_head(const ExtentV1 &extent, std::uint32_t extent_size)
 {
     Block block{};
     put_u32(block, 4, extent.block);
@@ -173,36 +179,47 @@ Block encode(const ExtentV1 &extent, std::uint32_t extent_size)
     put_u64(block, 48, extent.no);
     for (std::size_t i = 0; i < extent.bitmap.size() && i < bitmap_words(extent_size); ++i)
         put_u64(block, 56 + 8 * i, extent.bitmap[i]);
+    return block;
+}
+
+Block encode(const ExtentV1 &extent, std::uint32_t extent_size)
+{
+    Block block = encode_head(extent, extent_size);
     store_checksum(block, extent_size, extent.checksum);
     return block;
 }
 
-std::int64_t brick_offset(const SuperV1 &sb, std::uint64_t no)
+std::int64_t brick_offset(const SuperHead &sb, std::uint64_t no)
 {
     return static_cast<std::int64_t>(tables_start(sb) + no * 4096);
 }
 
-std::int64_t inode_offset(const SuperV1 &sb, std::uint64_t no)
+std::int64_t inode_offset(const SuperHead &sb, std::uint64_t no)
 {
     return brick_offset(sb, no) + static_cast<std::int64_t>(sb.brick_table_size);
 }
 
-std::int64_t extent_offset(const SuperV1 &sb, std::uint64_t no)
+std::int64_t extent_offset(const SuperHead &sb, std::uint64_t no)
 {
     return inode_offset(sb, no) + static_cast<std::int64_t>(sb.inode_table_size);
 }
 
-std::string json(const SuperV1 &sb)
+std::string json_head(const SuperHead &sb, std::uint32_t checksum, const std::string &rest)
 {
     return text("{\"checksum\":\"0x%x\",\"magic\":\"0x%x\",\"brick_table_size\":%lu,"
                 "\"inode_table_size\":%lu,\"extent_table_size\":%lu,\"data_offset\":%lu,"
                 "\"ctime\":\"0x%lx(%s)\",\"uuid\":\"%s\",\"ssd_uuid\":\"%s\",\"version\":\"0x%x\","
                 "\"super block size\":%u,\"brick_cnt\":%u,\"inode_cnt\":%u,\"block_size\":%u,"
-                "\"block_cnt\":%u,\"extent_size\":%u,\"sb_reserved\":%u}",
-                get_u32(encode(sb), 0), sb.magic, sb.brick_table_size, sb.inode_table_size,
-                sb.extent_table_size, sb.data_offset, sb.ctime, time_text(sb.ctime).c_str(),
-                uuid_text(sb.uuid).c_str(), sb.ssd_uuid.c_str(), sb.version, sb.size, sb.brick_cnt,
-                sb.inode_cnt, sb.block_size, sb.block_cnt, sb.extent_size, sb.reserved);
+                "\"block_cnt\":%u,\"extent_size\":%u,%s",
+                checksum, sb.magic, sb.brick_table_size, sb.inode_table_size, sb.extent_table_size,
+                sb.data_offset, sb.ctime, time_text(sb.ctime).c_str(), uuid_text(sb.uuid).c_str(),
+                sb.ssd_uuid.c_str(), sb.version, sb.size, sb.brick_cnt, sb.inode_cnt, sb.block_size,
+                sb.block_cnt, sb.extent_size, rest.c_str());
+}
+
+std::string json(const SuperV1 &sb)
+{
+    return json_head(sb, get_u32(encode(sb), 0), text("\"sb_reserved\":%u}", sb.reserved));
 }
 
 std::string json(const BrickV1 &brick, std::int64_t offset)
@@ -215,17 +232,32 @@ std::string json(const BrickV1 &brick, std::int64_t offset)
                 brick.reserved, offset);
 }
 
-std::string json(const InodeV1 &inode, std::int64_t offset)
+std::string json_head(const InodeV1 &inode, std::uint32_t checksum, const std::string &rest)
 {
     return text("{\"checksum\":\"0x%x\",\"magic\":\"0x%x\",\"atime\":\"%s\",\"ctime\":\"%s\","
                 "\"mtime\":\"%s\",\"dtime\":\"%s\",\"uuid\":\"%s\",\"size\":%lu,\"priority\":%u,"
-                "\"no\":%u,\"brick_no\":%u,\"unlink\":%hu,\"use\":%hu,\"reserved1\":%lu,"
-                "\"reserved2\":%lu,\"meta_offset\":%ld}",
-                get_u32(encode(inode), 0), inode.magic, time_text(inode.atime).c_str(),
+                "\"no\":%u,\"brick_no\":%u,\"unlink\":%hu,\"use\":%hu,%s",
+                checksum, inode.magic, time_text(inode.atime).c_str(),
                 time_text(inode.ctime).c_str(), time_text(inode.mtime).c_str(),
                 time_text(inode.dtime).c_str(), uuid_text(inode.uuid).c_str(), inode.size,
-                inode.priority, inode.no, inode.brick_no, inode.unlink, inode.use, inode.reserved1,
-                inode.reserved2, offset);
+                inode.priority, inode.no, inode.brick_no, inode.unlink, inode.use, rest.c_str());
+}
+
+std::string json(const InodeV1 &inode, std::int64_t offset)
+{
+    return json_head(inode, get_u32(encode(inode), 0),
+                     text("\"reserved1\":%lu,\"reserved2\":%lu,\"meta_offset\":%ld}",
+                          inode.reserved1, inode.reserved2, offset));
+}
+
+std::string json_head(const ExtentV1 &extent, std::uint32_t checksum)
+{
+    return text("{\"te_checksum\":\"0x%x\",\"te_block\":%u,\"te_size\":%lu,\"te_inode_no\":%u,"
+                "\"te_sampling_low\":\"%08x\",\"te_sampling_mid\":%u,\"te_sampling_high\":%u,"
+                "\"te_use\":%hu,\"te_clean\":%hu,\"te_ntime\":%u,\"te_hot\":%lu,\"te_no\":%lu,",
+                checksum, extent.block, extent.size, extent.inode_no, extent.sampling_low,
+                extent.sampling_mid, extent.sampling_high, extent.use, extent.clean, extent.ntime,
+                extent.hot, extent.no);
 }
 
 std::string json(const ExtentV1 &extent, std::uint32_t extent_size, std::int64_t offset)
@@ -233,35 +265,37 @@ std::string json(const ExtentV1 &extent, std::uint32_t extent_size, std::int64_t
     std::string bitmap;
     for (std::size_t i = 0; i < bitmap_words(extent_size); ++i)
         bitmap += text("0x%016lx ", i < extent.bitmap.size() ? extent.bitmap[i] : 0);
-    return text("{\"te_checksum\":\"0x%x\",\"te_block\":%u,\"te_size\":%lu,\"te_inode_no\":%u,"
-                "\"te_sampling_low\":\"%08x\",\"te_sampling_mid\":%u,\"te_sampling_high\":%u,"
-                "\"te_use\":%hu,\"te_clean\":%hu,\"te_ntime\":%u,\"te_hot\":%lu,\"te_no\":%lu,"
-                "\"meta_offset\":%ld,\"te_bitmap\":\"%s\"}",
-                get_u32(encode(extent, extent_size), 0), extent.block, extent.size, extent.inode_no,
-                extent.sampling_low, extent.sampling_mid, extent.sampling_high, extent.use,
-                extent.clean, extent.ntime, extent.hot, extent.no, offset, bitmap.c_str());
+    return json_head(extent, get_u32(encode(extent, extent_size), 0)) +
+           text("\"meta_offset\":%ld,\"te_bitmap\":\"%s\"}", offset, bitmap.c_str());
+}
+
+void put_block(Device &device, std::int64_t offset, const Block &block)
+{
+    device.write(static_cast<std::uint64_t>(offset), block);
+}
+
+void put_bricks(Device &device, const SuperHead &sb, const std::vector<BrickV1> &bricks)
+{
+    for (std::uint32_t no = 0; no < sb.brick_cnt; ++no)
+        put_block(device, brick_offset(sb, no), encode(BrickV1{.no = no}));
+    for (const BrickV1 &brick : bricks)
+        put_block(device, brick_offset(sb, brick.no), encode(brick));
 }
 
 Device make_v1_device(const SuperV1 &sb, const std::vector<BrickV1> &bricks,
                       const std::vector<InodeV1> &inodes, const std::vector<ExtentV1> &extents)
 {
     Device device(static_cast<std::uint64_t>(extent_offset(sb, sb.block_cnt)));
-    const auto put = [&](std::int64_t offset, const Block &block) {
-        device.write(static_cast<std::uint64_t>(offset), block);
-    };
-    put(SUPER_OFFSET, encode(sb));
-    for (std::uint32_t no = 0; no < sb.brick_cnt; ++no)
-        put(brick_offset(sb, no), encode(BrickV1{.no = no}));
+    put_block(device, SUPER_OFFSET, encode(sb));
+    put_bricks(device, sb, bricks);
     for (std::uint32_t no = 0; no < sb.inode_cnt; ++no)
-        put(inode_offset(sb, no), encode(InodeV1{.no = no}));
-    for (std::uint32_t no = 0; no < sb.block_cnt; ++no)
-        put(extent_offset(sb, no), encode(ExtentV1{.no = no}, sb.extent_size));
-    for (const BrickV1 &brick : bricks)
-        put(brick_offset(sb, brick.no), encode(brick));
+        put_block(device, inode_offset(sb, no), encode(InodeV1{.no = no}));
     for (const InodeV1 &inode : inodes)
-        put(inode_offset(sb, inode.no), encode(inode));
+        put_block(device, inode_offset(sb, inode.no), encode(inode));
+    for (std::uint32_t no = 0; no < sb.block_cnt; ++no)
+        put_block(device, extent_offset(sb, no), encode(ExtentV1{.no = no}, sb.extent_size));
     for (const ExtentV1 &extent : extents)
-        put(extent_offset(sb, extent.no), encode(extent, sb.extent_size));
+        put_block(device, extent_offset(sb, extent.no), encode(extent, sb.extent_size));
     return device;
 }
 

@@ -17,9 +17,8 @@ constexpr std::uint64_t SUPER_OFFSET = 4096;
 // A checksum given here is stored in place of the right one.
 using StoredChecksum = std::optional<std::uint32_t>;
 
-struct SuperV1 {
-    static constexpr std::size_t LENGTH = 144;
-
+// The fields that the super blocks of layout versions 1 and 2 have in common.
+struct SuperHead {
     std::uint32_t magic = 0xCACBCCCD;
     std::uint64_t brick_table_size = 0;
     std::uint64_t inode_table_size = 0;
@@ -28,22 +27,29 @@ struct SuperV1 {
     std::uint64_t ctime = 1'600'000'000'123'456'789U;
     Uuid uuid = numbered_uuid(0x51);
     std::string ssd_uuid = "Ab3cd9-EfGh-1234-IjKl-5678-MnOp-QrStU6"; // 38 characters
-    std::uint32_t version = 0x10000;
+    std::uint32_t version = 0;
     std::uint32_t size = 0x100000;
     std::uint32_t brick_cnt = 0;
     std::uint32_t inode_cnt = 0;
     std::uint32_t block_size = 1048576;
     std::uint32_t block_cnt = 0;
     std::uint32_t extent_size = 72;
-    std::uint32_t reserved = 0;
     StoredChecksum checksum{};
+};
+
+struct SuperV1 : SuperHead {
+    static constexpr std::size_t LENGTH = 144;
+
+    SuperV1() : SuperHead{.version = 0x10000} {}
+
+    std::uint32_t reserved = 0;
 };
 
 // A super block whose sizes and offsets follow from its counts.
 SuperV1 super_v1(std::uint32_t bricks, std::uint32_t inodes, std::uint32_t blocks);
 
 // The sizes and the data offset that belong to the counts of `sb`.
-void set_geometry(SuperV1 &sb);
+void set_geometry(SuperHead &sb);
 
 struct BrickV1 {
     static constexpr std::size_t LENGTH = 168;
@@ -106,9 +112,9 @@ Block encode(const BrickV1 &brick);
 Block encode(const InodeV1 &inode);
 Block encode(const ExtentV1 &extent, std::uint32_t extent_size);
 
-std::int64_t brick_offset(const SuperV1 &sb, std::uint64_t no);
-std::int64_t inode_offset(const SuperV1 &sb, std::uint64_t no);
-std::int64_t extent_offset(const SuperV1 &sb, std::uint64_t no);
+std::int64_t brick_offset(const SuperHead &sb, std::uint64_t no);
+std::int64_t inode_offset(const SuperHead &sb, std::uint64_t no);
+std::int64_t extent_offset(const SuperHead &sb, std::uint64_t no);
 
 // The text of one dumped entry, without a line end.
 std::string json(const SuperV1 &sb);
@@ -121,5 +127,22 @@ std::string json(const ExtentV1 &extent, std::uint32_t extent_size, std::int64_t
 Device make_v1_device(const SuperV1 &sb, const std::vector<BrickV1> &bricks = {},
                       const std::vector<InodeV1> &inodes = {},
                       const std::vector<ExtentV1> &extents = {});
+
+// What records, lines and images of layout version 2 have in common with those of version 1.
+
+// Without a checksum.
+Block encode_head(const SuperHead &sb);
+Block encode_head(const ExtentV1 &extent, std::uint32_t extent_size);
+
+// Stores the checksum of a record of that length, or the one that is given for it.
+void store_checksum(Block &block, std::size_t length, const StoredChecksum &checksum);
+
+// The members of a line up to those that differ, then the rest of it.
+std::string json_head(const SuperHead &sb, std::uint32_t checksum, const std::string &rest);
+std::string json_head(const InodeV1 &inode, std::uint32_t checksum, const std::string &rest);
+std::string json_head(const ExtentV1 &extent, std::uint32_t checksum);
+
+void put_block(Device &device, std::int64_t offset, const Block &block);
+void put_bricks(Device &device, const SuperHead &sb, const std::vector<BrickV1> &bricks);
 
 } // namespace tier_test

@@ -33,6 +33,15 @@ constexpr auto TIER_EXTENT_KEYS = std::tuple{
     zutr_key{"te_no", &tier_extent_t::te_reserved1, zutr_to_u64},
 };
 
+/* Read only for an extent in use, among others. */
+constexpr auto TIER_EXTENT_OWNER_KEYS = std::tuple{
+    zutr_key{"te_inode_no", &tier_extent_t::te_inode_no, zutr_to_s64},
+    zutr_key{"te_sampling_low", &tier_extent_t::te_sampling_low, zutr_to_s64},
+    zutr_key{"te_sampling_mid", &tier_extent_t::te_sampling_mid, zutr_to_s64, zutr_need::optional},
+    zutr_key{"te_sampling_high", &tier_extent_t::te_sampling_high, zutr_to_s64,
+             zutr_need::optional},
+};
+
 /* A layout's extent table: what its super block says of it, and how it prints an extent. */
 template <class Super>
 struct tier_extent_table {

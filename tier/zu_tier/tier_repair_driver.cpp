@@ -32,6 +32,30 @@ int32_t write_if_committed(const zutr_params_t *params, const uint8_t *block, in
 
 } // namespace
 
+int64_t zutr_build_block(const char *func, zutr_params_t *params, zutr_parse_func_t parse_func,
+                         bool hand_on_errno, zutr_buffer *block)
+{
+    const int32_t failed = zutr_alloc_aligned(SIZE_4K, block);
+    if (failed != 0) {
+        zutr_error(func, "posix memalign failed:%d", failed);
+        return -ENOMEM;
+    }
+    memset(block->get(), 0, SIZE_4K);
+    const zutr_json document = zutr_json_load(params->repair_conf);
+    if (document == nullptr) {
+        const int32_t cause = errno;
+        zutr_error(func, "load repair conf %s failed:%s", params->repair_conf, strerror(cause));
+        return hand_on_errno ? -cause : -EINVAL;
+    }
+    const int64_t offset = parse_func(params, document.get(), block->get());
+    if (offset < 0) {
+        zutr_error(func, "parse meta info failed:%d, cmd:%d, dev:%s, conf:%s",
+                   static_cast<int32_t>(offset), params->cmd, params->dev_path,
+                   params->repair_conf);
+    }
+    return offset;
+}
+
 int32_t zutr_repair_common(zutr_params_t *params, zutr_parse_func_t parse_func)
 {
     zutr_assert(params != nullptr && parse_func != nullptr, "params && parse_func");
@@ -40,25 +64,9 @@ int32_t zutr_repair_common(zutr_params_t *params, zutr_parse_func_t parse_func)
         return -EINVAL;
     }
     zutr_buffer block;
-    const int32_t failed = zutr_alloc_aligned(SIZE_4K, &block);
-    if (failed != 0) {
-        zutr_error(FUNC, "posix memalign failed:%d", failed);
-        return -ENOMEM;
-    }
-    memset(block.get(), 0, SIZE_4K);
-    const zutr_json document = zutr_json_load(params->repair_conf);
-    if (document == nullptr) {
-        zutr_error(FUNC, "load repair conf %s failed:%s", params->repair_conf, strerror(errno));
-        return -EINVAL;
-    }
-    const int64_t offset = parse_func(params, document.get(), block.get());
-    if (offset < 0) {
-        const auto ret = static_cast<int32_t>(offset);
-        zutr_error(FUNC, "parse meta info failed:%d, cmd:%d, dev:%s, conf:%s", ret, params->cmd,
-                   params->dev_path, params->repair_conf);
-        return ret;
-    }
-    return write_if_committed(params, block.get(), offset);
+    const int64_t offset = zutr_build_block(FUNC, params, parse_func, false, &block);
+    return offset < 0 ? static_cast<int32_t>(offset)
+                      : write_if_committed(params, block.get(), offset);
 }
 
 ssize_t zutr_repair_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/zutr_utils.h"
 #include "zu_tier/zu_tier.h"
 
 #include <cjson/cJSON.h>
@@ -10,6 +11,12 @@
 /* Builds one block from a repair file: fills the 4096 zeroed bytes at `m` from `document` and gives
  * the device offset to write them at, or a negative errno (-5, -12, -14 or -22). */
 using zutr_parse_func_t = int64_t (*)(zutr_params_t *params, const cJSON *document, void *m);
+
+/* Loads the repair file and has `parse_func` build the 4096-byte block in `block`. Gives the device
+ * offset for the block, or a negative errno after messages on behalf of `func`; a file that cannot
+ * be loaded gives `-EINVAL` or, with `hand_on_errno`, its own errno. */
+int64_t zutr_build_block(const char *func, zutr_params_t *params, zutr_parse_func_t parse_func,
+                         bool hand_on_errno, zutr_buffer *block);
 
 /* Loads the repair file, has `parse_func` build the block and, only with the commit flag, writes it
  * to the device. Gives 0 or a negative errno. */

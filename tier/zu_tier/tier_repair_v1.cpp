@@ -183,19 +183,15 @@ int32_t zutr_repair_inode_v1(zutr_params_t *params)
 
 /* Extent table */
 
-constexpr auto EXTENT_IN_USE_KEYS_V1 = std::tuple{
-    zutr_key{"te_block", &tier_extent_v1_t::te_block, zutr_to_s64},
-    zutr_key{"te_size", &tier_extent_v1_t::te_size, zutr_to_u64},
-    zutr_key{"te_inode_no", &tier_extent_v1_t::te_inode_no, zutr_to_s64},
-    zutr_key{"te_sampling_low", &tier_extent_v1_t::te_sampling_low, zutr_to_s64},
-    zutr_key{"te_sampling_mid", &tier_extent_v1_t::te_sampling_mid, zutr_to_s64,
-             zutr_need::optional},
-    zutr_key{"te_sampling_high", &tier_extent_v1_t::te_sampling_high, zutr_to_s64,
-             zutr_need::optional},
-    zutr_key{"te_clean", &tier_extent_v1_t::te_clean, zutr_to_s32},
-    zutr_key{"te_ntime", &tier_extent_v1_t::te_ntime, zutr_to_s64, zutr_need::optional},
-    zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
-};
+constexpr auto EXTENT_IN_USE_KEYS_V1 = std::tuple_cat(
+    std::tuple{zutr_key{"te_block", &tier_extent_v1_t::te_block, zutr_to_s64},
+               zutr_key{"te_size", &tier_extent_v1_t::te_size, zutr_to_u64}},
+    TIER_EXTENT_OWNER_KEYS,
+    std::tuple{
+        zutr_key{"te_clean", &tier_extent_v1_t::te_clean, zutr_to_s32},
+        zutr_key{"te_ntime", &tier_extent_v1_t::te_ntime, zutr_to_s64, zutr_need::optional},
+        zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
+    });
 
 /* A super block may be sealed and still name a record that does not fit its slot. */
 int32_t check_extent_size(const char *func, const tier_super_block_v1_t &sb)

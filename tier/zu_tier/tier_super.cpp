@@ -1,7 +1,5 @@
 #include "zu_tier/tier_super.h"
 
-#include "zu_tier/tier_super_rules.h"
-
 #include <array>
 #include <cerrno>
 #include <cstdlib>

@@ -117,3 +117,7 @@ int32_t tier_dump_super(const zutr_params_t *params, zutr_super_check_t check,
     }
     return ret;
 }
+
+/* Gives the length of the identity of the SSD, which is 38, when it is the right one; else -EINVAL
+ * after a message on behalf of `func`. */
+int32_t tier_check_ssd_uuid(const char *func, const char (&ssd_uuid)[48]);

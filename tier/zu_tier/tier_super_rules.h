@@ -64,6 +64,3 @@ int32_t tier_check_data_offset(const char *func, const Super &sb)
     }
     return 0;
 }
-
-/* Gives the length of the identity, which is 38, when it is the right one. */
-int32_t tier_check_ssd_uuid(const char *func, const char (&ssd_uuid)[48]);

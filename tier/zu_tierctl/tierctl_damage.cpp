@@ -109,8 +109,8 @@ tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tab
     }
     const tierctl_table &table = find(tables, parts[0], text, "table");
     const std::optional<uint64_t> no = tierctl_parse_number(parts[1]);
-    if (!no || *no >= table.region.count) {
-        refuse(text, "expected an entry of 0.." + std::to_string(table.region.count - 1));
+    if (!no || *no >= table.count()) {
+        refuse(text, "expected an entry of 0.." + std::to_string(table.count() - 1));
     }
     const std::string_view kind_name = parts.size() == 3 ? parts[2] : DEFAULT_KIND;
     const tierctl_damage_kind &kind = find(std::span(KINDS), kind_name, text, "kind");
@@ -144,7 +144,7 @@ void tierctl_apply_damage(tierctl_image &image, std::span<const tierctl_damage> 
     tierctl_random random(seed);
     std::array<uint8_t, SIZE_4K> slot;
     for (const tierctl_damage &damage : damages) {
-        const int64_t offset = damage.table->region.slot(damage.no);
+        const int64_t offset = damage.table->slot(damage.no);
         image.read(offset, slot.data(), slot.size());
         damage.kind->spoil(*damage.table, slot.data(), random);
         image.write(offset, slot.data(), slot.size());

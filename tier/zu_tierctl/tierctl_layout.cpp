@@ -6,9 +6,28 @@
 
 namespace {
 
-constexpr const tierctl_layout *LAYOUTS[] = {&TIERCTL_LAYOUT_V1};
+constexpr const tierctl_layout *LAYOUTS[] = {&TIERCTL_LAYOUT_V1, &TIERCTL_LAYOUT_V2};
 
 } // namespace
+
+uint64_t tierctl_table::count() const
+{
+    uint64_t entries = 0;
+    for (const tier_region &region : regions) {
+        entries += region.count;
+    }
+    return entries;
+}
+
+int64_t tierctl_table::slot(uint64_t no) const
+{
+    auto region = regions.begin();
+    while (no >= region->count) {
+        no -= region->count;
+        ++region;
+    }
+    return region->slot(no);
+}
 
 void tierctl_seal(const tierctl_table &table, uint8_t *slot)
 {
@@ -19,6 +38,9 @@ void tierctl_seal(const tierctl_table &table, uint8_t *slot)
 
 std::string tierctl_bounds_text(const tierctl_bounds &bounds)
 {
+    if (bounds.max == TIERCTL_NONE.max) {
+        return "none";
+    }
     std::string text = std::to_string(bounds.min) + ".." + std::to_string(bounds.max);
     if (bounds.unit != 1) {
         text += " in steps of " + std::to_string(bounds.unit);

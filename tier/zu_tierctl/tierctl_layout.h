@@ -18,10 +18,15 @@
  * CRC-32 of the rest of the record; the super block is a table of one slot. */
 struct tierctl_table {
     std::string_view name;
-    tier_region region;
+    std::vector<tier_region> regions; /* where it lies; each is numbered on from the one before */
     size_t record_length;
     std::optional<size_t> magic_at;  /* byte offset of the magic in a record, if it has one */
     std::optional<size_t> number_at; /* byte offset of the entry's own number, if it has one */
+
+    uint64_t count() const;
+
+    /* Byte offset of the slot of entry `no`, which exists. */
+    int64_t slot(uint64_t no) const;
 };
 
 /* Stores the checksum of the record in `slot`. */
@@ -34,6 +39,7 @@ enum tierctl_size {
     TIERCTL_BLOCKS,
     TIERCTL_BLOCK_SIZE,
     TIERCTL_EXTENT_SIZE,
+    TIERCTL_EXPANSION,
     TIERCTL_SIZES,
 };
 
@@ -43,10 +49,13 @@ struct tierctl_bounds {
     uint32_t min;
     uint32_t max;
     uint32_t unit;
-    uint32_t fallback; /* when not given; 0: follows from the other sizes */
+    uint32_t fallback; /* when not given; 0: none, or it follows from the other sizes */
 };
 
-/* "1..300", "262144..4194304 in steps of 4096" */
+/* Of a size that a layout does not have. */
+constexpr tierctl_bounds TIERCTL_NONE = {1, 0, 1, 0};
+
+/* "1..300", "262144..4194304 in steps of 4096", "none" */
 std::string tierctl_bounds_text(const tierctl_bounds &bounds);
 
 /* Puts the content of entry `no` into its zeroed slot, all but the checksum. Called once for every
@@ -68,9 +77,12 @@ struct tierctl_layout {
     std::string_view name;
     std::array<tierctl_bounds, TIERCTL_SIZES> bounds;
     tierctl_sample_plan (*sample)(const tierctl_sizes &sizes, uint64_t seed);
+    const tierctl_layout *for_conversion; /* the same, ready to be converted; null: never is */
 };
 
 extern const tierctl_layout TIERCTL_LAYOUT_V1;
+extern const tierctl_layout TIERCTL_LAYOUT_V1_FOR_CONVERSION;
+extern const tierctl_layout TIERCTL_LAYOUT_V2;
 
 std::span<const tierctl_layout *const> tierctl_layouts();
 

@@ -16,6 +16,7 @@ const std::array<tierctl_size_option, TIERCTL_SIZES> TIERCTL_SIZE_OPTIONS = {{
     {"--block-size", "Bytes of a data block"},
     {"--extent-size", "Bytes of an extent record with its bitmap, by default a bit\n"
                       "for each 4096-byte page of a block, in words of 64"},
+    {"--expansion", "Inodes of the expansion area, which is in use"},
 }};
 
 namespace {
@@ -39,26 +40,49 @@ tierctl_sizes choose_sizes(const tierctl_sample_options &options, const tierctl_
     return sizes;
 }
 
-void write_table(tierctl_image &image, const tierctl_sample_table &sample, uint8_t *run)
+/* Writes the entries `no`... of `sample`, which fill `region`. */
+void write_region(tierctl_image &image, const tierctl_sample_table &sample,
+                  const tier_region &region, uint64_t no, uint8_t *run)
 {
-    const tier_region &region = sample.table.region;
     for (uint64_t first = 0; first < region.count; first += SLOTS_A_WRITE) {
         const uint64_t slots = std::min(SLOTS_A_WRITE, region.count - first);
         memset(run, 0, slots * SIZE_4K);
         for (uint64_t i = 0; i < slots; i++) {
             uint8_t *slot = run + i * SIZE_4K;
-            sample.fill(first + i, slot);
+            sample.fill(no + first + i, slot);
             tierctl_seal(sample.table, slot);
         }
         image.write(region.slot(first), run, slots * SIZE_4K);
     }
 }
 
+void write_table(tierctl_image &image, const tierctl_sample_table &sample, uint8_t *run)
+{
+    uint64_t no = 0;
+    for (const tier_region &region : sample.table.regions) {
+        write_region(image, sample, region, no, run);
+        no += region.count;
+    }
+}
+
+const tierctl_layout &choose_layout(const tierctl_sample_options &options)
+{
+    const tierctl_layout &layout = tierctl_find_layout(options.layout);
+    if (!options.for_conversion) {
+        return layout;
+    }
+    if (layout.for_conversion == nullptr) {
+        throw tierctl_usage_error("--for-conversion: layout " + options.layout +
+                                  " is not converted");
+    }
+    return *layout.for_conversion;
+}
+
 } // namespace
 
 void tierctl_sample(const tierctl_sample_options &options)
 {
-    const tierctl_layout &layout = tierctl_find_layout(options.layout);
+    const tierctl_layout &layout = choose_layout(options);
     const tierctl_sample_plan plan = layout.sample(choose_sizes(options, layout), options.seed);
     std::vector<tierctl_table> tables;
     for (const tierctl_sample_table &sample : plan.tables) {

@@ -18,10 +18,22 @@ constexpr const char EXAMPLE[] =
     "  zu_tier -p tier.img -c dump_inode";
 
 constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
-                                     "TABLE: super (its only entry is 0), brick, inode, extent\n"
+                                     "TABLE: super (its only entry is 0), brick, inode (also in\n"
+                                     "the expansion area), extent\n"
                                      "KIND: checksum (the default), magic or number (the checksum\n"
                                      "stays right), zero (the whole slot), bit (one bit of the\n"
                                      "record, chosen by the seed)";
+
+std::string conversion_help()
+{
+    const tierctl_layout &layout = TIERCTL_LAYOUT_V1_FOR_CONVERSION;
+    return "Make a device that convert_super accepts: the tables of v2\n"
+           "under the super block of " +
+           std::string(layout.name) + "; sizes as for v2, but\n" +
+           TIERCTL_SIZE_OPTIONS[TIERCTL_BLOCKS].name + " " +
+           tierctl_bounds_text(layout.bounds[TIERCTL_BLOCKS]) + " and no " +
+           TIERCTL_SIZE_OPTIONS[TIERCTL_EXPANSION].name;
+}
 
 /* The option's meaning and, a line each, "v1: 1..300, default 4". */
 std::string size_help(size_t size)
@@ -81,6 +93,7 @@ void tierctl_add_sample(CLI::App &app)
         ->type_name("")
         ->required();
     command->add_option("--layout", options->layout, layout_help())->type_name("NAME")->required();
+    command->add_flag("--for-conversion", options->for_conversion, conversion_help());
     for (size_t i = 0; i < TIERCTL_SIZES; i++) {
         const auto store = [options, i](uint64_t value) { options->sizes[i] = value; };
         add_number(command, TIERCTL_SIZE_OPTIONS[i].name, store, size_help(i));

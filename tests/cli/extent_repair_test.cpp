@@ -1,0 +1,65 @@
+// Repairs of the extent tables of all layouts.
+
+#include "table_repair.h"
+#include "tables.h"
+
+using namespace tier_test;
+
+namespace tier_test {
+
+INSTANTIATE_TYPED_TEST_SUITE_P(Extent, TableRepair, ExtentTables, LayoutNames);
+
+} // namespace tier_test
+
+namespace {
+
+template <class T>
+class ExtentRepair : public TableRepair<T> {
+};
+
+TYPED_TEST_SUITE(ExtentRepair, ExtentTables, LayoutNames);
+
+TYPED_TEST(ExtentRepair, InodeNumberMustBeBelowTheCount)
+{
+    for (const std::uint32_t inode_no : {0U, 5U, 6U, 7U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
+        SCOPED_TRACE(inode_no);
+        const auto extent = this->table.repairable(2, inode_no);
+        this->expect_entry_or_bounds_error(repair_file(this->table.keys, extent).text(), extent);
+    }
+    const auto both = this->table.repairable(7, 6);
+    this->expect_entry_or_bounds_error(repair_file(this->table.keys, both).text(), both);
+}
+
+TYPED_TEST(ExtentRepair, InodeNumberIsNarrowedBeforeItIsChecked)
+{
+    for (const JsonNumber &number : boundary_numbers())
+        this->expect_number(this->key("te_inode_no"), number);
+}
+
+TYPED_TEST(ExtentRepair, InodeNumberOfAFreeExtentIsNotRead)
+{
+    this->expect_entry(RepairFile(this->file).number("te_use", 0).number("te_inode_no", 6).text(),
+                       this->freed(this->sample));
+}
+
+// The text of the dump, spelt as a number, gives the same bytes back.
+TYPED_TEST(ExtentRepair, SamplingLowIsStoredInReverse)
+{
+    const std::vector<std::pair<std::string, std::uint32_t>> stored{{"287454020", 0x44332211},
+                                                                    {"167772160", 0x0000000A}};
+    for (const auto &[number, word] : stored) {
+        const RepairFile changed = RepairFile(this->file).set("te_sampling_low", number);
+        ASSERT_EQ(this->repair(changed.text(), {"-y"}).status, 0);
+        const auto offset = static_cast<std::uint64_t>(extent_offset(this->super, 2));
+        EXPECT_EQ(get_u32(this->device.block(offset), 20), word);
+    }
+}
+
+TYPED_TEST(ExtentRepair, DumpedExtentIsNoRepairFile)
+{
+    // Its sampling counter is text.
+    const std::string dumped = this->table.json(this->super, this->sample, 0);
+    this->expect_refused_at("te_sampling_low", dumped, "parse te_sampling_low failed");
+}
+
+} // namespace

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "super_repair.h"
+
+namespace tier_test {
+
+// Repairs from the file of one super block, changed key by key.
+template <class Super>
+class SuperParseFixture : public SuperRepair<Super> {
+protected:
+    Super super = Layout<Super>::super(3, 3, 3);
+    RepairFile file = repair_file(super);
+    std::vector<SuperKey> keys = super_keys(super);
+
+    // The parse ends at `key` with these messages.
+    void expect_refused_at(const std::string &key, const std::string &conf_text,
+                           const std::string &message, const std::vector<std::string> &args = {})
+    {
+        this->expect_refused(
+            conf_text,
+            this->log_of_keys(super, keys_before(keys, key),
+                              {error_line(this->parser, message), this->rejected()}),
+            args);
+    }
+
+    // Forced, the file is accepted and the log says this of the key.
+    void expect_logged(const std::string &key, const std::string &value, const Super &stored,
+                       const std::string &logged)
+    {
+        SCOPED_TRACE(key + ": " + value);
+        RepairFile changed = file;
+        changed.set(key, value);
+        Log expected = this->log_of_keys(super, keys.size(), {});
+        const std::size_t line = expected.size() - keys.size() + keys_before(keys, key);
+        expected.at(line).text = key + ": " + logged;
+        EXPECT_EQ(this->expect_accepted(changed.text(), stored, {"-F"}), expected);
+    }
+};
+
+} // namespace tier_test

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "zu_tier/tier_format_v2.h"
+#include "zu_tier/tier_inode.h"
+
+#include <cstdint>
+#include <cstdio>
+
+/* The V2 inode, which the inode table and the expansion inode area share. */
+
+/* Prints the inode as a JSON object; `offset` is shown as "meta_offset". */
+void __print_inode_v2(const tier_inode_v2_t *inode, int64_t offset, FILE *fp);
+
+/* Whether `ino` names a regular inode or one of an expansion area in use; if not, says so. */
+int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino);
+
+/* Whether an area of `exp_inode_cnt` expansion inodes has been formatted behind the data blocks of
+ * `sb`: looks at its first and its last slot. 0 or -EINVAL. */
+int32_t __check_exp_inode_formated(const tier_super_block_v2_t *sb, int32_t fd,
+                                   uint32_t exp_inode_cnt);

@@ -1,0 +1,212 @@
+#include "zu_tier/tier_super_v2.h"
+
+#include "common/zutr_assert.h"
+#include "common/zutr_utils.h"
+#include "zu_tier/tier_inode_v2.h"
+#include "zu_tier/tier_json.h"
+#include "zu_tier/tier_log.h"
+#include "zu_tier/tier_map_v2.h"
+#include "zu_tier/tier_record.h"
+#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/tier_super.h"
+#include "zu_tier/tier_super_rules.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+using super_v2 = tier_super_block_v2_t;
+
+constexpr auto SUPER_FIELDS_V2 = std::tuple_cat(
+    TIER_SUPER_HEAD_FIELDS<super_v2>,
+    std::tuple{
+        zutr_field{"exp_inode_magic", &super_v2::sb_inode_exp_magic, zutr_form::hex},
+        zutr_computed<super_v2>{"exp_inode_cnt",
+                                [](const super_v2 &sb) { return uint64_t{tier_exp_cnt_v2(sb)}; }},
+        zutr_field{"exp_inode_inuse", &super_v2::sb_inode_exp_inuse, zutr_form::hex},
+        zutr_field{"sb_inode_exp_area", &super_v2::sb_inode_exp_area},
+        zutr_field{"min_alloc_size", &super_v2::sb_min_alloc_size},
+        zutr_field{"total_map_size", &super_v2::sb_total_map_size},
+        zutr_field{"map_cnt", &super_v2::sb_map_cnt},
+        zutr_field{"size_mapped_meta", &super_v2::sb_size_mapped_meta},
+        zutr_field{"hot_size", &super_v2::sb_hot_size},
+        zutr_field{"total_extent_size", &super_v2::sb_total_extent_size},
+    });
+
+/* Read from a description of a V2 super block, computed for an older one. */
+constexpr auto SUPER_MAP_KEYS_V2 = std::tuple{
+    zutr_key{"min_alloc_size", &super_v2::sb_min_alloc_size, zutr_to_s64},
+    zutr_key{"total_map_size", &super_v2::sb_total_map_size, zutr_to_s64},
+    zutr_key{"map_cnt", &super_v2::sb_map_cnt, zutr_to_s64},
+    zutr_key{"size_mapped_meta", &super_v2::sb_size_mapped_meta, zutr_to_s64},
+    zutr_key{"hot_size", &super_v2::sb_hot_size, zutr_to_s64},
+};
+
+/* The keys of the expansion area that are not stored as they stand. */
+struct exp_config {
+    uint32_t cnt;
+    char magic[32];
+    char inuse[32];
+};
+constexpr zutr_key EXP_CNT_KEY = {"exp_inode_cnt", &exp_config::cnt, zutr_to_s64,
+                                  zutr_need::optional};
+constexpr zutr_key EXP_MAGIC_KEY = {"exp_inode_magic", &exp_config::magic};
+constexpr zutr_key EXP_INUSE_KEY = {"exp_inode_inuse", &exp_config::inuse};
+
+bool begins_with(const char *text, const char *beginning)
+{
+    return strncmp(text, beginning, strlen(beginning)) == 0;
+}
+
+void __printf_super_v2(const super_v2 *sb, FILE *fp)
+{
+    zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
+    tier_print_super(*sb, SUPER_FIELDS_V2, fp);
+}
+
+/* Negative errno, or not negative. */
+int32_t __check_sb_params_v2(const super_v2 &sb)
+{
+    int32_t ret = tier_check_areas(__func__, sb);
+    if (ret != 0) {
+        return ret;
+    }
+    if (sb.sb_extent_size < TIER_EXTENT_SIZE_MIN || sb.sb_extent_size > TIER_EXTENT_SIZE_MAX ||
+        sb.sb_total_extent_size > TIER_EXTENT_SIZE_MAX) {
+        zutr_error(__func__,
+                   "extent size(%u) is invalid. totoal extent_size:%u, expect size:[%lu-4096]",
+                   sb.sb_extent_size, sb.sb_total_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
+        return -EINVAL;
+    }
+    ret = tier_check_extent_table(__func__, sb);
+    if (ret != 0) {
+        return ret;
+    }
+    if (sb.sb_min_alloc_size > sb.sb_block_size) {
+        zutr_error(__func__, "min_alloc_size(%u) is invalid. block_size:%u", sb.sb_min_alloc_size,
+                   sb.sb_block_size);
+        return -EINVAL;
+    }
+    if (sb.sb_map_cnt > EXTENT_HOT_LEN ||
+        sb.sb_total_map_size != uint64_t{sb.sb_size_mapped_meta} * sb.sb_map_cnt) {
+        zutr_error(__func__, "map params is invalid. map_cnt:%u, map_size:%u, total_map_size:%u",
+                   sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size);
+        return -EINVAL;
+    }
+    ret = tier_check_data_offset(__func__, sb);
+    return ret == 0 ? tier_check_ssd_uuid(__func__, sb.sb_ssd_uuid) : ret;
+}
+
+int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cfg, super_v2 *sb)
+{
+    if (params == nullptr || params->fd < 0 || sb_cfg == nullptr || sb == nullptr) {
+        return -EINVAL;
+    }
+    const zutr_json_reader in(__func__, sb_cfg);
+    exp_config config = {};
+    int32_t ret = in.read(EXP_CNT_KEY, &config);
+    if (ret != 0 || config.cnt == 0) {
+        return ret;
+    }
+    ret = in.read(EXP_MAGIC_KEY, &config);
+    if (ret != 0) {
+        return ret;
+    }
+    if (!begins_with(config.magic, "0x4558")) {
+        sb->sb_inode_exp_area = 0;
+        sb->sb_inode_exp_magic = 0;
+        sb->sb_inode_exp_inuse = 0;
+        return 0;
+    }
+    if (__check_exp_inode_formated(sb, params->fd, config.cnt) != 0) {
+        zutr_error(__func__, "exp check inode format failed, exp_inode_size: %d cmd: %d",
+                   static_cast<int32_t>(config.cnt), params->cmd);
+        return -EINVAL;
+    }
+    ret = in.read(EXP_INUSE_KEY, &config);
+    if (ret != 0) {
+        return ret;
+    }
+    sb->sb_inode_exp_inuse = begins_with(config.inuse, "0x53") ? TIER_EXP_INUSE_V2 : 0;
+    sb->sb_inode_exp_area = static_cast<uint8_t>(config.cnt / TIER_EXP_UNIT_V2);
+    sb->sb_inode_exp_magic = TIER_EXP_MAGIC_V2;
+    return 0;
+}
+
+/* The map geometry: from the file, or for an older super block from the device. */
+int32_t read_map_geometry(const zutr_json_reader &in, const zutr_params_t *params, super_v2 *sb)
+{
+    if (sb->sb_version == TIER_SB_VERSION_V2) {
+        const int32_t ret = in.read(SUPER_MAP_KEYS_V2, sb);
+        sb->sb_total_extent_size = sb->sb_extent_size + sb->sb_total_map_size + sb->sb_hot_size;
+        return ret;
+    }
+    zutr_assert(sb->sb_version == TIER_OLD_VERSION, "sb->sb_version == TIER_OLD_VERSION");
+    const int32_t ret = calc_super_block_v2(params->fd, sb);
+    if (ret < 0) {
+        zutr_error(in.func(), "convert super block failed:%ld", int64_t{ret});
+        return -EINVAL;
+    }
+    sb->sb_version = TIER_SB_VERSION_V2;
+    return 0;
+}
+
+int64_t parse_sb_from_json_v2(zutr_params_t *params, const cJSON *sb_cfg, void *m)
+{
+    zutr_assert(params != nullptr && sb_cfg != nullptr && m != nullptr, "params && sb_cfg && sb");
+    const zutr_json_reader in(__func__, sb_cfg);
+    auto *sb = static_cast<super_v2 *>(m);
+    sb->sb_magic = TIER_SB_MAGIC_V2;
+    int32_t ret = tier_read_super_head(in, params->cmd, 0, sb);
+    if (ret != 0) {
+        return ret;
+    }
+    if (sb->sb_version != TIER_SB_VERSION_V2 && params->cmd != ZUTR_CMD_CONVERT_SUPER) {
+        zutr_error(__func__, "version %u is invalid, cmd:%d", sb->sb_version, params->cmd);
+        return -EINVAL;
+    }
+    if (__repair_super_exp_inode(params, sb_cfg, sb) != 0) {
+        zutr_error(__func__, "repair super exp inode failed, cmd: %d", params->cmd);
+        return -EINVAL;
+    }
+    ret = read_map_geometry(in, params, sb);
+    if (ret == 0 && params->force == 0) {
+        ret = __check_sb_params_v2(*sb);
+    }
+    if (ret < 0) {
+        return ret;
+    }
+    sb->sb_checksum = zutr_record_crc(*sb);
+    __printf_super_v2(sb, stdout);
+    return TIER_SUPER_OFFSET;
+}
+
+} // namespace
+
+int32_t __check_super_v2(const void *sb)
+{
+    return tier_check_super(__func__, "v2", *static_cast<const super_v2 *>(sb), TIER_SB_MAGIC_V2,
+                            TIER_SB_VERSION_V2);
+}
+
+int32_t zutr_dump_super_v2(zutr_params_t *params)
+{
+    zutr_assert(params != nullptr, "params");
+    return tier_dump_super(params, __check_super_v2, __printf_super_v2);
+}
+
+int32_t zutr_repair_super_v2(zutr_params_t *params)
+{
+    return zutr_repair_common(params, parse_sb_from_json_v2);
+}
+
+int32_t zutr_convert_super_v2(zutr_params_t *params)
+{
+    if (params == nullptr || params->repair_conf == nullptr || params->fd < 0) {
+        return -EINVAL;
+    }
+    zutr_buffer block;
+    const int64_t built = zutr_build_block(__func__, params, parse_sb_from_json_v2, true, &block);
+    return built < 0 ? static_cast<int32_t>(built) : 0;
+}
