@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # An operator's day in a minute: installs what is missing, builds the tool, makes a sample device
-# with a damaged inode, finds the inode, rehearses its repair, commits it and looks again.
+# with a damaged inode, finds the inode, rehearses its repair, commits it and looks again. Then what
+# is new on a device of layout V2, and how a device of V1 becomes one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -12,12 +13,24 @@ cmake --build --preset release --parallel "$(nproc)" -- --quiet
 export TZ=UTC PATH=$PWD/build:$PATH
 work=$(mktemp -d)
 cd "$work"
-device=sample.img
+loops=()
 cleanup() {
-    if [ -b "$device" ]; then losetup -d "$device"; fi
+    for loop in "${loops[@]}"; do losetup -d "$loop"; done
     rm -rf "$work"
 }
 trap cleanup EXIT
+
+# attach IMAGE: makes it the device of $tool, as a block device where that is possible.
+attach() {
+    local loop
+    device=$1
+    if [ "$(id -u)" -eq 0 ] && loop=$(losetup --find --show "$1" 2>/dev/null); then
+        device=$loop
+        loops+=("$loop")
+        echo "attached to $device"
+    fi
+    tool="zu_tier -l tier.log -p $device"
+}
 
 bold='' plain=''
 if [ -t 1 ]; then bold=$'\033[1m' plain=$'\033[0m'; fi
@@ -30,12 +43,8 @@ run() {
 }
 
 say "A sample device: a V1 layout with one damaged inode"
-run "zu_tierctl sample --layout v1 --bricks 3 --inodes 48 --blocks 64 --damage inode:7 $device"
-if [ "$(id -u)" -eq 0 ] && loop=$(losetup --find --show "$device" 2>/dev/null); then
-    device=$loop
-    echo "attached to $device"
-fi
-tool="zu_tier -l tier.log -p $device"
+run "zu_tierctl sample --layout v1 --bricks 3 --inodes 48 --blocks 64 --damage inode:7 sample.img"
+attach sample.img
 
 say "What is it? The super block"
 run "$tool -c dump_super | jq ."
@@ -74,3 +83,25 @@ run "$tool -c repair_inode -f inode.json -y | jq -c '{no, checksum, meta_offset}
 say "Look again: nothing is damaged, and inode 7 is back"
 run "$tool -c dump_inode -g error=1; echo"
 run "$tool -c dump_inode -n 7 | jq ."
+
+say "Layout V2 has room for more inodes behind the data; one of these is damaged"
+run "zu_tierctl sample --layout v2 --inodes 48 --blocks 64 --expansion 153600 --damage inode:99 v2.img"
+attach v2.img
+
+say "Its inodes come as one object of two tables, numbered through; 48 is the first of the second"
+run "$tool -c dump_inode -g error=1 2>/dev/null | jq ."
+run "$tool -c dump_inode -n 48 | jq ."
+
+say "An extent names the pieces that it holds of its block; the first two of extent 1"
+run "$tool -c dump_extent -n 1 | jq '.te_mapped_meta |= .[:2]'"
+
+say "A device whose tables are V2 already and whose super block is not: convert_super works it out"
+run "zu_tierctl sample --layout v1 --for-conversion old.img"
+attach old.img
+run "$tool -c dump_super | tee old.json | jq -c '{version, min_alloc_size, map_cnt, total_extent_size}'"
+run "$tool -v 2 -c convert_super -f old.json | tee new.json | jq -c '{version, min_alloc_size, map_cnt, total_extent_size}'"
+
+say "The conversion writes nothing: repair_super commits the line that it printed"
+run "$tool -v 2 -c repair_super -f new.json -y | cmp - new.json"
+run "$tool -c dump_super | cmp - new.json"
+run "$tool -c dump_extent -g error=1; echo"
