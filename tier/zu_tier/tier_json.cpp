@@ -49,12 +49,11 @@ public:
 private:
     void skip_string()
     {
-        for (at_++; *at_ != '"'; at_++) {
-            if (*at_ == '\\') {
-                at_++;
-            }
-        }
         at_++;
+        while (*at_ != '\0' && *at_ != '"') {
+            at_ += *at_ == '\\' && at_[1] != '\0' ? 2 : 1;
+        }
+        at_ += *at_ == '"' ? 1 : 0;
     }
 
     const char *at_;
