@@ -247,7 +247,7 @@ TEST_F(ExtentV2Repair, CleanKeepsItsLowestBit)
 {
     for (const JsonNumber &number : boundary_numbers()) {
         MappedMeta stored = piece;
-        stored.clean = convert(Conversion::SIGNED_64, number.value) & 1U;
+        stored.clean = convert(Conversion::UNSIGNED_64, number.value) & 1U;
         expect_piece_number("clean", number.text, 3, stored);
     }
 }
@@ -259,7 +259,7 @@ TEST_F(ExtentV2Repair, LengthKeeps31Bits)
     set_super(changed);
     for (const JsonNumber &number : boundary_numbers()) {
         MappedMeta stored = piece;
-        stored.orig_len = convert(Conversion::SIGNED_64, number.value) & 0x7FFFFFFFU;
+        stored.orig_len = convert(Conversion::UNSIGNED_64, number.value) & 0x7FFFFFFFU;
         expect_piece_number("len", number.text, 3, stored);
     }
 }

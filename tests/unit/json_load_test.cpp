@@ -88,6 +88,16 @@ TEST_F(JsonLoad, TextBehindTheDocumentIsAccepted)
     EXPECT_NE(load(std::string("{\"a\":1}\0 \xFF", 10)), nullptr);
 }
 
+TEST_F(JsonLoad, TextBehindANumberMayLookLikeMoreOfIt)
+{
+    for (const auto &[content, value] : std::vector<std::pair<std::string, std::uint64_t>>{
+             {"0x10", 0}, {"0X1F", 0}, {"0x1p3", 0}, {"-0x5", 0}, {"7-2", 7}, {"12infinity", 12}}) {
+        const zutr_json document = load(content);
+        ASSERT_NE(document, nullptr) << content;
+        EXPECT_EQ(number(document.get()), value) << content;
+    }
+}
+
 TEST_F(JsonLoad, LargeFileIsLoadedWhole)
 {
     std::string content = "[";

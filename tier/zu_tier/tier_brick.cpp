@@ -3,6 +3,7 @@
 #include "common/zutr_assert.h"
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_record.h"
+#include "zu_tier/tier_repair_driver.h"
 
 #include <cerrno>
 #include <cstring>
@@ -110,6 +111,9 @@ int64_t tier_parse_brick(const zutr_json_reader &in, const tier_brick_table &tab
     }
     brick->bi_checksum = tier_brick_crc(brick);
     const int64_t offset = table.region.slot(brick->bi_no);
+    if (!tier_check_slot(in.func(), offset)) {
+        return -EFAULT;
+    }
     tier_print_brick(brick, offset, stdout);
     return offset;
 }

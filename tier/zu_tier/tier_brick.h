@@ -25,6 +25,6 @@ int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t
                         const char *delim, zutr_params_t *params);
 
 /* Fills the zeroed `brick` from a repair file and prints it to standard output. Gives the device
- * offset of its slot, or -EINVAL. */
+ * offset of its slot, or -EINVAL or -EFAULT, logged. */
 int64_t tier_parse_brick(const zutr_json_reader &in, const tier_brick_table &table,
                          tier_brick_info_t *brick);

@@ -83,7 +83,7 @@ static_assert(TIER_BRICKID_LEN == 93);
  *   40   16   i_uuid       identity of the file
  *   56    8   i_size       bytes
  *   64    4   i_priority   cache priority
- *   68    4   i_no         the entry's own number
+ *   68    4   i_no         the entry's own number; signed in V3
  *   72    4   i_brick_no   slot number of the owning brick
  *   76    2   i_unlink     nonzero: the file has been unlinked
  *   78    2   i_use        nonzero: the slot holds a file
@@ -100,7 +100,10 @@ struct tier_inode_t {
     uint8_t i_uuid[16];
     uint64_t i_size;
     uint32_t i_priority;
-    uint32_t i_no;
+    union {
+        uint32_t i_no;
+        int32_t i_signed_no;
+    };
     uint32_t i_brick_no;
     uint16_t i_unlink;
     uint16_t i_use;
@@ -124,6 +127,7 @@ static_assert(offsetof(tier_inode_t, i_uuid) == 40);
 static_assert(offsetof(tier_inode_t, i_size) == 56);
 static_assert(offsetof(tier_inode_t, i_priority) == 64);
 static_assert(offsetof(tier_inode_t, i_no) == 68);
+static_assert(offsetof(tier_inode_t, i_signed_no) == 68);
 static_assert(offsetof(tier_inode_t, i_brick_no) == 72);
 static_assert(offsetof(tier_inode_t, i_unlink) == 76);
 static_assert(offsetof(tier_inode_t, i_use) == 78);

@@ -25,6 +25,12 @@ bool passes(const char *func, const zutr_filter_t &filter, const tier_inode_t &i
 
 } // namespace
 
+void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t /*no*/, uint32_t crc)
+{
+    zutr_error(func, "inode no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.i_no,
+               inode.i_magic, inode.i_checksum, crc);
+}
+
 int32_t tier_dump_inode(const char *func, const tier_inode_table &table, int32_t no,
                         const void *meta, const char *delim, const zutr_params_t *params)
 {

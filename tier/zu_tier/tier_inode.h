@@ -9,8 +9,7 @@
 #include <cstdio>
 #include <tuple>
 
-/* What the inode tables of all layouts have in common; each names the last two fields its own way.
- */
+/* What the inode tables of all layouts have in common. */
 
 constexpr auto TIER_INODE_HEAD_FIELDS = std::tuple{
     zutr_field{"checksum", &tier_inode_t::i_checksum, zutr_form::hex},
@@ -28,23 +27,41 @@ constexpr auto TIER_INODE_HEAD_FIELDS = std::tuple{
     zutr_field{"use", &tier_inode_t::i_use},
 };
 
+/* From V2 on the last two words have a meaning. */
+constexpr auto TIER_INODE_FIELDS_V2 =
+    std::tuple_cat(TIER_INODE_HEAD_FIELDS, std::tuple{
+                                               zutr_field{"new_data", &tier_inode_t::new_data},
+                                               zutr_field{"blocks", &tier_inode_t::i_blocks},
+                                           });
+
 constexpr auto TIER_INODE_KEYS = std::tuple{
     zutr_key{"i_no", &tier_inode_t::i_no, zutr_to_s64},
     zutr_key{"i_use", &tier_inode_t::i_use, zutr_to_s32},
 };
 
-/* Read only for an inode in use. */
-constexpr auto TIER_INODE_IN_USE_KEYS = std::tuple{
+/* Read only for an inode in use, as all that follow. */
+constexpr auto TIER_INODE_FILE_KEYS = std::tuple{
     zutr_key{"i_atime", &tier_inode_t::i_atime, zutr_to_u64, zutr_need::optional},
     zutr_key{"i_ctime", &tier_inode_t::i_ctime, zutr_to_u64, zutr_need::optional},
     zutr_key{"i_mtime", &tier_inode_t::i_mtime, zutr_to_u64, zutr_need::optional},
     zutr_key{"i_dtime", &tier_inode_t::i_dtime, zutr_to_u64, zutr_need::optional},
     zutr_key{"i_uuid", &tier_inode_t::i_uuid},
     zutr_key{"i_size", &tier_inode_t::i_size, zutr_to_u64},
-    zutr_key{"i_priority", &tier_inode_t::i_priority, zutr_to_s64},
-    zutr_key{"i_brick_no", &tier_inode_t::i_brick_no, zutr_to_u64},
-    zutr_key{"i_unlink", &tier_inode_t::i_unlink, zutr_to_s32, zutr_need::optional},
 };
+
+/* The keys of V1 and V2. */
+constexpr auto TIER_INODE_IN_USE_KEYS = std::tuple_cat(
+    TIER_INODE_FILE_KEYS,
+    std::tuple{
+        zutr_key{"i_priority", &tier_inode_t::i_priority, zutr_to_s64},
+        zutr_key{"i_brick_no", &tier_inode_t::i_brick_no, zutr_to_u64},
+        zutr_key{"i_unlink", &tier_inode_t::i_unlink, zutr_to_s32, zutr_need::optional},
+    });
+
+constexpr zutr_key TIER_INODE_NEW_DATA_KEY = {"new_data", &tier_inode_t::new_data, zutr_to_u64,
+                                              zutr_need::optional};
+constexpr zutr_key TIER_INODE_BLOCKS_KEY = {"i_blocks", &tier_inode_t::i_blocks, zutr_to_u64,
+                                            zutr_need::optional};
 
 /* A layout's inode table: its magic, how it prints an inode, what it says of a bad one (found at
  * number `no`), and where the slot of a number lies. */
@@ -54,6 +71,9 @@ struct tier_inode_table {
     void (*log_bad)(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc);
     int64_t (*slot)(const zutr_params_t *params, uint32_t no);
 };
+
+/* What V1 and V3 say of a bad inode. */
+void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc);
 
 /* Formatter of the dump driver, on behalf of `func`. */
 int32_t tier_dump_inode(const char *func, const tier_inode_table &table, int32_t no,

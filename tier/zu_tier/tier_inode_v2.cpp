@@ -9,10 +9,6 @@
 
 namespace {
 
-constexpr auto INODE_FIELDS_V2 = std::tuple_cat(
-    TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"new_data", &tier_inode_v2_t::new_data},
-                                       zutr_field{"blocks", &tier_inode_v2_t::i_blocks}});
-
 /* Whether slot `ino` of the area at `exp_inode_off` holds the inode `base_no` + `ino`: 0, a
  * negative errno or read result, or the positive size of a slot that holds something else. */
 int32_t __check_exp_inode(int32_t fd, uint64_t exp_inode_off, uint32_t base_no, uint32_t ino)
@@ -50,7 +46,7 @@ int32_t __check_exp_inode(int32_t fd, uint64_t exp_inode_off, uint32_t base_no, 
 void __print_inode_v2(const tier_inode_v2_t *inode, int64_t offset, FILE *fp)
 {
     zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
-    zutr_print_entry(*inode, INODE_FIELDS_V2, offset, fp);
+    zutr_print_entry(*inode, TIER_INODE_FIELDS_V2, offset, fp);
 }
 
 int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino)

@@ -34,15 +34,18 @@ public:
                 at_++;
             }
         }
-        char *end = nullptr;
-        strtold(at_, &end);
-        const auto length = static_cast<size_t>(end - at_);
+        /* cJSON ends a number where none of its characters follow, strtold knows hexadecimal, too.
+         */
+        const size_t length = strspn(at_, "0123456789+-.eE");
         auto *copy = static_cast<char *>(cJSON_malloc(length + 1));
         if (copy != nullptr) {
             memcpy(copy, at_, length);
             copy[length] = '\0';
+            char *end = nullptr;
+            strtold(copy, &end);
+            *end = '\0';
         }
-        at_ = end;
+        at_ += length;
         return copy;
     }
 
@@ -215,13 +218,13 @@ int32_t zutr_json_reader::text(const char *name, char *field, size_t size) const
     return 0;
 }
 
-int32_t zutr_json_reader::bits(const char *name, zutr_need need, uint32_t width,
-                               uint64_t *value) const
+int32_t zutr_json_reader::bits(const char *name, zutr_need need, uint64_t (*convert)(long double),
+                               uint32_t width, uint64_t *value) const
 {
     const cJSON *node = nullptr;
     const int32_t ret = number(name, need, &node);
     if (node != nullptr) {
-        *value = zutr_to_s64(zutr_json_number(node)) & ((1ULL << width) - 1);
+        *value = convert(zutr_json_number(node)) & ~uint64_t{0} >> (64 - width);
         accepted(name, *value);
     }
     return ret;

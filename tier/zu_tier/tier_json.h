@@ -60,9 +60,10 @@ public:
     /* Copies at most `size` - 1 bytes and fills the rest with zeros. */
     int32_t text(const char *name, char *field, size_t size) const;
 
-    /* Reads a number into the `width` bits of a bit field, low bits kept; `*value` keeps what it
-     * had when an optional key is absent. */
-    int32_t bits(const char *name, zutr_need need, uint32_t width, uint64_t *value) const;
+    /* Reads a number of which the low `width` bits, 1 to 64, count; `*value` keeps what it had when
+     * an optional key is absent. */
+    int32_t bits(const char *name, zutr_need need, uint64_t (*convert)(long double), uint32_t width,
+                 uint64_t *value) const;
 
     void accepted(const char *name, uint64_t value) const;
     void accepted(const char *name, const char *text) const;

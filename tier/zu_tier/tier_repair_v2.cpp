@@ -2,6 +2,7 @@
 #include "zu_tier/tier_brick.h"
 #include "zu_tier/tier_dump_driver.h"
 #include "zu_tier/tier_extent.h"
+#include "zu_tier/tier_extent_v2.h"
 #include "zu_tier/tier_format_v2.h"
 #include "zu_tier/tier_inode_v2.h"
 #include "zu_tier/tier_json.h"
@@ -13,27 +14,16 @@
 #include "zu_tier/zu_tier.h"
 
 #include <cerrno>
-#include <cstring>
 
-/* Layout V2: its tables, its command map, its selector. */
+/* Layout V2: its brick and inode tables, the restore, its command map, its selector. */
 
 namespace {
-
-const tier_super_block_v2_t &super_of(const zutr_params_t *params)
-{
-    return *static_cast<const tier_super_block_v2_t *>(params->sb);
-}
-
-void assert_super(const zutr_params_t *params)
-{
-    zutr_assert_super(params, __check_super_v2, "!__check_super_v2(params->sb)");
-}
 
 /* Brick table */
 
 tier_brick_table brick_table(const zutr_params_t *params)
 {
-    return {TIER_BRICK_MAGIC_V2, tier_bricks(super_of(params)), zutr_need::optional};
+    return {TIER_BRICK_MAGIC_V2, tier_bricks(tier_super_v2(params)), zutr_need::optional};
 }
 
 int32_t __dump_brick_v2(int32_t no, void *meta, const char *delim, zutr_params_t *params)
@@ -44,8 +34,8 @@ int32_t __dump_brick_v2(int32_t no, void *meta, const char *delim, zutr_params_t
 
 int32_t zutr_dump_brick_v2(zutr_params_t *params)
 {
-    assert_super(params);
-    return zutr_dump_table(params, "bi_no", tier_bricks(super_of(params)), __dump_brick_v2);
+    tier_assert_super_v2(params);
+    return zutr_dump_table(params, "bi_no", tier_bricks(tier_super_v2(params)), __dump_brick_v2);
 }
 
 int64_t parse_brick_from_json_v2(zutr_params_t *params, const cJSON *brick_cfg, void *m)
@@ -63,9 +53,7 @@ int32_t zutr_repair_brick_v2(zutr_params_t *params)
 /* Inode table */
 
 constexpr auto INODE_IN_USE_KEYS_V2 = std::tuple_cat(
-    TIER_INODE_IN_USE_KEYS,
-    std::tuple{zutr_key{"new_data", &tier_inode_v2_t::new_data, zutr_to_u64, zutr_need::optional},
-               zutr_key{"i_blocks", &tier_inode_v2_t::i_blocks, zutr_to_u64, zutr_need::optional}});
+    TIER_INODE_IN_USE_KEYS, std::tuple{TIER_INODE_NEW_DATA_KEY, TIER_INODE_BLOCKS_KEY});
 
 void log_bad_inode(const char *func, const tier_inode_v2_t &inode, int32_t no, uint32_t crc)
 {
@@ -75,7 +63,7 @@ void log_bad_inode(const char *func, const tier_inode_v2_t &inode, int32_t no, u
 
 int64_t inode_slot(const zutr_params_t *params, uint32_t no)
 {
-    return tier_inode_slot_v2(super_of(params), no);
+    return tier_inode_slot_v2(tier_super_v2(params), no);
 }
 
 constexpr tier_inode_table INODE_TABLE_V2 = {TIER_INODE_MAGIC_V2, __print_inode_v2, log_bad_inode,
@@ -91,7 +79,7 @@ int32_t __dump_inode_v2(int32_t no, void *meta, const char *delim, zutr_params_t
  * for one entry the bound of its number. */
 int32_t dump_exp_inodes(zutr_params_t *params, uint32_t count)
 {
-    const tier_super_block_v2_t &sb = super_of(params);
+    const tier_super_block_v2_t &sb = tier_super_v2(params);
     params->base_no = static_cast<int32_t>(sb.sb_inode_cnt);
     return zutr_dump_table(params, "no", {tier_exp_inodes_v2(sb).start, count}, __dump_inode_v2);
 }
@@ -99,7 +87,7 @@ int32_t dump_exp_inodes(zutr_params_t *params, uint32_t count)
 /* Both tables as the members of one object. */
 int32_t dump_all_inodes(zutr_params_t *params)
 {
-    const tier_super_block_v2_t &sb = super_of(params);
+    const tier_super_block_v2_t &sb = tier_super_v2(params);
     zutr_text(params->out_fp).put("{ \"inode\":");
     int32_t ret = zutr_dump_table(params, "no", tier_inodes(sb), __dump_inode_v2);
     if (ret == 0 && sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2) {
@@ -113,8 +101,8 @@ int32_t dump_all_inodes(zutr_params_t *params)
 
 int32_t zutr_dump_inode_v2(zutr_params_t *params)
 {
-    assert_super(params);
-    const tier_super_block_v2_t &sb = super_of(params);
+    tier_assert_super_v2(params);
+    const tier_super_block_v2_t &sb = tier_super_v2(params);
     zutr_assert(tier_exp_inodes_v2(sb).start > 0, "exp_inode_off > 0");
     if (params->meta_no < 0) {
         return dump_all_inodes(params);
@@ -132,7 +120,7 @@ int32_t zutr_dump_inode_v2(zutr_params_t *params)
 int64_t parse_inode_from_json_v2(zutr_params_t *params, const cJSON *inode_cfg, void *m)
 {
     zutr_assert_parse(params, inode_cfg, m, "params && params->sb && inode_cfg && inode");
-    const tier_super_block_v2_t &sb = super_of(params);
+    const tier_super_block_v2_t &sb = tier_super_v2(params);
     auto *inode = static_cast<tier_inode_v2_t *>(m);
     const int32_t ret = tier_read_inode({__func__, inode_cfg}, INODE_IN_USE_KEYS_V2, inode);
     if (ret != 0) {
@@ -155,222 +143,12 @@ int32_t zutr_repair_inode_v2(zutr_params_t *params)
     return zutr_repair_common(params, parse_inode_from_json_v2);
 }
 
-/* Extent table */
-
-/* A mapped piece as a dump shows it. */
-struct shown_piece {
-    uint64_t offset;
-    uint32_t clean;
-    uint32_t orig_len;
-    uint16_t begin;
-    uint16_t cnt;
-    uint32_t mapno;
-    uint64_t data_phy_offset;
-};
-
-constexpr auto PIECE_FIELDS_V2 = std::tuple{
-    zutr_field{"offset", &shown_piece::offset},
-    zutr_field{"clean", &shown_piece::clean},
-    zutr_field{"orig_len", &shown_piece::orig_len},
-    zutr_field{"begin", &shown_piece::begin},
-    zutr_field{"cnt", &shown_piece::cnt},
-    zutr_field{"mapno", &shown_piece::mapno},
-    zutr_field{"data_phy_offset", &shown_piece::data_phy_offset},
-};
-
-constexpr auto PIECE_PAGES_KEYS = std::tuple{
-    zutr_key{"begin", &tier_mapped_meta_v2_t::begin, zutr_to_s32},
-    zutr_key{"cnt", &tier_mapped_meta_v2_t::cnt, zutr_to_s32},
-};
-
-/* A super block may be sealed and still name records that do not fit their slot. */
-int32_t check_extent_sizes(const char *func, const tier_super_block_v2_t &sb)
-{
-    int32_t ret = tier_check_size(func, "sb_extent_size", sb.sb_extent_size, 0, SIZE_4K);
-    if (ret != 0) {
-        return ret;
-    }
-    const auto pieces =
-        static_cast<uint32_t>((SIZE_4K - sb.sb_extent_size) / sizeof(tier_mapped_meta_v2_t));
-    ret = tier_check_size(func, "sb_map_cnt", sb.sb_map_cnt, 0, pieces);
-    return ret == 0 ? tier_check_size(func, "sb_total_extent_size", sb.sb_total_extent_size,
-                                      TIER_CHECKSUM_SIZE, SIZE_4K)
-                    : ret;
-}
-
-/* The pieces follow the head and its bitmap and need not be aligned. */
-size_t piece_offset(const tier_super_block_v2_t &sb, uint32_t mapno)
-{
-    return sb.sb_extent_size + mapno * sizeof(tier_mapped_meta_v2_t);
-}
-
-tier_mapped_meta_v2_t load_piece(const tier_extent_v2_t *extent, const tier_super_block_v2_t &sb,
-                                 uint32_t mapno)
-{
-    tier_mapped_meta_v2_t piece;
-    memcpy(&piece, reinterpret_cast<const uint8_t *>(extent) + piece_offset(sb, mapno),
-           sizeof(piece));
-    return piece;
-}
-
-void store_piece(const tier_mapped_meta_v2_t &piece, const tier_super_block_v2_t &sb,
-                 uint32_t mapno, tier_extent_v2_t *extent)
-{
-    memcpy(reinterpret_cast<uint8_t *>(extent) + piece_offset(sb, mapno), &piece, sizeof(piece));
-}
-
-void print_pieces(zutr_text &out, const tier_extent_v2_t *extent, const tier_super_block_v2_t &sb)
-{
-    const uint64_t block = sb.sb_data_offset + extent->te_reserved1 * uint64_t{sb.sb_block_size};
-    const char *separator = "{";
-    for (uint32_t mapno = 0; mapno < sb.sb_map_cnt; mapno++) {
-        const tier_mapped_meta_v2_t piece = load_piece(extent, sb, mapno);
-        if (piece.orig_len() == 0) {
-            continue;
-        }
-        out.put(separator);
-        zutr_put_fields(out,
-                        shown_piece{piece.offset, piece.clean(), piece.orig_len(), piece.begin,
-                                    piece.cnt, mapno, block + uint64_t{piece.begin} * SIZE_4K},
-                        PIECE_FIELDS_V2);
-        out.put("}");
-        separator = ",{";
-    }
-}
-
-void __print_extent_v2(const tier_extent_v2_t *extent, const tier_super_block_v2_t *sb,
-                       int64_t offset, FILE *fp)
-{
-    zutr_assert(extent != nullptr && fp != nullptr && sb != nullptr, "extent && fp && sb");
-    zutr_text out(fp);
-    out.put("{");
-    zutr_put_fields(out, *extent, TIER_EXTENT_HEAD_FIELDS);
-    out.put(",\"meta_offset\": ");
-    out.signed_decimal(offset);
-    out.put(",\"te_mapped_meta\":[");
-    print_pieces(out, extent, *sb);
-    out.put("]}");
-}
-
-constexpr tier_extent_table<tier_super_block_v2_t> EXTENT_TABLE_V2 = {
-    &tier_super_block_v2_t::sb_total_extent_size, __print_extent_v2};
-
-int32_t __dump_extent_v2(int32_t no, void *obj, const char *delim, zutr_params_t *params)
-{
-    /* The entry goes by another name here than in the other tables. */
-    zutr_assert(no >= 0 && obj != nullptr && delim != nullptr && params != nullptr,
-                "no >= 0 && obj && delim && params");
-    return tier_dump_extent(__func__, EXTENT_TABLE_V2, no, obj, delim, params);
-}
-
-int32_t zutr_dump_extent_v2(zutr_params_t *params)
-{
-    assert_super(params);
-    const int32_t ret = check_extent_sizes(__func__, super_of(params));
-    if (ret != 0) {
-        return ret;
-    }
-    return zutr_dump_table(params, "te_no", tier_extents(super_of(params)), __dump_extent_v2);
-}
-
-/* One element of "te_mapped_meta", which fills the piece that it names. */
-int32_t read_piece(const zutr_json_reader &in, int32_t index, const tier_super_block_v2_t &sb,
-                   tier_extent_v2_t *extent)
-{
-    uint64_t mapno = 0;
-    int32_t ret = in.bits("mapno", zutr_need::required, 32, &mapno);
-    if (ret != 0) {
-        return ret;
-    }
-    if (mapno >= sb.sb_map_cnt) {
-        zutr_error(in.func(), "te_mapped_meta mapno %d is invalid, index:%d, map_cnt:%d",
-                   static_cast<int32_t>(mapno), index, static_cast<int32_t>(sb.sb_map_cnt));
-        return -EINVAL;
-    }
-    tier_mapped_meta_v2_t piece = {};
-    uint64_t clean = 0;
-    uint64_t len = 0;
-    ret = in.read(zutr_key{"offset", &tier_mapped_meta_v2_t::offset, zutr_to_u64}, &piece);
-    ret = ret == 0 ? in.bits("clean", zutr_need::required, 1, &clean) : ret;
-    ret = ret == 0 ? in.bits("len", zutr_need::required, 31, &len) : ret;
-    if (ret != 0) {
-        return ret;
-    }
-    if (len > sb.sb_block_size) {
-        zutr_error(in.func(), "map %d orig_len(%u) is invalid, block_size:%u",
-                   static_cast<int32_t>(mapno), static_cast<uint32_t>(len), sb.sb_block_size);
-        return -EINVAL;
-    }
-    piece.clean_length = tier_clean_length_v2(clean, len);
-    ret = in.read(PIECE_PAGES_KEYS, &piece);
-    if (ret == 0) {
-        store_piece(piece, sb, static_cast<uint32_t>(mapno), extent);
-    }
-    return ret;
-}
-
-int32_t read_pieces(const zutr_json_reader &in, const tier_super_block_v2_t &sb,
-                    tier_extent_v2_t *extent)
-{
-    const cJSON *array = cJSON_GetObjectItem(in.object(), "te_mapped_meta");
-    if (!cJSON_IsArray(array)) {
-        zutr_error(in.func(), "te_mapped_meta is invalid. te_mapped_meta:%p",
-                   static_cast<const void *>(array));
-        return -EINVAL;
-    }
-    int32_t index = 0;
-    const cJSON *item = nullptr;
-    cJSON_ArrayForEach(item, array)
-    {
-        if (!cJSON_IsObject(item)) {
-            zutr_error(in.func(), "te_mapped_meta index %d is invalid, value:%p", index,
-                       static_cast<const void *>(item));
-            return -EINVAL;
-        }
-        const int32_t ret = read_piece({in.func(), item}, index, sb, extent);
-        if (ret != 0) {
-            return ret;
-        }
-        index++;
-    }
-    return 0;
-}
-
-int64_t parse_extent_from_json_v2(zutr_params_t *params, const cJSON *ext_cfg, void *m)
-{
-    zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && extent");
-    const tier_super_block_v2_t &sb = super_of(params);
-    const zutr_json_reader in(__func__, ext_cfg);
-    auto *extent = static_cast<tier_extent_v2_t *>(m);
-    int32_t ret = check_extent_sizes(__func__, sb);
-    ret = ret == 0 ? in.read(TIER_EXTENT_KEYS, extent) : ret;
-    if (ret == 0 && extent->te_use != 0) {
-        ret = in.read(TIER_EXTENT_OWNER_KEYS, extent);
-        extent->te_sampling_low = __builtin_bswap32(extent->te_sampling_low);
-        ret = ret == 0 ? read_pieces(in, sb, extent) : ret;
-    }
-    if (ret != 0) {
-        return ret;
-    }
-    if (extent->te_reserved1 >= sb.sb_block_cnt ||
-        inode_is_valid(&sb, static_cast<int32_t>(extent->te_inode_no)) == 0) {
-        tier_log_extent_numbers(__func__, sb, *extent);
-        return -EINVAL;
-    }
-    return tier_finish_extent(__func__, EXTENT_TABLE_V2, sb, extent);
-}
-
-int32_t zutr_repair_extent_v2(zutr_params_t *params)
-{
-    return zutr_repair_common(params, parse_extent_from_json_v2);
-}
-
 /* Inode restore. No command of the command line names it. */
 
 int32_t zutr_restore_inode_v2(zutr_params_t *params)
 {
-    assert_super(params);
-    const tier_super_block_v2_t &sb = super_of(params);
+    tier_assert_super_v2(params);
+    const tier_super_block_v2_t &sb = tier_super_v2(params);
     /* In this layout only a number that is not a usable inode's is restored. */
     if (inode_is_valid(&sb, params->meta_no) != 0) {
         return -EINVAL;

@@ -2,6 +2,7 @@
 
 #include "common/zutr_assert.h"
 #include "common/zutr_utils.h"
+#include "zu_tier/tier_dump_driver.h"
 #include "zu_tier/tier_inode_v2.h"
 #include "zu_tier/tier_json.h"
 #include "zu_tier/tier_log.h"
@@ -209,4 +210,9 @@ int32_t zutr_convert_super_v2(zutr_params_t *params)
     zutr_buffer block;
     const int64_t built = zutr_build_block(__func__, params, parse_sb_from_json_v2, true, &block);
     return built < 0 ? static_cast<int32_t>(built) : 0;
+}
+
+void tier_assert_super_v2(const zutr_params_t *params)
+{
+    zutr_assert_super(params, __check_super_v2, "!__check_super_v2(params->sb)");
 }

@@ -5,7 +5,8 @@
 
 #include <cstdint>
 
-/* The commands that read, rebuild and convert a V2 super block. */
+/* The V2 super block: the commands that read, rebuild and convert it, and what the other tables
+ * need. */
 
 /* 0, or -EFAULT when `sb` is not a V2 super block. */
 int32_t __check_super_v2(const void *sb);
@@ -13,3 +14,12 @@ int32_t __check_super_v2(const void *sb);
 int32_t zutr_dump_super_v2(zutr_params_t *params);
 int32_t zutr_repair_super_v2(zutr_params_t *params);
 int32_t zutr_convert_super_v2(zutr_params_t *params);
+
+/* The device's super block. */
+inline const tier_super_block_v2_t &tier_super_v2(const zutr_params_t *params)
+{
+    return *static_cast<const tier_super_block_v2_t *>(params->sb);
+}
+
+/* What every command on a table relies on. */
+void tier_assert_super_v2(const zutr_params_t *params);

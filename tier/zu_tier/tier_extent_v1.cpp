@@ -1,0 +1,141 @@
+#include "zu_tier/tier_extent_v1.h"
+
+#include "common/zutr_assert.h"
+#include "common/zutr_utils.h"
+#include "zu_tier/tier_dump_driver.h"
+#include "zu_tier/tier_extent.h"
+#include "zu_tier/tier_json.h"
+#include "zu_tier/tier_log.h"
+#include "zu_tier/tier_record.h"
+#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/tier_super_v1.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+constexpr auto EXTENT_IN_USE_KEYS_V1 = std::tuple_cat(
+    std::tuple{zutr_key{"te_block", &tier_extent_v1_t::te_block, zutr_to_s64},
+               zutr_key{"te_size", &tier_extent_v1_t::te_size, zutr_to_u64}},
+    TIER_EXTENT_OWNER_KEYS,
+    std::tuple{
+        zutr_key{"te_clean", &tier_extent_v1_t::te_clean, zutr_to_s32},
+        zutr_key{"te_ntime", &tier_extent_v1_t::te_ntime, zutr_to_s64, zutr_need::optional},
+        zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
+    });
+
+/* The bitmap of an extent of `size` bytes as hexadecimal words, each with a blank behind it, as far
+ * as they fit into the `len` bytes at `buf`. */
+void print_bitmap_v1(char *buf, size_t len, const uint64_t *bitmap, uint32_t size)
+{
+    size_t used = 0;
+    for (uint32_t i = 0; i < tier_bitmap_words_v1(size); i++) {
+        const int put = snprintf(buf + used, len - used, "0x%016lx ", bitmap[i]);
+        if (put <= 0 || used + static_cast<size_t>(put) >= len) {
+            break;
+        }
+        used += static_cast<size_t>(put);
+    }
+}
+
+void __print_extent_v1(const tier_extent_v1_t *extent, const tier_super_block_v1_t *sb,
+                       int64_t offset, FILE *fp)
+{
+    zutr_assert(extent != nullptr && sb != nullptr && fp != nullptr, "extent && sb && fp");
+    /* Three characters for each byte hold the 19 of each word; one more ends an empty text. */
+    const size_t len = size_t{3} * (sb->sb_extent_size - TIER_EXTENT_SIZE_MIN) + 1;
+    const zutr_owned<char[]> buff(static_cast<char *>(calloc(1, len)));
+    zutr_assert(buff != nullptr, "buff");
+    print_bitmap_v1(buff.get(), len, reinterpret_cast<const uint64_t *>(extent + 1),
+                    sb->sb_extent_size);
+    zutr_text out(fp);
+    out.put("{");
+    zutr_put_fields(out, *extent, TIER_EXTENT_HEAD_FIELDS);
+    out.put(",\"meta_offset\":");
+    out.signed_decimal(offset);
+    out.put(",\"te_bitmap\":\"");
+    out.put(buff.get());
+    out.put("\"}");
+}
+
+constexpr tier_extent_table<tier_super_block_v1_t> EXTENT_TABLE_V1 = {
+    &tier_super_block_v1_t::sb_extent_size, __print_extent_v1};
+
+int32_t __dump_extent_v1(int32_t no, void *meta, const char *delim, zutr_params_t *params)
+{
+    zutr_assert_entry(no, meta, delim, params);
+    return tier_dump_extent(__func__, EXTENT_TABLE_V1, no, meta, delim, params);
+}
+
+/* "te_bitmap": exactly `words` numbers, the first of which goes to `bitmap`. */
+int32_t read_bitmap(const zutr_json_reader &in, uint32_t words, uint64_t *bitmap)
+{
+    const cJSON *array = cJSON_GetObjectItem(in.object(), "te_bitmap");
+    const auto cnt = static_cast<int32_t>(words);
+    if (!cJSON_IsArray(array) || cJSON_GetArraySize(array) != cnt) {
+        zutr_error(in.func(), "te_bitmap is invalid. bitmap:%p, cnt:%d",
+                   static_cast<const void *>(array), cnt);
+        return -EINVAL;
+    }
+    int32_t i = 0;
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, array)
+    {
+        if (!cJSON_IsNumber(item)) {
+            zutr_error(in.func(), "te_bitmap index %d is invalid, value:%p", i,
+                       static_cast<const void *>(item));
+            return -EINVAL;
+        }
+        bitmap[i++] = zutr_to_u64(zutr_json_number(item));
+    }
+    return 0;
+}
+
+int64_t parse_extent_from_json_v1(zutr_params_t *params, const cJSON *ext_cfg, void *m)
+{
+    zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && extent");
+    const tier_super_block_v1_t &sb = tier_super_v1(params);
+    const zutr_json_reader in(__func__, ext_cfg);
+    auto *extent = static_cast<tier_extent_v1_t *>(m);
+    int32_t ret = tier_check_extent_size_v1(__func__, sb);
+    ret = ret == 0 ? in.read(TIER_EXTENT_KEYS, extent) : ret;
+    if (ret == 0 && extent->te_use != 0) {
+        ret = in.read(EXTENT_IN_USE_KEYS_V1, extent);
+        extent->te_sampling_low = __builtin_bswap32(extent->te_sampling_low);
+        ret = ret == 0 ? read_bitmap(in, tier_bitmap_words_v1(sb.sb_extent_size),
+                                     reinterpret_cast<uint64_t *>(extent + 1))
+                       : ret;
+    }
+    if (ret != 0) {
+        return ret;
+    }
+    if (extent->te_reserved1 >= sb.sb_block_cnt || extent->te_inode_no >= sb.sb_inode_cnt) {
+        tier_log_extent_numbers(__func__, sb, *extent);
+        return -EINVAL;
+    }
+    return tier_finish_extent(__func__, EXTENT_TABLE_V1, sb, extent);
+}
+
+} // namespace
+
+int32_t zutr_dump_extent_v1(zutr_params_t *params)
+{
+    tier_assert_super_v1(params);
+    const int32_t ret = tier_check_extent_size_v1(__func__, tier_super_v1(params));
+    if (ret != 0) {
+        return ret;
+    }
+    return zutr_dump_table(params, "te_no", tier_extents(tier_super_v1(params)), __dump_extent_v1);
+}
+
+int32_t zutr_repair_extent_v1(zutr_params_t *params)
+{
+    return zutr_repair_common(params, parse_extent_from_json_v1);
+}
+
+int32_t tier_check_extent_size_v1(const char *func, const tier_super_block_v1_t &sb)
+{
+    return tier_check_size(func, "sb_extent_size", sb.sb_extent_size, TIER_EXTENT_SIZE_MIN,
+                           TIER_EXTENT_SIZE_MAX);
+}
