@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # An operator's day in a minute: installs what is missing, builds the tool, makes a sample device
 # with a damaged inode, finds the inode, rehearses its repair, commits it and looks again. Then what
-# is new on a device of layout V2, and how a device of V1 becomes one.
+# is new on a device of layout V2, how a device of V1 becomes one, and a block of extents on one of V3.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -105,3 +105,23 @@ say "The conversion writes nothing: repair_super commits the line that it printe
 run "$tool -v 2 -c repair_super -f new.json -y | cmp - new.json"
 run "$tool -c dump_super | cmp - new.json"
 run "$tool -c dump_extent -g error=1; echo"
+
+say "Layout V3 packs shards and extents 512 to a block; here block 5 of the extents is damaged"
+run "zu_tierctl sample --layout v3 v3.img"
+cp v3.img healthy.img
+run "zu_tierctl sample --layout v3 --damage extent:5 --force v3.img"
+attach v3.img
+run "$tool -c dump_super | jq -c '{version, shard_table_offset, hot_table_offset, extent_table_offset, data_offset}'"
+run "$tool -c dump_extent -g error=1 2>/dev/null; echo"
+
+say "An extent belongs to a shard, a shard to a file; from the first shard in use both ways"
+run "$tool -c dump_shard -g use=1 | jq '.[0].shards[0]' | tee shard.json"
+run "$tool -c dump_inode -n $(jq .ino shard.json) | jq '{no, size, brick_no, blocks}'"
+run "$tool -c dump_extent -g owner=$(jq .sno shard.json) 2>/dev/null | jq '.[0].extents[0]'"
+
+say "A block is repaired whole. Its description comes from a copy of the device that is still good"
+run "zu_tier -l tier.log -p healthy.img -c dump_extent -n 5 -g use=1 >extents.json"
+run "jq -c '{meta_offset, first: .extents[0], count: (.extents | length)}' extents.json"
+run "$tool -c repair_extent -f extents.json -y"
+run "$tool -c dump_extent -g error=1; echo"
+run "cmp $device healthy.img && echo 'as good as the copy'"

@@ -7,15 +7,19 @@ cd "$(dirname "$0")/.."
 
 step() { printf '\n== %s\n' "$*"; }
 
-# run_tests PRESET: builds and runs one preset; adds to the counts.
+build() {
+    step "Build: $1"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1" --parallel "$(nproc)" -- --quiet
+}
+
+# run_tests TITLE CTEST-ARGUMENT...: runs tests and adds to the counts.
 passed=0 failed=0 skipped=0
 run_tests() {
-    local preset=$1 results=$PWD/test-results-$1.xml
-    step "Build: $preset"
-    cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset" --parallel "$(nproc)" -- --quiet
-    step "Test: $preset"
-    ctest --preset "$preset" --output-junit "$results" --quiet || true
+    step "Test: $1"
+    shift
+    local results=$PWD/test-results.xml
+    ctest "$@" --output-junit "$results" --quiet || true
     local tests failures skips
     tests=$(attribute tests "$results")
     failures=$(attribute failures "$results")
@@ -37,10 +41,14 @@ step "Format"
 git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 mandoc -Tlint -Wwarning docs/*.8
 
-run_tests test
+build test
+run_tests "release build" --preset test
 step "Lint"
 git ls-files 'tier/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy -p build --quiet 2>/dev/null
-run_tests sanitize
+build sanitize
+run_tests "functions under the sanitizers" --preset sanitize
+export ZU_TIER_PROGRAMS=$PWD/build-sanitize
+run_tests "programs under the sanitizers" --preset test --label-regex programs
 
 echo
 if [ "$skipped" -eq 0 ]; then

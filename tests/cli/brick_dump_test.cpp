@@ -19,9 +19,9 @@ protected:
     // A path that fills its field, without a terminator.
     const std::string full_path = std::string(126, 'p') + "qr";
 
-    BrickV1 unterminated(std::uint32_t no) const
+    typename T::Entry unterminated(std::uint32_t no) const
     {
-        BrickV1 brick = brick_used(no);
+        auto brick = this->table.used(no, 0);
         brick.brickid = full_path;
         return brick;
     }
@@ -39,7 +39,7 @@ TYPED_TEST(BrickDump, PathWithoutTerminatorLosesItsLastCharacter)
 
 TYPED_TEST(BrickDump, PathWithoutTerminatorInAFaultyEntry)
 {
-    BrickV1 brick = this->unterminated(1);
+    auto brick = this->unterminated(1);
     brick.checksum = this->good_checksum(brick) ^ 0x100U;
     this->put(1, brick, true);
     this->expect_walk();
@@ -57,7 +57,7 @@ TYPED_TEST(BrickDump, PathWithoutTerminatorIsHiddenWhole)
 TYPED_TEST(BrickDump, PathsOfEveryLength)
 {
     for (const std::size_t length : {0U, 1U, 92U, 93U, 94U, 126U, 127U}) {
-        BrickV1 brick = brick_used(4);
+        auto brick = this->table.used(4, 0);
         brick.brickid = std::string(length, 'x');
         this->put(4, brick);
         this->expect_walk();
@@ -68,7 +68,7 @@ TYPED_TEST(BrickDump, PathsOfEveryLength)
 
 TYPED_TEST(BrickDump, TextBehindTheTerminatorIsNotShown)
 {
-    BrickV1 brick = brick_used(2);
+    auto brick = this->table.used(2, 0);
     this->put(2, brick);
     Block block = encode(brick);
     put_text(block, 32 + brick.brickid.size() + 1, "left over");
@@ -83,7 +83,7 @@ TYPED_TEST(BrickDump, TextBehindTheTerminatorIsNotShown)
 // The path is data, never a format.
 TYPED_TEST(BrickDump, PathWithFormatCharacters)
 {
-    BrickV1 brick = brick_used(2);
+    auto brick = this->table.used(2, 0);
     brick.brickid = "%s%n%d \"quoted\" \\ \xff";
     this->put(2, brick);
     this->expect_walk();
@@ -92,8 +92,8 @@ TYPED_TEST(BrickDump, PathWithFormatCharacters)
 
 TYPED_TEST(BrickDump, IdNamesTheWholePath)
 {
-    const BrickV1 brick = brick_used(1);
-    BrickV1 longer = brick_used(2);
+    const auto brick = this->table.used(1, 0);
+    auto longer = this->table.used(2, 0);
     longer.brickid = brick.brickid + "x";
     this->put(1, brick);
     this->put(2, longer);
@@ -106,7 +106,7 @@ TYPED_TEST(BrickDump, IdNamesTheWholePath)
 
 TYPED_TEST(BrickDump, LargestValues)
 {
-    BrickV1 brick = brick_used(3);
+    auto brick = this->table.used(3, 0);
     brick.use = 0xFFFFFFFF;
     brick.unlink = 0xFFFFFFFF;
     brick.reserved = 0xFFFFFFFF;

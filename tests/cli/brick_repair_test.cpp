@@ -19,7 +19,7 @@ protected:
     // `path` as JSON text and as the tool sees it.
     void expect_path(const std::string &json, const std::string &path)
     {
-        BrickV1 brick = this->sample;
+        auto brick = this->sample;
         brick.brickid = path;
         this->expect_entry(RepairFile(this->file).set("bi_brickid", json).text(), brick);
     }
@@ -70,7 +70,7 @@ TYPED_TEST(BrickRepair, PathIsCheckedBeforeTheKeysBehindItAndTheNumber)
 
 TYPED_TEST(BrickRepair, NumberIsCheckedAfterAllKeys)
 {
-    BrickV1 brick = this->sample;
+    auto brick = this->sample;
     brick.no = 5;
     Log lines = this->key_log(brick, "bi_unlink");
     lines.push_back(this->error("parse bi_unlink failed"));
@@ -95,7 +95,7 @@ TYPED_TEST(BrickRepair, FreeBrickGetsARandomUuid)
 
 TYPED_TEST(BrickRepair, DumpedBrickIsARepairFile)
 {
-    const BrickV1 dumped = brick_used(3); // its reserved field is not taken over
+    const auto dumped = this->table.used(3, 0); // its reserved field is not taken over
     this->expect_entry(json(dumped, 0), this->table.repairable(3, 0));
 }
 

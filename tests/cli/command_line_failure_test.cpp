@@ -14,7 +14,7 @@ using namespace tier_test;
 
 namespace {
 
-const std::string PROGRAM = ZU_TIER_BIN;
+const std::string PROGRAM = ZU_TIER;
 const std::string FOR_HELP = ". <" + PROGRAM + " -h> for help";
 
 LogLine refusal(const std::string &message)

@@ -171,7 +171,7 @@ TEST_F(CommandLine, DebugModeRepeatsDebugLinesOnStandardError)
 // A running program cannot be opened for writing: used as the device, it tells how it was opened.
 TEST_F(CommandLine, CommitOpensTheDeviceReadWriteEvenForDumps)
 {
-    const std::string self = ZU_TIER_BIN;
+    const std::string self = ZU_TIER;
     const LogLine busy =
         error_line("zutr_prepare_param", "open " + self + " failed. errno: Text file busy");
     const std::vector<std::string> dump{"-p", self, "-c", "dump_super"};

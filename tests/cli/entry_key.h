@@ -5,7 +5,7 @@
 #include "bytes.h"
 #include "json_number.h"
 #include "repair_file.h"
-#include "v2_device.h"
+#include "v3_device.h"
 
 #include <cstdint>
 #include <map>
@@ -37,6 +37,9 @@ struct Key {
     Reading reading;
     Field<Entry> field;
     Conversion conversion = Conversion::SIGNED_64; // of a number
+    bool is_signed = false;                        // 32 bits that the log shows as 64
+    // What the field holds without the key: zero where there is no rule.
+    std::uint64_t (*fallback)(const Entry &) = nullptr;
 
     bool required() const { return reading != Reading::OPTIONAL; }
     bool read_of(const Entry &entry) const { return reading == Reading::ALWAYS || entry.use != 0; }
@@ -124,7 +127,15 @@ inline std::string json_value(const Pieces &pieces)
 template <class Entry>
 std::vector<std::string> logged(const Key<Entry> &key, const Entry &entry)
 {
-    return std::visit([&](const auto field) { return logged(key.name, entry.*field); }, key.field);
+    return std::visit(
+        [&](const auto field) {
+            if constexpr (std::is_same_v<decltype(field), std::uint32_t Entry::*const>)
+                if (key.is_signed)
+                    return logged(key.name, static_cast<std::uint64_t>(
+                                                static_cast<std::int32_t>(entry.*field)));
+            return logged(key.name, entry.*field);
+        },
+        key.field);
 }
 
 template <class Entry>
@@ -146,11 +157,13 @@ void store(Entry &entry, const Key<Entry> &key, long double value)
         key.field);
 }
 
-// Gives the field of a key that is not in the file its value: zero.
+// Gives the field of a key that is not in the file its value.
 template <class Entry>
 void clear(Entry &entry, const Key<Entry> &key)
 {
     std::visit([&](const auto field) { entry.*field = {}; }, key.field);
+    if (key.fallback)
+        store(entry, key, static_cast<long double>(key.fallback(entry)));
 }
 
 // A file with the keys that are read of the entry.

@@ -11,7 +11,7 @@ namespace {
 
 void mask_addresses(Log &log)
 {
-    static const std::regex ADDRESS("(bitmap|te_mapped_meta|value):0x[0-9a-f]+");
+    static const std::regex ADDRESS("(bitmap|te_mapped_meta|shards_json|value):0x[0-9a-f]+");
     for (LogLine &line : log)
         line.text = std::regex_replace(line.text, ADDRESS, "$1:<address>");
 }

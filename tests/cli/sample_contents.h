@@ -52,9 +52,9 @@ void expect_accepted(const Device &device, const std::string &line);
 // zu_tier finds no fault in the table; `dump` is how it shows nothing.
 void expect_no_fault(const Device &device, const SampleTable &table, const std::string &dump);
 
-void expect_bricks(const std::vector<BrickV1> &bricks);
+void expect_bricks(const std::vector<BrickV1> &bricks, std::uint32_t magic = BrickV1{}.magic);
 
-// One inode in use of a cache that was made at `ctime`.
+// One inode in use of a cache that was made at `ctime`, but for its magic.
 void expect_inode_in_use(const InodeV1 &inode, const std::vector<BrickV1> &bricks,
                          std::uint64_t ctime);
 
@@ -74,6 +74,7 @@ void expect_inodes(const std::vector<Inode> &inodes, const std::vector<BrickV1> 
             continue;
         }
         used++;
+        EXPECT_EQ(inode.magic, get_u32(encode_free(inode.no), 4));
         expect_inode_in_use(inode, bricks, ctime);
         sizes.insert(inode.size);
         identities.insert(inode.uuid);

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <bit>
-#include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -17,10 +17,15 @@ namespace {
 const std::vector<std::string> SIZES{"--bricks", "6",  "--inodes",     "40",
                                      "--blocks", "30", "--block-size", "262144"};
 
+// Six blocks of each packed table.
+const std::vector<std::string> SIZES_V3{"--bricks",  "6",    "--inodes",   "40",
+                                        "--shards",  "3072", "--hot-size", "24576",
+                                        "--extents", "3072", "--blocks",   "1"};
+
 Device damaged_sample(const std::vector<std::string> &damages, const std::string &seed = "1",
                       const std::string &layout = "v1")
 {
-    std::vector<std::string> args = SIZES;
+    std::vector<std::string> args = layout == "v3" ? SIZES_V3 : SIZES;
     args.insert(args.end(), {"--seed", seed});
     for (const std::string &damage : damages)
         args.insert(args.end(), {"--damage", damage});
@@ -44,9 +49,10 @@ struct Damage {
 
 void expect_wrong_checksum(const SampleTable &table, const Block &before, const Block &after)
 {
-    EXPECT_NE(get_u32(after, 0), get_u32(before, 0));
-    EXPECT_EQ(record_crc(after, table.record_length), get_u32(before, 0));
-    EXPECT_TRUE(std::equal(before.begin() + 4, before.end(), after.begin() + 4));
+    const std::uint32_t wrong = table.stored(after) ^ table.stored(before);
+    EXPECT_NE(wrong, 0U);
+    EXPECT_EQ(table.computed(after), table.stored(before));
+    EXPECT_EQ(changed_bits(before, after), static_cast<std::size_t>(std::popcount(wrong)));
 }
 
 // Another value in four bytes, under a right checksum.
@@ -89,6 +95,15 @@ const std::vector<Damage> DAMAGES{
     {":zero", expect_zero},         {":bit", expect_one_bit},
 };
 
+// A table that has nothing to be wrong in that way refuses it.
+bool applies(const Damage &damage, const SampleTable &table)
+{
+    if (damage.expect == expect_wrong_checksum)
+        return table.stored != nullptr;
+    return (damage.expect != expect_wrong_magic || table.magic_at >= 0) &&
+           (damage.expect != expect_wrong_number || table.number_at >= 0);
+}
+
 // Every kind of damage in an image of the layout.
 class SampleDamageKinds : public testing::TestWithParam<std::string> {
 protected:
@@ -98,8 +113,10 @@ protected:
     std::vector<SampleTable> tables() const
     {
         const Block super = good.block(4096);
-        return layout == "v1" ? sample_tables(decode_super(super))
-                              : sample_tables(decode_super_v2(super));
+        if (layout == "v1")
+            return sample_tables(decode_super(super));
+        return layout == "v2" ? sample_tables(decode_super_v2(super))
+                              : sample_tables(decode_super_v3(super));
     }
 
     // The damaged image, which differs from the good one in the slot at `offset` and nowhere else.
@@ -112,6 +129,20 @@ protected:
         return bad;
     }
 
+    // The tool finds entry `no` damaged and no other. Without checksums it cannot know.
+    void expect_reported(const Device &bad, const SampleTable &table, std::uint64_t no) const
+    {
+        const LoggedRun run = run_logged(bad, table.command, {"-g", "error=1"});
+        EXPECT_EQ(run.status, 0) << run;
+        std::vector<std::string> records;
+        if (table.stored != nullptr)
+            records.push_back(error_record(14, table.key.c_str(), static_cast<std::int64_t>(no),
+                                           table.offset(no)));
+        EXPECT_EQ(run.out, dump_of(table, joined(records)));
+        EXPECT_EQ(run_logged(bad, table.command, {"-n", std::to_string(no)}).status,
+                  table.stored != nullptr ? 14 : 0);
+    }
+
     // A whole dump that shows `entries`.
     std::string dump_of(const SampleTable &table, const std::string &entries) const
     {
@@ -120,30 +151,23 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Layout, SampleDamageKinds, testing::Values("v1", "v2"),
+INSTANTIATE_TEST_SUITE_P(Layout, SampleDamageKinds, testing::Values("v1", "v2", "v3"),
                          [](const auto &layout) { return layout.param; });
 
 TEST_P(SampleDamageKinds, InATableAreWhatTheToolReports)
 {
     for (const SampleTable &table : tables()) {
         for (const Damage &damage : DAMAGES) {
-            if (damage.kind == ":magic" && table.magic_at < 0)
+            if (!applies(damage, table))
                 continue;
             for (const std::uint64_t no : {0U, 1U, 5U}) {
                 const std::string what = table.name + ":" + std::to_string(no) + damage.kind;
                 SCOPED_TRACE(what);
-                const std::int64_t offset = table.offset(no);
-                const auto at = static_cast<std::uint64_t>(offset);
+                const auto at = static_cast<std::uint64_t>(table.offset(no));
                 const Device bad = damaged(what, at);
                 damage.expect(table, good.block(at), bad.block(at));
 
-                const LoggedRun run = run_logged(bad, table.command, {"-g", "error=1"});
-                EXPECT_EQ(run.status, 0) << run;
-                EXPECT_EQ(
-                    run.out,
-                    dump_of(table, joined({error_record(14, table.key.c_str(),
-                                                        static_cast<std::int64_t>(no), offset)})));
-                EXPECT_EQ(run_logged(bad, table.command, {"-n", std::to_string(no)}).status, 14);
+                expect_reported(bad, table, no);
             }
         }
     }
@@ -151,9 +175,11 @@ TEST_P(SampleDamageKinds, InATableAreWhatTheToolReports)
 
 TEST_P(SampleDamageKinds, InTheSuperBlockMakeTheToolRefuseTheDevice)
 {
-    const SampleTable table = sample_super(layout == "v1" ? SuperV1::LENGTH : SuperV2::LENGTH);
+    const std::map<std::string, std::size_t> lengths{
+        {"v1", SuperV1::LENGTH}, {"v2", SuperV2::LENGTH}, {"v3", SuperV3::LENGTH}};
+    const SampleTable table = sample_super(lengths.at(layout));
     for (const Damage &damage : DAMAGES) {
-        if (damage.kind == ":number")
+        if (!applies(damage, table))
             continue;
         SCOPED_TRACE(damage.kind);
         const Device bad = damaged("super:0" + damage.kind, 4096);
@@ -210,14 +236,16 @@ TEST_F(SampleDamage, SeedChoosesTheBit)
 
 TEST_F(SampleDamage, BadRequestsAreRefused)
 {
-    const std::string known_kinds = "checksum, magic, number, zero, bit";
+    const std::string known_tables = "expected one of the tables brick, inode, extent, super";
+    const std::string known_kinds = "expected one of the kinds checksum, magic, number, zero, bit";
     const std::vector<std::pair<std::string, std::string>> requests{
         {"inode", "expected TABLE:NO or TABLE:NO:KIND"},
         {"inode:1:bit:2", "expected TABLE:NO or TABLE:NO:KIND"},
-        {"file:1", "unknown table, expected one of brick, inode, extent, super"},
-        {":1", "unknown table, expected one of brick, inode, extent, super"},
-        {"inode:1:size", "unknown kind, expected one of " + known_kinds},
-        {"inode:1:", "unknown kind, expected one of " + known_kinds},
+        {"file:1", known_tables},
+        {":1", known_tables},
+        {"shard:1", known_tables},
+        {"inode:1:size", known_kinds},
+        {"inode:1:", known_kinds},
         {"inode:", "expected an entry of 0..39"},
         {"inode:x", "expected an entry of 0..39"},
         {"inode:1x", "expected an entry of 0..39"},
@@ -227,31 +255,49 @@ TEST_F(SampleDamage, BadRequestsAreRefused)
         {"brick:6", "expected an entry of 0..5"},
         {"extent:30:bit", "expected an entry of 0..29"},
         {"super:1", "expected an entry of 0..0"},
-        {"extent:1:magic", "extent entries have no magic"},
-        {"super:0:number", "super entries have no number"},
+        {"extent:1:magic", "expected one of the kinds checksum, number, zero, bit"},
+        {"super:0:number", "expected one of the kinds checksum, magic, zero, bit"},
     };
-    const TempDir directory;
-    const std::string path = directory.path("image");
     for (const auto &[request, complaint] : requests) {
-        SCOPED_TRACE(request);
         std::vector<std::string> args = SIZES;
         args.insert(args.end(), {"--damage", "brick:1", "--damage", request});
-        const RunResult run = run_sample(path, args);
-        EXPECT_EQ(run.status, 2);
-        EXPECT_EQ(run.out, "");
-        EXPECT_EQ(run.err, "zu_tierctl: --damage " + request + ": " + complaint + "\n");
-        EXPECT_FALSE(std::filesystem::exists(path));
+        expect_refused(args, "--damage " + request + ": " + complaint);
     }
+}
+
+// The entries of packed tables are blocks.
+TEST_F(SampleDamage, BadRequestsForLayoutV3AreRefused)
+{
+    const std::vector<std::pair<std::string, std::string>> requests{
+        {"file:1", "expected one of the tables brick, inode, shard, hot, extent, super"},
+        {"shard:6", "expected an entry of 0..5"},
+        {"hot:6", "expected an entry of 0..5"},
+        {"extent:6", "expected an entry of 0..5"},
+        {"shard:0:number", "expected one of the kinds checksum, magic, zero, bit"},
+        {"hot:0:checksum", "expected one of the kinds zero, bit"},
+        {"hot:0:magic", "expected one of the kinds zero, bit"},
+        {"hot:0:number", "expected one of the kinds zero, bit"},
+        {"extent:0:magic", "expected one of the kinds checksum, zero, bit"},
+        {"extent:0:number", "expected one of the kinds checksum, zero, bit"},
+    };
+    for (const auto &[request, complaint] : requests) {
+        std::vector<std::string> args = SIZES_V3;
+        args.insert(args.end(), {"--damage", request});
+        expect_refused(args, "--damage " + request + ": " + complaint, "v3");
+    }
+}
+
+TEST_F(SampleDamage, HotBlocksAreZeroedByDefault)
+{
+    EXPECT_TRUE(damaged_sample({"hot:1"}, "1", "v3").bytes() ==
+                damaged_sample({"hot:1:zero"}, "1", "v3").bytes());
 }
 
 // One damage could undo the other.
 TEST_F(SampleDamage, AnEntryIsDamagedOnce)
 {
-    const TempDir directory;
-    const RunResult run =
-        run_sample(directory.path("image"), {"--damage", "brick:1", "--damage", "brick:1:bit"});
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.err, "zu_tierctl: --damage brick:1:bit: that entry is damaged already\n");
+    expect_refused({"--damage", "brick:1", "--damage", "brick:1:bit"},
+                   "--damage brick:1:bit: that entry is damaged already");
 }
 
 } // namespace

@@ -35,7 +35,24 @@ void decode_head(ConstByteSpan block, SuperHead &sb)
     sb.extent_size = get_u32(block, 136);
 }
 
-// The tables of either layout, whose super blocks place them alike but for more inodes.
+// A table that keeps the checksum of a record in its first four bytes.
+SampleTable sealed_table(const std::string &name, std::size_t length, std::int64_t magic_at,
+                         std::int64_t number_at,
+                         const std::function<std::int64_t(std::uint64_t no)> &offset,
+                         const std::string &key)
+{
+    return {name,
+            length,
+            magic_at,
+            number_at,
+            offset,
+            "dump_" + name,
+            key,
+            [](const Block &slot) { return get_u32(slot, 0); },
+            [length](const Block &slot) { return record_crc(slot, length); }};
+}
+
+// The tables of V1 or V2, whose super blocks place them alike but for more inodes.
 template <class Super>
 std::vector<SampleTable> tables_of(const Super &sb, std::size_t extent_length)
 {
@@ -45,10 +62,15 @@ std::vector<SampleTable> tables_of(const Super &sb, std::size_t extent_length)
     };
     const auto extent_at = [sb](std::uint64_t no) { return extent_offset(sb, no); };
     return {
-        {"brick", BrickV1::LENGTH, 4, 12, brick_at, "dump_brick", "bi_no"},
-        {"inode", InodeV1::LENGTH, 4, 68, inode_at, "dump_inode", "no"},
-        {"extent", extent_length, -1, 48, extent_at, "dump_extent", "te_no"},
+        sealed_table("brick", BrickV1::LENGTH, 4, 12, brick_at, "bi_no"),
+        sealed_table("inode", InodeV1::LENGTH, 4, 68, inode_at, "no"),
+        sealed_table("extent", extent_length, -1, 48, extent_at, "te_no"),
     };
+}
+
+std::uint32_t get_bits(std::uint64_t word, unsigned shift, unsigned width)
+{
+    return static_cast<std::uint32_t>(word >> shift & ((std::uint64_t{1} << width) - 1));
 }
 
 } // namespace
@@ -59,7 +81,7 @@ RunResult run_sample(const std::string &path, const std::vector<std::string> &ar
     std::vector<std::string> all{"sample", "--layout", layout};
     all.insert(all.end(), args.begin(), args.end());
     all.push_back(path);
-    return run_program(ZU_TIERCTL_BIN, all);
+    return run_program(ZU_TIERCTL, all);
 }
 
 Device make_sample(const std::vector<std::string> &args, const std::string &layout)
@@ -70,6 +92,27 @@ Device make_sample(const std::vector<std::string> &args, const std::string &layo
     EXPECT_EQ(run.status, 0) << run;
     EXPECT_EQ(run.out + run.err, "");
     return device;
+}
+
+void expect_refused(const std::vector<std::string> &args, const std::string &complaint,
+                    const std::string &layout)
+{
+    SCOPED_TRACE(complaint);
+    const TempDir directory;
+    const std::string path = directory.path("image");
+    const RunResult run = run_sample(path, args, layout);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "zu_tierctl: " + complaint + "\n");
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+void expect_sizes_refused(const std::vector<SizeBounds> &sizes, const std::string &layout)
+{
+    for (const SizeBounds &size : sizes)
+        for (const std::string &value : size.values)
+            expect_refused({size.option, value},
+                           size.option + " " + value + ": expected " + size.expected, layout);
 }
 
 SuperV1 decode_super(const Block &block)
@@ -172,6 +215,75 @@ ExtentV2 decode_extent_v2(const Block &block, const SuperV2 &sb)
     return extent;
 }
 
+SuperV3 decode_super_v3(const Block &block)
+{
+    SuperV3 sb;
+    sb.magic = get_u32(block, 4);
+    sb.sb_offset = get_u64(block, 8);
+    sb.size = get_u64(block, 16);
+    sb.reserved_offset = get_u64(block, 24);
+    sb.reserved_size = get_u64(block, 32);
+    sb.ctime = get_u64(block, 40);
+    sb.uuid = get_uuid(block, 48);
+    sb.ssd_uuid = get_text(block, 64, 48);
+    sb.version = get_u32(block, 112);
+    sb.reserved = get_u32(block, 116);
+    sb.brick_table_offset = get_u64(block, 120);
+    sb.brick_table_size = get_u64(block, 128);
+    sb.brick_cnt = get_u64(block, 136);
+    sb.inode_table_offset = get_u64(block, 144);
+    sb.inode_table_size = get_u64(block, 152);
+    sb.inode_cnt = get_u64(block, 160);
+    sb.shard_table_offset = get_u64(block, 168);
+    sb.shard_table_size = get_u64(block, 176);
+    sb.shard_cnt = get_u64(block, 184);
+    sb.extent_table_offset = get_u64(block, 192);
+    sb.extent_table_size = get_u64(block, 200);
+    sb.extent_cnt = get_u64(block, 208);
+    sb.hot_table_offset = get_u64(block, 216);
+    sb.hot_table_size = get_u64(block, 224);
+    sb.data_offset = get_u64(block, 232);
+    sb.data_size = get_u64(block, 240);
+    sb.block_size = get_u64(block, 248);
+    sb.block_cnt = get_u64(block, 256);
+    return sb;
+}
+
+ShardBlockV3 decode_shards(const Block &block)
+{
+    ShardBlockV3 packed{.magic = get_u32(block, 4)};
+    for (std::uint32_t slot = 1; slot < 512; ++slot) {
+        const std::uint64_t word = get_u64(block, 8 * slot);
+        if (word != 0)
+            packed.shards.push_back({.slot = slot,
+                                     .ino = get_bits(word, 0, 18),
+                                     .in_use = get_bits(word, 18, 1),
+                                     .reserved = get_bits(word, 19, 13),
+                                     .index = get_bits(word, 32, 32)});
+    }
+    return packed;
+}
+
+ExtentBlockV3 decode_extents(const Block &block)
+{
+    ExtentBlockV3 packed;
+    for (std::uint32_t slot = 0; slot < 512; ++slot) {
+        const std::uint64_t word = get_u64(block, 8 * slot);
+        if (word > 1) // bit 0 is the checksum's
+            packed.extents.push_back({.slot = slot,
+                                      .lba = get_bits(word, 1, 19),
+                                      .shard = get_bits(word, 20, 19),
+                                      .dirty = get_bits(word, 39, 1),
+                                      .bitmap = get_bits(word, 40, 16),
+                                      .in_use = get_bits(word, 56, 1),
+                                      .sense = get_bits(word, 57, 4),
+                                      .demote = get_bits(word, 61, 1),
+                                      .dm_err = get_bits(word, 62, 1),
+                                      .reserved = get_bits(word, 63, 1)});
+    }
+    return packed;
+}
+
 std::vector<SampleTable> sample_tables(const SuperV1 &sb)
 {
     return tables_of(sb, sb.extent_size);
@@ -182,10 +294,25 @@ std::vector<SampleTable> sample_tables(const SuperV2 &sb)
     return tables_of(sb, sb.total_extent_size);
 }
 
+std::vector<SampleTable> sample_tables(const SuperV3 &sb)
+{
+    const auto at = [](std::uint64_t start) {
+        return [start](std::uint64_t no) { return static_cast<std::int64_t>(start + no * 4096); };
+    };
+    return {
+        sealed_table("brick", BrickV1::LENGTH, 4, 12, at(sb.brick_table_offset), "bi_no"),
+        sealed_table("inode", InodeV1::LENGTH, 4, 68, at(sb.inode_table_offset), "no"),
+        sealed_table("shard", 4096, 4, -1, at(sb.shard_table_offset), "shard_no"),
+        {"hot", 4096, -1, -1, at(sb.hot_table_offset), "dump_hot", "hot_no", {}, {}},
+        {"extent", 4096, -1, -1, at(sb.extent_table_offset), "dump_extent", "extent_no",
+         extent_block_checksum, extent_block_crc},
+    };
+}
+
 SampleTable sample_super(std::size_t length)
 {
     const auto offset = [](std::uint64_t) { return std::int64_t{4096}; };
-    return {"super", length, 4, -1, offset, "dump_super", ""};
+    return sealed_table("super", length, 4, -1, offset, "");
 }
 
 } // namespace tier_test

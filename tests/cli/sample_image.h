@@ -4,6 +4,7 @@
 
 #include "run.h"
 #include "v2_device.h"
+#include "v3_device.h"
 
 #include <cstdint>
 #include <functional>
@@ -19,6 +20,18 @@ RunResult run_sample(const std::string &path, const std::vector<std::string> &ar
 // The image of a run that must succeed without a word.
 Device make_sample(const std::vector<std::string> &args = {}, const std::string &layout = "v1");
 
+// A run that is refused with that complaint and writes nothing.
+void expect_refused(const std::vector<std::string> &args, const std::string &complaint,
+                    const std::string &layout = "v1");
+
+// What a layout takes as a size, as it is told, and values that it does not take.
+struct SizeBounds {
+    std::string option;
+    std::string expected;
+    std::vector<std::string> values;
+};
+void expect_sizes_refused(const std::vector<SizeBounds> &sizes, const std::string &layout = "v1");
+
 SuperV1 decode_super(const Block &block);
 BrickV1 decode_brick(const Block &block);
 InodeV1 decode_inode(const Block &block);
@@ -28,7 +41,13 @@ SuperV2 decode_super_v2(const Block &block);
 InodeV2 decode_inode_v2(const Block &block);
 ExtentV2 decode_extent_v2(const Block &block, const SuperV2 &sb);
 
-// A table of an image by its name on the command line.
+// Bricks and inodes of V3 are read as those of V1 and V2. Of packed blocks the words that are not
+// zero are given.
+SuperV3 decode_super_v3(const Block &block);
+ShardBlockV3 decode_shards(const Block &block);
+ExtentBlockV3 decode_extents(const Block &block);
+
+// A table of an image by its name on the command line. Its entries are slots of 4096 bytes.
 struct SampleTable {
     std::string name;
     std::size_t record_length;
@@ -37,11 +56,16 @@ struct SampleTable {
     std::function<std::int64_t(std::uint64_t no)> offset;
     std::string command; // how zu_tier shows it
     std::string key;     // how zu_tier names an entry of it
+
+    // The checksum in a slot and that of its content; empty: slots have none.
+    std::function<std::uint32_t(const Block &slot)> stored;
+    std::function<std::uint32_t(const Block &slot)> computed;
 };
 
-// The tables of bricks, inodes and extents.
+// All tables but the super block.
 std::vector<SampleTable> sample_tables(const SuperV1 &sb);
 std::vector<SampleTable> sample_tables(const SuperV2 &sb);
+std::vector<SampleTable> sample_tables(const SuperV3 &sb);
 
 // The super block, of that length, as a table of one entry.
 SampleTable sample_super(std::size_t length);

@@ -42,8 +42,21 @@ std::string data_offset_message(const SuperHead &sb)
 
 std::string ssd_uuid_message(const SuperHead &sb)
 {
-    const std::string stored = sb.ssd_uuid.substr(0, 47);
+    return message_of_ssd_uuid(sb.ssd_uuid);
+}
+
+std::string message_of_ssd_uuid(const std::string &given)
+{
+    const std::string stored = given.substr(0, 47);
     return text("ssd uuid(%s) length(%zu) is invalid. expect:38", stored.c_str(), stored.size());
+}
+
+void spoil(SuperHead &sb)
+{
+    sb.size = 1;
+    sb.brick_table_size = sb.inode_table_size = sb.extent_table_size = sb.data_offset = 1;
+    sb.block_size = 1;
+    sb.ssd_uuid = "short";
 }
 
 const Step<SuperHead> SIZE_STEP{size_message, [](SuperHead &sb) { sb.size = 1048576; }};
@@ -105,6 +118,8 @@ const std::vector<Failing<SuperHead>> FAILING_HEADS{
     {"block below the smallest", [](SuperHead &sb) { sb.block_size = 262143; }, block_message},
     {"page below the smallest block", [](SuperHead &sb) { sb.block_size = 258048; }, block_message},
     {"block off the page", [](SuperHead &sb) { sb.block_size = 262145; }, block_message},
+    {"block of sectors", [](SuperHead &sb) { sb.block_size = 262656; }, block_message},
+    {"block of half pages", [](SuperHead &sb) { sb.block_size = 264192; }, block_message},
     {"block above the largest", [](SuperHead &sb) { sb.block_size = 4194305; }, block_message},
     {"page above the largest block", [](SuperHead &sb) { sb.block_size = 4198400; }, block_message},
     {"no block size", [](SuperHead &sb) { sb.block_size = 0; }, block_message},

@@ -33,7 +33,7 @@ std::function<void(Super &)> counts(void (*change)(Super &))
     };
 }
 
-// What holds in all layouts.
+// What holds where the geometry follows from the counts.
 extern const std::vector<Passing<SuperHead>> PASSING_HEADS;
 extern const std::vector<Failing<SuperHead>> FAILING_HEADS;
 
@@ -44,6 +44,7 @@ std::string block_message(const SuperHead &sb);
 std::string extent_table_message(const SuperHead &sb);
 std::string data_offset_message(const SuperHead &sb);
 std::string ssd_uuid_message(const SuperHead &sb);
+std::string message_of_ssd_uuid(const std::string &given);
 
 // A failing check, and what puts it right.
 template <class Super>
@@ -51,6 +52,9 @@ struct Step {
     std::function<std::string(const Super &)> message;
     std::function<void(Super &)> put_right;
 };
+
+// Makes every check of the head fail.
+void spoil(SuperHead &sb);
 
 extern const Step<SuperHead> SIZE_STEP;
 extern const Step<SuperHead> BRICK_STEP;
@@ -108,14 +112,10 @@ protected:
         return {step.message, step.put_right};
     }
 
-    // From a super block that fails every check of the head, each step is put right in turn, and
-    // the next one reports.
+    // From a super block that fails every check, each step is put right in turn, and the next one
+    // reports.
     void expect_order(Super sb, const std::vector<Step<Super>> &steps)
     {
-        sb.size = 1;
-        sb.brick_table_size = sb.inode_table_size = sb.extent_table_size = sb.data_offset = 1;
-        sb.block_size = 1;
-        sb.ssd_uuid = "short";
         for (const auto &[message, put_right] : steps) {
             SCOPED_TRACE(message(sb));
             this->expect_out_of_bounds(sb, message(sb));

@@ -1,4 +1,4 @@
-// The bounds of a new super block's geometry that all layouts have, at both sides.
+// The bounds of a super block whose geometry follows from its counts, at both sides.
 
 #include "super_check.h"
 #include "super_values.h"
@@ -7,7 +7,7 @@ using namespace tier_test;
 
 namespace {
 
-TYPED_TEST_SUITE(SuperCheck, Supers, SuperNames);
+TYPED_TEST_SUITE(SuperCheck, HeadSupers, SuperNames);
 
 TYPED_TEST(SuperCheck, GeometryOfTheSmallestDevice)
 {

@@ -83,5 +83,6 @@ void SuperRepair<Super>::expect_out_of_bounds(const Super &sb, const std::string
 
 template class SuperRepair<SuperV1>;
 template class SuperRepair<SuperV2>;
+template class SuperRepair<SuperV3>;
 
 } // namespace tier_test

@@ -46,5 +46,6 @@ protected:
 
 extern template class SuperRepair<SuperV1>;
 extern template class SuperRepair<SuperV2>;
+extern template class SuperRepair<SuperV3>;
 
 } // namespace tier_test

@@ -39,6 +39,7 @@ TEST_F(SuperV1Check, ExtentSizesBeyondTheBoundsFailWithTheirMessage)
 TEST_F(SuperV1Check, FirstFailureInOrderIsTheOneReported)
 {
     SuperV1 sb;
+    spoil(sb);
     sb.extent_size = 1;
     expect_order(sb, {of_head(SIZE_STEP),
                       of_head(BRICK_STEP),

@@ -97,6 +97,7 @@ TEST_F(SuperV2Check, MapAndExtentSizesBeyondTheBoundsFailWithTheirMessage)
 TEST_F(SuperV2Check, FirstFailureInOrderIsTheOneReported)
 {
     SuperV2 sb;
+    spoil(sb);
     sb.extent_size = 1;
     sb.min_alloc_size = 0xFFFFFFFF;
     sb.map_cnt = 65;

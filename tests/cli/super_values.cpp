@@ -8,7 +8,7 @@ namespace {
 template <class Super, class Next>
 void fill(Super &sb, const Next &next)
 {
-    for (const auto &[key, field] : wide_fields())
+    for (const auto &[key, field] : wide_fields(sb))
         sb.*field = next();
     for (const auto &[key, field] : word_fields(sb))
         sb.*field = static_cast<std::uint32_t>(next());
@@ -30,6 +30,12 @@ void fill_others(SuperV2 &sb, const Next &next)
     sb.total_extent_size = static_cast<std::uint32_t>(next());
 }
 
+// All of them are numbers of a repair file.
+template <class Next>
+void fill_others(SuperV3 &, const Next &)
+{
+}
+
 template <class Super>
 WordFields<Super> head_words()
 {
@@ -40,12 +46,38 @@ WordFields<Super> head_words()
 
 } // namespace
 
-std::vector<std::pair<std::string, std::uint64_t SuperHead::*>> wide_fields()
+WideFields<SuperHead> wide_fields(const SuperHead &)
 {
     return {{"brick_table_size", &SuperHead::brick_table_size},
             {"inode_table_size", &SuperHead::inode_table_size},
             {"extent_table_size", &SuperHead::extent_table_size},
             {"data_offset", &SuperHead::data_offset}};
+}
+
+WideFields<SuperV3> wide_fields(const SuperV3 &)
+{
+    return {{"sb_offset", &SuperV3::sb_offset},
+            {"super block size", &SuperV3::size},
+            {"reserved_offset", &SuperV3::reserved_offset},
+            {"reserved_size", &SuperV3::reserved_size},
+            {"brick_table_offset", &SuperV3::brick_table_offset},
+            {"brick_table_size", &SuperV3::brick_table_size},
+            {"brick_cnt", &SuperV3::brick_cnt},
+            {"inode_table_offset", &SuperV3::inode_table_offset},
+            {"inode_table_size", &SuperV3::inode_table_size},
+            {"inode_cnt", &SuperV3::inode_cnt},
+            {"shard_table_offset", &SuperV3::shard_table_offset},
+            {"shard_table_size", &SuperV3::shard_table_size},
+            {"shard_table_cnt", &SuperV3::shard_cnt},
+            {"extent_table_offset", &SuperV3::extent_table_offset},
+            {"extent_table_size", &SuperV3::extent_table_size},
+            {"extent_table_cnt", &SuperV3::extent_cnt},
+            {"hot_table_offset", &SuperV3::hot_table_offset},
+            {"hot_table_size", &SuperV3::hot_table_size},
+            {"data_offset", &SuperV3::data_offset},
+            {"data_table_size", &SuperV3::data_size},
+            {"block_size", &SuperV3::block_size},
+            {"block_cnt", &SuperV3::block_cnt}};
 }
 
 WordFields<SuperV1> word_fields(const SuperV1 &)
@@ -64,6 +96,11 @@ WordFields<SuperV2> word_fields(const SuperV2 &)
     return fields;
 }
 
+WordFields<SuperV3> word_fields(const SuperV3 &)
+{
+    return {{"reserved", &SuperV3::reserved}};
+}
+
 void derive(SuperV1 &sb)
 {
     sb.reserved = 0;
@@ -73,6 +110,8 @@ void derive(SuperV2 &sb)
 {
     sb.total_extent_size = sb.extent_size + sb.total_map_size + sb.hot_size; // in 32 bits
 }
+
+void derive(SuperV3 &) {}
 
 template <class Super>
 Super largest_super()
@@ -112,9 +151,12 @@ Super numbered_super()
 
 template SuperV1 largest_super();
 template SuperV2 largest_super();
+template SuperV3 largest_super();
 template SuperV1 smallest_super();
 template SuperV2 smallest_super();
+template SuperV3 smallest_super();
 template SuperV1 numbered_super();
 template SuperV2 numbered_super();
+template SuperV3 numbered_super();
 
 } // namespace tier_test

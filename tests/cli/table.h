@@ -18,7 +18,7 @@ struct Table {
     using Super = S;
     using Entry = E;
 
-    std::uint32_t Super::*count;
+    decltype(Super::brick_cnt) Super::*count;
     std::function<std::size_t(const Super &)> length;
     std::function<std::int64_t(const Super &, std::uint64_t no)> offset;
     std::function<Block(const Super &, const Entry &)> encode;

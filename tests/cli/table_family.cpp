@@ -33,12 +33,18 @@ bool skips_owner(const Settings &filter, std::uint32_t use, std::uint32_t owner)
     return filter.owner >= 0 && (use == 0 || static_cast<std::uint32_t>(filter.owner) != owner);
 }
 
-BrickV1 with_generated_uuid(BrickV1 brick, const std::string &out)
+Uuid shown_uuid(const std::string &line)
 {
     static const std::string KEY = "\"bi_uuid\":\"";
-    if (const std::size_t at = out.find(KEY); brick.use == 0 && at != std::string::npos)
-        brick.uuid = parse_uuid(out.substr(at + KEY.size(), 36));
-    return brick;
+    const std::size_t at = line.find(KEY);
+    return at != std::string::npos ? parse_uuid(line.substr(at + KEY.size(), 36)) : Uuid{};
+}
+
+std::string inode_fault(std::uint32_t, const InodeV1 &inode, std::uint32_t stored,
+                        std::uint32_t crc)
+{
+    return text("inode no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.no, inode.magic,
+                stored, crc);
 }
 
 std::function<LogLine(std::uint32_t no, std::uint32_t count)> refusal_of_driver(std::string key)

@@ -11,7 +11,17 @@ bool skips_id(const Settings &filter, const std::string &id);
 // A filter by owner never shows a free entry.
 bool skips_owner(const Settings &filter, std::uint32_t use, std::uint32_t owner);
 
-BrickV1 with_generated_uuid(BrickV1 brick, const std::string &out);
+// The UUID in the line of a dumped brick.
+Uuid shown_uuid(const std::string &line);
+
+// A free brick has one that the tool has made up.
+template <class Brick>
+Brick with_generated_uuid(Brick brick, const std::string &out)
+{
+    if (brick.use == 0)
+        brick.uuid = shown_uuid(out);
+    return brick;
+}
 
 inline int as_int(std::uint32_t value)
 {
@@ -21,21 +31,25 @@ inline int as_int(std::uint32_t value)
 // The driver's own refusal of an entry number.
 std::function<LogLine(std::uint32_t no, std::uint32_t count)> refusal_of_driver(std::string key);
 
-template <class Super>
-Table<Super, BrickV1> brick_table(const std::string &suffix)
+// What is said of a damaged inode in the layouts 1 and 3.
+std::string inode_fault(std::uint32_t slot, const InodeV1 &inode, std::uint32_t stored,
+                        std::uint32_t crc);
+
+template <class Super, class Brick>
+Table<Super, Brick> brick_table(const std::string &suffix, Brick (*used)(std::uint32_t no))
 {
     const std::string parser = "parse_brick_from_json" + suffix;
     return {
         .count = &Super::brick_cnt,
-        .length = [](const Super &) { return BrickV1::LENGTH; },
+        .length = [](const Super &) { return Brick::LENGTH; },
         .offset = [](const Super &sb, std::uint64_t no) { return brick_offset(sb, no); },
-        .encode = [](const Super &, const BrickV1 &brick) { return encode(brick); },
-        .json = [](const Super &, const BrickV1 &brick,
+        .encode = [](const Super &, const Brick &brick) { return encode(brick); },
+        .json = [](const Super &, const Brick &brick,
                    std::int64_t offset) { return json(brick, offset); },
-        .used = [](std::uint32_t no, std::uint32_t) { return brick_used(no); },
+        .used = [used](std::uint32_t no, std::uint32_t) { return used(no); },
         .repairable =
-            [](std::uint32_t no, std::uint32_t) {
-                BrickV1 brick = brick_used(no);
+            [used](std::uint32_t no, std::uint32_t) {
+                Brick brick = used(no);
                 brick.reserved = 0;
                 return brick;
             },
@@ -44,42 +58,42 @@ Table<Super, BrickV1> brick_table(const std::string &suffix)
         .number_key = "bi_no",
         .assertion_without_log = "brick && fp",
         .fault =
-            [](std::uint32_t slot, const BrickV1 &brick, std::uint32_t stored, std::uint32_t crc) {
+            [](std::uint32_t slot, const Brick &brick, std::uint32_t stored, std::uint32_t crc) {
                 return text("no:%u, brick no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", slot,
                             brick.no, brick.magic, stored, crc);
             },
         .ignored =
-            [](std::uint32_t slot, const BrickV1 &brick) {
+            [](std::uint32_t slot, const Brick &brick) {
                 return text("ignore brick %u, bi_use=%d, bi_brickid=%s", slot, as_int(brick.use),
                             brick.brickid.c_str());
             },
         .no_such_entry = refusal_of_driver("bi_no"),
         .skips =
-            [](const Settings &filter, const BrickV1 &brick) {
+            [](const Settings &filter, const Brick &brick) {
                 return filter.error == 1 || skips_use(filter, brick.use) ||
                        skips_id(filter, brick.brickid);
             },
-        .id = [](const BrickV1 &brick) { return brick.brickid; },
+        .id = [](const Brick &brick) { return brick.brickid; },
         .repair = "repair_brick",
         .repair_code = 10,
         .parser = parser,
         .assertion_without_super = "params && params->sb && brick_cfg && brick",
         .keys =
             {
-                {"bi_use", Reading::ALWAYS, &BrickV1::use},
-                {"bi_no", Reading::ALWAYS, &BrickV1::no},
-                {"bi_uuid", Reading::OF_USED, &BrickV1::uuid},
-                {"bi_brickid", Reading::OF_USED, &BrickV1::brickid},
-                {"bi_unlink", Reading::OPTIONAL, &BrickV1::unlink},
+                {"bi_use", Reading::ALWAYS, &Brick::use},
+                {"bi_no", Reading::ALWAYS, &Brick::no},
+                {"bi_uuid", Reading::OF_USED, &Brick::uuid},
+                {"bi_brickid", Reading::OF_USED, &Brick::brickid},
+                {"bi_unlink", Reading::OPTIONAL, &Brick::unlink},
             },
         .unread_keys = {"bi_checksum", "bi_magic", "bi_reserved", "meta_offset"},
-        .bounds_errors = [parser](const Super &sb, const BrickV1 &brick) -> Log {
+        .bounds_errors = [parser](const Super &sb, const Brick &brick) -> Log {
             if (brick.no < sb.brick_cnt)
                 return {};
-            return {
-                error_line(parser, text("bi_no %u is invalid, max: %u", brick.no, sb.brick_cnt))};
+            return {error_line(parser, text("bi_no %u is invalid, max: %lu", brick.no,
+                                            std::uint64_t{sb.brick_cnt}))};
         },
-        .completed = with_generated_uuid,
+        .completed = with_generated_uuid<Brick>,
     };
 }
 

@@ -26,10 +26,7 @@ InodeTableV1 inode_table_v1()
     InodeTableV1 table = inode_table<SuperV1, InodeV1>("_v1");
     table.used = inode_used;
     table.repairable = repairable_inode;
-    table.fault = [](std::uint32_t, const InodeV1 &inode, std::uint32_t stored, std::uint32_t crc) {
-        return text("inode no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.no, inode.magic,
-                    stored, crc);
-    };
+    table.fault = inode_fault;
     table.unread_keys.insert(table.unread_keys.end(), {"i_reserved1", "i_reserved2"});
     table.bounds_errors = inode_bounds_errors;
     return table;
@@ -79,7 +76,7 @@ ExtentTableV1 extent_table_v1()
 template <>
 const BrickTableV1 &table()
 {
-    static const BrickTableV1 TABLE = brick_table<SuperV1>("_v1");
+    static const BrickTableV1 TABLE = brick_table<SuperV1, BrickV1>("_v1", brick_used);
     return TABLE;
 }
 

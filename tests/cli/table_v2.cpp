@@ -137,7 +137,7 @@ LogLine inode_refused(const SuperV2 &sb, const InodeV2 &inode, int meta_no)
 template <>
 const BrickTableV2 &table()
 {
-    static const BrickTableV2 TABLE = brick_table<SuperV2>("_v2");
+    static const BrickTableV2 TABLE = brick_table<SuperV2, BrickV2>("_v2", brick_used);
     return TABLE;
 }
 

@@ -43,7 +43,7 @@ Examples:
 std::string usage()
 {
     std::string result(USAGE);
-    const std::string program = ZU_TIER_BIN;
+    const std::string program = ZU_TIER;
     for (std::size_t at = 0; (at = result.find("%s", at)) != std::string::npos;
          at += program.size())
         result.replace(at, 2, program);

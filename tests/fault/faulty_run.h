@@ -46,7 +46,7 @@ inline FaultyRun run_faulty(const Device &device, const std::string &command,
                             const std::string &faults, const std::vector<std::string> &args = {},
                             const RunOptions &options = {})
 {
-    return run_faulty(ZU_TIER_BIN, device, command, faults, args, options);
+    return run_faulty(ZU_TIER, device, command, faults, args, options);
 }
 
 // A device call as the trace shows it.

@@ -171,11 +171,9 @@ protected:
                          const std::vector<std::string> &args) const
     {
         const std::string log = device.directory().write("log", "");
-        std::vector<std::string> all{"-c",          line + "; exec \"$0\" \"$@\"",
-                                     ZU_TIER_BIN,   "-l",
-                                     log,           "-p",
-                                     device.path(), "-c",
-                                     command};
+        std::vector<std::string> all{
+            "-c",   line + "; exec \"$0\" \"$@\"", ZU_TIER, "-l", log, "-p", device.path(), "-c",
+            command};
         all.insert(all.end(), args.begin(), args.end());
         LoggedRun run{run_program("/bin/sh", all), {}, {}};
         run.log = parse_log(read_file(log));

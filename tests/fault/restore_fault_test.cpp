@@ -50,7 +50,8 @@ protected:
         std::vector<std::string> args{"-n", std::to_string(NO), "-y"};
         args.insert(args.end(), flags.begin(), flags.end());
 
-        const FaultyRun run = run_faulty(RESTORE_DRIVER, device, "dump_inode", faults, args);
+        const FaultyRun run =
+            run_faulty(program("restore_driver"), device, "dump_inode", faults, args);
         expect_run(
             run,
             {.status = 0, .out = expected.out + text("result:%d\n", expected.result), .log = log});

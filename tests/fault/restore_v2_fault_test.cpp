@@ -39,7 +39,7 @@ protected:
 
     FaultyRun restore(const std::string &faults) const
     {
-        return run_faulty(RESTORE_DRIVER, device, "dump_inode", faults,
+        return run_faulty(program("restore_driver"), device, "dump_inode", faults,
                           {"-n", std::to_string(NO), "-y"});
     }
 

@@ -121,9 +121,15 @@ RunResult run_program(const std::string &path, const std::vector<std::string> &a
     return result;
 }
 
+std::string program(const std::string &name)
+{
+    const char *directory = std::getenv("ZU_TIER_PROGRAMS");
+    return (directory != nullptr ? directory : std::string(PROGRAM_DIRECTORY)) + "/" + name;
+}
+
 RunResult run_tool(const std::vector<std::string> &args, const RunOptions &options)
 {
-    return run_program(ZU_TIER_BIN, args, options);
+    return run_program(ZU_TIER, args, options);
 }
 
 LoggedRun run_with_log(const TempDir &directory, const std::vector<std::string> &args,

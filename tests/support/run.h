@@ -26,6 +26,13 @@ struct RunResult {
     std::string err;
 };
 
+// The path of a program of the project: in the directory ZU_TIER_PROGRAMS, if the environment names
+// one, else as it was built with the tests.
+std::string program(const std::string &name);
+
+inline const std::string ZU_TIER = program("zu_tier");
+inline const std::string ZU_TIERCTL = program("zu_tierctl");
+
 // The executable under test. Standard input is /dev/null, no core is written.
 RunResult run_tool(const std::vector<std::string> &args, const RunOptions &options = {});
 

@@ -16,6 +16,11 @@ SuperKey text_key(std::string name, const std::string &value, std::size_t length
     return {std::move(name), json_string(value), value.substr(0, length), std::move(func)};
 }
 
+SuperKey ctime_key(std::uint64_t ctime, const std::string &func)
+{
+    return text_key("ctime", text("0x%lx(%s)", ctime, time_text(ctime).c_str()), 18, func);
+}
+
 std::vector<SuperKey> head_keys(const SuperHead &sb, const std::string &func)
 {
     return {
@@ -23,7 +28,7 @@ std::vector<SuperKey> head_keys(const SuperHead &sb, const std::string &func)
         number_key("inode_table_size", sb.inode_table_size, func),
         number_key("extent_table_size", sb.extent_table_size, func),
         number_key("data_offset", sb.data_offset, func),
-        text_key("ctime", text("0x%lx(%s)", sb.ctime, time_text(sb.ctime).c_str()), 18, func),
+        ctime_key(sb.ctime, func),
         text_key("uuid", uuid_text(sb.uuid), 36, func),
         text_key("ssd_uuid", sb.ssd_uuid, 47, func),
         text_key("version", text("0x%x", sb.version), 31, func),
@@ -59,6 +64,40 @@ std::vector<SuperKey> super_keys(const SuperV2 &sb)
     keys.push_back(number_key("size_mapped_meta", sb.size_mapped_meta, func));
     keys.push_back(number_key("hot_size", sb.hot_size, func));
     return keys;
+}
+
+std::vector<SuperKey> super_keys(const SuperV3 &sb)
+{
+    const std::string func = "parse_sb_from_json_v3";
+    return {
+        number_key("sb_offset", sb.sb_offset, func),
+        number_key("super block size", sb.size, func),
+        number_key("reserved_offset", sb.reserved_offset, func),
+        number_key("reserved_size", sb.reserved_size, func),
+        ctime_key(sb.ctime, func),
+        text_key("uuid", uuid_text(sb.uuid), 36, func),
+        text_key("ssd_uuid", sb.ssd_uuid, 47, func),
+        text_key("version", text("0x%x", sb.version), 31, func),
+        number_key("reserved", sb.reserved, func),
+        number_key("brick_table_offset", sb.brick_table_offset, func),
+        number_key("brick_table_size", sb.brick_table_size, func),
+        number_key("brick_cnt", sb.brick_cnt, func),
+        number_key("inode_table_offset", sb.inode_table_offset, func),
+        number_key("inode_table_size", sb.inode_table_size, func),
+        number_key("inode_cnt", sb.inode_cnt, func),
+        number_key("shard_table_offset", sb.shard_table_offset, func),
+        number_key("shard_table_size", sb.shard_table_size, func),
+        number_key("shard_table_cnt", sb.shard_cnt, func),
+        number_key("extent_table_offset", sb.extent_table_offset, func),
+        number_key("extent_table_size", sb.extent_table_size, func),
+        number_key("extent_table_cnt", sb.extent_cnt, func),
+        number_key("hot_table_offset", sb.hot_table_offset, func),
+        number_key("hot_table_size", sb.hot_table_size, func),
+        number_key("data_offset", sb.data_offset, func),
+        number_key("data_table_size", sb.data_size, func),
+        number_key("block_size", sb.block_size, func),
+        number_key("block_cnt", sb.block_cnt, func),
+    };
 }
 
 RepairFile file_of(const std::vector<SuperKey> &keys)

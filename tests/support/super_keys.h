@@ -4,7 +4,7 @@
 
 #include "log.h"
 #include "repair_file.h"
-#include "v2_device.h"
+#include "v3_device.h"
 
 namespace tier_test {
 
@@ -20,6 +20,7 @@ struct SuperKey {
 // The expansion keys of V2 belong to a super block with an expansion area only.
 std::vector<SuperKey> super_keys(const SuperV1 &sb);
 std::vector<SuperKey> super_keys(const SuperV2 &sb);
+std::vector<SuperKey> super_keys(const SuperV3 &sb);
 
 RepairFile file_of(const std::vector<SuperKey> &keys);
 

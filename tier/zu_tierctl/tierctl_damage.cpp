@@ -4,12 +4,13 @@
 #include "zu_tierctl/tierctl_number.h"
 #include "zu_tierctl/tierctl_random.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <optional>
 #include <string_view>
 
-/* Every kind but "zero" flips a single bit, which the checksum never misses. With the magic and the
+/* Every kind but "zero" flips a single bit, which a checksum never misses. With the magic and the
  * number it is made right again, so that nothing but them is wrong. */
 struct tierctl_damage_kind {
     std::string_view name;
@@ -34,7 +35,12 @@ template <std::optional<size_t> tierctl_table::*Field>
 void spoil_field(const tierctl_table &table, uint8_t *slot, tierctl_random &)
 {
     flip(slot, *(table.*Field) * 8);
-    tierctl_seal(table, slot);
+    table.seal_slot(slot);
+}
+
+bool is_sealed(const tierctl_table &table)
+{
+    return table.seal != nullptr;
 }
 
 bool always(const tierctl_table &)
@@ -44,7 +50,7 @@ bool always(const tierctl_table &)
 
 void spoil_checksum(const tierctl_table &, uint8_t *slot, tierctl_random &)
 {
-    flip(slot, 0);
+    flip(slot, 0); /* part of every checksum */
 }
 
 void spoil_any_bit(const tierctl_table &table, uint8_t *slot, tierctl_random &random)
@@ -58,14 +64,12 @@ void spoil_everything(const tierctl_table &, uint8_t *slot, tierctl_random &)
 }
 
 constexpr tierctl_damage_kind KINDS[] = {
-    {"checksum", always, spoil_checksum},
+    {"checksum", is_sealed, spoil_checksum},
     {"magic", has<&tierctl_table::magic_at>, spoil_field<&tierctl_table::magic_at>},
     {"number", has<&tierctl_table::number_at>, spoil_field<&tierctl_table::number_at>},
     {"zero", always, spoil_everything},
     {"bit", always, spoil_any_bit},
 };
-
-constexpr std::string_view DEFAULT_KIND = "checksum";
 
 [[noreturn]] void refuse(const std::string &text, const std::string &why)
 {
@@ -86,19 +90,32 @@ std::vector<std::string_view> split(std::string_view text)
     }
 }
 
-template <class Named, size_t Extent>
-const Named &find(std::span<const Named, Extent> list, std::string_view name,
-                  const std::string &text, const std::string &what)
+/* The item of that name among those of `list` that apply. */
+template <class List, class Applies>
+const auto &find(const List &list, std::string_view name, const std::string &text,
+                 const std::string &what, const Applies &applies)
 {
     std::string known;
-    for (const Named &item : list) {
+    for (const auto &item : list) {
+        if (!applies(item)) {
+            continue;
+        }
         if (item.name == name) {
             return item;
         }
         known += known.empty() ? "" : ", ";
         known += item.name;
     }
-    refuse(text, "unknown " + what + ", expected one of " + known);
+    refuse(text, "expected one of the " + what + " " + known);
+}
+
+const tierctl_damage_kind &choose_kind(const tierctl_table &table,
+                                       std::span<const std::string_view> parts,
+                                       const std::string &text)
+{
+    const auto applies = [&table](const auto &kind) { return kind.applies(table); };
+    return parts.size() == 3 ? find(KINDS, parts[2], text, "kinds", applies)
+                             : *std::ranges::find_if(KINDS, applies);
 }
 
 tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tables)
@@ -107,17 +124,13 @@ tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tab
     if (parts.size() != 2 && parts.size() != 3) {
         refuse(text, "expected TABLE:NO or TABLE:NO:KIND");
     }
-    const tierctl_table &table = find(tables, parts[0], text, "table");
+    const tierctl_table &table =
+        find(tables, parts[0], text, "tables", [](const auto &) { return true; });
     const std::optional<uint64_t> no = tierctl_parse_number(parts[1]);
     if (!no || *no >= table.count()) {
         refuse(text, "expected an entry of 0.." + std::to_string(table.count() - 1));
     }
-    const std::string_view kind_name = parts.size() == 3 ? parts[2] : DEFAULT_KIND;
-    const tierctl_damage_kind &kind = find(std::span(KINDS), kind_name, text, "kind");
-    if (!kind.applies(table)) {
-        refuse(text, std::string(table.name) + " entries have no " + std::string(kind.name));
-    }
-    return {&table, *no, &kind};
+    return {&table, *no, &choose_kind(table, parts, text)};
 }
 
 } // namespace

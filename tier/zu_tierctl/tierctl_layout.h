@@ -14,23 +14,33 @@
 
 /* What the companion knows of a layout. */
 
-/* A table of 4096-byte slots. Each holds a record at its start whose first four bytes are the
- * CRC-32 of the rest of the record; the super block is a table of one slot. */
+/* Stores the checksum of a record of `length` bytes in it. */
+using tierctl_seal = void (*)(uint8_t *record, size_t length);
+
+/* The CRC-32 of all behind its first four bytes, in these. */
+void tierctl_seal_head(uint8_t *record, size_t length);
+
+/* The CRC-32 of all with its own bits zero: bit i is the lowest of the 64-bit word i. */
+void tierctl_seal_words(uint8_t *record, size_t length);
+
+/* A table of 4096-byte slots. Each has a record at its start; the super block is a table of one
+ * slot, and a block of packed entries is a single record. */
 struct tierctl_table {
     std::string_view name;
     std::vector<tier_region> regions; /* where it lies; each is numbered on from the one before */
     size_t record_length;
-    std::optional<size_t> magic_at;  /* byte offset of the magic in a record, if it has one */
-    std::optional<size_t> number_at; /* byte offset of the entry's own number, if it has one */
+    tierctl_seal seal = nullptr;       /* null: a record has no checksum */
+    std::optional<size_t> magic_at{};  /* byte offset of the magic in a record, if it has one */
+    std::optional<size_t> number_at{}; /* byte offset of the entry's own number, if it has one */
 
     uint64_t count() const;
 
     /* Byte offset of the slot of entry `no`, which exists. */
     int64_t slot(uint64_t no) const;
-};
 
-/* Stores the checksum of the record in `slot`. */
-void tierctl_seal(const tierctl_table &table, uint8_t *slot);
+    /* Stores the checksum, if there is one, of the record in `slot`. */
+    void seal_slot(uint8_t *slot) const;
+};
 
 /* The sizes that describe a device. */
 enum tierctl_size {
@@ -40,6 +50,9 @@ enum tierctl_size {
     TIERCTL_BLOCK_SIZE,
     TIERCTL_EXTENT_SIZE,
     TIERCTL_EXPANSION,
+    TIERCTL_SHARDS,
+    TIERCTL_EXTENTS,
+    TIERCTL_HOT_SIZE,
     TIERCTL_SIZES,
 };
 
@@ -83,6 +96,7 @@ struct tierctl_layout {
 extern const tierctl_layout TIERCTL_LAYOUT_V1;
 extern const tierctl_layout TIERCTL_LAYOUT_V1_FOR_CONVERSION;
 extern const tierctl_layout TIERCTL_LAYOUT_V2;
+extern const tierctl_layout TIERCTL_LAYOUT_V3;
 
 std::span<const tierctl_layout *const> tierctl_layouts();
 

@@ -12,11 +12,16 @@
 const std::array<tierctl_size_option, TIERCTL_SIZES> TIERCTL_SIZE_OPTIONS = {{
     {"--bricks", "Entries of the brick table"},
     {"--inodes", "Entries of the inode table"},
-    {"--blocks", "Data blocks, and entries of the extent table"},
+    {"--blocks", "Data blocks; v1 and v2 have an extent for each, in v3 there\n"
+                 "is by default a block for each extent"},
     {"--block-size", "Bytes of a data block"},
     {"--extent-size", "Bytes of an extent record with its bitmap, by default a bit\n"
                       "for each 4096-byte page of a block, in words of 64"},
     {"--expansion", "Inodes of the expansion area, which is in use"},
+    {"--shards", "Entries of the shard table, with the first one of each\n"
+                 "block, which is none"},
+    {"--extents", "Entries of the extent table"},
+    {"--hot-size", "Bytes of the hot table"},
 }};
 
 namespace {
@@ -50,7 +55,7 @@ void write_region(tierctl_image &image, const tierctl_sample_table &sample,
         for (uint64_t i = 0; i < slots; i++) {
             uint8_t *slot = run + i * SIZE_4K;
             sample.fill(no + first + i, slot);
-            tierctl_seal(sample.table, slot);
+            sample.table.seal_slot(slot);
         }
         image.write(region.slot(first), run, slots * SIZE_4K);
     }

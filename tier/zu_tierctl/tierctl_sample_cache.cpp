@@ -34,6 +34,12 @@ tierctl_sample_cache::tierctl_sample_cache(const tierctl_sizes &sizes, uint64_t 
     }
 }
 
+void tierctl_sample_cache::identify(uint8_t (&uuid)[16], char (&volume_id)[48]) const
+{
+    memcpy(uuid, uuid_, sizeof(uuid));
+    volume_id_.copy(volume_id, sizeof(volume_id) - 1);
+}
+
 tier_brick_info_t tierctl_sample_cache::brick(uint32_t magic, uint64_t no)
 {
     tier_brick_info_t brick{};

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-/* What the sample devices of V1 and V2 have in common: which files are cached, and where. */
+/* What sample devices have in common: which files are cached and, in V1 and V2, where. */
 
 constexpr uint64_t TIERCTL_SAMPLE_CTIME = TIERCTL_SAMPLE_YEAR_START * TIERCTL_NANOSECONDS;
 
@@ -29,6 +29,9 @@ constexpr std::array<tierctl_bounds, TIERCTL_SIZES> TIERCTL_CACHE_BOUNDS = {{
     {1, TIERCTL_BLOCKS_MAX, 1, 256},
     {TIER_BLOCK_SIZE_MIN, TIER_BLOCK_SIZE_MAX, SIZE_4K, SIZE_1M},
     {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, 1, 0},
+    TIERCTL_NONE,
+    TIERCTL_NONE,
+    TIERCTL_NONE,
     TIERCTL_NONE,
 }};
 
@@ -48,7 +51,10 @@ public:
 
     tierctl_random &random() { return random_; }
 
-    /* A super block of that magic and version, complete but for what only one layout has. */
+    /* The identities of the cache and of its SSD. */
+    void identify(uint8_t (&uuid)[16], char (&volume_id)[48]) const;
+
+    /* A super block of V1 or V2, of that magic and version, complete but for what only one has. */
     template <class Super>
     Super super(uint32_t magic, uint32_t version) const;
 
@@ -93,8 +99,7 @@ Super tierctl_sample_cache::super(uint32_t magic, uint32_t version) const
     super.sb_version = version;
     super.sb_size = TIER_SB_AREA_SIZE;
     super.sb_ctime = TIERCTL_SAMPLE_CTIME;
-    memcpy(super.sb_uuid, uuid_, sizeof(super.sb_uuid));
-    volume_id_.copy(super.sb_ssd_uuid, sizeof(super.sb_ssd_uuid) - 1);
+    identify(super.sb_uuid, super.sb_ssd_uuid);
     super.sb_brick_cnt = sizes_[TIERCTL_BRICKS];
     super.sb_inode_cnt = sizes_[TIERCTL_INODES];
     super.sb_block_cnt = sizes_[TIERCTL_BLOCKS];
@@ -113,41 +118,67 @@ void tierctl_put(uint8_t *slot, const Record &record)
     memcpy(slot, &record, sizeof(record));
 }
 
-/* The plan of a device under the super block `super`. `sample` makes what its tables hold; of an
- * extent `extent_length` bytes are sealed. `expansion` has more inodes, if there are any. */
+/* Tables with what `sample` makes for them. */
+
+template <class Sample>
+tierctl_sample_table tierctl_bricks(const std::shared_ptr<Sample> &sample,
+                                    const tier_region &region)
+{
+    const tierctl_table table{.name = "brick",
+                              .regions = {region},
+                              .record_length = sizeof(tier_brick_info_t),
+                              .seal = tierctl_seal_head,
+                              .magic_at = offsetof(tier_brick_info_t, bi_magic),
+                              .number_at = offsetof(tier_brick_info_t, bi_no)};
+    return {table, [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->brick(no)); }};
+}
+
+template <class Sample>
+tierctl_sample_table tierctl_inodes(const std::shared_ptr<Sample> &sample,
+                                    const std::vector<tier_region> &regions)
+{
+    const tierctl_table table{.name = "inode",
+                              .regions = regions,
+                              .record_length = sizeof(tier_inode_t),
+                              .seal = tierctl_seal_head,
+                              .magic_at = offsetof(tier_inode_t, i_magic),
+                              .number_at = offsetof(tier_inode_t, i_no)};
+    return {table, [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->inode(no)); }};
+}
+
+/* To be the last one: a device whose tables are incomplete is not to look like a good one. */
+template <class Super>
+tierctl_sample_table tierctl_super(const Super &super)
+{
+    const tierctl_table table{.name = "super",
+                              .regions = {{TIER_SUPER_OFFSET, 1}},
+                              .record_length = sizeof(Super),
+                              .seal = tierctl_seal_head,
+                              .magic_at = offsetof(Super, sb_magic)};
+    return {table, [super](uint64_t, uint8_t *slot) { tierctl_put(slot, super); }};
+}
+
+/* The plan of a device under the super block `super` of V1 or V2. `sample` makes what its tables
+ * hold; of an extent `extent_length` bytes are sealed. `expansion` has more inodes, if there are
+ * any. */
 template <class Sample, class Super>
 tierctl_sample_plan tierctl_plan(const std::shared_ptr<Sample> &sample, const Super &super,
                                  uint32_t extent_length, const tier_region &expansion = {})
 {
-    const tierctl_table bricks{"brick",
-                               {tier_bricks(super)},
-                               sizeof(tier_brick_info_t),
-                               offsetof(tier_brick_info_t, bi_magic),
-                               offsetof(tier_brick_info_t, bi_no)};
-    const tierctl_table inodes{"inode",
-                               {tier_inodes(super), expansion},
-                               sizeof(tier_inode_t),
-                               offsetof(tier_inode_t, i_magic),
-                               offsetof(tier_inode_t, i_no)};
-    const tierctl_table extents{"extent",
-                                {tier_extents(super)},
-                                extent_length,
-                                std::nullopt,
-                                offsetof(tier_extent_t, te_reserved1)};
-    const tierctl_table super_block{
-        "super", {{TIER_SUPER_OFFSET, 1}}, sizeof(Super), offsetof(Super, sb_magic), std::nullopt};
+    const tierctl_table extents{.name = "extent",
+                                .regions = {tier_extents(super)},
+                                .record_length = extent_length,
+                                .seal = tierctl_seal_head,
+                                .number_at = offsetof(tier_extent_t, te_reserved1)};
     const uint64_t data_end =
         super.sb_data_offset + uint64_t{super.sb_block_cnt} * super.sb_block_size;
     return {
         expansion.count == 0 ? data_end : static_cast<uint64_t>(expansion.slot(expansion.count)),
         {
-            {bricks,
-             [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->brick(no)); }},
-            {inodes,
-             [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->inode(no)); }},
+            tierctl_bricks(sample, tier_bricks(super)),
+            tierctl_inodes(sample, {tier_inodes(super), expansion}),
             {extents, [sample](uint64_t no, uint8_t *slot) { sample->fill_extent(no, slot); }},
-            /* Last: a device whose tables are incomplete is not to look like a good one. */
-            {super_block, [super](uint64_t, uint8_t *slot) { tierctl_put(slot, super); }},
+            tierctl_super(super),
         },
     };
 }

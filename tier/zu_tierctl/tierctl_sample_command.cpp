@@ -19,10 +19,11 @@ constexpr const char EXAMPLE[] =
 
 constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
                                      "TABLE: super (its only entry is 0), brick, inode (also in\n"
-                                     "the expansion area), extent\n"
-                                     "KIND: checksum (the default), magic or number (the checksum\n"
-                                     "stays right), zero (the whole slot), bit (one bit of the\n"
-                                     "record, chosen by the seed)";
+                                     "the expansion area), extent; in v3 also shard and hot, and\n"
+                                     "an entry of shard, hot or extent is a block of the table\n"
+                                     "KIND, by default the first that the table has: checksum,\n"
+                                     "magic or number (the checksum stays right), zero (the whole\n"
+                                     "slot), bit (one bit of the record, chosen by the seed)";
 
 std::string conversion_help()
 {

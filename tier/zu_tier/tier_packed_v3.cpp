@@ -1,0 +1,84 @@
+#include "zu_tier/tier_packed_v3.h"
+
+#include <cerrno>
+
+namespace {
+
+int32_t read_entry(const zutr_json_reader &in, const tier_packed_table_v3 &table,
+                   tier_packed_block_v3_t *block)
+{
+    uint64_t no = 0;
+    int32_t ret = in.bits(table.number, zutr_need::required, zutr_to_u64, 64, &no);
+    if (ret != 0) {
+        return ret;
+    }
+    /* Of the number only the place within the block counts. */
+    const uint64_t k = no % TIER_PACKED_SLOTS_V3;
+    if (k < table.first_word) {
+        zutr_error(in.func(), "%s_json %s: %ld invalid", table.item, table.number,
+                   static_cast<int64_t>(k));
+        return -EINVAL;
+    }
+    uint64_t word = block->word[k];
+    for (const auto &[field, need] : table.keys) {
+        uint64_t value = field.get(word);
+        ret = in.bits(field.name, need, zutr_to_u64, field.width, &value);
+        if (ret != 0) {
+            return ret;
+        }
+        word = field.put(word, value);
+    }
+    block->word[k] = table.in_use.put(word, 1);
+    return 0;
+}
+
+} // namespace
+
+int32_t tier_read_meta_offset(const zutr_json_reader &in, uint64_t begin, uint64_t end,
+                              int64_t *offset)
+{
+    uint64_t value = 0;
+    const int32_t ret = in.bits("meta_offset", zutr_need::required, zutr_to_u64, 64, &value);
+    if (ret != 0) {
+        return ret;
+    }
+    *offset = static_cast<int64_t>(value);
+    if (value < begin || value >= end) {
+        zutr_error(in.func(), "meta_offset: %ld invalid", *offset);
+        return -EINVAL;
+    }
+    return 0;
+}
+
+int32_t tier_read_packed(const zutr_json_reader &in, const tier_packed_table_v3 &table,
+                         tier_packed_block_v3_t *block)
+{
+    const cJSON *array = cJSON_GetObjectItem(in.object(), table.entries);
+    if (!cJSON_IsArray(array)) {
+        /* The label is the shards', whatever the table. */
+        zutr_error(in.func(), "%s_json is invalid. shards_json:%p", table.entries,
+                   static_cast<const void *>(array));
+        return -EINVAL;
+    }
+    const int32_t cnt = cJSON_GetArraySize(array);
+    if (cnt > static_cast<int32_t>(TIER_PACKED_SLOTS_V3 - table.first_word)) {
+        zutr_error(in.func(), "%s_cnt: %d bigger than %d", table.entries, cnt,
+                   static_cast<int32_t>(TIER_PACKED_SLOTS_V3));
+        return -EINVAL;
+    }
+    int32_t index = 0;
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, array)
+    {
+        if (!cJSON_IsObject(item)) {
+            zutr_error(in.func(), "%s_json index: %d invalid", table.item, index);
+            return -EINVAL;
+        }
+        const int32_t ret = read_entry({in.func(), item}, table, block);
+        if (ret != 0) {
+            return ret;
+        }
+        index++;
+    }
+    return 0;
+}

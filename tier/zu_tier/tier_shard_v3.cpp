@@ -1,0 +1,89 @@
+#include "zu_tier/tier_shard_v3.h"
+
+#include "common/zutr_assert.h"
+#include "zu_tier/tier_dump_driver.h"
+#include "zu_tier/tier_packed_v3.h"
+#include "zu_tier/tier_record.h"
+#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/tier_super_v3.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr tier_bits SHARD_FIELDS_V3[] = {SHARD_INO_V3, SHARD_IN_USE_V3, SHARD_RESERVED_V3};
+
+constexpr tier_packed_key_v3 SHARD_KEYS_V3[] = {
+    {SHARD_INO_V3},
+    {SHARD_INDEX_V3},
+    {SHARD_RESERVED_V3, zutr_need::optional},
+};
+
+constexpr tier_packed_table_v3 SHARD_TABLE_V3 = {
+    .entry = "shard",
+    .item = "shards",
+    .owner_label = "inode_no",
+    .entries = "shards",
+    .number = "sno",
+    .first_word = 1,
+    .magic = TIER_SHARD_MAGIC_V3,
+    .in_use = SHARD_IN_USE_V3,
+    .owner = SHARD_INO_V3,
+    .fields = SHARD_FIELDS_V3,
+    .last_field = SHARD_INDEX_V3,
+    .keys = SHARD_KEYS_V3,
+};
+
+uint32_t crc_shard_v3(const tier_packed_block_v3_t &block)
+{
+    return zutr_record_crc(block);
+}
+
+int32_t __dump_shard_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
+{
+    zutr_assert_entry(no, meta, delim, params);
+    const auto &block = *static_cast<const tier_packed_block_v3_t *>(meta);
+    const auto magic = static_cast<uint32_t>(SHARD_MAGIC_V3.get(block.word[0]));
+    const auto checksum = static_cast<uint32_t>(SHARD_CHECKSUM_V3.get(block.word[0]));
+    const uint32_t crc = crc_shard_v3(block);
+    if (magic != TIER_SHARD_MAGIC_V3 || checksum != crc) {
+        zutr_error(__func__,
+                   "shard no: %u, magic_ondisk: 0x%x magic: 0x%x, crc_ondisk: 0x%x crc: 0x%x",
+                   static_cast<uint32_t>(no), magic, TIER_SHARD_MAGIC_V3, checksum, crc);
+        return -EFAULT;
+    }
+    const int64_t offset = tier_shards_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
+    return tier_dump_packed<SHARD_TABLE_V3>(__func__, no, block, checksum, offset, delim, params);
+}
+
+int64_t parse_shard_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)
+{
+    zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && shards && shard");
+    const tier_super_block_v3_t &sb = tier_super_v3(params);
+    const zutr_json_reader in(__func__, ext_cfg);
+    auto *block = static_cast<tier_packed_block_v3_t *>(m);
+    block->word[0] = SHARD_MAGIC_V3.put(0, TIER_SHARD_MAGIC_V3);
+    int64_t offset = 0;
+    int32_t ret =
+        tier_read_meta_offset(in, sb.sb_shard_table_offset, sb.sb_hot_table_offset, &offset);
+    ret = ret == 0 ? tier_read_packed(in, SHARD_TABLE_V3, block) : ret;
+    if (ret != 0) {
+        return ret;
+    }
+    block->word[0] = SHARD_CHECKSUM_V3.put(block->word[0], crc_shard_v3(*block));
+    return tier_check_slot(__func__, offset) ? offset : -EFAULT;
+}
+
+} // namespace
+
+int32_t zutr_dump_shard_v3(zutr_params_t *params)
+{
+    tier_assert_super_v3(params);
+    return zutr_dump_table(params, "shard_no", tier_shards_v3(tier_super_v3(params)),
+                           __dump_shard_v3);
+}
+
+int32_t zutr_repair_shard_v3(zutr_params_t *params)
+{
+    return zutr_repair_common(params, parse_shard_from_json_v3);
+}

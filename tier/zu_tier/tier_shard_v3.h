@@ -1,0 +1,10 @@
+#pragma once
+
+#include "zu_tier/zu_tier.h"
+
+#include <cstdint>
+
+/* The commands on the V3 shard table. */
+
+int32_t zutr_dump_shard_v3(zutr_params_t *params);
+int32_t zutr_repair_shard_v3(zutr_params_t *params);
