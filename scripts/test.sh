@@ -35,7 +35,8 @@ attribute() {
     grep -m1 -oE "^[[:space:]]*$1=\"[0-9]+\"" "$2" | grep -oE '[0-9]+'
 }
 
-install_packages "${BUILD_PACKAGES[@]}" git libgtest-dev clang-format clang-tidy mandoc mount
+install_packages "${BUILD_PACKAGES[@]}" git libgtest-dev clang-format clang-tidy mandoc mount \
+    strace tzdata valgrind
 
 step "Format"
 git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror

@@ -4,7 +4,8 @@
 //   item   = "trace:" path
 //          | call [ "(" size [ "-" size ] ")" ] [ "@" offset "+" length ] [ "#" from [ "-" [to] ] ]
 //            "=" effect
-//   call   = "pread" | "pwrite" | "posix_memalign" | "malloc" | "calloc" | "fread" | "fclose"
+//   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
+//          | "realloc" | "fread" | "fclose"
 //   effect = an error name of the table below | "short:" bytes | "pass"
 //
 // (size)   only calls for that many bytes, or for a number in that range
@@ -282,6 +283,18 @@ void *calloc(size_t count, size_t size) noexcept
 {
     static auto *const real = behind<void *(size_t, size_t)>("calloc");
     return out_of_memory("calloc", count * size) ? nullptr : real(count, size);
+}
+
+void *realloc(void *memory, size_t size) noexcept
+{
+    static auto *const real = behind<void *(void *, size_t)>("realloc");
+    return out_of_memory("realloc", size) ? nullptr : real(memory, size);
+}
+
+void *aligned_alloc(size_t alignment, size_t size) noexcept
+{
+    static auto *const real = behind<void *(size_t, size_t)>("aligned_alloc");
+    return out_of_memory("aligned_alloc", size) ? nullptr : real(alignment, size);
 }
 
 size_t fread(void *buffer, size_t size, size_t count, FILE *stream)

@@ -14,7 +14,7 @@ namespace {
 void expect_bits(const tier_bits &field, const std::string &name, unsigned first, unsigned last)
 {
     SCOPED_TRACE(name);
-    EXPECT_EQ(field.name, name);
+    EXPECT_EQ(field.key, name);
     std::uint64_t all = 0;
     for (unsigned bit = 0; bit < 64; ++bit) {
         const std::uint64_t word = std::uint64_t{1} << bit;

@@ -79,6 +79,38 @@ TEST(Text, NothingIsLostHoweverItIsCutIntoPieces)
     }
 }
 
+TEST(Text, RoomAtTheEndOfTheBuffer)
+{
+    // The buffer has 65536 bytes; text before, at and behind its end.
+    for (const std::size_t size : {std::size_t{1}, std::size_t{24}, ZUTR_TEXT_ROOM}) {
+        for (std::size_t left = 0; left <= size + 1; left += left + 3 < size ? size / 24 + 1 : 1) {
+            const std::string before(65536 - left, 'b');
+            const std::string piece(size, 'p');
+            const std::string result = written([&](zutr_text &out) {
+                out.put(before);
+                char *to = out.room(size);
+                out.advance(std::ranges::copy(piece, to).out);
+                out.put("|");
+                to = out.room(size);
+                *to = '2';
+                out.advance(to + 1); // less than there was room for
+            });
+            EXPECT_EQ(result, before + piece + "|2") << size << " bytes, " << left << " left";
+        }
+    }
+}
+
+TEST(Text, RoomThatIsNotUsedLeavesNothing)
+{
+    EXPECT_EQ(written([](zutr_text &out) {
+                  char *to = out.room(10);
+                  *to = 'x';
+                  out.advance(to);
+                  out.put("y");
+              }),
+              "y");
+}
+
 TEST(Text, EmptyTextWritesNothing)
 {
     EXPECT_EQ(written([](zutr_text &out) { out.put(""); }), "");

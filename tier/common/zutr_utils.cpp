@@ -1,28 +1,11 @@
 #include "common/zutr_utils.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 namespace {
-
-constexpr std::array<uint32_t, 256> make_crc32_table()
-{
-    std::array<uint32_t, 256> table{};
-    for (uint32_t n = 0; n < table.size(); n++) {
-        uint32_t crc = n;
-        for (int bit = 0; bit < 8; bit++) {
-            crc = (crc >> 1) ^ ((crc & 1U) != 0 ? 0xEDB88320U : 0U);
-        }
-        table[n] = crc;
-    }
-    return table;
-}
-
-constexpr std::array<uint32_t, 256> s_crc32_table = make_crc32_table();
-static_assert(s_crc32_table[1] == 0x77073096 && s_crc32_table[2] == 0xEE0E612C);
 
 char s_uuid_buf[40];
 
@@ -32,16 +15,6 @@ bool should_retry()
 }
 
 } // namespace
-
-uint32_t zutr_crc32(const void *data, size_t len)
-{
-    const auto *byte = static_cast<const uint8_t *>(data);
-    uint32_t crc = 0xFFFFFFFF;
-    for (size_t i = 0; i < len; i++) {
-        crc = s_crc32_table[(byte[i] ^ crc) & 0xFF] ^ (crc >> 8);
-    }
-    return crc ^ 0xFFFFFFFF;
-}
 
 ssize_t zutr_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset)
 {

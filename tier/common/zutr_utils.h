@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/zutr_crc32.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -16,10 +18,6 @@ constexpr int64_t zutr_advance(int64_t offset, int64_t by)
 {
     return static_cast<int64_t>(static_cast<uint64_t>(offset) + static_cast<uint64_t>(by));
 }
-
-/* CRC-32 of IEEE 802.3 (reflected polynomial 0xEDB88320, initial value and final inversion
- * 0xFFFFFFFF) over `len` bytes; 0 for an empty range. */
-uint32_t zutr_crc32(const void *data, size_t len);
 
 /* Reads exactly `nbyte` bytes at byte `offset` of `fd`. Gives `nbyte`, or -1 with errno of the
  * failing call; the end of the device before `nbyte` bytes and bad arguments are failures too,

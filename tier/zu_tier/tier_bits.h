@@ -2,10 +2,10 @@
 
 #include <cstdint>
 
-/* A bit field of a 64-bit word. Its name is also its JSON key. */
+/* A bit field of a 64-bit word. */
 struct tier_bits {
-    const char *name;
-    uint32_t at; /* lowest bit */
+    const char *key; /* its name, in JSON too */
+    uint32_t at;     /* lowest bit */
     uint32_t width;
 
     constexpr uint64_t mask() const { return ~uint64_t{0} >> (64 - width) << at; }

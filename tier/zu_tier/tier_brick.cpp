@@ -66,7 +66,7 @@ void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp)
 {
     zutr_assert(brick != nullptr && fp != nullptr, "brick && fp");
     brick->bi_brickid[sizeof(brick->bi_brickid) - 1] = '\0';
-    zutr_print_entry(*brick, BRICK_FIELDS, offset, fp);
+    zutr_print_entry<BRICK_FIELDS>(*brick, offset, fp);
 }
 
 int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t no, void *meta,
@@ -87,7 +87,7 @@ int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t
                    static_cast<int32_t>(brick->bi_use), static_cast<int>(path.size()), path.data());
         return 1;
     }
-    zutr_text(params->out_fp).put(delim);
+    zutr_write(params->out_fp, delim);
     tier_print_brick(brick, table.region.slot(brick->bi_no), params->out_fp);
     return 0;
 }

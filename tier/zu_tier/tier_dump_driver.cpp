@@ -46,7 +46,7 @@ int32_t table_dump::entry()
 
 int32_t table_dump::walk()
 {
-    zutr_text(params->out_fp).put("[");
+    zutr_write(params->out_fp, "[");
     const int64_t end = zutr_advance(meta_start, int64_t{max_cnt} * SIZE_4K);
     int64_t offset = meta_start;
     while (offset < end) {
@@ -55,7 +55,7 @@ int32_t table_dump::walk()
         chunk(offset, len);
         offset += len;
     }
-    zutr_text(params->out_fp).put("]");
+    zutr_write(params->out_fp, "]");
     return 0;
 }
 

@@ -1,6 +1,13 @@
 #include "zu_tier/tier_extent.h"
 
 #include "common/zutr_assert.h"
+#include "zu_tier/tier_debug.h"
+
+namespace {
+
+constexpr char IGNORED[] = "ignore extent %d, te_use:%d, te_brick_no:%d";
+
+} // namespace
 
 int32_t tier_check_size(const char *func, const char *field, uint32_t value, uint32_t min,
                         uint32_t max)
@@ -38,7 +45,6 @@ bool tier_extent_passes(const char *func, const zutr_filter_t &filter, const tie
         return true;
     }
     /* The label says brick; the number is the inode's. */
-    zutr_debug(func, "ignore extent %d, te_use:%d, te_brick_no:%d", no, extent.te_use,
-               static_cast<int32_t>(extent.te_inode_no));
+    zutr_debug_line<IGNORED>(func, no, extent.te_use, static_cast<int32_t>(extent.te_inode_no));
     return false;
 }

@@ -81,7 +81,7 @@ int32_t tier_dump_extent(const char *func, const tier_extent_table<Super> &table
     if (!tier_extent_passes(func, params->filter, *extent, no)) {
         return 1;
     }
-    zutr_text(params->out_fp).put(delim);
+    zutr_write(params->out_fp, delim);
     table.print(extent, sb, tier_extents(*sb).slot(extent->te_reserved1), params->out_fp);
     return 0;
 }

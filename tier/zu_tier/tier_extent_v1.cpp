@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 
 namespace {
 
@@ -25,37 +26,47 @@ constexpr auto EXTENT_IN_USE_KEYS_V1 = std::tuple_cat(
         zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
     });
 
-/* The bitmap of an extent of `size` bytes as hexadecimal words, each with a blank behind it, as far
- * as they fit into the `len` bytes at `buf`. */
-void print_bitmap_v1(char *buf, size_t len, const uint64_t *bitmap, uint32_t size)
+/* Memory for the text of a bitmap, kept from one extent to the next. Three characters for each byte
+ * hold the 19 of each word. */
+char *bitmap_room(const tier_super_block_v1_t &sb)
 {
-    size_t used = 0;
-    for (uint32_t i = 0; i < tier_bitmap_words_v1(size); i++) {
-        const int put = snprintf(buf + used, len - used, "0x%016lx ", bitmap[i]);
-        if (put <= 0 || used + static_cast<size_t>(put) >= len) {
-            break;
-        }
-        used += static_cast<size_t>(put);
+    static zutr_owned<char[]> buff;
+    static size_t room = 0;
+    const size_t len = size_t{3} * (sb.sb_extent_size - TIER_EXTENT_SIZE_MIN) + 1;
+    if (buff == nullptr || len > room) {
+        buff.reset(static_cast<char *>(calloc(1, len)));
+        zutr_assert(buff != nullptr, "buff");
+        room = len;
     }
+    return buff.get();
+}
+
+/* The bitmap of an extent as hexadecimal words, each with a blank behind it. */
+std::string_view bitmap_text(const tier_extent_v1_t *extent, const tier_super_block_v1_t &sb)
+{
+    const auto *bitmap = reinterpret_cast<const uint64_t *>(extent + 1);
+    char *text = bitmap_room(sb);
+    char *to = text;
+    for (uint32_t i = 0; i < tier_bitmap_words_v1(sb.sb_extent_size); i++) {
+        *to++ = '0';
+        *to++ = 'x';
+        to = zutr_put_hex<64>(to, bitmap[i], 16);
+        *to++ = ' ';
+    }
+    return {text, static_cast<size_t>(to - text)};
 }
 
 void __print_extent_v1(const tier_extent_v1_t *extent, const tier_super_block_v1_t *sb,
                        int64_t offset, FILE *fp)
 {
     zutr_assert(extent != nullptr && sb != nullptr && fp != nullptr, "extent && sb && fp");
-    /* Three characters for each byte hold the 19 of each word; one more ends an empty text. */
-    const size_t len = size_t{3} * (sb->sb_extent_size - TIER_EXTENT_SIZE_MIN) + 1;
-    const zutr_owned<char[]> buff(static_cast<char *>(calloc(1, len)));
-    zutr_assert(buff != nullptr, "buff");
-    print_bitmap_v1(buff.get(), len, reinterpret_cast<const uint64_t *>(extent + 1),
-                    sb->sb_extent_size);
     zutr_text out(fp);
     out.put("{");
-    zutr_put_fields(out, *extent, TIER_EXTENT_HEAD_FIELDS);
+    zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *extent);
     out.put(",\"meta_offset\":");
     out.signed_decimal(offset);
     out.put(",\"te_bitmap\":\"");
-    out.put(buff.get());
+    out.put(bitmap_text(extent, *sb));
     out.put("\"}");
 }
 

@@ -88,10 +88,9 @@ void print_pieces(zutr_text &out, const tier_extent_v2_t *extent, const tier_sup
             continue;
         }
         out.put(separator);
-        zutr_put_fields(out,
-                        shown_piece{piece.offset, piece.clean(), piece.orig_len(), piece.begin,
-                                    piece.cnt, mapno, block + uint64_t{piece.begin} * SIZE_4K},
-                        PIECE_FIELDS_V2);
+        zutr_put_fields<PIECE_FIELDS_V2>(
+            out, shown_piece{piece.offset, piece.clean(), piece.orig_len(), piece.begin, piece.cnt,
+                             mapno, block + uint64_t{piece.begin} * SIZE_4K});
         out.put("}");
         separator = ",{";
     }
@@ -103,7 +102,7 @@ void __print_extent_v2(const tier_extent_v2_t *extent, const tier_super_block_v2
     zutr_assert(extent != nullptr && fp != nullptr && sb != nullptr, "extent && fp && sb");
     zutr_text out(fp);
     out.put("{");
-    zutr_put_fields(out, *extent, TIER_EXTENT_HEAD_FIELDS);
+    zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *extent);
     out.put(",\"meta_offset\": ");
     out.signed_decimal(offset);
     out.put(",\"te_mapped_meta\":[");

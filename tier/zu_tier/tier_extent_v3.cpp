@@ -12,10 +12,20 @@
 
 namespace {
 
-constexpr tier_bits EXTENT_FIELDS_V3[] = {
-    EXTENT_LBA_V3,   EXTENT_SHARD_V3,  EXTENT_DIRTY_V3,  EXTENT_IN_USE_V3,
-    EXTENT_SENSE_V3, EXTENT_DEMOTE_V3, EXTENT_DM_ERR_V3, EXTENT_RESERVED_V3,
+constexpr auto EXTENT_FIELDS_V3 = std::tuple{
+    zutr_bits{EXTENT_LBA_V3},
+    zutr_bits{EXTENT_SHARD_V3},
+    zutr_bits{EXTENT_DIRTY_V3},
+    zutr_bits{EXTENT_IN_USE_V3},
+    zutr_bits{EXTENT_SENSE_V3},
+    zutr_bits{EXTENT_DEMOTE_V3},
+    zutr_bits{EXTENT_DM_ERR_V3},
+    zutr_bits{EXTENT_RESERVED_V3},
+    zutr_field{"eno", &tier_packed_entry_v3::no},
+    zutr_bits{EXTENT_BITMAP_V3},
 };
+
+constexpr char EXTENT_IGNORED_V3[] = "ignore extent:%d, in_use:%d, shard_no:%d";
 
 constexpr tier_packed_key_v3 EXTENT_KEYS_V3[] = {
     {EXTENT_LBA_V3},
@@ -29,17 +39,13 @@ constexpr tier_packed_key_v3 EXTENT_KEYS_V3[] = {
 };
 
 constexpr tier_packed_table_v3 EXTENT_TABLE_V3 = {
-    .entry = "extent",
-    .item = "extent",
-    .owner_label = "shard_no",
     .entries = "extents",
     .number = "eno",
+    .item = "extent",
     .first_word = 0,
     .magic = std::nullopt,
     .in_use = EXTENT_IN_USE_V3,
     .owner = EXTENT_SHARD_V3,
-    .fields = EXTENT_FIELDS_V3,
-    .last_field = EXTENT_BITMAP_V3,
     .keys = EXTENT_KEYS_V3,
 };
 
@@ -88,7 +94,8 @@ int32_t __dump_extent_v3(int32_t no, void *meta, const char *delim, zutr_params_
         return -EFAULT;
     }
     const int64_t offset = tier_extents_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
-    return tier_dump_packed<EXTENT_TABLE_V3>(__func__, no, *block, checksum, offset, delim, params);
+    return tier_dump_packed<EXTENT_TABLE_V3, EXTENT_FIELDS_V3, EXTENT_IGNORED_V3>(
+        __func__, no, *block, checksum, offset, delim, params);
 }
 
 int64_t parse_extent_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)

@@ -1,5 +1,6 @@
 #include "zu_tier/tier_inode.h"
 
+#include "zu_tier/tier_debug.h"
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_repair_driver.h"
 
@@ -7,6 +8,8 @@
 #include <string_view>
 
 namespace {
+
+constexpr char IGNORED[] = "ignore inode %d, i_use:%d, i_uuid:%s, i_brick_no:%d";
 
 /* Whether the filter lets an inode through; if not, says so on behalf of `func`. An owner filter
  * names a brick and never shows free inodes. */
@@ -18,8 +21,8 @@ bool passes(const char *func, const zutr_filter_t &filter, const tier_inode_t &i
          (inode.i_use != 0 && static_cast<uint32_t>(filter.owner) == inode.i_brick_no))) {
         return true;
     }
-    zutr_debug(func, "ignore inode %d, i_use:%d, i_uuid:%s, i_brick_no:%d", no, inode.i_use,
-               zutr_uuid_utoa(inode.i_uuid), static_cast<int32_t>(inode.i_brick_no));
+    zutr_debug_line<IGNORED>(func, no, inode.i_use, zutr_uuid_utoa(inode.i_uuid),
+                             static_cast<int32_t>(inode.i_brick_no));
     return false;
 }
 
@@ -45,7 +48,7 @@ int32_t tier_dump_inode(const char *func, const tier_inode_table &table, int32_t
     if (!passes(func, params->filter, *inode, no)) {
         return 1;
     }
-    zutr_text(params->out_fp).put(delim);
+    zutr_write(params->out_fp, delim);
     table.print(inode, table.slot(params, number), params->out_fp);
     return 0;
 }

@@ -46,7 +46,7 @@ int32_t __check_exp_inode(int32_t fd, uint64_t exp_inode_off, uint32_t base_no, 
 void __print_inode_v2(const tier_inode_v2_t *inode, int64_t offset, FILE *fp)
 {
     zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
-    zutr_print_entry(*inode, TIER_INODE_FIELDS_V2, offset, fp);
+    zutr_print_entry<TIER_INODE_FIELDS_V2>(*inode, offset, fp);
 }
 
 int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino)

@@ -4,34 +4,34 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
+constexpr const char *DEFAULT_LOG_DIRECTORY = "/kd/log/zu";
 constexpr const char *DEFAULT_LOG_FILE = "/kd/log/zu/zu_tier.log";
 
 bool g_debug_mode = false;
 FILE *g_log_fp = nullptr;
 
 void write_line(const char *level, const zutr_log_site &site, const char *format, va_list args,
-                bool to_stderr)
+                const zutr_log_sinks &sinks)
 {
-    FILE *log = zutr_get_logger();
-    if (log == nullptr && !to_stderr) {
-        return;
-    }
     /* Prefix and message in one format, so that a line reaches an unbuffered stream whole. */
     std::array<char, 512> line{};
-    const int length = snprintf(line.data(), line.size(), "[%s] [%s:%u] %s\n", level, site.func,
-                                site.line, format);
-    zutr_assert(length > 0 && static_cast<size_t>(length) < line.size(), "length < line.size()");
-    if (log != nullptr) {
-        va_list again;
-        va_copy(again, args);
-        vfprintf(log, line.data(), again);
-        va_end(again);
-    }
-    if (to_stderr) {
-        vfprintf(stderr, line.data(), args);
+    char *message = zutr_put_log_prefix(line.data(), level, site);
+    const auto room = static_cast<size_t>(line.data() + line.size() - message);
+    const int length = snprintf(message, room, "%s\n", format);
+    zutr_assert(length > 0 && static_cast<size_t>(length) < room, "length < room");
+    for (FILE *sink : {sinks.log, sinks.err}) {
+        if (sink != nullptr) {
+            va_list again;
+            va_copy(again, args);
+            vfprintf(sink, line.data(), again);
+            va_end(again);
+        }
     }
 }
 
@@ -41,16 +41,52 @@ void zutr_error(zutr_log_site site, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    write_line("ERROR", site, format, args, true);
+    write_line("ERROR", site, format, args, {zutr_get_logger(), stderr});
     va_end(args);
 }
 
 void zutr_debug(zutr_log_site site, const char *format, ...)
 {
+    const zutr_log_sinks sinks = zutr_debug_sinks();
+    if (!sinks) {
+        return;
+    }
     va_list args;
     va_start(args, format);
-    write_line("DEBUG", site, format, args, zutr_is_debug_mode());
+    write_line("DEBUG", site, format, args, sinks);
     va_end(args);
+}
+
+void zutr_log_sinks::write(std::string_view line) const
+{
+    for (FILE *sink : {log, err}) {
+        if (sink != nullptr) {
+            fwrite_unlocked(line.data(), 1, line.size(), sink);
+        }
+    }
+}
+
+zutr_log_sinks zutr_debug_sinks()
+{
+    return {zutr_get_logger(), zutr_is_debug_mode() ? stderr : nullptr};
+}
+
+char *zutr_put_log_prefix(char *to, const char *level, const zutr_log_site &site)
+{
+    /* Most lines come from where the line before came from. */
+    static std::array<char, ZUTR_LOG_PREFIX_ROOM> prefix;
+    static int length = 0;
+    static const char *last_level = nullptr;
+    static zutr_log_site last_site(nullptr, 0);
+    if (last_level != level || last_site.func != site.func || last_site.line != site.line) {
+        length =
+            snprintf(prefix.data(), prefix.size(), "[%s] [%s:%u] ", level, site.func, site.line);
+        zutr_assert(length > 0 && static_cast<size_t>(length) < prefix.size(), "length < room");
+        last_level = level;
+        last_site = site;
+    }
+    memcpy(to, prefix.data(), prefix.size());
+    return to + length;
 }
 
 bool zutr_is_debug_mode()
@@ -65,7 +101,8 @@ void zutr_set_debug_mode()
 
 FILE *zutr_get_logger()
 {
-    if (g_log_fp == nullptr) {
+    /* Comes with every message, and costs least where the directory is missing. */
+    if (g_log_fp == nullptr && faccessat(AT_FDCWD, DEFAULT_LOG_DIRECTORY, F_OK, AT_EACCESS) == 0) {
         g_log_fp = fopen(DEFAULT_LOG_FILE, "a");
     }
     return g_log_fp;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 /* The emitting function, which the caller names because shared code speaks for several layouts, and
  * the source line of the call, which is filled in. */
@@ -17,6 +18,23 @@ struct zutr_log_site {
 
 /* Writes one line to the log stream, if there is one, and in debug mode to standard error. */
 [[gnu::format(printf, 2, 3)]] void zutr_debug(zutr_log_site site, const char *format, ...);
+
+/* Where a line goes: to the log stream, to standard error, to both or nowhere. */
+struct zutr_log_sinks {
+    FILE *log;
+    FILE *err;
+
+    explicit operator bool() const { return log != nullptr || err != nullptr; }
+    void write(std::string_view line) const;
+};
+
+/* The sinks of a DEBUG line; tries the default log file when there is no log stream. */
+zutr_log_sinks zutr_debug_sinks();
+
+/* Writes "[LEVEL] [func:line] " at `to`, which has ZUTR_LOG_PREFIX_ROOM bytes; gives the end. Texts
+ * are told apart by their address. */
+constexpr size_t ZUTR_LOG_PREFIX_ROOM = 128;
+char *zutr_put_log_prefix(char *to, const char *level, const zutr_log_site &site);
 
 bool zutr_is_debug_mode();
 void zutr_set_debug_mode();

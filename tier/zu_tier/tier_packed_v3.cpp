@@ -22,7 +22,7 @@ int32_t read_entry(const zutr_json_reader &in, const tier_packed_table_v3 &table
     uint64_t word = block->word[k];
     for (const auto &[field, need] : table.keys) {
         uint64_t value = field.get(word);
-        ret = in.bits(field.name, need, zutr_to_u64, field.width, &value);
+        ret = in.bits(field.key, need, zutr_to_u64, field.width, &value);
         if (ret != 0) {
             return ret;
         }
@@ -33,6 +33,45 @@ int32_t read_entry(const zutr_json_reader &in, const tier_packed_table_v3 &table
 }
 
 } // namespace
+
+tier_packed_filter tier_make_packed_filter(const tier_packed_table_v3 &table,
+                                           const zutr_filter_t &filter)
+{
+    constexpr tier_packed_filter NOTHING = {.mask = 0, .bits = 1};
+    tier_packed_filter made;
+    if (filter.error == 1 || filter.use > 1 || (filter.use == 0 && filter.owner >= 0)) {
+        return NOTHING;
+    }
+    if (filter.use >= 0 || filter.owner >= 0) {
+        made.mask = table.in_use.mask();
+        made.bits = table.in_use.put(0, filter.use == 0 ? 0 : 1);
+    }
+    if (filter.owner >= 0) {
+        const auto owner = static_cast<uint64_t>(filter.owner);
+        made.mask |= table.owner.mask();
+        made.bits = table.owner.put(made.bits, owner);
+        if (table.owner.get(made.bits) != owner) {
+            return NOTHING;
+        }
+    }
+    return made;
+}
+
+void tier_put_packed_head(zutr_text &out, const tier_packed_table_v3 &table, uint32_t checksum,
+                          int64_t offset)
+{
+    out.put("{\"checksum\":\"");
+    out.hex(checksum);
+    if (table.magic) {
+        out.put("\",\"magic\":\"");
+        out.hex(*table.magic);
+    }
+    out.put("\",\"meta_offset\": ");
+    out.signed_decimal(offset);
+    out.put(",\"");
+    out.put(table.entries);
+    out.put("\":[");
+}
 
 int32_t tier_read_meta_offset(const zutr_json_reader &in, uint64_t begin, uint64_t end,
                               int64_t *offset)

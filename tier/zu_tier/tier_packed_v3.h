@@ -1,8 +1,9 @@
 #pragma once
 
+#include "zu_tier/tier_debug.h"
 #include "zu_tier/tier_format_v3.h"
 #include "zu_tier/tier_json.h"
-#include "zu_tier/tier_log.h"
+#include "zu_tier/tier_record.h"
 #include "zu_tier/tier_text.h"
 #include "zu_tier/zu_tier.h"
 
@@ -19,97 +20,79 @@ struct tier_packed_key_v3 {
 };
 
 struct tier_packed_table_v3 {
-    const char *entry;       /* an entry, in messages */
-    const char *item;        /* the same in a repair file */
-    const char *owner_label; /* and the number of its owner */
-    const char *entries;     /* key of the entries of a block */
-    const char *number;      /* key of an entry's number */
-    uint32_t first_word;     /* of a block that is an entry */
+    const char *entries; /* key of the entries of a block */
+    const char *number;  /* key of an entry's number */
+    const char *item;    /* an entry of a repair file, in messages */
+    uint32_t first_word; /* of a block that is an entry */
     std::optional<uint32_t> magic;
 
     tier_bits in_use;
     tier_bits owner;
-    std::span<const tier_bits> fields; /* in a dump, before the number of the entry */
-    tier_bits last_field;              /* and behind it */
     std::span<const tier_packed_key_v3> keys;
 };
 
-/* Whether the filter lets an entry through. An owner filter never shows free entries. */
-constexpr bool tier_packed_passes(const tier_packed_table_v3 &table, const zutr_filter_t &filter,
-                                  uint64_t word)
-{
-    const uint64_t in_use = table.in_use.get(word);
-    return filter.error != 1 && (filter.use < 0 || static_cast<uint64_t>(filter.use) == in_use) &&
-           (filter.owner < 0 ||
-            (in_use != 0 && static_cast<uint64_t>(filter.owner) == table.owner.get(word)));
-}
+/* An entry as its table of fields shows it. */
+struct tier_packed_entry_v3 {
+    uint64_t word;
+    uint64_t no;
+};
 
-inline void tier_put_member(zutr_text &out, const char *key, uint64_t value)
-{
-    out.put("\"");
-    out.put(key);
-    out.put("\":");
-    out.decimal(value);
-}
+/* The filter as a question to a word: an entry passes when its bits under the mask are these. */
+struct tier_packed_filter {
+    uint64_t mask = 0;
+    uint64_t bits = 0;
 
-inline void tier_put_packed(zutr_text &out, const tier_packed_table_v3 &table, uint64_t no,
-                            uint64_t word)
-{
-    out.put("{");
-    for (const tier_bits &field : table.fields) {
-        tier_put_member(out, field.name, field.get(word));
-        out.put(",");
-    }
-    tier_put_member(out, table.number, no);
-    out.put(",");
-    tier_put_member(out, table.last_field.name, table.last_field.get(word));
-    out.put("}");
-}
+    bool passes(uint64_t word) const { return (word & mask) == bits; }
+};
+
+/* An owner filter never shows free entries. */
+tier_packed_filter tier_make_packed_filter(const tier_packed_table_v3 &table,
+                                           const zutr_filter_t &filter);
+
+/* Prints what precedes the entries of a block. */
+void tier_put_packed_head(zutr_text &out, const tier_packed_table_v3 &table, uint32_t checksum,
+                          int64_t offset);
 
 /* Prints a sound block, the one numbered `no` at byte `offset` of the device, as a JSON object with
- * the entries that pass the filter; says of the others on behalf of `func` that they are ignored.
- * Gives 0, or 1 when nothing was printed: a block without such an entry, unless it was asked for by
- * its number. A constant table lets the compiler lay out the printing of an entry. */
-template <const tier_packed_table_v3 &Table>
+ * the entries that pass the filter, each as the table `Fields` has it; says of the others on behalf
+ * of `func` that they are ignored. Gives 0, or 1 when nothing was printed: a block without such an
+ * entry, unless it was asked for by its number. */
+template <const tier_packed_table_v3 &Table, const auto &Fields, const auto &Ignored>
 int32_t tier_dump_packed(const char *func, int32_t no, const tier_packed_block_v3_t &block,
                          uint32_t checksum, int64_t offset, const char *delim,
                          const zutr_params_t *params)
 {
-    const auto passes = [params](uint64_t word) {
-        return tier_packed_passes(Table, params->filter, word);
-    };
+    const tier_packed_filter filter = tier_make_packed_filter(Table, params->filter);
+    const auto passes = [filter](uint64_t word) { return filter.passes(word); };
     if (params->meta_no < 0 &&
         std::ranges::none_of(std::span(block.word).subspan(Table.first_word), passes)) {
         return 1;
     }
     zutr_text out(params->out_fp);
     out.put(delim);
-    out.put("{\"checksum\":\"");
-    out.hex(checksum);
-    if (Table.magic) {
-        out.put("\",\"magic\":\"");
-        out.hex(*Table.magic);
-    }
-    out.put("\",\"meta_offset\": ");
-    out.signed_decimal(offset);
-    out.put(",\"");
-    out.put(Table.entries);
-    out.put("\":[");
+    tier_put_packed_head(out, Table, checksum, offset);
     const uint64_t first_no = static_cast<uint64_t>(no) * TIER_PACKED_SLOTS_V3;
-    const char *separator = "";
+    constexpr size_t ROOM = ZUTR_FIELDS_ROOM<Fields> + 3; /* braces and a comma */
+    char *to = out.room(ROOM);
+    size_t separator = 1; /* bytes of it */
     for (uint32_t k = Table.first_word; k < TIER_PACKED_SLOTS_V3; k++) {
         const uint64_t word = block.word[k];
         if (passes(word)) {
-            out.put(separator);
-            tier_put_packed(out, Table, first_no + k, word);
-            separator = ",";
+            to = out.room(to, ROOM);
+            memcpy(to, separator == 1 ? "{" : ",{", 2);
+            to = zutr_put_members<Fields>(to + separator, tier_packed_entry_v3{word, first_no + k});
+            *to++ = '}';
+            separator = 2;
         } else {
+            out.advance(to); /* the line comes behind what precedes it */
+            out.flush();
+            to = out.room(ROOM);
             /* The number is the block's. */
-            zutr_debug(func, "ignore %s:%d, in_use:%d, %s:%d", Table.entry, no,
-                       static_cast<int32_t>(Table.in_use.get(word)), Table.owner_label,
-                       static_cast<int32_t>(Table.owner.get(word)));
+            zutr_debug_line<Ignored>(func, no, static_cast<int32_t>(Table.in_use.get(word)),
+                                     static_cast<int32_t>(Table.owner.get(word)));
         }
     }
+    out.advance(to);
     out.put("]}");
     return 0;
 }

@@ -58,7 +58,7 @@ constexpr auto INODE_FIELDS_V1 = std::tuple_cat(
 void __print_inode_v1(const tier_inode_v1_t *inode, int64_t offset, FILE *fp)
 {
     zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
-    zutr_print_entry(*inode, INODE_FIELDS_V1, offset, fp);
+    zutr_print_entry<INODE_FIELDS_V1>(*inode, offset, fp);
 }
 
 int64_t inode_slot(const zutr_params_t *params, uint32_t no)

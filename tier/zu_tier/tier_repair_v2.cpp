@@ -88,14 +88,14 @@ int32_t dump_exp_inodes(zutr_params_t *params, uint32_t count)
 int32_t dump_all_inodes(zutr_params_t *params)
 {
     const tier_super_block_v2_t &sb = tier_super_v2(params);
-    zutr_text(params->out_fp).put("{ \"inode\":");
+    zutr_write(params->out_fp, "{ \"inode\":");
     int32_t ret = zutr_dump_table(params, "no", tier_inodes(sb), __dump_inode_v2);
     if (ret == 0 && sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2) {
-        zutr_text(params->out_fp).put(", \"exp_inode\":");
+        zutr_write(params->out_fp, ", \"exp_inode\":");
         zutr_assert(params->base_no == 0, "params->base_no == 0");
         ret = dump_exp_inodes(params, tier_exp_cnt_v2(sb));
     }
-    zutr_text(params->out_fp).put("}");
+    zutr_write(params->out_fp, "}");
     return ret;
 }
 

@@ -70,7 +70,7 @@ constexpr uint32_t INODE_BLOCK_SHIFT_V3 = 17; /* i_blocks counts units of 128 Ki
 void __print_inode_v3(const tier_inode_v3_t *inode, int64_t offset, FILE *fp)
 {
     zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
-    zutr_print_entry(*inode, TIER_INODE_FIELDS_V2, offset, fp);
+    zutr_print_entry<TIER_INODE_FIELDS_V2>(*inode, offset, fp);
 }
 
 /* The number as this layout has it: signed, of 64 bits. */

@@ -11,7 +11,13 @@
 
 namespace {
 
-constexpr tier_bits SHARD_FIELDS_V3[] = {SHARD_INO_V3, SHARD_IN_USE_V3, SHARD_RESERVED_V3};
+constexpr auto SHARD_FIELDS_V3 = std::tuple{
+    zutr_bits{SHARD_INO_V3},      zutr_bits{SHARD_IN_USE_V3},
+    zutr_bits{SHARD_RESERVED_V3}, zutr_field{"sno", &tier_packed_entry_v3::no},
+    zutr_bits{SHARD_INDEX_V3},
+};
+
+constexpr char SHARD_IGNORED_V3[] = "ignore shard:%d, in_use:%d, inode_no:%d";
 
 constexpr tier_packed_key_v3 SHARD_KEYS_V3[] = {
     {SHARD_INO_V3},
@@ -20,17 +26,13 @@ constexpr tier_packed_key_v3 SHARD_KEYS_V3[] = {
 };
 
 constexpr tier_packed_table_v3 SHARD_TABLE_V3 = {
-    .entry = "shard",
-    .item = "shards",
-    .owner_label = "inode_no",
     .entries = "shards",
     .number = "sno",
+    .item = "shards",
     .first_word = 1,
     .magic = TIER_SHARD_MAGIC_V3,
     .in_use = SHARD_IN_USE_V3,
     .owner = SHARD_INO_V3,
-    .fields = SHARD_FIELDS_V3,
-    .last_field = SHARD_INDEX_V3,
     .keys = SHARD_KEYS_V3,
 };
 
@@ -53,7 +55,8 @@ int32_t __dump_shard_v3(int32_t no, void *meta, const char *delim, zutr_params_t
         return -EFAULT;
     }
     const int64_t offset = tier_shards_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
-    return tier_dump_packed<SHARD_TABLE_V3>(__func__, no, block, checksum, offset, delim, params);
+    return tier_dump_packed<SHARD_TABLE_V3, SHARD_FIELDS_V3, SHARD_IGNORED_V3>(
+        __func__, no, block, checksum, offset, delim, params);
 }
 
 int64_t parse_shard_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)

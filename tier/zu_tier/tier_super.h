@@ -79,12 +79,12 @@ int32_t tier_read_super_head(const zutr_json_reader &in, zutr_cmd_t cmd, uint32_
 }
 
 /* Prints a super block as a JSON object. */
-template <class Super, class Fields>
-void tier_print_super(const Super &sb, const Fields &fields, FILE *fp)
+template <const auto &Fields, class Super>
+void tier_print_super(const Super &sb, FILE *fp)
 {
     zutr_text out(fp);
     out.put("{");
-    zutr_put_fields(out, sb, fields);
+    zutr_put_fields<Fields>(out, sb);
     out.put("}");
 }
 

@@ -20,7 +20,7 @@ constexpr auto SUPER_FIELDS_V1 =
 
 void __print_super_v1(const super_v1 *sb, FILE *fp)
 {
-    tier_print_super(*sb, SUPER_FIELDS_V1, fp);
+    tier_print_super<SUPER_FIELDS_V1>(*sb, fp);
 }
 
 /* Negative errno, or not negative. */

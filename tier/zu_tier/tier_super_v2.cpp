@@ -63,7 +63,7 @@ bool begins_with(const char *text, const char *beginning)
 void __printf_super_v2(const super_v2 *sb, FILE *fp)
 {
     zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
-    tier_print_super(*sb, SUPER_FIELDS_V2, fp);
+    tier_print_super<SUPER_FIELDS_V2>(*sb, fp);
 }
 
 /* Negative errno, or not negative. */

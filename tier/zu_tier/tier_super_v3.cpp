@@ -116,7 +116,7 @@ constexpr table_rule TABLE_RULES_V3[] = {
 void __print_super_v3(const super_v3 *sb, FILE *fp)
 {
     zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
-    tier_print_super(*sb, SUPER_FIELDS_V3, fp);
+    tier_print_super<SUPER_FIELDS_V3>(*sb, fp);
 }
 
 /* Negative errno, or not negative. */

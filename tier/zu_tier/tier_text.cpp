@@ -1,54 +1,28 @@
 #include "zu_tier/tier_text.h"
 
-#include "common/zutr_assert.h"
 #include "common/zutr_utils.h"
 #include "zu_tier/tier_log.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
-#include <ctime>
 
 namespace {
 
-constexpr uint64_t NS_PER_SECOND = 1000000000;
-
 int32_t g_output_errno = 0;
 
-/* The digits of `value` in `base`, at least `width` of them. */
-class digits {
-public:
-    digits(auto value, int base, size_t width = 0)
-    {
-        const auto end = std::to_chars(text_.data(), text_.data() + text_.size(), value, base).ptr;
-        length_ = static_cast<size_t>(end - text_.data());
-        if (length_ < width) {
-            std::copy_backward(text_.data(), end, text_.data() + width);
-            std::fill_n(text_.data(), width - length_, '0');
-            length_ = width;
-        }
-    }
-    std::string_view view() const { return {text_.data(), length_}; }
-
-private:
-    std::array<char, 24> text_;
-    size_t length_;
-};
-
 } // namespace
-
-void zutr_time_format(uint64_t t_ns, char *buf, uint32_t size)
-{
-    const auto seconds = static_cast<time_t>(t_ns / NS_PER_SECOND);
-    const tm *tmp = localtime(&seconds);
-    zutr_assert(tmp != nullptr, "tmp");
-    strftime(buf, size, "%Y-%m-%d %H:%M:%S", tmp);
-}
 
 std::string_view zutr_bounded(const char *field, size_t size)
 {
     return {field, strnlen(field, size)};
+}
+
+void zutr_write(FILE *stream, std::string_view text)
+{
+    if (!text.empty() && fwrite_unlocked(text.data(), 1, text.size(), stream) != text.size() &&
+        g_output_errno == 0 && !zutr_is_log(stream)) {
+        g_output_errno = errno;
+    }
 }
 
 void zutr_text::put(std::string_view text)
@@ -66,43 +40,38 @@ void zutr_text::put(std::string_view text)
 
 void zutr_text::decimal(uint64_t value)
 {
-    put(digits(value, 10).view());
+    advance(zutr_put_decimal<64>(room(ZUTR_DIGITS_ROOM), value));
 }
 
 void zutr_text::signed_decimal(int64_t value)
 {
-    put(digits(value, 10).view());
+    advance(zutr_put_signed_decimal(room(ZUTR_DIGITS_ROOM), value));
 }
 
 void zutr_text::hex(uint64_t value)
 {
     put("0x");
-    put(digits(value, 16).view());
+    hex_digits(value, 1);
 }
 
 void zutr_text::hex_digits(uint64_t value, uint32_t width)
 {
-    put(digits(value, 16, width).view());
+    advance(zutr_put_hex<64>(room(ZUTR_DIGITS_ROOM), value, width));
 }
 
 void zutr_text::uuid(const uint8_t *uu)
 {
-    put(zutr_uuid_utoa(uu));
+    put({zutr_uuid_utoa(uu), ZUTR_UUID_TEXT_LEN});
 }
 
 void zutr_text::time(uint64_t t_ns)
 {
-    std::array<char, 64> text{};
-    zutr_time_format(t_ns, text.data(), text.size());
-    put(text.data());
+    advance(zutr_put_time(room(ZUTR_TIME_ROOM), t_ns));
 }
 
 void zutr_text::flush()
 {
-    if (used_ != 0 && fwrite(buffer_.data(), 1, used_, stream_) != used_ && g_output_errno == 0 &&
-        !zutr_is_log(stream_)) {
-        g_output_errno = errno;
-    }
+    zutr_write(stream_, {buffer_.data(), used_});
     used_ = 0;
 }
 

@@ -1,13 +1,12 @@
 #pragma once
 
+#include "zu_tier/tier_digits.h"
+#include "zu_tier/tier_time.h"
+
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
-
-/* Text of a time stamp in nanoseconds since the epoch, local time "%Y-%m-%d %H:%M:%S", into the
- * `size` bytes at `buf`. */
-void zutr_time_format(uint64_t t_ns, char *buf, uint32_t size);
 
 /* The text in a fixed-size field, up to its terminator or, where that is missing, its end. */
 std::string_view zutr_bounded(const char *field, size_t size);
@@ -17,6 +16,9 @@ std::string_view zutr_bounded(const char (&field)[N])
 {
     return zutr_bounded(field, N);
 }
+
+/* Hands a text over to a stream, as zutr_text does. */
+void zutr_write(FILE *stream, std::string_view text);
 
 /* Collects JSON text for one stream and hands it over when the buffer is full and at destruction.
  * The stream remembers a failed write (ferror), zutr_output_errno its cause. */
@@ -35,13 +37,37 @@ public:
     void uuid(const uint8_t *uu);
     void time(uint64_t t_ns);
 
-private:
+    /* Where the next text goes, with room for `size` bytes, at most ZUTR_TEXT_ROOM; `advance` takes
+     * the end of what has been written there. */
+    char *room(size_t size)
+    {
+        if (size > buffer_.size() - used_) {
+            flush();
+        }
+        return buffer_.data() + used_;
+    }
+    /* The same for one who has written up to `end` and goes on: mostly that is the place. */
+    char *room(char *end, size_t size)
+    {
+        if (size <= static_cast<size_t>(buffer_.data() + buffer_.size() - end)) {
+            return end;
+        }
+        advance(end);
+        return room(size);
+    }
+    void advance(const char *end) { used_ = static_cast<size_t>(end - buffer_.data()); }
+
+    /* Hands over what has been collected. */
     void flush();
 
+private:
     FILE *stream_;
     size_t used_ = 0;
-    std::array<char, 4096> buffer_;
+    std::array<char, 65536> buffer_;
 };
+
+constexpr size_t ZUTR_TEXT_ROOM = 8192;
+constexpr size_t ZUTR_UUID_TEXT_LEN = 36;
 
 /* The error number of the first failed write of any zutr_text, but for the log, or 0. */
 int32_t zutr_output_errno();

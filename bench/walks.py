@@ -1,0 +1,243 @@
+#!/usr/bin/env python3
+"""Times whole walks against their yardsticks, in pairs that run in turn on one processor.
+
+    walks.py PROGRAMS WORK [--pairs N] [--json FILE]
+
+PROGRAMS is a build directory. WORK takes images and outputs; on a file system in memory, and as root,
+the images are attached as block devices. Before a pair is timed the two outputs are compared.
+"""
+
+import argparse
+import contextlib
+import json
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+NOTHING = "/dev/null"
+
+IMAGES = {
+    "v1": ["--layout", "v1", "--inodes", "40000", "--blocks", "40000", "--extent-size", "568"],
+    "v2": ["--layout", "v2", "--inodes", "40000", "--blocks", "40000", "--block-size", "524288"],
+    "v3": ["--layout", "v3", "--shards", "524288", "--extents", "4194304"],
+    "few": ["--layout", "v3", "--shards", "512", "--extents", "1048576"],
+}
+
+
+class Bench:
+    def __init__(self, programs, work, pairs):
+        self.programs, self.work, self.pairs = programs, work, pairs
+        self.loops, self.devices, self.rows = [], {}, []
+
+    def path(self, name):
+        return os.path.join(self.work, name)
+
+    def program(self, name):
+        return os.path.join(self.programs, name)
+
+    def make_images(self):
+        for name, sizes in IMAGES.items():
+            image = self.path(name + ".img")
+            subprocess.run([self.program("zu_tierctl"), "sample", "--force", *sizes, image], check=True)
+            self.devices[name] = self.attach(image)
+
+    def attach(self, image):
+        """As a block device where that is possible; else the file."""
+        try:
+            loop = subprocess.run(["losetup", "--find", "--show", "--read-only", image], check=True,
+                                  capture_output=True, text=True).stdout.strip()
+        except (OSError, subprocess.CalledProcessError):
+            return image
+        self.loops.append(loop)
+        return loop
+
+    def detach(self):
+        for loop in self.loops:
+            subprocess.run(["losetup", "-d", loop], check=False)
+
+    def tool(self, layout, command, *options):
+        return [self.program("zu_tier"), "-p", self.devices[layout], "-c", command, *options]
+
+    def straightforward(self, layout, table, *options):
+        return [self.program("straightforward"), self.devices[layout], table, *options]
+
+    def run(self, command, output, env):
+        """Wall time in seconds, with new files to write to."""
+        for leftover in (output, *command):
+            if leftover.startswith(self.work) and not leftover.endswith(".img"):
+                with contextlib.suppress(FileNotFoundError):
+                    os.remove(leftover)
+        with open(output, "wb") as out:
+            begin = time.perf_counter()
+            subprocess.run(command, stdout=out, stderr=subprocess.DEVNULL, env=env, check=True)
+            return time.perf_counter() - begin
+
+    def outputs_are_equal(self, first, second, env):
+        outputs = [self.path("first.out"), self.path("second.out")]
+        for command, output in zip((first, second), outputs):
+            self.run(command, output, env)
+        equal = subprocess.run(["cmp", "-s", *outputs]).returncode == 0
+        for output in outputs:
+            os.remove(output)
+        time.sleep(0.5)  # the memory of the outputs is freed behind the scenes
+        return equal
+
+    def pair(self, yardstick, command, output, env):
+        """The medians of both, run in turn. A run that is not timed goes before each, so that memory and
+        caches are as warm for the one as for the other."""
+        times = [[], []]
+        for _ in range(self.pairs):
+            for i, one in enumerate((yardstick, command)):
+                self.run(one, output, env)
+                times[i].append(self.run(one, output, env))
+        return [statistics.median(t) for t in times]
+
+    def row(self, name, goal, ratio, met, detail):
+        self.rows.append({"walk": name, "goal": goal, "ratio": round(ratio, 2), "met": met, **detail})
+        print(f"{name:58} {goal:>10} {ratio:8.2f}  {'pass' if met else 'short'}", flush=True)
+
+    def faster(self, name, goal, yardstick, command, output=NOTHING, **env):
+        env = {"PATH": os.environ["PATH"], **env}
+        if not self.outputs_are_equal(yardstick, command, env):
+            sys.exit(f"{name}: the outputs differ")
+        slow, fast = self.pair(yardstick, command, output, env)
+        self.row(name, f"{goal} x", slow / fast, slow / fast >= goal,
+                 {"yardstick_s": round(slow, 4), "tool_s": round(fast, 4)})
+
+    def within(self, name, goal, yardstick, command):
+        env = {"PATH": os.environ["PATH"], "TZ": "UTC"}
+        bare, walk = self.pair(yardstick, command, NOTHING, env)
+        self.row(name, f"<= {goal}", walk / bare, walk / bare <= goal,
+                 {"yardstick_s": round(bare, 4), "tool_s": round(walk, 4)})
+
+    def full_walks(self):
+        null_log = ["-l", NOTHING]
+        for table, goal in (("extent", 18), ("shard", 14)):
+            yardstick = self.straightforward("v3", "v3_" + table)
+            command = self.tool("v3", "dump_" + table, *null_log)
+            self.faster(f"V3 dump_{table} to /dev/null", goal, yardstick, command)
+            self.faster(f"V3 dump_{table} to a new file", 6, yardstick, command, self.path("new.out"))
+        for layout in ("v1", "v2"):
+            yardstick = self.straightforward(layout, layout + "_inode")
+            command = self.tool(layout, "dump_inode", *null_log)
+            self.faster(f"{layout.upper()} dump_inode, TZ unset", 5.5, yardstick, command)
+            self.faster(f"{layout.upper()} dump_inode, TZ set", 3.5, yardstick, command, TZ="Europe/Berlin")
+        self.faster("V2 dump_extent, 16 pieces an extent", 5.5, self.straightforward("v2", "v2_extent"),
+                    self.tool("v2", "dump_extent", *null_log))
+        self.faster("V1 dump_extent, a bitmap of 64 words", 10, self.straightforward("v1", "v1_extent"),
+                    self.tool("v1", "dump_extent", *null_log))
+
+    def bare_reads(self):
+        dump = subprocess.run(self.tool("v2", "dump_super"), capture_output=True, text=True, check=True)
+        super_block = json.loads(dump.stdout)
+        inodes = 0x101000 + super_block["brick_table_size"]
+        extents = inodes + super_block["inode_table_size"]
+        for table, start, count, goal in (("inode", inodes, super_block["inode_cnt"], 1.5),
+                                          ("extent", extents, super_block["block_cnt"], 1.9)):
+            self.within(f"V2 dump_{table} against bare reads", goal,
+                        [self.program("bare_reads"), self.devices["v2"], str(start), str(count * 4096)],
+                        self.tool("v2", "dump_" + table, "-l", NOTHING))
+
+    def filtered_walks(self):
+        """An owner of whom nearly every block holds a little: a line for each of the other entries."""
+        owner = "1"
+        log, other_log = self.path("walk.log"), self.path("straightforward.log")
+        command = self.tool("few", "dump_extent", "-g", "owner=" + owner)
+        yardstick = self.straightforward("few", "v3_extent", owner)
+        self.faster("V3 dump_extent -g owner, a log file in memory", 8, [*yardstick, other_log],
+                    [*command, "-l", log])
+        self.faster("V3 dump_extent -g owner, a log that keeps nothing", 8, [*yardstick, NOTHING],
+                    [*command, "-l", NOTHING])
+        self.faster("V3 dump_extent -g owner, nothing to log to", 1.7, yardstick, command)
+
+    def checksums(self):
+        run = subprocess.run([self.program("micro"), "--benchmark_filter=crc32", "--benchmark_format=json",
+                              "--benchmark_repetitions=5", "--benchmark_report_aggregates_only"],
+                             capture_output=True, text=True, check=True)
+        medians = {b["run_name"]: b["real_time"] for b in json.loads(run.stdout)["benchmarks"]
+                   if b["aggregate_name"] == "median"}
+        for way, length, goal in (("multiplication", 4096, 30), ("slices", 4096, 6),
+                                  ("multiplication", 92, 4), ("slices", 92, 4)):
+            name = f"crc32/{way}/{length}"
+            if name in medians:
+                table = medians[f"crc32/table/{length}"]
+                self.row(f"CRC-32 of {length} bytes, {way}, against the table", f"{goal} x",
+                         table / medians[name], table / medians[name] >= goal,
+                         {"yardstick_ns": round(table, 1), "tool_ns": round(medians[name], 1)})
+
+    @contextlib.contextmanager
+    def extents(self, count):
+        """The command that dumps a table of so many V3 extents."""
+        image = self.path("extents.img")
+        subprocess.run([self.program("zu_tierctl"), "sample", "--force", "--layout", "v3", "--shards",
+                        "524288", "--extents", str(count), image], check=True)
+        yield [self.program("zu_tier"), "-p", image, "-c", "dump_extent", "-l", NOTHING]
+        os.remove(image)
+
+    def growth(self):
+        """The cost of an extent must not depend on their number."""
+        cost = {}
+        for power in range(16, 27, 2):
+            with self.extents(1 << power) as command:
+                env = {"PATH": os.environ["PATH"]}
+                times = [self.run(command, NOTHING, env) for _ in range(self.pairs)]
+                cost[power] = statistics.median(times) / (1 << power) * 1e9
+        self.row("Cost of an extent, one of 2^26 against one of 2^20", "<= 1.2", cost[26] / cost[20],
+                 cost[26] / cost[20] <= 1.2, {"ns_an_extent": {f"2^{p}": round(c, 1) for p, c in cost.items()}})
+
+    def memory(self):
+        """Of a table of 1 MiB and one of 4 GiB."""
+        peaks = []
+        for extents in (1 << 17, 1 << 29):
+            with self.extents(extents) as command, open(NOTHING, "wb") as out:
+                # A small program in between: a child's peak begins with that of its parent.
+                report = subprocess.run(["time", "-f", "%M", *command], stdout=out, check=True,
+                                        stderr=subprocess.PIPE, text=True).stderr
+                peaks.append(int(report) / 1024)
+        self.row("Peak memory in MiB, table of 4 GiB (1 MiB: %.1f)" % peaks[0], "<= 6", peaks[1],
+                 peaks[1] <= 6 and peaks[1] - peaks[0] < 0.5, {"small_mib": round(peaks[0], 2)})
+
+    def first_byte(self):
+        times = []
+        for _ in range(self.pairs):
+            begin = time.perf_counter()
+            child = subprocess.Popen(self.tool("v3", "dump_extent", "-l", NOTHING), stdout=subprocess.PIPE)
+            child.stdout.read(1)
+            times.append((time.perf_counter() - begin) * 1000)
+            child.kill()
+            child.communicate()
+        middle = statistics.median(times)
+        self.row("Start to first byte in ms", "< 5", middle, middle < 5, {})
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("programs")
+    parser.add_argument("work")
+    parser.add_argument("--pairs", type=int, default=7)
+    parser.add_argument("--json")
+    options = parser.parse_args()
+
+    bench = Bench(os.path.abspath(options.programs), options.work, options.pairs)
+    os.sched_setaffinity(0, {max(os.sched_getaffinity(0))})
+    try:
+        bench.make_images()
+        print(f"{'walk':58} {'goal':>10} {'measured':>8}")
+        bench.full_walks()
+        bench.bare_reads()
+        bench.filtered_walks()
+        bench.checksums()
+        bench.growth()
+        bench.memory()
+        bench.first_byte()
+    finally:
+        bench.detach()
+    if options.json:
+        with open(options.json, "w") as out:
+            json.dump(bench.rows, out, indent=1)
+
+
+if __name__ == "__main__":
+    main()

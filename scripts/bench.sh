@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and times the tool against its yardsticks: a table on standard
+# output, and the same as JSON in FILE.
+#
+#   scripts/bench.sh [FILE]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev mount python3-minimal time tzdata
+cmake --preset bench >/dev/null
+cmake --build --preset bench --parallel "$(nproc)" -- --quiet
+
+# In memory, where there is room for the images; the largest has 4 GiB.
+parent=/tmp
+if [ "$(df --output=avail -B1M /dev/shm 2>/dev/null | tail -n 1)" -gt 8192 ]; then parent=/dev/shm; fi
+work=$(mktemp -d "$parent/zu_tier_bench.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+python3 bench/walks.py build "$work" ${1:+--json "$1"}

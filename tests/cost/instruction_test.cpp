@@ -1,0 +1,79 @@
+// Processor instructions for each entry of a table, counted by valgrind: the same on every run and,
+// but for the C library's choice of functions, on every machine. A change of more than a tenth is a
+// change of what the tool costs, for which a figure is to be written down anew.
+
+#include "tables.h"
+
+#include <regex>
+
+using namespace tier_test;
+
+namespace {
+
+struct Row {
+    Table table;
+    std::uint64_t blocks;
+    Args args;
+    double recorded; // instructions for an entry
+};
+
+const Row ROWS[] = {
+    {INODES_V2, 1000, {}, 2000},
+    {EXTENTS_V1, 500, {}, 1450},
+    {EXTENTS_V2, 500, {}, 7560},
+    {EXTENTS_V3, 16, {}, 152},
+    {SHARDS_V3, 16, {}, 104.5},
+    // What is not in use is spoken of in the log.
+    {EXTENTS_V3, 16, {"-g", "use=1", "-l", "/dev/null"}, 146},
+};
+
+void PrintTo(const Row &row, std::ostream *out)
+{
+    *out << row.table << (row.args.empty() ? "" : ", filtered");
+}
+
+// The figures are those of a checksum by carry-less multiplication.
+bool has_fast_checksum()
+{
+#ifdef __x86_64__
+    return __builtin_cpu_supports("pclmul") != 0;
+#else
+    return false;
+#endif
+}
+
+double instructions(const Table &table, std::uint64_t blocks, const Args &args)
+{
+    static const std::regex COUNT(R"(refs: +([0-9,]+))");
+    const Device device = table_of(table, blocks);
+    const std::string report = device.directory().write("report", "");
+    const Args valgrind{"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+                        "--log-file=" + report};
+    run_dump(valgrind, device, table, args, {.stdout_path = "/dev/null"});
+    const std::string text = read_file(report);
+    std::smatch found;
+    if (!std::regex_search(text, found, COUNT)) {
+        ADD_FAILURE() << text;
+        return 0;
+    }
+    std::string count = found[1];
+    std::erase(count, ',');
+    return std::stod(count);
+}
+
+class Instructions : public testing::TestWithParam<Row> {};
+
+INSTANTIATE_TEST_SUITE_P(, Instructions, testing::ValuesIn(ROWS));
+
+TEST_P(Instructions, PerEntryAsRecorded)
+{
+    if (!has_fast_checksum())
+        GTEST_SKIP() << "the figures are those of another processor";
+    const auto &[table, blocks, args, recorded] = GetParam();
+    const double per_entry =
+        (instructions(table, 2 * blocks, args) - instructions(table, blocks, args)) /
+        static_cast<double>(blocks * table.entries_of_block);
+    EXPECT_NEAR(per_entry, recorded, recorded / 10);
+}
+
+} // namespace
