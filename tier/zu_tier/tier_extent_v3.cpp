@@ -1,6 +1,5 @@
 #include "zu_tier/tier_extent_v3.h"
 
-#include "common/zutr_assert.h"
 #include "common/zutr_utils.h"
 #include "zu_tier/tier_dump_driver.h"
 #include "zu_tier/tier_packed_v3.h"

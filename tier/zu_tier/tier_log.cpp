@@ -5,8 +5,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -102,7 +101,8 @@ void zutr_set_debug_mode()
 FILE *zutr_get_logger()
 {
     /* Comes with every message, and costs least where the directory is missing. */
-    if (g_log_fp == nullptr && faccessat(AT_FDCWD, DEFAULT_LOG_DIRECTORY, F_OK, AT_EACCESS) == 0) {
+    struct stat directory;
+    if (g_log_fp == nullptr && stat(DEFAULT_LOG_DIRECTORY, &directory) == 0) {
         g_log_fp = fopen(DEFAULT_LOG_FILE, "a");
     }
     return g_log_fp;
