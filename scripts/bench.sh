@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev mount python3-minimal time tzdata
+install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev mount python3 time tzdata
 cmake --preset bench >/dev/null
 cmake --build --preset bench --parallel "$(nproc)" -- --quiet
 
