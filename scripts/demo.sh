@@ -106,10 +106,10 @@ run "$tool -v 2 -c repair_super -f new.json -y | cmp - new.json"
 run "$tool -c dump_super | cmp - new.json"
 run "$tool -c dump_extent -g error=1; echo"
 
-say "Layout V3 packs shards and extents 512 to a block; here block 5 of the extents is damaged"
+say "Layout V3 packs shards and extents 512 to a block; here block 3 of the extents is damaged"
 run "zu_tierctl sample --layout v3 v3.img"
 cp v3.img healthy.img
-run "zu_tierctl sample --layout v3 --damage extent:5 --force v3.img"
+run "zu_tierctl sample --layout v3 --damage extent:3 --force v3.img"
 attach v3.img
 run "$tool -c dump_super | jq -c '{version, shard_table_offset, hot_table_offset, extent_table_offset, data_offset}'"
 run "$tool -c dump_extent -g error=1 2>/dev/null; echo"
@@ -120,7 +120,7 @@ run "$tool -c dump_inode -n $(jq .ino shard.json) | jq '{no, size, brick_no, blo
 run "$tool -c dump_extent -g owner=$(jq .sno shard.json) 2>/dev/null | jq '.[0].extents[0]'"
 
 say "A block is repaired whole. Its description comes from a copy of the device that is still good"
-run "zu_tier -l tier.log -p healthy.img -c dump_extent -n 5 -g use=1 >extents.json"
+run "zu_tier -l tier.log -p healthy.img -c dump_extent -n 3 -g use=1 >extents.json"
 run "jq -c '{meta_offset, first: .extents[0], count: (.extents | length)}' extents.json"
 run "$tool -c repair_extent -f extents.json -y"
 run "$tool -c dump_extent -g error=1; echo"
