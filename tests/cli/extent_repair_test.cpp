@@ -62,4 +62,20 @@ TYPED_TEST(ExtentRepair, DumpedExtentIsNoRepairFile)
     this->expect_refused_at("te_sampling_low", dumped, "parse te_sampling_low failed");
 }
 
+// A place in front of the device is refused, whatever brought it about.
+TYPED_TEST(ExtentRepair, OffsetInFrontOfTheDevice)
+{
+    auto changed = this->super;
+    changed.brick_table_size = 0;
+    const auto table = static_cast<std::uint64_t>(extent_offset(changed, 0));
+    changed.brick_table_size = std::uint64_t{0} - table - 2 * BLOCK_SIZE;
+    this->set_super(changed);
+    Log lines = this->key_log(this->table.repairable(1, 0));
+    lines.push_back(this->error("entry offset -4096 is invalid"));
+    this->expect_refused(repair_file(this->table.keys, this->table.repairable(1, 0)).text(), lines,
+                         14);
+    const auto first = this->table.repairable(2, 0); // at the very start
+    this->expect_entry(repair_file(this->table.keys, first).text(), first);
+}
+
 } // namespace

@@ -105,4 +105,18 @@ TEST_F(FilterOption, PairMadeOfEqualSignsNeverEnds)
     }
 }
 
+// Where no log can be opened nothing is said of what the filter keeps back.
+TEST_F(FilterOption, IgnoredEntriesWithoutALog)
+{
+    if (!default_log_is_missing())
+        return;
+    for (const std::string command : {"dump_brick", "dump_inode", "dump_extent"}) {
+        const RunResult run =
+            run_tool({"-p", device.path(), "-c", command, "-g", "use=1,owner=7,id=none"});
+        EXPECT_EQ(run.status, 0) << run;
+        EXPECT_EQ(run.out, "[]");
+        EXPECT_EQ(run.err, "");
+    }
+}
+
 } // namespace

@@ -241,7 +241,7 @@ TEST_F(SampleFile, MissingDirectory)
 
 TEST_F(SampleFile, FailureLeavesNothingBehind)
 {
-    const std::string limited = "trap '' XFSZ; ulimit -f 100; exec \"$@\"";
+    const std::string limited = "trap '' XFSZ; ulimit -S -f 100; exec \"$@\"";
     std::vector<std::string> args{"-c", limited, "sh", ZU_TIERCTL, "sample", "--layout", "v1"};
     args.insert(args.end(), {"--force", path});
     const std::string complaint = "cannot create " + path + ": File too large";

@@ -182,4 +182,19 @@ TEST_F(ConversionFaults, NoMemoryForAnExpansionSlot)
                          "exp check inode format failed, exp_inode_size: 153600 cmd: 15"));
 }
 
+// The end of the extents has not been checked yet: the probe goes over the table and 1 GiB more.
+TEST_F(ConversionFaults, DataFarBehindTheExtents)
+{
+    set_cache(cache(4194304, 65536)); // 64 pieces: one candidate
+    super.data_offset = std::uint64_t{1} << 62;
+    const std::uint64_t reads = (super.block_cnt * BLOCK_SIZE + 1024 * MIB) / MIB;
+    Log lines;
+    for (int number = 0; number < static_cast<int>(reads); ++number)
+        lines.push_back(unreadable(number));
+    lines.push_back(error_line(PROBE, text("all extent area read failed:-1, offset:%ld, end:%lu",
+                                           mib(static_cast<int>(reads)), super.data_offset)));
+    expect_run(run("pread=EIO"),
+               {.status = 22, .out = "", .log = log_with(super, failed(lines, 5))});
+}
+
 } // namespace

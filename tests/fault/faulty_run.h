@@ -1,6 +1,6 @@
 #pragma once
 
-// Runs with faults; the grammar of the faults stands in faults.cpp.
+// Runs with faults; the grammar of the faults stands in fault_items.h.
 
 #include "run.h"
 

@@ -110,6 +110,31 @@ TEST_F(RepairFileFaults, MemoryOfTheJsonLibrary)
         {error_line("zutr_json_load", text("cJSON_Parse failed, path:%s", path.c_str()))});
 }
 
+// The text of a number is kept; the library takes as much memory for it while it reads the file.
+TEST_F(RepairFileFaults, MemoryOfANumber)
+{
+    const std::string number = text("[%0650d,0]", 0);
+    device.directory().write("conf", "{\"i_no\":0,\"list\":" + number + ",\"i_use\":0}");
+    const std::string memory = text("malloc(%d)", 650 + 1);
+    const FaultyRun counted = run_faulty(device, "repair_inode", memory + "=pass", {"-f", path});
+    ASSERT_FALSE(counted.taken.empty());
+    const std::vector<std::uint8_t> bytes = device.bytes();
+    const FaultyRun run =
+        run_faulty(device, "repair_inode",
+                   text("%s#%zu=ENOMEM", memory.c_str(), counted.taken.size()), {"-f", path, "-y"});
+    expect_run(run, {.status = 22,
+                     .log = {settings_line(device, "repair_inode", {.repair_conf = path}),
+                             error_line("zutr_repair_common",
+                                        text("load repair conf %s failed:Cannot allocate memory",
+                                             path.c_str()))}});
+    EXPECT_EQ(device.bytes(), bytes);
+}
+
+TEST_F(RepairFileFaults, FileThatCannotBeMeasured)
+{
+    expect_load_failure("fstat=EIO", "Input/output error");
+}
+
 TEST_F(RepairFileFaults, FileThatEndsTooEarly)
 {
     for (const int bytes : {0, 1, 1000})

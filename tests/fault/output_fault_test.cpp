@@ -101,6 +101,28 @@ TEST_F(OutputFaults, CommittedRepairIsWrittenAndStillReported)
     }
 }
 
+// A repair prints its entry on standard output, whatever -o says.
+TEST_F(OutputFaults, StandardOutputCountsBesideAnOutputFile)
+{
+    const std::string conf = device.directory().write("conf", "{\"i_no\":2,\"i_use\":0}");
+    const std::string path = device.directory().path("out");
+    const LoggedRun run =
+        run_logged(device, "repair_inode", {"-f", conf, "-o", path}, {.stdout_path = FULL});
+    EXPECT_EQ(run.status, 5) << run;
+    EXPECT_EQ(run.errors, Log{write_failed("No space left on device")});
+    EXPECT_EQ(read_file(path), "");
+}
+
+// Whether the output file is the device is asked of what can be asked.
+TEST_F(OutputFaults, DeviceThatTellsNothingOfItself)
+{
+    const std::string path = device.directory().write("out", "before");
+    const FaultyRun run = run_faulty(device, "dump_super", "fstat#1=EIO", {"-o", path});
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.taken.size(), 1U);
+    EXPECT_EQ(read_file(path), json(super));
+}
+
 class PipeFaults : public OutputFaults {
 protected:
     // The path of the writing end of a pipe that nobody reads from.
@@ -186,13 +208,21 @@ TEST_F(ShellFaults, OutputThatOutgrowsTheFileSizeLimit)
 {
     const std::string path = device.directory().path("out");
     const LogLine failure = write_failed("File too large");
-    LoggedRun run = run_behind("ulimit -f 64", "dump_inode", {"-o", path});
+    LoggedRun run = run_behind("ulimit -S -f 64", "dump_inode", {"-o", path});
     EXPECT_EQ(run.status, 5) << run;
     EXPECT_EQ(run.log, (Log{settings_line(device, "dump_inode", {.out_path = path}), failure}));
     EXPECT_EQ(read_file(path), expected_out("dump_inode").substr(0, 64 * 512));
-    run = run_behind("ulimit -f 64", "dump_inode", {});
+    run = run_behind("ulimit -S -f 64", "dump_inode", {});
     EXPECT_EQ(run.status, 5);
     EXPECT_EQ(run.log, (Log{settings_line(device, "dump_inode"), failure}));
+}
+
+TEST_F(ShellFaults, StandardInputIsNotNeeded)
+{
+    const LoggedRun run = run_behind("exec <&-", "dump_super", {"-y"});
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.out, json(super));
+    EXPECT_EQ(run.log, Log{settings_line(device, "dump_super")});
 }
 
 // The device must not be given the number of a closed standard stream.

@@ -102,6 +102,18 @@ TEST_F(RestoreFaults, MemoryIsRefused)
                        {allocation.substr(0, allocation.find('#')) + "=ENOMEM"});
 }
 
+TEST_F(RestoreFaults, OwnedInodeIsLeftAlone)
+{
+    const ExtentV1 extent = extent_used(1, NO);
+    const std::int64_t offset = extent_offset(super, extent.no);
+    device.write(static_cast<std::uint64_t>(offset), encode(extent, super.extent_size));
+    expect_restore("pwrite=pass",
+                   {.out = text("inode no:%u uuid:%x extent no:1 offset:%ld\n", NO,
+                                extent.sampling_low, offset) +
+                           text("inode no:%u extent count: 1 can't make sure uuid\n", NO)},
+                   {});
+}
+
 TEST_F(RestoreFaults, UnreadableSlotIsRestoredFromZeros)
 {
     for (const std::string effect : {"EIO", "short:0"}) {

@@ -243,17 +243,43 @@ TEST(TimeZonesDeathTest, ZonesAsText)
     EXPECT_RIGHT(zones);
 }
 
+// A zone for as long as the object lives.
+class Zone {
+public:
+    explicit Zone(const char *zone)
+    {
+        if (const char *own = std::getenv("TZ"))
+            before_ = own;
+        set_zone(zone);
+    }
+    ~Zone() { set_zone(before_ ? before_->c_str() : nullptr); }
+    Zone(const Zone &) = delete;
+    Zone &operator=(const Zone &) = delete;
+
+private:
+    std::optional<std::string> before_;
+};
+
 // The checks see a change of the clock for what it is.
 TEST(TimeZones, ChangesAreFoundToTheSecond)
 {
-    const char *before = std::getenv("TZ");
-    const std::string own = before != nullptr ? before : "";
-    set_zone("EST5EDT,M3.2.0,M11.1.0");
+    const Zone zone("EST5EDT,M3.2.0,M11.1.0");
     constexpr std::int64_t SPRING = 1'710'054'000; // 2024-03-10 07:00:00 UTC
     EXPECT_EQ(transition(SPRING - SPRING % DAY, SPRING - SPRING % DAY + DAY), SPRING);
     EXPECT_EQ(ahead(SPRING - 1), -5 * HOUR);
     EXPECT_EQ(ahead(SPRING), -4 * HOUR);
-    set_zone(before != nullptr ? own.c_str() : nullptr);
+}
+
+// No other test of this process asks for that day.
+TEST(TimeZones, DayOnWhichTheClockIsSet)
+{
+    const Zone zone("EST5EDT,M3.2.0,M11.1.0");
+    constexpr std::uint64_t SPRING = 1'930'806'000; // 2031-03-09 07:00:00 UTC
+    for (const auto &[seconds, expected] :
+         {std::pair{SPRING - 1, "2031-03-09 01:59:59"}, std::pair{SPRING, "2031-03-09 03:00:00"},
+          std::pair{SPRING + 1, "2031-03-09 03:00:01"},
+          std::pair{SPRING - 1, "2031-03-09 01:59:59"}})
+        EXPECT_EQ(shown(seconds * NANOSECONDS), expected);
 }
 
 } // namespace

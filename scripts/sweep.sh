@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Runs sweeps and tells how many runs of the tool each has made: every failure of a call for input
+# or output, of an allocation, every moment to be killed, every kind of damage, every value of every
+# key of a repair file. On the release build, or on the programs of the sanitizer build.
+#
+#   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration]...
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+. scripts/shards.sh
+
+declare -A suites=([io]='*IoSweep*' [memory]='*MemorySweep*' [kill]='*KillSweep*'
+    [damage]='*Damaged*' [configuration]='*Configuration*')
+
+sanitize=false
+if [ "${1-}" = --sanitize ]; then
+    sanitize=true
+    shift
+fi
+[ $# -gt 0 ] || set -- io memory kill damage configuration
+for sweep in "$@"; do
+    [ -n "${suites[$sweep]-}" ] || {
+        echo "There is no sweep \"$sweep\"." >&2
+        exit 2
+    }
+done
+
+install_packages "${BUILD_PACKAGES[@]}" libgtest-dev mount tzdata
+cmake --preset test >/dev/null
+cmake --build --preset test --parallel "$(nproc)" --target sweep_tests -- --quiet >/dev/null
+if $sanitize; then
+    cmake --preset sanitize >/dev/null
+    cmake --build --preset sanitize --parallel "$(nproc)" --target zu_tier zu_tierctl -- --quiet \
+        >/dev/null
+    export ZU_TIER_PROGRAMS=$PWD/build-sanitize
+fi
+
+all_failed=0
+for sweep in "$@"; do
+    passed=0 failed=0 runs=0 SECONDS=0
+    run_tests "$sweep sweep" build/sweep_tests --gtest_filter="${suites[$sweep]}"
+    echo "$runs runs in $passed tests that passed and $failed that failed, $SECONDS s"
+    all_failed=$((all_failed + failed))
+done
+[ "$all_failed" -eq 0 ]

@@ -1,0 +1,63 @@
+#pragma once
+
+// Loaded before the C library (LD_PRELOAD): lets chosen calls of a program fail or come up short.
+//
+//   ZUTR_FAULTS = item { ";" item }
+//   item   = "trace:" path
+//          | call [ "(" size [ "-" size ] ")" ] [ "@" offset "+" length ] [ "#" from [ "-" [to] ] ]
+//            "=" effect
+//   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
+//          | "realloc" | "open" | "close" | "stat" | "fstat" | "fopen" | "fread" | "fclose"
+//          | "write"
+//   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "short:" bytes | "pass"
+//
+// (size)   only calls for that many bytes, or for a number in that range
+// @o+l     only device calls that touch one of the `length` bytes from `offset` of the device
+// #n       only the n-th of the calls that the item takes otherwise, counted from 1; #n-m, #n-
+//
+// The first item that takes a call decides; those behind it do not count the call. An error fails
+// the call without an effect, except that close and fclose close all the same. "short:" moves at
+// most that many bytes, so "short:0" is the end of the device for a read, and a write that moved
+// nothing. "pass" changes nothing. With "trace:" each call that an item took is appended to the
+// file, one line in the form "pread(4096)@8192=EIO", the offset only for device calls.
+//
+// "write" stands for the writes of standard output and of the files that the program opens as
+// streams to write to: what the C library does with the bytes that it has collected.
+//
+// Numbers are in the usual C notations. An item that cannot be understood ends the program.
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+
+namespace zutr_faults {
+
+constexpr std::uint64_t NO_LIMIT = std::numeric_limits<std::uint64_t>::max();
+
+struct Range {
+    std::uint64_t first = 0;
+    std::uint64_t last = NO_LIMIT;
+
+    bool holds(std::uint64_t value) const { return value >= first && value <= last; }
+};
+
+struct Item {
+    char call[16] = "";
+    Range size{};
+    Range bytes{};
+    Range turns{};
+    int error = 0;                    // 0: none
+    std::uint64_t at_most = NO_LIMIT; // bytes moved
+    const char *effect = "";          // as it was written
+    std::size_t effect_length = 0;
+    std::uint64_t seen = 0;
+};
+
+// Whether an item is about that call.
+bool is_wanted(const char *call);
+
+// The item that takes the call, or null.
+const Item *take(const char *call, std::uint64_t size = 0, bool on_device = false,
+                 std::uint64_t offset = 0);
+
+} // namespace zutr_faults
