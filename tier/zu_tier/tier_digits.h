@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 /* Numbers as text. Each function writes at `to` and gives the end of the text. It may use up to
  * ZUTR_DIGITS_ROOM bytes; what it leaves behind the end means nothing. */
@@ -42,14 +43,16 @@ inline constexpr std::array<zutr_digits, 1000> ZUTR_DIGITS = zutr_make_digits(fa
 inline constexpr std::array<zutr_digits, 1000> ZUTR_FULL_DIGITS = zutr_make_digits(true);
 
 /* Two hexadecimal digits of each byte. */
-inline constexpr std::array<std::array<char, 2>, 256> ZUTR_HEX_DIGITS = [] {
-    constexpr const char DIGITS[] = "0123456789abcdef";
+constexpr std::array<std::array<char, 2>, 256> zutr_make_hex_digits()
+{
+    constexpr std::string_view DIGITS = "0123456789abcdef";
     std::array<std::array<char, 2>, 256> table{};
     for (size_t byte = 0; byte < table.size(); byte++) {
         table[byte] = {DIGITS[byte >> 4], DIGITS[byte & 15]};
     }
     return table;
-}();
+}
+inline constexpr std::array<std::array<char, 2>, 256> ZUTR_HEX_DIGITS = zutr_make_hex_digits();
 
 /* Decimal, of a number of at most `Bits` bits: the fewer they are, the shorter the way. */
 template <uint32_t Bits>

@@ -23,14 +23,14 @@ struct table_dump {
     const char *delim = "";
     int32_t next = 0; /* entries already walked */
 
-    int32_t entry();
+    int32_t entry() const;
     int32_t walk();
     void chunk(int64_t offset, uint32_t len);
-    int32_t reread(int32_t entry_no, int64_t chunk_offset, uint32_t within);
-    void record(int32_t ret, int32_t entry_no, int64_t offset);
+    int32_t reread(int32_t entry_no, int64_t chunk_offset, uint32_t within) const;
+    void print_error(int32_t ret, int32_t entry_no, int64_t offset) const;
 };
 
-int32_t table_dump::entry()
+int32_t table_dump::entry() const
 {
     const auto index = static_cast<int32_t>(static_cast<uint32_t>(params->meta_no) -
                                             static_cast<uint32_t>(params->base_no));
@@ -72,12 +72,18 @@ void table_dump::chunk(int64_t offset, uint32_t len)
                                                    static_cast<uint32_t>(params->base_no));
         const int32_t ret = whole ? format_func(entry_no, buffer + within, delim, params)
                                   : reread(entry_no, offset, within);
-        record(ret, entry_no, offset + within);
+        const bool is_error = ret < 0 && params->filter.error != 0;
+        if (is_error) {
+            print_error(ret, entry_no, offset + within);
+        }
+        if (ret == 0 || is_error) {
+            delim = ",";
+        }
     }
 }
 
 /* The block at `within` of a chunk that could not be read as a whole. */
-int32_t table_dump::reread(int32_t entry_no, int64_t chunk_offset, uint32_t within)
+int32_t table_dump::reread(int32_t entry_no, int64_t chunk_offset, uint32_t within) const
 {
     const ssize_t got = zutr_readn(params->fd, buffer, SIZE_4K, chunk_offset + within);
     if (got != SIZE_4K) {
@@ -88,25 +94,20 @@ int32_t table_dump::reread(int32_t entry_no, int64_t chunk_offset, uint32_t with
     return format_func(entry_no, buffer, delim, params);
 }
 
-void table_dump::record(int32_t ret, int32_t entry_no, int64_t offset)
+/* An error record in the place of an entry. */
+void table_dump::print_error(int32_t ret, int32_t entry_no, int64_t offset) const
 {
-    const bool show_error = ret < 0 && params->filter.error != 0;
-    if (show_error) {
-        zutr_text out(params->out_fp);
-        out.put(delim);
-        out.put("{\"error\":");
-        out.signed_decimal(-ret);
-        out.put(", \"");
-        out.put(meta_type);
-        out.put("\":");
-        out.signed_decimal(entry_no);
-        out.put(", \"meta_offset\":");
-        out.signed_decimal(offset);
-        out.put("}");
-    }
-    if (ret == 0 || show_error) {
-        delim = ",";
-    }
+    zutr_text out(params->out_fp);
+    out.put(delim);
+    out.put("{\"error\":");
+    out.signed_decimal(-ret);
+    out.put(", \"");
+    out.put(meta_type);
+    out.put("\":");
+    out.signed_decimal(entry_no);
+    out.put(", \"meta_offset\":");
+    out.signed_decimal(offset);
+    out.put("}");
 }
 
 } // namespace

@@ -26,19 +26,20 @@ constexpr auto EXTENT_IN_USE_KEYS_V1 = std::tuple_cat(
         zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
     });
 
-/* Memory for the text of a bitmap, kept from one extent to the next. Three characters for each byte
- * hold the 19 of each word. */
+/* Memory for the text of a bitmap, kept from one extent to the next. */
+constinit zutr_owned<char[]> s_bitmap_buff;
+
+/* Three characters for each byte hold the 19 of each word. */
 char *bitmap_room(const tier_super_block_v1_t &sb)
 {
-    static zutr_owned<char[]> buff;
     static size_t room = 0;
     const size_t len = size_t{3} * (sb.sb_extent_size - TIER_EXTENT_SIZE_MIN) + 1;
-    if (buff == nullptr || len > room) {
-        buff.reset(static_cast<char *>(calloc(1, len)));
-        zutr_assert(buff != nullptr, "buff");
+    if (len > room) {
+        s_bitmap_buff.reset(static_cast<char *>(calloc(1, len)));
+        zutr_assert(s_bitmap_buff != nullptr, "buff");
         room = len;
     }
-    return buff.get();
+    return s_bitmap_buff.get();
 }
 
 /* The bitmap of an extent as hexadecimal words, each with a blank behind it. */
@@ -59,13 +60,15 @@ std::string_view bitmap_text(const tier_extent_v1_t *extent, const tier_super_bl
 void __print_extent_v1(const tier_extent_v1_t *extent, const tier_super_block_v1_t *sb,
                        int64_t offset, FILE *fp)
 {
+    /* GCOVR_EXCL_BR_START: only the stream may be missing */
     zutr_assert(extent != nullptr && sb != nullptr && fp != nullptr, "extent && sb && fp");
+    /* GCOVR_EXCL_BR_STOP */
     zutr_text out(fp);
     out.put("{");
     zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *extent);
     out.put(",\"meta_offset\":");
     out.signed_decimal(offset);
-    out.put(",\"te_bitmap\":\"");
+    out.put(R"(,"te_bitmap":")");
     out.put(bitmap_text(extent, *sb));
     out.put("\"}");
 }
@@ -90,9 +93,7 @@ int32_t read_bitmap(const zutr_json_reader &in, uint32_t words, uint64_t *bitmap
         return -EINVAL;
     }
     int32_t i = 0;
-    const cJSON *item = nullptr;
-    cJSON_ArrayForEach(item, array)
-    {
+    for (const cJSON *item = array->child; item != nullptr; item = item->next) {
         if (!cJSON_IsNumber(item)) {
             zutr_error(in.func(), "te_bitmap index %d is invalid, value:%p", i,
                        static_cast<const void *>(item));

@@ -23,7 +23,9 @@ void write_line(const char *level, const zutr_log_site &site, const char *format
     char *message = zutr_put_log_prefix(line.data(), level, site);
     const auto room = static_cast<size_t>(line.data() + line.size() - message);
     const int length = snprintf(message, room, "%s\n", format);
+    /* GCOVR_EXCL_BR_START: texts are never empty */
     zutr_assert(length > 0 && static_cast<size_t>(length) < room, "length < room");
+    /* GCOVR_EXCL_BR_STOP */
     for (FILE *sink : {sinks.log, sinks.err}) {
         if (sink != nullptr) {
             va_list again;
@@ -76,11 +78,13 @@ char *zutr_put_log_prefix(char *to, const char *level, const zutr_log_site &site
     static std::array<char, ZUTR_LOG_PREFIX_ROOM> prefix;
     static int length = 0;
     static const char *last_level = nullptr;
-    static zutr_log_site last_site(nullptr, 0);
+    static constinit zutr_log_site last_site(nullptr, 0);
     if (last_level != level || last_site.func != site.func || last_site.line != site.line) {
         length =
             snprintf(prefix.data(), prefix.size(), "[%s] [%s:%u] ", level, site.func, site.line);
+        /* GCOVR_EXCL_BR_START: texts are never empty */
         zutr_assert(length > 0 && static_cast<size_t>(length) < prefix.size(), "length < room");
+        /* GCOVR_EXCL_BR_STOP */
         last_level = level;
         last_site = site;
     }

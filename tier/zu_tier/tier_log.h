@@ -10,7 +10,9 @@ struct zutr_log_site {
     const char *func;
     uint32_t line;
 
-    zutr_log_site(const char *name, uint32_t at = __builtin_LINE()) : func(name), line(at) {}
+    constexpr zutr_log_site(const char *name, uint32_t at = __builtin_LINE()) : func(name), line(at)
+    {
+    }
 };
 
 /* Writes one line to the log stream, if there is one, and to standard error. */

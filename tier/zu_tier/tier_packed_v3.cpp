@@ -60,13 +60,13 @@ tier_packed_filter tier_make_packed_filter(const tier_packed_table_v3 &table,
 void tier_put_packed_head(zutr_text &out, const tier_packed_table_v3 &table, uint32_t checksum,
                           int64_t offset)
 {
-    out.put("{\"checksum\":\"");
+    out.put(R"({"checksum":")");
     out.hex(checksum);
     if (table.magic) {
-        out.put("\",\"magic\":\"");
+        out.put(R"(","magic":")");
         out.hex(*table.magic);
     }
-    out.put("\",\"meta_offset\": ");
+    out.put(R"(","meta_offset": )");
     out.signed_decimal(offset);
     out.put(",\"");
     out.put(table.entries);
@@ -106,9 +106,7 @@ int32_t tier_read_packed(const zutr_json_reader &in, const tier_packed_table_v3 
         return -EINVAL;
     }
     int32_t index = 0;
-    const cJSON *item = nullptr;
-    cJSON_ArrayForEach(item, array)
-    {
+    for (const cJSON *item = array->child; item != nullptr; item = item->next) {
         if (!cJSON_IsObject(item)) {
             zutr_error(in.func(), "%s_json index: %d invalid", table.item, index);
             return -EINVAL;

@@ -80,22 +80,25 @@ constexpr std::string_view zutr_opening(const Field &field)
 }
 
 template <const auto &Fields>
-using zutr_fields_type = std::remove_cvref_t<decltype(Fields)>;
+constexpr size_t ZUTR_FIELD_COUNT = std::tuple_size_v<std::remove_cvref_t<decltype(Fields)>>;
 
 /* From the end of the value before the field `I` of a table to the beginning of its own; beyond the
  * last field what closes that. */
 template <const auto &Fields, size_t I>
-constexpr zutr_literal ZUTR_BETWEEN = [] {
+constexpr zutr_literal zutr_between()
+{
     zutr_literal literal;
     if constexpr (I > 0) {
         literal << zutr_closing(std::get<I - 1>(Fields));
     }
-    if constexpr (I < std::tuple_size_v<zutr_fields_type<Fields>>) {
+    if constexpr (I < ZUTR_FIELD_COUNT<Fields>) {
         const auto &field = std::get<I>(Fields);
         literal << (I > 0 ? ",\"" : "\"") << field.key << "\":" << zutr_opening(field);
     }
     return literal;
-}();
+}
+template <const auto &Fields, size_t I>
+constexpr zutr_literal ZUTR_BETWEEN = zutr_between<Fields, I>();
 
 template <zutr_form Form, class Member>
 char *zutr_put_value(char *to, const Member &value)
@@ -157,20 +160,22 @@ constexpr size_t zutr_value_room(const Field &field)
 }
 
 /* The most bytes that the fields take while they are written. */
-template <const auto &Fields>
-constexpr size_t ZUTR_FIELDS_ROOM = []<size_t... I>(std::index_sequence<I...>)
+template <const auto &Fields, size_t... I>
+constexpr size_t zutr_fields_room(std::index_sequence<I...>)
 {
     return ((ZUTR_BETWEEN<Fields, I>.room() + zutr_value_room(std::get<I>(Fields))) + ... +
             ZUTR_BETWEEN<Fields, sizeof...(I)>.room());
 }
-(std::make_index_sequence<std::tuple_size_v<zutr_fields_type<Fields>>>());
+template <const auto &Fields>
+constexpr size_t ZUTR_FIELDS_ROOM =
+    zutr_fields_room<Fields>(std::make_index_sequence<ZUTR_FIELD_COUNT<Fields>>());
 
 /* Writes the fields of `record` at `to` as members of a JSON object, with commas between them and
  * without the object's braces; gives the end. */
 template <const auto &Fields, class Record>
 char *zutr_put_members(char *to, const Record &record)
 {
-    constexpr size_t COUNT = std::tuple_size_v<zutr_fields_type<Fields>>;
+    constexpr size_t COUNT = ZUTR_FIELD_COUNT<Fields>;
     [&]<size_t... I>(std::index_sequence<I...>)
     {
         ((to = zutr_put_field<Fields, I>(to, record)), ...);

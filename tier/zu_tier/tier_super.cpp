@@ -12,10 +12,10 @@ class hex_text {
 public:
     int32_t read(const zutr_json_reader &in, const char *name, size_t limit)
     {
-        const char *text = nullptr;
-        const int32_t ret = in.string(name, &text);
+        const char *whole = nullptr;
+        const int32_t ret = in.string(name, &whole);
         if (ret == 0) {
-            memcpy(copy_.data(), text, strnlen(text, limit));
+            memcpy(copy_.data(), whole, strnlen(whole, limit));
             errno = 0;
             value_ = strtoul(copy_.data(), nullptr, 16);
             error_ = errno;

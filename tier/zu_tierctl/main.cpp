@@ -40,7 +40,7 @@ int main(int argc, char *argv[])
 {
     try {
         return run(argc, argv);
-    } catch (const std::exception &error) {
+    } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
         return complain(error, STATUS_FAILURE);
     }
 }

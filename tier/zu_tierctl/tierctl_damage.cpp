@@ -114,8 +114,10 @@ const tierctl_damage_kind &choose_kind(const tierctl_table &table,
                                        const std::string &text)
 {
     const auto applies = [&table](const auto &kind) { return kind.applies(table); };
-    return parts.size() == 3 ? find(KINDS, parts[2], text, "kinds", applies)
-                             : *std::ranges::find_if(KINDS, applies);
+    if (parts.size() == 3) {
+        return find(KINDS, parts[2], text, "kinds", applies);
+    }
+    return *std::ranges::find_if(KINDS, applies);
 }
 
 tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tables)

@@ -40,5 +40,6 @@ tierctl_sample_plan plan_v1(const tierctl_sizes &sizes, uint64_t seed)
 
 } // namespace
 
+/* NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): the compiler sees to the order */
 constinit const tierctl_layout TIERCTL_LAYOUT_V1 = {"v1", TIERCTL_CACHE_BOUNDS, plan_v1,
                                                     &TIERCTL_LAYOUT_V1_FOR_CONVERSION};
