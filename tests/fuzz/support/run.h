@@ -1,0 +1,24 @@
+#pragma once
+
+#include "world.h"
+
+#include <functional>
+
+namespace tier_fuzz {
+
+enum class Ending { returned, assertion, cut_short };
+
+struct Outcome {
+    Ending ending;
+    std::int64_t value = 0;          // what was returned
+    const char *assertion = nullptr; // that failed
+};
+
+// Makes a call into the tool, in `world`, as a process of its own would: afterwards nothing is left
+// of it but its outcome, the device and what it printed.
+Outcome run(const std::function<std::int64_t()> &call);
+
+// The whole tool; the first argument is its name.
+Outcome run_tool(std::vector<std::string> arguments);
+
+} // namespace tier_fuzz
