@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Installs what is missing, and tries small changes of the sources against the tests: which of them
+# does no test notice? The arguments go to tests/mutation/mutate.py.
+#
+#   scripts/mutate.sh [--count N] [--seed S] [FILE...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+install_packages "${BUILD_PACKAGES[@]}" libgtest-dev mount ninja-build python3 tzdata
+PYTHONDONTWRITEBYTECODE=1 exec python3 tests/mutation/mutate.py "$@"
