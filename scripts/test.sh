@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Installs what is missing, checks the sources, and runs every test twice: on the release build and
-# under the address and undefined-behaviour sanitizers. The last line counts both runs.
+# Installs what is missing, checks the sources, and runs every test: all of them on the release
+# build, those of functions and programs under the address and undefined-behaviour sanitizers and
+# once more to count what they reach, and every fuzz target for some seconds. The last line counts
+# the tests of the release build and of the sanitizers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+. scripts/shards.sh
 
 step() { printf '\n== %s\n' "$*"; }
 
@@ -13,43 +16,29 @@ build() {
     cmake --build --preset "$1" --parallel "$(nproc)" -- --quiet
 }
 
-# run_tests TITLE CTEST-ARGUMENT...: runs tests and adds to the counts.
-passed=0 failed=0 skipped=0
-run_tests() {
-    step "Test: $1"
-    shift
-    local results=$PWD/test-results.xml
-    ctest "$@" --output-junit "$results" --quiet || true
-    local tests failures skips
-    tests=$(attribute tests "$results")
-    failures=$(attribute failures "$results")
-    skips=$(attribute skipped "$results")
-    passed=$((passed + tests - failures - skips))
-    failed=$((failed + failures))
-    skipped=$((skipped + skips))
-    rm -f "$results"
-}
-
-# attribute NAME FILE: a count of a JUnit file's test suite.
-attribute() {
-    grep -m1 -oE "^[[:space:]]*$1=\"[0-9]+\"" "$2" | grep -oE '[0-9]+'
-}
-
-install_packages "${BUILD_PACKAGES[@]}" git libgtest-dev clang-format clang-tidy mandoc mount \
-    strace tzdata valgrind
-
-step "Format"
-git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
-mandoc -Tlint -Wwarning docs/*.8
+install_packages "${BUILD_PACKAGES[@]}" git libgtest-dev mount strace tzdata valgrind
 
 build test
-run_tests "release build" --preset test
+for tests in unit cli fault sweep cost hardening memcheck; do
+    run_tests "$tests, release build" "build/${tests}_tests"
+done
+
 step "Lint"
-git ls-files 'tier/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy -p build --quiet 2>/dev/null
+scripts/lint.sh
+
 build sanitize
-run_tests "functions under the sanitizers" --preset sanitize
+run_tests "unit, under the sanitizers" build-sanitize/unit_tests
 export ZU_TIER_PROGRAMS=$PWD/build-sanitize
-run_tests "programs under the sanitizers" --preset test --label-regex programs
+for tests in cli fault; do
+    run_tests "$tests, under the sanitizers" "build/${tests}_tests"
+done
+unset ZU_TIER_PROGRAMS
+
+step "Coverage"
+scripts/coverage.sh
+
+step "Fuzz"
+scripts/fuzz.sh all 3
 
 echo
 if [ "$skipped" -eq 0 ]; then
