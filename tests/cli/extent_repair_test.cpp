@@ -67,8 +67,8 @@ TYPED_TEST(ExtentRepair, OffsetInFrontOfTheDevice)
 {
     auto changed = this->super;
     changed.brick_table_size = 0;
-    const auto table = static_cast<std::uint64_t>(extent_offset(changed, 0));
-    changed.brick_table_size = std::uint64_t{0} - table - 2 * BLOCK_SIZE;
+    const auto start = static_cast<std::uint64_t>(extent_offset(changed, 0));
+    changed.brick_table_size = std::uint64_t{0} - start - 2 * BLOCK_SIZE;
     this->set_super(changed);
     Log lines = this->key_log(this->table.repairable(1, 0));
     lines.push_back(this->error("entry offset -4096 is invalid"));

@@ -248,4 +248,21 @@ TEST_F(ShellFaults, ClosedStandardStreamsLeaveTheDeviceAlone)
     }
 }
 
+// Nothing is opened, then, that could take the place of a standard stream.
+TEST_F(ShellFaults, ClosedStandardStreamsWithoutANullDevice)
+{
+    const std::vector<std::uint8_t> bytes = device.bytes();
+    const std::string faults =
+        std::string("export ZUTR_FAULTS='open#1-=EIO' LD_PRELOAD='") + ZUTR_FAULTS_LIB + "'; ";
+    for (const std::string closed : {"exec >&-", "exec <&-", "exec <&- >&-"}) {
+        SCOPED_TRACE(closed);
+        const LoggedRun run = run_behind(faults + closed, "dump_inode", {"-y"});
+        EXPECT_EQ(run.status, 5) << run;
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.errors, Log{error_line("main", "open /dev/null failed:Input/output error")});
+        EXPECT_EQ(run.log, Log{});
+        EXPECT_EQ(device.bytes(), bytes);
+    }
+}
+
 } // namespace

@@ -16,16 +16,18 @@ constexpr const char *FUNC = "main";
 
 /* Failing output shall be an error that is reported, not a signal; and a standard stream that the
  * caller closed must not be given the device's descriptor, which would then be written to. */
-void secure_streams()
+int32_t secure_streams()
 {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
     while (fcntl(STDERR_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0 ||
            fcntl(STDIN_FILENO, F_GETFD) < 0) {
         if (open("/dev/null", O_RDONLY) < 0) {
-            break;
+            zutr_error(FUNC, "open /dev/null failed:%s", strerror(errno));
+            return -EIO;
         }
     }
+    return 0;
 }
 
 int32_t unsupported_command(int32_t ver, zutr_cmd_t cmd)
@@ -110,7 +112,9 @@ int32_t finish_output(zutr_params_t *params)
 
 int zutr_run(int argc, char *argv[])
 {
-    secure_streams();
+    if (secure_streams() != 0) {
+        return EIO;
+    }
     zutr_params_t params;
     int32_t ret = zutr_prepare_param(argc, argv, &params);
     if (ret == 0) {
