@@ -3,6 +3,9 @@
 passed=0 failed=0 skipped=0
 runs=0 # of the tool, as far as the tests record them
 
+# step TITLE: what comes next, and the time since the start.
+step() { printf '\n== %s [%d:%02d]\n' "$1" $((SECONDS / 60)) $((SECONDS % 60)); }
+
 # run_shard RESULTS PROGRAM ARGUMENT...: a part of a program's tests, named by the environment.
 # Says only what went wrong.
 run_shard() {
@@ -19,7 +22,7 @@ sum() { { grep -oP "$1" "$2" || true; } | awk '{ sum += $1 } END { print sum + 0
 # run_tests TITLE PROGRAM ARGUMENT...: runs a GoogleTest program's tests on every processor and adds
 # to the counts. A part that ends early counts as one failure.
 run_tests() {
-    printf '\n== Test: %s\n' "$1"
+    step "Test: $1"
     shift
     local results shards=$((4 * $(nproc))) shard
     results=$(mktemp -d)

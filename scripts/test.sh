@@ -8,8 +8,6 @@ cd "$(dirname "$0")/.."
 . scripts/packages.sh
 . scripts/shards.sh
 
-step() { printf '\n== %s\n' "$*"; }
-
 build() {
     step "Build: $1"
     cmake --preset "$1" >/dev/null
@@ -40,7 +38,7 @@ scripts/coverage.sh
 step "Fuzz"
 scripts/fuzz.sh all 3
 
-echo
+step "Counts"
 if [ "$skipped" -eq 0 ]; then
     echo "$passed passed, $failed failed"
 else
