@@ -5,8 +5,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <map>
 #include <ostream>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -46,36 +48,62 @@ private:
     int fd_;
 };
 
-// Under the address sanitizer an abort stays an abort, leaks are reported, and a library that is
-// loaded first is accepted.
-void set_sanitizer_options()
+// The environment of a program: the test's own, changed as the options say. Under the address
+// sanitizer an abort stays an abort, leaks are reported, and a library that is loaded first is
+// accepted.
+std::vector<std::string> environment_of(const RunOptions &options)
 {
-    const char *outer = std::getenv("ASAN_OPTIONS");
-    const std::string options = (outer != nullptr ? std::string(outer) + ":" : std::string()) +
-                                "handle_abort=0:detect_leaks=1:verify_asan_link_order=0";
-    setenv("ASAN_OPTIONS", options.c_str(), 1);
+    std::map<std::string, std::string> variables;
+    for (char **at = environ; *at != nullptr; ++at) {
+        const std::string variable = *at;
+        const std::size_t name = variable.find('=');
+        variables[variable.substr(0, name)] = variable.substr(name + 1);
+    }
+    std::string &sanitizer = variables["ASAN_OPTIONS"];
+    sanitizer += (sanitizer.empty() ? "" : ":") +
+                 std::string("handle_abort=0:detect_leaks=1:verify_asan_link_order=0");
+    for (const auto &[name, value] : options.environment)
+        variables[name] = value;
+
+    std::vector<std::string> result;
+    for (const auto &[name, value] : variables)
+        result.push_back(name + "=" + value);
+    return result;
 }
 
-[[noreturn]] void become(const std::string &path, const std::vector<std::string> &args,
-                         const RunOptions &options, int in, int out, int err)
+std::vector<char *> pointers(const std::vector<std::string> &texts)
 {
-    std::vector<char *> argv{const_cast<char *>(path.c_str())};
-    for (const std::string &arg : args)
-        argv.push_back(const_cast<char *>(arg.c_str()));
-    argv.push_back(nullptr);
+    std::vector<char *> result;
+    for (const std::string &item : texts)
+        result.push_back(const_cast<char *>(item.c_str()));
+    result.push_back(nullptr);
+    return result;
+}
 
-    set_sanitizer_options();
-    for (const auto &[name, value] : options.environment)
-        setenv(name.c_str(), value.c_str(), 1);
+// Starts the program without a copy of this process, which is large.
+pid_t start(const std::string &path, const std::vector<std::string> &args,
+            const RunOptions &options, int in, int out, int err)
+{
+    std::vector<std::string> all{path};
+    all.insert(all.end(), args.begin(), args.end());
+
     const rlimit no_core{0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    const bool ready =
-        (options.working_directory.empty() || chdir(options.working_directory.c_str()) == 0) &&
-        dup2(in, STDIN_FILENO) >= 0 && dup2(out, STDOUT_FILENO) >= 0 &&
-        dup2(err, STDERR_FILENO) >= 0;
-    if (ready)
-        execv(path.c_str(), argv.data());
-    _exit(127);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (!options.working_directory.empty())
+        posix_spawn_file_actions_addchdir_np(&actions, options.working_directory.c_str());
+    posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+    const std::vector<std::string> environment = environment_of(options);
+    pid_t child = -1;
+    const int error = posix_spawn(&child, path.c_str(), &actions, nullptr, pointers(all).data(),
+                                  pointers(environment).data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), path);
+    return child;
 }
 
 bool ends_within(pid_t child, std::chrono::milliseconds timeout)
@@ -98,11 +126,7 @@ RunResult run_program(const std::string &path, const std::vector<std::string> &a
         "standard output");
     const Descriptor err(memfd_create("stderr", MFD_CLOEXEC), "standard error");
 
-    const pid_t child = fork();
-    if (child < 0)
-        throw std::system_error(errno, std::generic_category(), "fork");
-    if (child == 0)
-        become(path, args, options, in.get(), out.get(), err.get());
+    const pid_t child = start(path, args, options, in.get(), out.get(), err.get());
 
     RunResult result;
     result.timed_out = !ends_within(child, options.timeout);
