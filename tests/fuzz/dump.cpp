@@ -72,13 +72,7 @@ bool is_named(const Place &place, View head)
 
 zutr_params_t params_of(const Place &place, View head, std::uint32_t no, Bytes &super)
 {
-    zutr_params_t params;
-    zutr_params_init(&params);
-    params.dev_path = DEVICE_NAME;
-    params.fd = DEVICE_FD;
-    params.out_fp = stdout;
-    params.sb = super.data();
-    params.cmd = dump_command(place.table);
+    zutr_params_t params = tier_fuzz::params_of(dump_command(place.table), super);
     params.filter.use = head[USE] % 4 - 1;
     params.filter.owner = head[OWNER] % 8 == 0 ? head[OWNER] / 8 : -1;
     params.filter.error = head[ERROR] % 3 - 1;

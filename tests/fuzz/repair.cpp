@@ -37,13 +37,7 @@ std::int64_t run_handler(int layout, zutr_params_t *params)
 
 zutr_params_t params_of(const Place &place, Bytes &super)
 {
-    zutr_params_t params;
-    zutr_params_init(&params);
-    params.dev_path = DEVICE_NAME;
-    params.fd = DEVICE_FD;
-    params.out_fp = stdout;
-    params.sb = super.data();
-    params.cmd = repair_command(place.table);
+    zutr_params_t params = tier_fuzz::params_of(repair_command(place.table), super);
     params.repair_conf = REPAIR_NAME;
     return params;
 }

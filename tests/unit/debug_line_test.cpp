@@ -78,6 +78,11 @@ constexpr char ONLY_A_NUMBER[] = "%d";
 constexpr char ADJACENT[] = "%d%s%d%s";
 constexpr char LONG_PIECES[] = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef%d"
                                "fedcba9876543210fedcba9876543210fedcba9876543210fedcba987654321%s.";
+constexpr char LONGEST_LINE[] = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef%s"
+                                "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef%s"
+                                "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef%s"
+                                "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef%s"
+                                "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
 constexpr std::int32_t LARGEST = std::numeric_limits<std::int32_t>::max();
 constexpr std::int32_t SMALLEST = std::numeric_limits<std::int32_t>::min();
@@ -110,6 +115,8 @@ TEST(DebugLine, LongestPieces)
     const std::string widest(64, 'w');
     expect_line<LONG_PIECES>({"f", 1}, SMALLEST, widest.c_str());
     expect_line<LONG_PIECES>({widest.c_str(), std::numeric_limits<std::uint32_t>::max()}, 0, "");
+    const char *wide = widest.c_str();
+    expect_line<LONGEST_LINE>({wide, 1}, wide, wide, wide, wide);
 }
 
 TEST(DebugLine, NamesTheSourceLineOfTheCall)

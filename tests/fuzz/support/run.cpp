@@ -3,7 +3,6 @@
 #include "common/zutr_assert.h"
 #include "contract.h"
 #include "tool_state.h"
-#include "zu_tier/zu_tier.h"
 
 #include <cstdlib>
 #include <sanitizer/allocator_interface.h>
@@ -58,6 +57,18 @@ Outcome run_tool(std::vector<std::string> arguments)
     }
     argv.push_back(nullptr);
     return run([&] { return zutr_run(static_cast<int>(arguments.size()), argv.data()); });
+}
+
+zutr_params_t params_of(zutr_cmd_t cmd, Bytes &super)
+{
+    zutr_params_t params;
+    zutr_params_init(&params);
+    params.dev_path = DEVICE_NAME;
+    params.fd = DEVICE_FD;
+    params.out_fp = stdout;
+    params.sb = super.data();
+    params.cmd = cmd;
+    return params;
 }
 
 } // namespace tier_fuzz

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "world.h"
+#include "zu_tier/zu_tier.h"
 
 #include <functional>
 
@@ -20,5 +21,8 @@ Outcome run(const std::function<std::int64_t()> &call);
 
 // The whole tool; the first argument is its name.
 Outcome run_tool(std::vector<std::string> arguments);
+
+// What a handler is given when the device of `world` is open and its super block read.
+zutr_params_t params_of(zutr_cmd_t cmd, Bytes &super);
 
 } // namespace tier_fuzz
