@@ -34,6 +34,7 @@ SUBJECTS = {
     "exp": ["expansion", "inodev2"], "extent": ["extent"], "hot": ["hot"], "inode": ["inode"],
     "json": ["json"], "option": ["commandline"], "packed": ["shard"], "params": ["commandline"],
     "restore": ["restore"], "sb": ["super"], "shard": ["shard"], "super": ["super"],
+    "usage": ["usage"],
     "filter": ["filter"], "run": ["dispatch", "output"], "registry": ["dispatch"],
     "log": ["commandline", "dispatchlog"], "time": ["inodedump"], "areas": ["super"],
     "rules": ["super"], "zutierctl": ["sample"], "driver": ["driver"],
@@ -227,8 +228,8 @@ class Copy:
             batch, waiting = waiting[:self.jobs], waiting[self.jobs:]
             shutil.rmtree(self.scratch, ignore_errors=True)
             os.makedirs(self.scratch)
-            processes = [self.start([os.path.join(self.build, test), "--gtest_brief=1",
-                                     "--gtest_fail_fast"], environment=environment, number=number)
+            processes = [self.start([os.path.join(self.build, test), "--gtest_break_on_failure"],
+                                    environment=environment, number=number)
                          for number, (test, environment) in enumerate(batch)]
             failed = self.finish(processes, TEST_SECONDS)
             detach_loops(self.scratch)
@@ -238,10 +239,9 @@ class Copy:
 
     def name_of_failure(self, number):
         with open(os.path.join(self.scratch, f"output{number}"), "rb") as file:
-            file.seek(-min(65536, file.seek(0, os.SEEK_END)), os.SEEK_END)
             output = file.read().decode(errors="replace")
-        failed = re.search(r"\[  FAILED  \] ([\w/]+\.[\w/]+)", output)
-        return failed.group(1) if failed else "a test executable ended"
+        started = re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE)
+        return started[-1] if started else "a test executable ended"
 
     def start(self, command, limited=True, environment=None, number=0):
         os.makedirs(self.scratch, exist_ok=True)
