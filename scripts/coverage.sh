@@ -26,6 +26,7 @@ run_all_tests() {
     export ZU_TIER_PROGRAMS=$PWD/build-coverage
     run_tests "functions" build-coverage/unit_tests
     run_tests "programs" build/cli_tests
+    run_tests "companion" build/tierctl_tests
     run_tests "programs under faults" build/fault_tests
     [ "$failed" -eq 0 ]
 }
@@ -41,7 +42,7 @@ report() {
 install_packages gcovr
 if [ "${1:-}" != --report ]; then
     install_packages "${BUILD_PACKAGES[@]}" libgtest-dev mount tzdata
-    build test cli_tests fault_tests
+    build test cli_tests tierctl_tests fault_tests
     build coverage all
     run_all_tests
 fi

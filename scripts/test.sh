@@ -17,7 +17,7 @@ build() {
 install_packages "${BUILD_PACKAGES[@]}" git libgtest-dev mount strace tzdata valgrind
 
 build test
-for tests in unit cli fault sweep cost hardening memcheck; do
+for tests in unit cli tierctl fault sweep cost hardening memcheck; do
     run_tests "$tests, release build" "build/${tests}_tests"
 done
 
@@ -27,7 +27,7 @@ scripts/lint.sh
 build sanitize
 run_tests "unit, under the sanitizers" build-sanitize/unit_tests
 export ZU_TIER_PROGRAMS=$PWD/build-sanitize
-for tests in cli fault; do
+for tests in cli tierctl fault; do
     run_tests "$tests, under the sanitizers" "build/${tests}_tests"
 done
 unset ZU_TIER_PROGRAMS

@@ -2,7 +2,6 @@
 
 #include "common/zutr_assert.h"
 #include "zu_tier/tier_log.h"
-#include "zu_tier/tier_record.h"
 #include "zu_tier/tier_repair_driver.h"
 
 #include <cerrno>
@@ -10,28 +9,6 @@
 #include <uuid/uuid.h>
 
 namespace {
-
-constexpr auto BRICK_FIELDS = std::tuple{
-    zutr_field{"bi_checksum", &tier_brick_info_t::bi_checksum, zutr_form::hex},
-    zutr_field{"bi_magic", &tier_brick_info_t::bi_magic, zutr_form::hex},
-    zutr_field{"bi_use", &tier_brick_info_t::bi_use},
-    zutr_field{"bi_no", &tier_brick_info_t::bi_no},
-    zutr_field{"bi_uuid", &tier_brick_info_t::bi_uuid},
-    zutr_field{"bi_brickid", &tier_brick_info_t::bi_brickid},
-    zutr_field{"bi_unlink", &tier_brick_info_t::bi_unlink},
-    zutr_field{"bi_reserved", &tier_brick_info_t::bi_reserved},
-};
-
-constexpr auto BRICK_KEYS = std::tuple{
-    zutr_key{"bi_use", &tier_brick_info_t::bi_use, zutr_to_s64},
-    zutr_key{"bi_no", &tier_brick_info_t::bi_no, zutr_to_s64},
-};
-
-/* Read only for a brick in use. */
-constexpr auto BRICK_IN_USE_KEYS = std::tuple{
-    zutr_key{"bi_uuid", &tier_brick_info_t::bi_uuid},
-    zutr_key{"bi_brickid", &tier_brick_info_t::bi_brickid},
-};
 
 bool passes(const zutr_filter_t &filter, const tier_brick_info_t &brick)
 {
@@ -42,7 +19,7 @@ bool passes(const zutr_filter_t &filter, const tier_brick_info_t &brick)
 
 int32_t parse_brick_in_use(const zutr_json_reader &in, zutr_need unlink, tier_brick_info_t *brick)
 {
-    int32_t ret = in.read(BRICK_IN_USE_KEYS, brick);
+    int32_t ret = in.read(TIER_BRICK_IN_USE_KEYS, brick);
     if (ret != 0) {
         return ret;
     }
@@ -66,7 +43,7 @@ void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp)
 {
     zutr_assert(brick != nullptr && fp != nullptr, "brick && fp");
     brick->bi_brickid[sizeof(brick->bi_brickid) - 1] = '\0';
-    zutr_print_entry<BRICK_FIELDS>(*brick, offset, fp);
+    zutr_print_entry<TIER_BRICK_FIELDS>(*brick, offset, fp);
 }
 
 int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t no, void *meta,
@@ -96,7 +73,7 @@ int64_t tier_parse_brick(const zutr_json_reader &in, const tier_brick_table &tab
                          tier_brick_info_t *brick)
 {
     brick->bi_magic = table.magic;
-    int32_t ret = in.read(BRICK_KEYS, brick);
+    int32_t ret = in.read(TIER_BRICK_KEYS, brick);
     if (ret == 0 && brick->bi_use != 0) {
         ret = parse_brick_in_use(in, table.unlink, brick);
     } else if (ret == 0) {

@@ -2,16 +2,40 @@
 
 #include "zu_tier/tier_format.h"
 #include "zu_tier/tier_json.h"
+#include "zu_tier/tier_record.h"
 #include "zu_tier/zu_tier.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <tuple>
 
 /* The brick table, which is the same in every layout but for the values below. */
 struct tier_brick_table {
     uint32_t magic;
     tier_region region;
     zutr_need unlink; /* whether a repair file must hold "bi_unlink" */
+};
+
+constexpr auto TIER_BRICK_FIELDS = std::tuple{
+    zutr_field{"bi_checksum", &tier_brick_info_t::bi_checksum, zutr_form::hex},
+    zutr_field{"bi_magic", &tier_brick_info_t::bi_magic, zutr_form::hex},
+    zutr_field{"bi_use", &tier_brick_info_t::bi_use},
+    zutr_field{"bi_no", &tier_brick_info_t::bi_no},
+    zutr_field{"bi_uuid", &tier_brick_info_t::bi_uuid},
+    zutr_field{"bi_brickid", &tier_brick_info_t::bi_brickid},
+    zutr_field{"bi_unlink", &tier_brick_info_t::bi_unlink},
+    zutr_field{"bi_reserved", &tier_brick_info_t::bi_reserved},
+};
+
+constexpr auto TIER_BRICK_KEYS = std::tuple{
+    zutr_key{"bi_use", &tier_brick_info_t::bi_use, zutr_to_s64},
+    zutr_key{"bi_no", &tier_brick_info_t::bi_no, zutr_to_s64},
+};
+
+/* Read only for a brick in use, and "bi_unlink" behind them. */
+constexpr auto TIER_BRICK_IN_USE_KEYS = std::tuple{
+    zutr_key{"bi_uuid", &tier_brick_info_t::bi_uuid},
+    zutr_key{"bi_brickid", &tier_brick_info_t::bi_brickid},
 };
 
 uint32_t tier_brick_crc(const tier_brick_info_t *brick);

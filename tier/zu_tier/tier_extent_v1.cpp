@@ -16,16 +16,6 @@
 
 namespace {
 
-constexpr auto EXTENT_IN_USE_KEYS_V1 = std::tuple_cat(
-    std::tuple{zutr_key{"te_block", &tier_extent_v1_t::te_block, zutr_to_s64},
-               zutr_key{"te_size", &tier_extent_v1_t::te_size, zutr_to_u64}},
-    TIER_EXTENT_OWNER_KEYS,
-    std::tuple{
-        zutr_key{"te_clean", &tier_extent_v1_t::te_clean, zutr_to_s32},
-        zutr_key{"te_ntime", &tier_extent_v1_t::te_ntime, zutr_to_s64, zutr_need::optional},
-        zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
-    });
-
 /* Memory for the text of a bitmap, kept from one extent to the next. */
 constinit zutr_owned<char[]> s_bitmap_buff;
 
@@ -113,7 +103,7 @@ int64_t parse_extent_from_json_v1(zutr_params_t *params, const cJSON *ext_cfg, v
     int32_t ret = tier_check_extent_size_v1(__func__, sb);
     ret = ret == 0 ? in.read(TIER_EXTENT_KEYS, extent) : ret;
     if (ret == 0 && extent->te_use != 0) {
-        ret = in.read(EXTENT_IN_USE_KEYS_V1, extent);
+        ret = in.read(TIER_EXTENT_IN_USE_KEYS_V1, extent);
         extent->te_sampling_low = __builtin_bswap32(extent->te_sampling_low);
         ret = ret == 0 ? read_bitmap(in, tier_bitmap_words_v1(sb.sb_extent_size),
                                      reinterpret_cast<uint64_t *>(extent + 1))

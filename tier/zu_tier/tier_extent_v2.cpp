@@ -16,32 +16,6 @@
 
 namespace {
 
-/* A mapped piece as a dump shows it. */
-struct shown_piece {
-    uint64_t offset;
-    uint32_t clean;
-    uint32_t orig_len;
-    uint16_t begin;
-    uint16_t cnt;
-    uint32_t mapno;
-    uint64_t data_phy_offset;
-};
-
-constexpr auto PIECE_FIELDS_V2 = std::tuple{
-    zutr_field{"offset", &shown_piece::offset},
-    zutr_field{"clean", &shown_piece::clean},
-    zutr_field{"orig_len", &shown_piece::orig_len},
-    zutr_field{"begin", &shown_piece::begin},
-    zutr_field{"cnt", &shown_piece::cnt},
-    zutr_field{"mapno", &shown_piece::mapno},
-    zutr_field{"data_phy_offset", &shown_piece::data_phy_offset},
-};
-
-constexpr auto PIECE_PAGES_KEYS = std::tuple{
-    zutr_key{"begin", &tier_mapped_meta_v2_t::begin, zutr_to_s32},
-    zutr_key{"cnt", &tier_mapped_meta_v2_t::cnt, zutr_to_s32},
-};
-
 /* A super block may be sealed and still name records that do not fit their slot. */
 int32_t check_extent_sizes(const char *func, const tier_super_block_v2_t &sb)
 {
@@ -88,9 +62,9 @@ void print_pieces(zutr_text &out, const tier_extent_v2_t *extent, const tier_sup
             continue;
         }
         out.put(separator);
-        zutr_put_fields<PIECE_FIELDS_V2>(
-            out, shown_piece{piece.offset, piece.clean(), piece.orig_len(), piece.begin, piece.cnt,
-                             mapno, block + uint64_t{piece.begin} * SIZE_4K});
+        zutr_put_fields<TIER_PIECE_FIELDS_V2>(
+            out, tier_shown_piece_v2{piece.offset, piece.clean(), piece.orig_len(), piece.begin,
+                                     piece.cnt, mapno, block + uint64_t{piece.begin} * SIZE_4K});
         out.put("}");
         separator = ",{";
     }
@@ -154,7 +128,7 @@ int32_t read_piece(const zutr_json_reader &in, int32_t index, const tier_super_b
         return -EINVAL;
     }
     piece.clean_length = tier_clean_length_v2(clean, len);
-    ret = in.read(PIECE_PAGES_KEYS, &piece);
+    ret = in.read(TIER_PIECE_PAGES_KEYS_V2, &piece);
     if (ret == 0) {
         store_piece(piece, sb, static_cast<uint32_t>(mapno), extent);
     }

@@ -2,7 +2,6 @@
 
 #include "common/zutr_utils.h"
 #include "zu_tier/tier_dump_driver.h"
-#include "zu_tier/tier_packed_v3.h"
 #include "zu_tier/tier_repair_driver.h"
 #include "zu_tier/tier_super_v3.h"
 
@@ -11,42 +10,7 @@
 
 namespace {
 
-constexpr auto EXTENT_FIELDS_V3 = std::tuple{
-    zutr_bits{EXTENT_LBA_V3},
-    zutr_bits{EXTENT_SHARD_V3},
-    zutr_bits{EXTENT_DIRTY_V3},
-    zutr_bits{EXTENT_IN_USE_V3},
-    zutr_bits{EXTENT_SENSE_V3},
-    zutr_bits{EXTENT_DEMOTE_V3},
-    zutr_bits{EXTENT_DM_ERR_V3},
-    zutr_bits{EXTENT_RESERVED_V3},
-    zutr_field{"eno", &tier_packed_entry_v3::no},
-    zutr_bits{EXTENT_BITMAP_V3},
-};
-
 constexpr char EXTENT_IGNORED_V3[] = "ignore extent:%d, in_use:%d, shard_no:%d";
-
-constexpr tier_packed_key_v3 EXTENT_KEYS_V3[] = {
-    {EXTENT_LBA_V3},
-    {EXTENT_SHARD_V3},
-    {EXTENT_DIRTY_V3},
-    {EXTENT_BITMAP_V3},
-    {EXTENT_SENSE_V3, zutr_need::optional},
-    {EXTENT_DEMOTE_V3, zutr_need::optional},
-    {EXTENT_DM_ERR_V3, zutr_need::optional},
-    {EXTENT_RESERVED_V3, zutr_need::optional},
-};
-
-constexpr tier_packed_table_v3 EXTENT_TABLE_V3 = {
-    .entries = "extents",
-    .number = "eno",
-    .item = "extent",
-    .first_word = 0,
-    .magic = std::nullopt,
-    .in_use = EXTENT_IN_USE_V3,
-    .owner = EXTENT_SHARD_V3,
-    .keys = EXTENT_KEYS_V3,
-};
 
 /* The stored checksum of a block, gathered from a copy of it; all ones without memory. */
 uint32_t get_extent_crc(const tier_packed_block_v3_t &extents)
@@ -93,7 +57,7 @@ int32_t __dump_extent_v3(int32_t no, void *meta, const char *delim, zutr_params_
         return -EFAULT;
     }
     const int64_t offset = tier_extents_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
-    return tier_dump_packed<EXTENT_TABLE_V3, EXTENT_FIELDS_V3, EXTENT_IGNORED_V3>(
+    return tier_dump_packed<TIER_EXTENT_TABLE_V3, TIER_EXTENT_FIELDS_V3, EXTENT_IGNORED_V3>(
         __func__, no, *block, checksum, offset, delim, params);
 }
 
@@ -106,7 +70,7 @@ int64_t parse_extent_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, v
     int64_t offset = 0;
     int32_t ret =
         tier_read_meta_offset(in, sb.sb_extent_table_offset, sb.sb_block_area_offset, &offset);
-    ret = ret == 0 ? tier_read_packed(in, EXTENT_TABLE_V3, block) : ret;
+    ret = ret == 0 ? tier_read_packed(in, TIER_EXTENT_TABLE_V3, block) : ret;
     if (ret != 0) {
         return ret;
     }

@@ -27,6 +27,11 @@ constexpr auto TIER_INODE_HEAD_FIELDS = std::tuple{
     zutr_field{"use", &tier_inode_t::i_use},
 };
 
+/* In V1 the last two words are unused. */
+constexpr auto TIER_INODE_FIELDS_V1 = std::tuple_cat(
+    TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"reserved1", &tier_inode_t::i_reserved1},
+                                       zutr_field{"reserved2", &tier_inode_t::i_reserved2}});
+
 /* From V2 on the last two words have a meaning. */
 constexpr auto TIER_INODE_FIELDS_V2 =
     std::tuple_cat(TIER_INODE_HEAD_FIELDS, std::tuple{

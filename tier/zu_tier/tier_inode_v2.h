@@ -5,8 +5,12 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <tuple>
 
 /* The V2 inode, which the inode table and the expansion inode area share. */
+
+constexpr auto TIER_INODE_IN_USE_KEYS_V2 = std::tuple_cat(
+    TIER_INODE_IN_USE_KEYS, std::tuple{TIER_INODE_NEW_DATA_KEY, TIER_INODE_BLOCKS_KEY});
 
 /* Prints the inode as a JSON object; `offset` is shown as "meta_offset". */
 void __print_inode_v2(const tier_inode_v2_t *inode, int64_t offset, FILE *fp);

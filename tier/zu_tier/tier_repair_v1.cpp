@@ -51,16 +51,12 @@ int32_t zutr_repair_brick_v1(zutr_params_t *params)
 
 /* Inode table */
 
-constexpr auto INODE_FIELDS_V1 = std::tuple_cat(
-    TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"reserved1", &tier_inode_v1_t::i_reserved1},
-                                       zutr_field{"reserved2", &tier_inode_v1_t::i_reserved2}});
-
 void __print_inode_v1(const tier_inode_v1_t *inode, int64_t offset, FILE *fp)
 {
     /* GCOVR_EXCL_BR_START: only the stream may be missing */
     zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
     /* GCOVR_EXCL_BR_STOP */
-    zutr_print_entry<INODE_FIELDS_V1>(*inode, offset, fp);
+    zutr_print_entry<TIER_INODE_FIELDS_V1>(*inode, offset, fp);
 }
 
 int64_t inode_slot(const zutr_params_t *params, uint32_t no)

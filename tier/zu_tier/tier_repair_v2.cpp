@@ -52,9 +52,6 @@ int32_t zutr_repair_brick_v2(zutr_params_t *params)
 
 /* Inode table */
 
-constexpr auto INODE_IN_USE_KEYS_V2 = std::tuple_cat(
-    TIER_INODE_IN_USE_KEYS, std::tuple{TIER_INODE_NEW_DATA_KEY, TIER_INODE_BLOCKS_KEY});
-
 void log_bad_inode(const char *func, const tier_inode_v2_t &inode, int32_t no, uint32_t crc)
 {
     zutr_error(func, "inode no: %u no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.i_no,
@@ -122,7 +119,7 @@ int64_t parse_inode_from_json_v2(zutr_params_t *params, const cJSON *inode_cfg, 
     zutr_assert_parse(params, inode_cfg, m, "params && params->sb && inode_cfg && inode");
     const tier_super_block_v2_t &sb = tier_super_v2(params);
     auto *inode = static_cast<tier_inode_v2_t *>(m);
-    const int32_t ret = tier_read_inode({__func__, inode_cfg}, INODE_IN_USE_KEYS_V2, inode);
+    const int32_t ret = tier_read_inode({__func__, inode_cfg}, TIER_INODE_IN_USE_KEYS_V2, inode);
     if (ret != 0) {
         return ret;
     }

@@ -2,7 +2,7 @@
 #include "zu_tier/tier_brick.h"
 #include "zu_tier/tier_dump_driver.h"
 #include "zu_tier/tier_extent_v3.h"
-#include "zu_tier/tier_inode.h"
+#include "zu_tier/tier_inode_v3.h"
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_packed_v3.h"
 #include "zu_tier/tier_record.h"
@@ -50,23 +50,6 @@ int32_t zutr_repair_brick_v3(zutr_params_t *params)
 
 /* Inode table */
 
-constexpr auto INODE_KEYS_V3 = std::tuple{
-    zutr_key{"i_no", &tier_inode_v3_t::i_signed_no, zutr_to_s64},
-    zutr_key{"i_use", &tier_inode_v3_t::i_use, zutr_to_u64},
-};
-
-/* Read only for an inode in use. */
-constexpr auto INODE_IN_USE_KEYS_V3 = std::tuple_cat(
-    TIER_INODE_FILE_KEYS,
-    std::tuple{
-        zutr_key{"i_priority", &tier_inode_v3_t::i_priority, zutr_to_u64},
-        zutr_key{"i_brick_no", &tier_inode_v3_t::i_brick_no, zutr_to_u64},
-        zutr_key{"i_unlink", &tier_inode_v3_t::i_unlink, zutr_to_u64, zutr_need::optional},
-        TIER_INODE_NEW_DATA_KEY,
-    });
-
-constexpr uint32_t INODE_BLOCK_SHIFT_V3 = 17; /* i_blocks counts units of 128 KiB */
-
 void __print_inode_v3(const tier_inode_v3_t *inode, int64_t offset, FILE *fp)
 {
     /* GCOVR_EXCL_BR_START: only the stream may be missing */
@@ -103,10 +86,10 @@ int32_t zutr_dump_inode_v3(zutr_params_t *params)
 
 int32_t read_inode(const zutr_json_reader &in, tier_inode_v3_t *inode)
 {
-    int32_t ret = in.read(INODE_KEYS_V3, inode);
+    int32_t ret = in.read(TIER_INODE_KEYS_V3, inode);
     if (ret == 0 && inode->i_use != 0) {
-        ret = in.read(INODE_IN_USE_KEYS_V3, inode);
-        inode->i_blocks = inode->i_size >> INODE_BLOCK_SHIFT_V3;
+        ret = in.read(TIER_INODE_IN_USE_KEYS_V3, inode);
+        inode->i_blocks = inode->i_size >> TIER_INODE_BLOCK_SHIFT_V3;
         ret = ret == 0 ? in.read(TIER_INODE_BLOCKS_KEY, inode) : ret;
     }
     return ret;

@@ -1,8 +1,6 @@
 #include "zu_tier/tier_shard_v3.h"
 
 #include "zu_tier/tier_dump_driver.h"
-#include "zu_tier/tier_packed_v3.h"
-#include "zu_tier/tier_record.h"
 #include "zu_tier/tier_repair_driver.h"
 #include "zu_tier/tier_super_v3.h"
 
@@ -10,30 +8,7 @@
 
 namespace {
 
-constexpr auto SHARD_FIELDS_V3 = std::tuple{
-    zutr_bits{SHARD_INO_V3},      zutr_bits{SHARD_IN_USE_V3},
-    zutr_bits{SHARD_RESERVED_V3}, zutr_field{"sno", &tier_packed_entry_v3::no},
-    zutr_bits{SHARD_INDEX_V3},
-};
-
 constexpr char SHARD_IGNORED_V3[] = "ignore shard:%d, in_use:%d, inode_no:%d";
-
-constexpr tier_packed_key_v3 SHARD_KEYS_V3[] = {
-    {SHARD_INO_V3},
-    {SHARD_INDEX_V3},
-    {SHARD_RESERVED_V3, zutr_need::optional},
-};
-
-constexpr tier_packed_table_v3 SHARD_TABLE_V3 = {
-    .entries = "shards",
-    .number = "sno",
-    .item = "shards",
-    .first_word = 1,
-    .magic = TIER_SHARD_MAGIC_V3,
-    .in_use = SHARD_IN_USE_V3,
-    .owner = SHARD_INO_V3,
-    .keys = SHARD_KEYS_V3,
-};
 
 uint32_t crc_shard_v3(const tier_packed_block_v3_t &block)
 {
@@ -54,7 +29,7 @@ int32_t __dump_shard_v3(int32_t no, void *meta, const char *delim, zutr_params_t
         return -EFAULT;
     }
     const int64_t offset = tier_shards_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
-    return tier_dump_packed<SHARD_TABLE_V3, SHARD_FIELDS_V3, SHARD_IGNORED_V3>(
+    return tier_dump_packed<TIER_SHARD_TABLE_V3, TIER_SHARD_FIELDS_V3, SHARD_IGNORED_V3>(
         __func__, no, block, checksum, offset, delim, params);
 }
 
@@ -68,7 +43,7 @@ int64_t parse_shard_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, vo
     int64_t offset = 0;
     int32_t ret =
         tier_read_meta_offset(in, sb.sb_shard_table_offset, sb.sb_hot_table_offset, &offset);
-    ret = ret == 0 ? tier_read_packed(in, SHARD_TABLE_V3, block) : ret;
+    ret = ret == 0 ? tier_read_packed(in, TIER_SHARD_TABLE_V3, block) : ret;
     if (ret != 0) {
         return ret;
     }

@@ -5,7 +5,6 @@
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_record.h"
 #include "zu_tier/tier_repair_driver.h"
-#include "zu_tier/tier_super.h"
 #include "zu_tier/tier_super_rules.h"
 
 #include <cerrno>
@@ -14,13 +13,9 @@ namespace {
 
 using super_v1 = tier_super_block_v1_t;
 
-constexpr auto SUPER_FIELDS_V1 =
-    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v1>,
-                   std::tuple{zutr_field{"sb_reserved", &super_v1::sb_reserved}});
-
 void __print_super_v1(const super_v1 *sb, FILE *fp)
 {
-    tier_print_super<SUPER_FIELDS_V1>(*sb, fp);
+    tier_print_super<TIER_SUPER_FIELDS_V1>(*sb, fp);
 }
 
 /* Negative errno, or not negative. */

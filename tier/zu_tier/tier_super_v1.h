@@ -1,11 +1,17 @@
 #pragma once
 
 #include "zu_tier/tier_format_v1.h"
+#include "zu_tier/tier_super.h"
 #include "zu_tier/zu_tier.h"
 
 #include <cstdint>
+#include <tuple>
 
 /* The V1 super block: the commands that read and rebuild it, and what the other tables need. */
+
+constexpr auto TIER_SUPER_FIELDS_V1 =
+    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<tier_super_block_v1_t>,
+                   std::tuple{zutr_field{"sb_reserved", &tier_super_block_v1_t::sb_reserved}});
 
 /* 0, or -EFAULT when `sb` is not a V1 super block. */
 int32_t __check_super_v1(const void *sb);

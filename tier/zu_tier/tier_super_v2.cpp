@@ -9,7 +9,6 @@
 #include "zu_tier/tier_map_v2.h"
 #include "zu_tier/tier_record.h"
 #include "zu_tier/tier_repair_driver.h"
-#include "zu_tier/tier_super.h"
 #include "zu_tier/tier_super_rules.h"
 
 #include <cerrno>
@@ -18,31 +17,6 @@
 namespace {
 
 using super_v2 = tier_super_block_v2_t;
-
-constexpr auto SUPER_FIELDS_V2 = std::tuple_cat(
-    TIER_SUPER_HEAD_FIELDS<super_v2>,
-    std::tuple{
-        zutr_field{"exp_inode_magic", &super_v2::sb_inode_exp_magic, zutr_form::hex},
-        zutr_computed<super_v2>{"exp_inode_cnt",
-                                [](const super_v2 &sb) { return uint64_t{tier_exp_cnt_v2(sb)}; }},
-        zutr_field{"exp_inode_inuse", &super_v2::sb_inode_exp_inuse, zutr_form::hex},
-        zutr_field{"sb_inode_exp_area", &super_v2::sb_inode_exp_area},
-        zutr_field{"min_alloc_size", &super_v2::sb_min_alloc_size},
-        zutr_field{"total_map_size", &super_v2::sb_total_map_size},
-        zutr_field{"map_cnt", &super_v2::sb_map_cnt},
-        zutr_field{"size_mapped_meta", &super_v2::sb_size_mapped_meta},
-        zutr_field{"hot_size", &super_v2::sb_hot_size},
-        zutr_field{"total_extent_size", &super_v2::sb_total_extent_size},
-    });
-
-/* Read from a description of a V2 super block, computed for an older one. */
-constexpr auto SUPER_MAP_KEYS_V2 = std::tuple{
-    zutr_key{"min_alloc_size", &super_v2::sb_min_alloc_size, zutr_to_s64},
-    zutr_key{"total_map_size", &super_v2::sb_total_map_size, zutr_to_s64},
-    zutr_key{"map_cnt", &super_v2::sb_map_cnt, zutr_to_s64},
-    zutr_key{"size_mapped_meta", &super_v2::sb_size_mapped_meta, zutr_to_s64},
-    zutr_key{"hot_size", &super_v2::sb_hot_size, zutr_to_s64},
-};
 
 /* The keys of the expansion area that are not stored as they stand. */
 struct exp_config {
@@ -65,7 +39,7 @@ void __printf_super_v2(const super_v2 *sb, FILE *fp)
     /* GCOVR_EXCL_BR_START: every caller has both */
     zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
     /* GCOVR_EXCL_BR_STOP */
-    tier_print_super<SUPER_FIELDS_V2>(*sb, fp);
+    tier_print_super<TIER_SUPER_FIELDS_V2>(*sb, fp);
 }
 
 /* Negative errno, or not negative. */
@@ -143,7 +117,7 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
 int32_t read_map_geometry(const zutr_json_reader &in, const zutr_params_t *params, super_v2 *sb)
 {
     if (sb->sb_version == TIER_SB_VERSION_V2) {
-        const int32_t ret = in.read(SUPER_MAP_KEYS_V2, sb);
+        const int32_t ret = in.read(TIER_SUPER_MAP_KEYS_V2, sb);
         sb->sb_total_extent_size = sb->sb_extent_size + sb->sb_total_map_size + sb->sb_hot_size;
         return ret;
     }

@@ -6,81 +6,12 @@
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_record.h"
 #include "zu_tier/tier_repair_driver.h"
-#include "zu_tier/tier_super.h"
 
 #include <cerrno>
 
 namespace {
 
 using super_v3 = tier_super_block_v3_t;
-
-constexpr auto SUPER_FIELDS_V3 = std::tuple{
-    zutr_field{"checksum", &super_v3::sb_checksum, zutr_form::hex},
-    zutr_field{"magic", &super_v3::sb_magic, zutr_form::hex},
-    zutr_field{"sb_offset", &super_v3::sb_sb_offset},
-    zutr_field{"super block size", &super_v3::sb_sb_size},
-    zutr_field{"reserved_offset", &super_v3::sb_reserved_offset},
-    zutr_field{"reserved_size", &super_v3::sb_reserved_size},
-    zutr_field{"ctime", &super_v3::sb_ctime, zutr_form::hex_and_time},
-    zutr_field{"uuid", &super_v3::sb_uuid},
-    zutr_field{"ssd_uuid", &super_v3::sb_cdev_uuid},
-    zutr_field{"version", &super_v3::sb_version, zutr_form::hex},
-    zutr_field{"reserved", &super_v3::sb_reserved},
-    zutr_field{"brick_table_offset", &super_v3::sb_brick_table_offset},
-    zutr_field{"brick_table_size", &super_v3::sb_brick_table_size},
-    zutr_field{"brick_cnt", &super_v3::sb_brick_table_cnt},
-    zutr_field{"inode_table_offset", &super_v3::sb_inode_table_offset},
-    zutr_field{"inode_table_size", &super_v3::sb_inode_table_size},
-    zutr_field{"inode_cnt", &super_v3::sb_inode_table_cnt},
-    zutr_field{"shard_table_offset", &super_v3::sb_shard_table_offset},
-    zutr_field{"shard_table_size", &super_v3::sb_shard_table_size},
-    zutr_field{"shard_table_cnt", &super_v3::sb_shard_table_cnt},
-    zutr_field{"extent_table_offset", &super_v3::sb_extent_table_offset},
-    zutr_field{"extent_table_size", &super_v3::sb_extent_table_size},
-    zutr_field{"extent_table_cnt", &super_v3::sb_extent_table_cnt},
-    zutr_field{"hot_table_offset", &super_v3::sb_hot_table_offset},
-    zutr_field{"hot_table_size", &super_v3::sb_hot_table_size},
-    zutr_field{"data_offset", &super_v3::sb_block_area_offset},
-    zutr_field{"data_table_size", &super_v3::sb_block_area_size},
-    zutr_field{"block_size", &super_v3::sb_block_size},
-    zutr_field{"block_cnt", &super_v3::sb_block_cnt},
-};
-
-/* The same fields as a repair file gives them, before, between and behind the two texts "ctime" and
- * "version". */
-constexpr auto SUPER_AREA_KEYS_V3 = std::tuple{
-    zutr_key{"sb_offset", &super_v3::sb_sb_offset, zutr_to_u64},
-    zutr_key{"super block size", &super_v3::sb_sb_size, zutr_to_u64},
-    zutr_key{"reserved_offset", &super_v3::sb_reserved_offset, zutr_to_u64},
-    zutr_key{"reserved_size", &super_v3::sb_reserved_size, zutr_to_u64},
-};
-
-constexpr auto SUPER_IDENTITY_KEYS_V3 = std::tuple{
-    zutr_key{"uuid", &super_v3::sb_uuid},
-    zutr_key{"ssd_uuid", &super_v3::sb_cdev_uuid},
-};
-
-constexpr auto SUPER_TABLE_KEYS_V3 = std::tuple{
-    zutr_key{"reserved", &super_v3::sb_reserved, zutr_to_s64},
-    zutr_key{"brick_table_offset", &super_v3::sb_brick_table_offset, zutr_to_u64},
-    zutr_key{"brick_table_size", &super_v3::sb_brick_table_size, zutr_to_u64},
-    zutr_key{"brick_cnt", &super_v3::sb_brick_table_cnt, zutr_to_u64},
-    zutr_key{"inode_table_offset", &super_v3::sb_inode_table_offset, zutr_to_u64},
-    zutr_key{"inode_table_size", &super_v3::sb_inode_table_size, zutr_to_u64},
-    zutr_key{"inode_cnt", &super_v3::sb_inode_table_cnt, zutr_to_u64},
-    zutr_key{"shard_table_offset", &super_v3::sb_shard_table_offset, zutr_to_u64},
-    zutr_key{"shard_table_size", &super_v3::sb_shard_table_size, zutr_to_u64},
-    zutr_key{"shard_table_cnt", &super_v3::sb_shard_table_cnt, zutr_to_u64},
-    zutr_key{"extent_table_offset", &super_v3::sb_extent_table_offset, zutr_to_u64},
-    zutr_key{"extent_table_size", &super_v3::sb_extent_table_size, zutr_to_u64},
-    zutr_key{"extent_table_cnt", &super_v3::sb_extent_table_cnt, zutr_to_u64},
-    zutr_key{"hot_table_offset", &super_v3::sb_hot_table_offset, zutr_to_u64},
-    zutr_key{"hot_table_size", &super_v3::sb_hot_table_size, zutr_to_u64},
-    zutr_key{"data_offset", &super_v3::sb_block_area_offset, zutr_to_u64},
-    zutr_key{"data_table_size", &super_v3::sb_block_area_size, zutr_to_u64},
-    zutr_key{"block_size", &super_v3::sb_block_size, zutr_to_u64},
-    zutr_key{"block_cnt", &super_v3::sb_block_cnt, zutr_to_u64},
-};
 
 /* The rule that ties the size of a table to its count. */
 struct table_rule {
@@ -118,7 +49,7 @@ void __print_super_v3(const super_v3 *sb, FILE *fp)
     /* GCOVR_EXCL_BR_START: every caller has both */
     zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
     /* GCOVR_EXCL_BR_STOP */
-    tier_print_super<SUPER_FIELDS_V3>(*sb, fp);
+    tier_print_super<TIER_SUPER_FIELDS_V3>(*sb, fp);
 }
 
 /* Negative errno, or not negative. */
@@ -154,11 +85,11 @@ int32_t __check_sb_params_v3(const super_v3 &sb)
 
 int32_t read_super(const zutr_json_reader &in, zutr_cmd_t cmd, super_v3 *sb)
 {
-    int32_t ret = in.read(SUPER_AREA_KEYS_V3, sb);
+    int32_t ret = in.read(TIER_SUPER_AREA_KEYS_V3, sb);
     ret = ret == 0 ? tier_read_ctime(in, cmd, &sb->sb_ctime) : ret;
-    ret = ret == 0 ? in.read(SUPER_IDENTITY_KEYS_V3, sb) : ret;
+    ret = ret == 0 ? in.read(TIER_SUPER_IDENTITY_KEYS_V3, sb) : ret;
     ret = ret == 0 ? tier_read_version(in, cmd, TIER_SB_VERSION_V3, &sb->sb_version) : ret;
-    return ret == 0 ? in.read(SUPER_TABLE_KEYS_V3, sb) : ret;
+    return ret == 0 ? in.read(TIER_SUPER_TABLE_KEYS_V3, sb) : ret;
 }
 
 int64_t parse_sb_from_json_v3(zutr_params_t *params, const cJSON *sb_cfg, void *m)

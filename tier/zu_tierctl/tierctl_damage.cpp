@@ -25,16 +25,25 @@ void flip(uint8_t *slot, uint64_t bit)
     slot[bit / 8] = static_cast<uint8_t>(slot[bit / 8] ^ (1U << (bit % 8)));
 }
 
-template <std::optional<size_t> tierctl_table::*Field>
-bool has(const tierctl_table &table)
+bool has_magic(const tierctl_table &table)
 {
-    return (table.*Field).has_value();
+    return table.magic.has_value();
 }
 
-template <std::optional<size_t> tierctl_table::*Field>
-void spoil_field(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+bool has_number(const tierctl_table &table)
 {
-    flip(slot, *(table.*Field) * 8);
+    return table.number.has_value();
+}
+
+void spoil_magic(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, table.magic->place.at * 8);
+    table.seal_slot(slot);
+}
+
+void spoil_number(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, table.number->at * 8);
     table.seal_slot(slot);
 }
 
@@ -64,10 +73,8 @@ void spoil_everything(const tierctl_table &, uint8_t *slot, tierctl_random &)
 }
 
 constexpr tierctl_damage_kind KINDS[] = {
-    {"checksum", is_sealed, spoil_checksum},
-    {"magic", has<&tierctl_table::magic_at>, spoil_field<&tierctl_table::magic_at>},
-    {"number", has<&tierctl_table::number_at>, spoil_field<&tierctl_table::number_at>},
-    {"zero", always, spoil_everything},
+    {"checksum", is_sealed, spoil_checksum}, {"magic", has_magic, spoil_magic},
+    {"number", has_number, spoil_number},    {"zero", always, spoil_everything},
     {"bit", always, spoil_any_bit},
 };
 

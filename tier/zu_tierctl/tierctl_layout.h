@@ -1,46 +1,16 @@
 #pragma once
 
-#include "zu_tier/tier_format.h"
+#include "zu_tierctl/tierctl_table.h"
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-/* What the companion knows of a layout. */
-
-/* Stores the checksum of a record of `length` bytes in it. */
-using tierctl_seal = void (*)(uint8_t *record, size_t length);
-
-/* The CRC-32 of all behind its first four bytes, in these. */
-void tierctl_seal_head(uint8_t *record, size_t length);
-
-/* The CRC-32 of all with its own bits zero: bit i is the lowest of the 64-bit word i. */
-void tierctl_seal_words(uint8_t *record, size_t length);
-
-/* A table of 4096-byte slots. Each has a record at its start; the super block is a table of one
- * slot, and a block of packed entries is a single record. */
-struct tierctl_table {
-    std::string_view name;
-    std::vector<tier_region> regions; /* where it lies; each is numbered on from the one before */
-    size_t record_length;
-    tierctl_seal seal = nullptr;       /* null: a record has no checksum */
-    std::optional<size_t> magic_at{};  /* byte offset of the magic in a record, if it has one */
-    std::optional<size_t> number_at{}; /* byte offset of the entry's own number, if it has one */
-
-    uint64_t count() const;
-
-    /* Byte offset of the slot of entry `no`, which exists. */
-    int64_t slot(uint64_t no) const;
-
-    /* Stores the checksum, if there is one, of the record in `slot`. */
-    void seal_slot(uint8_t *slot) const;
-};
+/* What sample devices of a layout need. */
 
 /* The sizes that describe a device. */
 enum tierctl_size {

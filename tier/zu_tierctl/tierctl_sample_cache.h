@@ -120,65 +120,52 @@ void tierctl_put(uint8_t *slot, const Record &record)
 
 /* Tables with what `sample` makes for them. */
 
+/* `tables` is that of the whole device; each gets the content that `sample` makes for it. */
 template <class Sample>
 tierctl_sample_table tierctl_bricks(const std::shared_ptr<Sample> &sample,
-                                    const tier_region &region)
+                                    const std::vector<tierctl_table> &tables)
 {
-    const tierctl_table table{.name = "brick",
-                              .regions = {region},
-                              .record_length = sizeof(tier_brick_info_t),
-                              .seal = tierctl_seal_head,
-                              .magic_at = offsetof(tier_brick_info_t, bi_magic),
-                              .number_at = offsetof(tier_brick_info_t, bi_no)};
-    return {table, [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->brick(no)); }};
+    return {tierctl_find_table(tables, "brick"),
+            [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->brick(no)); }};
 }
 
 template <class Sample>
 tierctl_sample_table tierctl_inodes(const std::shared_ptr<Sample> &sample,
-                                    const std::vector<tier_region> &regions)
+                                    const std::vector<tierctl_table> &tables)
 {
-    const tierctl_table table{.name = "inode",
-                              .regions = regions,
-                              .record_length = sizeof(tier_inode_t),
-                              .seal = tierctl_seal_head,
-                              .magic_at = offsetof(tier_inode_t, i_magic),
-                              .number_at = offsetof(tier_inode_t, i_no)};
-    return {table, [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->inode(no)); }};
+    return {tierctl_find_table(tables, "inode"),
+            [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->inode(no)); }};
 }
 
 /* To be the last one: a device whose tables are incomplete is not to look like a good one. */
 template <class Super>
-tierctl_sample_table tierctl_super(const Super &super)
+tierctl_sample_table tierctl_super(const Super &super, const std::vector<tierctl_table> &tables)
 {
-    const tierctl_table table{.name = "super",
-                              .regions = {{TIER_SUPER_OFFSET, 1}},
-                              .record_length = sizeof(Super),
-                              .seal = tierctl_seal_head,
-                              .magic_at = offsetof(Super, sb_magic)};
-    return {table, [super](uint64_t, uint8_t *slot) { tierctl_put(slot, super); }};
+    return {tierctl_find_table(tables, "super"),
+            [super](uint64_t, uint8_t *slot) { tierctl_put(slot, super); }};
 }
 
-/* The plan of a device under the super block `super` of V1 or V2. `sample` makes what its tables
- * hold; of an extent `extent_length` bytes are sealed. `expansion` has more inodes, if there are
- * any. */
+/* The plan of a device of `device_size` bytes under the super block `super` of V1 or V2, whose
+ * tables are those that `sample` makes. */
 template <class Sample, class Super>
 tierctl_sample_plan tierctl_plan(const std::shared_ptr<Sample> &sample, const Super &super,
-                                 uint32_t extent_length, const tier_region &expansion = {})
+                                 const std::vector<tierctl_table> &tables, uint64_t device_size)
 {
-    const tierctl_table extents{.name = "extent",
-                                .regions = {tier_extents(super)},
-                                .record_length = extent_length,
-                                .seal = tierctl_seal_head,
-                                .number_at = offsetof(tier_extent_t, te_reserved1)};
-    const uint64_t data_end =
-        super.sb_data_offset + uint64_t{super.sb_block_cnt} * super.sb_block_size;
     return {
-        expansion.count == 0 ? data_end : static_cast<uint64_t>(expansion.slot(expansion.count)),
+        device_size,
         {
-            tierctl_bricks(sample, tier_bricks(super)),
-            tierctl_inodes(sample, {tier_inodes(super), expansion}),
-            {extents, [sample](uint64_t no, uint8_t *slot) { sample->fill_extent(no, slot); }},
-            tierctl_super(super),
+            tierctl_bricks(sample, tables),
+            tierctl_inodes(sample, tables),
+            {tierctl_find_table(tables, "extent"),
+             [sample](uint64_t no, uint8_t *slot) { sample->fill_extent(no, slot); }},
+            tierctl_super(super, tables),
         },
     };
+}
+
+/* Where the data blocks of V1 or V2 end. */
+template <class Super>
+uint64_t tierctl_data_end(const Super &super)
+{
+    return super.sb_data_offset + uint64_t{super.sb_block_cnt} * super.sb_block_size;
 }

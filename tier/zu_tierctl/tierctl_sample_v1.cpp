@@ -35,7 +35,7 @@ tierctl_sample_plan plan_v1(const tierctl_sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v1>(sizes, seed);
     const tier_super_block_v1_t super = sample->super();
-    return tierctl_plan(sample, super, super.sb_extent_size);
+    return tierctl_plan(sample, super, tierctl_tables(super), tierctl_data_end(super));
 }
 
 } // namespace

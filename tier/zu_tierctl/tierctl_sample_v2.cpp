@@ -148,13 +148,21 @@ tierctl_sample_plan plan_v2(const tierctl_sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v2>(sizes, seed);
     const tier_super_block_v2_t &super = sample->super();
-    return tierctl_plan(sample, super, super.sb_total_extent_size, tier_exp_inodes_v2(super));
+    const tier_region expansion = tier_exp_inodes_v2(super);
+    const uint64_t end = expansion.count == 0
+                             ? tierctl_data_end(super)
+                             : static_cast<uint64_t>(expansion.slot(expansion.count));
+    return tierctl_plan(sample, super, tierctl_tables(super), end);
 }
 
+/* The tables of V2 under the super block of V1. */
 tierctl_sample_plan plan_for_conversion(const tierctl_sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v2>(sizes, seed);
-    return tierctl_plan(sample, sample->super_v1(), sample->super().sb_total_extent_size);
+    const tier_super_block_v1_t super = sample->super_v1();
+    std::vector<tierctl_table> tables = tierctl_tables(sample->super());
+    tables.front() = tierctl_tables(super).front();
+    return tierctl_plan(sample, super, tables, tierctl_data_end(super));
 }
 
 constexpr auto BOUNDS_FOR_CONVERSION = [] {

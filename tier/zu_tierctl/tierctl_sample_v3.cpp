@@ -209,26 +209,19 @@ tierctl_sample_plan plan_v3(const tierctl_sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v3>(with_blocks(sizes), seed);
     const super_block &super = sample->super();
-    const tierctl_table shards{.name = "shard",
-                               .regions = {tier_shards_v3(super)},
-                               .record_length = SIZE_4K,
-                               .seal = tierctl_seal_head,
-                               .magic_at = SHARD_MAGIC_V3.at / 8};
-    const tierctl_table hot{
-        .name = "hot", .regions = {tier_hot_v3(super)}, .record_length = SIZE_4K};
-    const tierctl_table extents{.name = "extent",
-                                .regions = {tier_extents_v3(super)},
-                                .record_length = SIZE_4K,
-                                .seal = tierctl_seal_words};
+    const std::vector<tierctl_table> tables = tierctl_tables(super);
     return {
         super.sb_block_area_offset + super.sb_block_area_size,
         {
-            tierctl_bricks(sample, tier_bricks_v3(super)),
-            tierctl_inodes(sample, {tier_inodes_v3(super)}),
-            {shards, [sample](uint64_t no, uint8_t *slot) { sample->fill_shards(no, slot); }},
-            {hot, [sample](uint64_t, uint8_t *slot) { sample->fill_hot(slot); }},
-            {extents, [sample](uint64_t no, uint8_t *slot) { sample->fill_extents(no, slot); }},
-            tierctl_super(super),
+            tierctl_bricks(sample, tables),
+            tierctl_inodes(sample, tables),
+            {tierctl_find_table(tables, "shard"),
+             [sample](uint64_t no, uint8_t *slot) { sample->fill_shards(no, slot); }},
+            {tierctl_find_table(tables, "hot"),
+             [sample](uint64_t, uint8_t *slot) { sample->fill_hot(slot); }},
+            {tierctl_find_table(tables, "extent"),
+             [sample](uint64_t no, uint8_t *slot) { sample->fill_extents(no, slot); }},
+            tierctl_super(super, tables),
         },
     };
 }

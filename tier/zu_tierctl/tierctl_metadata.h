@@ -1,0 +1,48 @@
+#pragma once
+
+#include "zu_tierctl/tierctl_device.h"
+#include "zu_tierctl/tierctl_table.h"
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+enum class tierctl_version { v1 = 1, v2, v3 };
+
+/* What a device says of itself: the layout of its super block, and the tables that this describes.
+ */
+struct tierctl_metadata {
+    tierctl_version version;
+    std::string_view layout_name; /* "v1" */
+    alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> super_block;
+    std::vector<tierctl_table> tables; /* the first is the super block itself */
+
+    /* The super block as the record of its layout. */
+    template <class Super>
+    Super super() const
+    {
+        Super super;
+        memcpy(&super, super_block.data(), sizeof(super));
+        return super;
+    }
+
+    /* What `use` gives for the super block as the record of its layout. */
+    template <class Use>
+    auto with_super(const Use &use) const
+    {
+        switch (version) {
+        case tierctl_version::v1:
+            return use(super<tier_super_block_v1_t>());
+        case tierctl_version::v2:
+            return use(super<tier_super_block_v2_t>());
+        default:
+            return use(super<tier_super_block_v3_t>());
+        }
+    }
+};
+
+/* Reads the super block and asks each layout, as the tool does, whether it is one of its own.
+ * Throws when it cannot be read or is none. */
+tierctl_metadata tierctl_read_metadata(const tierctl_device &device);
