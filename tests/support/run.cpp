@@ -49,8 +49,8 @@ private:
 };
 
 // The environment of a program: the test's own, changed as the options say. Under the address
-// sanitizer an abort stays an abort, leaks are reported, and a library that is loaded first is
-// accepted.
+// sanitizer, unless that environment has it otherwise, an abort stays an abort, leaks are reported,
+// and a library that is loaded first is accepted.
 std::vector<std::string> environment_of(const RunOptions &options)
 {
     std::map<std::string, std::string> variables;
@@ -60,8 +60,7 @@ std::vector<std::string> environment_of(const RunOptions &options)
         variables[variable.substr(0, name)] = variable.substr(name + 1);
     }
     std::string &sanitizer = variables["ASAN_OPTIONS"];
-    sanitizer += (sanitizer.empty() ? "" : ":") +
-                 std::string("handle_abort=0:detect_leaks=1:verify_asan_link_order=0");
+    sanitizer = "handle_abort=0:detect_leaks=1:verify_asan_link_order=0:" + sanitizer;
     for (const auto &[name, value] : options.environment)
         variables[name] = value;
 

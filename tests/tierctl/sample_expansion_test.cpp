@@ -38,8 +38,7 @@ SuperV2 expected_super(const SuperV2 &sb)
     return expected;
 }
 
-// One test: the image is large.
-TEST(SampleExpansion, IsFormattedAndInUse)
+TEST(SampleExpansionLarge, IsFormattedAndInUse)
 {
     const Device device = make_sample(with_sizes({"--expansion", "153600"}), "v2");
     const SuperV2 sb = decode_super_v2(device.block(4096));
@@ -71,7 +70,7 @@ TEST(SampleExpansion, IsFormattedAndInUse)
                   json(inodes[no], inode_offset(sb, no)));
 }
 
-TEST(SampleExpansion, DamageIsFoundOnEitherSideOfTheBorder)
+TEST(SampleExpansionLarge, DamageIsFoundOnEitherSideOfTheBorder)
 {
     const std::vector<std::string> damages{"39:zero", "40:number", "100000:bit", "153639:magic"};
     std::vector<std::string> args = with_sizes({"--expansion", "153600"});

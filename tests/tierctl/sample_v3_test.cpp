@@ -272,7 +272,7 @@ TEST(SampleV3Extents, AreOfEveryKind)
 }
 
 // There are more extents in use than addresses.
-TEST(SampleV3Extents, AddressesRepeatInOtherShards)
+TEST(SampleV3Large, AddressesRepeatInOtherShards)
 {
     const Device device =
         make_sample({"--extents", "1048576", "--blocks", "1", "--shards", "512"}, "v3");
@@ -282,7 +282,7 @@ TEST(SampleV3Extents, AddressesRepeatInOtherShards)
     expect_places(extents, read_shards(device, sb));
 }
 
-TEST(SampleV3Sizes, LargestTables)
+TEST(SampleV3Large, Tables)
 {
     const Device device = make_sample({"--bricks", "300", "--inodes", "262144", "--shards",
                                        "524288", "--extents", "1024", "--blocks", "1"},
