@@ -21,6 +21,7 @@ int run(int argc, char *argv[])
     CLI::App app{"Companion of zu_tier: works on whole images of tier-cache devices.",
                  "zu_tierctl"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
     tierctl_add_sample(app);
     try {
         app.parse(argc, argv);
