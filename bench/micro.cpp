@@ -1,7 +1,6 @@
 #include "common/zutr_crc32.h"
 #include "zu_tier/tier_digits.h"
-#include "zu_tier/tier_format_v3.h"
-#include "zu_tier/tier_packed_v3.h"
+#include "zu_tier/tier_extent_v3.h"
 #include "zu_tier/tier_time.h"
 
 #include <benchmark/benchmark.h>
@@ -24,19 +23,6 @@ void checksum(benchmark::State &state, const zutr_crc32_way &way)
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-constexpr auto EXTENT_FIELDS = std::tuple{
-    zutr_bits{EXTENT_LBA_V3},
-    zutr_bits{EXTENT_SHARD_V3},
-    zutr_bits{EXTENT_DIRTY_V3},
-    zutr_bits{EXTENT_IN_USE_V3},
-    zutr_bits{EXTENT_SENSE_V3},
-    zutr_bits{EXTENT_DEMOTE_V3},
-    zutr_bits{EXTENT_DM_ERR_V3},
-    zutr_bits{EXTENT_RESERVED_V3},
-    zutr_field{"eno", &tier_packed_entry_v3::no},
-    zutr_bits{EXTENT_BITMAP_V3},
-};
-
 /* Different words, so that the processor cannot learn the lengths of their numbers. */
 uint64_t scatter(uint64_t n)
 {
@@ -45,18 +31,18 @@ uint64_t scatter(uint64_t n)
 
 void packed_entry(benchmark::State &state)
 {
-    std::vector<char> text(ZUTR_FIELDS_ROOM<EXTENT_FIELDS>);
+    std::vector<char> text(ZUTR_FIELDS_ROOM<TIER_EXTENT_FIELDS_V3>);
     uint64_t no = 0;
     for ([[maybe_unused]] auto turn : state) {
         const tier_packed_entry_v3 entry = {scatter(no), no};
-        benchmark::DoNotOptimize(zutr_put_members<EXTENT_FIELDS>(text.data(), entry));
+        benchmark::DoNotOptimize(zutr_put_members<TIER_EXTENT_FIELDS_V3>(text.data(), entry));
         no++;
     }
 }
 
 void packed_entry_by_snprintf(benchmark::State &state)
 {
-    std::vector<char> text(ZUTR_FIELDS_ROOM<EXTENT_FIELDS>);
+    std::vector<char> text(ZUTR_FIELDS_ROOM<TIER_EXTENT_FIELDS_V3>);
     uint64_t no = 0;
     for ([[maybe_unused]] auto turn : state) {
         const uint64_t word = scatter(no);
