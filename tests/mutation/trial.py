@@ -11,11 +11,12 @@ import subprocess
 import time
 
 PROGRAMS = ["zu_tier", "zu_tierctl", "restore_driver"]
-TESTS = ["cli_tests", "fault_tests", "unit_tests"]
-COPIED = ["CMakeLists.txt", "CMakePresets.json", "docs", "scripts", "tests", "tier", "bench"]
+TESTS = ["cli_tests", "fault_tests", "unit_tests", "tierctl_tests"]
+COPIED = ["CHANGELOG.md", "CMakeLists.txt", "CMakePresets.json", "README.md", "bench", "docs",
+          "packaging", "scripts", "tests", "tier"]
 
 # Run after all others: they take long and rarely tell more of the tool.
-LAST = {"cli_tests": "*Sample*", "fault_tests": "", "unit_tests": "TimeZones*"}
+LAST = {"tierctl_tests": "*", "unit_tests": "TimeZones*"}
 
 # Of a test executable and of each program that it starts. Images are sparse files; what a wrong
 # tool writes without end is bounded by what it leaves of the memory and the disk.
@@ -37,7 +38,7 @@ SUBJECTS = {
     "usage": ["usage"],
     "filter": ["filter"], "run": ["dispatch", "output"], "registry": ["dispatch"],
     "log": ["commandline", "dispatchlog"], "time": ["inodedump"], "areas": ["super"],
-    "rules": ["super"], "zutierctl": ["sample"], "driver": ["driver"],
+    "rules": ["super"], "driver": ["driver"],
     "utils": ["driver", "faults"],
     "format": ["super", "inode", "extent"], "literal": ["brick"], "digits": ["brick"],
     "record": ["brick"], "text": ["brick"], "debug": ["brick"], "bits": ["shard"],
@@ -190,22 +191,23 @@ class Copy:
     def most(self, test):
         """All but the last; of the cli_tests as many runs as jobs."""
         parts = self.jobs if test == "cli_tests" else 1
-        return [(test, {"GTEST_FILTER": "*-" + LAST[test], "GTEST_TOTAL_SHARDS": str(parts),
+        return [(test, {"GTEST_FILTER": "*-" + LAST.get(test, ""), "GTEST_TOTAL_SHARDS": str(parts),
                         "GTEST_SHARD_INDEX": str(part)}) for part in range(parts)]
 
     @staticmethod
     def last():
-        return [(test, {"GTEST_FILTER": pattern}) for test, pattern in LAST.items() if pattern]
+        return [(test, {"GTEST_FILTER": pattern}) for test, pattern in LAST.items()]
 
     def every_run(self):
-        return [run for test in TESTS for run in self.most(test)] + self.last()
+        return [run for test in TESTS if LAST.get(test) != "*"
+                for run in self.most(test)] + self.last()
 
     def focus(self, mutant, text):
         """Runs of those suites whose names speak of what the mutant is about."""
+        if "/zu_tierctl/" in mutant.path:
+            return [("tierctl_tests", {"GTEST_FILTER": "*-*Large*"})]
         words = mutant.function_words(text)
         stem = os.path.basename(mutant.path).split(".")[0].split("_")
-        if "/zu_tierctl/" in mutant.path:
-            words, stem = ["zutierctl"], []
         about = {name for word in words for name in SUBJECTS.get(word, [])} \
             or {name for word in stem for name in SUBJECTS.get(word, [])}
         versions = {word for word in stem if re.fullmatch(r"v\d", word)}
@@ -214,7 +216,6 @@ class Copy:
         for test in ("cli_tests", "fault_tests"):
             chosen = [suite for suite in self.suites[test]
                       if any(word in suite.lower() for word in about)
-                      and ("Sample" in suite) == ("zutierctl" in words)
                       and (len(other) != 1 or not any(word in suite.lower() for word in other))
                       and (not versions or versions >= set(re.findall(r"v\d", suite.lower())))]
             if chosen:
