@@ -63,7 +63,7 @@ public:
 private:
     FILE *stream_;
     size_t used_ = 0;
-    std::array<char, 65536> buffer_;
+    std::array<char, 131072> buffer_; /* more than the text of a block of V3 extents */
 };
 
 constexpr size_t ZUTR_TEXT_ROOM = 8192;
