@@ -14,11 +14,12 @@ build() {
     cmake --build --preset "$1" --parallel "$(nproc)" -- --quiet
 }
 
-install_packages "${BUILD_PACKAGES[@]}" dpkg-dev git libgtest-dev mount strace tzdata valgrind
+install_packages "${BUILD_PACKAGES[@]}" dpkg-dev git jq libgtest-dev mount pdsh strace \
+    tzdata valgrind
 
 build test
 cpack --config build/CPackConfig.cmake -B build/package >/dev/null
-for tests in unit cli tierctl fault sweep cost hardening memcheck package; do
+for tests in unit cli tierctl fault sweep cost hardening memcheck package runbook; do
     run_tests "$tests, release build" "build/${tests}_tests"
 done
 
