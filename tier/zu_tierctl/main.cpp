@@ -22,10 +22,12 @@ int run(int argc, char *argv[])
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
+    int status = 0;
+    tierctl_add_check(app, &status);
     tierctl_add_sample(app);
     try {
         app.parse(argc, argv);
-        return 0;
+        return status;
     } catch (const CLI::Success &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+struct tierctl_check_options {
+    std::string device;
+    bool json = false;
+    std::vector<std::string> tables{}; /* to report on; empty: all */
+
+    /* For what entries claim, by far most of what a check takes. */
+    size_t claims_memory = size_t{400} << 20;
+};
+
+/* Reads the metadata of a device and reports, on standard output, what breaks the rules of its
+ * layout. True when nothing does; throws when it cannot be checked. */
+bool tierctl_check(const tierctl_check_options &options);
