@@ -1,10 +1,13 @@
 #pragma once
 
+#include "zu_tierctl/tierctl_sort.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -114,7 +117,7 @@ private:
      * where there are too many of these. */
     void gather()
     {
-        std::ranges::sort(keys_);
+        tierctl_sort(std::span(keys_));
         const size_t repeated_max = std::max<size_t>(1, capacity_ / REPEATED_PART);
         const size_t repeated_full = repeated_.size() + repeated_max;
         size_t kept = 0;
