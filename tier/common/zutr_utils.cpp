@@ -1,7 +1,9 @@
 #include "common/zutr_utils.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
@@ -86,4 +88,17 @@ int32_t zutr_alloc_aligned(size_t nbyte, zutr_buffer *buf)
         buf->reset(static_cast<uint8_t *>(memory));
     }
     return ret;
+}
+
+int32_t zutr_secure_streams()
+{
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
+    while (fcntl(STDERR_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0 ||
+           fcntl(STDIN_FILENO, F_GETFD) < 0) {
+        if (open("/dev/null", O_RDONLY) < 0) {
+            return -1;
+        }
+    }
+    return 0;
 }

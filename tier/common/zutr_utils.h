@@ -51,3 +51,8 @@ using zutr_buffer = zutr_owned<uint8_t[]>;
 /* Allocates `nbyte` bytes aligned to 4096, not cleared. Gives 0, or the allocator's positive error
  * number. */
 int32_t zutr_alloc_aligned(size_t nbyte, zutr_buffer *buf);
+
+/* Readies the process for failing output, which shall be an error and not a signal, and opens the
+ * standard streams that the caller closed: none must be given the descriptor of a device, which
+ * would then be written to. Gives 0, or -1 with errno. */
+int32_t zutr_secure_streams();

@@ -1,34 +1,16 @@
 #include "common/zutr_assert.h"
+#include "common/zutr_utils.h"
 #include "zu_tier/tier_log.h"
 #include "zu_tier/tier_text.h"
 #include "zu_tier/zu_tier.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr const char *FUNC = "main";
-
-/* Failing output shall be an error that is reported, not a signal; and a standard stream that the
- * caller closed must not be given the device's descriptor, which would then be written to. */
-int32_t secure_streams()
-{
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGXFSZ, SIG_IGN);
-    while (fcntl(STDERR_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0 ||
-           fcntl(STDIN_FILENO, F_GETFD) < 0) {
-        if (open("/dev/null", O_RDONLY) < 0) {
-            zutr_error(FUNC, "open /dev/null failed:%s", strerror(errno));
-            return -EIO;
-        }
-    }
-    return 0;
-}
 
 int32_t unsupported_command(int32_t ver, zutr_cmd_t cmd)
 {
@@ -112,7 +94,8 @@ int32_t finish_output(zutr_params_t *params)
 
 int zutr_run(int argc, char *argv[])
 {
-    if (secure_streams() != 0) {
+    if (zutr_secure_streams() != 0) {
+        zutr_error(FUNC, "open /dev/null failed:%s", strerror(errno));
         return EIO;
     }
     zutr_params_t params;

@@ -1,3 +1,4 @@
+#include "common/zutr_utils.h"
 #include "zu_tierctl/tierctl_commands.h"
 #include "zu_tierctl/tierctl_error.h"
 
@@ -18,13 +19,16 @@ int complain(const std::exception &error, int status)
 
 int run(int argc, char *argv[])
 {
-    CLI::App app{"Companion of zu_tier: works on whole images of tier-cache devices.",
+    CLI::App app{"Companion of zu_tier: everything around the repair of a tier-cache device.",
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
     int status = 0;
     tierctl_add_check(app, &status);
+    tierctl_add_diff(app, &status);
+    tierctl_add_revert(app);
     tierctl_add_sample(app);
+    tierctl_add_save(app, &status);
     try {
         app.parse(argc, argv);
         return status;
@@ -42,6 +46,9 @@ int run(int argc, char *argv[])
 int main(int argc, char *argv[])
 {
     try {
+        if (zutr_secure_streams() != 0) {
+            tierctl_throw_errno("cannot open /dev/null");
+        }
         return run(argc, argv);
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
         return complain(error, STATUS_FAILURE);

@@ -5,6 +5,10 @@ class App;
 }
 
 /* One function per subcommand: adds it to `app` with its options and, as its callback, its run. A
- * command whose result is more than success sets the exit status. */
+ * run that does not throw ends the program with 0, or with what the callback stores in `*status`,
+ * which outlives `app`. */
 void tierctl_add_check(CLI::App &app, int *status);
+void tierctl_add_diff(CLI::App &app, int *status);
+void tierctl_add_revert(CLI::App &app);
 void tierctl_add_sample(CLI::App &app);
+void tierctl_add_save(CLI::App &app, int *status);

@@ -1,6 +1,5 @@
 #include "zu_tierctl/tierctl_device.h"
 
-#include "common/zutr_utils.h"
 #include "zu_tierctl/tierctl_error.h"
 
 #include <algorithm>
@@ -30,54 +29,6 @@ uint64_t slots_on_device(const tier_region &region, uint64_t size)
     }
     return std::min(region.count, (size - start) / SIZE_4K);
 }
-
-/* The reading of one region. */
-struct region_reader {
-    const tierctl_device &device;
-    const tier_region &region;
-    uint64_t first_no; /* of the region */
-    const std::function<void(const tierctl_slots &)> &take;
-    uint8_t *buffer;
-
-    /* False, with nothing taken, when they cannot be read in one go. */
-    bool take_slots(uint64_t first, uint64_t count) const
-    {
-        const int64_t offset = region.slot(first);
-        if (!device.read(offset, buffer, count * SIZE_4K)) {
-            return false;
-        }
-        take({first_no + first, count, offset, buffer, 0});
-        return true;
-    }
-
-    void give_up(uint64_t first, uint64_t count, int error) const
-    {
-        take({first_no + first, count, region.slot(first), nullptr, error});
-    }
-
-    void take_each(uint64_t first, uint64_t count) const
-    {
-        for (uint64_t i = first; i < first + count; i++) {
-            if (!take_slots(i, 1)) {
-                give_up(i, 1, errno);
-            }
-        }
-    }
-
-    void take_all() const
-    {
-        const uint64_t there = slots_on_device(region, device.size());
-        for (uint64_t first = 0; first < there; first += SLOTS_A_READ) {
-            const uint64_t count = std::min(SLOTS_A_READ, there - first);
-            if (!take_slots(first, count)) {
-                take_each(first, count);
-            }
-        }
-        if (there < region.count) {
-            give_up(there, region.count - there, ENXIO);
-        }
-    }
-};
 
 } // namespace
 
@@ -118,16 +69,55 @@ void tierctl_device::write_block(int64_t offset, const void *block)
     }
 }
 
+tierctl_table_reader::tierctl_table_reader(const tierctl_device &device, const tierctl_table &table)
+    : device_(device), table_(table)
+{
+    if (zutr_alloc_aligned(SIZE_1M, &buffer_) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+bool tierctl_table_reader::next(tierctl_slots *slots)
+{
+    while (region_ < table_.regions.size()) {
+        const tier_region &region = table_.regions[region_];
+        if (first_ < region.count) {
+            *slots = read(region, slots_on_device(region, device_.size()));
+            first_ += slots->count;
+            return true;
+        }
+        base_ += region.count;
+        first_ = single_end_ = 0;
+        region_++;
+    }
+    return false;
+}
+
+tierctl_slots tierctl_table_reader::read(const tier_region &region, uint64_t there)
+{
+    const int64_t offset = region.slot(first_);
+    if (first_ >= there) {
+        return {base_ + first_, region.count - first_, offset, nullptr, ENXIO};
+    }
+    if (first_ >= single_end_) {
+        const uint64_t count = std::min(SLOTS_A_READ, there - first_);
+        if (device_.read(offset, buffer_.get(), count * SIZE_4K)) {
+            return {base_ + first_, count, offset, buffer_.get(), 0};
+        }
+        single_end_ = first_ + count;
+    }
+    if (device_.read(offset, buffer_.get(), SIZE_4K)) {
+        return {base_ + first_, 1, offset, buffer_.get(), 0};
+    }
+    return {base_ + first_, 1, offset, nullptr, errno};
+}
+
 void tierctl_read_table(const tierctl_device &device, const tierctl_table &table,
                         const std::function<void(const tierctl_slots &)> &take)
 {
-    zutr_buffer buffer;
-    if (zutr_alloc_aligned(SIZE_1M, &buffer) != 0) {
-        throw std::bad_alloc();
-    }
-    uint64_t first_no = 0;
-    for (const tier_region &region : table.regions) {
-        region_reader{device, region, first_no, take, buffer.get()}.take_all();
-        first_no += region.count;
+    tierctl_table_reader reader(device, table);
+    tierctl_slots slots{};
+    while (reader.next(&slots)) {
+        take(slots);
     }
 }

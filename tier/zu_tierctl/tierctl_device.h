@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/zutr_utils.h"
 #include "zu_tierctl/tierctl_fd.h"
 #include "zu_tierctl/tierctl_table.h"
 
@@ -46,8 +47,29 @@ struct tierctl_slots {
     const uint8_t *slot(uint64_t i) const { return data + i * SIZE_4K; }
 };
 
-/* Reads the table from its first slot to its last and hands out every slot exactly once: in runs
- * of up to 1 MiB where the device can be read, block by block around what cannot, and in a single
- * run what lies outside the device. */
+/* Reads a table from its first slot to its last and gives every slot exactly once: in runs of up to
+ * 1 MiB where the device can be read, block by block around what cannot, and in a single run what
+ * lies outside the device. Device and table outlive it. */
+class tierctl_table_reader {
+public:
+    tierctl_table_reader(const tierctl_device &device, const tierctl_table &table);
+
+    /* The next run, which lasts until the next call; false when there is none. */
+    bool next(tierctl_slots *slots);
+
+private:
+    /* The next run of a region of which the first `there` slots lie on the device. */
+    tierctl_slots read(const tier_region &region, uint64_t there);
+
+    const tierctl_device &device_;
+    const tierctl_table &table_;
+    zutr_buffer buffer_;
+    size_t region_ = 0;       /* where the next run begins: region, */
+    uint64_t first_ = 0;      /* slot in it, */
+    uint64_t base_ = 0;       /* and the number of its first slot */
+    uint64_t single_end_ = 0; /* the slots of the region before this one are read one by one */
+};
+
+/* Hands out what a reader gives. */
 void tierctl_read_table(const tierctl_device &device, const tierctl_table &table,
                         const std::function<void(const tierctl_slots &)> &take);

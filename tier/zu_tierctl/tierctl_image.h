@@ -1,26 +1,12 @@
 #pragma once
 
 #include "zu_tierctl/tierctl_fd.h"
+#include "zu_tierctl/tierctl_new_file.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <unistd.h>
-
-/* A file that is removed again unless it got another name. */
-struct tierctl_scratch_file {
-    std::string path;
-
-    tierctl_scratch_file() = default;
-    tierctl_scratch_file(const tierctl_scratch_file &) = delete;
-    tierctl_scratch_file &operator=(const tierctl_scratch_file &) = delete;
-    ~tierctl_scratch_file()
-    {
-        if (!path.empty()) {
-            unlink(path.c_str());
-        }
-    }
-};
 
 /* The image of a device being written. A file appears under its name only when it is complete; a
  * block device is written in place. Every failure is an exception. */
@@ -36,11 +22,12 @@ public:
     void commit();
 
 private:
-    void create_beside(uint64_t size);
+    void create(uint64_t size, tierctl_naming naming);
     void open_device(uint64_t size);
+    int fd() const { return file_ ? file_->fd() : device_.get(); }
 
     std::string path_;
-    bool replace_ = false;
-    tierctl_scratch_file scratch_; /* unnamed for a block device */
-    tierctl_fd fd_;
+    tierctl_naming naming_ = tierctl_naming::new_name;
+    std::optional<tierctl_new_file> file_;
+    tierctl_fd device_; /* when there is no file */
 };

@@ -1,0 +1,107 @@
+#include "zu_tierctl/tierctl_diff_report.h"
+
+#include "zu_tierctl/tierctl_json.h"
+#include "zu_tierctl/tierctl_output.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+std::string error_text(int error)
+{
+    return error == ENODATA ? "not in the saved file" : strerror(error);
+}
+
+std::string range_text(const tierctl_entry_range &range)
+{
+    std::string text = std::string(range.table) + ' ' + std::to_string(range.first);
+    return range.count == 1 ? text : text + ".." + std::to_string(range.first + range.count - 1);
+}
+
+class text_report : public tierctl_diff_report {
+public:
+    void layouts(std::string_view a, std::string_view b) override
+    {
+        tierctl_print("layout: " + std::string(a) + " -> " + std::string(b) + '\n');
+    }
+
+    void entry(const tierctl_entry &a, const tierctl_entry &b) override
+    {
+        tierctl_print(range_text({a.table.name, a.no, 1}) + '\n');
+        tierctl_print(tierctl_differences_text(tierctl_entry_differences(a, b)));
+    }
+
+    void unreadable(const tierctl_entry_range &range, int error_a, int error_b) override
+    {
+        std::string text = range_text(range) + ": cannot be read";
+        for (const auto &[side, error] : {std::pair{" in A: ", error_a}, {" in B: ", error_b}}) {
+            text += error != 0 ? side + error_text(error) : "";
+        }
+        tierctl_print(text + '\n');
+    }
+
+    void only_in(std::string_view side, const tierctl_entry_range &range) override
+    {
+        tierctl_print(range_text(range) + ": only in " + (side == "a" ? "A" : "B") + '\n');
+    }
+};
+
+/* "{"kind":"entry","table":"inode","no":7,"count":1" */
+std::string json_head(const char *kind, const tierctl_entry_range &range)
+{
+    return "{\"kind\":\"" + std::string(kind) + "\",\"table\":\"" + std::string(range.table) +
+           "\",\"no\":" + std::to_string(range.first) + ",\"count\":" + std::to_string(range.count);
+}
+
+std::string json_error(int error)
+{
+    return error == 0 ? "null" : tierctl_json_text(error_text(error));
+}
+
+class json_report : public tierctl_diff_report {
+public:
+    void layouts(std::string_view a, std::string_view b) override
+    {
+        tierctl_print("{\"kind\":\"layout\",\"a\":\"" + std::string(a) + "\",\"b\":\"" +
+                      std::string(b) + "\"}\n");
+    }
+
+    void entry(const tierctl_entry &a, const tierctl_entry &b) override
+    {
+        tierctl_print(json_head("entry", {a.table.name, a.no, 1}) +
+                      ",\"offset_a\":" + std::to_string(a.table.slot(a.no)) +
+                      ",\"offset_b\":" + std::to_string(b.table.slot(b.no)) + ",\"fields\":[");
+        std::string_view separator;
+        for (const tierctl_difference &field : tierctl_entry_differences(a, b)) {
+            tierctl_print(separator);
+            tierctl_print("{\"key\":\"" + field.key + "\",\"a\":" + field.a + ",\"b\":" + field.b +
+                          '}');
+            separator = ",";
+        }
+        tierctl_print("]}\n");
+    }
+
+    void unreadable(const tierctl_entry_range &range, int error_a, int error_b) override
+    {
+        tierctl_print(json_head("unreadable", range) + ",\"a\":" + json_error(error_a) +
+                      ",\"b\":" + json_error(error_b) + "}\n");
+    }
+
+    void only_in(std::string_view side, const tierctl_entry_range &range) override
+    {
+        tierctl_print(json_head("only", range) + ",\"in\":\"" + std::string(side) + "\"}\n");
+    }
+};
+
+} // namespace
+
+std::unique_ptr<tierctl_diff_report> tierctl_text_report()
+{
+    return std::make_unique<text_report>();
+}
+
+std::unique_ptr<tierctl_diff_report> tierctl_json_report()
+{
+    return std::make_unique<json_report>();
+}
