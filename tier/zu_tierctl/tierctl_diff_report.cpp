@@ -35,8 +35,11 @@ public:
     void unreadable(const tierctl_entry_range &range, int error_a, int error_b) override
     {
         std::string text = range_text(range) + ": cannot be read";
-        for (const auto &[side, error] : {std::pair{" in A: ", error_a}, {" in B: ", error_b}}) {
-            text += error != 0 ? side + error_text(error) : "";
+        if (error_a != 0) {
+            text += " in A: " + error_text(error_a);
+        }
+        if (error_b != 0) {
+            text.append(error_a != 0 ? ", in B: " : " in B: ").append(error_text(error_b));
         }
         tierctl_print(text + '\n');
     }
