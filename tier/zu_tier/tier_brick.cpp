@@ -28,8 +28,7 @@ int32_t parse_brick_in_use(const zutr_json_reader &in, zutr_need unlink, tier_br
                    static_cast<int64_t>(TIER_BRICKID_LEN));
         return -EINVAL;
     }
-    return in.read(zutr_key{"bi_unlink", &tier_brick_info_t::bi_unlink, zutr_to_s64, unlink},
-                   brick);
+    return in.read(tier_brick_unlink_key(unlink), brick);
 }
 
 } // namespace

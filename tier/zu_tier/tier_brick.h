@@ -38,6 +38,11 @@ constexpr auto TIER_BRICK_IN_USE_KEYS = std::tuple{
     zutr_key{"bi_brickid", &tier_brick_info_t::bi_brickid},
 };
 
+constexpr auto tier_brick_unlink_key(zutr_need need)
+{
+    return zutr_key{"bi_unlink", &tier_brick_info_t::bi_unlink, zutr_to_s64, need};
+}
+
 uint32_t tier_brick_crc(const tier_brick_info_t *brick);
 
 /* Prints the brick as a JSON object; `offset` is shown as "meta_offset". Cuts off a path that lacks

@@ -116,7 +116,7 @@ int32_t read_piece(const zutr_json_reader &in, int32_t index, const tier_super_b
     tier_mapped_meta_v2_t piece = {};
     uint64_t clean = 0;
     uint64_t len = 0;
-    ret = in.read(zutr_key{"offset", &tier_mapped_meta_v2_t::offset, zutr_to_u64}, &piece);
+    ret = in.read(TIER_PIECE_OFFSET_KEY_V2, &piece);
     ret = ret == 0 ? in.bits("clean", zutr_need::required, zutr_to_u64, 1, &clean) : ret;
     ret = ret == 0 ? in.bits("len", zutr_need::required, zutr_to_u64, 31, &len) : ret;
     if (ret != 0) {

@@ -30,6 +30,9 @@ constexpr auto TIER_PIECE_FIELDS_V2 = std::tuple{
     zutr_field{"data_phy_offset", &tier_shown_piece_v2::data_phy_offset},
 };
 
+/* A mapped piece in a repair file: "mapno", then these, with "clean" and "len" between them. */
+inline constexpr zutr_key TIER_PIECE_OFFSET_KEY_V2 = {"offset", &tier_mapped_meta_v2_t::offset,
+                                                      zutr_to_u64};
 constexpr auto TIER_PIECE_PAGES_KEYS_V2 = std::tuple{
     zutr_key{"begin", &tier_mapped_meta_v2_t::begin, zutr_to_s32},
     zutr_key{"cnt", &tier_mapped_meta_v2_t::cnt, zutr_to_s32},

@@ -51,13 +51,8 @@ void __print_inode_v2(const tier_inode_v2_t *inode, int64_t offset, FILE *fp)
 
 int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino)
 {
-    const auto no = static_cast<uint32_t>(ino);
-    if (no < TIER_INODE_NO_BOUND_V2) {
-        const bool formatted = sb->sb_inode_exp_magic == TIER_EXP_MAGIC_V2;
-        const bool exists = no < (formatted ? tier_inode_sum_v2(*sb) : sb->sb_inode_cnt);
-        if (exists && (no < sb->sb_inode_cnt || sb->sb_inode_exp_inuse == TIER_EXP_INUSE_V2)) {
-            return 1;
-        }
+    if (tier_inode_is_usable_v2(*sb, static_cast<uint32_t>(ino))) {
+        return 1;
     }
     zutr_error(__func__,
                "invalid inode no %d max inode_cnt:%u inode_max: %u inode_sum:%u exp_magic: 0x%x "

@@ -18,17 +18,6 @@ namespace {
 
 using super_v2 = tier_super_block_v2_t;
 
-/* The keys of the expansion area that are not stored as they stand. */
-struct exp_config {
-    uint32_t cnt;
-    char magic[32];
-    char inuse[32];
-};
-constexpr zutr_key EXP_CNT_KEY = {"exp_inode_cnt", &exp_config::cnt, zutr_to_s64,
-                                  zutr_need::optional};
-constexpr zutr_key EXP_MAGIC_KEY = {"exp_inode_magic", &exp_config::magic};
-constexpr zutr_key EXP_INUSE_KEY = {"exp_inode_inuse", &exp_config::inuse};
-
 bool begins_with(const char *text, const char *beginning)
 {
     return strncmp(text, beginning, strlen(beginning)) == 0;
@@ -83,12 +72,12 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
     }
     /* GCOVR_EXCL_STOP */
     const zutr_json_reader in(__func__, sb_cfg);
-    exp_config config = {};
-    int32_t ret = in.read(EXP_CNT_KEY, &config);
+    tier_exp_config_v2 config = {};
+    int32_t ret = in.read(TIER_EXP_CNT_KEY_V2, &config);
     if (ret != 0 || config.cnt == 0) {
         return ret;
     }
-    ret = in.read(EXP_MAGIC_KEY, &config);
+    ret = in.read(TIER_EXP_MAGIC_KEY_V2, &config);
     if (ret != 0) {
         return ret;
     }
@@ -103,7 +92,7 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
                    static_cast<int32_t>(config.cnt), params->cmd);
         return -EINVAL;
     }
-    ret = in.read(EXP_INUSE_KEY, &config);
+    ret = in.read(TIER_EXP_INUSE_KEY_V2, &config);
     if (ret != 0) {
         return ret;
     }

@@ -36,6 +36,17 @@ constexpr auto TIER_SUPER_MAP_KEYS_V2 = std::tuple{
     zutr_key{"hot_size", &tier_super_block_v2_t::sb_hot_size, zutr_to_s64},
 };
 
+/* The expansion area as a repair file gives it: not as it is stored. */
+struct tier_exp_config_v2 {
+    uint32_t cnt;
+    char magic[32];
+    char inuse[32];
+};
+inline constexpr zutr_key TIER_EXP_CNT_KEY_V2 = {"exp_inode_cnt", &tier_exp_config_v2::cnt,
+                                                 zutr_to_s64, zutr_need::optional};
+inline constexpr zutr_key TIER_EXP_MAGIC_KEY_V2 = {"exp_inode_magic", &tier_exp_config_v2::magic};
+inline constexpr zutr_key TIER_EXP_INUSE_KEY_V2 = {"exp_inode_inuse", &tier_exp_config_v2::inuse};
+
 /* 0, or -EFAULT when `sb` is not a V2 super block. */
 int32_t __check_super_v2(const void *sb);
 

@@ -3,6 +3,7 @@
 #include "zu_tierctl/tierctl_error.h"
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -20,6 +21,7 @@ int complain(const std::exception &error, int status)
 int run(int argc, char *argv[])
 {
     CLI::App app{"Companion of zu_tier: everything around the repair of a tier-cache device.",
+    CLI::App app{"Companion of zu_tier: works on whole tier-cache devices and images of them.",
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
@@ -29,6 +31,7 @@ int run(int argc, char *argv[])
     tierctl_add_revert(app);
     tierctl_add_sample(app);
     tierctl_add_save(app, &status);
+    tierctl_add_template(app);
     try {
         app.parse(argc, argv);
         return status;
@@ -45,6 +48,7 @@ int run(int argc, char *argv[])
 
 int main(int argc, char *argv[])
 {
+    signal(SIGPIPE, SIG_IGN); /* output that nobody reads is a failure like any other */
     try {
         if (zutr_secure_streams() != 0) {
             tierctl_throw_errno("cannot open /dev/null");

@@ -12,3 +12,4 @@ void tierctl_add_diff(CLI::App &app, int *status);
 void tierctl_add_revert(CLI::App &app);
 void tierctl_add_sample(CLI::App &app);
 void tierctl_add_save(CLI::App &app, int *status);
+void tierctl_add_template(CLI::App &app);

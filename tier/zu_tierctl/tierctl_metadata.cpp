@@ -4,19 +4,11 @@
 
 namespace {
 
-struct layout {
-    std::string_view name;
-    tierctl_version version;
-    uint32_t magic;
-    uint32_t code; /* of the version, as the super block has it */
-    size_t length; /* of the super block */
-};
-
 constexpr size_t VERSION_AT = offsetof(tier_super_block_v1_t, sb_version);
 static_assert(VERSION_AT == offsetof(tier_super_block_v2_t, sb_version));
 static_assert(VERSION_AT == offsetof(tier_super_block_v3_t, sb_version));
 
-constexpr layout LAYOUTS[] = {
+constexpr tierctl_super_layout LAYOUTS[] = {
     {"v1", tierctl_version::v1, TIER_SB_MAGIC_V1, TIER_SB_VERSION_V1,
      sizeof(tier_super_block_v1_t)},
     {"v2", tierctl_version::v2, TIER_SB_MAGIC_V2, TIER_SB_VERSION_V2,
@@ -25,22 +17,37 @@ constexpr layout LAYOUTS[] = {
      sizeof(tier_super_block_v3_t)},
 };
 
-bool is_super_of(const layout &layout, const uint8_t *block)
+} // namespace
+
+tierctl_table tierctl_super_layout::table() const
 {
-    return tierctl_super_table(layout.length, layout.magic).flaws(0, block) == 0 &&
-           tierctl_place{VERSION_AT, sizeof(uint32_t)}.get(block) == layout.code;
+    return tierctl_super_table(length, magic);
 }
 
-} // namespace
+uint32_t tierctl_super_layout::version_of(const uint8_t *block)
+{
+    return static_cast<uint32_t>(tierctl_place{VERSION_AT, sizeof(uint32_t)}.get(block));
+}
+
+std::span<const tierctl_super_layout> tierctl_super_layouts()
+{
+    return LAYOUTS;
+}
+
+void tierctl_read_super(const tierctl_device &device, uint8_t *block)
+{
+    if (!device.read(TIER_SUPER_OFFSET, block, SIZE_4K)) {
+        tierctl_throw_errno("cannot read the super block of " + device.path());
+    }
+}
 
 tierctl_metadata tierctl_read_metadata(const tierctl_device &device)
 {
     tierctl_metadata metadata{};
-    if (!device.read(TIER_SUPER_OFFSET, metadata.super_block.data(), SIZE_4K)) {
-        tierctl_throw_errno("cannot read the super block of " + device.path());
-    }
-    for (const layout &layout : LAYOUTS) {
-        if (is_super_of(layout, metadata.super_block.data())) {
+    const uint8_t *block = metadata.super_block.data();
+    tierctl_read_super(device, metadata.super_block.data());
+    for (const tierctl_super_layout &layout : LAYOUTS) {
+        if (layout.table().flaws(0, block) == 0 && layout.version_of(block) == layout.code) {
             metadata.version = layout.version;
             metadata.layout_name = layout.name;
             metadata.tables =

@@ -6,10 +6,28 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <vector>
 
 enum class tierctl_version { v1 = 1, v2, v3 };
+
+/* How to tell a super block. */
+struct tierctl_super_layout {
+    std::string_view name; /* "v1" */
+    tierctl_version version;
+    uint32_t magic;
+    uint32_t code; /* of the version, as the super block has it */
+    size_t length; /* of the super block */
+
+    /* The super block as a table. */
+    tierctl_table table() const;
+
+    /* The version that a super block of any layout names. */
+    static uint32_t version_of(const uint8_t *block);
+};
+
+std::span<const tierctl_super_layout> tierctl_super_layouts();
 
 /* What a device says of itself: the layout of its super block, and the tables that this describes.
  */
@@ -42,6 +60,9 @@ struct tierctl_metadata {
         }
     }
 };
+
+/* Reads the block, aligned to 4096, in which the super block lies, whatever it holds. Throws. */
+void tierctl_read_super(const tierctl_device &device, uint8_t *block);
 
 /* Reads the super block and asks each layout, as the tool does, whether it is one of its own.
  * Throws when it cannot be read or is none. */

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+/* Texts and repair files in JSON, for people to edit. */
+
+/* The text with a replacement character for every byte that does not belong to valid UTF-8. */
+std::string tierctl_valid_utf8(std::string_view text);
+
+/* The text in quotation marks, byte for byte: printable ASCII as it stands, anything else as
+ * "\xff". Made for people, not JSON. */
+std::string tierctl_quoted(std::string_view text);
+
+/* An object in the making, one key a line. */
+class tierctl_template_json {
+public:
+    tierctl_template_json() { open('{', '}'); }
+
+    void number(std::string_view key, uint64_t value);
+    void text(std::string_view key, std::string_view text); /* valid UTF-8 */
+    void numbers(std::string_view key, std::span<const uint64_t> values);
+
+    /* An array of objects and each object in it. */
+    void open_array(std::string_view key);
+    void open_object();
+    void close();
+
+    /* The whole document, when all that was opened but itself is closed. */
+    std::string take();
+
+private:
+    void begin_line();
+    void begin_member(std::string_view key);
+    void open(char opening, char closing);
+
+    std::string text_;
+    std::string closing_; /* what closes each level, the outermost first */
+    bool empty_ = true;   /* the innermost level, so far */
+};
