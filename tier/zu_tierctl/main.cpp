@@ -21,7 +21,6 @@ int complain(const std::exception &error, int status)
 int run(int argc, char *argv[])
 {
     CLI::App app{"Companion of zu_tier: everything around the repair of a tier-cache device.",
-    CLI::App app{"Companion of zu_tier: works on whole tier-cache devices and images of them.",
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);

@@ -1,75 +1,83 @@
 #include "zu_tierctl/tierctl_json.h"
 
+#include "zu_tierctl/tierctl_text.h"
+
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 namespace {
 
-/* A form of a UTF-8 sequence: its first byte, and what its second byte may be. Those behind it are
- * 0x80..0xBF. Shorter forms of a character and halves of pairs are none. */
-struct sequence {
-    uint8_t first_min, first_max;
-    uint8_t second_min, second_max;
+constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD"; /* U+FFFD */
+
+/* Bytes that a sequence may begin with, what may follow at once, and how many bytes it has in all;
+ * the others continue it. Leaves out surrogates, overlong forms and what lies past U+10FFFF. */
+struct utf8_sequence {
+    uint8_t first_min;
+    uint8_t first_max;
+    uint8_t second_min;
+    uint8_t second_max;
     size_t length;
 };
 
-constexpr sequence SEQUENCES[] = {
-    {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3}, {0xE1, 0xEC, 0x80, 0xBF, 3},
-    {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3}, {0xF0, 0xF0, 0x90, 0xBF, 4},
-    {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
+constexpr utf8_sequence UTF8_SEQUENCES[] = {
+    {0x00, 0x7F, 0x00, 0xFF, 1}, {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
+    {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
+    {0xF0, 0xF0, 0x90, 0xBF, 4}, {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
 };
 
-bool is_between(char c, uint8_t min, uint8_t max)
+bool is_between(char byte, uint8_t min, uint8_t max)
 {
-    const auto byte = static_cast<uint8_t>(c);
-    return byte >= min && byte <= max;
+    const auto value = static_cast<uint8_t>(byte);
+    return value >= min && value <= max;
 }
 
-/* Bytes of the character beyond ASCII with which `text` begins; 0: it begins with none. */
+bool begins_with(std::string_view text, const utf8_sequence &sequence)
+{
+    if (text.size() < sequence.length ||
+        !is_between(text[0], sequence.first_min, sequence.first_max)) {
+        return false;
+    }
+    const std::string_view rest = text.substr(1, sequence.length - 1);
+    return rest.empty() || (is_between(rest[0], sequence.second_min, sequence.second_max) &&
+                            std::ranges::all_of(rest.substr(1), [](char byte) {
+                                return is_between(byte, 0x80, 0xBF);
+                            }));
+}
+
+/* Bytes of the valid sequence that the text begins with, or 0. */
 size_t sequence_length(std::string_view text)
 {
-    const auto *form = std::ranges::find_if(SEQUENCES, [text](const sequence &candidate) {
-        return is_between(text[0], candidate.first_min, candidate.first_max);
-    });
-    if (form == std::end(SEQUENCES) || text.size() < form->length ||
-        !is_between(text[1], form->second_min, form->second_max)) {
-        return 0;
-    }
-    const auto rest = text.substr(2, form->length - 2);
-    const auto goes_on = [](char c) { return is_between(c, 0x80, 0xBF); };
-    return std::ranges::all_of(rest, goes_on) ? form->length : 0;
-}
-
-void put_escaped(std::string &to, char c)
-{
-    if (c == '"' || c == '\\') {
-        to += {'\\', c};
-        return;
-    }
-    std::array<char, 8> escape{};
-    snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(c));
-    to += escape.data();
+    const auto *sequence = std::ranges::find_if(
+        UTF8_SEQUENCES, [text](const auto &known) { return begins_with(text, known); });
+    return sequence == std::end(UTF8_SEQUENCES) ? 0 : sequence->length;
 }
 
 } // namespace
 
+std::string tierctl_valid_utf8(std::string_view text)
+{
+    std::string valid;
+    while (!text.empty()) {
+        const size_t length = sequence_length(text);
+        valid += length > 0 ? text.substr(0, length) : REPLACEMENT;
+        text.remove_prefix(std::max(length, size_t{1}));
+    }
+    return valid;
+}
+
 std::string tierctl_json_text(std::string_view text)
 {
     std::string json = "\"";
-    while (!text.empty()) {
-        size_t length = 1;
-        if (is_between(text[0], 0x80, 0xFF)) {
-            length = sequence_length(text);
-            json += length == 0 ? "\\ufffd" : text.substr(0, length);
-        } else if (is_between(text[0], ' ', '~') && text[0] != '"' && text[0] != '\\') {
-            json += text[0];
-        } else {
-            put_escaped(json, text[0]);
+    for (const char byte : tierctl_valid_utf8(text)) {
+        if (is_between(byte, 0, 0x1F) || byte == 0x7F) {
+            json += tierctl_text("\\u%04x", static_cast<unsigned>(byte));
+            continue;
         }
-        text.remove_prefix(std::max<size_t>(length, 1));
+        if (byte == '"' || byte == '\\') {
+            json += '\\';
+        }
+        json += byte;
     }
     return json + '"';
 }

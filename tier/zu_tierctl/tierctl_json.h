@@ -3,6 +3,9 @@
 #include <string>
 #include <string_view>
 
-/* `text`, whatever its bytes, as a JSON string with its quotation marks: what is no UTF-8 becomes
- * the replacement character. */
+/* The text with the replacement character in the place of each byte that belongs to no character of
+ * UTF-8 (RFC 3629). */
+std::string tierctl_valid_utf8(std::string_view text);
+
+/* `text`, whatever its bytes, as a JSON string with its quotation marks: valid UTF-8. */
 std::string tierctl_json_text(std::string_view text);

@@ -1,6 +1,7 @@
 #include "zu_tierctl/tierctl_report.h"
 
 #include "zu_tierctl/tierctl_error.h"
+#include "zu_tierctl/tierctl_json.h"
 #include "zu_tierctl/tierctl_text.h"
 
 #include <array>
@@ -89,18 +90,18 @@ json_report::json_report(const std::string &device, std::string_view layout)
     : tierctl_report(device)
 {
     put(tierctl_text("{\"device\":%s,\"layout\":%s,\"findings\":[",
-                     tierctl_json_string(device).c_str(), tierctl_json_string(layout).c_str()));
+                     tierctl_json_text(device).c_str(), tierctl_json_text(layout).c_str()));
 }
 
 void json_report::write(const tierctl_finding &finding)
 {
-    put(tierctl_text(
-        "%s{\"kind\":%s,\"severity\":\"%s\",\"table\":%s,\"unit\":%s,\"no\":%lu,"
-        "\"offset\":%ld,\"command\":%s,\"text\":%s}",
-        delimiter_, tierctl_json_string(finding.kind.name).c_str(),
-        severity_name(finding.kind.severity), tierctl_json_string(finding.table).c_str(),
-        tierctl_json_string(finding.unit).c_str(), finding.no, finding.offset,
-        tierctl_json_string(command(finding)).c_str(), tierctl_json_string(finding.text).c_str()));
+    put(tierctl_text("%s{\"kind\":%s,\"severity\":\"%s\",\"table\":%s,\"unit\":%s,\"no\":%lu,"
+                     "\"offset\":%ld,\"command\":%s,\"text\":%s}",
+                     delimiter_, tierctl_json_text(finding.kind.name).c_str(),
+                     severity_name(finding.kind.severity), tierctl_json_text(finding.table).c_str(),
+                     tierctl_json_text(finding.unit).c_str(), finding.no, finding.offset,
+                     tierctl_json_text(command(finding)).c_str(),
+                     tierctl_json_text(finding.text).c_str()));
     delimiter_ = ",\n";
 }
 
@@ -110,7 +111,7 @@ void json_report::write_end()
     const char *between = "";
     for (const table_counts &table : counts()) {
         text += between;
-        text += tierctl_json_string(table.table);
+        text += tierctl_json_text(table.table);
         between = ":{";
         for (const count_column &column : COLUMNS) {
             text += tierctl_text("%s\"%s\":%lu", between, column.key, table.counts.*column.count);
@@ -122,7 +123,7 @@ void json_report::write_end()
     between = "";
     for (const auto &[kind, count] : kinds()) {
         text += between;
-        text += tierctl_json_string(kind) + tierctl_text(":%lu", count);
+        text += tierctl_json_text(kind) + tierctl_text(":%lu", count);
         between = ",";
     }
     put(text + "}}\n");

@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/tierctl_error.h"
 #include "zu_tierctl/tierctl_template_kinds.h"
+#include "zu_tierctl/tierctl_text.h"
 
 #include <algorithm>
 #include <array>
@@ -110,21 +111,6 @@ void note_flaws(tierctl_draft &draft)
     }
 }
 
-/* The text as one word of a command line. */
-std::string shell_word(const std::string &text)
-{
-    constexpr std::string_view SAFE =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:@%";
-    if (!text.empty() && text.find_first_not_of(SAFE) == std::string::npos) {
-        return text;
-    }
-    std::string word = "'";
-    for (const char character : text) {
-        word += character == '\'' ? "'\\''" : std::string(1, character);
-    }
-    return word + "'";
-}
-
 /* The option that a device without a sound super block needs: the layout as the tool knows it. */
 std::string version_option(const tierctl_draft &draft, const tierctl_metadata &metadata)
 {
@@ -139,8 +125,8 @@ void note_command(tierctl_draft &draft, const tierctl_metadata &metadata)
 {
     const std::string option = draft.table.name == SUPER ? version_option(draft, metadata) : "";
     draft.note("to repair it, with this file as FILE: zu_tier -p " +
-               shell_word(draft.device.path()) + " -c repair_" + std::string(draft.table.name) +
-               option + " -f FILE -y");
+               tierctl_shell_word(draft.device.path()) + " -c repair_" +
+               std::string(draft.table.name) + option + " -f FILE -y");
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "zu_tierctl/tierctl_template_draft.h"
 
+#include "zu_tierctl/tierctl_json.h"
+
 #include "zu_tier/tier_time.h"
 
 #include <cinttypes>

@@ -4,6 +4,7 @@
 #include "zu_tier/tier_record.h"
 #include "zu_tierctl/tierctl_metadata.h"
 #include "zu_tierctl/tierctl_template_json.h"
+#include "zu_tierctl/tierctl_text.h"
 
 #include <algorithm>
 #include <array>

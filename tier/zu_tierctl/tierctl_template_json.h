@@ -5,16 +5,7 @@
 #include <string>
 #include <string_view>
 
-/* Texts and repair files in JSON, for people to edit. */
-
-/* The text with a replacement character for every byte that does not belong to valid UTF-8. */
-std::string tierctl_valid_utf8(std::string_view text);
-
-/* The text in quotation marks, byte for byte: printable ASCII as it stands, anything else as
- * "\xff". Made for people, not JSON. */
-std::string tierctl_quoted(std::string_view text);
-
-/* An object in the making, one key a line. */
+/* A repair file, for people to edit: an object in the making, one key a line. */
 class tierctl_template_json {
 public:
     tierctl_template_json() { open('{', '}'); }
