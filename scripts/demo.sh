@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # An operator's day in a minute: installs what is missing, builds the tool, makes a sample device
-# with a damaged inode, finds the inode, rehearses its repair, commits it and looks again. Then what
+# with a damaged inode, finds it, prepares and rehearses its repair, commits it and checks again. Then what
 # is new on a device of layout V2, how a device of V1 becomes one, and a block of extents on one of V3.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -42,6 +42,12 @@ run() {
     eval "$1"
 }
 
+# finds COMMAND: the same with a command whose status 1 says that there is something to be found.
+finds() {
+    printf '\n$ %s\n' "$1"
+    ! eval "$1"
+}
+
 say "A sample device: a V1 layout with one damaged inode"
 run "zu_tierctl sample --layout v1 --bricks 3 --inodes 48 --blocks 64 --damage inode:7 sample.img"
 attach sample.img
@@ -55,34 +61,26 @@ run "$tool -c dump_brick -g use=1 | jq ."
 say "The first two files of brick 0"
 run "$tool -c dump_inode -g owner=0 | jq '.[:2]'"
 
-say "Is anything damaged? Error records only: 14 is a failed check, 5 a read error"
-run "$tool -c dump_brick -g error=1; echo"
+say "Is anything damaged? Status 1 says so"
+finds "zu_tierctl check $device"
 run "$tool -c dump_inode -g error=1 2>/dev/null | jq ."
-run "$tool -c dump_extent -g error=1; echo"
 
-say "The log holds the damaged inode as it stands on the device"
-run "grep -o '{\"checksum.*}' tier.log | tail -n 1 | jq . | tee damaged.json"
-
-say "The repair file: the same values under the repair keys, times in nanoseconds"
-cat >to_repair.jq <<'JQ'
-def ns: strptime("%Y-%m-%d %H:%M:%S") | mktime * 1000000000;
-{ i_no: .no, i_use: .use,
-  i_atime: (.atime | ns), i_ctime: (.ctime | ns), i_mtime: (.mtime | ns), i_dtime: (.dtime | ns),
-  i_uuid: .uuid, i_size: .size, i_priority: .priority, i_brick_no: .brick_no, i_unlink: .unlink }
-JQ
-run "jq -f to_repair.jq damaged.json | tee inode.json"
+say "The repair file of the damaged inode: what can be read of it, ready to be edited"
+run "zu_tierctl template $device inode 7 | tee inode.json"
 
 say "A dry run checks the file and shows the entry; the device is not written"
 run "$tool -c repair_inode -f inode.json | jq ."
 
-offset=$($tool -c repair_inode -f inode.json | jq .meta_offset)
-say "Keep the old block, commit with -y"
-run "dd if=$device of=inode-7.block bs=4096 skip=$((offset / 4096)) count=1 status=none"
+say "Keep a copy of the metadata, commit with -y"
+run "zu_tierctl save $device before.img"
 run "$tool -c repair_inode -f inode.json -y | jq -c '{no, checksum, meta_offset}'"
 
-say "Look again: nothing is damaged, and inode 7 is back"
-run "$tool -c dump_inode -g error=1; echo"
-run "$tool -c dump_inode -n 7 | jq ."
+say "What has changed? Exactly one entry; and nothing is damaged any more"
+finds "zu_tierctl diff before.img $device"
+run "zu_tierctl check $device"
+
+say "What it looks like"
+run "zu_tierctl map $device"
 
 say "Layout V2 has room for more inodes behind the data; one of these is damaged"
 run "zu_tierctl sample --layout v2 --inodes 48 --blocks 64 --expansion 153600 --damage inode:99 v2.img"
@@ -123,5 +121,5 @@ say "A block is repaired whole. Its description comes from a copy of the device 
 run "zu_tier -l tier.log -p healthy.img -c dump_extent -n 3 -g use=1 >extents.json"
 run "jq -c '{meta_offset, first: .extents[0], count: (.extents | length)}' extents.json"
 run "$tool -c repair_extent -f extents.json -y"
-run "$tool -c dump_extent -g error=1; echo"
 run "cmp $device healthy.img && echo 'as good as the copy'"
+run "zu_tierctl check $device | tail -n 1"
