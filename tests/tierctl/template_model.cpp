@@ -125,30 +125,52 @@ std::vector<StoredField> keys_of(const std::vector<StoredField> &fields,
 }
 
 const std::vector<StoredField> HEAD{
-    {"checksum", 0, 4, Form::HEX},  {"magic", 4, 4, Form::HEX},
-    {"brick_table_size", 8, 8},     {"inode_table_size", 16, 8},
-    {"extent_table_size", 24, 8},   {"data_offset", 32, 8},
-    {"ctime", 40, 8, Form::HEX_AND_TIME}, {"uuid", 48, 16, Form::UUID},
-    {"ssd_uuid", 64, 48, Form::TEXT},     {"version", 112, 4, Form::HEX},
-    {"super block size", 116, 4},   {"brick_cnt", 120, 4},
-    {"inode_cnt", 124, 4},          {"block_size", 128, 4},
-    {"block_cnt", 132, 4},          {"extent_size", 136, 4},
+    {"checksum", 0, 4, Form::HEX},
+    {"magic", 4, 4, Form::HEX},
+    {"brick_table_size", 8, 8},
+    {"inode_table_size", 16, 8},
+    {"extent_table_size", 24, 8},
+    {"data_offset", 32, 8},
+    {"ctime", 40, 8, Form::HEX_AND_TIME},
+    {"uuid", 48, 16, Form::UUID},
+    {"ssd_uuid", 64, 48, Form::TEXT},
+    {"version", 112, 4, Form::HEX},
+    {"super block size", 116, 4},
+    {"brick_cnt", 120, 4},
+    {"inode_cnt", 124, 4},
+    {"block_size", 128, 4},
+    {"block_cnt", 132, 4},
+    {"extent_size", 136, 4},
 };
 
 const std::vector<StoredField> BRICK{
-    {"bi_checksum", 0, 4, Form::HEX}, {"bi_magic", 4, 4, Form::HEX},
-    {"bi_use", 8, 4},                 {"bi_no", 12, 4},
-    {"bi_uuid", 16, 16, Form::UUID},  {"bi_brickid", 32, 128, Form::TEXT},
-    {"bi_unlink", 160, 4},            {"bi_reserved", 164, 4},
+    {"bi_checksum", 0, 4, Form::HEX},
+    {"bi_magic", 4, 4, Form::HEX},
+    {"bi_use", 8, 4},
+    {"bi_no", 12, 4},
+    {"bi_uuid", 16, 16, Form::UUID},
+    {"bi_brickid", 32, 128, Form::TEXT},
+    {"bi_unlink", 160, 4},
+    {"bi_reserved", 164, 4},
 };
 
 std::vector<StoredField> inode_fields(const std::string &word80, const std::string &word88)
 {
-    return {{"checksum", 0, 4, Form::HEX}, {"magic", 4, 4, Form::HEX}, {"atime", 8, 8, Form::TIME},
-            {"ctime", 16, 8, Form::TIME},  {"mtime", 24, 8, Form::TIME}, {"dtime", 32, 8, Form::TIME},
-            {"uuid", 40, 16, Form::UUID},  {"size", 56, 8},            {"priority", 64, 4},
-            {"no", 68, 4},                 {"brick_no", 72, 4},        {"unlink", 76, 2},
-            {"use", 78, 2},                {word80, 80, 8},            {word88, 88, 8}};
+    return {{"checksum", 0, 4, Form::HEX},
+            {"magic", 4, 4, Form::HEX},
+            {"atime", 8, 8, Form::TIME},
+            {"ctime", 16, 8, Form::TIME},
+            {"mtime", 24, 8, Form::TIME},
+            {"dtime", 32, 8, Form::TIME},
+            {"uuid", 40, 16, Form::UUID},
+            {"size", 56, 8},
+            {"priority", 64, 4},
+            {"no", 68, 4},
+            {"brick_no", 72, 4},
+            {"unlink", 76, 2},
+            {"use", 78, 2},
+            {word80, 80, 8},
+            {word88, 88, 8}};
 }
 
 const std::vector<StoredField> EXTENT{
@@ -206,8 +228,8 @@ SlotTable brick_slots(const Super &sb, std::uint32_t magic)
     return {.name = "brick",
             .length = BrickV1::LENGTH,
             .shown = BRICK,
-            .keys = keys_of(
-                BRICK, same_names({"bi_use", "bi_no", "bi_uuid", "bi_brickid", "bi_unlink"})),
+            .keys = keys_of(BRICK,
+                            same_names({"bi_use", "bi_no", "bi_uuid", "bi_brickid", "bi_unlink"})),
             .always = 2,
             .areas = {{"", BLOCK_SIZE}},
             .use = {"", 8, 4},
@@ -220,11 +242,17 @@ template <class Super>
 SlotTable inode_slots(const Super &sb, std::uint32_t magic, const std::vector<StoredField> &fields,
                       const std::vector<std::pair<std::string, std::string>> &more_keys)
 {
-    std::vector<std::pair<std::string, std::string>> names{
-        {"i_no", "no"},       {"i_use", "use"},     {"i_atime", "atime"},
-        {"i_ctime", "ctime"}, {"i_mtime", "mtime"}, {"i_dtime", "dtime"},
-        {"i_uuid", "uuid"},   {"i_size", "size"},   {"i_priority", "priority"},
-        {"i_brick_no", "brick_no"}, {"i_unlink", "unlink"}};
+    std::vector<std::pair<std::string, std::string>> names{{"i_no", "no"},
+                                                           {"i_use", "use"},
+                                                           {"i_atime", "atime"},
+                                                           {"i_ctime", "ctime"},
+                                                           {"i_mtime", "mtime"},
+                                                           {"i_dtime", "dtime"},
+                                                           {"i_uuid", "uuid"},
+                                                           {"i_size", "size"},
+                                                           {"i_priority", "priority"},
+                                                           {"i_brick_no", "brick_no"},
+                                                           {"i_unlink", "unlink"}};
     names.insert(names.end(), more_keys.begin(), more_keys.end());
     return {.name = "inode",
             .length = InodeV1::LENGTH,
@@ -240,7 +268,8 @@ SlotTable inode_slots(const Super &sb, std::uint32_t magic, const std::vector<St
             }};
 }
 
-SlotTable extent_slots(const SuperHead &sb, std::size_t length, const std::vector<std::string> &keys)
+SlotTable extent_slots(const SuperHead &sb, std::size_t length,
+                       const std::vector<std::string> &keys)
 {
     return {.name = "extent",
             .length = length,
@@ -273,11 +302,11 @@ std::string pieces_rest(const SuperV2 &sb, const Block &from, bool in_use, Block
         const std::size_t at = sb.extent_size + 16 * mapno;
         if (get_u64(from, at) == 0 && get_u64(from, at + 8) == 0)
             continue;
-        list += text("%s    {\n      \"mapno\": %u,\n      \"offset\": %lu,\n      \"clean\": %u,\n"
-                     "      \"len\": %u,\n      \"begin\": %hu,\n      \"cnt\": %hu\n    }",
-                     list.empty() ? "\n" : ",\n", mapno, get_u64(from, at),
-                     get_u32(from, at + 8) & 1U, get_u32(from, at + 8) >> 1, get_u16(from, at + 12),
-                     get_u16(from, at + 14));
+        list +=
+            text("%s    {\n      \"mapno\": %u,\n      \"offset\": %lu,\n      \"clean\": %u,\n"
+                 "      \"len\": %u,\n      \"begin\": %hu,\n      \"cnt\": %hu\n    }",
+                 list.empty() ? "\n" : ",\n", mapno, get_u64(from, at), get_u32(from, at + 8) & 1U,
+                 get_u32(from, at + 8) >> 1, get_u16(from, at + 12), get_u16(from, at + 14));
         if (in_use)
             copy_field(from, {"", at, 16}, to);
     }
@@ -302,8 +331,8 @@ void add_cleared(std::vector<std::string> &notes, const Block &before, const Blo
                 lost.push_back(at);
         if (!lost.empty())
             notes.push_back(
-                text("a repair clears %sbytes %zu..%zu: ", name.empty() ? "" : (name + ", ").c_str(),
-                     lost.front(), lost.back()) +
+                text("a repair clears %sbytes %zu..%zu: ",
+                     name.empty() ? "" : (name + ", ").c_str(), lost.front(), lost.back()) +
                 hex_bytes(
                     ConstByteSpan(before).subspan(lost.front(), lost.back() - lost.front() + 1)));
         begin = end;
@@ -390,22 +419,24 @@ SlotTable super_slots(const SuperV1 &)
 
 SlotTable super_slots(const SuperV2 &)
 {
-    const std::vector<StoredField> fields = joined_fields(HEAD, {
-                                                 {"exp_inode_magic", 140, 2, Form::HEX},
-                                                 {"exp_inode_inuse", 143, 1, Form::HEX},
-                                                 {"sb_inode_exp_area", 142, 1},
-                                                 {"min_alloc_size", 144, 4},
-                                                 {"total_map_size", 148, 4},
-                                                 {"map_cnt", 152, 4},
-                                                 {"size_mapped_meta", 156, 4},
-                                                 {"hot_size", 160, 4},
-                                                 {"total_extent_size", 164, 4},
-                                             });
+    const std::vector<StoredField> fields =
+        joined_fields(HEAD, {
+                                {"exp_inode_magic", 140, 2, Form::HEX},
+                                {"exp_inode_inuse", 143, 1, Form::HEX},
+                                {"sb_inode_exp_area", 142, 1},
+                                {"min_alloc_size", 144, 4},
+                                {"total_map_size", 148, 4},
+                                {"map_cnt", 152, 4},
+                                {"size_mapped_meta", 156, 4},
+                                {"hot_size", 160, 4},
+                                {"total_extent_size", 164, 4},
+                            });
     SlotTable table = super_table(SuperV2::LENGTH, fields,
                                   {"checksum", "magic", "exp_inode_magic", "exp_inode_inuse",
                                    "sb_inode_exp_area", "total_extent_size"},
                                   0xCACBCCCD, 0x20000);
-    const auto behind_the_head = std::ranges::find(table.keys, "min_alloc_size", &StoredField::name);
+    const auto behind_the_head =
+        std::ranges::find(table.keys, "min_alloc_size", &StoredField::name);
     table.keys.insert(behind_the_head, {{"exp_inode_cnt", 142, 1, Form::EXPANSION},
                                         {"exp_inode_magic", 140, 2, Form::HEX},
                                         {"exp_inode_inuse", 143, 1, Form::HEX}});
@@ -423,19 +454,24 @@ SlotTable super_slots(const SuperV2 &)
 
 SlotTable super_slots(const SuperV3 &)
 {
-    std::vector<StoredField> fields{
-        {"checksum", 0, 4, Form::HEX},  {"magic", 4, 4, Form::HEX},
-        {"sb_offset", 8, 8},            {"super block size", 16, 8},
-        {"reserved_offset", 24, 8},     {"reserved_size", 32, 8},
-        {"ctime", 40, 8, Form::HEX_AND_TIME}, {"uuid", 48, 16, Form::UUID},
-        {"ssd_uuid", 64, 48, Form::TEXT},     {"version", 112, 4, Form::HEX},
-        {"reserved", 116, 4}};
+    std::vector<StoredField> fields{{"checksum", 0, 4, Form::HEX},
+                                    {"magic", 4, 4, Form::HEX},
+                                    {"sb_offset", 8, 8},
+                                    {"super block size", 16, 8},
+                                    {"reserved_offset", 24, 8},
+                                    {"reserved_size", 32, 8},
+                                    {"ctime", 40, 8, Form::HEX_AND_TIME},
+                                    {"uuid", 48, 16, Form::UUID},
+                                    {"ssd_uuid", 64, 48, Form::TEXT},
+                                    {"version", 112, 4, Form::HEX},
+                                    {"reserved", 116, 4}};
     const std::vector<std::string> words{
-        "brick_table_offset",  "brick_table_size",  "brick_cnt",        "inode_table_offset",
-        "inode_table_size",    "inode_cnt",         "shard_table_offset", "shard_table_size",
-        "shard_table_cnt",     "extent_table_offset", "extent_table_size", "extent_table_cnt",
-        "hot_table_offset",    "hot_table_size",    "data_offset",      "data_table_size",
-        "block_size",          "block_cnt"};
+        "brick_table_offset",  "brick_table_size",  "brick_cnt",
+        "inode_table_offset",  "inode_table_size",  "inode_cnt",
+        "shard_table_offset",  "shard_table_size",  "shard_table_cnt",
+        "extent_table_offset", "extent_table_size", "extent_table_cnt",
+        "hot_table_offset",    "hot_table_size",    "data_offset",
+        "data_table_size",     "block_size",        "block_cnt"};
     for (std::size_t i = 0; i < words.size(); ++i)
         fields.push_back({words[i], 120 + 8 * i, 8});
     return super_table(SuperV3::LENGTH, fields, {"checksum", "magic"}, 0xCACBDCBD, 0x30000);
@@ -443,10 +479,10 @@ SlotTable super_slots(const SuperV3 &)
 
 std::vector<SlotTable> slot_tables(const SuperV1 &sb)
 {
-    SlotTable extents = extent_slots(
-        sb, sb.extent_size,
-        {"te_use", "te_no", "te_block", "te_size", "te_inode_no", "te_sampling_low",
-         "te_sampling_mid", "te_sampling_high", "te_clean", "te_ntime", "te_hot"});
+    SlotTable extents =
+        extent_slots(sb, sb.extent_size,
+                     {"te_use", "te_no", "te_block", "te_size", "te_inode_no", "te_sampling_low",
+                      "te_sampling_mid", "te_sampling_high", "te_clean", "te_ntime", "te_hot"});
     const std::size_t words = (sb.extent_size - 56) / 8;
     extents.areas = {{"bitmap", 56 + 8 * words}, {"", BLOCK_SIZE}};
     extents.rest = [words](const Block &from, bool in_use, Block &to) {

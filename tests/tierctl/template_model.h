@@ -40,7 +40,7 @@ struct StoredArea {
 
 // What a template says: the file, the notes of what a repair changes, and the block that it makes.
 struct ExpectedTemplate {
-    std::string file;
+    std::string file{};
     std::vector<std::string> changes{};
     Block repaired{};
     bool random_uuid = false; // the repaired brick has an identity that nobody knows
@@ -49,7 +49,7 @@ struct ExpectedTemplate {
 // A table of slots.
 struct SlotTable {
     std::string name;
-    std::size_t length; // of the record
+    std::size_t length;             // of the record
     std::vector<StoredField> shown; // all fields in the order of a dump
     std::vector<StoredField> keys;  // in the order of a repair file
     std::size_t always;             // that many keys count even when the entry is free
@@ -94,21 +94,20 @@ void seal_packed(const ShardTable &table, Block &block);
 void seal_packed(const ExtentTable &table, Block &block);
 
 // What the block has outside its entries, as a dump shows it.
-inline std::vector<std::pair<std::string, std::string>> packed_head(const ShardTable &table,
-                                                                    const Block &block,
-                                                                    std::uint64_t)
+inline std::vector<std::pair<std::string, std::string>>
+packed_head(const ShardTable &table, const Block &block, std::uint64_t)
 {
     return {{"checksum", text("0x%x", table.stored_checksum(block))},
             {"magic", text("0x%x", get_u32(block, 4))}};
 }
-inline std::vector<std::pair<std::string, std::string>> packed_head(const ExtentTable &table,
-                                                                    const Block &block,
-                                                                    std::uint64_t first_no)
+inline std::vector<std::pair<std::string, std::string>>
+packed_head(const ExtentTable &table, const Block &block, std::uint64_t first_no)
 {
     std::vector<std::pair<std::string, std::string>> head{
         {"checksum", text("0x%x", table.stored_checksum(block))}};
     for (std::uint64_t slot = 32; slot < SLOTS_V3; ++slot)
-        head.emplace_back(text("eno %lu, checksum", first_no + slot), std::to_string(block[8 * slot] & 1));
+        head.emplace_back(text("eno %lu, checksum", first_no + slot),
+                          std::to_string(block[8 * slot] & 1));
     return head;
 }
 
@@ -119,10 +118,11 @@ ExpectedTemplate expect_packed(const PackedTable<Packed, Entry> &table, const Su
     ExpectedTemplate expected;
     std::vector<std::string> entries;
     for (std::uint64_t slot = table.first_slot; slot < SLOTS_V3; ++slot) {
-        const auto entry = entry_of(table, static_cast<std::uint32_t>(slot), get_u64(block, 8 * slot));
+        const auto entry =
+            entry_of(table, static_cast<std::uint32_t>(slot), get_u64(block, 8 * slot));
         const std::string name = text("%s %lu", table.number_key.c_str(), no * SLOTS_V3 + slot);
-        std::string item = text("    {\n      \"%s\": %lu", table.number_key.c_str(),
-                                no * SLOTS_V3 + slot);
+        std::string item =
+            text("    {\n      \"%s\": %lu", table.number_key.c_str(), no * SLOTS_V3 + slot);
         std::uint64_t word = 0;
         for (const PackedField<Entry> &field : table.fields) {
             const std::uint64_t value = entry.*field.value;

@@ -85,13 +85,12 @@ Device sample(const std::string &layout, Args args, const std::string &seed)
 }
 
 const Args BLOCKS{"--blocks", "12", "--block-size", "262144"};
-const Args PACKED{"--blocks", "1",    "--block-size", "8192", "--shards",  "1024",
-                  "--hot-size", "8192", "--extents",  "1536"};
+const Args PACKED{"--blocks", "1",          "--block-size", "8192",      "--shards",
+                  "1024",     "--hot-size", "8192",         "--extents", "1536"};
 
 class TemplateOfSamples : public testing::TestWithParam<std::string> {};
 
-INSTANTIATE_TEST_SUITE_P(Seeds, TemplateOfSamples,
-                         testing::Values("1", "18446744073709551615"));
+INSTANTIATE_TEST_SUITE_P(Seeds, TemplateOfSamples, testing::Values("1", "18446744073709551615"));
 
 TEST_P(TemplateOfSamples, V1)
 {
@@ -121,8 +120,8 @@ TEST(TemplateOfFullEntries, V1)
         sb.reserved = 0x80000001;
         ExtentV1 extent = extent_used(1, 2);
         extent.bitmap.resize((extent_size - 56) / 8, 0x8000000000000001U);
-        Device device = make_v1_device(sb, {brick_used(1)}, {inode_used(1, 1), inode_used(2, 0)},
-                                       {extent});
+        Device device =
+            make_v1_device(sb, {brick_used(1)}, {inode_used(1, 1), inode_used(2, 0)}, {extent});
         if (extent_size == 61) { // bytes that are no whole word
             Block block = encode(extent, extent_size);
             put_u8(block, 60, 7);
@@ -136,8 +135,7 @@ TEST(TemplateOfFullEntries, V1)
 TEST(TemplateOfFullEntries, V2)
 {
     SuperV2 sb = super_v2(2, 3, 3);
-    Device device = make_v2_device(sb, {brick_used(1)},
-                                   {inode_v2_used(1, 1), inode_v2_used(2, 0)},
+    Device device = make_v2_device(sb, {brick_used(1)}, {inode_v2_used(1, 1), inode_v2_used(2, 0)},
                                    {extent_v2_used(1, 2)});
     check_cache(device, sb);
 }
@@ -186,8 +184,8 @@ TEST(TemplateOfFullEntries, Freed)
 TEST(TemplateOfFullEntries, NoiseBehindTheRecords)
 {
     SuperV2 sb = super_v2(1, 1, 1);
-    Device device = make_v2_device(sb, {brick_used(0)}, {inode_v2_used(0, 0)},
-                                   {extent_v2_used(0, 0)});
+    Device device =
+        make_v2_device(sb, {brick_used(0)}, {inode_v2_used(0, 0)}, {extent_v2_used(0, 0)});
     const std::vector<std::pair<std::int64_t, std::size_t>> records{
         {4096, SuperV2::LENGTH},
         {brick_offset(sb, 0), BrickV2::LENGTH},

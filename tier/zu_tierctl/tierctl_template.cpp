@@ -151,6 +151,9 @@ tierctl_template tierctl_make_template(const tierctl_device &device, std::string
         note_flaws(draft);
     }
     draft_of(table_name, metadata.version)(draft, metadata);
+    for (const std::string &why : draft.refusals) {
+        draft.note("zu_tier refuses this file as it stands: " + why);
+    }
     note_command(draft, metadata);
     return {draft.file.take(), std::move(draft.notes)};
 }

@@ -70,11 +70,6 @@ void tierctl_draft::note_number_change(const std::string &what, uint64_t before,
     }
 }
 
-void tierctl_draft::note_refusal(const std::string &why)
-{
-    note("zu_tier refuses this file as it stands: " + why);
-}
-
 void tierctl_draft::note_cleared(size_t begin, std::span<const tierctl_area> areas)
 {
     for (const auto &[name, end] : areas) {

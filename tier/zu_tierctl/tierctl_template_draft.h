@@ -15,6 +15,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 /* A repair file in the making, and what is to be said of it: an entry as it stands, and the block
@@ -34,6 +35,7 @@ struct tierctl_draft {
     alignas(uint64_t) std::array<uint8_t, SIZE_4K> repaired{};
     tierctl_template_json file{};
     std::vector<std::string> notes{};
+    std::vector<std::string> refusals{}; /* why the tool does not take the file as it is */
 
     /* The entry as it stands. */
     template <class Record>
@@ -54,7 +56,7 @@ struct tierctl_draft {
     void note(std::string text) { notes.push_back(std::move(text)); }
     void note_change(std::string_view what, const std::string &before, const std::string &after);
     void note_number_change(const std::string &what, uint64_t before, uint64_t after);
-    void note_refusal(const std::string &why);
+    void note_refusal(std::string why) { refusals.push_back(std::move(why)); }
 
     /* Says of each area, the first of which begins at byte `begin`, what the repair clears. */
     void note_cleared(size_t begin, std::span<const tierctl_area> areas);

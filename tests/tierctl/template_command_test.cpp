@@ -1,0 +1,145 @@
+// The command line of zu_tierctl template, and output that gets lost.
+
+#include "template_run.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+using namespace tier_test;
+
+namespace {
+
+class TemplateCommand : public testing::Test {
+protected:
+    const SuperV1 sb = super_v1(2, 3, 4);
+    Device device = make_v1_device(sb, {brick_used(0)});
+
+    void refuse(const std::vector<std::string> &args, int status, const std::string &complaint)
+    {
+        expect_template_failure(device, args, status, complaint);
+    }
+
+    RunResult shell(const std::string &redirection) const
+    {
+        return run_program("/bin/bash", {"-c", "exec \"$0\" template \"$1\" inode 0 " + redirection,
+                                         ZU_TIERCTL, device.path()});
+    }
+};
+
+TEST_F(TemplateCommand, Tables)
+{
+    for (const std::string table : {"shard", "hot", "", "Inode", "inodes"})
+        refuse({table, "0"}, 2, "there is no table " + table + ", but super, brick, inode, extent");
+    refuse({"super", "1"}, 2, "there is no super 1 among 1");
+    refuse({"brick", "2"}, 2, "there is no brick 2 among 2");
+    refuse({"inode", "3"}, 2, "there is no inode 3 among 3");
+    refuse({"extent", "18446744073709551615"}, 2,
+           "there is no extent 18446744073709551615 among 4");
+}
+
+TEST_F(TemplateCommand, Numbers)
+{
+    for (const std::string no : {"", "x", "1x", "0x1", " 1", "1 ", "18446744073709551616", "1.0"})
+        refuse({"inode", no}, 2, "NO " + no + ": expected a number of up to 64 bits");
+    EXPECT_EQ(run_template(device, {"inode", "007"}).status, 2);
+    EXPECT_EQ(run_template(device, {"inode", "002"}).out, run_template(device, {"inode", "2"}).out);
+}
+
+TEST_F(TemplateCommand, Layouts)
+{
+    refuse({"inode", "0", "--layout", "v1"}, 2, "--layout is for the super block only");
+    refuse({"super", "0", "--layout", "v4"}, 2, "unknown layout v4");
+}
+
+TEST_F(TemplateCommand, Arguments)
+{
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{}, {"inode"}, {"inode", "0", "1"}, {"inode", "0", "--what"}}) {
+        const RunResult run = run_template(device, args);
+        EXPECT_EQ(run.status, 2) << run;
+        EXPECT_EQ(run.out, "");
+        EXPECT_NE(run.err, "");
+    }
+}
+
+TEST_F(TemplateCommand, Help)
+{
+    const RunResult run = run_program(ZU_TIERCTL, {"template", "--help"});
+    EXPECT_EQ(run.status, 0) << run;
+    for (const std::string word : {"DEVICE", "TABLE", "NO", "--layout", "repair_inode -f"})
+        EXPECT_NE(run.out.find(word), std::string::npos) << word;
+}
+
+TEST_F(TemplateCommand, Devices)
+{
+    const std::string directory = device.directory().path("");
+    const auto refused = [](const std::string &path, const std::string &complaint) {
+        const RunResult run = run_program(ZU_TIERCTL, {"template", path, "inode", "0"});
+        EXPECT_EQ(run.status, 1) << run;
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err, "zu_tierctl: " + complaint + "\n");
+    };
+    refused(directory + "none", "cannot open " + directory + "none: No such file or directory");
+    refused(directory, directory + " is neither a regular file nor a block device");
+}
+
+TEST_F(TemplateCommand, WhatCannotBeRead)
+{
+    device.truncate(static_cast<std::uint64_t>(inode_offset(sb, 2)) + BLOCK_SIZE - 1);
+    EXPECT_EQ(run_template(device, {"inode", "1"}).status, 0);
+    refuse({"inode", "2"}, 1,
+           "cannot read inode 2 of " + device.path() + ": No such device or address");
+    device.truncate(2 * BLOCK_SIZE - 1);
+    const std::string complaint =
+        "cannot read the super block of " + device.path() + ": No such device or address";
+    refuse({"inode", "0"}, 1, complaint);
+    refuse({"super", "0"}, 1, complaint);
+}
+
+// Tables that a sealed super block puts anywhere.
+TEST_F(TemplateCommand, HostileGeometry)
+{
+    SuperV3 v3 = super_v3(1, 1);
+    Device other = make_v3_device(v3);
+    v3.inode_cnt = v3.shard_cnt = v3.extent_cnt = v3.hot_table_size = UINT64_MAX;
+    v3.inode_table_offset = v3.shard_table_offset = v3.extent_table_offset = UINT64_MAX;
+    v3.hot_table_offset = std::uint64_t{1} << 63;
+    other.write(4096, encode(v3));
+    for (const std::string table : {"inode", "shard", "extent", "hot"})
+        for (const std::string no : {"0", "1", "4294967295"})
+            expect_template_failure(other, {table, no}, 1,
+                                    "cannot read " + table + " " + no + " of " + other.path() +
+                                        ": No such device or address");
+    v3.inode_cnt = v3.shard_cnt = v3.extent_cnt = v3.hot_table_size = 0;
+    other.write(4096, encode(v3));
+    for (const std::string table : {"inode", "shard", "extent", "hot"})
+        expect_template_failure(other, {table, "0"}, 2, "there is no " + table + " 0 among 0");
+}
+
+// The command to use next can be pasted.
+TEST_F(TemplateCommand, PathsThatAShellWouldTakeApart)
+{
+    const std::string odd = device.directory().path("it's $here");
+    std::filesystem::create_hard_link(device.path(), odd);
+    const RunResult run = run_program(ZU_TIERCTL, {"template", odd, "inode", "0"});
+    EXPECT_EQ(run.status, 0) << run;
+    const std::string word = "zu_tier -p '" + device.directory().path("it'\\''s $here") + "' -c";
+    EXPECT_NE(run.err.find(word), std::string::npos) << run;
+}
+
+TEST_F(TemplateCommand, LostOutput)
+{
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {">/dev/full", "No space left on device"},
+        {">&-", "Bad file descriptor"},
+        {"> >(exec <&-; exec sleep 0.2)", "Broken pipe"},
+    };
+    for (const auto &[redirection, reason] : cases) {
+        SCOPED_TRACE(redirection);
+        const RunResult run = shell(redirection);
+        EXPECT_EQ(run.status, 1) << run;
+        EXPECT_EQ(run.err, "zu_tierctl: cannot write to standard output: " + reason + "\n");
+    }
+}
+
+} // namespace
