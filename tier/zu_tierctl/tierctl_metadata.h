@@ -32,9 +32,9 @@ std::span<const tierctl_super_layout> tierctl_super_layouts();
 /* What a device says of itself: the layout of its super block, and the tables that this describes.
  */
 struct tierctl_metadata {
-    tierctl_version version;
-    std::string_view layout_name; /* "v1" */
     alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> super_block;
+    tierctl_version version;
+    std::string_view layout_name;      /* "v1" */
     std::vector<tierctl_table> tables; /* the first is the super block itself */
 
     /* The super block as the record of its layout. */

@@ -74,30 +74,35 @@ std::string tierctl_hex(uint64_t value);
 /* Copies the members that keys name from an entry as it stands to the file and, as far as the
  * repair reads them, to the zeroed entry that it makes. */
 template <class Record>
-struct tierctl_carrier {
-    tierctl_draft &draft;
-    const Record &from;
-    Record &to;
-    bool read = true;
+class tierctl_carrier {
+public:
+    tierctl_carrier(tierctl_draft &draft, const Record &from, Record &to, bool read = true)
+        : draft_(draft), from_(from), to_(to), read_(read)
+    {
+    }
+
+    tierctl_draft &draft() const { return draft_; }
+    const Record &from() const { return from_; }
+    Record &to() const { return to_; }
 
     template <class Member>
     void carry(const zutr_key<Record, Member> &key) const
     {
-        const Member &value = from.*key.member;
-        Member &repaired = to.*key.member;
+        const Member &value = from_.*key.member;
+        Member &repaired = to_.*key.member;
         if constexpr (std::is_same_v<std::remove_extent_t<Member>, char>) {
-            const std::string text = draft.text(key.name, zutr_bounded(value));
-            if (read) {
+            const std::string text = draft_.text(key.name, zutr_bounded(value));
+            if (read_) {
                 text.copy(repaired, sizeof(Member) - 1);
             }
             return;
         } else if constexpr (std::is_array_v<Member>) {
             static_assert(sizeof(Member) == 16);
-            draft.file.text(key.name, zutr_uuid_utoa(value));
+            draft_.file.text(key.name, zutr_uuid_utoa(value));
         } else {
-            draft.file.number(key.name, static_cast<std::make_unsigned_t<Member>>(value));
+            draft_.file.number(key.name, static_cast<std::make_unsigned_t<Member>>(value));
         }
-        if (read) {
+        if (read_) {
             memcpy(&repaired, &value, sizeof(value));
         }
     }
@@ -107,9 +112,13 @@ struct tierctl_carrier {
     {
         std::apply([this](const auto &...key) { (carry(key), ...); }, keys);
     }
+
+private:
+    tierctl_draft &draft_;
+    const Record &from_;
+    Record &to_;
+    bool read_;
 };
-template <class Record>
-tierctl_carrier(tierctl_draft &, const Record &, Record &, bool = true) -> tierctl_carrier<Record>;
 
 /* A number as the tool prints it in this form; a time, which would lose digits, also as it is. */
 std::string tierctl_shown_number(zutr_form form, uint64_t value);
@@ -148,7 +157,7 @@ template <const auto &Fields, class Record>
 void tierctl_draft::note_fields()
 {
     static_assert(tierctl_covers<Record>(Fields));
-    const Record before = record<Record>();
+    const auto before = record<Record>();
     Record after;
     memcpy(&after, repaired.data(), sizeof(after));
     const auto compare = [&](const auto &field) {

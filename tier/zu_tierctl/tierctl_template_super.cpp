@@ -30,9 +30,9 @@ template <class Super>
 void carry_head(const tierctl_carrier<Super> &carrier, uint32_t version)
 {
     carrier.carry(TIER_SUPER_SIZE_KEYS<Super>);
-    carry_ctime(carrier.draft, carrier.from, &carrier.to);
+    carry_ctime(carrier.draft(), carrier.from(), &carrier.to());
     carrier.carry(TIER_SUPER_IDENTITY_KEYS<Super>);
-    carry_version(carrier.draft, version, &carrier.to);
+    carry_version(carrier.draft(), version, &carrier.to());
     carrier.carry(TIER_SUPER_COUNT_KEYS<Super>);
 }
 
