@@ -41,11 +41,10 @@ std::string shown_value(const Block &block, const StoredField &field)
     const std::uint64_t number = field.width <= 8 ? get_number(block, field) : 0;
     switch (field.form) {
     case Form::HEX:
+    case Form::HEX_AND_TIME:
         return text("0x%lx", number);
     case Form::TIME:
         return text("%lu (%s)", number, time_text(number).c_str());
-    case Form::HEX_AND_TIME:
-        return text("0x%lx (%s)", number, time_text(number).c_str());
     case Form::TEXT:
         return quoted(field_bytes(block, field));
     case Form::UUID:
@@ -65,6 +64,7 @@ std::string key_value(const Block &block, const StoredField &key)
     case Form::TEXT:
         return json_string(field_bytes(block, key).c_str());
     case Form::HEX:
+    case Form::HEX_AND_TIME:
     case Form::UUID:
         return json_string(shown_value(block, key));
     case Form::REVERSED:
@@ -117,8 +117,6 @@ std::vector<StoredField> keys_of(const std::vector<StoredField> &fields,
     for (const auto &[key, name] : names) {
         StoredField field = *std::ranges::find(fields, name, &StoredField::name);
         field.name = key;
-        if (field.form == Form::HEX_AND_TIME)
-            field.form = Form::HEX;
         keys.push_back(field);
     }
     return keys;

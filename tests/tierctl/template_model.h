@@ -18,7 +18,7 @@ enum class Form {
     NUMBER,
     HEX,          // "0x1f"
     TIME,         // a number, and behind it the time
-    HEX_AND_TIME, // the same in hexadecimal
+    HEX_AND_TIME, // hexadecimal, which a dump follows with the time
     TEXT,
     UUID,
     REVERSED,  // four bytes, as a hexadecimal text from the first to the last

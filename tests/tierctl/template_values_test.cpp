@@ -270,7 +270,7 @@ TEST(TemplateOfTexts, RestBehindTheTerminatorIsLost)
 {
     const SuperV1 sb = super_v1(1, 1, 1);
     Block block = encode(brick_used(0));
-    put_text(block, 32 + 100, "old");
+    put_text(block, 32 + 100, "old\"\\");
     seal(block, BrickV1::LENGTH);
     Device device = make_v1_device(sb);
     const auto offset = static_cast<std::uint64_t>(brick_offset(sb, 0));
@@ -278,7 +278,7 @@ TEST(TemplateOfTexts, RestBehindTheTerminatorIsLost)
     const ExpectedTemplate expected = slot_tables(sb)[0].expect(0, block);
     EXPECT_NE(std::ranges::find_if(expected.changes,
                                    [](const std::string &note) {
-                                       return note.find("\\x00old") != std::string::npos;
+                                       return note.find("\\x00old\\\"\\\\\"") != std::string::npos;
                                    }),
               expected.changes.end());
     expect_template(device, {"brick", 0, offset}, expected);

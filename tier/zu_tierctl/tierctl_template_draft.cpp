@@ -45,11 +45,10 @@ std::string tierctl_shown_number(zutr_form form, uint64_t value)
 {
     switch (form) {
     case zutr_form::hex:
+    case zutr_form::hex_and_time:
         return tierctl_hex(value);
     case zutr_form::time:
         return std::to_string(value) + " (" + time_text(value) + ")";
-    case zutr_form::hex_and_time:
-        return tierctl_hex(value) + " (" + time_text(value) + ")";
     case zutr_form::swapped_hex8:
         return formatted("%08" PRIx64, __builtin_bswap32(static_cast<uint32_t>(value)));
     default:
