@@ -11,15 +11,12 @@
 
 namespace {
 
-constexpr const char HELP[] =
-    "Print the repair file that makes an entry anew as it stands, ready to edit\n"
-    "\n"
+constexpr const char FOOTER[] =
     "Standard error tells what is wrong with the entry, every field and byte that a\n"
     "repair with the unchanged file would change, what zu_tier would refuse, and the\n"
     "command that repairs it. Of a damaged entry the file has what can be read. The\n"
-    "device is not changed.";
-
-constexpr const char EXAMPLE[] =
+    "device is not changed.\n"
+    "\n"
     "Example, an inode whose checksum is wrong:\n"
     "  zu_tierctl template /dev/vg/tcache inode 7 > inode7.json\n"
     "  vi inode7.json\n"
@@ -55,8 +52,9 @@ void run(const template_options &options)
 void tierctl_add_template(CLI::App &app)
 {
     const auto options = std::make_shared<template_options>();
-    CLI::App *command = app.add_subcommand("template", HELP);
-    command->footer(EXAMPLE);
+    CLI::App *command =
+        app.add_subcommand("template", "Print the repair file of an entry, ready to edit");
+    command->footer(FOOTER);
     command->get_formatter()->column_width(32);
     command->add_option("DEVICE", options->device, "Device or image")->type_name("")->required();
     command
