@@ -26,7 +26,7 @@ std::vector<std::string> expected_lines(const Device &device, const TemplateCase
     for (const std::string &refusal : entry.refusals)
         notes.push_back("zu_tier refuses this file as it stands: " + refusal);
     notes.push_back("to repair it, with this file as FILE: zu_tier -p " + device.path() +
-                    " -c repair_" + entry.table + entry.version + " -f FILE -y");
+                    " -c repair_" + entry.table + entry.version + " -f FILE; with -y it writes");
     for (std::string &note : notes)
         note = text("zu_tierctl: %s %lu: ", entry.table.c_str(), entry.no) + note;
     return notes;

@@ -126,7 +126,7 @@ void note_command(tierctl_draft &draft, const tierctl_metadata &metadata)
     const std::string option = draft.table.name == SUPER ? version_option(draft, metadata) : "";
     draft.note("to repair it, with this file as FILE: zu_tier -p " +
                tierctl_shell_word(draft.device.path()) + " -c repair_" +
-               std::string(draft.table.name) + option + " -f FILE -y");
+               std::string(draft.table.name) + option + " -f FILE; with -y it writes");
 }
 
 } // namespace
