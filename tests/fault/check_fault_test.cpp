@@ -1,0 +1,118 @@
+// Checks of devices that cannot be read everywhere, or without memory.
+
+#include "faulty_run.h"
+#include "v3_device.h"
+
+#include <gtest/gtest.h>
+
+using namespace tier_test;
+
+namespace {
+
+class CheckFaults : public testing::Test {
+protected:
+    const SuperV3 sb = super_v3(2, 3);
+    const Device device = make_v3_device(
+        sb, {brick_v3_used(0)}, {inode_v3_used(0, 0), inode_v3_used(1, 0)},
+        {{1, {.shards = {{.slot = 1, .ino = 0}}}}, {2, {.shards = {{.slot = 1, .ino = 1}}}}},
+        {{0,
+          {.extents = {{.slot = 5, .lba = 1, .shard = 513}, {.slot = 6, .lba = 1, .shard = 1025}}}},
+         {1, {.extents = {{.slot = 5, .lba = 1, .shard = 513}}}}});
+
+    RunResult check(const std::string &faults) const
+    {
+        const std::string trace = device.directory().write("trace", "");
+        RunOptions options;
+        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
+                               {"ZUTR_FAULTS", "trace:" + trace + ";" + faults}};
+        return run_program(ZU_TIERCTL, {"check", device.path()}, options);
+    }
+
+    std::string finding(const char *severity, const std::string &what, std::int64_t offset,
+                        const std::string &text_of_it, const std::string &command) const
+    {
+        return text("%s: %s at %ld: %s: zu_tier -p %s -c %s\n", severity, what.c_str(), offset,
+                    text_of_it.c_str(), device.path().c_str(), command.c_str());
+    }
+
+    // Nothing else is found, but for the extent that really is one of two.
+    void expect_findings(const RunResult &run, const std::string &expected) const
+    {
+        EXPECT_EQ(run.status, 1) << run;
+        EXPECT_EQ(run.err, "");
+        EXPECT_EQ(run.out.substr(0, run.out.find("\n\n") + 1), expected);
+    }
+
+    std::string duplicate() const
+    {
+        return finding("error", "extent 517", extent_offset(sb, 1) + 40,
+                       "address 1 of shard 513 is that of extent 5, too (duplicate_extent)",
+                       "dump_extent -n 1");
+    }
+};
+
+TEST_F(CheckFaults, NoFault)
+{
+    expect_findings(check("pread#1=pass"), duplicate());
+}
+
+TEST_F(CheckFaults, BlockOfShards)
+{
+    const std::int64_t shards = shard_offset(sb, 1);
+    expect_findings(check(text("pread@%ld+4096=EIO", shards)),
+                    finding("error", "shard block 1", shards,
+                            "it cannot be read: Input/output error (unreadable)",
+                            "dump_shard -n 1") +
+                        finding("warning", "extent 5", extent_offset(sb, 0) + 40,
+                                "it names shard 513, which cannot be read "
+                                "(extent_of_unknown_shard)",
+                                "dump_extent -n 0") +
+                        finding("warning", "extent 517", extent_offset(sb, 1) + 40,
+                                "it names shard 513, which cannot be read "
+                                "(extent_of_unknown_shard)",
+                                "dump_extent -n 1") +
+                        duplicate());
+}
+
+TEST_F(CheckFaults, InodeAmongOthers)
+{
+    expect_findings(check(text("pread@%ld+4096=EIO", inode_offset(sb, 1))),
+                    finding("error", "inode 1", inode_offset(sb, 1),
+                            "it cannot be read: Input/output error (unreadable)",
+                            "dump_inode -n 1") +
+                        finding("warning", "shard 1025", shard_offset(sb, 2) + 8,
+                                "it names inode 1, which cannot be read (shard_of_unknown_inode)",
+                                "dump_shard -n 2") +
+                        duplicate());
+}
+
+// The second time, when those who claim are told, the block of one cannot be read.
+TEST_F(CheckFaults, BlockThatCannotBeReadAgain)
+{
+    expect_findings(check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0))), "");
+}
+
+TEST_F(CheckFaults, SuperBlock)
+{
+    const RunResult run = check("pread@4096+4096=EIO");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "zu_tierctl: cannot read the super block of " + device.path() +
+                           ": Input/output error\n");
+}
+
+TEST_F(CheckFaults, NoMemory)
+{
+    const RunResult run = check("posix_memalign=ENOMEM");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "zu_tierctl: std::bad_alloc\n");
+}
+
+TEST_F(CheckFaults, LostOutput)
+{
+    const RunResult run = check("write=ENOSPC");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "zu_tierctl: cannot write to standard output: No space left on device\n");
+}
+
+} // namespace

@@ -1,0 +1,446 @@
+// How zu_tierctl check is called, what it prints, and how it ends: clean and damaged samples,
+// blocks that cannot be read, super blocks that lie, output that is lost.
+
+#include "check_run.h"
+#include "sample_image.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace tier_test;
+
+namespace {
+
+std::vector<std::string> summaries(const Report &report)
+{
+    std::vector<std::string> result;
+    for (const Finding &finding : report.findings)
+        result.push_back(summary(finding));
+    return result;
+}
+
+struct SampleCase {
+    std::string layout;
+    std::vector<std::string> args;
+};
+
+TEST(CheckCommand, SamplesAreClean)
+{
+    const SampleCase cases[] = {
+        {"v1", {}},
+        {"v1", {"--bricks", "1", "--inodes", "1", "--blocks", "1"}},
+        {"v1", {"--bricks", "300", "--inodes", "2000", "--blocks", "1000", "--seed", "2"}},
+        {"v1", {"--extent-size", "4096", "--block-size", "262144"}},
+        {"v2", {}},
+        {"v2", {"--bricks", "1", "--inodes", "1", "--blocks", "1"}},
+        {"v2", {"--inodes", "300", "--blocks", "1000", "--block-size", "4194304"}},
+        {"v2", {"--extent-size", "61", "--block-size", "262144", "--blocks", "300"}},
+        {"v3", {}},
+        {"v3", {"--shards", "512", "--extents", "512", "--blocks", "1"}},
+        {"v3", {"--extents", "65536", "--shards", "4096", "--inodes", "700", "--blocks", "1"}},
+    };
+    for (const auto &[layout, args] : cases) {
+        SCOPED_TRACE(layout + testing::PrintToString(args));
+        const Device device = make_sample(args, layout);
+        const Report report = run_check(device.path());
+        EXPECT_EQ(summaries(report), std::vector<std::string>{});
+        EXPECT_GT(report.tables.at("extent").in_use, 0U);
+        for (const auto &[table, counts] : report.tables)
+            EXPECT_EQ(counts.damaged + counts.unreadable, 0U) << table;
+    }
+}
+
+const std::vector<std::string> SMALL{"--bricks", "6",  "--inodes",     "40",
+                                     "--blocks", "30", "--block-size", "262144"};
+const std::vector<std::string> SMALL_V3{"--bricks", "6",         "--inodes", "40",       "--shards",
+                                        "1024",     "--extents", "1024",     "--blocks", "1"};
+
+// Entry 1 of the table, damaged in that way.
+void expect_damage(const std::string &layout, const SampleTable &table, const std::string &kind,
+                   const std::vector<std::string> &kinds)
+{
+    SCOPED_TRACE(layout + " " + table.name + " " + kind);
+    std::vector<std::string> args = layout == "v3" ? SMALL_V3 : SMALL;
+    args.insert(args.end(), {"--damage", table.name + ":1:" + kind});
+    const Device device = make_sample(args, layout);
+    const bool packed = layout == "v3" && (table.name == "shard" || table.name == "extent");
+    std::vector<std::string> expected;
+    for (const std::string &name : kinds)
+        expected.push_back(error(name, table.name, 1, table.offset(1), packed ? "block" : "entry"));
+    const Report report = run_check(device.path(), {"--table", table.name});
+    EXPECT_EQ(summaries(report), expected);
+    EXPECT_EQ(report.tables.size(), 1U);
+    const std::uint64_t words = table.name == "shard" ? 511 : packed ? 512 : 1;
+    EXPECT_EQ(report.tables.at(table.name).damaged, words);
+
+    // The command shows what is damaged: to the tool, too, it is that.
+    for (const Finding &finding : report.findings) {
+        EXPECT_EQ(finding.command,
+                  "zu_tier -p " + device.path() + " -c " + table.command + " -n 1");
+        EXPECT_EQ(run_logged(device, table.command, {"-n", "1"}).status, 14);
+    }
+}
+
+template <class Super>
+void expect_damages(const std::string &layout, const Super &sb)
+{
+    for (const SampleTable &table : sample_tables(sb)) {
+        if (table.name == "hot")
+            continue;
+        std::vector<std::string> zero;
+        expect_damage(layout, table, "checksum", {"bad_checksum"});
+        expect_damage(layout, table, "bit", {"bad_checksum"});
+        if (table.magic_at >= 0) {
+            expect_damage(layout, table, "magic", {"bad_magic"});
+            zero.emplace_back("bad_magic");
+        }
+        if (table.number_at >= 0) {
+            expect_damage(layout, table, "number", {"bad_number"});
+            zero.emplace_back("bad_number");
+        }
+        zero.emplace_back("bad_checksum");
+        expect_damage(layout, table, "zero", zero);
+    }
+}
+
+// A bit may also be one of the magic or of the number: the seed of the sample hits neither.
+TEST(CheckCommand, DamagesOfV1)
+{
+    expect_damages("v1", decode_super(make_sample(SMALL).block(SUPER_OFFSET)));
+}
+
+TEST(CheckCommand, DamagesOfV2)
+{
+    expect_damages("v2", decode_super_v2(make_sample(SMALL, "v2").block(SUPER_OFFSET)));
+}
+
+TEST(CheckCommand, DamagesOfV3)
+{
+    expect_damages("v3", decode_super_v3(make_sample(SMALL_V3, "v3").block(SUPER_OFFSET)));
+}
+
+// The commands of findings about entries show these entries.
+TEST(CheckCommand, CommandsOfPackedEntries)
+{
+    WorldV3 world;
+    world.extents[3].extents = {{.slot = 9, .lba = 77, .shard = 2}};
+    const Device device = world.device();
+    const Report report = run_check(device.path());
+    ASSERT_EQ(report.findings.size(), 1U);
+    EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_extent -n 3");
+    EXPECT_EQ(report.findings[0].text, "it names shard 2, which is free");
+    EXPECT_NE(run_logged(device, "dump_extent", {"-n", "3"}).out.find("{\"lba\":77,\"shard\":2,"),
+              std::string::npos);
+}
+
+TEST(CheckCommand, CommandsOfExpansionInodes)
+{
+    WorldV2 world;
+    set_expansion(world.sb, EXPANSION_UNIT, true);
+    world.inodes.push_back(inode_v2_used(world.sb.inode_cnt + 7, 2));
+    const Device device =
+        make_v2_device(world.sb, world.bricks, world.inodes, world.extents, Expansion::FORMATTED);
+    const Report report = run_check(device.path(), {"--table", "inode"});
+    ASSERT_EQ(report.findings.size(), 1U);
+    EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_inode -n 12");
+    EXPECT_EQ(run_logged(device, "dump_inode", {"-n", "12"}).out,
+              json(world.inodes.back(), report.findings[0].offset));
+}
+
+TEST(CheckCommand, Text)
+{
+    WorldV1 world;
+    world.inodes[2].brick_no = 2;
+    world.extents[1].checksum = 1;
+    world.bricks[1].checksum = 1;
+    const Device device = world.device();
+    const RunResult run = run_program(ZU_TIERCTL, {"check", device.path()});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "");
+    const std::string show = "): zu_tier -p " + device.path() + " -c ";
+    std::string expected;
+    expected += text("error: brick 1 at %ld: its checksum is not that of its content (bad_checksum",
+                     brick_offset(world.sb, 1)) +
+                show + "dump_brick -n 1\n";
+    expected += text("warning: inode 1 at %ld: it names brick 1, which is damaged "
+                     "(inode_of_unknown_brick",
+                     inode_offset(world.sb, 1)) +
+                show + "dump_inode -n 1\n";
+    expected += text("error: inode 2 at %ld: it names brick 2, which is free (inode_of_free_brick",
+                     inode_offset(world.sb, 2)) +
+                show + "dump_inode -n 2\n";
+    expected +=
+        text("error: extent 1 at %ld: its checksum is not that of its content (bad_checksum",
+             extent_offset(world.sb, 1)) +
+        show + "dump_extent -n 1\n";
+    expected += "\n"
+                "table         entries       in use         free      damaged   unreadable\n"
+                "super               1            1            0            0            0\n"
+                "brick               3            1            1            1            0\n"
+                "inode               5            3            2            0            0\n"
+                "extent              6            3            2            1            0\n"
+                "\n"
+                "bad_checksum                                2\n"
+                "inode_of_free_brick                         1\n"
+                "inode_of_unknown_brick                      1\n"
+                "findings                                    4\n";
+    EXPECT_EQ(run.out, expected);
+}
+
+TEST(CheckCommand, TextOfPackedAndClean)
+{
+    WorldV3 world;
+    world.shards[2].checksum = 1;
+    const Device damaged = world.device();
+    const RunResult run = run_program(ZU_TIERCTL, {"check", "--table", "shard", damaged.path()});
+    EXPECT_EQ(run.out,
+              text("error: shard block 2 at %ld: its checksum is not that of its content "
+                   "(bad_checksum): zu_tier -p %s -c dump_shard -n 2\n\n",
+                   shard_offset(world.sb, 2), damaged.path().c_str()) +
+                  "table         entries       in use         free      damaged   unreadable\n"
+                  "shard            1533            3         1019          511            0\n"
+                  "\n"
+                  "bad_checksum                                1\n"
+                  "findings                                    1\n");
+
+    const Device clean = WorldV3().device();
+    const RunResult nothing = run_program(ZU_TIERCTL, {"check", "--table", "brick", clean.path()});
+    EXPECT_EQ(nothing.status, 0);
+    EXPECT_EQ(nothing.out,
+              "table         entries       in use         free      damaged   unreadable\n"
+              "brick               3            2            1            0            0\n"
+              "\n"
+              "findings                                    0\n");
+}
+
+TEST(CheckCommand, Tables)
+{
+    WorldV3 world;
+    world.bricks[0].checksum = 1;
+    world.shards[0].shards[0].ino = 4;
+    world.extents[0].extents[0].shard = 2;
+    const Device device = world.device();
+    const std::int64_t shard = word_offset(shard_offset(world.sb, 0), 1);
+    const std::int64_t extent = word_offset(extent_offset(world.sb, 0), 0);
+    expect_findings(device, {error("shard_of_free_inode", "shard", 1, shard)},
+                    {"--table", "shard"});
+    expect_findings(device, {error("extent_of_free_shard", "extent", 0, extent)},
+                    {"--table", "extent"});
+    expect_findings(device,
+                    {error("shard_of_free_inode", "shard", 1, shard),
+                     error("extent_of_free_shard", "extent", 0, extent)},
+                    {"--table", "extent", "--table", "shard"});
+    expect_findings(device, {}, {"--table", "hot"});
+    EXPECT_EQ(run_check(device.path(), {"--table", "hot"}).tables.size(), 1U);
+}
+
+// A path that a shell and JSON would read otherwise.
+TEST(CheckCommand, PathIsQuoted)
+{
+    WorldV1 world;
+    world.bricks[1].brickid = "";
+    const Device device = world.device();
+    const std::string path = device.directory().path("it's a \"disk\"\t\\\x80");
+    std::filesystem::create_hard_link(device.path(), path);
+    const RunResult run = run_program(ZU_TIERCTL, {"check", "--json", path});
+    EXPECT_NE(
+        run.out.find("it'\\\\''s a \\\"disk\\\"\\u0009\\\\\xEF\xBF\xBD' -c dump_brick -n 1\""),
+        std::string::npos)
+        << run;
+}
+
+TEST(CheckCommand, BlocksPastTheEnd)
+{
+    const WorldV1 v1;
+    Device device = v1.device();
+    device.truncate(static_cast<std::uint64_t>(inode_offset(v1.sb, 2)) + 100);
+    const std::vector<std::string> tables{"--table", "inode", "--table", "extent"};
+    expect_findings(device,
+                    {error("past_end", "inode", 2, inode_offset(v1.sb, 2)),
+                     error("past_end", "extent", 0, extent_offset(v1.sb, 0))},
+                    tables);
+    const Report report = run_check(device.path(), tables);
+    EXPECT_EQ(report.findings[0].text,
+              "it and all up to 4 cannot be read: past the end of the device");
+    EXPECT_EQ(report.tables.at("inode"), (Counts{5, 2, 0, 0, 3}));
+    EXPECT_EQ(report.tables.at("extent"), (Counts{6, 0, 0, 0, 6}));
+}
+
+TEST(CheckCommand, OwnersPastTheEnd)
+{
+    WorldV3 world; // inodes behind everything else
+    world.sb.inode_table_offset = world.sb.data_offset + world.sb.data_size;
+    Device device = world.device();
+    device.truncate(world.sb.inode_table_offset + 2 * BLOCK_SIZE);
+    world.shards[0].shards.push_back({.slot = 9, .ino = 2});
+    put_block(device, shard_offset(world.sb, 0), encode(world.shards[0]));
+    expect_findings(
+        device,
+        {warning("shard_of_unknown_inode", "shard", 9, word_offset(shard_offset(world.sb, 0), 9))},
+        {"--table", "shard"});
+}
+
+// Super blocks with right checksums that lie.
+TEST(CheckCommand, HugeCounts)
+{
+    WorldV1 world;
+    Device device = world.device();
+    world.sb.inode_cnt = std::numeric_limits<std::uint32_t>::max();
+    world.sb.block_cnt = std::numeric_limits<std::uint32_t>::max();
+    put_block(device, SUPER_OFFSET, encode(world.sb));
+    const Report report = run_check(device.path(), {"--table", "inode", "--table", "extent"});
+    for (const Finding &finding : report.findings) {
+        if (finding.kind == "past_end") {
+            EXPECT_EQ(finding.text.find("it and all up to 4294967294 cannot be read"), 0U);
+        }
+    }
+    EXPECT_EQ(report.tables.at("inode").entries, 4294967295U);
+    EXPECT_EQ(report.tables.at("extent").entries, 4294967295U);
+}
+
+// It ends, whatever it finds.
+void expect_end(const Device &device)
+{
+    const RunResult run = run_program(ZU_TIERCTL, {"check", device.path()});
+    EXPECT_LE(static_cast<unsigned>(run.status), 1U) << run;
+    EXPECT_EQ(run.err, "");
+    EXPECT_NE(run.out.find("\nfindings "), std::string::npos);
+}
+
+TEST(CheckCommand, HugeNumbersEverywhere)
+{
+    const std::uint64_t huge[] = {0,
+                                  1,
+                                  4096,
+                                  std::uint64_t{1} << 32,
+                                  std::uint64_t{1} << 63,
+                                  (std::uint64_t{1} << 63) - 4096,
+                                  std::numeric_limits<std::uint64_t>::max() - 4095,
+                                  std::numeric_limits<std::uint64_t>::max()};
+    const WorldV3 world;
+    Device device = world.device();
+    for (std::size_t at = 8; at < SuperV3::LENGTH; at += at == 40 ? 80 : 8) { // but the identities
+        for (const std::uint64_t value : huge) {
+            if (at == 40)
+                continue;
+            SCOPED_TRACE(text("%zu: %lu", at, value));
+            Block super = encode(world.sb);
+            put_u64(super, at, value);
+            seal(super, SuperV3::LENGTH);
+            put_block(device, SUPER_OFFSET, super);
+            expect_end(device);
+        }
+    }
+    const WorldV2 v2;
+    Device other = v2.device();
+    for (std::size_t at = 8; at < SuperV2::LENGTH; at += at == 40 ? 72 : 4) {
+        for (const std::uint32_t value : {0U, 1U, 0x7FFF'FFFFU, 0xFFFF'FFFFU}) {
+            if (at >= 40 && at < 116)
+                continue;
+            SCOPED_TRACE(text("%zu: %u", at, value));
+            Block super = encode(v2.sb);
+            put_u32(super, at, value);
+            seal(super, SuperV2::LENGTH);
+            put_block(other, SUPER_OFFSET, super);
+            expect_end(other);
+        }
+    }
+}
+
+TEST(CheckCommand, MisalignedTable)
+{
+    WorldV3 world;
+    Device device = world.device();
+    world.sb.hot_table_offset += 512;
+    put_block(device, SUPER_OFFSET, encode(world.sb));
+    expect_findings(
+        device,
+        {error("misaligned", "hot", 0, static_cast<std::int64_t>(world.sb.hot_table_offset))},
+        {"--table", "hot"});
+}
+
+TEST(CheckCommand, RecordsThatDoNotFit)
+{
+    for (const std::uint32_t size : {0U, 3U, 55U, 4097U, 0xFFFF'FFFFU}) {
+        SCOPED_TRACE(size);
+        WorldV1 world;
+        Device device = world.device();
+        world.sb.extent_size = size;
+        put_block(device, SUPER_OFFSET, encode(world.sb));
+        expect_findings(device,
+                        {error("records_do_not_fit", "extent", 0, extent_offset(world.sb, 0))},
+                        {"--table", "extent"});
+        EXPECT_EQ(run_check(device.path()).tables.at("extent"), (Counts{6, 0, 0, 6, 0}));
+    }
+}
+
+// 2, and nothing but a complaint.
+void expect_no_check(const std::vector<std::string> &args, const std::string &complaint,
+                     const RunOptions &options = {})
+{
+    SCOPED_TRACE(complaint);
+    const RunResult run = run_program(ZU_TIERCTL, args, options);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "zu_tierctl: " + complaint + "\n");
+}
+
+TEST(CheckCommand, WhatCannotBeChecked)
+{
+    const Device device = WorldV1().device();
+    const std::string path = device.path();
+    const TempDir directory;
+    expect_no_check({"check", directory.path("none")},
+                    "cannot open " + directory.path("none") + ": No such file or directory");
+    expect_no_check({"check", directory.path("")},
+                    directory.path("") + " is neither a regular file nor a block device");
+    expect_no_check({"check", path, "--table", "shard"},
+                    "there is no table shard, but super, brick, inode, extent");
+    expect_no_check({"check"}, "DEVICE is required");
+
+    Device empty(4096);
+    expect_no_check({"check", empty.path()}, "cannot read the super block of " + empty.path() +
+                                                 ": No such device or address");
+    empty.truncate(MIB);
+    expect_no_check({"check", "--json", empty.path()},
+                    empty.path() + " has no super block of a known layout");
+}
+
+TEST(CheckCommand, LostOutput)
+{
+    WorldV1 damaged;
+    damaged.bricks[1].brickid = "";
+    for (const Device &device : {WorldV1().device(), damaged.device()}) {
+        for (const std::string format : {"--json", "--table=brick"}) {
+            RunOptions options;
+            options.stdout_path = "/dev/full";
+            expect_no_check({"check", format, device.path()},
+                            "cannot write to standard output: No space left on device", options);
+        }
+    }
+}
+
+TEST(CheckCommand, LostOutputInTheMiddle)
+{
+    WorldV3 world; // more findings than a buffer holds
+    for (std::uint32_t slot = 8; slot < 500; ++slot)
+        world.extents[2].extents.push_back({.slot = slot, .lba = slot, .shard = 2});
+    const Device device = world.device();
+    RunOptions options;
+    options.stdout_path = "/dev/full";
+    expect_no_check({"check", device.path()},
+                    "cannot write to standard output: No space left on device", options);
+}
+
+TEST(CheckCommand, DeviceIsNotChanged)
+{
+    std::vector<std::string> args = SMALL;
+    args.insert(args.end(), {"--damage", "inode:3", "--damage", "extent:2:zero"});
+    const Device device = make_sample(args);
+    const std::vector<std::uint8_t> before = device.bytes();
+    EXPECT_EQ(run_check(device.path()).run.status, 1);
+    EXPECT_EQ(device.bytes(), before);
+}
+
+} // namespace

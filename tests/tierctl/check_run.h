@@ -1,0 +1,109 @@
+#pragma once
+
+// Runs of zu_tierctl check and what they report, and small devices of each layout in which nothing
+// is wrong, to be changed before they are made.
+
+#include "run.h"
+#include "v2_device.h"
+#include "v3_device.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tier_test {
+
+struct Finding {
+    std::string kind;
+    std::string severity;
+    std::string table;
+    std::string unit;
+    std::uint64_t no = 0;
+    std::int64_t offset = 0;
+    std::string command;
+    std::string text;
+};
+
+struct Counts {
+    std::uint64_t entries = 0;
+    std::uint64_t in_use = 0;
+    std::uint64_t free = 0;
+    std::uint64_t damaged = 0;
+    std::uint64_t unreadable = 0;
+
+    bool operator==(const Counts &) const = default;
+};
+
+void PrintTo(const Counts &counts, std::ostream *out);
+
+struct Report {
+    RunResult run;
+    std::string device;
+    std::string layout;
+    std::vector<Finding> findings;
+    std::map<std::string, Counts> tables;
+};
+
+// zu_tierctl check --json <args> <device>: a well-formed document, whose counts add up and fit the
+// exit status, and not a word beside it.
+Report run_check(const std::string &device, const std::vector<std::string> &args = {});
+
+// "error bad_magic: inode entry 7 at 1073152"
+std::string summary(const Finding &finding);
+std::string error(const std::string &kind, const std::string &table, std::uint64_t no,
+                  std::int64_t offset, const std::string &unit = "entry");
+std::string warning(const std::string &kind, const std::string &table, std::uint64_t no,
+                    std::int64_t offset, const std::string &unit = "entry");
+
+// The check finds exactly that, in that order.
+void expect_findings(const Device &device, const std::vector<std::string> &expected,
+                     const std::vector<std::string> &args = {});
+
+// Three bricks, two of them in use; five inodes, the first three in use; extents of these.
+struct WorldV1 {
+    SuperV1 sb = super_v1(3, 5, 6);
+    std::vector<BrickV1> bricks{brick_used(0), brick_used(1)};
+    std::vector<InodeV1> inodes{inode_used(0, 0), inode_used(1, 1), inode_used(2, 0)};
+    std::vector<ExtentV1> extents{extent_used(0, 0), extent_used(1, 1), extent_used(2, 2),
+                                  extent_used(3, 0)};
+
+    Device device() const;
+};
+
+// The first extent has the pieces 0, 2 and 3.
+struct WorldV2 {
+    WorldV2();
+
+    SuperV2 sb = super_v2(3, 5, 6);
+    std::vector<BrickV1> bricks{brick_used(0), brick_used(1)};
+    std::vector<InodeV2> inodes{inode_v2_used(0, 0), inode_v2_used(1, 1), inode_v2_used(2, 0)};
+    std::vector<ExtentV2> extents{
+        {extent_used(0, 0)}, {extent_used(1, 1)}, {extent_used(2, 2)}, {extent_used(3, 0)}};
+
+    Device device() const;
+};
+
+// Shards in the blocks 0 and 1, extents of them in the blocks 0 and 2.
+struct WorldV3 {
+    SuperV3 sb = super_v3(3, 5);
+    std::vector<BrickV3> bricks{brick_v3_used(0), brick_v3_used(1)};
+    std::vector<InodeV3> inodes{inode_v3_used(0, 0), inode_v3_used(1, 1), inode_v3_used(2, 0)};
+    std::map<std::uint64_t, ShardBlockV3> shards{
+        {0, {.shards = {{.slot = 1, .ino = 0, .index = 0}, {.slot = 511, .ino = 1, .index = 0}}}},
+        {1, {.shards = {{.slot = 3, .ino = 0, .index = 0xFFFF'FFFF}}}}};
+    std::map<std::uint64_t, ExtentBlockV3> extents{
+        {0, {.extents = {{.slot = 0, .lba = 0, .shard = 1}, {.slot = 511, .lba = 1, .shard = 1}}}},
+        {2, {.extents = {{.slot = 7, .lba = 0, .shard = 515}}}}};
+
+    Device device() const { return make_v3_device(sb, bricks, inodes, shards, extents); }
+};
+
+// Byte offset of a word of a packed block.
+inline std::int64_t word_offset(std::int64_t block, std::uint64_t slot)
+{
+    return block + static_cast<std::int64_t>(8 * slot);
+}
+
+} // namespace tier_test

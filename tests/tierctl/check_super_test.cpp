@@ -1,0 +1,306 @@
+// What zu_tierctl check finds wrong with a super block: each rule broken for itself.
+
+#include "check_run.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+
+using namespace tier_test;
+
+namespace {
+
+template <class World>
+struct SuperCase {
+    const char *name;
+    std::function<void(World &)> change;
+    std::vector<std::string> kinds{};
+};
+
+constexpr std::uint64_t KIB4 = 4096;
+
+// A device that has nothing but this super block, up to the end of the last area.
+template <class Super>
+Device super_only(const Super &sb)
+{
+    Device device(MIB);
+    device.write(SUPER_OFFSET, encode(sb));
+    device.truncate(sb.data_offset + std::uint64_t{sb.block_size} * sb.block_cnt);
+    return device;
+}
+
+bool is_odd(const std::string &kind)
+{
+    return kind.compare(0, 4, "odd_") == 0;
+}
+
+std::string super_finding(const std::string &kind)
+{
+    return is_odd(kind) ? warning(kind, "super", 0, SUPER_OFFSET)
+                        : error(kind, "super", 0, SUPER_OFFSET);
+}
+
+template <class World>
+void expect_cases(const std::vector<SuperCase<World>> &cases)
+{
+    for (const auto &[name, change, kinds] : cases) {
+        SCOPED_TRACE(name);
+        World world;
+        change(world);
+        std::vector<std::string> expected;
+        for (const std::string &kind : kinds)
+            expected.push_back(super_finding(kind));
+        expect_findings(super_only(world.sb), expected, {"--table", "super"});
+    }
+}
+
+template <class World>
+std::vector<SuperCase<World>> head_cases()
+{
+    const auto resized = [](auto SuperHead::*field, std::uint64_t value) {
+        return [field, value](World &world) {
+            world.sb.*field =
+                static_cast<std::remove_reference_t<decltype(world.sb.*field)>>(value);
+            set_geometry(world.sb);
+        };
+    };
+    return {
+        {"as it is", [](World &) {}},
+        {"area of 1 MiB and 4096", resized(&SuperHead::size, 0x101000), {"bad_super_block_size"}},
+        {"300 bricks", resized(&SuperHead::brick_cnt, 300)},
+        {"301 bricks", resized(&SuperHead::brick_cnt, 301), {"bad_brick_table"}},
+        {"no brick", resized(&SuperHead::brick_cnt, 0), {"bad_brick_table"}},
+        {"size of the brick table",
+         [](World &world) {
+             world.sb.brick_table_size += KIB4;
+             world.sb.inode_table_size -= KIB4;
+         },
+         {"bad_brick_table"}},
+        {"100000 inodes", resized(&SuperHead::inode_cnt, 100000)},
+        {"100001 inodes", resized(&SuperHead::inode_cnt, 100001), {"bad_inode_table"}},
+        {"no inode", resized(&SuperHead::inode_cnt, 0), {"bad_inode_table"}},
+        {"size of the inode table",
+         [](World &world) {
+             world.sb.inode_table_size += MIB;
+             world.sb.data_offset += MIB;
+         },
+         {"bad_inode_table"}},
+        {"small blocks",
+         [](World &world) { world.sb.block_size = 262144 - 4096; },
+         {"bad_block_size"}},
+        {"large blocks",
+         [](World &world) { world.sb.block_size = 4194304 + 4096; },
+         {"bad_block_size"}},
+        {"crooked blocks",
+         [](World &world) { world.sb.block_size = 262144 + 2048; },
+         {"bad_block_size"}},
+        {"largest blocks", [](World &world) { world.sb.block_size = 4194304; }},
+        {"size of the extent table",
+         [](World &world) {
+             world.sb.extent_table_size += MIB;
+             world.sb.data_offset += MIB;
+         },
+         {"bad_extent_table"}},
+        {"place of the data",
+         [](World &world) { world.sb.data_offset += KIB4; },
+         {"bad_data_area"}},
+        {"37 characters", [](World &world) { world.sb.ssd_uuid.pop_back(); }, {"bad_ssd_uuid"}},
+        {"39 characters", [](World &world) { world.sb.ssd_uuid += 'x'; }, {"bad_ssd_uuid"}},
+        {"48 characters",
+         [](World &world) { world.sb.ssd_uuid = std::string(48, 'x'); },
+         {"bad_ssd_uuid"}},
+    };
+}
+
+TEST(CheckSuper, HeadOfV1)
+{
+    expect_cases(head_cases<WorldV1>());
+}
+
+TEST(CheckSuper, HeadOfV2)
+{
+    expect_cases(head_cases<WorldV2>());
+}
+
+TEST(CheckSuper, ExtentsOfV1)
+{
+    const auto size = [](std::uint32_t value) {
+        return [value](WorldV1 &world) { world.sb.extent_size = value; };
+    };
+    expect_cases<WorldV1>({
+        {"55", size(55), {"bad_extent_size"}},
+        {"56", size(56)},
+        {"4096", size(4096)},
+        {"4097", size(4097), {"bad_extent_size"}},
+    });
+}
+
+TEST(CheckSuper, ExtentsOfV2)
+{
+    const auto sizes = [](std::uint32_t extent_size, std::uint32_t map_cnt) {
+        return [extent_size, map_cnt](WorldV2 &world) {
+            world.sb.extent_size = extent_size;
+            set_maps(world.sb, map_cnt);
+        };
+    };
+    expect_cases<WorldV2>({
+        {"55", sizes(55, 32), {"bad_extent_size"}},
+        {"4096 in all", sizes(4096 - 64 - 64 * 16, 64)},
+        {"4097 in all", sizes(4097 - 64 - 64 * 16, 64), {"bad_extent_size"}},
+        {"65 pieces", sizes(72, 65), {"bad_map"}},
+        {"no pieces", sizes(72, 0)},
+        {"size of the pieces",
+         [](WorldV2 &world) {
+             world.sb.total_map_size++;
+             world.sb.total_extent_size++;
+         },
+         {"bad_map"}},
+        {"as large as a block",
+         [](WorldV2 &world) { world.sb.min_alloc_size = world.sb.block_size; }},
+        {"larger than a block",
+         [](WorldV2 &world) { world.sb.min_alloc_size = world.sb.block_size + 1; },
+         {"bad_min_alloc_size"}},
+        {"other hot area", [](WorldV2 &world) { world.sb.hot_size--; }, {"odd_extent_length"}},
+        {"pieces of 32 bytes",
+         [](WorldV2 &world) {
+             world.sb.size_mapped_meta = 32;
+             set_maps(world.sb, 16);
+         },
+         {"odd_piece_size"}},
+    });
+}
+
+// The area may be missing from the device, which is no matter of its parameters.
+TEST(CheckSuper, ExpansionOfV2)
+{
+    struct {
+        std::uint16_t magic;
+        std::uint8_t area;
+        std::uint8_t inuse;
+        std::vector<std::string> kinds;
+    } const cases[] = {
+        {0, 0, 0, {}},
+        {0x4558, 1, 0x53, {}},
+        {0x4558, 1, 0, {}},
+        {0x4558, 0, 0, {}},
+        {0x4558, 1, 0x54, {"odd_expansion"}},
+        {0x4559, 1, 0x53, {"odd_expansion"}},
+        {0, 1, 0, {"odd_expansion"}},
+        {0, 0, 0x53, {"odd_expansion"}},
+    };
+    for (const auto &[magic, area, inuse, kinds] : cases) {
+        SCOPED_TRACE(text("%x %u %x", magic, area, inuse));
+        WorldV2 world;
+        world.sb.exp_magic = magic;
+        world.sb.exp_area = area;
+        world.sb.exp_inuse = inuse;
+        Device device = super_only(world.sb);
+        device.truncate(device.size() + MIB + expansion_count(world.sb) * KIB4);
+        std::vector<std::string> expected;
+        for (const std::string &kind : kinds)
+            expected.push_back(super_finding(kind));
+        expect_findings(device, expected, {"--table", "super"});
+    }
+}
+
+TEST(CheckSuper, V3)
+{
+    const auto resized = [](std::uint64_t SuperV3::*field, std::uint64_t value) {
+        return [field, value](WorldV3 &world) {
+            world.sb.*field = value;
+            set_geometry(world.sb);
+        };
+    };
+    // Away from what the count asks for.
+    const auto longer = [](std::uint64_t SuperV3::*size) {
+        return [size](WorldV3 &world) { world.sb.*size += 1; };
+    };
+    const auto shorter = [](std::uint64_t SuperV3::*size) {
+        return [size](WorldV3 &world) { world.sb.*size -= 1; };
+    };
+    const std::vector<std::string> bricks{"bad_brick_table"};
+    const std::vector<std::string> inodes{"bad_inode_table"};
+    const std::vector<std::string> shards{"bad_shard_table"};
+    const std::vector<std::string> extents{"bad_extent_table"};
+    const std::vector<std::string> block{"bad_block_size"};
+    expect_cases<WorldV3>({
+        {"as it is", [](WorldV3 &) {}},
+        {"area", resized(&SuperV3::size, 0x101000), {"bad_super_block_size"}},
+        {"8192", resized(&SuperV3::block_size, 8192)},
+        {"65536", resized(&SuperV3::block_size, 65536)},
+        {"4096", resized(&SuperV3::block_size, 4096), block},
+        {"69632", resized(&SuperV3::block_size, 69632), block},
+        {"12289", resized(&SuperV3::block_size, 12289), block},
+        {"300 bricks", resized(&SuperV3::brick_cnt, 300)},
+        {"301 bricks", resized(&SuperV3::brick_cnt, 301), bricks},
+        {"no brick", resized(&SuperV3::brick_cnt, 0), bricks},
+        {"larger brick table", longer(&SuperV3::brick_table_size)},
+        {"smaller brick table", shorter(&SuperV3::brick_table_size), bricks},
+        {"262144 inodes", resized(&SuperV3::inode_cnt, 262144)},
+        {"262145 inodes", resized(&SuperV3::inode_cnt, 262145), inodes},
+        {"no inode", resized(&SuperV3::inode_cnt, 0), inodes},
+        {"larger inode table", longer(&SuperV3::inode_table_size), inodes},
+        {"smaller inode table", shorter(&SuperV3::inode_table_size), inodes},
+        {"524288 shards", resized(&SuperV3::shard_cnt, 524288)},
+        {"524800 shards", resized(&SuperV3::shard_cnt, 524800), shards},
+        {"no shard", resized(&SuperV3::shard_cnt, 0), shards},
+        {"larger shard table", longer(&SuperV3::shard_table_size), shards},
+        {"1073741824 extents", resized(&SuperV3::extent_cnt, 1073741824)},
+        {"1073741825 extents", resized(&SuperV3::extent_cnt, 1073741825), extents},
+        {"no extent", resized(&SuperV3::extent_cnt, 0), extents},
+        {"smaller extent table", shorter(&SuperV3::extent_table_size), extents},
+        {"smaller data area", shorter(&SuperV3::data_size), {"bad_data_area"}},
+        {"hot table of any size", [](WorldV3 &world) { world.sb.hot_table_size = 10000; }},
+        {"37 characters", [](WorldV3 &world) { world.sb.ssd_uuid.pop_back(); }, {"bad_ssd_uuid"}},
+        {"misaligned",
+         [](WorldV3 &world) { world.sb.brick_table_offset += 512; },
+         {"area_misaligned"}},
+        {"two tables in one place",
+         [](WorldV3 &world) { world.sb.inode_table_offset = world.sb.brick_table_offset; },
+         {"areas_overlap"}},
+        {"last byte of the super block area",
+         [](WorldV3 &world) { world.sb.brick_table_offset = MIB; },
+         {"areas_overlap"}},
+        {"right behind the super block area",
+         [](WorldV3 &world) { world.sb.brick_table_offset = MIB + KIB4; }},
+        {"other order",
+         [](WorldV3 &world) {
+             std::swap(world.sb.hot_table_offset, world.sb.shard_table_offset);
+             ASSERT_EQ(world.sb.hot_table_size, world.sb.shard_table_size);
+         },
+         {"areas_out_of_order"}},
+    });
+}
+
+TEST(CheckSuper, OverlapIsTold)
+{
+    WorldV3 world;
+    world.sb.inode_table_offset = world.sb.brick_table_offset + KIB4;
+    const Device device = super_only(world.sb);
+    const Report report = run_check(device.path(), {"--table", "super"});
+    ASSERT_EQ(report.findings.size(), 1U);
+    EXPECT_EQ(report.findings[0].text,
+              text("the inode table (%lu bytes from %lu on) overlaps the brick table (%lu bytes "
+                   "from %lu on)",
+                   world.sb.inode_table_size, world.sb.inode_table_offset,
+                   world.sb.brick_table_size, world.sb.brick_table_offset));
+    EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_super");
+}
+
+TEST(CheckSuper, DeviceThatIsTooShort)
+{
+    const WorldV1 v1;
+    Device device = super_only(v1.sb);
+    device.truncate(device.size() - 1);
+    expect_findings(device, {super_finding("area_past_end")}, {"--table", "super"});
+    device.truncate(v1.sb.data_offset);
+    expect_findings(device, {super_finding("area_past_end")}, {"--table", "super"});
+    device.truncate(static_cast<std::uint64_t>(extent_offset(v1.sb, v1.sb.block_cnt)) - 1);
+    expect_findings(device, {super_finding("area_past_end"), super_finding("area_past_end")},
+                    {"--table", "super"});
+
+    WorldV2 v2;
+    set_expansion(v2.sb, EXPANSION_UNIT, true);
+    expect_findings(super_only(v2.sb), {super_finding("area_past_end")}, {"--table", "super"});
+}
+
+} // namespace

@@ -1,0 +1,64 @@
+// Checks in so little memory that tables are read many times.
+
+#include "zu_tierctl/tierctl_check.h"
+
+#include "v3_device.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+
+using namespace tier_test;
+
+namespace {
+
+struct Outcome {
+    bool clean;
+    std::string out;
+};
+
+Outcome check_in(const Device &device, std::size_t memory)
+{
+    testing::internal::CaptureStdout();
+    const bool clean =
+        tierctl_check({.device = device.path(), .json = true, .claims_memory = memory});
+    return {clean, testing::internal::GetCapturedStdout()};
+}
+
+std::size_t count_of(const std::string &text, const std::string &what)
+{
+    std::size_t count = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        count++;
+    return count;
+}
+
+// 2000 extents in use, of which the last of each block claims what its first one does.
+Device extents_device(bool twice)
+{
+    ExtentBlockV3 blocks[4];
+    for (std::uint32_t i = 0; i < 2000; ++i) {
+        const std::uint32_t slot = i % 500;
+        const std::uint32_t lba = twice && slot == 499 ? i - slot : i;
+        blocks[i / 500].extents.push_back({.slot = slot, .lba = (lba * 7919) % 524288, .shard = 1});
+    }
+    return make_v3_device(super_v3(1, 1), {brick_v3_used(0)}, {inode_v3_used(0, 0)},
+                          {{0, {.shards = {{.slot = 1, .ino = 0}}}}},
+                          {{0, blocks[0]}, {1, blocks[1]}, {2, blocks[2]}, {3, blocks[3]}});
+}
+
+TEST(CheckMemory, FindsTheSameInAny)
+{
+    const Device clean = extents_device(false);
+    const Device twice = extents_device(true);
+    for (const std::size_t memory : {std::size_t{1}, std::size_t{1000}, std::size_t{400} << 20}) {
+        SCOPED_TRACE(memory);
+        EXPECT_TRUE(check_in(clean, memory).clean);
+        const auto [is_clean, out] = check_in(twice, memory);
+        EXPECT_FALSE(is_clean);
+        EXPECT_EQ(count_of(out, "\"kind\":\"duplicate_extent\""), 4U) << out;
+        for (const std::uint64_t block : {0U, 1U, 2U, 3U})
+            EXPECT_EQ(count_of(out, text("\"no\":%lu,", block * 512 + 499)), 1U);
+    }
+}
+
+} // namespace
