@@ -134,20 +134,6 @@ TEST(CheckCommand, CommandsOfPackedEntries)
               std::string::npos);
 }
 
-TEST(CheckCommand, CommandsOfExpansionInodes)
-{
-    WorldV2 world;
-    set_expansion(world.sb, EXPANSION_UNIT, true);
-    world.inodes.push_back(inode_v2_used(world.sb.inode_cnt + 7, 2));
-    const Device device =
-        make_v2_device(world.sb, world.bricks, world.inodes, world.extents, Expansion::FORMATTED);
-    const Report report = run_check(device.path(), {"--table", "inode"});
-    ASSERT_EQ(report.findings.size(), 1U);
-    EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_inode -n 12");
-    EXPECT_EQ(run_logged(device, "dump_inode", {"-n", "12"}).out,
-              json(world.inodes.back(), report.findings[0].offset));
-}
-
 TEST(CheckCommand, Text)
 {
     WorldV1 world;

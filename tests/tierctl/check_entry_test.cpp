@@ -227,41 +227,42 @@ TEST_F(CheckV2, PiecesOfAFreeExtent)
     expect({});
 }
 
+// One device for all that there is to say, because its area is large.
 TEST_F(CheckV2, ExpansionInodes)
 {
     set_expansion(world.sb, EXPANSION_UNIT, true);
-    const std::uint32_t last = world.sb.inode_cnt + EXPANSION_UNIT - 1;
-    world.inodes.push_back(inode_v2_used(world.sb.inode_cnt, 1));
+    const std::uint32_t first = world.sb.inode_cnt;
+    const std::uint32_t last = first + EXPANSION_UNIT - 1;
+    world.inodes.push_back(inode_v2_used(first, 1));
     world.inodes.push_back(inode_v2_used(last, 2));
     world.inodes.back().uuid = world.inodes[0].uuid;
-    world.extents[1].inode_no = world.sb.inode_cnt;
+    world.extents[1].inode_no = first;
     world.extents[2].inode_no = last - 1;
     world.extents[3].inode_no = last + 1;
-    const Device device =
+    Device device =
         make_v2_device(world.sb, world.bricks, world.inodes, world.extents, Expansion::FORMATTED);
-    const Report report = run_check(device.path());
-    std::vector<std::string> found;
-    for (const Finding &finding : report.findings)
-        found.push_back(summary(finding));
-    EXPECT_EQ(found, (std::vector<std::string>{
-                         error("inode_of_free_brick", "inode", last, inode_at(last)),
-                         error("duplicate_inode", "inode", last, inode_at(last)),
-                         error("extent_of_free_inode", "extent", 2, extent_at(2)),
-                         error("extent_of_missing_inode", "extent", 3, extent_at(3))}));
-    EXPECT_EQ(report.tables.at("inode"),
-              (Counts{world.sb.inode_cnt + EXPANSION_UNIT, 5, EXPANSION_UNIT, 0, 0}));
-}
+    expect_findings(device, {error("inode_of_free_brick", "inode", last, inode_at(last)),
+                             error("duplicate_inode", "inode", last, inode_at(last)),
+                             error("extent_of_free_inode", "extent", 2, extent_at(2)),
+                             error("extent_of_missing_inode", "extent", 3, extent_at(3))});
+    const Report report = run_check(device.path(), {"--table", "inode"});
+    EXPECT_EQ(report.tables.at("inode"), (Counts{first + EXPANSION_UNIT, 5, EXPANSION_UNIT, 0, 0}));
 
-TEST_F(CheckV2, ExpansionThatIsNotInUse)
-{
+    // The command of a finding shows what it is about.
+    const std::string no = std::to_string(last);
+    EXPECT_EQ(report.findings[0].command,
+              "zu_tier -p " + device.path() + " -c dump_inode -n " + no);
+    EXPECT_EQ(run_logged(device, "dump_inode", {"-n", no}).out,
+              json(world.inodes.back(), report.findings[0].offset));
+
+    // Not in use: no extent may be of its inodes.
     set_expansion(world.sb, EXPANSION_UNIT, false);
-    world.inodes.push_back(inode_v2_used(world.sb.inode_cnt, 1));
-    world.extents[1].inode_no = world.sb.inode_cnt;
-    world.extents[2].inode_no = world.sb.inode_cnt + EXPANSION_UNIT;
-    expect_findings(
-        make_v2_device(world.sb, world.bricks, world.inodes, world.extents, Expansion::FORMATTED),
-        {error("extent_of_unused_expansion", "extent", 1, extent_at(1)),
-         error("extent_of_missing_inode", "extent", 2, extent_at(2))});
+    put_block(device, SUPER_OFFSET, encode(world.sb));
+    expect_findings(device,
+                    {error("extent_of_unused_expansion", "extent", 1, extent_at(1)),
+                     error("extent_of_unused_expansion", "extent", 2, extent_at(2)),
+                     error("extent_of_missing_inode", "extent", 3, extent_at(3))},
+                    {"--table", "extent"});
 }
 
 TEST_F(CheckV3, CountsOfPackedTables)

@@ -1,8 +1,9 @@
 #include "check_run.h"
 
+#include <algorithm>
 #include <ostream>
 #include <regex>
-#include <sstream>
+#include <string_view>
 
 namespace tier_test {
 
@@ -11,23 +12,19 @@ namespace {
 const std::string STRING = R"re("((?:[^"\\\x01-\x1f]|\\["\\]|\\u[0-9a-f]{4})*)")re";
 const std::string NUMBER = "(0|[1-9][0-9]*)";
 
-// The part of `text` that matches, which is cut from its start; ends the test when none does.
-std::smatch cut(std::string &text, const std::string &pattern)
+// The part of `text` that matches, up to the end of its line, which is cut from its start; ends the
+// test when none does.
+std::cmatch cut(std::string_view &text, const std::string &pattern)
 {
     static std::map<std::string, std::regex> known;
-    std::regex &compiled = known.try_emplace(pattern, pattern).first->second;
-    static std::string matched; // the match refers to it
-    std::smatch match;
-    matched = text.substr(0, text.find('\n') + 1);
-    if (!std::regex_search(matched, match, compiled, std::regex_constants::match_continuous))
-        throw std::runtime_error("expected " + pattern + " at " + text.substr(0, 200));
-    text.erase(0, static_cast<std::size_t>(match.length()));
+    const std::regex &compiled = known.try_emplace(pattern, pattern).first->second;
+    const std::size_t line = std::min(text.find('\n') + 1, text.size());
+    std::cmatch match;
+    if (!std::regex_search(text.data(), text.data() + line, match, compiled,
+                           std::regex_constants::match_continuous))
+        throw std::runtime_error("expected " + pattern + " at " + std::string(text.substr(0, 200)));
+    text.remove_prefix(static_cast<std::size_t>(match.length()));
     return match;
-}
-
-bool begins(const std::string &text, const std::string &with)
-{
-    return text.compare(0, with.size(), with) == 0;
 }
 
 std::string unescaped(const std::string &json)
@@ -46,26 +43,26 @@ std::string unescaped(const std::string &json)
     return text;
 }
 
-void parse_findings(std::string &text, Report &report)
+void parse_findings(std::string_view &text, Report &report)
 {
     static const std::string FINDING =
         "\n\\{\"kind\":\"([a-z0-9_]+)\",\"severity\":\"(error|warning)\",\"table\":\"([a-z]+)\","
         "\"unit\":\"(entry|block)\",\"no\":" +
         NUMBER + ",\"offset\":(-?[0-9]+),\"command\":" + STRING + ",\"text\":" + STRING + "\\}";
     std::string delimiter;
-    while (!begins(text, "],\n")) {
+    while (!text.starts_with("],\n")) {
         cut(text, delimiter + "(?=\n)");
-        text.erase(0, 1); // the line end, so that `cut` sees the whole line
-        const std::smatch m = cut(text, FINDING.substr(1));
+        text.remove_prefix(1); // the line end, so that `cut` sees the whole line
+        const std::cmatch m = cut(text, FINDING.substr(1));
         report.findings.push_back({m[1], m[2], m[3], m[4], std::stoull(m[5]), std::stoll(m[6]),
                                    unescaped(m[7]), unescaped(m[8])});
         delimiter = ",";
     }
 }
 
-std::map<std::string, std::uint64_t> parse(std::string text, Report &report)
+std::map<std::string, std::uint64_t> parse(std::string_view text, Report &report)
 {
-    std::smatch m = cut(text, "\\{\"device\":" + STRING + ",\"layout\":" + STRING +
+    std::cmatch m = cut(text, "\\{\"device\":" + STRING + ",\"layout\":" + STRING +
                                   ",\"findings\":\\[(?=\n|\\])");
     report.device = unescaped(m[1]);
     report.layout = m[2];
@@ -74,7 +71,7 @@ std::map<std::string, std::uint64_t> parse(std::string text, Report &report)
     cut(text, "\\],\n");
     cut(text, "\"tables\":\\{");
     std::string delimiter;
-    while (!begins(text, "},\n")) {
+    while (!text.starts_with("},\n")) {
         m = cut(text, delimiter + "\"([a-z]+)\":\\{\"entries\":" + NUMBER +
                           ",\"in_use\":" + NUMBER + ",\"free\":" + NUMBER +
                           ",\"damaged\":" + NUMBER + ",\"unreadable\":" + NUMBER + "\\}");
@@ -86,7 +83,7 @@ std::map<std::string, std::uint64_t> parse(std::string text, Report &report)
     cut(text, "\"kinds\":\\{");
     std::map<std::string, std::uint64_t> kinds;
     delimiter.clear();
-    while (!begins(text, "}}")) {
+    while (!text.starts_with("}}")) {
         m = cut(text, delimiter + "\"([a-z0-9_]+)\":" + NUMBER);
         kinds[m[1]] = std::stoull(m[2]);
         delimiter = ",";

@@ -6,7 +6,7 @@
 #include "zu_tierctl/tierctl_report.h"
 #include "zu_tierctl/tierctl_states.h"
 
-#include <compare>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -34,12 +34,7 @@ struct tierctl_owner {
 };
 
 /* An identity of 16 bytes, as a key. */
-struct tierctl_identity {
-    uint64_t head;
-    uint64_t tail;
-
-    auto operator<=>(const tierctl_identity &) const = default;
-};
+using tierctl_identity = std::array<uint64_t, 2>;
 
 /* Tells of something wrong with an entry. */
 using tierctl_tell = std::function<void(const tierctl_kind &kind, const std::string &text)>;

@@ -8,10 +8,9 @@ std::string tierctl_text(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, again)), '\0');
-    va_end(again);
+    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, arguments)), '\0');
+    va_end(arguments);
+    va_start(arguments, format);
     vsnprintf(text.data(), text.size() + 1, format, arguments);
     va_end(arguments);
     return text;
