@@ -89,7 +89,10 @@ TEST_F(CheckFaults, InodeAmongOthers)
 // The second time, when those who claim are told, the block of one cannot be read.
 TEST_F(CheckFaults, BlockThatCannotBeReadAgain)
 {
-    expect_findings(check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0))), "");
+    const RunResult run = check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0)));
+    EXPECT_EQ(run.status, 2) << run;
+    EXPECT_EQ(run.err, "zu_tierctl: " + device.path() +
+                           ": table extent is not what it was when it was read first\n");
 }
 
 TEST_F(CheckFaults, SuperBlock)

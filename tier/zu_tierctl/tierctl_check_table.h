@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -158,11 +159,12 @@ private:
         });
     }
 
-    /* Visits again what is in use. */
+    /* Visits again what is in use; throws when that is not what it was. */
     template <class Visit>
     void later_pass(const Visit &visit) const
     {
-        read_table([this, &visit](const tierctl_slots &slots) {
+        uint64_t visited = 0;
+        read_table([this, &visit, &visited](const tierctl_slots &slots) {
             for (uint64_t i = 0; slots.data != nullptr && i < slots.count; i++) {
                 const uint8_t *slot = slots.slot(i);
                 const uint64_t no = slots.first_no + i;
@@ -171,12 +173,17 @@ private:
                 }
                 for (uint32_t k = Entries::FIRST; k < Entries::BEHIND; k++) {
                     if (entries_.in_use(slot, k)) {
+                        visited++;
                         visit(place(no, slots.offset + static_cast<int64_t>(i * SIZE_4K), k), slot,
                               k);
                     }
                 }
             }
         });
+        if (visited != counts_.in_use) {
+            throw std::runtime_error(device_.path() + ": table " + std::string(table_.name) +
+                                     " is not what it was when it was read first");
+        }
     }
 
     template <class Visit>

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -42,15 +43,19 @@ public:
 private:
     void write(const tierctl_finding &finding) override;
     void write_end() override;
+
+    /* Before a line: on a terminal a progress bar may stand in its place. */
+    const char *wipe_ = isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "";
 };
 
 void text_report::write(const tierctl_finding &finding)
 {
     const std::string table(finding.table);
     const std::string kind(finding.kind.name);
-    put(tierctl_text("%s: %s%s %lu at %ld: %s (%s): %s\n", severity_name(finding.kind.severity),
-                     table.c_str(), finding.unit == "block" ? " block" : "", finding.no,
-                     finding.offset, finding.text.c_str(), kind.c_str(), command(finding).c_str()));
+    put(tierctl_text("%s%s: %s%s %lu at %ld: %s (%s): %s\n", wipe_,
+                     severity_name(finding.kind.severity), table.c_str(),
+                     finding.unit == "block" ? " block" : "", finding.no, finding.offset,
+                     finding.text.c_str(), kind.c_str(), command(finding).c_str()));
 }
 
 void text_report::write_end()
