@@ -8,6 +8,7 @@ std::string tierctl_text(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
+    /* NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is, by the line above */
     std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, arguments)), '\0');
     va_end(arguments);
     va_start(arguments, format);

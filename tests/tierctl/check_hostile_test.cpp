@@ -1,0 +1,137 @@
+// Devices that end too early, and super blocks with right checksums that lie, checked by
+// zu_tierctl.
+
+#include "check_run.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace tier_test;
+
+namespace {
+
+TEST(CheckHostile, BlocksPastTheEnd)
+{
+    const WorldV1 v1;
+    Device device = v1.device();
+    device.truncate(static_cast<std::uint64_t>(inode_offset(v1.sb, 2)) + 100);
+    const std::vector<std::string> tables{"--table", "inode", "--table", "extent"};
+    expect_findings(device,
+                    {error("past_end", "inode", 2, inode_offset(v1.sb, 2)),
+                     error("past_end", "extent", 0, extent_offset(v1.sb, 0))},
+                    tables);
+    const Report report = run_check(device.path(), tables);
+    EXPECT_EQ(report.findings[0].text,
+              "it and all up to 4 cannot be read: past the end of the device");
+    EXPECT_EQ(report.tables.at("inode"), (Counts{5, 2, 0, 0, 3}));
+    EXPECT_EQ(report.tables.at("extent"), (Counts{6, 0, 0, 0, 6}));
+}
+
+TEST(CheckHostile, OwnersPastTheEnd)
+{
+    WorldV3 world; // inodes behind everything else
+    world.sb.inode_table_offset = world.sb.data_offset + world.sb.data_size;
+    Device device = world.device();
+    device.truncate(world.sb.inode_table_offset + 2 * BLOCK_SIZE);
+    world.shards[0].shards.push_back({.slot = 9, .ino = 2});
+    put_block(device, shard_offset(world.sb, 0), encode(world.shards[0]));
+    expect_findings(
+        device,
+        {warning("shard_of_unknown_inode", "shard", 9, word_offset(shard_offset(world.sb, 0), 9))},
+        {"--table", "shard"});
+}
+
+TEST(CheckHostile, HugeCounts)
+{
+    WorldV1 world;
+    Device device = world.device();
+    world.sb.inode_cnt = std::numeric_limits<std::uint32_t>::max();
+    world.sb.block_cnt = std::numeric_limits<std::uint32_t>::max();
+    put_block(device, SUPER_OFFSET, encode(world.sb));
+    const Report report = run_check(device.path(), {"--table", "inode", "--table", "extent"});
+    for (const Finding &finding : report.findings) {
+        if (finding.kind == "past_end") {
+            EXPECT_EQ(finding.text.find("it and all up to 4294967294 cannot be read"), 0U);
+        }
+    }
+    EXPECT_EQ(report.tables.at("inode").entries, 4294967295U);
+    EXPECT_EQ(report.tables.at("extent").entries, 4294967295U);
+}
+
+// It ends, whatever it finds.
+void expect_end(const Device &device)
+{
+    const RunResult run = run_program(ZU_TIERCTL, {"check", device.path()});
+    EXPECT_LE(static_cast<unsigned>(run.status), 1U) << run;
+    EXPECT_EQ(run.err, "");
+    EXPECT_NE(run.out.find("\nfindings "), std::string::npos);
+}
+
+TEST(CheckHostile, HugeNumbersEverywhere)
+{
+    const std::uint64_t huge[] = {0,
+                                  1,
+                                  4096,
+                                  std::uint64_t{1} << 32,
+                                  std::uint64_t{1} << 63,
+                                  (std::uint64_t{1} << 63) - 4096,
+                                  std::numeric_limits<std::uint64_t>::max() - 4095,
+                                  std::numeric_limits<std::uint64_t>::max()};
+    const WorldV3 world;
+    Device device = world.device();
+    for (std::size_t at = 8; at < SuperV3::LENGTH; at += at == 40 ? 80 : 8) { // but the identities
+        for (const std::uint64_t value : huge) {
+            if (at == 40)
+                continue;
+            SCOPED_TRACE(text("%zu: %lu", at, value));
+            Block super = encode(world.sb);
+            put_u64(super, at, value);
+            seal(super, SuperV3::LENGTH);
+            put_block(device, SUPER_OFFSET, super);
+            expect_end(device);
+        }
+    }
+    const WorldV2 v2;
+    Device other = v2.device();
+    for (std::size_t at = 8; at < SuperV2::LENGTH; at += at == 40 ? 72 : 4) {
+        for (const std::uint32_t value : {0U, 1U, 0x7FFF'FFFFU, 0xFFFF'FFFFU}) {
+            if (at >= 40 && at < 116)
+                continue;
+            SCOPED_TRACE(text("%zu: %u", at, value));
+            Block super = encode(v2.sb);
+            put_u32(super, at, value);
+            seal(super, SuperV2::LENGTH);
+            put_block(other, SUPER_OFFSET, super);
+            expect_end(other);
+        }
+    }
+}
+
+TEST(CheckHostile, MisalignedTable)
+{
+    WorldV3 world;
+    Device device = world.device();
+    world.sb.hot_table_offset += 512;
+    put_block(device, SUPER_OFFSET, encode(world.sb));
+    expect_findings(
+        device,
+        {error("misaligned", "hot", 0, static_cast<std::int64_t>(world.sb.hot_table_offset))},
+        {"--table", "hot"});
+}
+
+TEST(CheckHostile, RecordsThatDoNotFit)
+{
+    for (const std::uint32_t size : {0U, 3U, 55U, 4097U, 0xFFFF'FFFFU}) {
+        SCOPED_TRACE(size);
+        WorldV1 world;
+        Device device = world.device();
+        world.sb.extent_size = size;
+        put_block(device, SUPER_OFFSET, encode(world.sb));
+        expect_findings(device,
+                        {error("records_do_not_fit", "extent", 0, extent_offset(world.sb, 0))},
+                        {"--table", "extent"});
+        EXPECT_EQ(run_check(device.path()).tables.at("extent"), (Counts{6, 0, 0, 6, 0}));
+    }
+}
+
+} // namespace
