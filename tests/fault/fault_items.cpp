@@ -70,6 +70,9 @@ void parse_effect(const char *at, Item &item)
         item.at_most = number(at);
         return;
     }
+    item.lost = item.effect_length == 4 && std::strncmp(at, "lost", 4) == 0;
+    if (item.lost)
+        return;
     for (const Effect &effect : ERRORS)
         if (std::strlen(effect.name) == item.effect_length &&
             std::strncmp(at, effect.name, item.effect_length) == 0) {

@@ -8,8 +8,9 @@
 //            "=" effect
 //   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
 //          | "realloc" | "open" | "close" | "stat" | "fstat" | "fopen" | "fread" | "fclose"
-//          | "write"
-//   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "short:" bytes | "pass"
+//          | "fsync" | "write"
+//   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "short:" bytes | "lost"
+//          | "pass"
 //
 // (size)   only calls for that many bytes, or for a number in that range
 // @o+l     only device calls that touch one of the `length` bytes from `offset` of the device
@@ -18,8 +19,9 @@
 // The first item that takes a call decides; those behind it do not count the call. An error fails
 // the call without an effect, except that close and fclose close all the same. "short:" moves at
 // most that many bytes, so "short:0" is the end of the device for a read, and a write that moved
-// nothing. "pass" changes nothing. With "trace:" each call that an item took is appended to the
-// file, one line in the form "pread(4096)@8192=EIO", the offset only for device calls.
+// nothing. "lost" moves nothing and says that it moved all. "pass" changes nothing. With "trace:"
+// each call that an item took is appended to the file, one line in the form
+// "pread(4096)@8192=EIO", the offset only for device calls.
 //
 // "write" stands for the writes of standard output and of the files that the program opens as
 // streams to write to: what the C library does with the bytes that it has collected.
@@ -48,6 +50,7 @@ struct Item {
     Range turns{};
     int error = 0;                    // 0: none
     std::uint64_t at_most = NO_LIMIT; // bytes moved
+    bool lost = false;                // none are
     const char *effect = "";          // as it was written
     std::size_t effect_length = 0;
     std::uint64_t seen = 0;

@@ -54,6 +54,8 @@ ssize_t transfer(const char *call, Transfer<Buffer> *real, int fd, Buffer *buffe
         errno = item->error;
         return -1;
     }
+    if (item != nullptr && item->lost)
+        return static_cast<ssize_t>(size);
     if (item == nullptr || item->at_most >= size)
         return real(fd, buffer, size, offset);
     leave_direct_mode(fd);
@@ -146,6 +148,12 @@ ssize_t pwrite64(int fd, const void *buffer, size_t size, off64_t offset)
 {
     static auto *const real = behind<Transfer<const void>>("pwrite64");
     return transfer("pwrite", real, fd, buffer, size, offset);
+}
+
+int fsync(int fd)
+{
+    static auto *const real = behind<int(int)>("fsync");
+    return fails("fsync") ? -1 : real(fd);
 }
 
 int posix_memalign(void **memory, size_t alignment, size_t size) noexcept

@@ -27,7 +27,7 @@ constexpr const char FOOTER[] =
     "\n"
     "Example, before and after a repair:\n"
     "  zu_tierctl save /dev/nvme0n1 before.img\n"
-    "  zu_tier -p /dev/nvme0n1 -c repair_inode -r inode.json -y\n"
+    "  zu_tier -p /dev/nvme0n1 -c repair_inode -f inode.json -y\n"
     "  zu_tierctl diff before.img /dev/nvme0n1";
 
 struct diff_options {

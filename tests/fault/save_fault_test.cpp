@@ -1,0 +1,210 @@
+// zu_tierctl save and diff on devices and disks that fail.
+
+#include "faulty_run.h"
+#include "v1_device.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+using namespace tier_test;
+
+namespace {
+
+class SaveFaults : public testing::Test {
+protected:
+    const SuperV1 sb = super_v1(3, 5, 300);
+    Device device = make_v1_device(sb, {brick_used(1)}, {inode_used(2, 1)});
+    const TempDir directory;
+    const TempDir traces;
+    const std::string file = directory.path("saved");
+
+    RunResult run(const std::vector<std::string> &args, const std::string &faults) const
+    {
+        RunOptions options;
+        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
+                               {"ZUTR_FAULTS", "trace:" + traces.path("trace") + ";" + faults}};
+        return run_program(ZU_TIERCTL, args, options);
+    }
+    RunResult save(const std::string &faults) const
+    {
+        return run({"save", device.path(), file}, faults);
+    }
+
+    // Under this fault the run leaves nothing behind.
+    void expect_failure(const std::string &fault, const std::string &complaint) const
+    {
+        SCOPED_TRACE(fault);
+        const RunResult failed = save(fault);
+        EXPECT_EQ(failed.status, 1) << failed;
+        EXPECT_EQ(failed.err, "zu_tierctl: " + complaint + "\n");
+        EXPECT_TRUE(std::filesystem::is_empty(directory.path("")));
+    }
+
+    static std::string at(std::int64_t offset) { return text("@%ld+4096", offset); }
+    static std::string listed(const std::string &table, std::uint64_t no, std::int64_t offset)
+    {
+        return text(
+            R"({"table":"%s","no":%lu,"count":1,"offset":%ld,"error":"Input/output error"})",
+            table.c_str(), no, offset);
+    }
+};
+
+TEST_F(SaveFaults, UnreadableBlocksAreHolesAndListed)
+{
+    const std::int64_t inode = inode_offset(sb, 3);
+    const std::int64_t extent = extent_offset(sb, 299); // in the second read of the table
+    const std::string faults = "pread" + at(inode) + "=EIO;pread" + at(extent) + "=EIO;pread" +
+                               at(brick_offset(sb, 0)) + "#1=EIO";
+    const RunResult saved = save(faults);
+    EXPECT_EQ(saved.status, 1) << saved;
+    const std::string list = file + ".unreadable.json";
+    EXPECT_EQ(saved.err, "zu_tierctl: " + file + " is incomplete: see " + list + "\n");
+    EXPECT_EQ(read_file(list),
+              "[\n" + listed("inode", 3, inode) + ",\n" + listed("extent", 299, extent) + "\n]\n");
+
+    // The other blocks are there: brick 0 could be read on its own.
+    std::string expected = read_file(device.path());
+    expected.replace(static_cast<std::size_t>(inode), BLOCK_SIZE, BLOCK_SIZE, '\0');
+    expected.replace(static_cast<std::size_t>(extent), BLOCK_SIZE, BLOCK_SIZE, '\0');
+    EXPECT_TRUE(read_file(file) == expected);
+
+    const std::string missing = ": cannot be read in B: not in the saved file\n";
+    EXPECT_EQ(run({"diff", device.path(), file}, "pread#1=pass").out,
+              "inode 3" + missing + "extent 299" + missing);
+}
+
+TEST_F(SaveFaults, AllBlocksOfATableUnreadable)
+{
+    const RunResult saved = save(text("pread@%ld+1228800=EIO", extent_offset(sb, 0)));
+    EXPECT_EQ(saved.status, 1) << saved;
+    std::string expected;
+    for (std::uint64_t no = 0; no < 300; ++no)
+        expected += (no == 0 ? "[\n" : ",\n") + listed("extent", no, extent_offset(sb, no));
+    EXPECT_EQ(read_file(file + ".unreadable.json"), expected + "\n]\n");
+}
+
+TEST_F(SaveFaults, SuperBlockThatCannotBeRead)
+{
+    expect_failure("pread@4096+4096=EIO",
+                   "cannot read the super block of " + device.path() + ": Input/output error");
+}
+
+TEST_F(SaveFaults, NoMemory)
+{
+    expect_failure("posix_memalign=ENOMEM", "std::bad_alloc");
+}
+
+TEST_F(SaveFaults, NoRoomOnTheDisk)
+{
+    for (const std::string turn : {"#1", "#2", "#3", "#5"})
+        expect_failure("pwrite" + turn + "=ENOSPC",
+                       "cannot write " + file + ": No space left on device");
+}
+
+TEST_F(SaveFaults, NoRoomForTheList)
+{
+    // The super block, the bricks, the inodes on both sides of the hole, the extents; the list.
+    const std::string hole = "pread" + at(inode_offset(sb, 3)) + "=EIO;";
+    expect_failure(hole + "pwrite(1-4095)=ENOSPC",
+                   "cannot write " + file + ".unreadable.json: No space left on device");
+}
+
+TEST_F(SaveFaults, ADiskThatTellsOfItTooLate)
+{
+    expect_failure("fsync#1=EIO", "cannot write " + file + ": Input/output error");
+    const std::string hole = "pread" + at(inode_offset(sb, 3)) + "=EIO;";
+    expect_failure(hole + "fsync#1=EIO",
+                   "cannot write " + file + ".unreadable.json: Input/output error");
+    // The list has its name by then, and loses it again.
+    expect_failure(hole + "fsync#3=EIO", "cannot write " + file + ": Input/output error");
+}
+
+TEST_F(SaveFaults, ComparisonGoesAroundWhatCannotBeRead)
+{
+    const Device other = make_v1_device(sb, {brick_used(1)}, {inode_used(2, 1), inode_used(4, 1)});
+    const RunResult compared =
+        run({"diff", device.path(), other.path()}, "pread" + at(inode_offset(sb, 1)) + "=EIO");
+    EXPECT_EQ(compared.status, 1) << compared;
+    EXPECT_TRUE(compared.out.starts_with("inode 1: cannot be read in A: Input/output error, in B: "
+                                         "Input/output error\ninode 4\n  checksum: "))
+        << compared;
+}
+
+// Revert
+
+class RevertFaults : public SaveFaults {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(save("pread#99=pass").status, 0);
+        Block damaged = device.block(static_cast<std::uint64_t>(offset));
+        damaged[60] ^= 1;
+        device.write(static_cast<std::uint64_t>(offset), damaged);
+    }
+    RunResult revert(const std::string &faults) const
+    {
+        return run({"revert", file, device.path(), "inode", "2", "--commit"}, faults);
+    }
+
+    const std::int64_t offset = inode_offset(sb, 2);
+};
+
+TEST_F(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
+{
+    const auto before = device.bytes();
+    const RunResult failed = revert("pwrite=EIO");
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_EQ(failed.err, "zu_tierctl: cannot write " + device.path() + ": Input/output error\n");
+    EXPECT_TRUE(device.bytes() == before);
+}
+
+TEST_F(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
+{
+    const RunResult done = revert("pwrite=pass;pread=pass");
+    EXPECT_EQ(done.status, 0) << done;
+    const std::vector<std::string> calls = lines_of(read_file(traces.path("trace")));
+    ASSERT_GE(calls.size(), 2U);
+    EXPECT_EQ(std::ranges::count_if(calls, [](const std::string &call) { return call[1] == 'w'; }),
+              1);
+    EXPECT_EQ(calls[calls.size() - 2], traced("pwrite", 4096, offset, "pass"));
+    EXPECT_EQ(calls.back(), traced("pread", 4096, offset, "pass"));
+}
+
+TEST_F(RevertFaults, WhatCannotBeReadBackIsAnError)
+{
+    // Super blocks of both, the entry of both, and then the entry once more.
+    const RunResult failed = revert("pread#5=EIO");
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_EQ(failed.err, "zu_tierctl: cannot read back inode 2 from " + device.path() +
+                              ": Input/output error\n");
+}
+
+TEST_F(RevertFaults, AWriteThatIsLostIsAnError)
+{
+    const RunResult failed = revert("pwrite=lost");
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_EQ(failed.err, "zu_tierctl: inode 2 reads back otherwise than it was written to " +
+                              device.path() + "\n");
+}
+
+TEST_F(RevertFaults, AnUnreadableBlockCanBeWritten)
+{
+    const RunResult done = revert("pread" + at(offset) + "#2=EIO");
+    EXPECT_EQ(done.status, 0) << done;
+    EXPECT_TRUE(done.out.starts_with(text("inode 2 at byte %ld\nnow:  cannot be read: "
+                                          "Input/output error\nthen: {",
+                                          offset)))
+        << done;
+    EXPECT_TRUE(done.out.ends_with("}\nwritten\n")) << done;
+    EXPECT_EQ(run({"diff", file, device.path()}, "pread#99=pass").status, 0);
+}
+
+TEST_F(RevertFaults, NoMemory)
+{
+    const RunResult failed = revert("posix_memalign=ENOMEM");
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.err, "zu_tierctl: std::bad_alloc\n");
+}
+
+} // namespace

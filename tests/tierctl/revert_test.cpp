@@ -1,0 +1,301 @@
+// zu_tierctl revert: one entry put back from a saved file.
+
+#include "cache.h"
+#include "loop_device.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace tier_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char NOTHING_WRITTEN[] = "zu_tierctl: nothing was written: --commit writes it\n";
+
+class Revert : public testing::TestWithParam<std::string> {
+protected:
+    explicit Revert(const std::string &layout) : cache(make_cache(layout)) { save(); }
+    Revert() : Revert(GetParam()) {}
+
+    Cache cache;
+    const TempDir directory;
+    const std::string saved = directory.path("saved");
+
+    void save() const
+    {
+        const RunResult run = run_ctl({"save", cache.device.path(), saved});
+        EXPECT_EQ(run.status, 0) << run;
+    }
+
+    RunResult revert(const std::string &table, std::uint64_t no,
+                     const std::vector<std::string> &options = {}) const
+    {
+        return revert_on(cache.device.path(), table, no, options);
+    }
+
+    RunResult revert_on(const std::string &device, const std::string &table, std::uint64_t no,
+                        const std::vector<std::string> &options = {}) const
+    {
+        std::vector<std::string> args{"revert", saved, device, table, std::to_string(no)};
+        args.insert(args.end(), options.begin(), options.end());
+        return run_ctl(args);
+    }
+
+    // Refused with and without --commit, and nothing is written.
+    void expect_refused(const std::string &table, std::uint64_t no, const std::string &complaint,
+                        int status = 1) const
+    {
+        const auto before = cache.device.bytes();
+        for (const auto &options : {std::vector<std::string>{}, {"--commit"}})
+            expect_complaint(revert(table, no, options), status, complaint);
+        EXPECT_TRUE(cache.device.bytes() == before);
+    }
+
+    Block block_of(const std::string &table, std::uint64_t no) const
+    {
+        return cache.device.block(static_cast<std::uint64_t>(cache.offset(table, no)));
+    }
+};
+
+class RevertV1 : public Revert {
+protected:
+    RevertV1() : Revert("v1") {}
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, Revert, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return layout.param; });
+
+// The lines of what was told.
+std::vector<std::string> lines(const std::string &out)
+{
+    std::vector<std::string> result;
+    for (std::size_t at = 0; at < out.size(); at = out.find('\n', at) + 1)
+        result.push_back(out.substr(at, out.find('\n', at) - at));
+    return result;
+}
+
+TEST_P(Revert, EveryEntryIsShownAsByTheToolAndPutBack)
+{
+    const auto good = cache.device.bytes();
+    for (const CacheTable &table : cache.tables) {
+        for (std::uint64_t no = 0; no < table.count; ++no) {
+            SCOPED_TRACE(table.name + ' ' + std::to_string(no));
+            std::vector<std::string> one{"-n", std::to_string(no)};
+            const std::string dumped = dump_of(
+                saved, table.command, table.name == "super" ? std::vector<std::string>{} : one);
+            flip(cache.device, table.offset(no) + 9, 0x40);
+            const auto damaged = cache.device.bytes();
+
+            const RunResult shown = revert(table.name, no);
+            EXPECT_EQ(shown.status, 0) << shown;
+            EXPECT_EQ(shown.err, NOTHING_WRITTEN);
+            const auto told = lines(shown.out);
+            ASSERT_GE(told.size(), 4U) << shown;
+            EXPECT_EQ(told[0],
+                      text("%s %lu at byte %ld", table.name.c_str(), no, table.offset(no)));
+            EXPECT_TRUE(told[1].starts_with("now:  {")) << told[1];
+            EXPECT_EQ(told[2], "then: " + dumped);
+            EXPECT_TRUE(told[3].starts_with("  ")) << told[3];
+            EXPECT_TRUE(cache.device.bytes() == damaged);
+
+            const RunResult done = revert(table.name, no, {"--commit"});
+            EXPECT_EQ(done.status, 0) << done;
+            EXPECT_EQ(done.out, shown.out + "written\n");
+            EXPECT_EQ(done.err, "");
+            EXPECT_TRUE(cache.device.bytes() == good);
+        }
+    }
+}
+
+TEST_P(Revert, EqualEntriesNeedNothing)
+{
+    const auto before = cache.device.bytes();
+    for (const auto &options : {std::vector<std::string>{}, {"--commit"}}) {
+        const RunResult run = revert("inode", 2, options);
+        EXPECT_EQ(run.status, 0) << run;
+        EXPECT_EQ(run.out, "inode 2 is the same in both: nothing to do\n");
+        EXPECT_EQ(run.err, "");
+    }
+    EXPECT_TRUE(cache.device.bytes() == before);
+}
+
+TEST_P(Revert, UndoesARepairAndNothingElse)
+{
+    const auto before = cache.device.bytes();
+    const std::string conf = directory.write("inode.json", R"({"i_no":2,"i_use":0})");
+    const LoggedRun repair = run_logged(cache.device, "repair_inode", {"-f", conf, "-y"});
+    ASSERT_EQ(repair.status, 0) << repair;
+    const RunResult differs = run_ctl({"diff", saved, cache.device.path()});
+    EXPECT_TRUE(differs.out.starts_with("inode 2\n  ")) << differs;
+    EXPECT_EQ(differs.out.find("\ninode"), std::string::npos);
+    flip(cache.device, cache.offset("brick", 0) + 50); // another change stays
+
+    EXPECT_EQ(revert("inode", 2, {"--commit"}).status, 0);
+    flip(cache.device, cache.offset("brick", 0) + 50);
+    EXPECT_TRUE(cache.device.bytes() == before);
+    EXPECT_EQ(run_ctl({"diff", saved, cache.device.path()}).status, 0);
+}
+
+TEST_P(Revert, SuperBlocksMustBeTheSame)
+{
+    flip(cache.device, SUPER_OFFSET + 4000);
+    flip(cache.device, cache.offset("inode", 2) + 60);
+    expect_refused("inode", 2,
+                   "the super blocks of " + saved + " and " + cache.device.path() + " differ");
+    flip(cache.device, SUPER_OFFSET + 100);
+    expect_refused("inode", 2, cache.device.path() + " has no super block of a known layout");
+}
+
+TEST_P(Revert, SuperBlockNeedsTheSameSize)
+{
+    flip(cache.device, SUPER_OFFSET + 100);
+    cache.device.truncate(cache.device.size() + 4096);
+    expect_refused("super", 0, "the sizes of " + saved + " and " + cache.device.path() + " differ");
+}
+
+TEST_P(Revert, DamagedEntriesAreNotPutBack)
+{
+    for (const CacheTable &table : cache.tables) {
+        if (table.name == "super" || table.name == "hot")
+            continue;
+        SCOPED_TRACE(table.name);
+        fs::remove(saved);
+        flip(cache.device, table.offset(1) + 20);
+        save();
+        flip(cache.device, table.offset(1) + 20);
+        expect_refused(table.name, 1, table.name + " 1 is damaged in " + saved);
+    }
+}
+
+TEST_P(Revert, EntriesThatTheSavedFileLacks)
+{
+    const CacheTable &extents = cache.table("extent");
+    const auto whole = cache.device.bytes();
+    fs::remove(saved);
+    fs::resize_file(cache.device.path(), static_cast<std::uint64_t>(extents.offset(2)));
+    ASSERT_EQ(run_ctl({"save", cache.device.path(), saved}).status, 1);
+    cache.device.write(0, whole);
+    for (const std::uint64_t no : {std::uint64_t{2}, extents.count - 1})
+        expect_refused("extent", no,
+                       text("extent %lu is missing in %s: it could not be read when that was saved",
+                            no, saved.c_str()));
+    flip(cache.device, extents.offset(1) + 30);
+    EXPECT_EQ(revert("extent", 1, {"--commit"}).status, 0);
+    EXPECT_TRUE(cache.device.bytes() == whole);
+
+    fs::remove(saved + ".unreadable.json"); // the file itself ends before these
+    expect_refused("extent", 2, "cannot read extent 2 in " + saved + ": No such device or address");
+}
+
+TEST_P(Revert, DevicesThatEndBeforeTheEntry)
+{
+    fs::resize_file(cache.device.path(),
+                    static_cast<std::uint64_t>(cache.offset("extent", 2)) + 100);
+    expect_refused("extent", 2,
+                   "cannot read extent 2 in " + cache.device.path() +
+                       ": No such device or address");
+}
+
+TEST_P(Revert, BlockDevice)
+{
+    const auto before = cache.device.bytes();
+    flip(cache.device, cache.offset("extent", 1) + 30);
+    {
+        const auto device = LoopDevice::attach(cache.device.path());
+        if (device == nullptr)
+            GTEST_SKIP() << "no right to set up a loop device";
+        const int holder = open(device->path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+        ASSERT_GE(holder, 0);
+        EXPECT_EQ(revert_on(device->path(), "extent", 1).status, 0);
+        expect_complaint(revert_on(device->path(), "extent", 1, {"--commit"}), 1,
+                         "cannot open " + device->path() + ": Device or resource busy");
+        close(holder);
+        const RunResult run = revert_on(device->path(), "extent", 1, {"--commit"});
+        EXPECT_EQ(run.status, 0) << run;
+    }
+    EXPECT_TRUE(cache.device.bytes() == before);
+}
+
+TEST_P(Revert, NoSuchEntry)
+{
+    for (const CacheTable &table : cache.tables)
+        for (const std::uint64_t no : {table.count, ~std::uint64_t{0}})
+            expect_refused(
+                table.name, no,
+                text("%s %lu: the table has %lu entries", table.name.c_str(), no, table.count), 2);
+    const std::string known = GetParam() == "v3" ? "super, brick, inode, shard, hot, extent"
+                                                 : "super, brick, inode, extent";
+    expect_refused("none", 0, "there is no table none, but " + known, 2);
+}
+
+TEST_F(RevertV1, RecordsThatDoNotFitTheirSlots)
+{
+    SuperV1 sb = super_v1(3, 5, 4);
+    sb.extent_size = 5000;
+    put_block(cache.device, SUPER_OFFSET, encode(sb));
+    fs::remove(saved);
+    save();
+    flip(cache.device, cache.offset("extent", 1) + 30);
+    expect_refused("extent", 1, "extent 1 is damaged in " + saved);
+}
+
+TEST_F(RevertV1, WhatIsNotASavedFile)
+{
+    flip(cache.device, cache.offset("inode", 1) + 30);
+    fs::resize_file(saved, 0);
+    expect_refused("inode", 1,
+                   "cannot read the super block of " + saved + ": No such device or address");
+    directory.write("saved", std::string(10000, 'x'));
+    expect_refused("super", 0, saved + " has no super block of a known layout");
+    fs::remove(saved);
+    expect_refused("inode", 1, "cannot open " + saved + ": No such file or directory");
+}
+
+TEST_F(RevertV1, UnreadableListThatIsNone)
+{
+    flip(cache.device, cache.offset("inode", 1) + 30);
+    const std::string list = directory.write("saved.unreadable.json", "nonsense");
+    expect_refused("inode", 1, list + " is no list of unreadable blocks");
+}
+
+TEST_F(RevertV1, NothingIsWrittenWhenItCannotBeShown)
+{
+    flip(cache.device, cache.offset("inode", 2) + 60);
+    const auto before = cache.device.bytes();
+    RunOptions options;
+    options.stdout_path = "/dev/full";
+    expect_complaint(
+        run_ctl({"revert", saved, cache.device.path(), "inode", "2", "--commit"}, options), 1,
+        "cannot write standard output: No space left on device");
+    const std::vector<std::string> closed{
+        "-c",  "exec \"$@\" <&- >&- 2>&-", "sh",    ZU_TIERCTL, "revert",
+        saved, cache.device.path(),        "inode", "2",        "--commit"};
+    EXPECT_EQ(run_program("/bin/sh", closed).status, 1);
+    EXPECT_TRUE(cache.device.bytes() == before);
+}
+
+TEST_F(RevertV1, BadCommandLines)
+{
+    const std::string device = cache.device.path();
+    for (const auto &args : std::vector<std::vector<std::string>>{
+             {"revert"},
+             {"revert", saved, device, "inode"},
+             {"revert", saved, device, "inode", "1", "2"},
+             {"revert", saved, device, "inode", "1", "--force"},
+             {"revert", saved, device, "inode", "x"},
+             {"revert", saved, device, "inode", "0x1"},
+             {"revert", saved, device, "inode", "18446744073709551616"}}) {
+        const RunResult run = run_ctl(args);
+        EXPECT_EQ(run.status, 2) << run;
+        EXPECT_TRUE(run.err.starts_with("zu_tierctl: ")) << run;
+    }
+    const RunResult help = run_ctl({"revert", "--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const std::string word : {"SAVED", "DEVICE", "TABLE", "NO", "--commit", "same size"})
+        EXPECT_NE(help.out.find(word), std::string::npos) << word;
+}
+
+} // namespace
