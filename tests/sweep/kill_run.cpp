@@ -1,7 +1,5 @@
 #include "kill_run.h"
 
-#include "run.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -18,9 +16,9 @@ namespace {
 
 constexpr int AT_SYSTEM_CALL = SIGTRAP | 0x80; // with PTRACE_O_TRACESYSGOOD
 
-[[noreturn]] void become_traced(const std::vector<std::string> &args)
+[[noreturn]] void become_traced(const std::string &program, const std::vector<std::string> &args)
 {
-    std::vector<char *> argv{const_cast<char *>(ZU_TIER.c_str())};
+    std::vector<char *> argv{const_cast<char *>(program.c_str())};
     for (const std::string &arg : args)
         argv.push_back(const_cast<char *>(arg.c_str()));
     argv.push_back(nullptr);
@@ -50,13 +48,14 @@ void proceed(pid_t child, int signal)
 
 } // namespace
 
-std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args)
+std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args,
+                          const std::string &program, int status)
 {
     const pid_t child = fork();
     if (child < 0)
         throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0)
-        become_traced(args);
+        become_traced(program, args);
 
     int state = wait_for(child); // behind the start of the program
     ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
@@ -71,7 +70,7 @@ std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args
         proceed(child, signal == AT_SYSTEM_CALL || signal == SIGTRAP ? 0 : signal);
         state = wait_for(child);
     }
-    if (!WIFEXITED(state) || WEXITSTATUS(state) != 0)
+    if (!WIFEXITED(state) || WEXITSTATUS(state) != status)
         throw std::runtime_error("the run has not ended well, wait status " +
                                  std::to_string(state));
     return reached;
