@@ -75,7 +75,7 @@ public:
         tierctl_print(json_head("entry", {a.table.name, a.no, 1}) +
                       ",\"offset_a\":" + std::to_string(a.table.slot(a.no)) +
                       ",\"offset_b\":" + std::to_string(b.table.slot(b.no)) + ",\"fields\":[");
-        std::string_view separator;
+        std::string_view separator = "";
         for (const tierctl_difference &field : tierctl_entry_differences(a, b)) {
             tierctl_print(separator);
             tierctl_print("{\"key\":\"" + field.key + "\",\"a\":" + field.a + ",\"b\":" + field.b +
