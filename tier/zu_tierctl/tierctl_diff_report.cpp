@@ -53,8 +53,8 @@ public:
 /* "{"kind":"entry","table":"inode","no":7,"count":1" */
 std::string json_head(const char *kind, const tierctl_entry_range &range)
 {
-    return "{\"kind\":\"" + std::string(kind) + "\",\"table\":\"" + std::string(range.table) +
-           "\",\"no\":" + std::to_string(range.first) + ",\"count\":" + std::to_string(range.count);
+    return R"({"kind":")" + std::string(kind) + R"(","table":")" + std::string(range.table) +
+           R"(","no":)" + std::to_string(range.first) + ",\"count\":" + std::to_string(range.count);
 }
 
 std::string json_error(int error)
@@ -66,23 +66,20 @@ class json_report : public tierctl_diff_report {
 public:
     void layouts(std::string_view a, std::string_view b) override
     {
-        tierctl_print("{\"kind\":\"layout\",\"a\":\"" + std::string(a) + "\",\"b\":\"" +
-                      std::string(b) + "\"}\n");
+        tierctl_print(R"({"kind":"layout","a":")" + std::string(a) + R"(","b":")" + std::string(b) +
+                      "\"}\n");
     }
 
     void entry(const tierctl_entry &a, const tierctl_entry &b) override
     {
-        tierctl_print(json_head("entry", {a.table.name, a.no, 1}) +
-                      ",\"offset_a\":" + std::to_string(a.table.slot(a.no)) +
-                      ",\"offset_b\":" + std::to_string(b.table.slot(b.no)) + ",\"fields\":[");
-        std::string_view separator = "";
+        std::string fields;
         for (const tierctl_difference &field : tierctl_entry_differences(a, b)) {
-            tierctl_print(separator);
-            tierctl_print("{\"key\":\"" + field.key + "\",\"a\":" + field.a + ",\"b\":" + field.b +
-                          '}');
-            separator = ",";
+            fields.append(fields.empty() ? "" : ",").append(R"({"key":")").append(field.key);
+            fields.append(R"(","a":)").append(field.a).append(R"(,"b":)").append(field.b) += '}';
         }
-        tierctl_print("]}\n");
+        tierctl_print(json_head("entry", {a.table.name, a.no, 1}) + R"(,"offset_a":)" +
+                      std::to_string(a.table.slot(a.no)) + R"(,"offset_b":)" +
+                      std::to_string(b.table.slot(b.no)) + R"(,"fields":[)" + fields + "]}\n");
     }
 
     void unreadable(const tierctl_entry_range &range, int error_a, int error_b) override
@@ -93,7 +90,7 @@ public:
 
     void only_in(std::string_view side, const tierctl_entry_range &range) override
     {
-        tierctl_print(json_head("only", range) + ",\"in\":\"" + std::string(side) + "\"}\n");
+        tierctl_print(json_head("only", range) + R"(,"in":")" + std::string(side) + "\"}\n");
     }
 };
 

@@ -90,9 +90,9 @@ public:
     void add_bytes()
     {
         const auto differs = [](uint8_t bits) { return bits != 0; };
-        for (auto first = std::ranges::find_if(untold_, differs); first != untold_.end();) {
-            auto end = first + 1;
-            auto next = std::find_if(end, untold_.end(), differs);
+        for (auto *first = std::ranges::find_if(untold_, differs); first != untold_.end();) {
+            auto *end = first + 1;
+            auto *next = std::find_if(end, untold_.end(), differs);
             while (next != untold_.end() && next - end <= static_cast<ptrdiff_t>(BYTES_JOINED)) {
                 end = next + 1;
                 next = std::find_if(end, untold_.end(), differs);
