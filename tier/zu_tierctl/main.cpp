@@ -3,7 +3,6 @@
 #include "zu_tierctl/tierctl_error.h"
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -47,7 +46,6 @@ int run(int argc, char *argv[])
 
 int main(int argc, char *argv[])
 {
-    signal(SIGPIPE, SIG_IGN); /* output that nobody reads is a failure like any other */
     try {
         if (zutr_secure_streams() != 0) {
             tierctl_throw_errno("cannot open /dev/null");
