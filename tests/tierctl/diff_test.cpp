@@ -377,7 +377,7 @@ TEST(Diff, TextsThatAreNoText)
     const auto checksum = [](const BrickV1 &brick) {
         return in_quotes(text("0x%x", get_u32(encode(brick), 0)));
     };
-    const std::string replaced = "\\ufffd";
+    const std::string replaced = "\ufffd";
     std::string shown = R"("a\"b\\c\u000a\u0001)";
     shown += "\xC3\xA4";
     for (int i = 0; i < 6; ++i)

@@ -174,7 +174,7 @@ struct OddText {
 const std::vector<OddText> ODD_TEXTS{
     {"\"\\/", R"(\"\\/)"},
     {"\x01\x1f\t\n", R"(\u0001\u001f\u0009\u000a)"},
-    {"\x7f", "\x7f"},
+    {"\x7f", R"(\u007f)"},
     {"\u00e4\u20ac\U0001F600", "\u00e4\u20ac\U0001F600"},
     {"\u0080\u07ff\u0800\uffff\U00010000\U0010ffff\ud7ff\ue000",
      "\u0080\u07ff\u0800\uffff\U00010000\U0010ffff\ud7ff\ue000"},

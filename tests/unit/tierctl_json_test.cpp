@@ -62,7 +62,7 @@ TEST(TierctlJson, EveryCharacterIsKept)
         const std::string text = 'a' + utf8(c) + 'b';
         const std::string json = tierctl_json_text(text);
         if (is_surrogate) {
-            EXPECT_EQ(json, R"("a\ufffd\ufffd\ufffdb")") << c;
+            EXPECT_EQ(json, "\"a\ufffd\ufffd\ufffdb\"") << c;
         } else {
             EXPECT_EQ(json, '"' + text + '"') << c;
         }
@@ -73,7 +73,7 @@ TEST(TierctlJson, EveryCharacterIsKept)
 
 TEST(TierctlJson, WhatIsNoCharacterIsReplacedByteByByte)
 {
-    const std::string one = R"(\ufffd)";
+    const std::string one = "\ufffd";
     const std::pair<std::string, int> cases[] = {
         {"\x80", 1},
         {"\xBF", 1},
