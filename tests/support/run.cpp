@@ -118,11 +118,11 @@ RunResult run_program(const std::string &path, const std::vector<std::string> &a
                       const RunOptions &options)
 {
     const Descriptor in(open("/dev/null", O_RDONLY | O_CLOEXEC), "/dev/null");
-    const Descriptor out(
-        options.stdout_path.empty()
-            ? memfd_create("stdout", MFD_CLOEXEC)
-            : open(options.stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600),
-        "standard output");
+    const Descriptor out(options.stdout_path.empty()
+                             ? memfd_create("stdout", MFD_CLOEXEC)
+                             : open(options.stdout_path.c_str(),
+                                    O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0600),
+                         "standard output");
     const Descriptor err(memfd_create("stderr", MFD_CLOEXEC), "standard error");
 
     const pid_t child = start(path, args, options, in.get(), out.get(), err.get());

@@ -26,6 +26,7 @@ int run(int argc, char *argv[])
     int status = 0;
     tierctl_add_check(app, &status);
     tierctl_add_diff(app, &status);
+    tierctl_add_map(app);
     tierctl_add_revert(app);
     tierctl_add_sample(app);
     tierctl_add_save(app, &status);

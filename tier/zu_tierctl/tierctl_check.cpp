@@ -57,8 +57,9 @@ void close_inodes(const tierctl_metadata &metadata, tierctl_states &states)
 class check {
 public:
     check(const tierctl_check_options &options, const tierctl_device &device,
-          const tierctl_metadata &metadata, tierctl_report &report)
-        : options_(options), device_(device), metadata_(metadata), report_(report)
+          const tierctl_metadata &metadata, tierctl_report &report, tierctl_watcher *watcher)
+        : options_(options), device_(device), metadata_(metadata), report_(report),
+          watcher_(watcher)
     {
     }
 
@@ -91,6 +92,10 @@ private:
 
     void check_super(const tierctl_table &table)
     {
+        begin_table(table, {table.count(), 0, 1}, {});
+        if (watcher_ != nullptr) {
+            watcher_->add_in_use({0, metadata_.super_block.data(), std::nullopt});
+        }
         if (wanted(table)) {
             tierctl_check_super(metadata_, device_.size(), report_);
             report_.add_counts(table.name, {.entries = 1, .in_use = 1});
@@ -102,19 +107,32 @@ private:
     {
         const tierctl_table_findings findings(wanted(table) ? &report_ : nullptr, table,
                                               Entries::BEHIND != 1);
+        begin_table(table, {table.count(), Entries::FIRST, Entries::BEHIND},
+                    owner_of(metadata_, table.name));
         if (table.record_length < entries.LENGTH_MIN || !table.fits()) {
             findings.add_unfit();
             add_counts(table, {.entries = table.count(), .damaged = table.count()});
+            if (watcher_ != nullptr) {
+                watcher_->add_lost(0, table.count(), tierctl_state::damaged);
+            }
             return;
         }
         tierctl_table_check<Entries> run(device_, table, entries, findings,
-                                         states_[owner_of(metadata_, table.name)]);
+                                         states_[owner_of(metadata_, table.name)], watcher_);
         run.run(options_.claims_memory);
         add_counts(table, run.counts());
         if (metadata_.version == tierctl_version::v2 && table.name == "inode") {
             close_inodes(metadata_, run.states());
         }
         states_[table.name] = std::move(run.states());
+    }
+
+    void begin_table(const tierctl_table &table, const tierctl_numbering &numbering,
+                     std::string_view owner) const
+    {
+        if (watcher_ != nullptr) {
+            watcher_->begin_table(table.name, numbering, owner);
+        }
     }
 
     void add_counts(const tierctl_table &table, const tierctl_counts &counts)
@@ -128,6 +146,7 @@ private:
     const tierctl_device &device_;
     const tierctl_metadata &metadata_;
     tierctl_report &report_;
+    tierctl_watcher *watcher_;
     std::map<std::string_view, tierctl_states> states_; /* by table */
 };
 
@@ -143,7 +162,14 @@ bool tierctl_check(const tierctl_check_options &options)
     const std::unique_ptr<tierctl_report> report =
         options.json ? tierctl_json_report(options.device, metadata.layout_name)
                      : tierctl_text_report(options.device);
-    check(options, device, metadata, *report).run();
+    tierctl_check_metadata(options, device, metadata, *report, nullptr);
     report->finish();
     return report->findings() == 0;
+}
+
+void tierctl_check_metadata(const tierctl_check_options &options, const tierctl_device &device,
+                            const tierctl_metadata &metadata, tierctl_report &report,
+                            tierctl_watcher *watcher)
+{
+    check(options, device, metadata, report, watcher).run();
 }

@@ -1,5 +1,10 @@
 #pragma once
 
+#include "zu_tierctl/tierctl_device.h"
+#include "zu_tierctl/tierctl_metadata.h"
+#include "zu_tierctl/tierctl_report.h"
+#include "zu_tierctl/tierctl_watcher.h"
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -16,3 +21,9 @@ struct tierctl_check_options {
 /* Reads the metadata of a device and reports, on standard output, what breaks the rules of its
  * layout. True when nothing does; throws when it cannot be checked. */
 bool tierctl_check(const tierctl_check_options &options);
+
+/* The same for a device that has been opened, to another report, which is not finished then.
+ * `watcher`, unless it is null, sees the tables that are read. */
+void tierctl_check_metadata(const tierctl_check_options &options, const tierctl_device &device,
+                            const tierctl_metadata &metadata, tierctl_report &report,
+                            tierctl_watcher *watcher);

@@ -128,7 +128,7 @@ void tierctl_table_findings::add_claim(const std::string &claim, uint64_t first,
 
 void tierctl_table_findings::add_unfit() const
 {
-    add_slot(UNFIT, 0, table_->slot(0),
+    add_slot(UNFIT, 0, table_->regions.front().start,
              tierctl_text("records of %zu bytes do not fit their slots: no entry is checked",
                           table_->record_length));
 }

@@ -7,6 +7,7 @@
 #include "zu_tierctl/tierctl_report.h"
 #include "zu_tierctl/tierctl_states.h"
 #include "zu_tierctl/tierctl_table.h"
+#include "zu_tierctl/tierctl_watcher.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -68,11 +69,12 @@ uint64_t tierctl_slots_there(const tierctl_table &table, uint64_t device_size);
 template <class Entries>
 class tierctl_table_check {
 public:
-    /* `owners`: of the table that the entries name, if they name any. */
+    /* `owners`: of the table that the entries name, if they name any. `watcher` may be null. */
     tierctl_table_check(const tierctl_device &device, const tierctl_table &table, Entries entries,
-                        const tierctl_table_findings &findings, const tierctl_states &owners)
+                        const tierctl_table_findings &findings, const tierctl_states &owners,
+                        tierctl_watcher *watcher)
         : device_(device), table_(table), entries_(std::move(entries)), findings_(findings),
-          owners_(owners), states_(table.count() * Entries::BEHIND)
+          owners_(owners), watcher_(watcher), states_(table.count() * Entries::BEHIND)
     {
         counts_.entries = table.count() * ENTRIES_A_SLOT;
     }
@@ -150,6 +152,7 @@ private:
             if (slots.data == nullptr) {
                 findings_.add_unread(slots, device_.size());
                 counts_.unreadable += slots.count * ENTRIES_A_SLOT;
+                watch_lost(slots.first_no, slots.count, tierctl_state::unreadable);
                 return;
             }
             for (uint64_t i = 0; i < slots.count; i++) {
@@ -195,16 +198,21 @@ private:
             findings_.add_flaws(flaws, no, offset);
             counts_.damaged += ENTRIES_A_SLOT;
             set_states(no, Entries::FIRST, Entries::BEHIND, tierctl_state::damaged);
+            watch_lost(no, 1, tierctl_state::damaged);
             return;
         }
         for (uint32_t k = Entries::FIRST; k < Entries::BEHIND; k++) {
             if (!entries_.in_use(slot, k)) {
                 set_states(no, k, k + 1, tierctl_state::free);
                 counts_.free++;
+                if (watcher_ != nullptr) {
+                    watcher_->add_free(no * Entries::BEHIND + k);
+                }
                 continue;
             }
             set_states(no, k, k + 1, tierctl_state::in_use);
             counts_.in_use++;
+            watch_in_use(no * Entries::BEHIND + k, slot, k);
             check_entry(place(no, offset, k), slot, k);
             visit(place(no, offset, k), slot, k);
         }
@@ -217,6 +225,25 @@ private:
             for (uint32_t k = first; k < behind; k++) {
                 states_.set(slot * Entries::BEHIND + k, state);
             }
+        }
+    }
+
+    void watch_lost(uint64_t first_slot, uint64_t slots, tierctl_state state) const
+    {
+        if (watcher_ != nullptr) {
+            watcher_->add_lost(first_slot, slots, state);
+        }
+    }
+
+    void watch_in_use(uint64_t no, const uint8_t *slot, uint32_t k) const
+    {
+        if (watcher_ == nullptr) {
+            return;
+        }
+        if constexpr (requires { Entries::OWNER; }) {
+            watcher_->add_in_use({no, slot, entries_.owner(slot, k)});
+        } else {
+            watcher_->add_in_use({no, slot, std::nullopt});
         }
     }
 
@@ -241,6 +268,7 @@ private:
     Entries entries_;
     tierctl_table_findings findings_;
     const tierctl_states &owners_;
+    tierctl_watcher *watcher_;
     tierctl_states states_;
     tierctl_counts counts_;
 };

@@ -9,6 +9,7 @@ class App;
  * which outlives `app`. */
 void tierctl_add_check(CLI::App &app, int *status);
 void tierctl_add_diff(CLI::App &app, int *status);
+void tierctl_add_map(CLI::App &app);
 void tierctl_add_revert(CLI::App &app);
 void tierctl_add_sample(CLI::App &app);
 void tierctl_add_save(CLI::App &app, int *status);

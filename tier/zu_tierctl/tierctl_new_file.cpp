@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -25,6 +26,14 @@ void sync_directory_of(const std::string &path)
 }
 
 } // namespace
+
+void tierctl_refuse_existing(const std::string &path)
+{
+    std::error_code unknown; /* a path that cannot be looked at cannot be created either */
+    if (fs::exists(fs::symlink_status(path, unknown))) {
+        throw std::runtime_error(path + " exists");
+    }
+}
 
 tierctl_new_file::tierctl_new_file(std::string path)
     : path_(std::move(path)), scratch_path_(fs::path(path_).replace_filename(".zu_tierctl.XXXXXX")),

@@ -12,6 +12,9 @@ enum class tierctl_naming {
     replace,
 };
 
+/* Throws when there is something of that name. */
+void tierctl_refuse_existing(const std::string &path);
+
 /* A file that appears under its name only when it is complete: until then it has another one in the
  * same directory, and it is removed with its owner. Every failure is an exception. */
 class tierctl_new_file {

@@ -14,14 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void refuse_existing(const std::string &path)
-{
-    std::error_code unknown; /* a path that cannot be looked at cannot be created either */
-    if (fs::exists(fs::symlink_status(path, unknown))) {
-        throw std::runtime_error(path + " exists");
-    }
-}
-
 bool is_zero(const uint8_t *slot)
 {
     return std::ranges::all_of(std::span(slot, SIZE_4K), [](uint8_t byte) { return byte == 0; });
@@ -68,8 +60,8 @@ bool tierctl_save(const std::string &device_path, const std::string &file_path)
         throw std::runtime_error(device_path + " is incomplete: see " +
                                  tierctl_unreadable_path(device_path));
     }
-    refuse_existing(file_path);
-    refuse_existing(tierctl_unreadable_path(file_path));
+    tierctl_refuse_existing(file_path);
+    tierctl_refuse_existing(tierctl_unreadable_path(file_path));
     tierctl_new_file file(file_path);
     file.resize(device.size());
     tierctl_unreadable_writer unreadable(file_path);

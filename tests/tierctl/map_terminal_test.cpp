@@ -1,0 +1,257 @@
+// zu_tierctl map: the picture in a terminal, and in a pipe.
+
+#include "map_model.h"
+#include "pseudo_terminal.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <regex>
+#include <sstream>
+
+using namespace tier_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t ROWS = 12; // the most of a grid
+
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+// Of the test itself the program must not see these.
+const Environment PLAIN{{"COLUMNS", ""}, {"NO_COLOR", ""}};
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+std::size_t width_of(const std::string &line)
+{
+    return static_cast<std::size_t>(
+        std::ranges::count_if(line, [](char c) { return (c & '\xC0') != '\x80'; }));
+}
+
+std::size_t widest(const std::string &text)
+{
+    std::size_t width = 0;
+    for (const std::string &line : lines_of(text))
+        width = std::max(width, width_of(line));
+    return width;
+}
+
+std::string without_colours(const std::string &text)
+{
+    return std::regex_replace(text, std::regex("\x1b\\[[0-9;]*m"), "");
+}
+
+// The character of a cell.
+std::string mark_of(const Cell &cell)
+{
+    static const std::map<std::string, std::string> MARKS{
+        {"q", "?"},  {"x", "X"},  {"f", "!"},  {"u0", "·"}, {"u1", "▁"}, {"u2", "▂"},
+        {"u3", "▃"}, {"u4", "▄"}, {"u5", "▅"}, {"u6", "▆"}, {"u7", "▇"}, {"u8", "█"}};
+    return MARKS.at(cell.look);
+}
+
+// The rows of a table's grid in a picture of that width.
+std::vector<std::string> rows_of(const MapTable &table, std::size_t width)
+{
+    const std::size_t label = std::to_string(table.entries.back().no).size();
+    const std::size_t row = 2 * (label + 1) < width ? width - label - 1 : width;
+    const std::vector<Cell> cells = table.cells(ROWS * row);
+    std::vector<std::string> rows;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        if (i % row == 0) {
+            const std::string number = std::to_string(cells[i].first);
+            rows.push_back(row == width ? ""
+                                        : std::string(label - number.size(), ' ') + number + ' ');
+        }
+        rows.back() += mark_of(cells[i]);
+    }
+    return rows;
+}
+
+class MapTerminal : public testing::TestWithParam<std::string> {
+protected:
+    const Cache cache = make_cache(GetParam());
+
+    std::string map(const std::string &device, const Environment &environment) const
+    {
+        const RunResult run = run_ctl({"map", device}, {.environment = environment});
+        EXPECT_EQ(run.status, 0) << run;
+        EXPECT_EQ(run.err, "");
+        return run.out;
+    }
+
+    std::string map_of_width(const std::string &device, std::size_t width) const
+    {
+        return map(device, {{"COLUMNS", std::to_string(width)}, {"NO_COLOR", ""}});
+    }
+
+    std::string map_on_terminal(unsigned short columns, const Environment &environment) const
+    {
+        const RunResult run = run_on_terminal(ZU_TIERCTL, {"map", cache.device.path()}, columns,
+                                              {.environment = environment});
+        EXPECT_EQ(run.status, 0) << run;
+        return run.out;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, MapTerminal, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return layout.param; });
+
+TEST_P(MapTerminal, GridsShowEveryEntry)
+{
+    std::vector<MapTable> tables = map_of(cache);
+    flip(cache.device, cache.offset("inode", 3) + 20);
+    table_of(tables, "inode").set_slot(3, "damaged");
+    const CacheTable &extents = cache.table("extent");
+    fs::resize_file(cache.device.path(), static_cast<std::uint64_t>(extents.offset(3)));
+    for (std::uint64_t slot = 3; slot < extents.count; ++slot)
+        table_of(tables, "extent").set_slot(slot, "unreadable");
+    add_findings(tables, cache.device.path());
+    for (const std::size_t width : {40, 80, 200, 1, 5}) {
+        const std::string picture = map_of_width(cache.device.path(), width);
+        EXPECT_LE(widest(picture), width);
+        for (const MapTable &table : tables) {
+            std::string grid;
+            for (const std::string &row : rows_of(table, width))
+                grid += row + '\n';
+            EXPECT_NE(picture.find('\n' + grid + '\n'), std::string::npos) << grid << picture;
+        }
+    }
+}
+
+TEST_P(MapTerminal, ALineOfCountsForEachTable)
+{
+    std::vector<MapTable> tables = map_of(cache);
+    add_findings(tables, cache.device.path());
+    const std::vector<std::string> lines = lines_of(map_of_width(cache.device.path(), 200));
+    for (const MapTable &table : tables) {
+        const auto line = std::ranges::find_if(
+            lines, [&table](const std::string &l) { return l.starts_with(table.name + ' '); });
+        ASSERT_NE(line, lines.end()) << table.name;
+        const std::string counts = line->substr(table.name.size() + 1);
+        EXPECT_EQ(counts_of(counts.substr(0, counts.find(" ("))), table.counts());
+        EXPECT_EQ(counts.find("entries a cell") != std::string::npos,
+                  table.entries.size() > ROWS * (200 - 5))
+            << counts;
+    }
+}
+
+TEST_P(MapTerminal, NoColoursInAPipe)
+{
+    const std::string picture = map(cache.device.path(), PLAIN);
+    EXPECT_EQ(picture.find('\x1b'), std::string::npos);
+    EXPECT_EQ(picture, map_of_width(cache.device.path(), 80));
+}
+
+TEST_P(MapTerminal, ColoursOnATerminal)
+{
+    const std::string coloured = map_on_terminal(57, PLAIN);
+    EXPECT_NE(coloured.find("\x1b[0;36m"), std::string::npos);
+    const std::string picture = map_of_width(cache.device.path(), 57);
+    EXPECT_EQ(without_colours(coloured), picture);
+    EXPECT_EQ(map_on_terminal(57, {{"COLUMNS", ""}, {"NO_COLOR", "1"}}), picture);
+    for (const std::string &line : lines_of(coloured)) {
+        const std::size_t last = line.rfind('\x1b');
+        EXPECT_TRUE(last == std::string::npos || line.substr(last).starts_with("\x1b[0m")) << line;
+    }
+}
+
+TEST_P(MapTerminal, ColumnsBeforeTheSizeOfTheTerminal)
+{
+    EXPECT_EQ(without_colours(map_on_terminal(57, {{"COLUMNS", "90"}, {"NO_COLOR", ""}})),
+              map_of_width(cache.device.path(), 90));
+    for (const std::string wrong : {"0", "-4", "wide", "80x"}) {
+        EXPECT_EQ(without_colours(map_on_terminal(57, {{"COLUMNS", wrong}, {"NO_COLOR", ""}})),
+                  map_of_width(cache.device.path(), 57));
+    }
+    EXPECT_EQ(without_colours(map_on_terminal(0, PLAIN)), map_of_width(cache.device.path(), 80));
+    EXPECT_EQ(map_of_width(cache.device.path(), 999'999'999'999),
+              map_of_width(cache.device.path(), 1000));
+}
+
+TEST_P(MapTerminal, OutputThatCannotBeWritten)
+{
+    RunOptions options;
+    options.stdout_path = "/dev/full";
+    const RunResult run = run_ctl({"map", cache.device.path()}, options);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "zu_tierctl: cannot write standard output: No space left on device\n");
+}
+
+class MapPicture : public MapTerminal {};
+
+INSTANTIATE_TEST_SUITE_P(Layout, MapPicture, testing::Values("v1"),
+                         [](const auto &layout) { return layout.param; });
+
+TEST_P(MapPicture, NoEscapesFromTheDevice)
+{
+    BrickV1 brick = brick_used(0);
+    brick.brickid = "\x1b[2J\x07\xff";
+    const Device device = make_v1_device(super_v1(1, 1, 1), {brick});
+    const std::string picture = map_of_width(device.path(), 120);
+    EXPECT_EQ(picture.find('\x1b'), std::string::npos);
+    EXPECT_NE(picture.find(R"("\x1b[2J\x07\xff")"), std::string::npos) << picture;
+}
+
+TEST_P(MapPicture, TheBricksWithMostExtents)
+{
+    std::vector<BrickV1> bricks;
+    std::vector<InodeV1> inodes;
+    std::vector<ExtentV1> extents;
+    for (std::uint32_t no = 0; no < 14; ++no) {
+        bricks.push_back(brick_used(no));
+        inodes.push_back(inode_used(no, no));
+        inodes.back().size = 1024;
+        for (std::uint32_t i = 0; i < no; ++i)
+            extents.push_back(extent_used(extents.size(), no));
+    }
+    const Device device = make_v1_device(super_v1(14, 14, 100), bricks, inodes, extents);
+    const std::string picture = map_of_width(device.path(), 160);
+    const std::string path = bricks[13].brickid;
+    EXPECT_NE(picture.find("\n     13        1     1.0 KiB         13 ████████████████ " + path),
+              std::string::npos)
+        << picture;
+    EXPECT_NE(picture.find("\n      2        1     1.0 KiB          2 ██▍"), std::string::npos);
+    EXPECT_EQ(picture.find(bricks[1].brickid), std::string::npos);
+    EXPECT_NE(picture.find("\nand 2 more\n"), std::string::npos);
+
+    // Of a path the end is shown.
+    const std::string narrow = map_of_width(device.path(), 90);
+    EXPECT_NE(narrow.find("████████████████ …" + path.substr(path.size() - 32) + '\n'),
+              std::string::npos)
+        << narrow;
+}
+
+TEST_P(MapPicture, Ages)
+{
+    std::vector<InodeV1> inodes;
+    for (std::uint32_t no = 0; no < 9; ++no) {
+        inodes.push_back(inode_used(no, 0));
+        inodes.back().atime = no == 0 ? 0 : 1'700'000'000'000'000'000;
+    }
+    const Device device = make_v1_device(super_v1(1, 9, 1), {brick_used(0)}, inodes);
+    const std::string picture = map_of_width(device.path(), 80);
+    EXPECT_NE(picture.find("\n   hour        8 ████████████████\n    day        0\n"),
+              std::string::npos)
+        << picture;
+    EXPECT_NE(picture.find("\n  older        1 ██\n"), std::string::npos);
+}
+
+TEST_P(MapPicture, ACleanDevice)
+{
+    const Device device = make_sample();
+    const std::string picture = map_of_width(device.path(), 80);
+    EXPECT_EQ(picture.find("findings; to see them"), std::string::npos);
+    EXPECT_NE(map_of_width(cache.device.path(), 200)
+                  .find("findings; to see them: zu_tierctl check " + cache.device.path() + '\n'),
+              std::string::npos);
+}
+
+} // namespace
