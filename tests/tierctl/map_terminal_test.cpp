@@ -200,6 +200,25 @@ TEST_P(MapPicture, NoEscapesFromTheDevice)
     EXPECT_NE(picture.find(R"("\x1b[2J\x07\xff")"), std::string::npos) << picture;
 }
 
+TEST_P(MapPicture, DeviceAsAWordOfTheCommand)
+{
+    const std::string path = cache.device.directory().path("a b");
+    fs::copy_file(cache.device.path(), path);
+    const std::string picture = map_of_width(path, 200);
+    EXPECT_TRUE(picture.starts_with(path + '\n'));
+    EXPECT_NE(picture.find("zu_tierctl check '" + path + "'\n"), std::string::npos) << picture;
+}
+
+TEST_P(MapPicture, MarksStayBesideTheirNames)
+{
+    for (std::size_t width = 40; width < 90; ++width) {
+        const std::string picture = map_of_width(cache.device.path(), width);
+        for (const std::string sample :
+             {"█ in use, part to all;", "· free;", "! finding;", "X damaged;", "? unreadable\n"})
+            EXPECT_NE(picture.find(sample), std::string::npos) << picture;
+    }
+}
+
 TEST_P(MapPicture, TheBricksWithMostExtents)
 {
     std::vector<BrickV1> bricks;

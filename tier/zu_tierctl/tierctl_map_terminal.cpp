@@ -105,13 +105,17 @@ public:
         }
     }
 
-    /* The same, and not before the next line what fits there but not in this one. */
-    void add_phrase(text_style style, std::string_view text)
+    /* Goes on in the next line if so many characters fit there, but not in this one. */
+    void keep_together(size_t length)
     {
-        const size_t length = columns(text);
         if (column_ != 0 && column_ + 1 + length > width_ && length <= width_) {
             end_line();
         }
+    }
+
+    void add_phrase(text_style style, std::string_view text)
+    {
+        keep_together(columns(text));
         add_words(style, text);
     }
 
@@ -169,8 +173,9 @@ void draw_head(const tierctl_map &map, lines &lines)
         for (size_t level = 1; look.mark == nullptr && level <= 8; level++) {
             marks += UPRIGHT[level];
         }
+        lines.keep_together(columns(marks) + 1 + columns(look.name));
         lines.add_words(look.colour, marks);
-        lines.add_phrase(PLAIN, look.name);
+        lines.add_words(PLAIN, look.name);
     }
     lines.end_line();
 }
@@ -187,7 +192,7 @@ void draw_table(const tierctl_map_table &table, lines &lines)
     lines.add_words(BOLD, std::string(table.name));
     lines.add_words(PLAIN, tierctl_counts_text(table.counts, table.findings));
     if (table.cell_entries > 1) {
-        lines.add_words(DIM, tierctl_text("(%lu entries a cell)", table.cell_entries));
+        lines.add_phrase(DIM, tierctl_text("(%lu entries a cell)", table.cell_entries));
     }
     lines.end_line();
     const uint64_t last = table.cells.empty() ? 0 : table.cells.back().last;
@@ -279,7 +284,8 @@ std::string tierctl_map_terminal(const tierctl_map &map, size_t width, bool colo
         lines.end_line();
         lines.add_words(BOLD, tierctl_text("%lu", map.findings_count));
         lines.add_words(PLAIN, "findings; to see them:");
-        lines.add_words(PLAIN, "zu_tierctl check " + tierctl_shown_text(map.device));
+        lines.add_phrase(PLAIN,
+                         "zu_tierctl check " + tierctl_shown_text(tierctl_shell_word(map.device)));
         lines.end_line();
     }
     return lines.take();
