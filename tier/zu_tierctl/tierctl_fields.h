@@ -81,9 +81,11 @@ tierctl_field tierctl_get_field(const Record &record, size_t at)
 template <const auto &Fields, class Record>
 std::vector<tierctl_field> tierctl_get_fields(const Record &record, size_t at)
 {
-    return [&]<size_t... I>(std::index_sequence<I...>)
+    std::vector<tierctl_field> fields;
+    [&]<size_t... I>(std::index_sequence<I...>)
     {
-        return std::vector<tierctl_field>{tierctl_get_field<Fields, I>(record, at)...};
+        (fields.push_back(tierctl_get_field<Fields, I>(record, at)), ...);
     }
     (std::make_index_sequence<ZUTR_FIELD_COUNT<Fields>>());
+    return fields;
 }

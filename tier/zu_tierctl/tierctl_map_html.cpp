@@ -36,20 +36,20 @@ std::string element(const char *name, const std::string &content)
     return tierctl_text("<%s>", name) + content + tierctl_text("</%s>", name);
 }
 
+/* Name and value stay together. */
 std::string fact(const char *name, const std::string &value)
 {
-    return value.empty() ? "" : element("dt", name) + element("dd", value);
+    return value.empty() ? "" : element("div", element("dt", name) + element("dd", value)) + '\n';
 }
 
-/* Pairs of a name and a value stay together. */
 std::string facts_of(const tierctl_map &map)
 {
     std::string html = "<dl class=\"facts\">\n";
-    for (const auto &pair : {fact("Layout", std::string(map.layout)), fact("Cache", map.identity),
-                             fact("Created", map.created), fact("Last access", map.accessed),
-                             fact("Findings", std::to_string(map.findings_count))}) {
-        html += pair.empty() ? "" : element("div", pair) + '\n';
-    }
+    html += fact("Layout", std::string(map.layout));
+    html += fact("Cache", map.identity);
+    html += fact("Created", map.created);
+    html += fact("Last access", map.accessed);
+    html += fact("Findings", std::to_string(map.findings_count));
     return html + "</dl>\n";
 }
 

@@ -94,8 +94,8 @@ private:
 json_report::json_report(const std::string &device, std::string_view layout)
     : tierctl_report(device)
 {
-    put(tierctl_text(R"({"device":%s,"layout":%s,"findings":[)",
-                     tierctl_json_text(device).c_str(), tierctl_json_text(layout).c_str()));
+    put(tierctl_text(R"({"device":%s,"layout":%s,"findings":[)", tierctl_json_text(device).c_str(),
+                     tierctl_json_text(layout).c_str()));
 }
 
 void json_report::write(const tierctl_finding &finding)

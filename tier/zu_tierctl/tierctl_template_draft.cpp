@@ -62,6 +62,15 @@ void tierctl_draft::note_change(std::string_view what, const std::string &before
     note("a repair changes " + std::string(what) + ": " + before + " -> " + after);
 }
 
+void tierctl_draft::note_field(const tierctl_stored_field &field)
+{
+    const uint8_t *before = block + field.at;
+    const uint8_t *after = repaired.data() + field.at;
+    if (memcmp(before, after, field.size) != 0) {
+        note_change(field.key, field.show(field.form, before), field.show(field.form, after));
+    }
+}
+
 void tierctl_draft::note_number_change(const std::string &what, uint64_t before, uint64_t after)
 {
     if (before != after) {
@@ -69,7 +78,7 @@ void tierctl_draft::note_number_change(const std::string &what, uint64_t before,
     }
 }
 
-void tierctl_draft::note_cleared(size_t begin, std::span<const tierctl_area> areas)
+void tierctl_draft::note_cleared(size_t begin, std::span<const tierctl_stretch> areas)
 {
     for (const auto &[name, end] : areas) {
         const std::span<const uint8_t> was(block + begin, block + end);

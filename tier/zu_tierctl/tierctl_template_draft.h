@@ -22,9 +22,18 @@
  * that a repair makes of the file. */
 
 /* A part of a slot, up to, but not at, `end`; it begins where the one before ends. */
-struct tierctl_area {
+struct tierctl_stretch {
     std::string_view name; /* empty: it has none */
     size_t end;
+};
+
+/* A field of a record, and how its bytes are shown. */
+struct tierctl_stored_field {
+    std::string_view key;
+    zutr_form form;
+    size_t at;
+    size_t size;
+    std::string (*show)(zutr_form form, const uint8_t *bytes);
 };
 
 struct tierctl_draft {
@@ -55,11 +64,12 @@ struct tierctl_draft {
 
     void note(std::string text) { notes.push_back(std::move(text)); }
     void note_change(std::string_view what, const std::string &before, const std::string &after);
+    void note_field(const tierctl_stored_field &field);
     void note_number_change(const std::string &what, uint64_t before, uint64_t after);
     void note_refusal(std::string why) { refusals.push_back(std::move(why)); }
 
     /* Says of each area, the first of which begins at byte `begin`, what the repair clears. */
-    void note_cleared(size_t begin, std::span<const tierctl_area> areas);
+    void note_cleared(size_t begin, std::span<const tierctl_stretch> areas);
 
     /* Puts the text that a field holds into the file as far as JSON takes it, and gives that. */
     std::string text(const char *key, std::string_view stored);
@@ -123,16 +133,18 @@ private:
 /* A number as the tool prints it in this form; a time, which would lose digits, also as it is. */
 std::string tierctl_shown_number(zutr_form form, uint64_t value);
 
-/* A value as people are told of it. Different values never look alike. */
+/* The bytes of a value as people are told of it. Different values never look alike. */
 template <class Member>
-std::string tierctl_shown(zutr_form form, const Member &value)
+std::string tierctl_shown_bytes(zutr_form form, const uint8_t *bytes)
 {
     if constexpr (std::is_same_v<std::remove_extent_t<Member>, char>) {
-        const std::string_view whole(value, sizeof(Member));
+        const std::string_view whole(reinterpret_cast<const char *>(bytes), sizeof(Member));
         return tierctl_quoted(whole.substr(0, whole.find_last_not_of('\0') + 1));
     } else if constexpr (std::is_array_v<Member>) {
-        return zutr_uuid_utoa(value);
+        return zutr_uuid_utoa(bytes);
     } else {
+        Member value;
+        memcpy(&value, bytes, sizeof(value));
         return tierctl_shown_number(form, value);
     }
 }
@@ -157,18 +169,15 @@ template <const auto &Fields, class Record>
 void tierctl_draft::note_fields()
 {
     static_assert(tierctl_covers<Record>(Fields));
-    const auto before = record<Record>();
-    Record after;
-    memcpy(&after, repaired.data(), sizeof(after));
-    const auto compare = [&](const auto &field) {
+    static constexpr Record AT_ZERO{};
+    const auto note = [this](const auto &field) {
         if constexpr (requires { field.member; }) {
-            const auto &was = before.*field.member;
-            const auto &will_be = after.*field.member;
-            if (memcmp(&was, &will_be, sizeof(was)) != 0) {
-                note_change(field.key, tierctl_shown(field.form, was),
-                            tierctl_shown(field.form, will_be));
-            }
+            using member = typename std::remove_cvref_t<decltype(field)>::member_type;
+            const auto at = reinterpret_cast<const uint8_t *>(&(AT_ZERO.*field.member)) -
+                            reinterpret_cast<const uint8_t *>(&AT_ZERO);
+            note_field({field.key, field.form, static_cast<size_t>(at), sizeof(member),
+                        tierctl_shown_bytes<member>});
         }
     };
-    std::apply([&](const auto &...field) { (compare(field), ...); }, Fields);
+    std::apply([&](const auto &...field) { (note(field), ...); }, Fields);
 }

@@ -37,7 +37,7 @@ void carry_head(tierctl_draft &draft, const tier_extent_t &from, const Keys &in_
 }
 
 /* Seals what the repair makes and notes how it differs. */
-void finish(tierctl_draft &draft, std::span<const tierctl_area> behind_the_head)
+void finish(tierctl_draft &draft, std::span<const tierctl_stretch> behind_the_head)
 {
     draft.table.seal_slot(draft.repaired.data());
     draft.note_fields<HEAD_FIELDS, tier_extent_t>();
@@ -121,7 +121,7 @@ void tierctl_draft_extent_v2(tierctl_draft &draft, const tierctl_metadata &metad
     const tier_extent_t from = readable_head(draft);
     carry_head(draft, from, TIER_EXTENT_OWNER_KEYS);
     carry_pieces(draft, sb, from.te_use != 0);
-    const tierctl_area areas[] = {
+    const tierctl_stretch areas[] = {
         {"bitmap", sb.sb_extent_size},
         {"mapped pieces", pieces_end},
         {"hot area", std::max(pieces_end, uint64_t{sb.sb_total_extent_size})},

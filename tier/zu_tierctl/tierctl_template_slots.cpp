@@ -9,7 +9,7 @@ constexpr auto BRICK_FIELDS = TIER_BRICK_FIELDS;
 constexpr auto INODE_FIELDS_V1 = TIER_INODE_FIELDS_V1;
 constexpr auto INODE_FIELDS_V2 = TIER_INODE_FIELDS_V2;
 
-constexpr tierctl_area BEHIND_THE_RECORD[] = {{"", SIZE_4K}};
+constexpr tierctl_stretch BEHIND_THE_RECORD[] = {{"", SIZE_4K}};
 
 /* A repair of a free brick invents its identity, and the checksum with it. Both are told here, and
  * taken for unchanged in what follows. */
