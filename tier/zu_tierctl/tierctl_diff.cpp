@@ -142,9 +142,9 @@ private:
         const tierctl_entry b = b_.entry();
         if (error_a != 0 || error_b != 0) {
             equal_ = false;
-            const bool run = a.slot == nullptr && b.slot == nullptr;
-            unreadable_.add(a.no, run ? count : 1, error_a, error_b);
-            return run ? count : 1;
+            const uint64_t lost = a.slot == nullptr && b.slot == nullptr ? count : 1;
+            unreadable_.add(a.no, lost, error_a, error_b);
+            return lost;
         }
         if (memcmp(a.slot, b.slot, SIZE_4K) != 0) {
             equal_ = false;

@@ -34,18 +34,20 @@ std::span<const tierctl_super_layout> tierctl_super_layouts()
     return LAYOUTS;
 }
 
-void tierctl_read_super(const tierctl_device &device, uint8_t *block)
+tierctl_block tierctl_read_super(const tierctl_device &device)
 {
-    if (!device.read(TIER_SUPER_OFFSET, block, SIZE_4K)) {
+    alignas(SIZE_4K) tierctl_block block;
+    if (!device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K)) {
         tierctl_throw_errno("cannot read the super block of " + device.path());
     }
+    return block;
 }
 
 tierctl_metadata tierctl_read_metadata(const tierctl_device &device)
 {
     tierctl_metadata metadata{};
+    metadata.super_block = tierctl_read_super(device);
     const uint8_t *block = metadata.super_block.data();
-    tierctl_read_super(device, metadata.super_block.data());
     for (const tierctl_super_layout &layout : LAYOUTS) {
         if (layout.table().flaws(0, block) == 0 && layout.version_of(block) == layout.code) {
             metadata.version = layout.version;

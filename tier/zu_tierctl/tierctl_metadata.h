@@ -12,6 +12,8 @@
 
 enum class tierctl_version { v1 = 1, v2, v3 };
 
+using tierctl_block = std::array<uint8_t, SIZE_4K>;
+
 /* How to tell a super block. */
 struct tierctl_super_layout {
     std::string_view name; /* "v1" */
@@ -32,9 +34,9 @@ std::span<const tierctl_super_layout> tierctl_super_layouts();
 /* What a device says of itself: the layout of its super block, and the tables that this describes.
  */
 struct tierctl_metadata {
-    alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> super_block;
     tierctl_version version;
-    std::string_view layout_name;      /* "v1" */
+    std::string_view layout_name; /* "v1" */
+    tierctl_block super_block;
     std::vector<tierctl_table> tables; /* the first is the super block itself */
 
     /* The super block as the record of its layout. */
@@ -61,8 +63,8 @@ struct tierctl_metadata {
     }
 };
 
-/* Reads the block, aligned to 4096, in which the super block lies, whatever it holds. Throws. */
-void tierctl_read_super(const tierctl_device &device, uint8_t *block);
+/* Reads the block in which the super block lies, whatever it holds. Throws. */
+tierctl_block tierctl_read_super(const tierctl_device &device);
 
 /* Reads the super block and asks each layout, as the tool does, whether it is one of its own.
  * Throws when it cannot be read or is none. */

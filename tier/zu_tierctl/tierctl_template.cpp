@@ -60,7 +60,7 @@ const tierctl_super_layout &find_layout(const tierctl_device &device, std::strin
 tierctl_metadata read_super(const tierctl_device &device, std::string_view layout_name)
 {
     tierctl_metadata metadata{};
-    tierctl_read_super(device, metadata.super_block.data());
+    metadata.super_block = tierctl_read_super(device);
     const tierctl_super_layout &layout =
         find_layout(device, layout_name, metadata.super_block.data());
     metadata.version = layout.version;

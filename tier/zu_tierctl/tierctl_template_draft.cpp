@@ -1,23 +1,13 @@
 #include "zu_tierctl/tierctl_template_draft.h"
 
+#include "zu_tier/tier_time.h"
 #include "zu_tierctl/tierctl_json.h"
 
-#include "zu_tier/tier_time.h"
-
-#include <cinttypes>
-#include <cstdio>
 #include <utility>
 
 namespace {
 
 constexpr size_t SHOWN_BYTES = 256; /* of a cleared area, at most */
-
-std::string formatted(const char *format, uint64_t value)
-{
-    char text[24];
-    snprintf(text, sizeof(text), format, value);
-    return text;
-}
 
 std::string time_text(uint64_t t_ns)
 {
@@ -29,7 +19,7 @@ std::string hex_bytes(std::span<const uint8_t> bytes)
 {
     std::string text;
     for (const uint8_t byte : bytes.first(std::min(bytes.size(), SHOWN_BYTES))) {
-        text += formatted("%02" PRIx64, byte);
+        text += tierctl_text("%02x", byte);
     }
     return bytes.size() > SHOWN_BYTES ? text + "..." : text;
 }
@@ -38,7 +28,7 @@ std::string hex_bytes(std::span<const uint8_t> bytes)
 
 std::string tierctl_hex(uint64_t value)
 {
-    return formatted("0x%" PRIx64, value);
+    return tierctl_text("0x%lx", value);
 }
 
 std::string tierctl_shown_number(zutr_form form, uint64_t value)
@@ -50,7 +40,7 @@ std::string tierctl_shown_number(zutr_form form, uint64_t value)
     case zutr_form::time:
         return std::to_string(value) + " (" + time_text(value) + ")";
     case zutr_form::swapped_hex8:
-        return formatted("%08" PRIx64, __builtin_bswap32(static_cast<uint32_t>(value)));
+        return tierctl_text("%08x", __builtin_bswap32(static_cast<uint32_t>(value)));
     default:
         return std::to_string(value);
     }

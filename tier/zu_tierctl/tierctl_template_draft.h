@@ -170,7 +170,7 @@ void tierctl_draft::note_fields()
 {
     static_assert(tierctl_covers<Record>(Fields));
     static constexpr Record AT_ZERO{};
-    const auto note = [this](const auto &field) {
+    const auto tell = [this](const auto &field) {
         if constexpr (requires { field.member; }) {
             using member = typename std::remove_cvref_t<decltype(field)>::member_type;
             const auto at = reinterpret_cast<const uint8_t *>(&(AT_ZERO.*field.member)) -
@@ -179,5 +179,5 @@ void tierctl_draft::note_fields()
                         tierctl_shown_bytes<member>});
         }
     };
-    std::apply([&](const auto &...field) { (note(field), ...); }, Fields);
+    std::apply([&](const auto &...field) { (tell(field), ...); }, Fields);
 }
