@@ -84,8 +84,11 @@ TEST(Completion, EveryCommandOfTheCompanionAndItsOptions)
         const std::string options = run.out.substr(0, run.out.find("Example"));
         EXPECT_EQ(named(options, "--"), offered({"zu_tierctl", command, "--"})) << command;
     }
-    const std::string list = help.substr(help.find("Subcommands:"));
-    EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(list, '\n')), commands.size() + 1);
+    std::istringstream list(help.substr(help.find("Subcommands:")));
+    std::size_t listed = 0;
+    for (std::string line; std::getline(list, line);)
+        listed += line.starts_with("  ") ? 1 : 0;
+    EXPECT_EQ(listed, commands.size());
 }
 
 TEST(Completion, TablesOfTheCompanion)
