@@ -148,13 +148,13 @@ TEST(CheckCommand, Text)
     expected += text("error: brick 1 at %ld: its checksum is not that of its content (bad_checksum",
                      brick_offset(world.sb, 1)) +
                 show + "dump_brick -n 1\n";
+    expected += text("error: inode 2 at %ld: it names brick 2, which is free (inode_of_free_brick",
+                     inode_offset(world.sb, 2)) +
+                show + "dump_inode -n 2\n";
     expected += text("warning: inode 1 at %ld: it names brick 1, which is damaged "
                      "(inode_of_unknown_brick",
                      inode_offset(world.sb, 1)) +
                 show + "dump_inode -n 1\n";
-    expected += text("error: inode 2 at %ld: it names brick 2, which is free (inode_of_free_brick",
-                     inode_offset(world.sb, 2)) +
-                show + "dump_inode -n 2\n";
     expected +=
         text("error: extent 1 at %ld: its checksum is not that of its content (bad_checksum",
              extent_offset(world.sb, 1)) +

@@ -61,4 +61,19 @@ TEST(CheckMemory, FindsTheSameInAny)
     }
 }
 
+// However often the extents are read.
+TEST(CheckMemory, TellsOnceOfALostShard)
+{
+    Device device = extents_device(true);
+    const SuperV3 sb = super_v3(1, 1);
+    put_block(device, shard_offset(sb, 0), encode(ShardBlockV3{.checksum = 1}));
+    for (const std::size_t memory : {std::size_t{1}, std::size_t{400} << 20}) {
+        SCOPED_TRACE(memory);
+        const std::string out = check_in(device, memory).out;
+        EXPECT_EQ(count_of(out, "\"kind\":\"extent_of_unknown_shard\""), 1U) << out;
+        EXPECT_EQ(count_of(out, "it and 1999 others name shard 1, which is damaged"), 1U) << out;
+        EXPECT_EQ(count_of(out, "\"kind\":\"duplicate_extent\""), 4U) << out;
+    }
+}
+
 } // namespace

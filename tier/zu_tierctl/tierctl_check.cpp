@@ -117,14 +117,14 @@ private:
             }
             return;
         }
-        tierctl_table_check<Entries> run(device_, table, entries, findings,
-                                         states_[owner_of(metadata_, table.name)], watcher_);
-        run.run(options_.claims_memory);
-        add_counts(table, run.counts());
+        tierctl_table_check<Entries> entries_check(
+            device_, table, entries, findings, states_[owner_of(metadata_, table.name)], watcher_);
+        entries_check.run(options_.claims_memory);
+        add_counts(table, entries_check.counts());
         if (metadata_.version == tierctl_version::v2 && table.name == "inode") {
-            close_inodes(metadata_, run.states());
+            close_inodes(metadata_, entries_check.states());
         }
-        states_[table.name] = std::move(run.states());
+        states_[table.name] = std::move(entries_check.states());
     }
 
     void begin_table(const tierctl_table &table, const tierctl_numbering &numbering,

@@ -47,13 +47,14 @@ Record tierctl_record(const uint8_t *slot)
     return record;
 }
 
+template <size_t LengthMin>
 struct tierctl_slot_entries {
-    static constexpr size_t LENGTH_MIN = TIER_CHECKSUM_SIZE;
+    static constexpr size_t LENGTH_MIN = LengthMin;
     static constexpr uint32_t FIRST = 0;
     static constexpr uint32_t BEHIND = 1;
 };
 
-struct tierctl_brick_entries : tierctl_slot_entries {
+struct tierctl_brick_entries : tierctl_slot_entries<TIER_CHECKSUM_SIZE> {
     static constexpr bool NAMED = true;
 
     static bool in_use(const uint8_t *slot, uint32_t)
@@ -68,7 +69,7 @@ struct tierctl_brick_entries : tierctl_slot_entries {
     static void check(const uint8_t *slot, const tierctl_tell &tell);
 };
 
-struct tierctl_inode_entries : tierctl_slot_entries {
+struct tierctl_inode_entries : tierctl_slot_entries<TIER_CHECKSUM_SIZE> {
     static constexpr bool NAMED = true;
     static constexpr tierctl_owner OWNER = {
         .table = "brick",
@@ -92,8 +93,7 @@ struct tierctl_inode_entries : tierctl_slot_entries {
 };
 
 /* Of V1, and what V2 has alike. */
-struct tierctl_extent_entries : tierctl_slot_entries {
-    static constexpr size_t LENGTH_MIN = sizeof(tier_extent_t);
+struct tierctl_extent_entries : tierctl_slot_entries<sizeof(tier_extent_t)> {
     static constexpr bool NAMED = false;
     static constexpr tierctl_owner OWNER = {
         .table = "inode",
@@ -191,7 +191,7 @@ struct tierctl_extent_entries_v3 : tierctl_packed_entries {
 };
 
 /* Blocks whose content nobody knows. */
-struct tierctl_hot_entries : tierctl_slot_entries {
+struct tierctl_hot_entries : tierctl_slot_entries<TIER_CHECKSUM_SIZE> {
     static constexpr bool NAMED = false;
 
     static bool in_use(const uint8_t *, uint32_t) { return true; }

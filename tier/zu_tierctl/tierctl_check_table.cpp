@@ -12,16 +12,32 @@ constexpr tierctl_kind MISALIGNED = {"misaligned"};
 constexpr tierctl_kind UNREADABLE = {"unreadable"};
 constexpr tierctl_kind UNFIT = {"records_do_not_fit"};
 
+std::string magic_text(const tierctl_table &table, const uint8_t *content)
+{
+    return tierctl_text("its magic is 0x%lx, not 0x%x", table.magic->place.get(content),
+                        table.magic->value);
+}
+
+std::string number_text(const tierctl_table &table, const uint8_t *content)
+{
+    return tierctl_text("its number is %lu", table.number->get(content));
+}
+
+std::string checksum_text(const tierctl_table &, const uint8_t *)
+{
+    return "its checksum is not that of its content";
+}
+
 struct flaw {
     tierctl_flaw bit;
     tierctl_kind kind;
-    const char *text;
+    std::string (*text)(const tierctl_table &table, const uint8_t *content);
 };
 
 constexpr flaw FLAWS[] = {
-    {TIERCTL_BAD_MAGIC, {"bad_magic"}, "its magic is another"},
-    {TIERCTL_BAD_NUMBER, {"bad_number"}, "it says that it is another one"},
-    {TIERCTL_BAD_CHECKSUM, {"bad_checksum"}, "its checksum is not that of its content"},
+    {TIERCTL_BAD_MAGIC, {"bad_magic"}, magic_text},
+    {TIERCTL_BAD_NUMBER, {"bad_number"}, number_text},
+    {TIERCTL_BAD_CHECKSUM, {"bad_checksum"}, checksum_text},
 };
 
 /* What is said of an owner that is not in use. */
@@ -59,6 +75,15 @@ unread reason(const tierctl_slots &slots, uint64_t device_size)
     return {UNREADABLE, strerror(slots.error)};
 }
 
+/* An entry and so many others name. */
+std::string who_names(uint64_t others)
+{
+    if (others == 0) {
+        return "it names";
+    }
+    return others == 1 ? "it and 1 other name" : tierctl_text("it and %lu others name", others);
+}
+
 } // namespace
 
 void tierctl_table_findings::add(const tierctl_kind &kind, const tierctl_entry_place &place,
@@ -77,11 +102,12 @@ void tierctl_table_findings::add_slot(const tierctl_kind &kind, uint64_t slot, i
     }
 }
 
-void tierctl_table_findings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset) const
+void tierctl_table_findings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
+                                       const uint8_t *content) const
 {
     for (const flaw &flaw : FLAWS) {
         if ((flaws & flaw.bit) != 0) {
-            add_slot(flaw.kind, slot, offset, flaw.text);
+            add_slot(flaw.kind, slot, offset, flaw.text(*table_, content));
         }
     }
 }
@@ -97,12 +123,14 @@ void tierctl_table_findings::add_unread(const tierctl_slots &slots, uint64_t dev
 }
 
 void tierctl_table_findings::add_owner(const tierctl_owner &owner, uint64_t owner_no,
-                                       tierctl_state state, const tierctl_entry_place &place) const
+                                       tierctl_state state, const tierctl_entry_place &place,
+                                       uint64_t others) const
 {
     for (const owner_state &known : OWNER_STATES) {
         if (known.state == state) {
             add(owner.*known.kind, place,
-                tierctl_text("it names %s %lu, which %s", owner.table, owner_no, known.text));
+                who_names(others) +
+                    tierctl_text(" %s %lu, which %s", owner.table, owner_no, known.text));
         }
     }
 }

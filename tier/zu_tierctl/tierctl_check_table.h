@@ -3,6 +3,7 @@
 #include "zu_tierctl/tierctl_check_entries.h"
 #include "zu_tierctl/tierctl_claims.h"
 #include "zu_tierctl/tierctl_device.h"
+#include "zu_tierctl/tierctl_namings.h"
 #include "zu_tierctl/tierctl_progress.h"
 #include "zu_tierctl/tierctl_report.h"
 #include "zu_tierctl/tierctl_states.h"
@@ -36,15 +37,15 @@ public:
     void add(const tierctl_kind &kind, const tierctl_entry_place &place,
              const std::string &text) const;
 
-    /* The flaws of a slot. */
-    void add_flaws(uint32_t flaws, uint64_t slot, int64_t offset) const;
+    /* The flaws of the slot at `content`. */
+    void add_flaws(uint32_t flaws, uint64_t slot, int64_t offset, const uint8_t *content) const;
 
     /* That these slots could not be read. */
     void add_unread(const tierctl_slots &slots, uint64_t device_size) const;
 
-    /* That the entry names, as its owner, an entry that is not in use. */
+    /* That the entry, and so many others, names as its owner an entry that is not in use. */
     void add_owner(const tierctl_owner &owner, uint64_t owner_no, tierctl_state state,
-                   const tierctl_entry_place &place) const;
+                   const tierctl_entry_place &place, uint64_t others = 0) const;
 
     /* That another entry claims the same. */
     void add_claim(const std::string &claim, uint64_t first,
@@ -83,13 +84,8 @@ public:
      * claims do not fit in `claims_memory` bytes. */
     void run(size_t claims_memory)
     {
-        if constexpr (CLAIMS) {
-            if (findings_.wanted()) {
-                check_with_claims(claims_memory);
-                return;
-            }
-        }
-        first_pass([](const tierctl_entry_place &, const uint8_t *, uint32_t) {});
+        check_all(claims_memory);
+        add_unknown_owners();
     }
 
     const tierctl_counts &counts() const { return counts_; }
@@ -98,10 +94,22 @@ public:
 private:
     static constexpr uint64_t ENTRIES_A_SLOT = Entries::BEHIND - Entries::FIRST;
     static constexpr bool CLAIMS = requires(const uint8_t *slot) { Entries::claim(slot, 0); };
+    static constexpr bool NAMES = requires { Entries::OWNER; };
 
     static tierctl_entry_place place(uint64_t slot, int64_t offset, uint32_t k)
     {
         return {slot * Entries::BEHIND + k, slot, offset + k * int64_t{TIER_PACKED_SIZE_V3}};
+    }
+
+    void check_all(size_t claims_memory)
+    {
+        if constexpr (CLAIMS) {
+            if (findings_.wanted()) {
+                check_with_claims(claims_memory);
+                return;
+            }
+        }
+        first_pass([](const tierctl_entry_place &, const uint8_t *, uint32_t) {});
     }
 
     void check_with_claims(size_t claims_memory)
@@ -195,7 +203,7 @@ private:
         set_states(no, 0, Entries::FIRST, tierctl_state::head);
         const uint32_t flaws = table_.flaws(no, slot);
         if (flaws != 0) {
-            findings_.add_flaws(flaws, no, offset);
+            findings_.add_flaws(flaws, no, offset, slot);
             counts_.damaged += ENTRIES_A_SLOT;
             set_states(no, Entries::FIRST, Entries::BEHIND, tierctl_state::damaged);
             watch_lost(no, 1, tierctl_state::damaged);
@@ -240,25 +248,47 @@ private:
         if (watcher_ == nullptr) {
             return;
         }
-        if constexpr (requires { Entries::OWNER; }) {
+        if constexpr (NAMES) {
             watcher_->add_in_use({no, slot, entries_.owner(slot, k)});
         } else {
             watcher_->add_in_use({no, slot, std::nullopt});
         }
     }
 
-    void check_entry(const tierctl_entry_place &place, const uint8_t *slot, uint32_t k) const
+    void check_entry(const tierctl_entry_place &place, const uint8_t *slot, uint32_t k)
     {
-        if constexpr (requires { Entries::OWNER; }) {
+        if constexpr (NAMES) {
             const uint64_t owner = entries_.owner(slot, k);
             const tierctl_state state = owners_.get(owner);
-            if (state != tierctl_state::in_use) {
-                findings_.add_owner(Entries::OWNER, owner, state, place);
+            if (state != tierctl_state::in_use && findings_.wanted()) {
+                check_owner(owner, state, place);
             }
         }
         if constexpr (requires(const tierctl_tell &tell) { entries_.check(slot, tell); }) {
             entries_.check(slot, [this, &place](const tierctl_kind &kind, const std::string &text) {
                 findings_.add(kind, place, text);
+            });
+        }
+    }
+
+    /* One damaged block may be named by millions: what is not known is told once, at the end. */
+    void check_owner(uint64_t owner, tierctl_state state, const tierctl_entry_place &place)
+    {
+        const bool known = state != tierctl_state::damaged && state != tierctl_state::unreadable;
+        if (known || !unknown_owners_.add(owner, place.no)) {
+            findings_.add_owner(Entries::OWNER, owner, state, place);
+        }
+    }
+
+    void add_unknown_owners() const
+    {
+        if constexpr (NAMES) {
+            unknown_owners_.each([this](uint64_t owner, uint64_t first, uint64_t count) {
+                const uint64_t slot = first / Entries::BEHIND;
+                findings_.add_owner(
+                    Entries::OWNER, owner, owners_.get(owner),
+                    place(slot, table_.slot(slot), static_cast<uint32_t>(first % Entries::BEHIND)),
+                    count - 1);
             });
         }
     }
@@ -269,6 +299,7 @@ private:
     tierctl_table_findings findings_;
     const tierctl_states &owners_;
     tierctl_watcher *watcher_;
+    tierctl_namings unknown_owners_; /* damaged or unreadable, but named */
     tierctl_states states_;
     tierctl_counts counts_;
 };
