@@ -33,7 +33,7 @@ TEST_F(MapUse, UseByBrick)
     EXPECT_EQ(rows_of(page_of(device), "Use by brick"),
               (Rows{{"2", "2", "1.5 KiB", "3", "", bricks[1].brickid},
                     {"other", "1", "7", "2", "", "not known"},
-                    {"1", "1", "5.0 GiB", "1", "", "not in use"},
+                    {"1", "1", "5.0 GiB", "1", "", "not in use, or damaged"},
                     {"3", "2", "16.0 EiB", "0", "", bricks[2].brickid},
                     {"0", "1", "1023", "0", "", bricks[0].brickid}}));
 }

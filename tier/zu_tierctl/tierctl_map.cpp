@@ -61,7 +61,7 @@ public:
         : map_(map), cells_max_(cells_max)
     {
         for (size_t no = 0; no < BRICKS; no++) {
-            bricks_.push_back({std::to_string(no), "not in use"});
+            bricks_.push_back({std::to_string(no), "not in use, or damaged"});
         }
         bricks_.push_back({"other", "not known"});
     }
