@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, checks the sources, and runs every test: all of them on the release
-# build, those of functions and programs under the address and undefined-behaviour sanitizers and
-# once more to count what they reach, and every fuzz target for some seconds. The last line counts
-# the tests of the release build and of the sanitizers.
+# Installs what is missing, builds, and runs every test: all of them on the release build, those of
+# functions and programs under the address and undefined-behaviour sanitizers and once more to count
+# what they reach, and every fuzz target for some seconds. The last line counts the tests of the
+# release build and of the sanitizers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -23,9 +23,6 @@ for tests in unit cli tierctl fault sweep cost hardening memcheck package runboo
     run_tests "$tests, release build" "build/${tests}_tests"
 done
 
-step "Lint"
-scripts/lint.sh
-
 build sanitize
 run_tests "unit, under the sanitizers" build-sanitize/unit_tests
 export ZU_TIER_PROGRAMS=$PWD/build-sanitize
@@ -33,7 +30,7 @@ run_tests "fault, under the sanitizers" build/fault_tests
 # The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for them.
 export ASAN_OPTIONS=detect_leaks=0
 run_tests "cli, under the sanitizers" build/cli_tests
-run_tests "tierctl, under the sanitizers" build/tierctl_tests --gtest_filter='-*Large*'
+run_tests "tierctl, under the sanitizers" build/tierctl_tests --gtest_filter='-*Large*:Killed*'
 unset ZU_TIER_PROGRAMS ASAN_OPTIONS
 
 step "Coverage"

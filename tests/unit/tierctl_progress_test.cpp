@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/tierctl_progress.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <fcntl.h>
@@ -29,12 +30,16 @@ std::string shown_on(const Open &open_error, const Run &run)
     run();
     fflush(stderr);
     dup2(kept, STDERR_FILENO);
-    write(other_side, "|\n", 2); // so that there is something to read
+    EXPECT_EQ(write(other_side, "|\n", 2), 2); // the end of what there is to read
+    std::string shown;
     std::array<char, 4096> buffer;
-    const ssize_t got = read(terminal, buffer.data(), buffer.size());
+    for (ssize_t got = 1; got > 0 && !shown.ends_with("|\r\n");) {
+        got = read(terminal, buffer.data(), buffer.size());
+        shown.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    }
     for (const int fd : {terminal, other_side, kept})
         close(fd);
-    return got < 0 ? "" : std::string(buffer.data(), static_cast<std::size_t>(got));
+    return shown;
 }
 
 void half_way()
