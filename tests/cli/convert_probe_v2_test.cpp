@@ -8,7 +8,7 @@ using namespace tier_test;
 
 namespace {
 
-class ConvertProbeV2 : public Conversion {
+class ConvertProbeV2 : public SuperConversion {
 protected:
     // The description of `super` with other numbers of blocks and their size.
     SuperV2 described(std::uint32_t block_size, std::uint32_t block_cnt) const

@@ -6,7 +6,7 @@ using namespace tier_test;
 
 namespace {
 
-class ConvertSuperV2 : public Conversion {
+class ConvertSuperV2 : public SuperConversion {
 protected:
     // What a conversion that finds its count at once says.
     Log found_at_once() const { return {probe_read(table()), map_cnt_found(super.map_cnt)}; }

@@ -25,7 +25,7 @@ std::string error_record(int error, const std::string &key, std::uint64_t no, st
 }
 
 // A brick table whose entries are in use; those listed carry a wrong checksum.
-class BrickDump : public testing::Test {
+class BrickWalk : public testing::Test {
 protected:
     SuperV1 super;
     std::vector<BrickV1> bricks;
@@ -71,7 +71,7 @@ protected:
     }
 };
 
-TEST_F(BrickDump, WalkIsOneArrayWithoutALineEnd)
+TEST_F(BrickWalk, WalkIsOneArrayWithoutALineEnd)
 {
     const Device device = table(3);
     expect_run(run_logged(device, "dump_brick"), {.status = 0,
@@ -79,13 +79,13 @@ TEST_F(BrickDump, WalkIsOneArrayWithoutALineEnd)
                                                   .log = {settings_line(device, "dump_brick")}});
 }
 
-TEST_F(BrickDump, WalkOfOneEntryHasNoComma)
+TEST_F(BrickWalk, WalkOfOneEntryHasNoComma)
 {
     const Device device = table(1);
     EXPECT_EQ(run_logged(device, "dump_brick").out, joined({item(0)}));
 }
 
-TEST_F(BrickDump, OutputFileTakesTheArray)
+TEST_F(BrickWalk, OutputFileTakesTheArray)
 {
     const Device device = table(3, {1});
     const std::string out = device.directory().path("out");
@@ -95,7 +95,7 @@ TEST_F(BrickDump, OutputFileTakesTheArray)
     EXPECT_EQ(read_file(out), joined({item(0), bad_item(1), item(2)}));
 }
 
-TEST_F(BrickDump, ErrorRecordsByPositionAndFilter)
+TEST_F(BrickWalk, ErrorRecordsByPositionAndFilter)
 {
     const std::vector<std::vector<std::uint32_t>> damages{{0},    {1},    {3},       {0, 1},
                                                           {2, 3}, {0, 3}, {0, 1, 3}, {0, 1, 2, 3}};
@@ -128,7 +128,7 @@ TEST_F(BrickDump, ErrorRecordsByPositionAndFilter)
     }
 }
 
-TEST_F(BrickDump, WalkThatSkipsEverythingIsEmpty)
+TEST_F(BrickWalk, WalkThatSkipsEverythingIsEmpty)
 {
     const Device device = table(3);
     for (const std::string filter : {"use=0", "error=1", "id=none"}) {
@@ -143,7 +143,7 @@ TEST_F(BrickDump, WalkThatSkipsEverythingIsEmpty)
     }
 }
 
-TEST_F(BrickDump, SkippedEntriesLeaveNoComma)
+TEST_F(BrickWalk, SkippedEntriesLeaveNoComma)
 {
     Device device = table(5);
     for (const std::uint32_t no : {0U, 2U, 4U}) {
@@ -155,7 +155,7 @@ TEST_F(BrickDump, SkippedEntriesLeaveNoComma)
               joined({item(0), item(2), item(4)}));
 }
 
-TEST_F(BrickDump, SingleEntry)
+TEST_F(BrickWalk, SingleEntry)
 {
     const Device device = table(3);
     for (std::uint32_t no = 0; no < 3; ++no) {
@@ -168,7 +168,7 @@ TEST_F(BrickDump, SingleEntry)
     }
 }
 
-TEST_F(BrickDump, SingleDamagedEntryIsOnlyLogged)
+TEST_F(BrickWalk, SingleDamagedEntryIsOnlyLogged)
 {
     const Device device = table(3, {1});
     for (const std::string error : {"0", "1", "2"}) {
@@ -180,7 +180,7 @@ TEST_F(BrickDump, SingleDamagedEntryIsOnlyLogged)
     }
 }
 
-TEST_F(BrickDump, SingleSkippedEntryIsASuccessWithoutOutput)
+TEST_F(BrickWalk, SingleSkippedEntryIsASuccessWithoutOutput)
 {
     const Device device = table(3);
     expect_run(
@@ -190,7 +190,7 @@ TEST_F(BrickDump, SingleSkippedEntryIsASuccessWithoutOutput)
          .log = {settings_line(device, "dump_brick", {.meta_no = 1, .use = 0}), ignored(1)}});
 }
 
-TEST_F(BrickDump, EntryNumberMustBeBelowTheCount)
+TEST_F(BrickWalk, EntryNumberMustBeBelowTheCount)
 {
     const Device device = table(3);
     for (const int no : {3, 4, 2147483647}) {
@@ -204,7 +204,7 @@ TEST_F(BrickDump, EntryNumberMustBeBelowTheCount)
     }
 }
 
-TEST_F(BrickDump, SingleEntryBehindTheEndOfTheDeviceIsAReadError)
+TEST_F(BrickWalk, SingleEntryBehindTheEndOfTheDeviceIsAReadError)
 {
     Device device = table(3);
     const std::int64_t offset = brick_offset(super, 2);
@@ -218,7 +218,7 @@ TEST_F(BrickDump, SingleEntryBehindTheEndOfTheDeviceIsAReadError)
     EXPECT_EQ(run_logged(device, "dump_brick", {"-n", "1"}).out, item(1));
 }
 
-TEST_F(BrickDump, TableOf300EntriesIsWalkedInTwoChunks)
+TEST_F(BrickWalk, TableOf300EntriesIsWalkedInTwoChunks)
 {
     Device device = table(300, {0, 255, 256, 299});
     std::vector<std::string> items;
@@ -246,7 +246,7 @@ TEST_F(BrickDump, TableOf300EntriesIsWalkedInTwoChunks)
     expect_run(run_logged(device, "dump_brick"), {.status = 0, .out = joined(items), .log = log});
 }
 
-TEST_F(BrickDump, UnreadableEntriesFollowTheErrorFilter)
+TEST_F(BrickWalk, UnreadableEntriesFollowTheErrorFilter)
 {
     Device device = table(3, {1});
     device.truncate(static_cast<std::uint64_t>(brick_offset(super, 2)));
@@ -258,7 +258,7 @@ TEST_F(BrickDump, UnreadableEntriesFollowTheErrorFilter)
     EXPECT_EQ(run_logged(device, "dump_brick", {"-g", "use=0"}).out, joined({bad_item(1), unread}));
 }
 
-TEST_F(BrickDump, TableThatCannotBeReadAtAll)
+TEST_F(BrickWalk, TableThatCannotBeReadAtAll)
 {
     Device device = table(2);
     device.truncate(static_cast<std::uint64_t>(brick_offset(super, 0)));
@@ -269,7 +269,7 @@ TEST_F(BrickDump, TableThatCannotBeReadAtAll)
     EXPECT_EQ(run_logged(device, "dump_brick", {"-g", "error=0"}).out, "[]");
 }
 
-TEST_F(BrickDump, DamagedEntryWithoutALogFileAborts)
+TEST_F(BrickWalk, DamagedEntryWithoutALogFileAborts)
 {
     if (!default_log_is_missing())
         return;
@@ -277,7 +277,7 @@ TEST_F(BrickDump, DamagedEntryWithoutALogFileAborts)
     expect_abort(run_tool({"-p", device.path(), "-c", "dump_brick"}), "brick && fp");
 }
 
-TEST_F(BrickDump, TextOfADamagedEntryStaysInTheLogFileEvenInDebugMode)
+TEST_F(BrickWalk, TextOfADamagedEntryStaysInTheLogFileEvenInDebugMode)
 {
     const Device device = table(2, {0, 1});
     const LoggedRun run = run_logged(device, "dump_brick", {"-D"});
@@ -286,13 +286,13 @@ TEST_F(BrickDump, TextOfADamagedEntryStaysInTheLogFileEvenInDebugMode)
     EXPECT_EQ(run.errors, messages_of(run.log));
 }
 
-TEST_F(BrickDump, EmptyTableAborts)
+TEST_F(BrickWalk, EmptyTableAborts)
 {
     expect_abort(run_logged(table(0), "dump_brick"),
                  "params && meta_type && max_cnt > 0 && format_func");
 }
 
-TEST_F(BrickDump, TableOffTheBlockBoundaryAborts)
+TEST_F(BrickWalk, TableOffTheBlockBoundaryAborts)
 {
     super = super_v1(1, 1, 1);
     super.size += 512;
@@ -301,7 +301,7 @@ TEST_F(BrickDump, TableOffTheBlockBoundaryAborts)
     expect_abort(run_logged(device, "dump_brick"), "meta_start % SIZE_4K == 0");
 }
 
-TEST_F(BrickDump, DumpsLeaveTheDeviceAlone)
+TEST_F(BrickWalk, DumpsLeaveTheDeviceAlone)
 {
     const Device device = table(3, {1});
     const std::vector<std::uint8_t> before = device.bytes();

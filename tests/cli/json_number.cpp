@@ -7,8 +7,6 @@ namespace tier_test {
 
 namespace {
 
-constexpr std::uint64_t BIT_63 = std::uint64_t{1} << 63;
-
 std::uint64_t to_signed(long double value, int bits)
 {
     const long double bound = std::ldexp(1.0L, bits - 1);

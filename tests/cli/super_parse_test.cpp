@@ -10,8 +10,6 @@ using namespace tier_test;
 
 namespace {
 
-constexpr std::uint64_t BIT_63 = std::uint64_t{1} << 63;
-
 template <class Super>
 class SuperParse : public SuperParseFixture<Super> {
 };

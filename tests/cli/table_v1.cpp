@@ -4,7 +4,7 @@ namespace tier_test {
 
 namespace {
 
-InodeV1 repairable_inode(std::uint32_t no, std::uint32_t owner)
+InodeV1 repairable_inode_v1(std::uint32_t no, std::uint32_t owner)
 {
     InodeV1 inode = inode_used(no, owner);
     inode.reserved1 = 0;
@@ -12,7 +12,7 @@ InodeV1 repairable_inode(std::uint32_t no, std::uint32_t owner)
     return inode;
 }
 
-Log inode_bounds_errors(const SuperV1 &sb, const InodeV1 &inode)
+Log inode_bounds_errors_v1(const SuperV1 &sb, const InodeV1 &inode)
 {
     if (inode.no < sb.inode_cnt && inode.brick_no < sb.brick_cnt)
         return {};
@@ -25,14 +25,14 @@ InodeTableV1 inode_table_v1()
 {
     InodeTableV1 table = inode_table<SuperV1, InodeV1>("_v1");
     table.used = inode_used;
-    table.repairable = repairable_inode;
+    table.repairable = repairable_inode_v1;
     table.fault = inode_fault;
     table.unread_keys.insert(table.unread_keys.end(), {"i_reserved1", "i_reserved2"});
-    table.bounds_errors = inode_bounds_errors;
+    table.bounds_errors = inode_bounds_errors_v1;
     return table;
 }
 
-Log extent_bounds_errors(const SuperV1 &sb, const ExtentV1 &extent)
+Log extent_bounds_errors_v1(const SuperV1 &sb, const ExtentV1 &extent)
 {
     if (extent.no < sb.block_cnt && extent.inode_no < sb.inode_cnt)
         return {};
@@ -67,7 +67,7 @@ ExtentTableV1 extent_table_v1()
         {"te_hot", Reading::OPTIONAL, &ExtentV1::hot, Conversion::UNSIGNED_64},
         {"te_bitmap", Reading::OF_USED, &ExtentV1::bitmap},
     };
-    table.bounds_errors = extent_bounds_errors;
+    table.bounds_errors = extent_bounds_errors_v1;
     return table;
 }
 

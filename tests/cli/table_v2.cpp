@@ -18,7 +18,7 @@ bool is_valid(const SuperV2 &sb, std::uint32_t no)
            no < sb.inode_cnt + expansion_count(sb);
 }
 
-InodeV2 repairable_inode(std::uint32_t no, std::uint32_t owner)
+InodeV2 repairable_inode_v2(std::uint32_t no, std::uint32_t owner)
 {
     InodeV2 inode = inode_v2_used(no, owner);
     inode.reserved1 = 0;
@@ -26,7 +26,7 @@ InodeV2 repairable_inode(std::uint32_t no, std::uint32_t owner)
     return inode;
 }
 
-Log inode_bounds_errors(const SuperV2 &sb, const InodeV2 &inode)
+Log inode_bounds_errors_v2(const SuperV2 &sb, const InodeV2 &inode)
 {
     // The number is looked at only when the brick's number is right.
     Log log = inode.brick_no < sb.brick_cnt ? inode_number_errors(sb, inode.no) : Log{};
@@ -39,7 +39,7 @@ InodeTableV2 inode_table_v2()
 {
     InodeTableV2 table = inode_table<SuperV2, InodeV2>("_v2");
     table.used = inode_v2_used;
-    table.repairable = repairable_inode;
+    table.repairable = repairable_inode_v2;
     table.fault = [](std::uint32_t slot, const InodeV2 &inode, std::uint32_t stored,
                      std::uint32_t crc) {
         return text("inode no: %u no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.no, slot,
@@ -55,12 +55,12 @@ InodeTableV2 inode_table_v2()
     table.keys.push_back(
         {"i_blocks", Reading::OPTIONAL, &InodeV2::blocks, Conversion::UNSIGNED_64});
     table.unread_keys.insert(table.unread_keys.end(), {"i_new_data", "blocks", "i_reserved1"});
-    table.bounds_errors = inode_bounds_errors;
+    table.bounds_errors = inode_bounds_errors_v2;
     table.largest_no = INODE_MAX - 1;
     return table;
 }
 
-Log extent_bounds_errors(const SuperV2 &sb, const ExtentV2 &extent)
+Log extent_bounds_errors_v2(const SuperV2 &sb, const ExtentV2 &extent)
 {
     // The inode is looked at only when the extent's number is right.
     Log log = extent.no < sb.block_cnt ? inode_number_errors(sb, extent.inode_no) : Log{};
@@ -95,7 +95,7 @@ ExtentTableV2 extent_table_v2()
     };
     table.unread_keys.insert(table.unread_keys.end(), {"te_block", "te_size", "te_clean",
                                                        "te_ntime", "te_hot", "te_bitmap"});
-    table.bounds_errors = extent_bounds_errors;
+    table.bounds_errors = extent_bounds_errors_v2;
     return table;
 }
 

@@ -13,7 +13,7 @@ BrickTableV3 brick_table_v3()
     return table;
 }
 
-InodeV3 repairable_inode(std::uint32_t no, std::uint32_t owner)
+InodeV3 repairable_inode_v3(std::uint32_t no, std::uint32_t owner)
 {
     InodeV3 inode = inode_v3_used(no, owner);
     inode.reserved1 = 0;
@@ -22,7 +22,7 @@ InodeV3 repairable_inode(std::uint32_t no, std::uint32_t owner)
 }
 
 // The number is signed, and compared with the count as one of 64 bits.
-Log inode_bounds_errors(const SuperV3 &sb, const InodeV3 &inode)
+Log inode_bounds_errors_v3(const SuperV3 &sb, const InodeV3 &inode)
 {
     const auto no = static_cast<std::uint64_t>(static_cast<std::int32_t>(inode.no));
     if (no < sb.inode_cnt && inode.brick_no < sb.brick_cnt)
@@ -36,7 +36,7 @@ InodeTableV3 inode_table_v3()
 {
     InodeTableV3 table = inode_table<SuperV3, InodeV3>("_v3");
     table.used = inode_v3_used;
-    table.repairable = repairable_inode;
+    table.repairable = repairable_inode_v3;
     table.fault = inode_fault;
     for (Key<InodeV3> &key : table.keys)
         key.conversion = Conversion::UNSIGNED_64;
@@ -52,7 +52,7 @@ InodeTableV3 inode_table_v3()
                           .conversion = Conversion::UNSIGNED_64,
                           .fallback = [](const InodeV3 &inode) { return inode.size / 131072; }});
     table.unread_keys.insert(table.unread_keys.end(), {"i_new_data", "blocks", "i_reserved1"});
-    table.bounds_errors = inode_bounds_errors;
+    table.bounds_errors = inode_bounds_errors_v3;
     table.largest_no = 0x7FFFFFFE;
     return table;
 }

@@ -9,8 +9,6 @@ using namespace tier_test;
 namespace {
 
 constexpr std::uint64_t BIT_31 = std::uint64_t{1} << 31;
-constexpr std::uint64_t BIT_32 = std::uint64_t{1} << 32;
-constexpr std::uint64_t BIT_63 = std::uint64_t{1} << 63;
 
 using TablesV3 = testing::Types<BrickTableV3, InodeTableV3>;
 

@@ -10,14 +10,14 @@ using namespace tier_test;
 
 namespace {
 
-struct Row {
+struct CostRow {
     Table table;
     std::uint64_t blocks;
     Args args;
     double recorded; // instructions for an entry
 };
 
-const Row ROWS[] = {
+const CostRow COST_ROWS[] = {
     {INODES_V2, 1000, {}, 2000},
     {EXTENTS_V1, 500, {}, 1450},
     {EXTENTS_V2, 500, {}, 7560},
@@ -27,7 +27,7 @@ const Row ROWS[] = {
     {EXTENTS_V3, 16, {"-g", "use=1", "-l", "/dev/null"}, 146},
 };
 
-void PrintTo(const Row &row, std::ostream *out)
+void PrintTo(const CostRow &row, std::ostream *out)
 {
     *out << row.table << (row.args.empty() ? "" : ", filtered");
 }
@@ -61,9 +61,9 @@ double instructions(const Table &table, std::uint64_t blocks, const Args &args)
     return std::stod(count);
 }
 
-class Instructions : public testing::TestWithParam<Row> {};
+class Instructions : public testing::TestWithParam<CostRow> {};
 
-INSTANTIATE_TEST_SUITE_P(, Instructions, testing::ValuesIn(ROWS));
+INSTANTIATE_TEST_SUITE_P(, Instructions, testing::ValuesIn(COST_ROWS));
 
 TEST_P(Instructions, PerEntryAsRecorded)
 {

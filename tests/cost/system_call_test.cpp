@@ -79,27 +79,27 @@ void expect_written(const std::vector<SystemCall> &writes, const std::string &te
     EXPECT_LE(writes.size(), text.size() * for_64k / 65536 + 1) << text.size() << " bytes";
 }
 
-struct Row {
+struct CallRow {
     Table table;
     std::uint64_t blocks;
     std::uint64_t writes_for_64k; // of output
 };
 
 // The tables end within, at and just behind a mebibyte.
-constexpr Row ROWS[] = {
+constexpr CallRow CALL_ROWS[] = {
     {INODES_V1, 256, 16},  {INODES_V1, 300, 16}, {EXTENTS_V1, 513, 16}, {INODES_V2, 512, 16},
     {EXTENTS_V2, 257, 16}, {SHARDS_V3, 300, 5},  {EXTENTS_V3, 600, 4},
 };
 
-class SystemCalls : public testing::TestWithParam<Row> {
+class SystemCalls : public testing::TestWithParam<CallRow> {
 protected:
-    const Row row = GetParam();
+    const CallRow row = GetParam();
     const Device device = table_of(row.table, row.blocks);
 };
 
-INSTANTIATE_TEST_SUITE_P(, SystemCalls, testing::ValuesIn(ROWS));
+INSTANTIATE_TEST_SUITE_P(, SystemCalls, testing::ValuesIn(CALL_ROWS));
 
-void PrintTo(const Row &row, std::ostream *out)
+void PrintTo(const CallRow &row, std::ostream *out)
 {
     *out << row.blocks << " blocks of " << row.table;
 }

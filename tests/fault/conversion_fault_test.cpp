@@ -10,7 +10,7 @@ using namespace tier_test;
 
 namespace {
 
-class ConversionFaults : public Conversion {
+class ConversionFaults : public SuperConversion {
 protected:
     static constexpr const char *PROBE = "verify_map_cnt";
 

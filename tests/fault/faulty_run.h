@@ -4,22 +4,13 @@
 
 #include "run.h"
 
-#include <sstream>
-
 namespace tier_test {
+
+constexpr const char *DUMP_DRIVER = "zutr_dump_common"; // as it names itself in the log
 
 struct FaultyRun : LoggedRun {
     std::vector<std::string> taken; // the calls that a fault took, as they were traced
 };
-
-inline std::vector<std::string> lines_of(const std::string &content)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(content);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 // Runs `program` with a log file of its own: "-l <log> -p <device> -c <command>", then `args`.
 inline FaultyRun run_faulty(const std::string &program, const Device &device,

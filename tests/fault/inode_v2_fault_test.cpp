@@ -12,8 +12,6 @@ using namespace tier_test;
 
 namespace {
 
-constexpr const char *DRIVER = "zutr_dump_common";
-
 class InodeV2Faults : public testing::Test {
 protected:
     static constexpr std::uint32_t REGULAR = 3;
@@ -61,12 +59,12 @@ protected:
         const std::int64_t offset = inode_offset(super, no);
         const FaultyRun run = run_faulty(device, "dump_inode", text("pread@%ld+4096=EIO", offset));
         expect_run(
-            run,
-            {.status = 0,
-             .out = walk_without(no),
-             .log = log(
-                 {debug_line(DRIVER, text("read no failed:-1, offset:%ld, len:%lu", chunk, length)),
-                  debug_line(DRIVER, text("read no %u failed:-1, offset:%ld", no, chunk))})});
+            run, {.status = 0,
+                  .out = walk_without(no),
+                  .log = log({debug_line(DUMP_DRIVER, text("read no failed:-1, offset:%ld, len:%lu",
+                                                           chunk, length)),
+                              debug_line(DUMP_DRIVER,
+                                         text("read no %u failed:-1, offset:%ld", no, chunk))})});
         EXPECT_EQ(run.taken, (std::vector{traced("pread", length, chunk, "EIO"),
                                           traced("pread", 4096, offset, "EIO")}));
     }
@@ -77,7 +75,7 @@ protected:
         const FaultyRun run = run_faulty(device, "dump_inode", text("pread@%ld+4096=EIO", offset),
                                          {"-n", std::to_string(no)});
         const LogLine failure =
-            error_line(DRIVER, text("read no %u failed:-1, offset:%ld", no, offset));
+            error_line(DUMP_DRIVER, text("read no %u failed:-1, offset:%ld", no, offset));
         expect_run(
             run,
             {.status = 5, .out = "", .log = log({failure}, {.meta_no = static_cast<int>(no)})});
@@ -91,7 +89,7 @@ protected:
             run_faulty(device, "dump_inode", text("posix_memalign(1048576)#%d=ENOMEM", region));
         expect_run(run, {.status = 12,
                          .out = out,
-                         .log = log({error_line(DRIVER, "posix memalign failed:12, no:-1")})});
+                         .log = log({error_line(DUMP_DRIVER, "posix memalign failed:12, no:-1")})});
         EXPECT_EQ(run.taken.size(), 1U);
     }
 };

@@ -11,8 +11,6 @@ using namespace tier_test;
 
 namespace {
 
-constexpr const char *DRIVER = "zutr_dump_common";
-
 // A brick table and the calls that read it.
 class ReadFaults : public testing::Test {
 protected:
@@ -40,12 +38,13 @@ protected:
 
     LogLine chunk_failed() const
     {
-        return debug_line(DRIVER, text("read bi_no failed:-1, offset:%ld, len:%lu", table, LENGTH));
+        return debug_line(DUMP_DRIVER,
+                          text("read bi_no failed:-1, offset:%ld, len:%lu", table, LENGTH));
     }
 
     LogLine block_failed(std::uint32_t no) const
     {
-        return debug_line(DRIVER, text("read bi_no %u failed:-1, offset:%ld", no, table));
+        return debug_line(DUMP_DRIVER, text("read bi_no %u failed:-1, offset:%ld", no, table));
     }
 
     // The walk under these faults succeeds with these items and lines behind the settings.
@@ -177,10 +176,11 @@ TEST_F(ReadFaults, SingleEntry)
     const LogLine settings = settings_line(device, "dump_brick", {.meta_no = 2});
 
     FaultyRun run = run_faulty(device, "dump_brick", reads_of(2) + "=EIO", entry);
-    expect_run(run, {.status = 5,
-                     .out = "",
-                     .log = {settings, error_line(DRIVER, text("read bi_no 2 failed:-1, offset:%ld",
-                                                               offset))}});
+    expect_run(run,
+               {.status = 5,
+                .out = "",
+                .log = {settings, error_line(DUMP_DRIVER,
+                                             text("read bi_no 2 failed:-1, offset:%ld", offset))}});
     EXPECT_EQ(run.taken, (std::vector{traced("pread", 4096, offset, "EIO")}));
 
     run = run_faulty(device, "dump_brick",
@@ -216,12 +216,13 @@ TEST(ReadFaultsOfALargeTable, OnlyTheFailedChunkIsReadBlockByBlock)
         device, "dump_inode",
         text("pread@%ld+4096=EIO;pread@%ld+%d=pass", inode_offset(super, BAD), first, 300 * 4096));
     expect_run(
-        run, {.status = 0,
-              .out = joined(items),
-              .log = {settings_line(device, "dump_inode"),
-                      debug_line(DRIVER,
-                                 text("read no failed:-1, offset:%ld, len:%d", second, 44 * 4096)),
-                      debug_line(DRIVER, text("read no %u failed:-1, offset:%ld", BAD, second))}});
+        run,
+        {.status = 0,
+         .out = joined(items),
+         .log = {settings_line(device, "dump_inode"),
+                 debug_line(DUMP_DRIVER,
+                            text("read no failed:-1, offset:%ld, len:%d", second, 44 * 4096)),
+                 debug_line(DUMP_DRIVER, text("read no %u failed:-1, offset:%ld", BAD, second))}});
     EXPECT_EQ(run.taken, taken);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <vector>
@@ -85,6 +86,12 @@ std::uint32_t get_u32(ConstByteSpan bytes, std::size_t offset)
 std::uint64_t get_u64(ConstByteSpan bytes, std::size_t offset)
 {
     return get_little_endian(bytes, offset, 8);
+}
+
+std::string get_text(ConstByteSpan bytes, std::size_t offset)
+{
+    const auto *text = reinterpret_cast<const char *>(bytes.data() + offset);
+    return {text, strnlen(text, bytes.size() - offset)};
 }
 
 Uuid get_uuid(ConstByteSpan bytes, std::size_t offset)

@@ -14,6 +14,8 @@ namespace tier_test {
 
 constexpr std::size_t BLOCK_SIZE = 4096;
 constexpr std::uint64_t MIB = 1048576;
+constexpr std::uint64_t BIT_32 = std::uint64_t{1} << 32;
+constexpr std::uint64_t BIT_63 = std::uint64_t{1} << 63;
 
 using Block = std::array<std::uint8_t, BLOCK_SIZE>;
 using Uuid = std::array<std::uint8_t, 16>;
@@ -31,6 +33,7 @@ std::uint8_t get_u8(ConstByteSpan bytes, std::size_t offset);
 std::uint16_t get_u16(ConstByteSpan bytes, std::size_t offset);
 std::uint32_t get_u32(ConstByteSpan bytes, std::size_t offset);
 std::uint64_t get_u64(ConstByteSpan bytes, std::size_t offset);
+std::string get_text(ConstByteSpan bytes, std::size_t offset); // up to its terminator
 Uuid get_uuid(ConstByteSpan bytes, std::size_t offset);
 
 // Bit by bit, with the reflected polynomial 0xEDB88320.

@@ -57,7 +57,7 @@ LogLine not_found(int ret, std::uint32_t map_cnt)
                       text("cannot find valid map_cnt. ret:%d, map_cnt:%u", -ret, map_cnt));
 }
 
-void Conversion::set_cache(const SuperV2 &sb)
+void SuperConversion::set_cache(const SuperV2 &sb)
 {
     super = sb;
     const Device fresh = make_v2_device(sb);
@@ -65,26 +65,26 @@ void Conversion::set_cache(const SuperV2 &sb)
     device.write(0, fresh.bytes());
 }
 
-Block Conversion::slot(std::uint64_t no) const
+Block SuperConversion::slot(std::uint64_t no) const
 {
     return device.block(static_cast<std::uint64_t>(extent_offset(super, no)));
 }
 
-std::vector<std::string> Conversion::arguments(const std::string &document,
-                                               const std::vector<std::string> &args) const
+std::vector<std::string> SuperConversion::arguments(const std::string &document,
+                                                    const std::vector<std::string> &args) const
 {
     std::vector<std::string> all{"-v", "2", "-f", device.directory().write("conf.json", document)};
     std::ranges::copy(args, std::back_inserter(all));
     return all;
 }
 
-LoggedRun Conversion::convert(const std::string &document,
-                              const std::vector<std::string> &args) const
+LoggedRun SuperConversion::convert(const std::string &document,
+                                   const std::vector<std::string> &args) const
 {
     return run_logged(device, "convert_super", arguments(document, args));
 }
 
-Log Conversion::log_with(const SuperV2 &described, const Log &lines) const
+Log SuperConversion::log_with(const SuperV2 &described, const Log &lines) const
 {
     Log log{settings_line(device, "convert_super", {.spec_ver = 2, .repair_conf = conf()})};
     const std::vector<SuperKey> keys = old_keys(described);
@@ -93,14 +93,14 @@ Log Conversion::log_with(const SuperV2 &described, const Log &lines) const
     return log;
 }
 
-LogLine Conversion::rejected(int error) const
+LogLine SuperConversion::rejected(int error) const
 {
     return error_line("zutr_convert_super_v2",
                       text("parse meta info failed:%d, cmd:15, dev:%s, conf:%s", -error,
                            device.path().c_str(), conf().c_str()));
 }
 
-Log Conversion::mismatches(std::uint32_t first, std::uint32_t end) const
+Log SuperConversion::mismatches(std::uint32_t first, std::uint32_t end) const
 {
     Log log;
     const Block extent = slot(0);
@@ -109,7 +109,7 @@ Log Conversion::mismatches(std::uint32_t first, std::uint32_t end) const
     return log;
 }
 
-Log Conversion::failed(Log lines, int ret) const
+Log SuperConversion::failed(Log lines, int ret) const
 {
     lines.push_back(not_found(ret, 65));
     lines.push_back(error_line("parse_sb_from_json_v2", "convert super block failed:-22"));
@@ -117,8 +117,8 @@ Log Conversion::failed(Log lines, int ret) const
     return lines;
 }
 
-void Conversion::expect_conversion(const std::string &document, const Expected &expected,
-                                   const std::vector<std::string> &args)
+void SuperConversion::expect_conversion(const std::string &document, const Expected &expected,
+                                        const std::vector<std::string> &args)
 {
     const std::vector<std::uint8_t> before = device.bytes();
     expect_run(convert(document, args), expected);

@@ -29,7 +29,7 @@ LogLine map_cnt_found(std::uint32_t map_cnt);
 LogLine not_found(int ret, std::uint32_t map_cnt);
 
 // Conversions on a device whose extents are those of `super`.
-class Conversion : public testing::Test {
+class SuperConversion : public testing::Test {
 protected:
     SuperV2 super = cache(262144, 16384);
     Device device = make_v2_device(super);

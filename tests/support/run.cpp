@@ -9,6 +9,7 @@
 #include <ostream>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -184,6 +185,15 @@ LogLine settings_line(const Device &device, const std::string &command, const Se
                            settings.meta_no, settings.repair_conf.c_str(),
                            settings.out_path.c_str(), settings.use, settings.error, settings.owner,
                            settings.id.c_str()));
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
 }
 
 std::ostream &operator<<(std::ostream &out, const RunResult &result)

@@ -68,6 +68,9 @@ struct Settings {
 LogLine settings_line(const Device &device, const std::string &command,
                       const Settings &settings = {});
 
+// The lines of an output, without their ends.
+std::vector<std::string> lines_of(const std::string &text);
+
 std::ostream &operator<<(std::ostream &out, const RunResult &result);
 
 } // namespace tier_test

@@ -19,11 +19,6 @@ std::uint64_t turned(std::uint64_t value, const ConfigKey &key)
     return key.reversed ? __builtin_bswap32(static_cast<std::uint32_t>(value)) : value;
 }
 
-std::string text_at(const Block &block, std::size_t offset)
-{
-    return reinterpret_cast<const char *>(block.data() + offset);
-}
-
 std::string sample_value(const ConfigKey &key, const Block &block)
 {
     switch (key.holds) {
@@ -34,7 +29,7 @@ std::string sample_value(const ConfigKey &key, const Block &block)
     case Holds::UUID:
         return json_string(uuid_text(get_uuid(block, key.byte)));
     case Holds::TEXT:
-        return json_string(key.sample.empty() ? text_at(block, key.byte) : key.sample);
+        return json_string(key.sample.empty() ? get_text(block, key.byte) : key.sample);
     case Holds::ARRAY:
         return key.sample;
     }

@@ -7,13 +7,13 @@ namespace tier_test {
 
 namespace {
 
-const SuperV1 V1 = super_v1(3, 4, 3);
-const SuperV2 V2 = super_v2(3, 4, 3);
+const SuperV1 SUPER_V1 = super_v1(3, 4, 3);
+const SuperV2 SUPER_V2 = super_v2(3, 4, 3);
 
-constexpr std::uint32_t NO = 2;    // of the sample extents
-constexpr std::uint32_t OWNER = 1; // their inode
-constexpr std::uint32_t MAP = 3;   // the sample piece
-constexpr std::size_t PIECE = 16;  // bytes
+constexpr std::uint32_t EXTENT_NO = 2; // of the sample extents
+constexpr std::uint32_t OWNER = 1;     // their inode
+constexpr std::uint32_t MAP = 3;       // the sample piece
+constexpr std::size_t PIECE = 16;      // bytes
 
 ConfigKey sampling_low()
 {
@@ -27,10 +27,10 @@ std::vector<ConfigKey> keys_v1()
     constexpr Needed OPTIONAL = Needed::OPTIONAL;
     return {
         number("te_use", 32, 16, Taken::SIGNED_32, Needed::ALWAYS),
-        bounded(number("te_no", 48, 64, Taken::UNSIGNED_64, Needed::ALWAYS), V1.block_cnt),
+        bounded(number("te_no", 48, 64, Taken::UNSIGNED_64, Needed::ALWAYS), SUPER_V1.block_cnt),
         number("te_block", 4, 32),
         number("te_size", 8, 64, Taken::UNSIGNED_64),
-        bounded(number("te_inode_no", 16, 32), V1.inode_cnt),
+        bounded(number("te_inode_no", 16, 32), SUPER_V1.inode_cnt),
         sampling_low(),
         number("te_sampling_mid", 24, 32, Taken::SIGNED_64, OPTIONAL),
         number("te_sampling_high", 28, 32, Taken::SIGNED_64, OPTIONAL),
@@ -59,7 +59,7 @@ LogLine refused(const char *parser, const Block &block)
 
 Log refusals_v1(const Block &block)
 {
-    if (get_u64(block, 48) < V1.block_cnt && get_u32(block, 16) < V1.inode_cnt)
+    if (get_u64(block, 48) < SUPER_V1.block_cnt && get_u32(block, 16) < SUPER_V1.inode_cnt)
         return {};
     return {refused("parse_extent_from_json_v1", block)};
 }
@@ -68,30 +68,30 @@ Log refusals_v1(const Block &block)
 Log refusals_v2(const Block &block)
 {
     Log log;
-    const bool number_is_right = get_u64(block, 48) < V2.block_cnt;
-    if (number_is_right && get_u32(block, 16) < V2.inode_cnt)
+    const bool number_is_right = get_u64(block, 48) < SUPER_V2.block_cnt;
+    if (number_is_right && get_u32(block, 16) < SUPER_V2.inode_cnt)
         return log;
     if (number_is_right)
-        log.push_back(invalid_inode_v2(get_u32(block, 16), V2));
+        log.push_back(invalid_inode_v2(get_u32(block, 16), SUPER_V2));
     log.push_back(refused("parse_extent_from_json_v2", block));
     return log;
 }
 
-ConfigTable config_v1()
+ConfigTable extent_config_v1()
 {
-    ExtentV1 extent = extent_used(NO, OWNER);
+    ExtentV1 extent = extent_used(EXTENT_NO, OWNER);
     extent.bitmap = {0x0123'4567'89AB'CDEFU, 2};
     return {
         .name = "ExtentV1",
         .command = "repair_extent",
         .code = 12,
         .parser = "parse_extent_from_json_v1",
-        .device = [] { return make_v1_device(V1); },
-        .sample = {.block = encode(extent, V1.extent_size)},
+        .device = [] { return make_v1_device(SUPER_V1); },
+        .sample = {.block = encode(extent, SUPER_V1.extent_size)},
         .keys = keys_v1(),
         .use = "te_use",
-        .place = [](const Made &made) { return extent_offset(V1, get_u64(made.block, 48)); },
-        .seal = [](Block &block) { seal(block, V1.extent_size); },
+        .place = [](const Made &made) { return extent_offset(SUPER_V1, get_u64(made.block, 48)); },
+        .seal = [](Block &block) { seal(block, SUPER_V1.extent_size); },
         .refusals = refusals_v1,
         .checksum_key = "te_checksum",
     };
@@ -99,7 +99,7 @@ ConfigTable config_v1()
 
 ExtentV2 sample_v2()
 {
-    ExtentV2 extent = extent_v2(NO);
+    ExtentV2 extent = extent_v2(EXTENT_NO);
     extent.use = 1;
     extent.inode_no = OWNER;
     extent.sampling_low = 0x01223344;
@@ -112,7 +112,7 @@ ExtentV2 sample_v2()
 // The record of a map number.
 auto record(Block &block, std::uint64_t map)
 {
-    return block.begin() + static_cast<std::ptrdiff_t>(V2.extent_size + PIECE * map);
+    return block.begin() + static_cast<std::ptrdiff_t>(SUPER_V2.extent_size + PIECE * map);
 }
 
 void move_piece(Made &made, std::uint64_t map)
@@ -125,24 +125,25 @@ void move_piece(Made &made, std::uint64_t map)
 
 std::vector<ConfigKey> piece_keys()
 {
-    const std::size_t at = V2.extent_size + PIECE * MAP;
+    const std::size_t at = SUPER_V2.extent_size + PIECE * MAP;
     ConfigKey map = number("mapno", at, 32);
     map.sample = std::to_string(MAP);
     map.more = {"31", "32"};
     map.apply = move_piece;
     map.refuse = [](std::uint64_t value) {
-        return value < V2.map_cnt ? std::string()
-                                  : text("te_mapped_meta mapno %d is invalid, index:0, map_cnt:32",
-                                         static_cast<int>(static_cast<std::uint32_t>(value)));
+        return value < SUPER_V2.map_cnt
+                   ? std::string()
+                   : text("te_mapped_meta mapno %d is invalid, index:0, map_cnt:32",
+                          static_cast<int>(static_cast<std::uint32_t>(value)));
     };
     ConfigKey clean = number("clean", at + 8, 1, Taken::UNSIGNED_64);
     ConfigKey length = number("len", at + 8, 31, Taken::UNSIGNED_64);
     length.shift = 1;
     length.more = {"1048575", "1048576", "1048577"};
     length.refuse = [](std::uint64_t value) {
-        return value <= V2.block_size
-                   ? std::string()
-                   : text("map 3 orig_len(%lu) is invalid, block_size:%u", value, V2.block_size);
+        return value <= SUPER_V2.block_size ? std::string()
+                                            : text("map 3 orig_len(%lu) is invalid, block_size:%u",
+                                                   value, SUPER_V2.block_size);
     };
     return {
         map,
@@ -154,19 +155,19 @@ std::vector<ConfigKey> piece_keys()
     };
 }
 
-ConfigTable config_v2()
+ConfigTable extent_config_v2()
 {
     return {
         .name = "ExtentV2",
         .command = "repair_extent",
         .code = 12,
         .parser = "parse_extent_from_json_v2",
-        .device = [] { return make_v2_device(V2); },
-        .sample = {.block = encode(sample_v2(), V2)},
+        .device = [] { return make_v2_device(SUPER_V2); },
+        .sample = {.block = encode(sample_v2(), SUPER_V2)},
         .keys = {},
         .use = "te_use",
-        .place = [](const Made &made) { return extent_offset(V2, get_u64(made.block, 48)); },
-        .seal = [](Block &block) { seal(block, V2.total_extent_size); },
+        .place = [](const Made &made) { return extent_offset(SUPER_V2, get_u64(made.block, 48)); },
+        .seal = [](Block &block) { seal(block, SUPER_V2.total_extent_size); },
         .refusals = refusals_v2,
         .checksum_key = "te_checksum",
     };
@@ -174,16 +175,16 @@ ConfigTable config_v2()
 
 std::vector<ConfigTable> configs_v2()
 {
-    ConfigTable pieces = config_v2();
+    ConfigTable pieces = extent_config_v2();
     pieces.name = "PieceV2";
     pieces.keys = piece_keys();
     pieces.use.clear();
 
-    ConfigTable extents = config_v2();
+    ConfigTable extents = extent_config_v2();
     extents.keys = {
         number("te_use", 32, 16, Taken::SIGNED_32, Needed::ALWAYS),
-        bounded(number("te_no", 48, 64, Taken::UNSIGNED_64, Needed::ALWAYS), V2.block_cnt),
-        bounded(number("te_inode_no", 16, 32), V2.inode_cnt),
+        bounded(number("te_no", 48, 64, Taken::UNSIGNED_64, Needed::ALWAYS), SUPER_V2.block_cnt),
+        bounded(number("te_inode_no", 16, 32), SUPER_V2.inode_cnt),
         sampling_low(),
         number("te_sampling_mid", 24, 32, Taken::SIGNED_64, Needed::OPTIONAL),
         number("te_sampling_high", 28, 32, Taken::SIGNED_64, Needed::OPTIONAL),
@@ -209,7 +210,7 @@ std::vector<ConfigTable> configs_v2()
 std::vector<ConfigTable> extent_configs()
 {
     std::vector<ConfigTable> tables = configs_v2();
-    tables.insert(tables.begin(), config_v1());
+    tables.insert(tables.begin(), extent_config_v1());
     return tables;
 }
 

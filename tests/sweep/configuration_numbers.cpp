@@ -6,7 +6,6 @@ namespace tier_test {
 
 namespace {
 
-constexpr std::uint64_t BIT_63 = std::uint64_t{1} << 63;
 constexpr std::uint64_t MINUS_1 = ~std::uint64_t{0};
 
 // Truncated toward zero. What does not fit is the smallest signed number.

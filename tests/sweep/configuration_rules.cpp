@@ -6,11 +6,6 @@ namespace tier_test {
 
 namespace {
 
-std::string text_at(const Block &block, std::size_t offset)
-{
-    return reinterpret_cast<const char *>(block.data() + offset);
-}
-
 bool within(std::uint64_t value, std::uint64_t first, std::uint64_t last)
 {
     return value >= first && value <= last;
@@ -38,7 +33,7 @@ const GeometryRule SIZE{[](const Block &b) { return get_u32(b, 116) == MIB; },
                             return text("sb size is invalid. expect:1048576, real:%u",
                                         get_u32(b, 116));
                         }};
-const GeometryRule BRICKS{
+const GeometryRule BRICKS_OF_HEAD{
     [](const Block &b) {
         return within(get_u32(b, 120), 1, 300) && get_u64(b, 8) == get_u32(b, 120) * 4096U;
     },
@@ -47,7 +42,7 @@ const GeometryRule BRICKS{
                     "brick_cnt:[1-300]",
                     get_u32(b, 120), get_u64(b, 8));
     }};
-const GeometryRule INODES{
+const GeometryRule INODES_OF_HEAD{
     [](const Block &b) {
         return within(get_u32(b, 124), 1, 100000) && get_u64(b, 16) == padded_inodes(b);
     },
@@ -56,7 +51,7 @@ const GeometryRule INODES{
                     "inode_cnt:[1-100000]",
                     get_u32(b, 124), get_u64(b, 16));
     }};
-const GeometryRule BLOCKS{
+const GeometryRule BLOCKS_OF_HEAD{
     [](const Block &b) {
         return within(get_u32(b, 128), 262144, 4194304) && get_u32(b, 128) % 4096 == 0;
     },
@@ -103,10 +98,10 @@ const GeometryRule DATA{[](const Block &b) { return get_u64(b, 32) == data_offse
                         }};
 
 // Of all layouts.
-const GeometryRule SSD_UUID{[](const Block &b) { return text_at(b, 64).size() == 38; },
+const GeometryRule SSD_UUID{[](const Block &b) { return get_text(b, 64).size() == 38; },
                             [](const Block &b) {
                                 return text("ssd uuid(%s) length(%zu) is invalid. expect:38",
-                                            text_at(b, 64).c_str(), text_at(b, 64).size());
+                                            get_text(b, 64).c_str(), get_text(b, 64).size());
                             }};
 
 // V3.
@@ -160,15 +155,17 @@ const GeometryRule DATA_V3{
 
 const std::vector<GeometryRule> &rules_v1()
 {
-    static const std::vector<GeometryRule> RULES{SIZE,       BRICKS,       INODES, BLOCKS,
-                                                 EXTENTS_V1, EXTENT_TABLE, DATA,   SSD_UUID};
+    static const std::vector<GeometryRule> RULES{SIZE,           BRICKS_OF_HEAD, INODES_OF_HEAD,
+                                                 BLOCKS_OF_HEAD, EXTENTS_V1,     EXTENT_TABLE,
+                                                 DATA,           SSD_UUID};
     return RULES;
 }
 
 const std::vector<GeometryRule> &rules_v2()
 {
     static const std::vector<GeometryRule> RULES{
-        SIZE, BRICKS, INODES, BLOCKS, EXTENTS_V2, EXTENT_TABLE, PIECES_V2, MAPS_V2, DATA, SSD_UUID};
+        SIZE,         BRICKS_OF_HEAD, INODES_OF_HEAD, BLOCKS_OF_HEAD, EXTENTS_V2,
+        EXTENT_TABLE, PIECES_V2,      MAPS_V2,        DATA,           SSD_UUID};
     return RULES;
 }
 

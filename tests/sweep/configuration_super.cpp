@@ -15,7 +15,7 @@ ConfigKey wide(const char *name, std::size_t byte)
 {
     return number(name, byte, 64, Taken::UNSIGNED_64, ALWAYS);
 }
-ConfigKey word(const char *name, std::size_t byte)
+ConfigKey super_word(const char *name, std::size_t byte)
 {
     return number(name, byte, 32, Taken::SIGNED_64, ALWAYS);
 }
@@ -95,9 +95,9 @@ ConfigKey ssd_uuid()
 
 std::vector<ConfigKey> head_keys(const ConfigKey &version)
 {
-    ConfigKey block_size = word("block_size", 128);
+    ConfigKey block_size = super_word("block_size", 128);
     block_size.more = {"262143", "262144", "264192", "266240", "4194304", "4194305", "4198400"};
-    ConfigKey extent_size = word("extent_size", 136);
+    ConfigKey extent_size = super_word("extent_size", 136);
     extent_size.more = {"55", "56", "4096", "4097"};
     return {wide("brick_table_size", 8),
             wide("inode_table_size", 16),
@@ -107,11 +107,11 @@ std::vector<ConfigKey> head_keys(const ConfigKey &version)
             uuid(),
             ssd_uuid(),
             version,
-            word("super block size", 116),
-            word("brick_cnt", 120),
-            word("inode_cnt", 124),
+            super_word("super block size", 116),
+            super_word("brick_cnt", 120),
+            super_word("inode_cnt", 124),
             block_size,
-            word("block_cnt", 132),
+            super_word("block_cnt", 132),
             extent_size};
 }
 
@@ -140,8 +140,9 @@ std::vector<ConfigKey> expansion_keys()
 
 std::vector<ConfigKey> map_keys()
 {
-    return {word("min_alloc_size", 144), word("total_map_size", 148), word("map_cnt", 152),
-            word("size_mapped_meta", 156), word("hot_size", 160)};
+    return {super_word("min_alloc_size", 144), super_word("total_map_size", 148),
+            super_word("map_cnt", 152), super_word("size_mapped_meta", 156),
+            super_word("hot_size", 160)};
 }
 
 std::vector<ConfigKey> keys_v3()
@@ -156,7 +157,7 @@ std::vector<ConfigKey> keys_v3()
             uuid(),
             ssd_uuid(),
             exact_version("30000", 0x30000, "0x20000"),
-            word("reserved", 116),
+            super_word("reserved", 116),
             wide("brick_table_offset", 120),
             wide("brick_table_size", 128),
             wide("brick_cnt", 136),
@@ -177,8 +178,8 @@ std::vector<ConfigKey> keys_v3()
             wide("block_cnt", 256)};
 }
 
-ConfigTable config(const std::string &version, Device (*device)(), const Block &sample,
-                   std::vector<ConfigKey> keys)
+ConfigTable super_config(const std::string &version, Device (*device)(), const Block &sample,
+                         std::vector<ConfigKey> keys)
 {
     return {
         .name = "SuperV" + version,
@@ -195,9 +196,9 @@ ConfigTable config(const std::string &version, Device (*device)(), const Block &
     };
 }
 
-ConfigTable config_v1()
+ConfigTable super_config_v1()
 {
-    ConfigTable table = config(
+    ConfigTable table = super_config(
         "1", [] { return make_v1_device(super_v1(1, 1, 1)); }, encode(super_v1(3, 4, 5)),
         head_keys(exact_version("10000", 0x10000, "0x20000")));
     table.seal = [](Block &block) { seal(block, SuperV1::LENGTH); };
@@ -207,12 +208,12 @@ ConfigTable config_v1()
     return table;
 }
 
-ConfigTable config_v2()
+ConfigTable super_config_v2()
 {
     std::vector<ConfigKey> keys = head_keys(version_v2());
     std::ranges::copy(expansion_keys(), std::back_inserter(keys));
     std::ranges::copy(map_keys(), std::back_inserter(keys));
-    ConfigTable table = config(
+    ConfigTable table = super_config(
         "2", [] { return make_v2_device(super_v2(1, 1, 1)); }, encode(super_v2(3, 4, 5)), keys);
     table.seal = [](Block &block) {
         put_u32(block, 164, get_u32(block, 136) + get_u32(block, 148) + get_u32(block, 160));
@@ -224,11 +225,11 @@ ConfigTable config_v2()
     return table;
 }
 
-ConfigTable config_v3()
+ConfigTable super_config_v3()
 {
     SuperV3 sb = super_v3(3, 4);
     sb.reserved = 0x8765'4321;
-    ConfigTable table = config(
+    ConfigTable table = super_config(
         "3", [] { return make_v3_device(super_v3(1, 1)); }, encode(sb), keys_v3());
     table.seal = [](Block &block) { seal(block, SuperV3::LENGTH); };
     table.refusals = [](const Block &block) {
@@ -241,7 +242,7 @@ ConfigTable config_v3()
 
 std::vector<ConfigTable> super_configs()
 {
-    return {config_v1(), config_v2(), config_v3()};
+    return {super_config_v1(), super_config_v2(), super_config_v3()};
 }
 
 } // namespace tier_test

@@ -41,13 +41,13 @@ std::uint64_t bricks_start(const Block &super)
 {
     return get_u32(super, 116) + 4096U;
 }
-std::uint64_t inodes_start(const Block &super)
+std::uint64_t inode_table_start(const Block &super)
 {
     return bricks_start(super) + get_u64(super, 8);
 }
 std::uint64_t extents_start(const Block &super)
 {
-    return inodes_start(super) + get_u64(super, 16);
+    return inode_table_start(super) + get_u64(super, 16);
 }
 
 // The record of an extent must have room in its slot.
@@ -147,7 +147,7 @@ DamagedLayout layout_v1()
         .tables =
             {
                 bricks("1", bricks_start, word_at(120), {"super block size", "brick_cnt"}),
-                inodes("1", inodes_start, word_at(124),
+                inodes("1", inode_table_start, word_at(124),
                        {"super block size", "brick_table_size", "inode_cnt"}),
                 extents("1", "extent && sb && fp", is_no_extent_v1,
                         {"super block size", "brick_table_size", "inode_table_size", "block_cnt",
@@ -174,7 +174,7 @@ DamagedLayout layout_v2()
     extent_repair_uses.insert(
         extent_repair_uses.end(),
         {"inode_cnt", "sb_inode_exp_magic", "sb_inode_exp_area", "sb_inode_exp_inuse"});
-    DamagedTable inode_table = inodes("2", inodes_start, word_at(124), inode_uses);
+    DamagedTable inode_table = inodes("2", inode_table_start, word_at(124), inode_uses);
     inode_table.aborts = has_no_expansion_start;
     inode_table.bounds_first = true;
     inode_table.before_walk = "{ \"inode\":";

@@ -17,7 +17,7 @@ namespace {
 // A walk goes over as many slots as the super block counts, far behind the end of the device, and
 // says that it cannot read them. It is right that it takes its time: so many slots are walked here,
 // longer tables are asked for single entries only.
-constexpr std::int32_t LONGEST_WALK = 4096;
+constexpr std::int32_t LONGEST_SUPER_WALK = 4096;
 
 struct Command {
     std::string name;
@@ -193,7 +193,7 @@ TEST_P(DamagedSuper, EveryFieldUnderEveryCommand)
                 SCOPED_TRACE(all[i].name);
                 const bool used =
                     all[i].uses != nullptr && std::ranges::count(*all[i].uses, field.name) != 0;
-                if (used ? all[i].is_walk && walked(all[i], super) > LONGEST_WALK
+                if (used ? all[i].is_walk && walked(all[i], super) > LONGEST_SUPER_WALK
                          : all[i].entry != 0) // behind its table as it was
                     continue;
                 const RunResult result = run(all[i]);

@@ -8,22 +8,22 @@ namespace tier_test {
 
 namespace {
 
-constexpr std::uint64_t BLOCKS = 3; // of each table; the last one is damaged
+constexpr std::uint64_t PACKED_BLOCKS = 3; // of each table; the last one is damaged
 
 template <class T>
 std::uint64_t place_of(const T &table, std::uint64_t block)
 {
-    return static_cast<std::uint64_t>(table.offset(packed_super(BLOCKS), block));
+    return static_cast<std::uint64_t>(table.offset(packed_super(PACKED_BLOCKS), block));
 }
 
 template <class T>
 Device spoilt_device()
 {
     const T &table = block_table<T>();
-    Device device = make_v3_device(packed_super(BLOCKS));
-    Block damaged = device.block(place_of(table, BLOCKS - 1));
+    Device device = make_v3_device(packed_super(PACKED_BLOCKS));
+    Block damaged = device.block(place_of(table, PACKED_BLOCKS - 1));
     damaged[BLOCK_SIZE - 1] ^= 1;
-    device.write(place_of(table, BLOCKS - 1), damaged);
+    device.write(place_of(table, PACKED_BLOCKS - 1), damaged);
     return device;
 }
 
@@ -31,8 +31,8 @@ template <class T>
 SweptCommand dumps(const T &table)
 {
     std::vector<std::int64_t> offsets;
-    for (std::uint64_t no = 0; no < BLOCKS; ++no)
-        offsets.push_back(table.offset(packed_super(BLOCKS), no));
+    for (std::uint64_t no = 0; no < PACKED_BLOCKS; ++no)
+        offsets.push_back(table.offset(packed_super(PACKED_BLOCKS), no));
     const std::string unreadable = unreadable_table(table.block_key.c_str(), offsets);
     return {"V3_" + table.dump,
             spoilt_device<T>,
@@ -47,7 +47,7 @@ SweptCommand dumps(const T &table)
               .degraded = {"[]"}},
              {.name = "block", .args = {"-c", table.dump, "-n", "1"}},
              {.name = "no such block",
-              .args = {"-c", table.dump, "-n", std::to_string(BLOCKS)},
+              .args = {"-c", table.dump, "-n", std::to_string(PACKED_BLOCKS)},
               .status = 22}}};
 }
 
@@ -55,12 +55,12 @@ SweptCommand dumps(const T &table)
 // one and all behind it. `records` and `blocks` are what the filter lets through.
 void add_refused_blocks(Scenario &walk, const ExtentTable &table, bool records, bool blocks)
 {
-    const SuperV3 super = packed_super(BLOCKS);
-    for (std::uint64_t first = 0; first < BLOCKS; ++first)
-        for (const std::uint64_t end : {first + 1, BLOCKS}) {
+    const SuperV3 super = packed_super(PACKED_BLOCKS);
+    for (std::uint64_t first = 0; first < PACKED_BLOCKS; ++first)
+        for (const std::uint64_t end : {first + 1, PACKED_BLOCKS}) {
             std::vector<std::string> items;
-            for (std::uint64_t no = 0; no < BLOCKS; ++no) {
-                const bool refused = no == BLOCKS - 1 || (no >= first && no < end);
+            for (std::uint64_t no = 0; no < PACKED_BLOCKS; ++no) {
+                const bool refused = no == PACKED_BLOCKS - 1 || (no >= first && no < end);
                 if (refused && records)
                     items.push_back(block_record(table, super, 14, no));
                 if (!refused && blocks)
@@ -84,8 +84,8 @@ void add_repairs(std::vector<SweptCommand> &commands, const T &table, const std:
                          .block = block});
     add_commit(command, {.name = "refused",
                          .args = repair,
-                         .conf = text("{\"meta_offset\":%lu%s}", packed_super(BLOCKS).*table.end,
-                                      content.c_str()),
+                         .conf = text("{\"meta_offset\":%lu%s}",
+                                      packed_super(PACKED_BLOCKS).*table.end, content.c_str()),
                          .status = 22});
     commands.push_back(command);
 }

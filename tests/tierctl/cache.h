@@ -32,6 +32,8 @@ Cache make_cache(const std::string &layout);
 
 inline const std::vector<std::string> LAYOUTS{"v1", "v2", "v3"};
 
+inline constexpr char NO_DEVICE[] = "No such device or address";
+
 // Inverts the bits of `mask` in a byte of the device.
 void flip(const Device &device, std::int64_t offset, std::uint8_t mask = 0xFF);
 

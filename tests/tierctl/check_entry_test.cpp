@@ -24,13 +24,11 @@ protected:
 template <class World>
 class CheckEntries : public CheckOf<World> {
 };
-using AllWorlds = testing::Types<WorldV1, WorldV2, WorldV3>;
 TYPED_TEST_SUITE(CheckEntries, AllWorlds);
 
 template <class World>
 class CheckExtents : public CheckOf<World> {
 };
-using OldWorlds = testing::Types<WorldV1, WorldV2>;
 TYPED_TEST_SUITE(CheckExtents, OldWorlds);
 
 using CheckV2 = CheckOf<WorldV2>;

@@ -32,13 +32,11 @@ const std::string WRONG_CHECKSUM = ": its checksum is not that of its content";
 template <class World>
 class CheckFlaws : public CheckFlawsOf<World> {
 };
-using AllWorlds = testing::Types<WorldV1, WorldV2, WorldV3>;
 TYPED_TEST_SUITE(CheckFlaws, AllWorlds);
 
 template <class World>
 class CheckExtentFlaws : public CheckFlawsOf<World> {
 };
-using OldWorlds = testing::Types<WorldV1, WorldV2>;
 TYPED_TEST_SUITE(CheckExtentFlaws, OldWorlds);
 
 using CheckFlawsV3 = CheckFlawsOf<WorldV3>;

@@ -100,6 +100,9 @@ struct WorldV3 {
     Device device() const { return make_v3_device(sb, bricks, inodes, shards, extents); }
 };
 
+using AllWorlds = testing::Types<WorldV1, WorldV2, WorldV3>;
+using OldWorlds = testing::Types<WorldV1, WorldV2>; // their extents are no packed words
+
 // Byte offset of a word of a packed block.
 inline std::int64_t word_offset(std::int64_t block, std::uint64_t slot)
 {

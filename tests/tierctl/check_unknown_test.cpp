@@ -60,7 +60,6 @@ protected:
     }
 };
 
-using AllWorlds = testing::Types<WorldV1, WorldV2, WorldV3>;
 TYPED_TEST_SUITE(CheckUnknown, AllWorlds);
 
 TYPED_TEST(CheckUnknown, NamedByOne)

@@ -12,8 +12,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char NO_DEVICE[] = "No such device or address";
-
 RunResult diff(const std::string &a, const std::string &b,
                const std::vector<std::string> &options = {})
 {

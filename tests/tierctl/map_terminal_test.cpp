@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <regex>
-#include <sstream>
 
 using namespace tier_test;
 namespace fs = std::filesystem;
@@ -19,15 +18,6 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 
 // Of the test itself the program must not see these.
 const Environment PLAIN{{"COLUMNS", ""}, {"NO_COLOR", ""}};
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 std::size_t width_of(const std::string &line)
 {

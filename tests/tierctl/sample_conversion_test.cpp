@@ -9,13 +9,13 @@ using namespace tier_test;
 
 namespace {
 
-struct Geometry {
+struct ConversionGeometry {
     std::vector<std::string> args;
     std::uint32_t map_size;
     std::uint32_t map_cnt;
 };
 
-const std::vector<Geometry> GEOMETRIES{
+const std::vector<ConversionGeometry> CONVERSION_GEOMETRIES{
     {.args = {}, .map_size = 32768, .map_cnt = 32},
     {.args = {"--blocks", "300", "--block-size", "266240"}, .map_size = 16384, .map_cnt = 17},
     {.args = {"--block-size", "4194304", "--extent-size", "77"}, .map_size = 65536, .map_cnt = 64},
@@ -36,7 +36,7 @@ std::vector<Block> metadata(const Device &device)
     return blocks;
 }
 
-class SampleConversion : public testing::TestWithParam<Geometry> {
+class SampleConversion : public testing::TestWithParam<ConversionGeometry> {
 protected:
     const Device device = make_sample(for_conversion(GetParam().args));
     const SuperV1 old = decode_super(device.block(4096));
@@ -53,7 +53,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Geometry, SampleConversion, testing::ValuesIn(GEOMETRIES));
+INSTANTIATE_TEST_SUITE_P(Geometry, SampleConversion, testing::ValuesIn(CONVERSION_GEOMETRIES));
 
 TEST_P(SampleConversion, SuperBlockIsThatOfLayoutV1)
 {

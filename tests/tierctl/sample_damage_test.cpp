@@ -14,8 +14,8 @@ using namespace tier_test;
 
 namespace {
 
-const std::vector<std::string> SIZES{"--bricks", "6",  "--inodes",     "40",
-                                     "--blocks", "30", "--block-size", "262144"};
+const std::vector<std::string> DAMAGED_SIZES{"--bricks", "6",  "--inodes",     "40",
+                                             "--blocks", "30", "--block-size", "262144"};
 
 // Six blocks of each packed table.
 const std::vector<std::string> SIZES_V3{"--bricks",  "6",    "--inodes",   "40",
@@ -25,7 +25,7 @@ const std::vector<std::string> SIZES_V3{"--bricks",  "6",    "--inodes",   "40",
 Device damaged_sample(const std::vector<std::string> &damages, const std::string &seed = "1",
                       const std::string &layout = "v1")
 {
-    std::vector<std::string> args = layout == "v3" ? SIZES_V3 : SIZES;
+    std::vector<std::string> args = layout == "v3" ? SIZES_V3 : DAMAGED_SIZES;
     args.insert(args.end(), {"--seed", seed});
     for (const std::string &damage : damages)
         args.insert(args.end(), {"--damage", damage});
@@ -41,7 +41,7 @@ std::size_t changed_bits(ConstByteSpan before, ConstByteSpan after)
     return bits;
 }
 
-struct Damage {
+struct DamageKind {
     std::string kind; // as on the command line, empty for none
     // Whether exactly that is wrong with the slot.
     void (*expect)(const SampleTable &table, const Block &before, const Block &after);
@@ -89,14 +89,14 @@ void expect_one_bit(const SampleTable &table, const Block &before, const Block &
               1U);
 }
 
-const std::vector<Damage> DAMAGES{
+const std::vector<DamageKind> DAMAGE_KINDS{
     {"", expect_wrong_checksum},    {":checksum", expect_wrong_checksum},
     {":magic", expect_wrong_magic}, {":number", expect_wrong_number},
     {":zero", expect_zero},         {":bit", expect_one_bit},
 };
 
 // A table that has nothing to be wrong in that way refuses it.
-bool applies(const Damage &damage, const SampleTable &table)
+bool applies(const DamageKind &damage, const SampleTable &table)
 {
     if (damage.expect == expect_wrong_checksum)
         return table.stored != nullptr;
@@ -157,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(Layout, SampleDamageKinds, testing::Values("v1", "v2", 
 TEST_P(SampleDamageKinds, InATableAreWhatTheToolReports)
 {
     for (const SampleTable &table : tables()) {
-        for (const Damage &damage : DAMAGES) {
+        for (const DamageKind &damage : DAMAGE_KINDS) {
             if (!applies(damage, table))
                 continue;
             for (const std::uint64_t no : {0U, 1U, 5U}) {
@@ -178,7 +178,7 @@ TEST_P(SampleDamageKinds, InTheSuperBlockMakeTheToolRefuseTheDevice)
     const std::map<std::string, std::size_t> lengths{
         {"v1", SuperV1::LENGTH}, {"v2", SuperV2::LENGTH}, {"v3", SuperV3::LENGTH}};
     const SampleTable table = sample_super(lengths.at(layout));
-    for (const Damage &damage : DAMAGES) {
+    for (const DamageKind &damage : DAMAGE_KINDS) {
         if (!applies(damage, table))
             continue;
         SCOPED_TRACE(damage.kind);
@@ -259,7 +259,7 @@ TEST_F(SampleDamage, BadRequestsAreRefused)
         {"super:0:number", "expected one of the kinds checksum, magic, zero, bit"},
     };
     for (const auto &[request, complaint] : requests) {
-        std::vector<std::string> args = SIZES;
+        std::vector<std::string> args = DAMAGED_SIZES;
         args.insert(args.end(), {"--damage", "brick:1", "--damage", request});
         expect_refused(args, "--damage " + request + ": " + complaint);
     }

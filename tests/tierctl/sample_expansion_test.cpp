@@ -15,12 +15,12 @@ constexpr std::uint32_t INODES = 40;
 constexpr std::uint32_t EXPANSION = 153600; // the smallest area
 constexpr std::uint32_t SUM = INODES + EXPANSION;
 
-const std::vector<std::string> SIZES{"--bricks", "3",   "--inodes",     "40",
-                                     "--blocks", "200", "--block-size", "262144"};
+const std::vector<std::string> EXPANDED_SIZES{"--bricks", "3",   "--inodes",     "40",
+                                              "--blocks", "200", "--block-size", "262144"};
 
 std::vector<std::string> with_sizes(std::vector<std::string> args)
 {
-    args.insert(args.end(), SIZES.begin(), SIZES.end());
+    args.insert(args.end(), EXPANDED_SIZES.begin(), EXPANDED_SIZES.end());
     return args;
 }
 

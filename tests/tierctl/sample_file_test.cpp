@@ -1,5 +1,6 @@
 // The file that zu_tierctl sample writes: what it refuses, what it replaces, what it leaves behind.
 
+#include "loop_device.h"
 #include "sample_image.h"
 
 #include <algorithm>
@@ -14,11 +15,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::vector<std::string> SMALL{"--inodes", "4", "--blocks", "4", "--block-size", "262144"};
+const std::vector<std::string> SMALL_FILE{"--inodes",     "4",     "--blocks", "4",
+                                          "--block-size", "262144"};
 
 std::vector<std::string> small(std::vector<std::string> args)
 {
-    args.insert(args.end(), SMALL.begin(), SMALL.end());
+    args.insert(args.end(), SMALL_FILE.begin(), SMALL_FILE.end());
     return args;
 }
 
@@ -53,7 +55,7 @@ protected:
 
 TEST_F(SampleFile, OnlyTheImageIsThere)
 {
-    EXPECT_EQ(run_sample(path, SMALL).status, 0);
+    EXPECT_EQ(run_sample(path, SMALL_FILE).status, 0);
     EXPECT_EQ(names(), std::vector<std::string>{"image"});
     expect_image(path);
 }
@@ -106,7 +108,7 @@ TEST_F(SampleFile, LargestTables)
 TEST_F(SampleFile, ExistingFileIsKept)
 {
     directory.write("image", "precious");
-    expect_failure(run_sample(path, SMALL), 1, path + " exists, only --force overwrites it");
+    expect_failure(run_sample(path, SMALL_FILE), 1, path + " exists, only --force overwrites it");
     EXPECT_EQ(directory.read("image"), "precious");
     EXPECT_EQ(names(), std::vector<std::string>{"image"});
 }
@@ -117,7 +119,7 @@ TEST_F(SampleFile, ForceReplacesAFile)
     EXPECT_EQ(run_sample(path, small({"--force"})).status, 0);
     EXPECT_EQ(names(), std::vector<std::string>{"image"});
     const std::string plain = directory.path("plain");
-    ASSERT_EQ(run_sample(plain, SMALL).status, 0);
+    ASSERT_EQ(run_sample(plain, SMALL_FILE).status, 0);
     EXPECT_TRUE(directory.read("image") == directory.read("plain"));
 }
 
@@ -132,7 +134,7 @@ TEST_F(SampleFile, LinkStaysAndItsFileIsReplaced)
     directory.write("image", "precious");
     const std::string name = directory.path("link");
     fs::create_symlink("image", name);
-    expect_failure(run_sample(name, SMALL), 1, name + " exists, only --force overwrites it");
+    expect_failure(run_sample(name, SMALL_FILE), 1, name + " exists, only --force overwrites it");
     EXPECT_EQ(directory.read("image"), "precious");
 
     EXPECT_EQ(run_sample(name, small({"--force"})).status, 0);
@@ -151,7 +153,7 @@ TEST_F(SampleFile, OnlyFilesAndBlockDevicesAreWritten)
     fs::create_symlink("nothing", dangling);
     for (const std::string &target : {path, pipe, dangling, std::string("/dev/null")}) {
         SCOPED_TRACE(target);
-        for (const auto &args : {SMALL, small({"--force"})})
+        for (const auto &args : {SMALL_FILE, small({"--force"})})
             expect_failure(run_sample(target, args), 1,
                            target + " is neither a regular file nor a block device");
     }
@@ -163,34 +165,12 @@ TEST_F(SampleFile, BlockDeviceNeedsForce)
     // No driver has that number: opening it fails.
     if (mknod(path.c_str(), S_IFBLK | 0600, makedev(0, 0)) != 0)
         GTEST_SKIP() << "no right to make a device node";
-    expect_failure(run_sample(path, SMALL), 1, path + " exists, only --force overwrites it");
+    expect_failure(run_sample(path, SMALL_FILE), 1, path + " exists, only --force overwrites it");
     expect_failure(run_sample(path, small({"--force"})), 1,
                    "cannot open " + path + ": No such device or address");
     EXPECT_TRUE(fs::is_block_file(path));
     EXPECT_EQ(names(), std::vector<std::string>{"image"});
 }
-
-// A file as a block device, where the machine and its user allow it.
-class LoopDevice {
-public:
-    explicit LoopDevice(const std::string &file)
-        : set_up_(run_program("/bin/sh", {"-c", "losetup -f --show \"$1\"", "sh", file}))
-    {
-    }
-    ~LoopDevice()
-    {
-        if (exists())
-            run_program("/bin/sh", {"-c", "losetup -d \"$1\"", "sh", path()});
-    }
-    LoopDevice(const LoopDevice &) = delete;
-    LoopDevice &operator=(const LoopDevice &) = delete;
-
-    bool exists() const { return set_up_.status == 0; }
-    std::string path() const { return set_up_.out.substr(0, set_up_.out.find('\n')); }
-
-private:
-    RunResult set_up_;
-};
 
 TEST_F(SampleFile, BlockDeviceIsWrittenInPlace)
 {
@@ -200,7 +180,7 @@ TEST_F(SampleFile, BlockDeviceIsWrittenInPlace)
         return result;
     }();
     const std::uint64_t needed = sb.data_offset + 4 * 262144;
-    ASSERT_EQ(run_sample(path, SMALL).status, 0);
+    ASSERT_EQ(run_sample(path, SMALL_FILE).status, 0);
     std::string expected(needed, 'x');
     const std::string image = directory.read("image");
     const auto take = [&](std::int64_t offset, std::size_t slots) {
@@ -215,16 +195,16 @@ TEST_F(SampleFile, BlockDeviceIsWrittenInPlace)
     for (const std::uint64_t room : {needed, needed - 4096}) {
         const std::string file = directory.write("disk", std::string(room, 'x'));
         {
-            const LoopDevice device(file);
-            if (!device.exists())
+            const auto device = LoopDevice::attach(file);
+            if (device == nullptr)
                 GTEST_SKIP() << "no right to set up a loop device";
-            const RunResult run = run_sample(device.path(), small({"--force"}));
+            const RunResult run = run_sample(device->path(), small({"--force"}));
             if (room == needed) {
                 EXPECT_EQ(run.status, 0) << run;
             } else {
-                expect_failure(
-                    run, 1,
-                    text("%s is too small: %lu bytes of %lu", device.path().c_str(), room, needed));
+                expect_failure(run, 1,
+                               text("%s is too small: %lu bytes of %lu", device->path().c_str(),
+                                    room, needed));
             }
         }
         EXPECT_TRUE(directory.read("disk") == (room == needed ? expected : std::string(room, 'x')));
@@ -234,7 +214,7 @@ TEST_F(SampleFile, BlockDeviceIsWrittenInPlace)
 TEST_F(SampleFile, MissingDirectory)
 {
     const std::string target = directory.path("none/image");
-    expect_failure(run_sample(target, SMALL), 1,
+    expect_failure(run_sample(target, SMALL_FILE), 1,
                    "cannot create " + target + ": No such file or directory");
     EXPECT_EQ(names(), std::vector<std::string>{});
 }

@@ -11,7 +11,7 @@ using namespace tier_test;
 
 namespace {
 
-struct Geometry {
+struct GeometryV1 {
     std::vector<std::string> args;
     std::uint32_t bricks = 4;
     std::uint32_t inodes = 64;
@@ -20,7 +20,7 @@ struct Geometry {
     std::uint32_t extent_size = 88;
 };
 
-const std::vector<Geometry> GEOMETRIES{
+const std::vector<GeometryV1> GEOMETRIES_V1{
     {.args = {}},
     {.args = {"--seed", "18446744073709551615"}},
     {.args = {"--bricks", "1", "--inodes", "1", "--blocks", "1"},
@@ -46,7 +46,7 @@ const std::vector<Geometry> GEOMETRIES{
     {.args = {"--inodes", "3", "--blocks", "500"}, .inodes = 3, .blocks = 500},
 };
 
-class SampleImage : public testing::TestWithParam<Geometry> {
+class SampleImage : public testing::TestWithParam<GeometryV1> {
 protected:
     const Device device = make_sample(GetParam().args);
     const SuperV1 sb = decode_super(device.block(4096));
@@ -75,11 +75,11 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Geometry, SampleImage, testing::ValuesIn(GEOMETRIES));
+INSTANTIATE_TEST_SUITE_P(Geometry, SampleImage, testing::ValuesIn(GEOMETRIES_V1));
 
 TEST_P(SampleImage, SuperBlockDescribesTheDevice)
 {
-    const Geometry &geometry = GetParam();
+    const GeometryV1 &geometry = GetParam();
     SuperV1 expected = super_v1(geometry.bricks, geometry.inodes, geometry.blocks);
     expected.block_size = geometry.block_size;
     expected.extent_size = geometry.extent_size;

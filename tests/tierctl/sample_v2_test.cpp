@@ -12,7 +12,7 @@ using namespace tier_test;
 namespace {
 
 // The piece sizes are those that belong to devices of up to 480 GiB.
-struct Geometry {
+struct GeometryV2 {
     std::vector<std::string> args;
     std::uint32_t bricks = 4;
     std::uint32_t inodes = 64;
@@ -23,7 +23,7 @@ struct Geometry {
     std::uint32_t map_cnt = 32;
 };
 
-const std::vector<Geometry> GEOMETRIES{
+const std::vector<GeometryV2> GEOMETRIES_V2{
     {.args = {}},
     {.args = {"--bricks", "1", "--inodes", "1", "--blocks", "1"},
      .bricks = 1,
@@ -58,7 +58,7 @@ const std::vector<Geometry> GEOMETRIES{
      .map_cnt = 64},
 };
 
-class SampleV2 : public testing::TestWithParam<Geometry> {
+class SampleV2 : public testing::TestWithParam<GeometryV2> {
 protected:
     const Device device = make_sample(GetParam().args, "v2");
     const SuperV2 sb = decode_super_v2(device.block(4096));
@@ -92,11 +92,11 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Geometry, SampleV2, testing::ValuesIn(GEOMETRIES));
+INSTANTIATE_TEST_SUITE_P(Geometry, SampleV2, testing::ValuesIn(GEOMETRIES_V2));
 
 TEST_P(SampleV2, SuperBlockDescribesTheDevice)
 {
-    const Geometry &geometry = GetParam();
+    const GeometryV2 &geometry = GetParam();
     SuperV2 expected = super_v2(geometry.bricks, geometry.inodes, geometry.blocks);
     expected.block_size = geometry.block_size;
     expected.extent_size = geometry.extent_size;

@@ -14,7 +14,7 @@ using namespace tier_test;
 
 namespace {
 
-struct Geometry {
+struct GeometryV3 {
     std::vector<std::string> args;
     std::uint32_t bricks = 4;
     std::uint32_t inodes = 64;
@@ -25,7 +25,7 @@ struct Geometry {
     std::uint32_t block_size = 65536;
 };
 
-const std::vector<Geometry> GEOMETRIES{
+const std::vector<GeometryV3> GEOMETRIES_V3{
     {.args = {}},
     {.args = {"--seed", "18446744073709551615"}},
     {.args = {"--bricks", "1", "--inodes", "1", "--shards", "512", "--extents", "512", "--hot-size",
@@ -117,7 +117,7 @@ void expect_places(const Extents &extents, const Shards &shards)
     EXPECT_EQ(places.size(), extents.size());
 }
 
-class SampleV3 : public testing::TestWithParam<Geometry> {
+class SampleV3 : public testing::TestWithParam<GeometryV3> {
 protected:
     const Device device = make_sample(GetParam().args, "v3");
     const SuperV3 sb = decode_super_v3(device.block(4096));
@@ -136,11 +136,11 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Geometry, SampleV3, testing::ValuesIn(GEOMETRIES));
+INSTANTIATE_TEST_SUITE_P(Geometry, SampleV3, testing::ValuesIn(GEOMETRIES_V3));
 
 TEST_P(SampleV3, SuperBlockDescribesTheDevice)
 {
-    const Geometry &geometry = GetParam();
+    const GeometryV3 &geometry = GetParam();
     EXPECT_EQ(device.block(4096), encode(sb));
     EXPECT_EQ(sb.magic, 0xCACBDCBDU);
     EXPECT_EQ(sb.version, 0x30000U);
@@ -336,11 +336,11 @@ TEST(SampleV3Sizes, OtherLayoutsHaveNoneOfTheNewOnes)
     expect_sizes_refused(sizes, "v2");
 }
 
-const std::vector<std::string> SMALL{"--blocks", "2", "--block-size", "8192"};
+const std::vector<std::string> SMALL_CACHE_V3{"--blocks", "2", "--block-size", "8192"};
 
 Device small_sample(const std::string &seed)
 {
-    std::vector<std::string> args = SMALL;
+    std::vector<std::string> args = SMALL_CACHE_V3;
     args.insert(args.end(), {"--seed", seed});
     return make_sample(args, "v3");
 }
@@ -348,7 +348,8 @@ Device small_sample(const std::string &seed)
 TEST(SampleV3Seed, SameArgumentsGiveTheSameBytes)
 {
     EXPECT_TRUE(small_sample("5").bytes() == small_sample("5").bytes());
-    EXPECT_TRUE(small_sample("1").bytes() == make_sample(SMALL, "v3").bytes()); // the default
+    EXPECT_TRUE(small_sample("1").bytes() ==
+                make_sample(SMALL_CACHE_V3, "v3").bytes()); // the default
 }
 
 TEST(SampleV3Seed, AnotherSeedGivesOtherTables)

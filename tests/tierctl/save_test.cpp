@@ -15,8 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char NO_DEVICE[] = "No such device or address";
-
 std::string listed(const std::string &table, std::uint64_t no, std::uint64_t count,
                    std::int64_t offset, const std::string &error)
 {
@@ -33,9 +31,9 @@ std::string list_of(const std::vector<std::string> &items)
 }
 
 // The bytes that a saved file must have: the slots that the test names, and zeros.
-class Expected {
+class SavedBytes {
 public:
-    explicit Expected(const Device &device) : device_(device.bytes()), bytes_(device_.size()) {}
+    explicit SavedBytes(const Device &device) : device_(device.bytes()), bytes_(device_.size()) {}
 
     void keep(std::int64_t offset, std::uint64_t slots = 1)
     {
@@ -61,7 +59,7 @@ protected:
         return run_ctl({"save", device, file}, options);
     }
 
-    void expect_complete(const std::string &device, const Expected &expected) const
+    void expect_complete(const std::string &device, const SavedBytes &expected) const
     {
         const RunResult run = save(device);
         EXPECT_EQ(run.status, 0) << run;
@@ -70,7 +68,7 @@ protected:
         expect_bytes(expected);
     }
 
-    void expect_bytes(const Expected &expected) const
+    void expect_bytes(const SavedBytes &expected) const
     {
         const std::string saved = read_file(file);
         EXPECT_TRUE(std::ranges::equal(saved, expected.bytes(), {},
@@ -78,7 +76,7 @@ protected:
     }
 
     void expect_incomplete(const std::string &device, const std::vector<std::string> &items,
-                           const Expected &expected) const
+                           const SavedBytes &expected) const
     {
         expect_complaint(save(device), 1, file + " is incomplete: see " + list);
         EXPECT_EQ(read_file(list), list_of(items));
@@ -99,9 +97,9 @@ class SaveLayouts : public Save, public testing::WithParamInterface<std::string>
 protected:
     const Cache cache = make_cache(GetParam());
 
-    Expected all_tables() const
+    SavedBytes all_tables() const
     {
-        Expected expected(cache.device);
+        SavedBytes expected(cache.device);
         for (const CacheTable &table : cache.tables)
             expected.keep(table);
         return expected;
@@ -145,7 +143,7 @@ TEST_P(SaveLayouts, WhatDoesNotReachTheDeviceIsListed)
     // The device ends in the middle of slot 2 of the extents.
     const CacheTable &extents = cache.table("extent");
     fs::resize_file(cache.device.path(), static_cast<std::uint64_t>(extents.offset(2)) + 100);
-    Expected expected(cache.device);
+    SavedBytes expected(cache.device);
     for (const CacheTable &table : cache.tables) {
         if (table.name == "extent")
             expected.keep(table.offset(0), 2);
@@ -194,7 +192,7 @@ TEST_F(Save, TablesOfMoreThanOneRead)
 {
     const SuperV1 sb = super_v1(2, 700, 300);
     const Device device = make_v1_device(sb);
-    Expected expected(device);
+    SavedBytes expected(device);
     expected.keep(SUPER_OFFSET);
     expected.keep(brick_offset(sb, 0), 2);
     expected.keep(inode_offset(sb, 0), 700);
@@ -210,7 +208,7 @@ TEST_F(Save, UnalignedTables)
     Device device = make_v3_device(sb);
     sb.inode_table_offset += 512;
     put_block(device, SUPER_OFFSET, encode(sb));
-    Expected expected(device);
+    SavedBytes expected(device);
     expected.keep(SUPER_OFFSET);
     expected.keep(brick_offset(sb, 0), 3);
     expected.keep(shard_offset(sb, 0), 3);
@@ -232,7 +230,7 @@ TEST_F(Save, TablesOutsideOrOverOneAnother)
     sb.hot_table_size = 0xFFFFFFFFFFFFFFFF;
     sb.extent_cnt = 0;
     put_block(device, SUPER_OFFSET, encode(sb));
-    Expected expected(device);
+    SavedBytes expected(device);
     expected.keep(SUPER_OFFSET, 3);
     expected.keep(shard_offset(sb, 0), 3);
     expect_incomplete(device.path(),
@@ -248,7 +246,7 @@ TEST_F(Save, RecordsThatDoNotFitTheirSlots)
     for (const std::uint32_t size : {0U, 3U, 4097U, 0xFFFFFFFFU}) {
         sb.extent_size = size;
         put_block(device, SUPER_OFFSET, encode(sb));
-        Expected expected(device);
+        SavedBytes expected(device);
         expected.keep(SUPER_OFFSET);
         expected.keep(brick_offset(sb, 0), 1);
         expected.keep(inode_offset(sb, 0), 2);
@@ -330,7 +328,7 @@ TEST_F(Save, ClosedStreamsAreNotWrittenTo)
     const Cache cache = make_cache("v1");
     fs::resize_file(cache.device.path(), static_cast<std::uint64_t>(cache.offset("extent", 1)));
     const auto before = cache.device.bytes();
-    Expected expected(cache.device);
+    SavedBytes expected(cache.device);
     for (const CacheTable &table : cache.tables)
         expected.keep(table.offset(0), table.name == "extent" ? 1 : table.count);
     const std::vector<std::string> args{"-c",   "exec \"$@\" <&- >&- 2>&-", "sh", ZU_TIERCTL,

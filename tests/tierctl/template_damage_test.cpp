@@ -8,7 +8,7 @@ using namespace tier_test;
 
 namespace {
 
-std::uint64_t get_number(const Block &block, const StoredField &field)
+std::uint64_t slot_number(const Block &block, const StoredField &field)
 {
     return field.width == 8 ? get_u64(block, field.at) : get_u32(block, field.at);
 }
@@ -21,7 +21,7 @@ std::vector<std::string> flaws(const SlotTable &table, std::uint64_t no, const B
         if (wrong)
             names += (names.empty() ? "" : ", ") + name;
     };
-    const bool wrong_number = table.number.width > 0 && get_number(block, table.number) != no;
+    const bool wrong_number = table.number.width > 0 && slot_number(block, table.number) != no;
     add(!table.constants.empty() && get_u32(block, 4) != table.constants[0].second, "magic");
     add(wrong_number, "number");
     add(get_u32(block, 0) != record_crc(block, table.length), "checksum");
@@ -30,17 +30,17 @@ std::vector<std::string> flaws(const SlotTable &table, std::uint64_t no, const B
         notes.push_back("damaged: " + names);
     if (wrong_number)
         notes.push_back(
-            text("has number %lu, the file has %lu", get_number(block, table.number), no));
+            text("has number %lu, the file has %lu", slot_number(block, table.number), no));
     return notes;
 }
 
 // Every way to damage a slot.
-struct Damage {
+struct SlotDamage {
     const char *name;
     bool (*apply)(const SlotTable &table, Block &block); // false: has nothing to damage
 };
 
-const std::vector<Damage> DAMAGES{
+const std::vector<SlotDamage> SLOT_DAMAGES{
     {"checksum",
      [](const SlotTable &, Block &block) {
          put_u32(block, 0, ~get_u32(block, 0));
@@ -75,7 +75,7 @@ const std::vector<Damage> DAMAGES{
 void check_damages(Device &device, const std::vector<SlotTable> &tables)
 {
     for (const SlotTable &table : tables) {
-        for (const Damage &damage : DAMAGES) {
+        for (const SlotDamage &damage : SLOT_DAMAGES) {
             SCOPED_TRACE(damage.name);
             const auto offset = static_cast<std::uint64_t>(table.offset(1));
             const Block good = device.block(offset);

@@ -2,20 +2,10 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace tier_test {
 
 namespace {
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 // Changes of an entry may come in any order, everything else has its place.
 std::vector<std::string> expected_lines(const Device &device, const TemplateCase &entry,

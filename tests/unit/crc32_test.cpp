@@ -3,15 +3,15 @@
 
 #include "bytes.h"
 #include "common/zutr_crc32.h"
+#include "noise.h"
 
 #include <gtest/gtest.h>
-#include <random>
 
 using namespace tier_test;
 
 namespace {
 
-constexpr std::uint32_t START = 0xFFFFFFFF;
+constexpr std::uint32_t ALL_ONES = 0xFFFFFFFF;
 constexpr std::uint32_t OTHER_STATES[] = {0, 1, 0x80000000, 0xDEADBEEF, 0xFFFFFFFE};
 
 std::uint32_t after_byte(std::uint32_t state, std::uint8_t byte)
@@ -36,14 +36,6 @@ std::uint32_t right(std::uint32_t state, const std::uint8_t *data, std::size_t l
     return states_of(state, {data, length}).back();
 }
 
-std::vector<std::uint8_t> noise(std::size_t length)
-{
-    std::mt19937 random(42);
-    std::vector<std::uint8_t> bytes(length);
-    std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
-    return bytes;
-}
-
 class Crc32Way : public testing::TestWithParam<zutr_crc32_way> {
 protected:
     const zutr_crc32_way way = GetParam();
@@ -62,7 +54,7 @@ TEST_P(Crc32Way, CheckValue)
 {
     const std::string_view digits = "123456789";
     const auto *data = reinterpret_cast<const std::uint8_t *>(digits.data());
-    EXPECT_EQ(~way.update(START, data, digits.size()), 0xCBF43926U);
+    EXPECT_EQ(~way.update(ALL_ONES, data, digits.size()), 0xCBF43926U);
 }
 
 TEST_P(Crc32Way, EveryLengthAtEveryAlignment)
@@ -74,10 +66,10 @@ TEST_P(Crc32Way, EveryLengthAtEveryAlignment)
     const std::uint8_t *aligned = memory.data() + (ALIGNMENTS - skew) % ALIGNMENTS;
     for (std::size_t start = 0; start < ALIGNMENTS; ++start) {
         const ConstByteSpan range(aligned + start, LENGTH);
-        const std::vector<std::uint32_t> expected = states_of(START, range);
+        const std::vector<std::uint32_t> expected = states_of(ALL_ONES, range);
         ASSERT_EQ(~expected.back(), crc32(range));
         for (std::size_t length = 0; length <= LENGTH; ++length)
-            if (way.update(START, range.data(), length) != expected[length])
+            if (way.update(ALL_ONES, range.data(), length) != expected[length])
                 FAIL() << length << " bytes at " << start;
     }
 }
@@ -97,7 +89,7 @@ TEST_P(Crc32Way, TwoPiecesAreAsGoodAsOne)
 {
     const std::vector<std::uint8_t> bytes = noise(300);
     for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
-        const std::uint32_t state = way.update(START, bytes.data(), cut);
+        const std::uint32_t state = way.update(ALL_ONES, bytes.data(), cut);
         EXPECT_EQ(~way.update(state, bytes.data() + cut, bytes.size() - cut), crc32(bytes)) << cut;
     }
 }
@@ -105,7 +97,7 @@ TEST_P(Crc32Way, TwoPiecesAreAsGoodAsOne)
 TEST_P(Crc32Way, LargeRange)
 {
     const std::vector<std::uint8_t> bytes = noise(MIB + 5);
-    EXPECT_EQ(~way.update(START, bytes.data(), bytes.size()), crc32(bytes));
+    EXPECT_EQ(~way.update(ALL_ONES, bytes.data(), bytes.size()), crc32(bytes));
 }
 
 TEST(Crc32Ways, TheLastIsAlwaysThere)

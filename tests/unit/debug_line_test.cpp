@@ -84,13 +84,13 @@ constexpr char LONGEST_LINE[] = "0123456789abcdef0123456789abcdef0123456789abcde
                                 "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef%s"
                                 "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
-constexpr std::int32_t LARGEST = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t LARGEST_INT = std::numeric_limits<std::int32_t>::max();
 constexpr std::int32_t SMALLEST = std::numeric_limits<std::int32_t>::min();
 
 TEST(DebugLine, Numbers)
 {
     expect_line<NUMBERS>({"f", 1}, 0, 9, 10);
-    expect_line<NUMBERS>({"f", 1}, -1, LARGEST, SMALLEST);
+    expect_line<NUMBERS>({"f", 1}, -1, LARGEST_INT, SMALLEST);
     expect_line<ONLY_A_NUMBER>({"f", 1}, -1000000);
 }
 

@@ -10,8 +10,8 @@ using namespace tier_test;
 
 namespace {
 
-constexpr const char *FUNC = "zutr_dump_common";
-constexpr std::int64_t START = 3 * 4096; // so there are blocks in front of the table
+constexpr const char *DUMP_COMMON = "zutr_dump_common";
+constexpr std::int64_t TABLE_START = 3 * 4096; // so there are blocks in front of the table
 constexpr std::int32_t INT_LARGEST = std::numeric_limits<std::int32_t>::max();
 
 struct Visit {
@@ -61,11 +61,11 @@ protected:
     void make_table(const std::vector<std::int32_t> &results)
     {
         device.truncate(0);
-        device.truncate(START + results.size() * BLOCK_SIZE);
+        device.truncate(TABLE_START + results.size() * BLOCK_SIZE);
         for (std::uint64_t i = 0; i < 3; ++i)
             put_block(i * BLOCK_SIZE, static_cast<std::uint32_t>(100 + i), 0);
         for (std::size_t i = 0; i < results.size(); ++i)
-            put_block(START + i * BLOCK_SIZE, static_cast<std::uint32_t>(i), results[i]);
+            put_block(TABLE_START + i * BLOCK_SIZE, static_cast<std::uint32_t>(i), results[i]);
     }
 
     Walk dump(std::int32_t meta_no, std::int32_t max_cnt) const
@@ -80,7 +80,7 @@ protected:
         visits.clear();
         Walk walk;
         walk.call = captured(
-            [&] { return zutr_dump_common(&params, "key", START, max_cnt, format_block); });
+            [&] { return zutr_dump_common(&params, "key", TABLE_START, max_cnt, format_block); });
         walk.out = out.text();
         walk.visits = visits;
         return walk;
@@ -89,12 +89,13 @@ protected:
     // What becomes of block `index` of the table when it cannot be read or checked.
     std::string bad_item(std::int32_t errno_value, std::int64_t index) const
     {
-        return error_record(errno_value, "key", base_no + index, START + index * 4096);
+        return error_record(errno_value, "key", base_no + index, TABLE_START + index * 4096);
     }
 
     static LogLine chunk_failed(std::int64_t offset, std::int32_t length)
     {
-        return debug_line(FUNC, text("read key failed:-1, offset:%ld, len:%d", offset, length));
+        return debug_line(DUMP_COMMON,
+                          text("read key failed:-1, offset:%ld, len:%d", offset, length));
     }
 
 private:
@@ -193,10 +194,10 @@ TEST_F(DumpDriverWalk, UnreadableBlocksBecomeErrorRecords)
     results[256] = 1;
     make_table(results);
     constexpr std::int64_t READABLE = 258;
-    device.truncate(START + READABLE * BLOCK_SIZE);
+    device.truncate(TABLE_START + READABLE * BLOCK_SIZE);
     base_no = 1000;
 
-    constexpr std::int64_t CHUNK = START + MIB;
+    constexpr std::int64_t CHUNK = TABLE_START + MIB;
     std::vector<std::string> good;
     std::vector<std::string> bad;
     Log log{chunk_failed(CHUNK, 44 * 4096)};
@@ -205,7 +206,8 @@ TEST_F(DumpDriverWalk, UnreadableBlocksBecomeErrorRecords)
         const auto no = static_cast<std::int32_t>(1000 + i);
         if (i >= READABLE) {
             bad.push_back(bad_item(5, i));
-            log.push_back(debug_line(FUNC, text("read key %d failed:-1, offset:%ld", no, CHUNK)));
+            log.push_back(
+                debug_line(DUMP_COMMON, text("read key %d failed:-1, offset:%ld", no, CHUNK)));
             continue;
         }
         expected.push_back({no, static_cast<std::uint32_t>(i), i == 0 ? "" : ","});
@@ -227,7 +229,7 @@ TEST_F(DumpDriverWalk, UnreadableBlocksBecomeErrorRecords)
 TEST_F(DumpDriverWalk, FirstItemMayBeAnUnreadableBlock)
 {
     make_table({0, 0});
-    device.truncate(START);
+    device.truncate(TABLE_START);
     EXPECT_EQ(dump(-1, 2).out, joined({bad_item(5, 0), bad_item(5, 1)}));
     error = 0;
     EXPECT_EQ(dump(-1, 2).out, "[]");
@@ -250,7 +252,7 @@ protected:
     {
         SCOPED_TRACE(meta_no);
         const Walk walk = dump(meta_no, max_cnt);
-        EXPECT_EQ(walk.call, (Call{.result = result, .log = {error_line(FUNC, message)}}));
+        EXPECT_EQ(walk.call, (Call{.result = result, .log = {error_line(DUMP_COMMON, message)}}));
         EXPECT_EQ(walk.out, "");
         EXPECT_EQ(walk.visits, std::vector<Visit>{});
     }
@@ -299,9 +301,9 @@ TEST_F(DumpDriverEntry, BeyondTheDeviceCannotBeRead)
     for (const std::int32_t meta_no : {2, 1 << 20, INT_LARGEST - 1})
         expect_failure(meta_no, INT_LARGEST, -5,
                        text("read key %d failed:-1, offset:%ld", meta_no,
-                            START + std::int64_t{meta_no} * 4096));
+                            TABLE_START + std::int64_t{meta_no} * 4096));
     base_no = 4;
-    expect_failure(0, 2, -5, text("read key 0 failed:-1, offset:%ld", START - 4 * 4096));
+    expect_failure(0, 2, -5, text("read key 0 failed:-1, offset:%ld", TABLE_START - 4 * 4096));
 }
 
 using DumpDriverDeathTest = DumpDriver;
@@ -327,16 +329,16 @@ TEST_F(DumpDriverDeathTest, ProgrammingErrorsAbort)
     const char *const arguments = "params && meta_type && max_cnt > 0 && format_func";
     const char *const open_ends = "params->fd >= 0 && params->out_fp";
     const char *const aligned = "meta_start % SIZE_4K == 0";
-    for (const Row &row : {Row{nullptr, "key", START, 1, format_block, arguments},
-                           Row{&good, nullptr, START, 1, format_block, arguments},
-                           Row{&good, "key", START, 0, format_block, arguments},
-                           Row{&good, "key", START, -1, format_block, arguments},
-                           Row{&good, "key", START, 1, nullptr, arguments},
-                           Row{&closed, "key", START, 1, format_block, open_ends},
-                           Row{&silent, "key", START, 1, format_block, open_ends},
-                           Row{&closed, "key", START + 1, 1, format_block, open_ends},
-                           Row{&good, "key", START + 512, 1, format_block, aligned},
-                           Row{&good, "key", START - 1, 1, format_block, aligned}})
+    for (const Row &row : {Row{nullptr, "key", TABLE_START, 1, format_block, arguments},
+                           Row{&good, nullptr, TABLE_START, 1, format_block, arguments},
+                           Row{&good, "key", TABLE_START, 0, format_block, arguments},
+                           Row{&good, "key", TABLE_START, -1, format_block, arguments},
+                           Row{&good, "key", TABLE_START, 1, nullptr, arguments},
+                           Row{&closed, "key", TABLE_START, 1, format_block, open_ends},
+                           Row{&silent, "key", TABLE_START, 1, format_block, open_ends},
+                           Row{&closed, "key", TABLE_START + 1, 1, format_block, open_ends},
+                           Row{&good, "key", TABLE_START + 512, 1, format_block, aligned},
+                           Row{&good, "key", TABLE_START - 1, 1, format_block, aligned}})
         EXPECT_ABORT(
             zutr_dump_common(row.params, row.meta_type, row.start, row.max_cnt, row.format),
             row.condition);

@@ -12,18 +12,18 @@ constexpr long double TWO_31 = 0x1p31L;
 constexpr long double TWO_63 = 0x1p63L;
 constexpr long double TWO_64 = 0x1p64L;
 constexpr long double ENDLESS = std::numeric_limits<long double>::infinity();
-constexpr long double LARGEST = std::numeric_limits<long double>::max();
+constexpr long double LARGEST_REAL = std::numeric_limits<long double>::max();
 constexpr long double TINY = std::numeric_limits<long double>::denorm_min();
 constexpr std::uint64_t INDEFINITE_64 = 0x8000000000000000;
 constexpr std::uint32_t INDEFINITE_32 = 0x80000000;
 
-struct Row {
+struct NumberRow {
     long double number;
     std::uint64_t expected;
 };
 
 // The same for all three conversions, up to their width.
-constexpr Row SMALL[] = {
+constexpr NumberRow SMALL[] = {
     {0.0L, 0},
     {-0.0L, 0},
     {TINY, 0},
@@ -44,7 +44,7 @@ constexpr Row SMALL[] = {
 };
 
 // Beyond 32 bits the two wide conversions agree up to 2^63.
-constexpr Row WIDE[] = {
+constexpr NumberRow WIDE[] = {
     {TWO_31, 0x80000000},
     {-TWO_31 - 1, 0xFFFFFFFF7FFFFFFF},
     {0x1p53L + 1, 0x20000000000001},
@@ -54,36 +54,36 @@ constexpr Row WIDE[] = {
     {-TWO_63 + 1, 0x8000000000000001},
     {-TWO_63 - 1, INDEFINITE_64},
     {-TWO_64, INDEFINITE_64},
-    {-LARGEST, INDEFINITE_64},
+    {-LARGEST_REAL, INDEFINITE_64},
     {-ENDLESS, INDEFINITE_64},
 };
 
-constexpr Row SIGNED_64_TOP[] = {
-    {TWO_63, INDEFINITE_64}, {TWO_63 + 1, INDEFINITE_64}, {TWO_64 - 1, INDEFINITE_64},
-    {TWO_64, INDEFINITE_64}, {LARGEST, INDEFINITE_64},    {ENDLESS, INDEFINITE_64},
+constexpr NumberRow SIGNED_64_TOP[] = {
+    {TWO_63, INDEFINITE_64}, {TWO_63 + 1, INDEFINITE_64},   {TWO_64 - 1, INDEFINITE_64},
+    {TWO_64, INDEFINITE_64}, {LARGEST_REAL, INDEFINITE_64}, {ENDLESS, INDEFINITE_64},
 };
 
-constexpr Row UNSIGNED_64_TOP[] = {
+constexpr NumberRow UNSIGNED_64_TOP[] = {
     {TWO_63, 0x8000000000000000},     {TWO_63 + 1, 0x8000000000000001},
     {TWO_64 - 2, 0xFFFFFFFFFFFFFFFE}, {TWO_64 - 1, 0xFFFFFFFFFFFFFFFF},
     {TWO_64, INDEFINITE_64},          {TWO_64 + 2, INDEFINITE_64},
-    {LARGEST, INDEFINITE_64},         {ENDLESS, INDEFINITE_64},
+    {LARGEST_REAL, INDEFINITE_64},    {ENDLESS, INDEFINITE_64},
 };
 
-constexpr Row SIGNED_32_BEYOND[] = {
-    {TWO_31, INDEFINITE_32},   {TWO_31 + 0.5L, INDEFINITE_32}, {-TWO_31 - 1, INDEFINITE_32},
-    {0x1p32L, INDEFINITE_32},  {0x1p32L + 5, INDEFINITE_32},   {TWO_63, INDEFINITE_32},
-    {-TWO_63, INDEFINITE_32},  {TWO_64, INDEFINITE_32},        {LARGEST, INDEFINITE_32},
-    {-LARGEST, INDEFINITE_32}, {ENDLESS, INDEFINITE_32},       {-ENDLESS, INDEFINITE_32},
+constexpr NumberRow SIGNED_32_BEYOND[] = {
+    {TWO_31, INDEFINITE_32},        {TWO_31 + 0.5L, INDEFINITE_32}, {-TWO_31 - 1, INDEFINITE_32},
+    {0x1p32L, INDEFINITE_32},       {0x1p32L + 5, INDEFINITE_32},   {TWO_63, INDEFINITE_32},
+    {-TWO_63, INDEFINITE_32},       {TWO_64, INDEFINITE_32},        {LARGEST_REAL, INDEFINITE_32},
+    {-LARGEST_REAL, INDEFINITE_32}, {ENDLESS, INDEFINITE_32},       {-ENDLESS, INDEFINITE_32},
 };
 
 // Field: the type whose bits a caller may keep.
 template <class Field>
 void expect_rows(std::uint64_t (*convert)(long double),
-                 std::initializer_list<std::span<const Row>> tables)
+                 std::initializer_list<std::span<const NumberRow>> tables)
 {
     for (const auto &table : tables)
-        for (const Row &row : table)
+        for (const NumberRow &row : table)
             EXPECT_EQ(static_cast<Field>(convert(row.number)), static_cast<Field>(row.expected))
                 << row.number;
 }
@@ -105,7 +105,8 @@ TEST(JsonNumber, Signed32)
 
 TEST(JsonNumber, NarrowFieldsOfNumbersOutOfRangeAreZero)
 {
-    for (const long double number : {TWO_63, TWO_64, LARGEST, ENDLESS, -LARGEST, -ENDLESS}) {
+    for (const long double number :
+         {TWO_63, TWO_64, LARGEST_REAL, ENDLESS, -LARGEST_REAL, -ENDLESS}) {
         EXPECT_EQ(static_cast<std::uint32_t>(zutr_to_s64(number)), 0U) << number;
         EXPECT_EQ(static_cast<std::uint16_t>(zutr_to_s32(number)), 0U) << number;
     }

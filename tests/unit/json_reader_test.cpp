@@ -11,10 +11,10 @@ using namespace tier_test;
 
 namespace {
 
-constexpr const char *FUNC = "parse_record";
+constexpr const char *PARSE_RECORD = "parse_record";
 constexpr const char *UUID_TEXT = "0123ABCD-4567-89ef-0011-223344556677";
 
-struct Record {
+struct ParsedRecord {
     std::uint16_t narrow;
     std::uint64_t wide;
     std::uint32_t spare;
@@ -23,22 +23,22 @@ struct Record {
 };
 
 constexpr auto KEYS = std::tuple{
-    zutr_key{"narrow", &Record::narrow, zutr_to_s32},
-    zutr_key{"wide", &Record::wide, zutr_to_u64},
-    zutr_key{"spare", &Record::spare, zutr_to_s64, zutr_need::optional},
-    zutr_key{"text", &Record::text},
-    zutr_key{"uuid", &Record::uuid},
+    zutr_key{"narrow", &ParsedRecord::narrow, zutr_to_s32},
+    zutr_key{"wide", &ParsedRecord::wide, zutr_to_u64},
+    zutr_key{"spare", &ParsedRecord::spare, zutr_to_s64, zutr_need::optional},
+    zutr_key{"text", &ParsedRecord::text},
+    zutr_key{"uuid", &ParsedRecord::uuid},
 };
 
 LogLine accepted(const std::string &key, const std::string &value)
 {
-    return debug_line(FUNC, text("%s: %s", key.c_str(), value.c_str()));
+    return debug_line(PARSE_RECORD, text("%s: %s", key.c_str(), value.c_str()));
 }
 
 class JsonReader : public testing::Test {
 protected:
     TempDir directory;
-    Record record{};
+    ParsedRecord record{};
 
     Call read(const std::string &content)
     {
@@ -46,7 +46,7 @@ protected:
         std::memset(&record, 0xEE, sizeof(record));
         return captured([&] {
             const zutr_json document = zutr_json_load(path.c_str());
-            return zutr_json_reader(FUNC, document.get()).read(KEYS, &record);
+            return zutr_json_reader(PARSE_RECORD, document.get()).read(KEYS, &record);
         });
     }
 
@@ -120,7 +120,8 @@ TEST_F(JsonReader, KeyThatIsMissingOrOfAnotherTypeEndsTheReading)
             const Call call = read(object(key, value));
             EXPECT_EQ(call.result, -22);
             ASSERT_FALSE(call.log.empty());
-            EXPECT_EQ(call.log.back(), error_line(FUNC, text("parse %s failed", key.c_str())));
+            EXPECT_EQ(call.log.back(),
+                      error_line(PARSE_RECORD, text("parse %s failed", key.c_str())));
         }
     }
 }
@@ -128,9 +129,9 @@ TEST_F(JsonReader, KeyThatIsMissingOrOfAnotherTypeEndsTheReading)
 TEST_F(JsonReader, NothingIsReadBehindTheFirstFailure)
 {
     const Call call = read(object("wide", "\"2\""));
-    EXPECT_EQ(call,
-              (Call{.result = -22,
-                    .log = {accepted("narrow", "1"), error_line(FUNC, "parse wide failed")}}));
+    EXPECT_EQ(call, (Call{.result = -22,
+                          .log = {accepted("narrow", "1"),
+                                  error_line(PARSE_RECORD, "parse wide failed")}}));
     EXPECT_EQ(record.wide, 0xEEEEEEEEEEEEEEEEU);
     EXPECT_EQ(record.text[0], '\xEE');
 }
@@ -143,7 +144,8 @@ TEST_F(JsonReader, UuidMustBeWellFormed)
         const Call call = read(object("uuid", quoted(bad)));
         EXPECT_EQ(call.result, -22);
         ASSERT_FALSE(call.log.empty());
-        EXPECT_EQ(call.log.back(), error_line(FUNC, text("parse uuid %s failed:-1", bad.c_str())));
+        EXPECT_EQ(call.log.back(),
+                  error_line(PARSE_RECORD, text("parse uuid %s failed:-1", bad.c_str())));
     }
 }
 
@@ -162,7 +164,7 @@ TEST_F(JsonReader, DocumentsWithoutMembersLackEveryKey)
 {
     for (const std::string content : {"{}", "[]", "1", "\"narrow\"", "null"})
         EXPECT_EQ(read(content),
-                  (Call{.result = -22, .log = {error_line(FUNC, "parse narrow failed")}}))
+                  (Call{.result = -22, .log = {error_line(PARSE_RECORD, "parse narrow failed")}}))
             << content;
 }
 

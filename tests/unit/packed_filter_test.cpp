@@ -11,7 +11,7 @@
 
 namespace {
 
-struct Row {
+struct FilterRow {
     const char *name;
     // Lowest bit and width of the number of an entry's owner, and the bit that marks it in use.
     unsigned owner_at;
@@ -35,14 +35,14 @@ struct Row {
     }
 };
 
-std::ostream &operator<<(std::ostream &out, const Row &row)
+std::ostream &operator<<(std::ostream &out, const FilterRow &row)
 {
     return out << row.name;
 }
 
-class PackedFilter : public testing::TestWithParam<Row> {
+class PackedFilter : public testing::TestWithParam<FilterRow> {
 protected:
-    const Row row = GetParam();
+    const FilterRow row = GetParam();
 
     // Words in use and free, of every kind of owner, with nothing and with everything around.
     std::vector<std::uint64_t> words() const
@@ -72,19 +72,21 @@ protected:
 };
 
 INSTANTIATE_TEST_SUITE_P(, PackedFilter,
-                         testing::Values(Row{"shards", 0, 18, 18}, Row{"extents", 20, 19, 56},
-                                         Row{"at_the_end", 31, 32, 63}, Row{"narrow", 1, 1, 0}),
+                         testing::Values(FilterRow{"shards", 0, 18, 18},
+                                         FilterRow{"extents", 20, 19, 56},
+                                         FilterRow{"at_the_end", 31, 32, 63},
+                                         FilterRow{"narrow", 1, 1, 0}),
                          [](const auto &it) { return std::string(it.param.name); });
 
 TEST_P(PackedFilter, PassesWhatTheRulePasses)
 {
     const tier_packed_table_v3 table = row.table();
     const std::int64_t largest = static_cast<std::int64_t>(row.largest_owner());
-    constexpr std::int64_t INT_LARGEST = std::numeric_limits<std::int32_t>::max();
+    constexpr std::int64_t LAST_OWNER = std::numeric_limits<std::int32_t>::max();
     for (const std::int32_t use : {-5, -1, 0, 1, 2, 7}) {
         for (const std::int64_t owner : {std::int64_t{-1}, std::int64_t{0}, std::int64_t{1},
-                                         largest, largest + 1, INT_LARGEST}) {
-            if (owner > INT_LARGEST)
+                                         largest, largest + 1, LAST_OWNER}) {
+            if (owner > LAST_OWNER)
                 continue;
             for (const std::int32_t error : {-1, 0, 1, 2}) {
                 const zutr_filter_t filter{.use = use,

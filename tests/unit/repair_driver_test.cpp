@@ -9,7 +9,7 @@ using namespace tier_test;
 
 namespace {
 
-constexpr const char *FUNC = "zutr_repair_common";
+constexpr const char *REPAIR_COMMON = "zutr_repair_common";
 
 // What the parse function shall give, and what it was handed.
 struct Parse {
@@ -115,8 +115,9 @@ TEST_F(RepairDriver, WithoutTheCommitFlagNothingIsWritten)
     commit = false;
     parse.result = 8192;
     EXPECT_EQ(repair(),
-              (Call{.log = {debug_line(
-                        FUNC, "'commit' flag not set, won't write dev. cmd:10, conf:" + conf)}}));
+              (Call{.log = {debug_line(REPAIR_COMMON,
+                                       "'commit' flag not set, won't write dev. cmd:10, conf:" +
+                                           conf)}}));
     EXPECT_EQ(parse.calls, 1);
     expect_untouched();
 }
@@ -125,10 +126,11 @@ TEST_F(RepairDriver, RefusalOfTheParserIsHandedOn)
 {
     for (const std::int64_t result : {-5, -12, -14, -22}) {
         parse = {.result = result};
-        EXPECT_EQ(repair(),
-                  (Call{.result = result,
-                        .log = {error_line(FUNC, text("parse meta info failed:%ld, ", result) +
-                                                     suffix())}}));
+        EXPECT_EQ(
+            repair(),
+            (Call{.result = result,
+                  .log = {error_line(REPAIR_COMMON,
+                                     text("parse meta info failed:%ld, ", result) + suffix())}}));
         expect_untouched();
     }
 }
@@ -137,10 +139,10 @@ TEST_F(RepairDriver, BlockThatCannotBeWritten)
 {
     flags = O_RDONLY | O_DIRECT;
     parse.result = 8192;
-    EXPECT_EQ(
-        repair(),
-        (Call{.result = -5,
-              .log = {error_line(FUNC, "write meta on offset 8192 failed:-1, " + suffix())}}));
+    EXPECT_EQ(repair(),
+              (Call{.result = -5,
+                    .log = {error_line(REPAIR_COMMON,
+                                       "write meta on offset 8192 failed:-1, " + suffix())}}));
     expect_untouched();
 }
 
@@ -148,7 +150,7 @@ TEST_F(RepairDriver, NeedsARepairFileAndAnOpenDevice)
 {
     const Call refused{
         .result = -22,
-        .log = {error_line(FUNC, "failed to get repair_conf or open repair_conf fd")}};
+        .log = {error_line(REPAIR_COMMON, "failed to get repair_conf or open repair_conf fd")}};
     EXPECT_EQ(repair(nullptr), refused);
     zutr_params_t params;
     zutr_params_init(&params);
@@ -179,7 +181,8 @@ TEST_F(RepairDriver, RepairFileThatCannotBeLoaded)
         Log log;
         if (!row.own_message.empty())
             log.push_back(error_line("zutr_json_load", row.own_message + row.path));
-        log.push_back(error_line(FUNC, "load repair conf " + row.path + " failed:" + row.reason));
+        log.push_back(
+            error_line(REPAIR_COMMON, "load repair conf " + row.path + " failed:" + row.reason));
         EXPECT_EQ(repair(row.path.c_str()), (Call{.result = -22, .log = log}));
     }
     EXPECT_EQ(parse.calls, 0);

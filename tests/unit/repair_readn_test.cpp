@@ -11,7 +11,7 @@ using namespace tier_test;
 namespace {
 
 constexpr std::uint8_t OLD = 0xEE; // what the buffer held before
-constexpr std::int64_t START = 2 * BLOCK_SIZE;
+constexpr std::int64_t RANGE_START = 2 * BLOCK_SIZE;
 
 class RepairReadn : public testing::Test {
 protected:
@@ -23,15 +23,15 @@ protected:
     std::unique_ptr<std::uint8_t, Free> memory;
     std::size_t size = 0;
 
-    // An image with `readable` blocks of content from START, each filled with its own value, and a
-    // buffer for `blocks` blocks.
+    // An image with `readable` blocks of content from RANGE_START, each filled with its own value,
+    // and a buffer for `blocks` blocks.
     void prepare(std::size_t readable, std::size_t blocks)
     {
-        device.truncate(START + readable * BLOCK_SIZE);
+        device.truncate(RANGE_START + readable * BLOCK_SIZE);
         for (std::size_t i = 0; i < readable; ++i) {
             Block block;
             block.fill(value(i));
-            device.write(START + i * BLOCK_SIZE, block);
+            device.write(RANGE_START + i * BLOCK_SIZE, block);
         }
         size = blocks * BLOCK_SIZE;
         memory.reset(static_cast<std::uint8_t *>(std::aligned_alloc(BLOCK_SIZE, size)));
@@ -47,7 +47,8 @@ protected:
     {
         // Not direct: a direct read may clear the buffer behind the end of the image.
         const OpenDevice open(device, O_RDONLY);
-        return captured([&] { return zutr_repair_readn(open.fd(), memory.get(), size, START); });
+        return captured(
+            [&] { return zutr_repair_readn(open.fd(), memory.get(), size, RANGE_START); });
     }
 
     // The value that fills block i of the buffer, or -1 when its bytes differ.
@@ -81,10 +82,10 @@ TEST_F(RepairReadn, BadArgumentsAreMinusOne)
 {
     prepare(1, 1);
     const OpenDevice open(device, O_RDONLY | O_DIRECT);
-    EXPECT_EQ(zutr_repair_readn(-1, memory.get(), 4096, START), -1);
-    EXPECT_EQ(zutr_repair_readn(open.fd(), nullptr, 4096, START), -1);
+    EXPECT_EQ(zutr_repair_readn(-1, memory.get(), 4096, RANGE_START), -1);
+    EXPECT_EQ(zutr_repair_readn(open.fd(), nullptr, 4096, RANGE_START), -1);
     for (const std::size_t bytes : {0U, 1U, 4095U, 4097U, 6000U})
-        EXPECT_EQ(zutr_repair_readn(open.fd(), memory.get(), bytes, START), -1) << bytes;
+        EXPECT_EQ(zutr_repair_readn(open.fd(), memory.get(), bytes, RANGE_START), -1) << bytes;
     EXPECT_EQ(filling(0), OLD);
 }
 
@@ -103,7 +104,7 @@ TEST_F(RepairReadn, UnitWithAReadableFirstBlockIsSilent)
 TEST_F(RepairReadn, UnreadableFirstBlockIsZeroedAndLoggedForEachBlockOfTheUnit)
 {
     prepare(256, 256 + 44);
-    EXPECT_EQ(read(), (Call{.result = 300 * 4096, .log = failures(START + MIB, 44)}));
+    EXPECT_EQ(read(), (Call{.result = 300 * 4096, .log = failures(RANGE_START + MIB, 44)}));
     for (std::size_t i = 0; i < 300; ++i)
         ASSERT_EQ(filling(i), i < 256 ? value(i) : i == 256 ? 0 : OLD) << i;
 }
@@ -111,8 +112,8 @@ TEST_F(RepairReadn, UnreadableFirstBlockIsZeroedAndLoggedForEachBlockOfTheUnit)
 TEST_F(RepairReadn, WholeUnitIsTried256Times)
 {
     prepare(0, 256 + 2);
-    Log log = failures(START, 256);
-    const Log second = failures(START + MIB, 2);
+    Log log = failures(RANGE_START, 256);
+    const Log second = failures(RANGE_START + MIB, 2);
     log.insert(log.end(), second.begin(), second.end());
     EXPECT_EQ(read(), (Call{.result = 258 * 4096, .log = log}));
     for (std::size_t i = 0; i < 258; ++i)

@@ -3,6 +3,7 @@
 
 #include "bytes.h"
 #include "temp_dir.h"
+#include "time_zone.h"
 #include "zu_tier/tier_time.h"
 
 #include <cstdlib>
@@ -124,15 +125,6 @@ private:
     }
 };
 
-void set_zone(const char *zone)
-{
-    if (zone != nullptr)
-        setenv("TZ", zone, 1);
-    else
-        unsetenv("TZ");
-    tzset();
-}
-
 // Checks zones in parallel; a null pointer is no zone at all.
 class ZoneChecks {
 public:
@@ -242,23 +234,6 @@ TEST(TimeZonesDeathTest, ZonesAsText)
                                          "?"};
     EXPECT_RIGHT(zones);
 }
-
-// A zone for as long as the object lives.
-class Zone {
-public:
-    explicit Zone(const char *zone)
-    {
-        if (const char *own = std::getenv("TZ"))
-            before_ = own;
-        set_zone(zone);
-    }
-    ~Zone() { set_zone(before_ ? before_->c_str() : nullptr); }
-    Zone(const Zone &) = delete;
-    Zone &operator=(const Zone &) = delete;
-
-private:
-    std::optional<std::string> before_;
-};
 
 // The checks see a change of the clock for what it is.
 TEST(TimeZones, ChangesAreFoundToTheSecond)

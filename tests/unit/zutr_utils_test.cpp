@@ -3,25 +3,17 @@
 #include "bytes.h"
 #include "common/zutr_utils.h"
 #include "in_process.h"
+#include "noise.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <memory>
-#include <random>
 #include <unistd.h>
 
 using namespace tier_test;
 
 namespace {
-
-std::vector<std::uint8_t> noise(std::size_t length)
-{
-    std::mt19937 random(static_cast<unsigned>(length));
-    std::vector<std::uint8_t> bytes(length);
-    std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
-    return bytes;
-}
 
 TEST(Crc32, CheckValue)
 {
