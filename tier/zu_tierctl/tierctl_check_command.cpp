@@ -10,7 +10,7 @@ namespace {
 constexpr int STATUS_FINDINGS = 1;
 constexpr int STATUS_NOT_CHECKED = 2;
 
-constexpr const char EXAMPLE[] =
+constexpr const char CHECK_EXAMPLE[] =
     "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked.\n"
     "A warning is found, too: it breaks no rule, but something is odd or could not be checked.\n"
     "\n"
@@ -37,7 +37,7 @@ void tierctl_add_check(CLI::App &app, int *status)
     const auto options = std::make_shared<tierctl_check_options>();
     CLI::App *command =
         app.add_subcommand("check", "Check the metadata of a device, without changing it");
-    command->footer(EXAMPLE);
+    command->footer(CHECK_EXAMPLE);
     command->get_formatter()->column_width(32);
     command->add_option("DEVICE", options->device, "Device, or image of one, to check")
         ->type_name("")

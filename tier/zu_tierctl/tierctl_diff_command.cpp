@@ -14,7 +14,7 @@ namespace {
 constexpr int STATUS_DIFFERENT = 1;
 constexpr int STATUS_TROUBLE = 2;
 
-constexpr const char FOOTER[] =
+constexpr const char DIFF_FOOTER[] =
     "An entry differs when any byte of its 4096 does; each of its fields that differ is shown,\n"
     "as is every stretch of bytes that belong to no field. What cannot be read is a difference.\n"
     "Exit status: 0 no differences, 1 differences, 2 no comparison.\n"
@@ -56,7 +56,7 @@ void tierctl_add_diff(CLI::App &app, int *status)
     const auto options = std::make_shared<diff_options>();
     CLI::App *command =
         app.add_subcommand("diff", "Show which entries of two devices or saved files differ");
-    command->footer(FOOTER);
+    command->footer(DIFF_FOOTER);
     command->add_option("A", options->a, "Block device, image or saved file")
         ->type_name("")
         ->required();

@@ -151,7 +151,7 @@ std::string tierctl_entry_text(const tierctl_entry &entry)
     const tierctl_entry_fields got = tierctl_get_entry(entry, nullptr);
     std::string text = "{";
     text += members(got.fields);
-    if (entry.table.name == "super") {
+    if (entry.table.name == TIERCTL_SUPER) {
         return text + '}';
     }
     const bool has_array = !got.parts_key.empty() && !has_bitmap(got);

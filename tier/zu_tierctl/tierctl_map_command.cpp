@@ -18,9 +18,9 @@ constexpr size_t WIDTH_FALLBACK = 80;
 constexpr size_t WIDTH_MAX = 1000;
 constexpr size_t HTML_CELLS_MAX = 3000; /* of a table */
 
-constexpr const char DESCRIPTION[] = "Draw what the tables of a device hold, and where";
+constexpr const char MAP_DESCRIPTION[] = "Draw what the tables of a device hold, and where";
 
-constexpr const char FOOTER[] =
+constexpr const char MAP_FOOTER[] =
     "Each table is a grid of cells, each of them one entry or several that follow one another:\n"
     "in use, free, with findings of zu_tierctl check, damaged, unreadable. Then come use by brick\n"
     "and the ages of files. The picture is as wide as the terminal, or COLUMNS; it has colours on\n"
@@ -76,8 +76,8 @@ void print_map(const map_options &options)
 void tierctl_add_map(CLI::App &app)
 {
     const auto options = std::make_shared<map_options>();
-    CLI::App *command = app.add_subcommand("map", DESCRIPTION);
-    command->footer(FOOTER);
+    CLI::App *command = app.add_subcommand("map", MAP_DESCRIPTION);
+    command->footer(MAP_FOOTER);
     command->add_option("DEVICE", options->device, "Block device or image, only read")
         ->type_name("")
         ->required();

@@ -8,7 +8,7 @@ constexpr size_t VERSION_AT = offsetof(tier_super_block_v1_t, sb_version);
 static_assert(VERSION_AT == offsetof(tier_super_block_v2_t, sb_version));
 static_assert(VERSION_AT == offsetof(tier_super_block_v3_t, sb_version));
 
-constexpr tierctl_super_layout LAYOUTS[] = {
+constexpr tierctl_super_layout SUPER_LAYOUTS[] = {
     {"v1", tierctl_version::v1, TIER_SB_MAGIC_V1, TIER_SB_VERSION_V1,
      sizeof(tier_super_block_v1_t)},
     {"v2", tierctl_version::v2, TIER_SB_MAGIC_V2, TIER_SB_VERSION_V2,
@@ -31,7 +31,7 @@ uint32_t tierctl_super_layout::version_of(const uint8_t *block)
 
 std::span<const tierctl_super_layout> tierctl_super_layouts()
 {
-    return LAYOUTS;
+    return SUPER_LAYOUTS;
 }
 
 tierctl_block tierctl_read_super(const tierctl_device &device)
@@ -48,7 +48,7 @@ tierctl_metadata tierctl_read_metadata(const tierctl_device &device)
     tierctl_metadata metadata{};
     metadata.super_block = tierctl_read_super(device);
     const uint8_t *block = metadata.super_block.data();
-    for (const tierctl_super_layout &layout : LAYOUTS) {
+    for (const tierctl_super_layout &layout : SUPER_LAYOUTS) {
         if (layout.table().flaws(0, block) == 0 && layout.version_of(block) == layout.code) {
             metadata.version = layout.version;
             metadata.layout_name = layout.name;

@@ -164,7 +164,7 @@ void tierctl_report::finish()
 std::string tierctl_report::command(const tierctl_finding &finding) const
 {
     std::string command = "zu_tier -p " + shown_device_ + " -c dump_" + std::string(finding.table);
-    if (finding.table != "super") {
+    if (finding.table != TIERCTL_SUPER) {
         command += tierctl_text(" -n %lu", finding.slot);
     }
     return command;

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr std::string_view SUPER = "super";
-
 /* A block's memory, fit for direct access. */
 class block {
 public:
@@ -69,7 +67,7 @@ private:
     /* The super block that is to be put back cannot be compared: it may be damaged now. */
     void require_same_device() const
     {
-        if (table_.name == SUPER) {
+        if (table_.name == TIERCTL_SUPER) {
             if (saved_.size() != device_.size()) {
                 throw std::runtime_error("the sizes of " + saved_.path() + " and " +
                                          device_.path() + " differ");

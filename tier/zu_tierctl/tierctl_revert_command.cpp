@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char FOOTER[] =
+constexpr const char REVERT_FOOTER[] =
     "Shows the entry as it is now, as it was then, and each field that differs. Refuses when the\n"
     "super blocks of SAVED and DEVICE differ, and when the entry is damaged or missing in SAVED.\n"
     "To put back the super block itself, TABLE is super and NO is 0: then SAVED and DEVICE must\n"
@@ -35,7 +35,7 @@ void tierctl_add_revert(CLI::App &app)
 {
     const auto options = std::make_shared<tierctl_revert_options>();
     CLI::App *command = app.add_subcommand("revert", "Put an entry back from a saved file");
-    command->footer(FOOTER);
+    command->footer(REVERT_FOOTER);
     const auto add = [command](const char *name, std::string &to, const char *help) {
         command->add_option(name, to, help)->type_name("")->required();
     };

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char EXAMPLE[] =
+constexpr const char SAMPLE_EXAMPLE[] =
     "Example, a device with two damaged entries, and what zu_tier says of one of its tables:\n"
     "  zu_tierctl sample --layout v1 --inodes 1000 --damage inode:7 --damage extent:3:number "
     "tier.img\n"
@@ -88,7 +88,7 @@ void tierctl_add_sample(CLI::App &app)
 {
     const auto options = std::make_shared<tierctl_sample_options>();
     CLI::App *command = app.add_subcommand("sample", "Write the image of a sample device");
-    command->footer(EXAMPLE);
+    command->footer(SAMPLE_EXAMPLE);
     command->get_formatter()->column_width(32);
     command->add_option("FILE", options->file, "File, or with --force block device, to write")
         ->type_name("")

@@ -9,9 +9,10 @@
 
 namespace {
 
-constexpr const char DESCRIPTION[] = "Copy the metadata of a device, without its data, to a file";
+constexpr const char SAVE_DESCRIPTION[] =
+    "Copy the metadata of a device, without its data, to a file";
 
-constexpr const char FOOTER[] =
+constexpr const char SAVE_FOOTER[] =
     "FILE is sparse, has the size of DEVICE, and holds super block and tables at the same\n"
     "offsets: zu_tier -p FILE works on it as on the device. It appears only when it is\n"
     "complete. Blocks that cannot be read stay holes: they are listed in FILE.unreadable.json,\n"
@@ -31,8 +32,8 @@ struct save_options {
 void tierctl_add_save(CLI::App &app, int *status)
 {
     const auto options = std::make_shared<save_options>();
-    CLI::App *command = app.add_subcommand("save", DESCRIPTION);
-    command->footer(FOOTER);
+    CLI::App *command = app.add_subcommand("save", SAVE_DESCRIPTION);
+    command->footer(SAVE_FOOTER);
     command->add_option("DEVICE", options->device, "Block device or image, only read")
         ->type_name("")
         ->required();

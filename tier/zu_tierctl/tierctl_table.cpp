@@ -83,7 +83,7 @@ tierctl_table tierctl_super_table(size_t record_length, uint32_t magic)
     constexpr tierctl_place MAGIC = {offsetof(tier_super_block_v1_t, sb_magic), 4};
     static_assert(MAGIC.at == offsetof(tier_super_block_v2_t, sb_magic));
     static_assert(MAGIC.at == offsetof(tier_super_block_v3_t, sb_magic));
-    return {.name = "super",
+    return {.name = TIERCTL_SUPER,
             .regions = {{TIER_SUPER_OFFSET, 1}},
             .record_length = record_length,
             .seal = tierctl_seal_head,

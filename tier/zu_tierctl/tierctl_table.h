@@ -42,6 +42,9 @@ enum tierctl_flaw : uint32_t {
     TIERCTL_BAD_CHECKSUM = 4,
 };
 
+/* The name of the super block's table. */
+inline constexpr std::string_view TIERCTL_SUPER = "super";
+
 /* A table of 4096-byte slots. Each has a record at its start; the super block is a table of one
  * slot, and a block of packed entries is a single record. */
 struct tierctl_table {

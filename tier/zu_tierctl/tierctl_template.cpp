@@ -26,8 +26,6 @@ constexpr kind KINDS[] = {
     {"extent", {tierctl_draft_extent_v1, tierctl_draft_extent_v2, tierctl_draft_extents_v3}},
 };
 
-constexpr std::string_view SUPER = "super";
-
 draft_function draft_of(std::string_view table, tierctl_version version)
 {
     const auto *found = std::ranges::find(KINDS, table, &kind::table);
@@ -123,7 +121,8 @@ std::string version_option(const tierctl_draft &draft, const tierctl_metadata &m
 
 void note_command(tierctl_draft &draft, const tierctl_metadata &metadata)
 {
-    const std::string option = draft.table.name == SUPER ? version_option(draft, metadata) : "";
+    const std::string option =
+        draft.table.name == TIERCTL_SUPER ? version_option(draft, metadata) : "";
     draft.note("to repair it, with this file as FILE: zu_tier -p " +
                tierctl_shell_word(draft.device.path()) + " -c repair_" +
                std::string(draft.table.name) + option + " -f FILE; with -y it writes");
@@ -134,11 +133,11 @@ void note_command(tierctl_draft &draft, const tierctl_metadata &metadata)
 tierctl_template tierctl_make_template(const tierctl_device &device, std::string_view table_name,
                                        uint64_t no, std::string_view layout)
 {
-    if (table_name != SUPER && !layout.empty()) {
+    if (table_name != TIERCTL_SUPER && !layout.empty()) {
         throw tierctl_usage_error("--layout is for the super block only");
     }
     const tierctl_metadata metadata =
-        table_name == SUPER ? read_super(device, layout) : tierctl_read_metadata(device);
+        table_name == TIERCTL_SUPER ? read_super(device, layout) : tierctl_read_metadata(device);
     const tierctl_table &table = tierctl_find_table(metadata.tables, table_name);
     check_number(table, no);
     alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> block;

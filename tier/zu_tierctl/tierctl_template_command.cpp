@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char FOOTER[] =
+constexpr const char TEMPLATE_FOOTER[] =
     "Standard error tells what is wrong with the entry, every field and byte that a\n"
     "repair with the unchanged file would change, what zu_tier would refuse, and the\n"
     "command that repairs it. Of a damaged entry the file has what can be read. The\n"
@@ -54,7 +54,7 @@ void tierctl_add_template(CLI::App &app)
     const auto options = std::make_shared<template_options>();
     CLI::App *command =
         app.add_subcommand("template", "Print the repair file of an entry, ready to edit");
-    command->footer(FOOTER);
+    command->footer(TEMPLATE_FOOTER);
     command->get_formatter()->column_width(32);
     command->add_option("DEVICE", options->device, "Device or image")->type_name("")->required();
     command
