@@ -57,6 +57,9 @@ TEST_F(FilterOption, PairsAndKeys)
         {"=use=1", {.use = 1}},
         {"use==1", {.use = 1}},
         {"use=1=2", {.use = 1}},
+        {"id=a=b", {.id = "a=b"}}, // the first sign ends the key
+        {"id==a==b=", {.id = "a==b="}},
+        {"id=/=,use=1", {.use = 1, .id = "/="}},
         {"use=1,use=0", {.use = 0}},
     };
     for (const FilterCase &filter : cases) {

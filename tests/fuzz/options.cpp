@@ -61,7 +61,8 @@ void check_accepted(const zutr_params_t &params)
         require(flag == 0 || flag == 1, "a flag is set or not");
     }
     const char *id = params.filter.id;
-    require(id == nullptr || std::strpbrk(id, ",=") == nullptr, "an identity without separators");
+    require(id == nullptr || (std::strchr(id, ',') == nullptr && id[0] != '='),
+            "an identity without separators");
 }
 
 void check_refused(const zutr_params_t &params, std::int32_t ret)

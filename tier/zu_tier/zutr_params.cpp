@@ -210,8 +210,7 @@ void zutr_filter_parse(zutr_filter_t *filter, char *str)
         if (key == nullptr) { /* GCOVR_EXCL_BR_LINE: see below */
             continue; /* GCOVR_EXCL_LINE: for ever, and who ends it ends the counts as well */
         }
-        const char *text = strtok_r(nullptr, "=", &rest);
-        const char *value = text != nullptr ? text : "";
+        const char *value = rest + strspn(rest, "="); /* a path may hold one */
         if (strcmp(key, "use") == 0) {
             filter->use = parse_int32(value);
         } else if (strcmp(key, "owner") == 0) {
