@@ -4,6 +4,7 @@
 // the command.
 
 #include "contract.h"
+#include "entries.h"
 #include "input.h"
 #include "layouts.h"
 #include "mutation.h"
@@ -57,7 +58,6 @@ constexpr std::uint8_t BY_ID = 32;
 
 constexpr std::size_t ENTRIES = 3;
 constexpr std::size_t PARTS = 1 + ENTRIES;
-constexpr std::size_t NUMBER_SIZE = 2;
 
 zutr_cmd_t command_of(View head)
 {
@@ -90,8 +90,7 @@ Place place_of(View head)
 std::string identity(const Input &input)
 {
     constexpr char DIGITS[] = "0123456789abcdef";
-    const Bytes block =
-        as_block(View(input.parts[1]).subspan(std::min(NUMBER_SIZE, input.parts[1].size())));
+    const Bytes block = as_block(record_of(input.parts[1]));
     std::string id;
     if (place_of(input.head).table == Table::brick) {
         id.assign(reinterpret_cast<const char *>(block.data() + 32), 127);
@@ -149,15 +148,8 @@ std::vector<std::string> arguments_of(const Input &input)
 
 void put_device(const Input &input)
 {
-    const Place place = place_of(input.head);
     const Bytes super = as_block(input.parts[0]);
-    for (std::size_t i = 1; i < PARTS; i++) {
-        const View part = input.parts[i];
-        if (part.size() > NUMBER_SIZE) {
-            world.device.put(entry_offset(place, super, get<std::uint16_t>(part, 0)),
-                             as_block(part.subspan(NUMBER_SIZE)));
-        }
-    }
+    put_entries(world.device, place_of(input.head), super, std::span(input.parts).subspan(1));
     world.device.put(BLOCK, super);
     world.device.fail(static_cast<Fault>(input.head[FAULT] % static_cast<int>(Fault::COUNT)),
                       input.head[TURN]);
@@ -187,57 +179,6 @@ bool is_long(const Input &input)
         entries += entry_count({LAYOUT, Table::exp_inode}, super);
     }
     return entries > SHORT || place.table == Table::exp_inode;
-}
-
-// Tables as small as a device in memory can have them.
-void make_small(Mutation &mutation, std::span<std::uint8_t> super)
-{
-    constexpr std::size_t COUNTS[] = {120, 124, 132};                // V1 and V2
-    constexpr std::size_t WIDE_COUNTS[] = {136, 160, 184, 208, 224}; // V3; the last is bytes
-    if (LAYOUT == 3) {
-        for (const std::size_t at : WIDE_COUNTS) {
-            const std::uint64_t unit = at < 184 ? 1 : at == 224 ? BLOCK : 512;
-            const auto count = get<std::uint64_t>(super, at);
-            put(super, at, count % (8 * unit) + (count < unit ? unit : 0));
-        }
-        return;
-    }
-    for (const std::size_t at : COUNTS) {
-        put(super, at, get<std::uint32_t>(super, at) % 8 + 1);
-    }
-    if (LAYOUT == 2) { // with an expansion area, which is never small, or without
-        put(super, 140, mutation.once_in(4) ? std::uint32_t{0x53014558} : std::uint32_t{0});
-    }
-}
-
-void mutate_super(Mutation &mutation, Bytes &super)
-{
-    super.resize(super_size(LAYOUT));
-    mutation.record(super);
-    if (!mutation.once_in(8)) {
-        make_small(mutation, super);
-    }
-    if (!mutation.once_in(16)) {
-        seal_super(LAYOUT, super);
-    }
-}
-
-void mutate_entry(Mutation &mutation, const Input &input, Bytes &entry)
-{
-    const Place place = place_of(input.head);
-    const Bytes super = as_block(input.parts[0]);
-    Bytes block = as_block(View(entry).subspan(std::min(NUMBER_SIZE, entry.size())));
-    const auto no = static_cast<std::uint16_t>(mutation.once_in(4) ? mutation.below(8)
-                                                                   : get<std::uint16_t>(entry, 0));
-    const std::size_t size = std::max<std::size_t>(record_size(place, super), 4);
-    mutation.record(std::span(block).first(size));
-    if (!mutation.once_in(8)) {
-        seal(place, super, no, block);
-    }
-    block.resize(size);
-    entry.assign(NUMBER_SIZE, 0);
-    put(entry, 0, no);
-    entry.insert(entry.end(), block.begin(), block.end());
 }
 
 } // namespace
@@ -280,11 +221,12 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t *data, std::size_t s
         break;
     case 2:
     case 3:
-        mutate_super(mutation, input.parts[0]);
+        mutate_super(mutation, LAYOUT, input.parts[0]);
         break;
     case 4:
     case 5:
-        mutate_entry(mutation, input, input.parts[1 + mutation.below(ENTRIES)]);
+        mutate_entry(mutation, place_of(input.head), as_block(input.parts[0]),
+                     input.parts[1 + mutation.below(ENTRIES)]);
         break;
     default:
         mutation.json(input.rest, most - std::min(most, size - input.rest.size()));
