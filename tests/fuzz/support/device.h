@@ -30,14 +30,21 @@ public:
     struct Write {
         std::int64_t offset;
         std::size_t size;
+
+        bool operator==(const Write &) const = default;
     };
     const std::vector<Write> &writes() const { return writes_; }
+
+    // Whether both hold the same and have been asked for as much.
+    bool operator==(const Device &) const = default;
 
 private:
     struct Region {
         std::int64_t offset;
         std::int64_t end;
         Bytes block;
+
+        bool operator==(const Region &) const = default;
     };
 
     const std::uint8_t *find(std::int64_t offset) const;

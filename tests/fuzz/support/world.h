@@ -14,6 +14,9 @@ constexpr const char REPAIR_NAME[] = "repair";
 constexpr const char OUTPUT_NAME[] = "output";
 constexpr const char LOG_NAME[] = "log";
 
+// No piece of aligned memory is larger. It holds more than can be read from a device in memory.
+constexpr std::size_t MOST_MEMORY = 3U << 20;
+
 constexpr int DEVICE_FD = 1000;
 constexpr int REPAIR_FD = 1001;
 

@@ -112,6 +112,9 @@ int __wrap_stat64(const char *path, struct stat64 *st)
 
 int __wrap_posix_memalign(void **memory, size_t alignment, size_t size)
 {
+    if (world.running && size > tier_fuzz::MOST_MEMORY) {
+        return ENOMEM;
+    }
     if (world.running && world.arena.take(memory, size)) {
         return 0;
     }
