@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-TARGETS=(options json repair dump probe main_v1 main_v2 main_v3)
+TARGETS=(options json repair dump probe restore main_v1 main_v2 main_v3)
 # Bytes of an input, at most.
 export small=4608 large=20480
 export seconds=${2:-60} build=build-fuzz
@@ -34,7 +34,7 @@ fuzz() {
     local effort=(-runs=0)
     [ "$seconds" -eq 0 ] || effort=("-max_total_time=$seconds")
     local length=$small
-    case $1 in main_*) length=$large ;; esac
+    case $1 in restore | main_*) length=$large ;; esac
     mkdir -p "$build/corpus/$1"
     local inputs=("$build/corpus/$1" "$build/seeds/$1") regressions=tests/fuzz/regressions/$1
     [ ! -d "$regressions" ] || inputs+=("$regressions")

@@ -71,9 +71,12 @@ class Sample:
             return image.read(size)
 
 
+def sealed(record):
+    return struct.pack("<I", zlib.crc32(record[4:])) + record[4:]
+
+
 def exp_inode(record):
-    numbered = record[4:68] + struct.pack("<I", ENTRIES) + record[72:96]
-    return struct.pack("<I", zlib.crc32(numbered)) + numbered
+    return sealed(record[:68] + struct.pack("<I", ENTRIES) + record[72:96])
 
 
 def sealed_super(layout, record, fields):
@@ -184,6 +187,27 @@ def probe_seeds(samples):
                 yield head + part(extent) + part(inode) + json.dumps(super_block).encode()
 
 
+def restore_seeds(samples):
+    # V2 restores only what is not in its table.
+    for layout, numbers in ((1, (0, ENTRIES)), (2, (ENTRIES, 500000))):
+        sample = samples[layout]
+        record = sample.block(4096, SUPER_SIZES[layout])
+        extent_size = sample.dump("super")["extent_size"]
+        entries = sample.entries("extent")
+        # Under a checksum that ends with the bitmap.
+        owned = [sealed(sample.block(entry["meta_offset"], extent_size)) for entry in entries]
+        free = sealed(bytes(extent_size))
+        inode = sample.block(sample.entries("inode")[0]["meta_offset"], 96)
+        for extents in ([free], [free, *owned[:3]], [owned[0]], [b"", free], []):
+            parts = b"".join(part(struct.pack("<H", no) + extent if extent else b"")
+                             for no, extent in enumerate([*extents, b"", b"", b"", b""][:4]))
+            for slot in (inode, bytes(4) + inode[4:], b""):
+                for flags in (0, 1, 4, 5):
+                    for number in numbers:
+                        head = struct.pack("<4Bi", layout - 1, flags, 0, 0, number)
+                        yield head + part(record) + part(slot) + parts
+
+
 def main_seeds(samples, layout):
     sample = samples[layout]
     super_block = part(sample.block(4096, SUPER_SIZES[layout]))
@@ -228,7 +252,7 @@ def long_dump_seeds(samples):
 def main():
     programs, corpus = sys.argv[1:]
     makers = {"options": options_seeds, "json": json_seeds, "repair": repair_seeds,
-              "dump": dump_seeds, "probe": probe_seeds,
+              "dump": dump_seeds, "probe": probe_seeds, "restore": restore_seeds,
               "main_v1": lambda samples: main_seeds(samples, 1),
               "main_v2": lambda samples: (*main_seeds(samples, 2), *expansion_seeds(samples)),
               "main_v3": lambda samples: (*main_seeds(samples, 3), *long_dump_seeds(samples))}
