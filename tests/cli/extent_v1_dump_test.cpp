@@ -88,7 +88,7 @@ TEST_F(ExtentV1Dump, BytesBehindTheRecordAreNotChecked)
 
 TEST_F(ExtentV1Dump, RecordSizeOutOfRangeIsRefused)
 {
-    for (const std::uint32_t bytes : {0U, 55U, 4097U, 0xFFFFFFFFU}) {
+    for (const std::uint32_t bytes : {1U, 55U, 4097U, 0xFFFFFFFFU}) {
         super.extent_size = bytes;
         device.write(SUPER_OFFSET, encode(super));
         const LogLine refusal = error_line(
@@ -103,6 +103,21 @@ TEST_F(ExtentV1Dump, RecordSizeOutOfRangeIsRefused)
         // The other tables do not depend on it.
         EXPECT_EQ(run_logged(device, "dump_inode", {"-g", "use=1"}).out, "[]");
     }
+}
+
+TEST_F(ExtentV1Dump, RecordWithoutASizeAbortsAtTheFirstThatIsRead)
+{
+    super.extent_size = 0;
+    device.write(SUPER_OFFSET, encode(super));
+    expect_abort(run_logged(device, "dump_extent"), "ex && ex_size");
+    expect_abort(run_logged(device, "dump_extent", {"-n", "0"}), "ex && ex_size");
+    const auto count = static_cast<int>(super.block_cnt);
+    expect_run(run_logged(device, "dump_extent", {"-n", std::to_string(count)}),
+               {.status = 22,
+                .out = "",
+                .log = {settings_line(device, "dump_extent", {.meta_no = count}),
+                        error_line("zutr_dump_common",
+                                   text("invalid te_no %d, max cnt:%d", count, count))}});
 }
 
 } // namespace

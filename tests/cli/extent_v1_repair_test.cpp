@@ -108,13 +108,22 @@ TEST_F(ExtentV1Repair, BitmapItemOfAnotherType)
 
 TEST_F(ExtentV1Repair, RecordSizeOutOfRangeIsRefused)
 {
-    for (const std::uint32_t bytes : {0U, 55U, 4097U, 0xFFFFFFFFU}) {
+    for (const std::uint32_t bytes : {1U, 55U, 4097U, 0xFFFFFFFFU}) {
         set_extent_size(bytes);
         const LogLine refusal =
             error(text("sb_extent_size %u is invalid, expect:[56-4096]", bytes));
         expect_refused(file.text(), {refusal}, 14);
         expect_refused(R"({"te_use":0,"te_no":2})", {refusal}, 14);
     }
+}
+
+TEST_F(ExtentV1Repair, RecordWithoutASizeAbortsAtItsChecksum)
+{
+    set_extent_size(0);
+    expect_refused_at("te_no", R"({"te_use":1})", "parse te_no failed");
+    expect_refused_at("te_bitmap", with_bitmap("[]"),
+                      "te_bitmap is invalid. bitmap:<address>, cnt:-7");
+    expect_abort(repair(R"({"te_use":0,"te_no":2})", {"-y"}), "ex && ex_size");
 }
 
 } // namespace

@@ -206,4 +206,20 @@ TEST_F(ExtentV2Dump, SizesThatDoNotFitASlot)
     EXPECT_EQ(run_logged(device, "dump_inode", {"-g", "use=1"}).out, "{ \"inode\":[]}");
 }
 
+TEST_F(ExtentV2Dump, RecordWithoutASizeAbortsAtTheFirstThatIsRead)
+{
+    super.total_extent_size = 0;
+    write_super();
+    expect_abort(run_logged(device, "dump_extent"), "ex && ex_size");
+    expect_abort(run_logged(device, "dump_extent", {"-n", "0"}), "ex && ex_size");
+    const auto count = static_cast<int>(super.block_cnt);
+    expect_run(run_logged(device, "dump_extent", {"-n", std::to_string(count)}),
+               {.status = 22,
+                .out = "",
+                .log = log_head<SuperV2>(
+                    device, "dump_extent", {.meta_no = count},
+                    {error_line("zutr_dump_common",
+                                text("invalid te_no %d, max cnt:%d", count, count))})});
+}
+
 } // namespace

@@ -388,6 +388,16 @@ TEST_F(ExtentV2Repair, SizesThatDoNotFitASlot)
     }
 }
 
+TEST_F(ExtentV2Repair, RecordWithoutASizeAbortsAtItsChecksum)
+{
+    SuperV2 changed = super;
+    changed.total_extent_size = 0;
+    set_super(changed);
+    expect_refused_at("te_no", R"({"te_use":1})", "parse te_no failed");
+    expect_abort(repair(R"({"te_use":0,"te_no":2})", {"-y"}), "ex && ex_size");
+    expect_abort(repair(file.text(), {"-y"}), "ex && ex_size");
+}
+
 // The checksum of nothing.
 TEST_F(ExtentV2Repair, SmallestTotalSize)
 {

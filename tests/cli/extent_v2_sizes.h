@@ -36,7 +36,7 @@ struct RefusedSizes {
 inline std::vector<RefusedSizes> refused_sizes(SuperV2 super)
 {
     std::vector<RefusedSizes> refused;
-    for (const std::uint32_t bytes : {0U, 3U, 4097U, 0xFFFFFFFFU}) {
+    for (const std::uint32_t bytes : {3U, 4097U, 0xFFFFFFFFU}) {
         super.total_extent_size = bytes;
         refused.push_back(
             {super, text("sb_total_extent_size %u is invalid, expect:[4-4096]", bytes)});

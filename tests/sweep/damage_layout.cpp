@@ -53,14 +53,25 @@ std::uint64_t extents_start(const Block &super)
 // The record of an extent must have room in its slot.
 bool is_no_extent_v1(const Block &super)
 {
-    return get_u32(super, 136) < 56 || get_u32(super, 136) > BLOCK_SIZE;
+    const std::uint32_t size = get_u32(super, 136);
+    return (size != 0 && size < 56) || size > BLOCK_SIZE;
 }
 bool is_no_extent_v2(const Block &super)
 {
     const std::uint32_t size = get_u32(super, 136);
     const std::uint32_t total = get_u32(super, 164);
-    return size > BLOCK_SIZE || get_u32(super, 152) > (BLOCK_SIZE - size) / 16 || total < 4 ||
-           total > BLOCK_SIZE;
+    return size > BLOCK_SIZE || get_u32(super, 152) > (BLOCK_SIZE - size) / 16 ||
+           (total != 0 && total < 4) || total > BLOCK_SIZE;
+}
+
+// Without a size there is no checksum.
+bool has_no_size_v1(const Block &super)
+{
+    return get_u32(super, 136) == 0;
+}
+bool has_no_size_v2(const Block &super)
+{
+    return get_u32(super, 164) == 0;
 }
 
 bool has_no_expansion_start(const Block &super)
@@ -105,8 +116,8 @@ DamagedTable inodes(const std::string &version, const SuperValue &start, const S
 }
 
 DamagedTable extents(const std::string &version, const std::string &assertion,
-                     bool (*refuses)(const Block &), const FieldNames &uses,
-                     const FieldNames &repair_uses)
+                     bool (*refuses)(const Block &), bool (*has_no_size)(const Block &),
+                     const FieldNames &uses, const FieldNames &repair_uses)
 {
     return {.dump = "dump_extent",
             .repair = config("ExtentV" + version),
@@ -117,6 +128,7 @@ DamagedTable extents(const std::string &version, const std::string &assertion,
             .start = extents_start,
             .count = word_at(132),
             .refuses = refuses,
+            .has_no_size = has_no_size,
             .dump_uses = uses,
             .repair_uses = repair_uses};
 }
@@ -149,7 +161,7 @@ DamagedLayout layout_v1()
                 bricks("1", bricks_start, word_at(120), {"super block size", "brick_cnt"}),
                 inodes("1", inode_table_start, word_at(124),
                        {"super block size", "brick_table_size", "inode_cnt"}),
-                extents("1", "extent && sb && fp", is_no_extent_v1,
+                extents("1", "extent && sb && fp", is_no_extent_v1, has_no_size_v1,
                         {"super block size", "brick_table_size", "inode_table_size", "block_cnt",
                          "extent_size"},
                         {"super block size", "brick_table_size", "inode_table_size", "block_cnt",
@@ -192,7 +204,7 @@ DamagedLayout layout_v2()
             {
                 bricks("2", bricks_start, word_at(120), {"super block size", "brick_cnt"}),
                 inode_table,
-                extents("2", "extent && fp && sb", is_no_extent_v2, extent_uses,
+                extents("2", "extent && fp && sb", is_no_extent_v2, has_no_size_v2, extent_uses,
                         extent_repair_uses),
             },
         .others = {"dump_shard", "dump_hot", "repair_shard", "repair_hot"},

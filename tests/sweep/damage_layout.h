@@ -36,6 +36,8 @@ struct DamagedTable {
     // Why a dump ends before it reads an entry: the size of a record, a failed assertion.
     std::function<bool(const Block &super)> refuses = [](const Block &) { return false; };
     std::function<bool(const Block &super)> aborts = [](const Block &) { return false; };
+    // Its entries abort as soon as one has been read.
+    std::function<bool(const Block &super)> has_no_size = [](const Block &) { return false; };
     bool bounds_first = false; // the number of an entry is looked at before the table is
 
     // What the commands depend on: where the other fields change, nothing does.

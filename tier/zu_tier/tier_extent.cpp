@@ -19,6 +19,12 @@ int32_t tier_check_size(const char *func, const char *field, uint32_t value, uin
     return -EFAULT;
 }
 
+int32_t tier_check_record_size(const char *func, const char *field, uint32_t value, uint32_t min,
+                               uint32_t max)
+{
+    return value == 0 ? 0 : tier_check_size(func, field, value, min, max);
+}
+
 uint32_t tier_extent_crc(const void *extent, uint32_t size)
 {
     zutr_assert(extent != nullptr && size != 0, "ex && ex_size");

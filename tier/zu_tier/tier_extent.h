@@ -54,7 +54,12 @@ struct tier_extent_table {
 int32_t tier_check_size(const char *func, const char *field, uint32_t value, uint32_t min,
                         uint32_t max);
 
-/* CRC-32 of the bytes 4..`size` - 1 of a slot; `size` is at least 4. */
+/* As above, but leaves a record without a size to the assertion of its checksum. */
+int32_t tier_check_record_size(const char *func, const char *field, uint32_t value, uint32_t min,
+                               uint32_t max);
+
+/* CRC-32 of the bytes 4..`size` - 1 of a slot; `size` is asserted not to be 0, and is 4 at least.
+ */
 uint32_t tier_extent_crc(const void *extent, uint32_t size);
 
 /* Whether an extent, which carries no magic, has the right number and checksum; if not, says so on

@@ -19,6 +19,12 @@ namespace {
 /* Memory for the text of a bitmap, kept from one extent to the next. */
 constinit zutr_owned<char[]> s_bitmap_buff;
 
+int32_t check_extent_size(const char *func, const tier_super_block_v1_t &sb)
+{
+    return tier_check_record_size(func, "sb_extent_size", sb.sb_extent_size, TIER_EXTENT_SIZE_MIN,
+                                  TIER_EXTENT_SIZE_MAX);
+}
+
 /* Three characters for each byte hold the 19 of each word. */
 char *bitmap_room(const tier_super_block_v1_t &sb)
 {
@@ -38,7 +44,7 @@ std::string_view bitmap_text(const tier_extent_v1_t *extent, const tier_super_bl
     const auto *bitmap = reinterpret_cast<const uint64_t *>(extent + 1);
     char *text = bitmap_room(sb);
     char *to = text;
-    for (uint32_t i = 0; i < tier_bitmap_words_v1(sb.sb_extent_size); i++) {
+    for (int32_t i = 0; i < tier_bitmap_words_v1(sb.sb_extent_size); i++) {
         *to++ = '0';
         *to++ = 'x';
         to = zutr_put_hex<64>(to, bitmap[i], 16);
@@ -72,11 +78,10 @@ int32_t __dump_extent_v1(int32_t no, void *meta, const char *delim, zutr_params_
     return tier_dump_extent(__func__, EXTENT_TABLE_V1, no, meta, delim, params);
 }
 
-/* "te_bitmap": exactly `words` numbers, the first of which goes to `bitmap`. */
-int32_t read_bitmap(const zutr_json_reader &in, uint32_t words, uint64_t *bitmap)
+/* "te_bitmap": exactly `cnt` numbers, the first of which goes to `bitmap`. */
+int32_t read_bitmap(const zutr_json_reader &in, int32_t cnt, uint64_t *bitmap)
 {
     const cJSON *array = cJSON_GetObjectItem(in.object(), "te_bitmap");
-    const auto cnt = static_cast<int32_t>(words);
     if (!cJSON_IsArray(array) || cJSON_GetArraySize(array) != cnt) {
         zutr_error(in.func(), "te_bitmap is invalid. bitmap:%p, cnt:%d",
                    static_cast<const void *>(array), cnt);
@@ -100,7 +105,7 @@ int64_t parse_extent_from_json_v1(zutr_params_t *params, const cJSON *ext_cfg, v
     const tier_super_block_v1_t &sb = tier_super_v1(params);
     const zutr_json_reader in(__func__, ext_cfg);
     auto *extent = static_cast<tier_extent_v1_t *>(m);
-    int32_t ret = tier_check_extent_size_v1(__func__, sb);
+    int32_t ret = check_extent_size(__func__, sb);
     ret = ret == 0 ? in.read(TIER_EXTENT_KEYS, extent) : ret;
     if (ret == 0 && extent->te_use != 0) {
         ret = in.read(TIER_EXTENT_IN_USE_KEYS_V1, extent);
@@ -124,7 +129,7 @@ int64_t parse_extent_from_json_v1(zutr_params_t *params, const cJSON *ext_cfg, v
 int32_t zutr_dump_extent_v1(zutr_params_t *params)
 {
     tier_assert_super_v1(params);
-    const int32_t ret = tier_check_extent_size_v1(__func__, tier_super_v1(params));
+    const int32_t ret = check_extent_size(__func__, tier_super_v1(params));
     if (ret != 0) {
         return ret;
     }
@@ -134,10 +139,4 @@ int32_t zutr_dump_extent_v1(zutr_params_t *params)
 int32_t zutr_repair_extent_v1(zutr_params_t *params)
 {
     return zutr_repair_common(params, parse_extent_from_json_v1);
-}
-
-int32_t tier_check_extent_size_v1(const char *func, const tier_super_block_v1_t &sb)
-{
-    return tier_check_size(func, "sb_extent_size", sb.sb_extent_size, TIER_EXTENT_SIZE_MIN,
-                           TIER_EXTENT_SIZE_MAX);
 }

@@ -22,7 +22,3 @@ constexpr auto TIER_EXTENT_IN_USE_KEYS_V1 = std::tuple_cat(
 
 int32_t zutr_dump_extent_v1(zutr_params_t *params);
 int32_t zutr_repair_extent_v1(zutr_params_t *params);
-
-/* A super block may be sealed and still name a record that does not fit its slot: 0, or -EFAULT
- * after a message on behalf of `func`. */
-int32_t tier_check_extent_size_v1(const char *func, const tier_super_block_v1_t &sb);

@@ -26,8 +26,8 @@ int32_t check_extent_sizes(const char *func, const tier_super_block_v2_t &sb)
     const auto pieces =
         static_cast<uint32_t>((SIZE_4K - sb.sb_extent_size) / sizeof(tier_mapped_meta_v2_t));
     ret = tier_check_size(func, "sb_map_cnt", sb.sb_map_cnt, 0, pieces);
-    return ret == 0 ? tier_check_size(func, "sb_total_extent_size", sb.sb_total_extent_size,
-                                      TIER_CHECKSUM_SIZE, SIZE_4K)
+    return ret == 0 ? tier_check_record_size(func, "sb_total_extent_size", sb.sb_total_extent_size,
+                                             TIER_CHECKSUM_SIZE, SIZE_4K)
                     : ret;
 }
 

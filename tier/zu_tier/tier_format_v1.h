@@ -76,9 +76,9 @@ using tier_inode_v1_t = tier_inode_t;
  * fill a last word are checksummed and otherwise unused. */
 using tier_extent_v1_t = tier_extent_t;
 
-/* Whole 64-bit words in the bitmap of an extent of `extent_size` bytes, which must be 56 or more.
- */
-constexpr uint32_t tier_bitmap_words_v1(uint32_t extent_size)
+/* Whole 64-bit words in the bitmap of an extent of `extent_size` bytes; fewer than none of one
+ * without a size. */
+constexpr int32_t tier_bitmap_words_v1(uint32_t extent_size)
 {
-    return (extent_size - TIER_EXTENT_SIZE_MIN) / 8;
+    return (static_cast<int32_t>(extent_size) - static_cast<int32_t>(TIER_EXTENT_SIZE_MIN)) / 8;
 }

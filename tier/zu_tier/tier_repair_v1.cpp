@@ -112,7 +112,8 @@ int32_t zutr_restore_inode_v1(zutr_params_t *params)
                    static_cast<int32_t>(sb.sb_inode_cnt));
         return -EINVAL;
     }
-    int32_t ret = tier_check_extent_size_v1(__func__, sb);
+    const int32_t ret = tier_check_size(__func__, "sb_extent_size", sb.sb_extent_size,
+                                        TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX);
     if (ret != 0) {
         return ret;
     }

@@ -95,7 +95,7 @@ void tierctl_draft_extent_v1(tierctl_draft &draft, const tierctl_metadata &metad
     }
     const tier_extent_t from = readable_head(draft);
     carry_head(draft, from, TIER_EXTENT_IN_USE_KEYS_V1);
-    std::vector<uint64_t> bitmap(tier_bitmap_words_v1(sb.sb_extent_size));
+    std::vector<uint64_t> bitmap(static_cast<size_t>(tier_bitmap_words_v1(sb.sb_extent_size)));
     const size_t bitmap_end = sizeof(from) + bitmap.size() * sizeof(uint64_t);
     std::copy(draft.block + sizeof(from), draft.block + bitmap_end,
               reinterpret_cast<uint8_t *>(bitmap.data()));

@@ -42,6 +42,8 @@ constexpr HardStop HARD_STOPS[] = {
     {"params && meta_type && max_cnt > 0 && format_func", always},
     {"meta_start % SIZE_4K == 0", always},
     {"exp_inode_off > 0", always},
+    // extents without a size, on the device or of a super block to convert
+    {"ex && ex_size", always},
     // a damaged entry and no log to show it in
     {"brick && fp", without_log},
     {"inode && fp", without_log},
@@ -59,7 +61,6 @@ constexpr HardStop HARD_STOPS[] = {
     {"block_size <= 4 * SIZE_1M", converts},
     {"(block_size / def_map_size) <= EXTENT_HOT_LEN", converts},
     {"sb && dev_fd >= 0 && map_cnt > 0", converts},
-    {"ex && ex_size", converts},
     {"total_extent_size <= SIZE_4K", converts},
     // and one whose file cannot be opened
     {"ret == 0 || ret == -EIO || ret == -EINVAL || ret == -ENOMEM || ret == -EFAULT", converts},
