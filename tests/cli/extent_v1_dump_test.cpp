@@ -111,6 +111,8 @@ TEST_F(ExtentV1Dump, RecordWithoutASizeAbortsAtTheFirstThatIsRead)
     device.write(SUPER_OFFSET, encode(super));
     expect_abort(run_logged(device, "dump_extent"), "ex && ex_size");
     expect_abort(run_logged(device, "dump_extent", {"-n", "0"}), "ex && ex_size");
+    device.truncate(static_cast<std::uint64_t>(extent_offset(super, 1)));
+    EXPECT_EQ(run_logged(device, "dump_extent", {"-n", "1"}).status, 5);
     const auto count = static_cast<int>(super.block_cnt);
     expect_run(run_logged(device, "dump_extent", {"-n", std::to_string(count)}),
                {.status = 22,

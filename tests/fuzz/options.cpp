@@ -62,7 +62,7 @@ void check_accepted(const zutr_params_t &params)
     }
     const char *id = params.filter.id;
     require(id == nullptr || (std::strchr(id, ',') == nullptr && id[0] != '='),
-            "an identity without separators");
+            "an identity without what ends it");
 }
 
 void check_refused(const zutr_params_t &params, std::int32_t ret)

@@ -58,8 +58,8 @@ int32_t tier_check_size(const char *func, const char *field, uint32_t value, uin
 int32_t tier_check_record_size(const char *func, const char *field, uint32_t value, uint32_t min,
                                uint32_t max);
 
-/* CRC-32 of the bytes 4..`size` - 1 of a slot; `size` is asserted not to be 0, and is 4 at least.
- */
+/* CRC-32 of the bytes 4..`size` - 1 of a slot. A `size` of 0 fails an assertion; callers refuse
+ * 1..3. */
 uint32_t tier_extent_crc(const void *extent, uint32_t size);
 
 /* Whether an extent, which carries no magic, has the right number and checksum; if not, says so on

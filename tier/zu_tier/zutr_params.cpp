@@ -210,7 +210,8 @@ void zutr_filter_parse(zutr_filter_t *filter, char *str)
         if (key == nullptr) { /* GCOVR_EXCL_BR_LINE: see below */
             continue; /* GCOVR_EXCL_LINE: for ever, and who ends it ends the counts as well */
         }
-        const char *value = rest + strspn(rest, "="); /* a path may hold one */
+        const char *text = strtok_r(nullptr, "", &rest); /* all of it: a path may hold one */
+        const char *value = text != nullptr ? text + strspn(text, "=") : "";
         if (strcmp(key, "use") == 0) {
             filter->use = parse_int32(value);
         } else if (strcmp(key, "owner") == 0) {

@@ -32,6 +32,12 @@ bool converts(const Situation &situation)
     return situation.command == ZUTR_CMD_CONVERT_SUPER;
 }
 
+bool takes_extents(const Situation &situation)
+{
+    return situation.command == ZUTR_CMD_DUMP_EXTENT ||
+           situation.command == ZUTR_CMD_REPAIR_EXTENT || converts(situation);
+}
+
 // Assertions that a device, a repair file or an option can make fail: a hard stop by design.
 struct HardStop {
     std::string_view text;
@@ -43,7 +49,7 @@ constexpr HardStop HARD_STOPS[] = {
     {"meta_start % SIZE_4K == 0", always},
     {"exp_inode_off > 0", always},
     // extents without a size, on the device or of a super block to convert
-    {"ex && ex_size", always},
+    {"ex && ex_size", takes_extents},
     // a damaged entry and no log to show it in
     {"brick && fp", without_log},
     {"inode && fp", without_log},
