@@ -1,5 +1,7 @@
 #include "json_number.h"
 
+#include "bytes.h"
+
 #include <cmath>
 #include <limits>
 
