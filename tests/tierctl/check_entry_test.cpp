@@ -9,15 +9,11 @@ using namespace tier_test;
 namespace {
 
 template <class World>
-class CheckOf : public testing::Test {
+class CheckOf : public CheckedWorld<World> {
 protected:
-    World world;
-
-    std::int64_t inode_at(std::uint32_t no) const { return inode_offset(world.sb, no); }
-    std::int64_t extent_at(std::uint64_t no) const { return extent_offset(world.sb, no); }
     void expect(const std::vector<std::string> &expected) const
     {
-        expect_findings(world.device(), expected);
+        expect_findings(this->world.device(), expected);
     }
 };
 

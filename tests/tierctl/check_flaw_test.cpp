@@ -10,13 +10,8 @@ using namespace tier_test;
 namespace {
 
 template <class World>
-class CheckFlawsOf : public testing::Test {
+class CheckFlawsOf : public CheckedWorld<World> {
 protected:
-    World world;
-
-    std::int64_t inode_at(std::uint32_t no) const { return inode_offset(world.sb, no); }
-    std::int64_t extent_at(std::uint64_t no) const { return extent_offset(world.sb, no); }
-
     // "error bad_number: inode entry 3 at 1077248: its number is 4"
     static std::vector<std::string> told(const Device &device)
     {

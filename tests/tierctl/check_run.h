@@ -103,6 +103,16 @@ struct WorldV3 {
 using AllWorlds = testing::Types<WorldV1, WorldV2, WorldV3>;
 using OldWorlds = testing::Types<WorldV1, WorldV2>; // their extents are no packed words
 
+// Tests of a device of `World` that they change.
+template <class World>
+class CheckedWorld : public testing::Test {
+protected:
+    World world;
+
+    std::int64_t inode_at(std::uint32_t no) const { return inode_offset(world.sb, no); }
+    std::int64_t extent_at(std::uint64_t no) const { return extent_offset(world.sb, no); }
+};
+
 // Byte offset of a word of a packed block.
 inline std::int64_t word_offset(std::int64_t block, std::uint64_t slot)
 {
