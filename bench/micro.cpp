@@ -1,7 +1,7 @@
 #include "common/zutr_crc32.h"
-#include "zu_tier/tier_digits.h"
-#include "zu_tier/tier_extent_v3.h"
-#include "zu_tier/tier_time.h"
+#include "zu_tier/layout/v3/extent.h"
+#include "zu_tier/record/digits.h"
+#include "zu_tier/record/time.h"
 
 #include <benchmark/benchmark.h>
 #include <vector>

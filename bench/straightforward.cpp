@@ -1,7 +1,7 @@
 #include "common/zutr_utils.h"
-#include "zu_tier/tier_format_v1.h"
-#include "zu_tier/tier_format_v2.h"
-#include "zu_tier/tier_format_v3.h"
+#include "zu_tier/format/v1.h"
+#include "zu_tier/format/v2.h"
+#include "zu_tier/format/v3.h"
 
 #include <algorithm>
 #include <array>

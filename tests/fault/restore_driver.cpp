@@ -2,7 +2,7 @@
 // the tool does. -c only has to name some command, -y opens the device for writing. Prints the
 // handler's result behind its own output.
 
-#include "zu_tier/zu_tier.h"
+#include "zu_tier/front/zu_tier.h"
 
 #include <cstdio>
 

@@ -6,8 +6,8 @@
 #include "layouts.h"
 #include "mutation.h"
 #include "run.h"
-#include "zu_tier/tier_json.h"
-#include "zu_tier/tier_log.h"
+#include "zu_tier/record/json.h"
+#include "zu_tier/record/log.h"
 
 #include <algorithm>
 #include <string>

@@ -1,9 +1,9 @@
 // Repair files: loading them, with numbers that are exact. An input is the text of a file.
 
+#include "zu_tier/record/json.h"
 #include "contract.h"
 #include "mutation.h"
 #include "run.h"
-#include "zu_tier/tier_json.h"
 
 #include <cerrno>
 #include <cmath>

@@ -8,8 +8,8 @@
 #include "layouts.h"
 #include "mutation.h"
 #include "run.h"
-#include "zu_tier/tier_format_v2.h"
-#include "zu_tier/tier_json.h"
+#include "zu_tier/format/v2.h"
+#include "zu_tier/record/json.h"
 
 #include <cstdlib>
 #include <string>

@@ -2,13 +2,13 @@
 
 #include "in_process.h"
 #include "v2_device.h"
-#include "zu_tier/tier_brick.h"
-#include "zu_tier/tier_dump_driver.h"
-#include "zu_tier/tier_extent.h"
-#include "zu_tier/tier_inode_v2.h"
-#include "zu_tier/tier_log.h"
-#include "zu_tier/tier_map_v2.h"
-#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/driver/dump.h"
+#include "zu_tier/driver/repair.h"
+#include "zu_tier/layout/brick.h"
+#include "zu_tier/layout/extent.h"
+#include "zu_tier/layout/v2/inode.h"
+#include "zu_tier/layout/v2/map.h"
+#include "zu_tier/record/log.h"
 
 using namespace tier_test;
 

@@ -2,7 +2,7 @@
 
 #include "bytes.h"
 #include "temp_dir.h"
-#include "zu_tier/tier_debug.h"
+#include "zu_tier/record/debug.h"
 
 #include <gtest/gtest.h>
 #include <limits>

@@ -2,7 +2,7 @@
 // so the process looks at another root for a moment.
 
 #include "in_process.h"
-#include "zu_tier/tier_log.h"
+#include "zu_tier/record/log.h"
 
 #include <unistd.h>
 

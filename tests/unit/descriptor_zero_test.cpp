@@ -2,7 +2,7 @@
 
 #include "common/zutr_utils.h"
 #include "in_process.h"
-#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/driver/repair.h"
 
 #include <algorithm>
 #include <cerrno>

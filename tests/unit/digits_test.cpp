@@ -1,7 +1,7 @@
 // Numbers as text, written into memory whose surroundings must stay as they are.
 
 #include "bytes.h"
-#include "zu_tier/tier_digits.h"
+#include "zu_tier/record/digits.h"
 
 #include <array>
 #include <gtest/gtest.h>

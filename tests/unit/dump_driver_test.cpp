@@ -2,7 +2,7 @@
 
 #include "dump_text.h"
 #include "in_process.h"
-#include "zu_tier/tier_dump_driver.h"
+#include "zu_tier/driver/dump.h"
 
 #include <limits>
 

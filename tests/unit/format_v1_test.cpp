@@ -1,7 +1,7 @@
 // The records of V1 byte by byte, and the geometry that a V1 super block implies.
 
 #include "v1_device.h"
-#include "zu_tier/tier_format_v1.h"
+#include "zu_tier/format/v1.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // The packed words of V3 bit by bit, and the places of its tables.
 
 #include "v3_device.h"
-#include "zu_tier/tier_format_v3.h"
+#include "zu_tier/format/v3.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

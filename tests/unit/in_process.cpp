@@ -1,7 +1,7 @@
 #include "in_process.h"
 
 #include "run.h"
-#include "zu_tier/tier_log.h"
+#include "zu_tier/record/log.h"
 
 #include <cctype>
 #include <cerrno>

@@ -4,7 +4,7 @@
 
 #include "device.h"
 #include "log.h"
-#include "zu_tier/zu_tier.h"
+#include "zu_tier/front/zu_tier.h"
 
 #include <csignal>
 #include <cstdint>

@@ -1,7 +1,7 @@
 // Loading a repair file: what is refused, and how exact the numbers stay.
 
 #include "in_process.h"
-#include "zu_tier/tier_json.h"
+#include "zu_tier/record/json.h"
 
 #include <cerrno>
 

@@ -1,6 +1,6 @@
 // From a JSON number to an integer field: truncation, and what becomes of numbers out of range.
 
-#include "zu_tier/tier_json.h"
+#include "zu_tier/record/json.h"
 
 #include <gtest/gtest.h>
 #include <limits>

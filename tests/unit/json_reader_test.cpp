@@ -2,7 +2,7 @@
 
 #include "bytes.h"
 #include "in_process.h"
-#include "zu_tier/tier_json.h"
+#include "zu_tier/record/json.h"
 
 #include <algorithm>
 #include <cstring>

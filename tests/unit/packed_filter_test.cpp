@@ -1,6 +1,6 @@
 // The filter of packed entries as a mask and bits, against the rule in words.
 
-#include "zu_tier/tier_packed_v3.h"
+#include "zu_tier/layout/v3/packed.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>

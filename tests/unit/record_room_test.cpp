@@ -1,6 +1,6 @@
 // The room that is set aside for a record before it is printed.
 
-#include "zu_tier/tier_record.h"
+#include "zu_tier/record/record.h"
 
 #include <array>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 #include "bytes.h"
 #include "in_process.h"
-#include "zu_tier/tier_record.h"
+#include "zu_tier/record/record.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // The repair driver around a parse function of the test's own.
 
 #include "in_process.h"
-#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/driver/repair.h"
 
 #include <algorithm>
 

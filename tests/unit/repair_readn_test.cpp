@@ -1,7 +1,7 @@
 // The bulk read that never fails on bad blocks, over images that end too early.
 
 #include "in_process.h"
-#include "zu_tier/tier_repair_driver.h"
+#include "zu_tier/driver/repair.h"
 
 #include <algorithm>
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include "bytes.h"
 #include "in_process.h"
-#include "zu_tier/tier_text.h"
+#include "zu_tier/record/text.h"
 
 #include <cerrno>
 #include <limits>

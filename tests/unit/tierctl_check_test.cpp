@@ -1,6 +1,6 @@
 // Checks in so little memory that tables are read many times.
 
-#include "zu_tierctl/tierctl_check.h"
+#include "zu_tierctl/check/check.h"
 
 #include "v3_device.h"
 

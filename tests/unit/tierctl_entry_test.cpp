@@ -1,6 +1,6 @@
 // Comparing entries: no bit is left out, and none is told twice.
 
-#include "zu_tierctl/tierctl_entry.h"
+#include "zu_tierctl/entry/entry.h"
 
 #include "temp_dir.h"
 #include "v3_device.h"

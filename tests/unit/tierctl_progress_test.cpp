@@ -1,6 +1,6 @@
 // The progress bar, on a terminal and elsewhere.
 
-#include "zu_tierctl/tierctl_progress.h"
+#include "zu_tierctl/device/progress.h"
 
 #include <algorithm>
 #include <array>

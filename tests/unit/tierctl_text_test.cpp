@@ -1,6 +1,6 @@
 // Texts as the shell reads them.
 
-#include "zu_tierctl/tierctl_text.h"
+#include "zu_tierctl/device/text.h"
 
 #include <gtest/gtest.h>
 

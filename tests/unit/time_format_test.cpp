@@ -2,7 +2,7 @@
 
 #include "bytes.h"
 #include "time_zone.h"
-#include "zu_tier/tier_text.h"
+#include "zu_tier/record/text.h"
 
 #include <chrono>
 #include <gtest/gtest.h>

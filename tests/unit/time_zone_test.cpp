@@ -4,7 +4,7 @@
 #include "bytes.h"
 #include "temp_dir.h"
 #include "time_zone.h"
-#include "zu_tier/tier_time.h"
+#include "zu_tier/record/time.h"
 
 #include <cstdlib>
 #include <ctime>

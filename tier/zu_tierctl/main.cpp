@@ -1,6 +1,6 @@
 #include "common/zutr_utils.h"
-#include "zu_tierctl/tierctl_commands.h"
-#include "zu_tierctl/tierctl_error.h"
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/error.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zu_tier/zu_tier.h"
+#include "zu_tier/front/zu_tier.h"
 
 namespace tier_fuzz {
 

@@ -1,8 +1,8 @@
 #include "layouts.h"
 
-#include "zu_tier/tier_format_v1.h"
-#include "zu_tier/tier_format_v2.h"
-#include "zu_tier/tier_format_v3.h"
+#include "zu_tier/format/v1.h"
+#include "zu_tier/format/v2.h"
+#include "zu_tier/format/v3.h"
 
 #include <array>
 #include <string_view>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bytes.h"
-#include "zu_tier/zu_tier.h"
+#include "zu_tier/front/zu_tier.h"
 
 namespace tier_fuzz {
 

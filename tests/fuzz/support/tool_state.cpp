@@ -1,7 +1,7 @@
 // The sources whose variables outlive a run, as parts of this one, which can reach them.
-#include "zu_tier/tier_log.cpp"
-#include "zu_tier/tier_map_v2.cpp"
-#include "zu_tier/tier_text.cpp"
+#include "zu_tier/layout/v2/map.cpp"
+#include "zu_tier/record/log.cpp"
+#include "zu_tier/record/text.cpp"
 
 #include "tool_state.h"
 

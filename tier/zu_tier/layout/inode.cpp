@@ -1,0 +1,67 @@
+#include "zu_tier/layout/inode.h"
+
+#include "zu_tier/driver/repair.h"
+#include "zu_tier/record/debug.h"
+#include "zu_tier/record/log.h"
+
+#include <cerrno>
+#include <string_view>
+
+namespace {
+
+constexpr char IGNORED[] = "ignore inode %d, i_use:%d, i_uuid:%s, i_brick_no:%d";
+
+/* Whether the filter lets an inode through; if not, says so on behalf of `func`. An owner filter
+ * names a brick and never shows free inodes. */
+bool passes(const char *func, const zutr_filter_t &filter, const tier_inode_t &inode, int32_t no)
+{
+    if (filter.error != 1 && (filter.use < 0 || filter.use == inode.i_use) &&
+        (filter.id == nullptr || std::string_view(zutr_uuid_utoa(inode.i_uuid)) == filter.id) &&
+        (filter.owner < 0 ||
+         (inode.i_use != 0 && static_cast<uint32_t>(filter.owner) == inode.i_brick_no))) {
+        return true;
+    }
+    zutr_debug_line<IGNORED>(func, no, inode.i_use, zutr_uuid_utoa(inode.i_uuid),
+                             static_cast<int32_t>(inode.i_brick_no));
+    return false;
+}
+
+} // namespace
+
+void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t /*no*/, uint32_t crc)
+{
+    zutr_error(func, "inode no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.i_no,
+               inode.i_magic, inode.i_checksum, crc);
+}
+
+int32_t tier_dump_inode(const char *func, const tier_inode_table &table, int32_t no,
+                        const void *meta, const char *delim, const zutr_params_t *params)
+{
+    const auto *inode = static_cast<const tier_inode_t *>(meta);
+    const auto number = static_cast<uint32_t>(no);
+    const uint32_t crc = zutr_record_crc(*inode);
+    if (inode->i_magic != table.magic || inode->i_no != number || inode->i_checksum != crc) {
+        table.log_bad(func, *inode, no, crc);
+        table.print(inode, 0, zutr_get_logger());
+        return -EFAULT;
+    }
+    if (!passes(func, params->filter, *inode, no)) {
+        return 1;
+    }
+    zutr_write(params->out_fp, delim);
+    table.print(inode, table.slot(params, number), params->out_fp);
+    return 0;
+}
+
+int64_t tier_finish_inode(const char *func, const tier_inode_table &table,
+                          const zutr_params_t *params, tier_inode_t *inode)
+{
+    inode->i_magic = table.magic;
+    inode->i_checksum = zutr_record_crc(*inode);
+    const int64_t offset = table.slot(params, inode->i_no);
+    if (!tier_check_slot(func, offset)) {
+        return -EFAULT;
+    }
+    table.print(inode, offset, stdout);
+    return offset;
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "zu_tier/format/v2.h"
+
+#include <cstdint>
+
+/* The geometry of mapped pieces, for a super block that is converted from the older layout. */
+
+/* Bytes of data for each mapped piece of a device of `block_cnt` blocks of `block_size` bytes.
+ * Asserts that the rule fits the block size. */
+int32_t get_def_min_alloc_size(uint32_t block_cnt, uint32_t block_size);
+
+/* Whether the extents on the device have `map_cnt` mapped pieces: 0, -EINVAL when they have not,
+ * -EIO when none can be read, -ENOMEM. Reads 1 MiB of extents, once in the process. */
+int32_t verify_map_cnt(const tier_super_block_v2_t *sb, int32_t dev_fd, uint32_t map_cnt);
+
+/* Fills in what the older layout does not have, from sb_block_size, sb_block_cnt, sb_extent_size
+ * and the extents on the device. 0 or -EINVAL. */
+int32_t calc_super_block_v2(int32_t dev_fd, tier_super_block_v2_t *sb);

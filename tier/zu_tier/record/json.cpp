@@ -1,0 +1,247 @@
+#include "zu_tier/record/json.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+#include <uuid/uuid.h>
+
+namespace {
+
+constexpr long double TWO_TO_63 = 9223372036854775808.0L;
+constexpr long double TWO_TO_31 = 2147483648.0L;
+constexpr uint64_t TOP_BIT = 1ULL << 63;
+
+struct file_close {
+    void operator()(FILE *file) const { fclose(file); }
+};
+using file_owner = std::unique_ptr<FILE, file_close>;
+
+/* Gives the number literals of a text that cJSON has accepted, one after the other. */
+class number_scanner {
+public:
+    explicit number_scanner(const char *text) : at_(text) {}
+
+    /* The next literal in memory that cJSON_Delete may free, or null without memory. */
+    char *next()
+    {
+        /* GCOVR_EXCL_BR_START: an accepted text has one */
+        while (*at_ != '\0' && *at_ != '-' && isdigit(static_cast<unsigned char>(*at_)) == 0) {
+            /* GCOVR_EXCL_BR_STOP */
+            if (*at_ == '"') {
+                skip_string();
+            } else {
+                at_++;
+            }
+        }
+        /* cJSON ends a number where none of its characters follow, strtold knows hexadecimal, too.
+         */
+        const size_t length = strspn(at_, "0123456789+-.eE");
+        auto *copy = static_cast<char *>(cJSON_malloc(length + 1));
+        if (copy != nullptr) {
+            memcpy(copy, at_, length);
+            copy[length] = '\0';
+            char *end = nullptr;
+            strtold(copy, &end);
+            *end = '\0';
+        }
+        at_ += length;
+        return copy;
+    }
+
+private:
+    void skip_string()
+    {
+        at_++;
+        while (*at_ != '\0' && /* GCOVR_EXCL_BR_LINE: an accepted text closes its strings */
+               *at_ != '"') {
+            at_ += *at_ == '\\' && at_[1] != '\0' ? 2 : 1; /* GCOVR_EXCL_BR_LINE: the same */
+        }
+        at_ += *at_ == '"' ? 1 : 0; /* GCOVR_EXCL_BR_LINE: the same */
+    }
+
+    const char *at_;
+};
+
+/* Numbers stand in the text in the order in which a walk of the tree meets them; should the library
+ * ever see a text in another way, the values tell. cJSON bounds the depth of what it parses, and so
+ * the depth of this recursion. 0, -ENOMEM or -EINVAL. */
+/* NOLINTNEXTLINE(misc-no-recursion): see above */
+int32_t attach_literals(cJSON *first, number_scanner &scanner)
+{
+    int32_t ret = 0;
+    for (cJSON *node = first; node != nullptr && ret == 0; node = node->next) {
+        if (cJSON_IsNumber(node)) {
+            node->valuestring = scanner.next();
+            if (node->valuestring == nullptr) {
+                return -ENOMEM;
+            }
+            /* GCOVR_EXCL_START: the library sees every text as it is seen here */
+            if (strtod(node->valuestring, nullptr) != node->valuedouble) {
+                return -EINVAL;
+            }
+            /* GCOVR_EXCL_STOP */
+        }
+        ret = attach_literals(node->child, scanner);
+    }
+    return ret;
+}
+
+/* 0 or a negative errno. */
+int32_t load(const char *path, zutr_json *document)
+{
+    if (path == nullptr) {
+        return -EINVAL;
+    }
+    const file_owner file(fopen(path, "r"));
+    struct stat st = {};
+    if (file == nullptr || fstat(fileno(file.get()), &st) != 0) {
+        return -errno;
+    }
+    if (st.st_size == 0) {
+        return -EINVAL;
+    }
+    const auto size = static_cast<size_t>(st.st_size);
+    const zutr_owned<char[]> text(static_cast<char *>(malloc(size + 1)));
+    if (text == nullptr) {
+        return -errno;
+    }
+    errno = 0;
+    if (fread(text.get(), 1, size, file.get()) < size) {
+        const int32_t ret = errno > 0 ? -errno : -EIO;
+        zutr_error("zutr_json_load", "fread failed:%s, path:%s", strerror(errno), path);
+        return ret;
+    }
+    text[size] = '\0';
+    document->reset(cJSON_Parse(text.get()));
+    if (*document == nullptr) {
+        zutr_error("zutr_json_load", "cJSON_Parse failed, path:%s", path);
+        return -EINVAL;
+    }
+    number_scanner scanner(text.get());
+    const int32_t ret = attach_literals(document->get(), scanner);
+    if (ret != 0) {
+        document->reset();
+    }
+    return ret;
+}
+
+/* Truncates toward zero; what does not fit, as the processor has it, becomes the smallest number.
+ */
+int64_t to_signed(long double number, long double limit)
+{
+    const long double whole = std::trunc(number);
+    return static_cast<int64_t>(whole >= -limit && whole < limit ? whole : -limit);
+}
+
+} // namespace
+
+zutr_json zutr_json_load(const char *path)
+{
+    zutr_json document;
+    const int32_t ret = load(path, &document);
+    if (ret < 0) {
+        errno = -ret;
+    }
+    return document;
+}
+
+uint64_t zutr_to_u64(long double number)
+{
+    if (number >= TWO_TO_63) {
+        return static_cast<uint64_t>(to_signed(number - TWO_TO_63, TWO_TO_63)) | TOP_BIT;
+    }
+    return zutr_to_s64(number);
+}
+
+uint64_t zutr_to_s64(long double number)
+{
+    return static_cast<uint64_t>(to_signed(number, TWO_TO_63));
+}
+
+uint64_t zutr_to_s32(long double number)
+{
+    return static_cast<uint64_t>(to_signed(number, TWO_TO_31));
+}
+
+long double zutr_json_number(const cJSON *node)
+{
+    return strtold(node->valuestring, nullptr);
+}
+
+int32_t zutr_json_reader::number(const char *name, zutr_need need, const cJSON **node) const
+{
+    const cJSON *item = cJSON_GetObjectItem(object_, name);
+    if (item == nullptr && need == zutr_need::optional) {
+        return 0;
+    }
+    if (!cJSON_IsNumber(item)) {
+        zutr_error(func_, "parse %s failed", name);
+        return -EINVAL;
+    }
+    *node = item;
+    return 0;
+}
+
+int32_t zutr_json_reader::string(const char *name, const char **text) const
+{
+    *text = cJSON_GetStringValue(cJSON_GetObjectItem(object_, name));
+    if (*text == nullptr) {
+        zutr_error(func_, "parse %s failed", name);
+        return -EINVAL;
+    }
+    return 0;
+}
+
+int32_t zutr_json_reader::uuid(const char *name, uint8_t *uu) const
+{
+    const char *value = nullptr;
+    const int32_t ret = string(name, &value);
+    if (ret != 0) {
+        return ret;
+    }
+    const int64_t parsed = uuid_parse(value, uu);
+    if (parsed != 0) {
+        zutr_error(func_, "parse uuid %s failed:%ld", value, parsed);
+        return -EINVAL;
+    }
+    accepted(name, zutr_uuid_utoa(uu));
+    return 0;
+}
+
+int32_t zutr_json_reader::text(const char *name, char *field, size_t size) const
+{
+    const char *value = nullptr;
+    const int32_t ret = string(name, &value);
+    if (ret != 0) {
+        return ret;
+    }
+    memset(field, 0, size);
+    memcpy(field, value, strnlen(value, size - 1));
+    accepted(name, field);
+    return 0;
+}
+
+int32_t zutr_json_reader::bits(const char *name, zutr_need need, uint64_t (*convert)(long double),
+                               uint32_t width, uint64_t *value) const
+{
+    const cJSON *node = nullptr;
+    const int32_t ret = number(name, need, &node);
+    if (node != nullptr) {
+        *value = convert(zutr_json_number(node)) & ~uint64_t{0} >> (64 - width);
+        accepted(name, *value);
+    }
+    return ret;
+}
+
+void zutr_json_reader::accepted(const char *name, uint64_t value) const
+{
+    zutr_debug(func_, "%s: %lu", name, value);
+}
+
+void zutr_json_reader::accepted(const char *name, const char *text) const
+{
+    zutr_debug(func_, "%s: %s", name, text);
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "zu_tierctl/check/report.h"
+#include "zu_tierctl/check/watcher.h"
+#include "zu_tierctl/device/device.h"
+#include "zu_tierctl/entry/metadata.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+struct tierctl_check_options {
+    std::string device;
+    bool json = false;
+    std::vector<std::string> tables{}; /* to report on; empty: all */
+
+    /* For what entries claim, by far most of what a check takes. */
+    size_t claims_memory = size_t{400} << 20;
+};
+
+/* Reads the metadata of a device and reports, on standard output, what breaks the rules of its
+ * layout. True when nothing does; throws when it cannot be checked. */
+bool tierctl_check(const tierctl_check_options &options);
+
+/* The same for a device that has been opened, to another report, which is not finished then.
+ * `watcher`, unless it is null, sees the tables that are read. */
+void tierctl_check_metadata(const tierctl_check_options &options, const tierctl_device &device,
+                            const tierctl_metadata &metadata, tierctl_report &report,
+                            tierctl_watcher *watcher);

@@ -1,0 +1,50 @@
+#include "zu_tierctl/check/check.h"
+#include "zu_tierctl/commands.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+constexpr int STATUS_FINDINGS = 1;
+constexpr int STATUS_NOT_CHECKED = 2;
+
+constexpr const char CHECK_EXAMPLE[] =
+    "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked.\n"
+    "A warning is found, too: it breaks no rule, but something is odd or could not be checked.\n"
+    "\n"
+    "Example, what is wrong with the extents, and how often:\n"
+    "  zu_tierctl check --json --table extent tier.img | jq .kinds";
+
+constexpr const char TABLE_HELP[] = "Report on this table only; may be repeated\n"
+                                    "super, brick, inode, extent; in v3 also shard and hot";
+
+int run(const tierctl_check_options &options)
+{
+    try {
+        return tierctl_check(options) ? 0 : STATUS_FINDINGS;
+    } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
+        fprintf(stderr, "zu_tierctl: %s\n", error.what());
+        return STATUS_NOT_CHECKED;
+    }
+}
+
+} // namespace
+
+void tierctl_add_check(CLI::App &app, int *status)
+{
+    const auto options = std::make_shared<tierctl_check_options>();
+    CLI::App *command =
+        app.add_subcommand("check", "Check the metadata of a device, without changing it");
+    command->footer(CHECK_EXAMPLE);
+    command->get_formatter()->column_width(32);
+    command->add_option("DEVICE", options->device, "Device, or image of one, to check")
+        ->type_name("")
+        ->required();
+    command->add_flag("--json", options->json, "Report as JSON, not as text");
+    command->add_option("--table", options->tables, TABLE_HELP)
+        ->type_name("TABLE")
+        ->allow_extra_args(false);
+    command->callback([options, status] { *status = run(*options); });
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "zu_tierctl/entry/table.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/* What a check finds, told while it goes on. */
+
+enum class tierctl_severity {
+    error,   /* breaks a rule of the layout */
+    warning, /* breaks none, but no device is made like that, or it could not be checked */
+};
+
+struct tierctl_kind {
+    std::string_view name;
+    tierctl_severity severity = tierctl_severity::error;
+};
+
+struct tierctl_finding {
+    tierctl_kind kind;
+    std::string_view table;
+    std::string_view unit; /* what `no` numbers: "entry", or "block" of packed entries */
+    uint64_t no;
+    int64_t offset; /* on the device */
+    uint64_t slot;  /* number by which zu_tier shows it; without meaning for the super block */
+    std::string text;
+};
+
+/* Of a table. Each entry is one of the last four: entries of a damaged block are damaged. */
+struct tierctl_counts {
+    uint64_t entries = 0;
+    uint64_t in_use = 0;
+    uint64_t free = 0;
+    uint64_t damaged = 0;
+    uint64_t unreadable = 0;
+};
+
+/* Where the report of a check goes. A report that cannot be written is an exception. */
+class tierctl_report {
+public:
+    virtual ~tierctl_report() = default;
+
+    void add(const tierctl_finding &finding);
+    void add_counts(std::string_view table, const tierctl_counts &counts);
+
+    /* Nothing more follows. */
+    void finish();
+
+    /* All there were. */
+    uint64_t findings() const { return findings_; }
+
+protected:
+    explicit tierctl_report(const std::string &device);
+
+    struct table_counts {
+        std::string_view table;
+        tierctl_counts counts;
+    };
+
+    const std::vector<table_counts> &counts() const { return counts_; }
+    const std::map<std::string_view, uint64_t> &kinds() const { return kinds_; }
+
+    /* The command that shows what the finding is about. */
+    std::string command(const tierctl_finding &finding) const;
+
+private:
+    virtual void write(const tierctl_finding &finding) = 0;
+    virtual void write_end() = 0;
+
+    std::string shown_device_; /* as a word of a command line */
+    uint64_t findings_ = 0;
+    std::vector<table_counts> counts_;
+    std::map<std::string_view, uint64_t> kinds_; /* findings of each */
+};
+
+/* On standard output, for people: a line for each finding, then tables of counts. */
+std::unique_ptr<tierctl_report> tierctl_text_report(const std::string &device);
+
+/* On standard output, for programs: a single document. */
+std::unique_ptr<tierctl_report> tierctl_json_report(const std::string &device,
+                                                    std::string_view layout);

@@ -1,0 +1,123 @@
+#include "zu_tierctl/device/device.h"
+
+#include "zu_tierctl/device/error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <new>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr uint64_t SLOTS_A_READ = SIZE_1M / SIZE_4K;
+
+/* Not every file system has direct access. */
+int open_direct(const std::string &path, int flags)
+{
+    const int fd = open(path.c_str(), flags | O_DIRECT);
+    return fd < 0 && errno == EINVAL ? open(path.c_str(), flags) : fd;
+}
+
+/* Slots of a region, from its first on, that lie on a device of `size` bytes as the tool reads it:
+ * whole, at multiples of 4096. */
+uint64_t slots_on_device(const tier_region &region, uint64_t size)
+{
+    const auto start = static_cast<uint64_t>(region.start);
+    if (start % SIZE_4K != 0 || start >= size) {
+        return 0;
+    }
+    return std::min(region.count, (size - start) / SIZE_4K);
+}
+
+} // namespace
+
+tierctl_device::tierctl_device(const std::string &path, tierctl_access access)
+    : path_(path),
+      fd_(open_direct(path, access == tierctl_access::exclusive ? O_RDWR | O_EXCL | O_CLOEXEC
+                                                                : O_RDONLY | O_CLOEXEC))
+{
+    struct stat status {};
+    if (fd_.get() < 0 || fstat(fd_.get(), &status) != 0) {
+        tierctl_throw_errno("cannot open " + path);
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
+        throw std::runtime_error(path + " is neither a regular file nor a block device");
+    }
+    const off_t end = lseek(fd_.get(), 0, SEEK_END);
+    if (end < 0) {
+        tierctl_throw_errno("cannot measure " + path);
+    }
+    size_ = static_cast<uint64_t>(end);
+}
+
+bool tierctl_device::read(int64_t offset, void *data, size_t length) const
+{
+    if (offset < 0 || offset % SIZE_4K != 0 || static_cast<uint64_t>(offset) > size_ ||
+        length > size_ - static_cast<uint64_t>(offset)) {
+        errno = ENXIO;
+        return false;
+    }
+    errno = EIO; /* of a file that has become shorter meanwhile nothing else tells */
+    return zutr_readn(fd_.get(), data, length, offset) >= 0;
+}
+
+void tierctl_device::write_block(int64_t offset, const void *block)
+{
+    if (zutr_writen(fd_.get(), block, SIZE_4K, offset) < 0 || fsync(fd_.get()) != 0) {
+        tierctl_throw_errno("cannot write " + path_);
+    }
+}
+
+tierctl_table_reader::tierctl_table_reader(const tierctl_device &device, const tierctl_table &table)
+    : device_(device), table_(table)
+{
+    if (zutr_alloc_aligned(SIZE_1M, &buffer_) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+bool tierctl_table_reader::next(tierctl_slots *slots)
+{
+    while (region_ < table_.regions.size()) {
+        const tier_region &region = table_.regions[region_];
+        if (first_ < region.count) {
+            *slots = read(region, slots_on_device(region, device_.size()));
+            first_ += slots->count;
+            return true;
+        }
+        base_ += region.count;
+        first_ = single_end_ = 0;
+        region_++;
+    }
+    return false;
+}
+
+tierctl_slots tierctl_table_reader::read(const tier_region &region, uint64_t there)
+{
+    const int64_t offset = region.slot(first_);
+    if (first_ >= there) {
+        return {base_ + first_, region.count - first_, offset, nullptr, ENXIO};
+    }
+    if (first_ >= single_end_) {
+        const uint64_t count = std::min(SLOTS_A_READ, there - first_);
+        if (device_.read(offset, buffer_.get(), count * SIZE_4K)) {
+            return {base_ + first_, count, offset, buffer_.get(), 0};
+        }
+        single_end_ = first_ + count;
+    }
+    if (device_.read(offset, buffer_.get(), SIZE_4K)) {
+        return {base_ + first_, 1, offset, buffer_.get(), 0};
+    }
+    return {base_ + first_, 1, offset, nullptr, errno};
+}
+
+void tierctl_read_table(const tierctl_device &device, const tierctl_table &table,
+                        const std::function<void(const tierctl_slots &)> &take)
+{
+    tierctl_table_reader reader(device, table);
+    tierctl_slots slots{};
+    while (reader.next(&slots)) {
+        take(slots);
+    }
+}

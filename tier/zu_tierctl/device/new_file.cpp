@@ -1,0 +1,85 @@
+#include "zu_tierctl/device/new_file.h"
+
+#include "common/zutr_utils.h"
+#include "zu_tierctl/device/error.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/* A new name lasts only when its directory has reached the disk, too. One that cannot be opened or
+ * synced gets there in its own time. */
+void sync_directory_of(const std::string &path)
+{
+    const std::string directory = fs::path(path).replace_filename(".");
+    const tierctl_fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    fsync(fd.get());
+}
+
+} // namespace
+
+void tierctl_refuse_existing(const std::string &path)
+{
+    std::error_code unknown; /* a path that cannot be looked at cannot be created either */
+    if (fs::exists(fs::symlink_status(path, unknown))) {
+        throw std::runtime_error(path + " exists");
+    }
+}
+
+tierctl_new_file::tierctl_new_file(std::string path)
+    : path_(std::move(path)), scratch_path_(fs::path(path_).replace_filename(".zu_tierctl.XXXXXX")),
+      fd_(mkostemp(scratch_path_.data(), O_CLOEXEC))
+{
+    if (fd_.get() < 0) {
+        fail("cannot create ");
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(fd_.get(), 0666 & ~mask); /* the file is its own */
+}
+
+tierctl_new_file::~tierctl_new_file()
+{
+    unlink(scratch_path_.c_str()); /* gone already when it was renamed */
+}
+
+void tierctl_new_file::resize(uint64_t size)
+{
+    if (ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) {
+        fail("cannot create ");
+    }
+}
+
+void tierctl_new_file::write(int64_t offset, const void *data, size_t length)
+{
+    if (zutr_writen(fd_.get(), data, length, offset) < 0) {
+        fail("cannot write ");
+    }
+}
+
+void tierctl_new_file::commit(tierctl_naming naming)
+{
+    if (fsync(fd_.get()) != 0) { /* some disks tell of failed writes only now */
+        fail("cannot write ");
+    }
+    /* A second name for the file, unlike a new one, never takes the place of another file. */
+    const auto give_name = naming == tierctl_naming::replace ? rename : link;
+    if (give_name(scratch_path_.c_str(), path_.c_str()) != 0) {
+        fail("cannot create ");
+    }
+    sync_directory_of(path_);
+}
+
+void tierctl_new_file::fail(const char *what) const
+{
+    tierctl_throw_errno(what + path_);
+}

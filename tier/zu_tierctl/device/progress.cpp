@@ -1,0 +1,49 @@
+#include "zu_tierctl/device/progress.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr auto INTERVAL = std::chrono::milliseconds(100);
+constexpr uint64_t WIDTH = 40; /* of the bar, in characters */
+constexpr char WIPE[] = "\r\x1b[K";
+
+} // namespace
+
+tierctl_progress::tierctl_progress(std::string title, uint64_t total)
+    : title_(std::move(title)), total_(total), shown_(isatty(STDERR_FILENO) != 0),
+      next_(std::chrono::steady_clock::now() + INTERVAL)
+{
+}
+
+tierctl_progress::~tierctl_progress()
+{
+    if (shown_) {
+        fputs(WIPE, stderr);
+    }
+}
+
+void tierctl_progress::add(uint64_t done)
+{
+    done_ += done;
+    if (!shown_) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= next_) {
+        next_ = now + INTERVAL;
+        draw();
+    }
+}
+
+void tierctl_progress::draw() const
+{
+    const double part =
+        total_ == 0 ? 1 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
+    const auto filled = static_cast<size_t>(part * WIDTH);
+    const std::string bar = std::string(filled, '#') + std::string(WIDTH - filled, '.');
+    fprintf(stderr, "%s%s [%s] %3.0f %%", WIPE, title_.c_str(), bar.c_str(), part * 100);
+}

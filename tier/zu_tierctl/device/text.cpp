@@ -1,0 +1,48 @@
+#include "zu_tierctl/device/text.h"
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+
+std::string tierctl_text(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    /* NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is, by the line above */
+    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, arguments)), '\0');
+    va_end(arguments);
+    va_start(arguments, format);
+    vsnprintf(text.data(), text.size() + 1, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string tierctl_shell_word(std::string_view text)
+{
+    constexpr std::string_view PLAIN = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                       "0123456789_-+=./:,@%";
+    if (!text.empty() && text.find_first_not_of(PLAIN) == std::string_view::npos) {
+        return std::string(text);
+    }
+    std::string word = "'";
+    for (const char c : text) {
+        word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return word + '\'';
+}
+
+std::string tierctl_quoted(std::string_view text)
+{
+    std::string quoted = "\"";
+    for (const char byte : text) {
+        if (byte < ' ' || byte > '~') {
+            quoted += tierctl_text("\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+            continue;
+        }
+        if (byte == '"' || byte == '\\') {
+            quoted += '\\';
+        }
+        quoted += byte;
+    }
+    return quoted + '"';
+}

@@ -1,0 +1,66 @@
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/diff/diff.h"
+#include "zu_tierctl/diff/report.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace {
+
+/* As of diff(1). */
+constexpr int STATUS_DIFFERENT = 1;
+constexpr int STATUS_TROUBLE = 2;
+
+constexpr const char DIFF_FOOTER[] =
+    "An entry differs when any byte of its 4096 does; each of its fields that differ is shown,\n"
+    "as is every stretch of bytes that belong to no field. What cannot be read is a difference.\n"
+    "Exit status: 0 no differences, 1 differences, 2 no comparison.\n"
+    "\n"
+    "JSON lines, by kind:\n"
+    "  entry       table, no, count (1), offset_a, offset_b, fields: [{key, a, b}]\n"
+    "  unreadable  table, no (the first), count, a and b: what is wrong with it, or null\n"
+    "  only        table, no (the first), count, in: \"a\" or \"b\"\n"
+    "  layout      a, b: the layouts; nothing else is compared\n"
+    "\n"
+    "Example, before and after a repair:\n"
+    "  zu_tierctl save /dev/nvme0n1 before.img\n"
+    "  zu_tier -p /dev/nvme0n1 -c repair_inode -f inode.json -y\n"
+    "  zu_tierctl diff before.img /dev/nvme0n1";
+
+struct diff_options {
+    std::string a;
+    std::string b;
+    bool json = false;
+};
+
+int run(const diff_options &options)
+{
+    try {
+        const auto report = options.json ? tierctl_json_report() : tierctl_text_report();
+        const bool equal = tierctl_diff(options.a, options.b, *report);
+        tierctl_finish_output();
+        return equal ? 0 : STATUS_DIFFERENT;
+    } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
+        fprintf(stderr, "zu_tierctl: %s\n", error.what());
+        return STATUS_TROUBLE;
+    }
+}
+
+} // namespace
+
+void tierctl_add_diff(CLI::App &app, int *status)
+{
+    const auto options = std::make_shared<diff_options>();
+    CLI::App *command =
+        app.add_subcommand("diff", "Show which entries of two devices or saved files differ");
+    command->footer(DIFF_FOOTER);
+    command->add_option("A", options->a, "Block device, image or saved file")
+        ->type_name("")
+        ->required();
+    command->add_option("B", options->b, "The same; both are only read")->type_name("")->required();
+    command->add_flag("--json", options->json, "JSON lines: one for each difference");
+    command->callback([options, status] { *status = run(*options); });
+}

@@ -1,0 +1,187 @@
+#include "zu_tierctl/diff/diff.h"
+
+#include "zu_tierctl/device/device.h"
+#include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/unreadable.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+/* One of the two that are compared. */
+struct side {
+    explicit side(const std::string &path)
+        : device(path, tierctl_access::read_only), metadata(tierctl_read_metadata(device)),
+          unreadable(path)
+    {
+    }
+
+    tierctl_device device;
+    tierctl_metadata metadata;
+    tierctl_unreadable_list unreadable;
+};
+
+/* A table of a side, of which runs of any length are taken one behind the other. */
+class table_cursor {
+public:
+    table_cursor(const side &side, const tierctl_table &table)
+        : side_(side), table_(table), name_(table.name), reader_(side.device, table)
+    {
+    }
+
+    /* What is left of the run that has been read; count 0 behind the last one. */
+    const tierctl_slots &run()
+    {
+        if (run_.count == 0) {
+            reader_.next(&run_);
+        }
+        return run_;
+    }
+
+    /* What is wrong with the first slot of the run. A block that a saved file lacks reads as zero.
+     */
+    int error() const
+    {
+        if (run_.data != nullptr && side_.unreadable.holds(name_, run_.first_no)) {
+            return ENODATA;
+        }
+        return run_.error;
+    }
+
+    tierctl_entry entry() const { return {side_.metadata, table_, run_.first_no, run_.data}; }
+
+    void skip(uint64_t count)
+    {
+        const auto bytes = count * SIZE_4K;
+        run_.first_no += count;
+        run_.count -= count;
+        run_.offset = zutr_advance(run_.offset, static_cast<int64_t>(bytes));
+        run_.data = run_.data == nullptr ? nullptr : run_.data + bytes;
+    }
+
+private:
+    const side &side_;
+    const tierctl_table &table_;
+    std::string name_;
+    tierctl_table_reader reader_;
+    tierctl_slots run_{};
+};
+
+/* Collects entries with the same errors that follow one another. */
+class unreadable_range {
+public:
+    unreadable_range(tierctl_diff_report &report, std::string_view table)
+        : report_(report), range_{table, 0, 0}
+    {
+    }
+
+    void add(uint64_t no, uint64_t count, int error_a, int error_b)
+    {
+        if (no != range_.first + range_.count || error_a != error_a_ || error_b != error_b_) {
+            flush();
+            range_.first = no;
+            error_a_ = error_a;
+            error_b_ = error_b;
+        }
+        range_.count += count;
+    }
+
+    void flush()
+    {
+        if (range_.count > 0) {
+            report_.unreadable(range_, error_a_, error_b_);
+            range_.count = 0;
+        }
+    }
+
+private:
+    tierctl_diff_report &report_;
+    tierctl_entry_range range_;
+    int error_a_ = 0;
+    int error_b_ = 0;
+};
+
+class table_comparison {
+public:
+    table_comparison(const side &a, const side &b, size_t table, tierctl_diff_report &report)
+        : table_a_(a.metadata.tables[table]), table_b_(b.metadata.tables[table]), a_(a, table_a_),
+          b_(b, table_b_), report_(report), unreadable_(report, table_a_.name)
+    {
+    }
+
+    /* Whether the tables are equal. */
+    bool run(tierctl_progress &progress)
+    {
+        const uint64_t count_a = table_a_.count();
+        const uint64_t count_b = table_b_.count();
+        const uint64_t both = std::min(count_a, count_b);
+        for (uint64_t no = 0, step = 0; no < both; no += step) {
+            step = compare(std::min({a_.run().count, b_.run().count, both - no}));
+            a_.skip(step);
+            b_.skip(step);
+            progress.add(step);
+        }
+        unreadable_.flush();
+        if (count_a != count_b) {
+            equal_ = false;
+            report_.only_in(count_a > count_b ? "a" : "b",
+                            {table_a_.name, both, std::max(count_a, count_b) - both});
+        }
+        return equal_;
+    }
+
+private:
+    /* Compares the first entries, at most `count`; gives how many. */
+    uint64_t compare(uint64_t count)
+    {
+        const int error_a = a_.error();
+        const int error_b = b_.error();
+        const tierctl_entry a = a_.entry();
+        const tierctl_entry b = b_.entry();
+        if (error_a != 0 || error_b != 0) {
+            equal_ = false;
+            const uint64_t lost = a.slot == nullptr && b.slot == nullptr ? count : 1;
+            unreadable_.add(a.no, lost, error_a, error_b);
+            return lost;
+        }
+        if (memcmp(a.slot, b.slot, SIZE_4K) != 0) {
+            equal_ = false;
+            unreadable_.flush();
+            report_.entry(a, b);
+        }
+        return 1;
+    }
+
+    const tierctl_table &table_a_;
+    const tierctl_table &table_b_;
+    table_cursor a_;
+    table_cursor b_;
+    tierctl_diff_report &report_;
+    unreadable_range unreadable_;
+    bool equal_ = true;
+};
+
+} // namespace
+
+bool tierctl_diff(const std::string &path_a, const std::string &path_b, tierctl_diff_report &report)
+{
+    const side a(path_a);
+    const side b(path_b);
+    if (a.metadata.version != b.metadata.version) {
+        report.layouts(a.metadata.layout_name, b.metadata.layout_name);
+        return false;
+    }
+    const size_t tables = a.metadata.tables.size(); /* a layout has always the same */
+    uint64_t total = 0;
+    for (const tierctl_table &table : a.metadata.tables) {
+        total += table.count();
+    }
+    tierctl_progress progress("diff", total);
+    bool equal = true;
+    for (size_t table = 0; table < tables; table++) {
+        equal = table_comparison(a, b, table, report).run(progress) && equal;
+    }
+    return equal;
+}

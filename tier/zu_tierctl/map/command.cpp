@@ -1,0 +1,94 @@
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/new_file.h"
+#include "zu_tierctl/device/number.h"
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/map/map.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t WIDTH_FALLBACK = 80;
+constexpr size_t WIDTH_MAX = 1000;
+constexpr size_t HTML_CELLS_MAX = 3000; /* of a table */
+
+constexpr const char MAP_DESCRIPTION[] = "Draw what the tables of a device hold, and where";
+
+constexpr const char MAP_FOOTER[] =
+    "Each table is a grid of cells, each of them one entry or several that follow one another:\n"
+    "in use, free, with findings of zu_tierctl check, damaged, unreadable. Then come use by brick\n"
+    "and the ages of files. The picture is as wide as the terminal, or COLUMNS; it has colours on\n"
+    "a terminal, unless NO_COLOR is set.\n"
+    "\n"
+    "Example:\n"
+    "  zu_tierctl map --html map.html /dev/nvme0n1";
+
+struct map_options {
+    std::string device;
+    std::string html;
+};
+
+/* The value of the variable; empty when it is not set. */
+std::string variable(const char *name)
+{
+    const char *value = getenv(name);
+    return value != nullptr ? value : "";
+}
+
+size_t output_width()
+{
+    winsize window{};
+    uint64_t width = tierctl_parse_number(variable("COLUMNS")).value_or(0);
+    if (width == 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
+        width = window.ws_col;
+    }
+    return std::min<uint64_t>(width != 0 ? width : WIDTH_FALLBACK, WIDTH_MAX);
+}
+
+void write_html(const map_options &options)
+{
+    tierctl_refuse_existing(options.html);
+    tierctl_new_file file(options.html);
+    const std::string page =
+        tierctl_map_html(tierctl_read_map(options.device, [](uint64_t) { return HTML_CELLS_MAX; }));
+    file.write(0, page.data(), page.size());
+    file.commit(tierctl_naming::new_name);
+}
+
+void print_map(const map_options &options)
+{
+    const size_t width = output_width();
+    const bool colours = isatty(STDOUT_FILENO) != 0 && variable("NO_COLOR").empty();
+    const tierctl_map map = tierctl_read_map(
+        options.device, [width](uint64_t last) { return tierctl_map_terminal_cells(width, last); });
+    tierctl_print(tierctl_map_terminal(map, width, colours));
+    tierctl_finish_output();
+}
+
+} // namespace
+
+void tierctl_add_map(CLI::App &app)
+{
+    const auto options = std::make_shared<map_options>();
+    CLI::App *command = app.add_subcommand("map", MAP_DESCRIPTION);
+    command->footer(MAP_FOOTER);
+    command->add_option("DEVICE", options->device, "Block device or image, only read")
+        ->type_name("")
+        ->required();
+    const CLI::Option *html =
+        command->add_option("--html", options->html, "Draw a page into this new file instead")
+            ->type_name("FILE");
+    command->callback([options, html] {
+        if (html->empty()) {
+            print_map(*options);
+        } else {
+            write_html(*options);
+        }
+    });
+}

@@ -1,0 +1,305 @@
+#include "zu_tierctl/map/map.h"
+
+#include "zu_tier/record/text.h"
+#include "zu_tier/record/time.h"
+#include "zu_tierctl/check/check.h"
+#include "zu_tierctl/check/entries.h"
+#include "zu_tierctl/device/text.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <utility>
+
+namespace {
+
+constexpr uint64_t HOUR = 3600ULL * 1000 * 1000 * 1000;
+constexpr uint64_t DAY = 24 * HOUR;
+constexpr uint64_t ANY = std::numeric_limits<uint64_t>::max();
+
+constexpr tierctl_map_age AGES[] = {
+    {"hour", HOUR},      {"day", DAY},        {"week", 7 * DAY},
+    {"month", 30 * DAY}, {"year", 365 * DAY}, {"older", ANY},
+};
+
+/* No layout has more; what names another one is counted together. */
+constexpr size_t BRICKS = TIER_BRICK_CNT_MAX_V3;
+constexpr uint16_t OTHER_BRICK = BRICKS;
+
+std::string time_text(uint64_t nanoseconds)
+{
+    std::array<char, ZUTR_TIME_ROOM> text;
+    return {text.data(), zutr_put_time(text.data(), nanoseconds)};
+}
+
+/* The brick for which each entry of a table is in use. */
+class brick_numbers {
+public:
+    void set(uint64_t no, uint16_t brick)
+    {
+        if (no >= tierctl_states::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB of them */
+            return;                              /* GCOVR_EXCL_LINE */
+        }
+        if (no >= numbers_.size()) {
+            numbers_.resize(no + 1, OTHER_BRICK);
+        }
+        numbers_[no] = brick;
+    }
+
+    uint16_t get(uint64_t no) const { return no < numbers_.size() ? numbers_[no] : OTHER_BRICK; }
+
+private:
+    std::vector<uint16_t> numbers_;
+};
+
+/* The tables of a map while they are read. */
+class table_builder : public tierctl_watcher {
+public:
+    table_builder(tierctl_map &map, const tierctl_cells_max &cells_max)
+        : map_(map), cells_max_(cells_max)
+    {
+        for (size_t no = 0; no < BRICKS; no++) {
+            bricks_.push_back({std::to_string(no), "not in use, or damaged"});
+        }
+        bricks_.push_back({"other", "not known"});
+    }
+
+    void begin_table(std::string_view table_name, const tierctl_numbering &numbering,
+                     std::string_view owner) override;
+    void add_lost(uint64_t first_slot, uint64_t slots, tierctl_state state) override;
+    void add_free(uint64_t no) override { add(no, &tierctl_counts::free); }
+    void add_in_use(const tierctl_entry_in_use &entry) override;
+
+    /* All has been read. */
+    void finish();
+
+private:
+    tierctl_map_table &table() { return map_.tables.back(); }
+
+    void add(uint64_t no, uint64_t tierctl_counts::*count)
+    {
+        const uint64_t cell = table().numbering.index(no) / table().cell_entries;
+        (table().cells[cell].counts.*count)++;
+        (table().counts.*count)++;
+    }
+
+    void add_inode(const tier_inode_t &inode, tierctl_map_brick &brick);
+
+    tierctl_map &map_;
+    const tierctl_cells_max &cells_max_;
+    std::vector<tierctl_map_brick> bricks_;             /* by number */
+    std::map<std::string_view, brick_numbers> numbers_; /* by table */
+    const brick_numbers *owners_ = nullptr;             /* of the table that entries name */
+    brick_numbers *own_ = nullptr;
+    std::vector<uint64_t> accesses_;
+};
+
+void table_builder::begin_table(std::string_view table_name, const tierctl_numbering &numbering,
+                                std::string_view owner)
+{
+    owners_ = &numbers_[owner];
+    own_ = &numbers_[table_name];
+    const uint64_t entries = numbering.entries();
+    map_.tables.push_back({table_name, numbering, 1, {.entries = entries}});
+    if (entries == 0) {
+        return;
+    }
+    const uint64_t cells = cells_max_(numbering.number(entries - 1));
+    table().cell_entries = (entries - 1) / cells + 1;
+    for (uint64_t first = 0, left = entries; left > 0;) {
+        const uint64_t count = std::min(left, table().cell_entries);
+        table().cells.push_back(
+            {numbering.number(first), numbering.number(first + count - 1), {.entries = count}});
+        first += count;
+        left -= count;
+    }
+}
+
+void table_builder::add_lost(uint64_t first_slot, uint64_t slots, tierctl_state state)
+{
+    const auto count =
+        state == tierctl_state::damaged ? &tierctl_counts::damaged : &tierctl_counts::unreadable;
+    const uint64_t a_slot = table().numbering.entries_a_slot();
+    uint64_t first = first_slot * a_slot;
+    table().counts.*count += slots * a_slot;
+    for (uint64_t left = slots * a_slot; left > 0;) {
+        const uint64_t cell_entries = table().cell_entries;
+        const uint64_t here = std::min(left, cell_entries - first % cell_entries);
+        table().cells[first / cell_entries].counts.*count += here;
+        first += here;
+        left -= here;
+    }
+}
+
+void table_builder::add_in_use(const tierctl_entry_in_use &entry)
+{
+    add(entry.no, &tierctl_counts::in_use);
+    const std::string_view name = table().name;
+    if (name == "brick") {
+        if (entry.no < BRICKS) {
+            own_->set(entry.no, static_cast<uint16_t>(entry.no));
+            bricks_[entry.no].in_use = true;
+            const auto brick = tierctl_record<tier_brick_info_t>(entry.slot);
+            bricks_[entry.no].path =
+                tierctl_shown_text(std::string(zutr_bounded(brick.bi_brickid)));
+        }
+        return;
+    }
+    if (!entry.owner) {
+        return;
+    }
+    uint16_t brick = owners_->get(*entry.owner);
+    if (name == "inode") {
+        /* Also when the brick is not in use. */
+        brick = static_cast<uint16_t>(std::min<uint64_t>(*entry.owner, OTHER_BRICK));
+        add_inode(tierctl_record<tier_inode_t>(entry.slot), bricks_[brick]);
+    } else if (name == "extent") {
+        bricks_[brick].extents++;
+        return;
+    }
+    own_->set(entry.no, brick);
+}
+
+void table_builder::add_inode(const tier_inode_t &inode, tierctl_map_brick &brick)
+{
+    brick.inodes++;
+    brick.bytes += std::min(inode.i_size, ANY - brick.bytes);
+    if (accesses_.size() < tierctl_states::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB */
+        accesses_.push_back(inode.i_atime);
+    }
+}
+
+void table_builder::finish()
+{
+    for (tierctl_map_brick &brick : bricks_) {
+        if (brick.in_use || brick.inodes != 0 || brick.extents != 0) {
+            map_.bricks.push_back(std::move(brick));
+        }
+    }
+    std::ranges::stable_sort(map_.bricks, std::ranges::greater{}, [](const auto &brick) {
+        return std::pair(brick.extents, brick.inodes);
+    });
+    map_.ages.assign(std::begin(AGES), std::end(AGES));
+    if (accesses_.empty()) {
+        return;
+    }
+    const uint64_t newest = *std::ranges::max_element(accesses_);
+    map_.accessed = time_text(newest);
+    for (const uint64_t access : accesses_) {
+        const uint64_t age = newest - access;
+        std::ranges::find_if(map_.ages, [age](const auto &known) {
+            return age <= known.end;
+        })->inodes++;
+    }
+}
+
+/* The findings of a map. */
+class map_report : public tierctl_report {
+public:
+    explicit map_report(tierctl_map &map) : tierctl_report(map.device), map_(map) {}
+
+private:
+    void write(const tierctl_finding &finding) override;
+    void write_end() override {} /* GCOVR_EXCL_LINE: nothing is printed */
+
+    tierctl_map &map_;
+};
+
+void map_report::write(const tierctl_finding &finding)
+{
+    map_.findings_count++;
+    tierctl_map_table &table =
+        *std::ranges::find(map_.tables, finding.table, &tierctl_map_table::name);
+    table.findings++;
+    const tierctl_numbering &numbering = table.numbering;
+    const uint64_t index = finding.unit == "block" ? finding.no * numbering.entries_a_slot()
+                                                   : numbering.index(finding.no);
+    if (!table.cells.empty()) {
+        table.cells[index / table.cell_entries].findings++;
+    }
+    if (map_.findings.size() < tierctl_map::FINDINGS_MAX) {
+        std::string about(finding.table);
+        about += finding.unit == "block" ? " block " : " ";
+        map_.findings.push_back({finding.kind.severity, about + std::to_string(finding.no),
+                                 finding.text, command(finding)});
+    }
+}
+
+} // namespace
+
+tierctl_look tierctl_map_cell::look() const
+{
+    if (counts.unreadable != 0) {
+        return tierctl_look::unreadable;
+    }
+    if (counts.damaged != 0) {
+        return tierctl_look::damaged;
+    }
+    if (findings != 0) {
+        return tierctl_look::finding;
+    }
+    return counts.in_use != 0 ? tierctl_look::in_use : tierctl_look::free;
+}
+
+unsigned tierctl_map_cell::level() const
+{
+    if (counts.in_use == 0 || counts.in_use == counts.entries) {
+        return counts.in_use == 0 ? 0 : 8;
+    }
+    return static_cast<unsigned>(1 + counts.in_use * 7 / counts.entries);
+}
+
+tierctl_map tierctl_read_map(const std::string &device_path, const tierctl_cells_max &cells_max)
+{
+    const tierctl_device device(device_path, tierctl_access::read_only);
+    const tierctl_metadata metadata = tierctl_read_metadata(device);
+    tierctl_map map;
+    map.device = device_path;
+    map.layout = metadata.layout_name;
+    metadata.with_super([&map](const auto &super) {
+        map.identity = zutr_uuid_utoa(super.sb_uuid);
+        map.created = time_text(super.sb_ctime);
+    });
+    table_builder tables(map, cells_max);
+    map_report report(map);
+    tierctl_check_metadata({.device = device_path}, device, metadata, report, &tables);
+    tables.finish();
+    return map;
+}
+
+std::string tierctl_bytes_text(uint64_t bytes)
+{
+    constexpr const char *UNITS[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    if (bytes < 1024) {
+        return std::to_string(bytes);
+    }
+    const size_t thousands = (std::bit_width(bytes) - 1) / 10; /* factors of 1024 */
+    const double unit = std::ldexp(1.0, static_cast<int>(10 * thousands));
+    return tierctl_text("%.1f %s", static_cast<double>(bytes) / unit, UNITS[thousands - 1]);
+}
+
+std::string tierctl_counts_text(const tierctl_counts &counts, uint64_t findings)
+{
+    const std::pair<uint64_t, const char *> parts[] = {
+        {counts.in_use, " in use"},
+        {counts.free, " free"},
+        {counts.damaged, " damaged"},
+        {counts.unreadable, " unreadable"},
+        {findings, findings == 1 ? " finding" : " findings"},
+    };
+    std::string text;
+    for (const auto &[count, what] : parts) {
+        if (count != 0) {
+            text += (text.empty() ? "" : ", ") + std::to_string(count) + what;
+        }
+    }
+    return text.empty() ? "nothing" : text;
+}
+
+std::string tierctl_shown_text(const std::string &text)
+{
+    std::string quoted = tierctl_quoted(text);
+    return quoted == '"' + text + '"' ? text : quoted;
+}

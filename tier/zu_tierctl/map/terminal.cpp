@@ -1,0 +1,292 @@
+#include "zu_tierctl/device/text.h"
+#include "zu_tierctl/map/map.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr size_t ROWS_MAX = 12; /* of a table's grid, and of bricks */
+constexpr size_t BAR_WIDTH = 16;
+constexpr size_t PATH_MIN = 12; /* a shorter end of a path says nothing */
+
+/* Widths of the columns about bricks and ages, in lines that have room for them. */
+constexpr size_t NAME_WIDTH = 7;
+constexpr size_t INODES_WIDTH = 9;
+constexpr size_t BYTES_WIDTH = 12;
+constexpr size_t EXTENTS_WIDTH = 11;
+constexpr size_t COLUMNS_WIDTH = NAME_WIDTH + INODES_WIDTH + BYTES_WIDTH + EXTENTS_WIDTH;
+
+using text_style = const char *; /* parameters of the escape sequence that sets it */
+
+constexpr text_style PLAIN = "";
+constexpr text_style BOLD = "1";
+constexpr text_style DIM = "2";
+constexpr text_style USE = "36";
+
+struct look_marks {
+    tierctl_look look;
+    text_style colour;
+    const char *mark; /* null: by how much is in use */
+    const char *name;
+};
+
+constexpr look_marks LOOKS[] = {
+    {tierctl_look::in_use, USE, nullptr, "in use, part to all;"},
+    {tierctl_look::free, DIM, "·", "free;"},
+    {tierctl_look::finding, "1;33", "!", "finding;"},
+    {tierctl_look::damaged, "1;31", "X", "damaged;"},
+    {tierctl_look::unreadable, "1;35", "?", "unreadable"},
+};
+
+constexpr const char *UPRIGHT[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char *LYING[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
+
+bool begins_character(char byte)
+{
+    return (static_cast<uint8_t>(byte) & 0xC0) != 0x80;
+}
+
+size_t columns(std::string_view text)
+{
+    return static_cast<size_t>(std::ranges::count_if(text, begins_character));
+}
+
+std::string bar(uint64_t part, uint64_t whole)
+{
+    if (part == 0) {
+        return "";
+    }
+    const double eighths = static_cast<double>(part) / static_cast<double>(whole) * (8 * BAR_WIDTH);
+    const auto length = std::max<size_t>(1, static_cast<size_t>(eighths));
+    std::string text;
+    for (size_t i = 0; i < length / 8; i++) {
+        text += UPRIGHT[8];
+    }
+    return text + LYING[length % 8];
+}
+
+/* Lines no longer than the width. */
+class lines {
+public:
+    lines(size_t width, bool colours) : width_(width), colours_(colours) {}
+
+    size_t width() const { return width_; }
+
+    /* Goes on in the next line where this one is full. */
+    void add(text_style style, std::string_view text)
+    {
+        for (const char byte : text) {
+            if (begins_character(byte) && column_++ == width_) {
+                end_line();
+                column_ = 1;
+            }
+            if (colours_ && style != style_) {
+                text_.append("\x1b[0").append(*style != '\0' ? ";" : "").append(style) += 'm';
+                style_ = style;
+            }
+            text_ += byte;
+        }
+    }
+
+    /* Breaks lines between words. */
+    void add_words(text_style style, std::string_view text)
+    {
+        while (!text.empty()) {
+            const std::string_view word = text.substr(0, text.find(' '));
+            if (column_ != 0 && column_ + 1 + columns(word) > width_) {
+                end_line();
+            }
+            if (column_ != 0) {
+                add(style, " ");
+            }
+            add(style, word);
+            text.remove_prefix(std::min(text.size(), word.size() + 1));
+        }
+    }
+
+    /* Goes on in the next line if so many characters fit there, but not in this one. */
+    void keep_together(size_t length)
+    {
+        if (column_ != 0 && column_ + 1 + length > width_ && length <= width_) {
+            end_line();
+        }
+    }
+
+    void add_phrase(text_style style, std::string_view text)
+    {
+        keep_together(columns(text));
+        add_words(style, text);
+    }
+
+    /* At the right of a column, where that fits; else as a word. */
+    void add_column(text_style style, const std::string &text, size_t width)
+    {
+        if (width_ < COLUMNS_WIDTH || text.size() >= width) {
+            add_words(style, text);
+        } else {
+            add(style, std::string(width - text.size(), ' ') + text);
+        }
+    }
+
+    void end_line()
+    {
+        if (style_ != PLAIN) {
+            text_ += "\x1b[0m";
+            style_ = PLAIN;
+        }
+        text_ += '\n';
+        column_ = 0;
+    }
+
+    std::string take() { return std::move(text_); }
+
+private:
+    size_t width_;
+    bool colours_;
+    size_t column_ = 0;
+    text_style style_ = PLAIN;
+    std::string text_;
+};
+
+/* In front of each row of a grid stands the number of its first entry, if that leaves enough room
+ * for the row. */
+size_t label_width(size_t width, uint64_t last)
+{
+    const size_t label = std::to_string(last).size() + 1;
+    return 2 * label < width ? label : 0;
+}
+
+void draw_head(const tierctl_map &map, lines &lines)
+{
+    lines.add_words(BOLD, tierctl_shown_text(map.device));
+    lines.end_line();
+    lines.add_phrase(PLAIN, "layout " + std::string(map.layout) + ",");
+    lines.add_phrase(PLAIN, "cache " + map.identity + ",");
+    lines.add_phrase(PLAIN, "created " + map.created + (map.accessed.empty() ? "" : ","));
+    if (!map.accessed.empty()) {
+        lines.add_phrase(PLAIN, "last access " + map.accessed);
+    }
+    lines.end_line();
+    for (const look_marks &look : LOOKS) {
+        std::string marks = look.mark != nullptr ? look.mark : "";
+        for (size_t level = 1; look.mark == nullptr && level <= 8; level++) {
+            marks += UPRIGHT[level];
+        }
+        lines.keep_together(columns(marks) + 1 + columns(look.name));
+        lines.add_words(look.colour, marks);
+        lines.add_words(PLAIN, look.name);
+    }
+    lines.end_line();
+}
+
+void draw_cell(const tierctl_map_cell &cell, lines &lines)
+{
+    const auto &look = *std::ranges::find(LOOKS, cell.look(), &look_marks::look);
+    lines.add(look.colour, look.mark != nullptr ? look.mark : UPRIGHT[cell.level()]);
+}
+
+void draw_table(const tierctl_map_table &table, lines &lines)
+{
+    lines.end_line();
+    lines.add_words(BOLD, std::string(table.name));
+    lines.add_words(PLAIN, tierctl_counts_text(table.counts, table.findings));
+    if (table.cell_entries > 1) {
+        lines.add_phrase(DIM, tierctl_text("(%lu entries a cell)", table.cell_entries));
+    }
+    lines.end_line();
+    const uint64_t last = table.cells.empty() ? 0 : table.cells.back().last;
+    const size_t label = label_width(lines.width(), last);
+    const size_t row = lines.width() - label;
+    for (size_t i = 0; i < table.cells.size(); i++) {
+        if (i % row == 0 && label != 0) {
+            lines.add(DIM,
+                      tierctl_text("%*lu ", static_cast<int>(label - 1), table.cells[i].first));
+        }
+        draw_cell(table.cells[i], lines);
+        if (i % row == row - 1 || i + 1 == table.cells.size()) {
+            lines.end_line();
+        }
+    }
+}
+
+/* The end of a path tells more than its beginning. */
+std::string path_end(const std::string &path, size_t width)
+{
+    return path.size() <= width ? path : "…" + path.substr(path.size() - width + 1);
+}
+
+void draw_brick(const tierctl_map_brick &brick, uint64_t most, lines &lines)
+{
+    lines.add_column(BOLD, brick.name, NAME_WIDTH);
+    lines.add_column(PLAIN, std::to_string(brick.inodes), INODES_WIDTH);
+    lines.add_column(PLAIN, tierctl_bytes_text(brick.bytes), BYTES_WIDTH);
+    lines.add_column(PLAIN, std::to_string(brick.extents), EXTENTS_WIDTH);
+    if (lines.width() > COLUMNS_WIDTH + BAR_WIDTH) {
+        const std::string drawn = bar(brick.extents, most);
+        lines.add(USE, ' ' + drawn + std::string(BAR_WIDTH - columns(drawn), ' '));
+        const size_t room = lines.width() - COLUMNS_WIDTH - BAR_WIDTH - 1;
+        if (room > PATH_MIN) {
+            lines.add(DIM, ' ' + path_end(brick.path, room - 1));
+        }
+    }
+    lines.end_line();
+}
+
+void draw_bricks(const tierctl_map &map, lines &lines)
+{
+    lines.end_line();
+    lines.add_column(BOLD, "brick", NAME_WIDTH);
+    lines.add_column(BOLD, "inodes", INODES_WIDTH);
+    lines.add_column(BOLD, "bytes", BYTES_WIDTH);
+    lines.add_column(BOLD, "extents", EXTENTS_WIDTH);
+    lines.end_line();
+    for (size_t i = 0; i < std::min(map.bricks.size(), ROWS_MAX); i++) {
+        draw_brick(map.bricks[i], map.bricks.front().extents, lines);
+    }
+    if (map.bricks.size() > ROWS_MAX) {
+        lines.add_words(PLAIN, tierctl_text("and %zu more", map.bricks.size() - ROWS_MAX));
+        lines.end_line();
+    }
+}
+
+void draw_ages(const tierctl_map &map, lines &lines)
+{
+    lines.end_line();
+    lines.add_words(BOLD, "inodes by the time from their last access to the newest one");
+    lines.end_line();
+    const uint64_t most = std::ranges::max(map.ages, {}, &tierctl_map_age::inodes).inodes;
+    for (const tierctl_map_age &age : map.ages) {
+        lines.add_column(BOLD, std::string(age.name), NAME_WIDTH);
+        lines.add_column(PLAIN, std::to_string(age.inodes), INODES_WIDTH);
+        lines.add_words(USE, bar(age.inodes, most));
+        lines.end_line();
+    }
+}
+
+} // namespace
+
+size_t tierctl_map_terminal_cells(size_t width, uint64_t last)
+{
+    return ROWS_MAX * (width - label_width(width, last));
+}
+
+std::string tierctl_map_terminal(const tierctl_map &map, size_t width, bool colours)
+{
+    lines lines(width, colours);
+    draw_head(map, lines);
+    for (const tierctl_map_table &table : map.tables) {
+        draw_table(table, lines);
+    }
+    draw_bricks(map, lines);
+    draw_ages(map, lines);
+    if (map.findings_count != 0) {
+        lines.end_line();
+        lines.add_words(BOLD, tierctl_text("%lu", map.findings_count));
+        lines.add_words(PLAIN, "findings; to see them:");
+        lines.add_phrase(PLAIN,
+                         "zu_tierctl check " + tierctl_shown_text(tierctl_shell_word(map.device)));
+        lines.end_line();
+    }
+    return lines.take();
+}

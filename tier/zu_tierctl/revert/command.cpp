@@ -1,0 +1,57 @@
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/number.h"
+#include "zu_tierctl/revert/revert.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace {
+
+constexpr const char REVERT_FOOTER[] =
+    "Shows the entry as it is now, as it was then, and each field that differs. Refuses when the\n"
+    "super blocks of SAVED and DEVICE differ, and when the entry is damaged or missing in SAVED.\n"
+    "To put back the super block itself, TABLE is super and NO is 0: then SAVED and DEVICE must\n"
+    "have the same size, and what DEVICE holds at that place does not matter.\n"
+    "\n"
+    "Example, which undoes a repair:\n"
+    "  zu_tierctl revert before.img /dev/nvme0n1 inode 7\n"
+    "  zu_tierctl revert before.img /dev/nvme0n1 inode 7 --commit";
+
+uint64_t read_no(const std::string &text)
+{
+    const std::optional<uint64_t> no = tierctl_parse_number(text);
+    if (!no) {
+        throw tierctl_usage_error("NO " + text + ": expected a number of up to 64 bits");
+    }
+    return *no;
+}
+
+} // namespace
+
+void tierctl_add_revert(CLI::App &app)
+{
+    const auto options = std::make_shared<tierctl_revert_options>();
+    CLI::App *command = app.add_subcommand("revert", "Put an entry back from a saved file");
+    command->footer(REVERT_FOOTER);
+    const auto add = [command](const char *name, std::string &to, const char *help) {
+        command->add_option(name, to, help)->type_name("")->required();
+    };
+    add("SAVED", options->saved, "Saved file, or any image or device");
+    add("DEVICE", options->device, "Block device or image; written only with --commit");
+    add("TABLE", options->table,
+        "super, brick, inode, extent; in v3 also shard and hot, and an entry\n"
+        "of shard, hot or extent is a block of the table");
+    command
+        ->add_option_function<std::string>(
+            "NO", [options](const std::string &text) { options->no = read_no(text); },
+            "Number of the entry")
+        ->type_name("")
+        ->required();
+    command->add_flag("--commit", options->commit,
+                      "Write: a block device is opened for this program alone, and what was\n"
+                      "written is read back");
+    command->callback([options] { tierctl_revert(*options); });
+}

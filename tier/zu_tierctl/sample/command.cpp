@@ -1,0 +1,109 @@
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/number.h"
+#include "zu_tierctl/sample/sample.h"
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace {
+
+constexpr const char SAMPLE_EXAMPLE[] =
+    "Example, a device with two damaged entries, and what zu_tier says of one of its tables:\n"
+    "  zu_tierctl sample --layout v1 --inodes 1000 --damage inode:7 --damage extent:3:number "
+    "tier.img\n"
+    "  zu_tier -p tier.img -c dump_inode";
+
+constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
+                                     "TABLE: super (its only entry is 0), brick, inode (also in\n"
+                                     "the expansion area), extent; in v3 also shard and hot, and\n"
+                                     "an entry of shard, hot or extent is a block of the table\n"
+                                     "KIND, by default the first that the table has: checksum,\n"
+                                     "magic or number (the checksum stays right), zero (the whole\n"
+                                     "slot), bit (one bit of the record, chosen by the seed)";
+
+std::string conversion_help()
+{
+    const tierctl_layout &layout = TIERCTL_LAYOUT_V1_FOR_CONVERSION;
+    return "Make a device that convert_super accepts: the tables of v2\n"
+           "under the super block of " +
+           std::string(layout.name) + "; sizes as for v2, but\n" +
+           TIERCTL_SIZE_OPTIONS[TIERCTL_BLOCKS].name + " " +
+           tierctl_bounds_text(layout.bounds[TIERCTL_BLOCKS]) + " and no " +
+           TIERCTL_SIZE_OPTIONS[TIERCTL_EXPANSION].name;
+}
+
+/* The option's meaning and, a line each, "v1: 1..300, default 4". */
+std::string size_help(size_t size)
+{
+    std::string text = TIERCTL_SIZE_OPTIONS[size].meaning;
+    for (const tierctl_layout *layout : tierctl_layouts()) {
+        const tierctl_bounds &bounds = layout->bounds[size];
+        text += '\n' + std::string(layout->name) + ": " + tierctl_bounds_text(bounds);
+        if (bounds.fallback != 0) {
+            text += ", default " + std::to_string(bounds.fallback);
+        }
+    }
+    return text;
+}
+
+std::string layout_help()
+{
+    std::string names;
+    for (const tierctl_layout *layout : tierctl_layouts()) {
+        names += (names.empty() ? "" : ", ") + std::string(layout->name);
+    }
+    return "Layout of the device: " + names;
+}
+
+std::string seed_help()
+{
+    return "Seed of everything random, default " + std::to_string(tierctl_sample_options{}.seed) +
+           "\n"
+           "The same arguments give the same bytes: times lie in the year\n"
+           "before " +
+           std::string(TIERCTL_SAMPLE_DATE);
+}
+
+/* The library's own reading of numbers takes -1 for the largest one and 010 for 8. */
+void add_number(CLI::App *command, const std::string &name,
+                const std::function<void(uint64_t)> &store, const std::string &help)
+{
+    const auto read = [name, store](const std::string &text) {
+        const std::optional<uint64_t> value = tierctl_parse_number(text);
+        if (!value) {
+            throw tierctl_usage_error(name + " " + text + ": expected a number of up to 64 bits");
+        }
+        store(*value);
+    };
+    command->add_option_function<std::string>(name, read, help)->type_name("N");
+}
+
+} // namespace
+
+void tierctl_add_sample(CLI::App &app)
+{
+    const auto options = std::make_shared<tierctl_sample_options>();
+    CLI::App *command = app.add_subcommand("sample", "Write the image of a sample device");
+    command->footer(SAMPLE_EXAMPLE);
+    command->get_formatter()->column_width(32);
+    command->add_option("FILE", options->file, "File, or with --force block device, to write")
+        ->type_name("")
+        ->required();
+    command->add_option("--layout", options->layout, layout_help())->type_name("NAME")->required();
+    command->add_flag("--for-conversion", options->for_conversion, conversion_help());
+    for (size_t i = 0; i < TIERCTL_SIZES; i++) {
+        const auto store = [options, i](uint64_t value) { options->sizes[i] = value; };
+        add_number(command, TIERCTL_SIZE_OPTIONS[i].name, store, size_help(i));
+    }
+    const auto store_seed = [options](uint64_t value) { options->seed = value; };
+    add_number(command, "--seed", store_seed, seed_help());
+    command->add_option("--damage", options->damage, DAMAGE_HELP)
+        ->type_name("TABLE:NO[:KIND]")
+        ->allow_extra_args(false);
+    command->add_flag("--force", options->force, "Replace FILE, or write to the block device");
+    command->callback([options] { tierctl_sample(*options); });
+}

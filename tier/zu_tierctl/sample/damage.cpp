@@ -1,0 +1,174 @@
+#include "zu_tierctl/sample/damage.h"
+
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/number.h"
+#include "zu_tierctl/sample/random.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+/* Every kind but "zero" flips a single bit, which a checksum never misses. With the magic and the
+ * number it is made right again, so that nothing but them is wrong. */
+struct tierctl_damage_kind {
+    std::string_view name;
+    bool (*applies)(const tierctl_table &table);
+    void (*spoil)(const tierctl_table &table, uint8_t *slot, tierctl_random &random);
+};
+
+namespace {
+
+void flip(uint8_t *slot, uint64_t bit)
+{
+    slot[bit / 8] = static_cast<uint8_t>(slot[bit / 8] ^ (1U << (bit % 8)));
+}
+
+bool has_magic(const tierctl_table &table)
+{
+    return table.magic.has_value();
+}
+
+bool has_number(const tierctl_table &table)
+{
+    return table.number.has_value();
+}
+
+void spoil_magic(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, table.magic->place.at * 8);
+    table.seal_slot(slot);
+}
+
+void spoil_number(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, table.number->at * 8);
+    table.seal_slot(slot);
+}
+
+bool is_sealed(const tierctl_table &table)
+{
+    return table.seal != nullptr;
+}
+
+bool always(const tierctl_table &)
+{
+    return true;
+}
+
+void spoil_checksum(const tierctl_table &, uint8_t *slot, tierctl_random &)
+{
+    flip(slot, 0); /* part of every checksum */
+}
+
+void spoil_any_bit(const tierctl_table &table, uint8_t *slot, tierctl_random &random)
+{
+    flip(slot, random.below(table.record_length * 8));
+}
+
+void spoil_everything(const tierctl_table &, uint8_t *slot, tierctl_random &)
+{
+    memset(slot, 0, SIZE_4K);
+}
+
+constexpr tierctl_damage_kind KINDS[] = {
+    {"checksum", is_sealed, spoil_checksum}, {"magic", has_magic, spoil_magic},
+    {"number", has_number, spoil_number},    {"zero", always, spoil_everything},
+    {"bit", always, spoil_any_bit},
+};
+
+[[noreturn]] void refuse(const std::string &text, const std::string &why)
+{
+    throw tierctl_usage_error("--damage " + text + ": " + why);
+}
+
+/* "inode:7:bit" in its parts. */
+std::vector<std::string_view> split(std::string_view text)
+{
+    std::vector<std::string_view> parts;
+    while (true) {
+        const size_t end = text.find(':');
+        parts.push_back(text.substr(0, end));
+        if (end == std::string_view::npos) {
+            return parts;
+        }
+        text.remove_prefix(end + 1);
+    }
+}
+
+/* The item of that name among those of `list` that apply. */
+template <class List, class Applies>
+const auto &find(const List &list, std::string_view name, const std::string &text,
+                 const std::string &what, const Applies &applies)
+{
+    std::string known;
+    for (const auto &item : list) {
+        if (!applies(item)) {
+            continue;
+        }
+        if (item.name == name) {
+            return item;
+        }
+        known += known.empty() ? "" : ", ";
+        known += item.name;
+    }
+    refuse(text, "expected one of the " + what + " " + known);
+}
+
+const tierctl_damage_kind &choose_kind(const tierctl_table &table,
+                                       std::span<const std::string_view> parts,
+                                       const std::string &text)
+{
+    const auto applies = [&table](const auto &kind) { return kind.applies(table); };
+    if (parts.size() == 3) {
+        return find(KINDS, parts[2], text, "kinds", applies);
+    }
+    return *std::ranges::find_if(KINDS, applies);
+}
+
+tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tables)
+{
+    const std::vector<std::string_view> parts = split(text);
+    if (parts.size() != 2 && parts.size() != 3) {
+        refuse(text, "expected TABLE:NO or TABLE:NO:KIND");
+    }
+    const tierctl_table &table =
+        find(tables, parts[0], text, "tables", [](const auto &) { return true; });
+    const std::optional<uint64_t> no = tierctl_parse_number(parts[1]);
+    if (!no || *no >= table.count()) {
+        refuse(text, "expected an entry of 0.." + std::to_string(table.count() - 1));
+    }
+    return {&table, *no, &choose_kind(table, parts, text)};
+}
+
+} // namespace
+
+std::vector<tierctl_damage> tierctl_parse_damage(const std::vector<std::string> &texts,
+                                                 std::span<const tierctl_table> tables)
+{
+    std::vector<tierctl_damage> damages;
+    for (const std::string &text : texts) {
+        const tierctl_damage damage = parse(text, tables);
+        for (const tierctl_damage &other : damages) {
+            if (other.table == damage.table && other.no == damage.no) {
+                refuse(text, "that entry is damaged already");
+            }
+        }
+        damages.push_back(damage);
+    }
+    return damages;
+}
+
+void tierctl_apply_damage(tierctl_image &image, std::span<const tierctl_damage> damages,
+                          uint64_t seed)
+{
+    tierctl_random random(seed);
+    std::array<uint8_t, SIZE_4K> slot;
+    for (const tierctl_damage &damage : damages) {
+        const int64_t offset = damage.table->slot(damage.no);
+        image.read(offset, slot.data(), slot.size());
+        damage.kind->spoil(*damage.table, slot.data(), random);
+        image.write(offset, slot.data(), slot.size());
+    }
+}

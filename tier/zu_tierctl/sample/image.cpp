@@ -1,0 +1,80 @@
+#include "zu_tierctl/sample/image.h"
+
+#include "common/zutr_utils.h"
+#include "zu_tierctl/device/error.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+tierctl_image::tierctl_image(const std::string &path, uint64_t size, bool force) : path_(path)
+{
+    std::error_code unknown; /* a path that cannot be looked at cannot be created either */
+    if (!fs::exists(fs::symlink_status(path, unknown))) {
+        create(size, tierctl_naming::new_name);
+        return;
+    }
+    const fs::file_type type = fs::status(path, unknown).type();
+    if (type != fs::file_type::regular && type != fs::file_type::block) {
+        throw std::runtime_error(path + " is neither a regular file nor a block device");
+    }
+    if (!force) {
+        throw std::runtime_error(path + " exists, only --force overwrites it");
+    }
+    if (type == fs::file_type::block) {
+        open_device(size);
+        return;
+    }
+    path_ = fs::canonical(path); /* a link stays, its file is replaced */
+    create(size, tierctl_naming::replace);
+}
+
+void tierctl_image::create(uint64_t size, tierctl_naming naming)
+{
+    naming_ = naming;
+    file_.emplace(path_);
+    file_->resize(size);
+}
+
+void tierctl_image::open_device(uint64_t size)
+{
+    device_ = tierctl_fd(open(path_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)); /* nobody else has it */
+    if (device_.get() < 0) {
+        tierctl_throw_errno("cannot open " + path_);
+    }
+    const off_t room = lseek(device_.get(), 0, SEEK_END);
+    /* GCOVR_EXCL_START: an open block device has an end */
+    if (room < 0) {
+        tierctl_throw_errno("cannot measure " + path_);
+    }
+    /* GCOVR_EXCL_STOP */
+    if (static_cast<uint64_t>(room) < size) {
+        throw std::runtime_error(path_ + " is too small: " + std::to_string(room) + " bytes of " +
+                                 std::to_string(size));
+    }
+}
+
+void tierctl_image::read(int64_t offset, void *data, size_t length) const
+{
+    if (zutr_readn(fd(), data, length, offset) < 0) {
+        tierctl_throw_errno("cannot read " + path_);
+    }
+}
+
+void tierctl_image::write(int64_t offset, const void *data, size_t length)
+{
+    if (zutr_writen(fd(), data, length, offset) < 0) {
+        tierctl_throw_errno("cannot write " + path_);
+    }
+}
+
+void tierctl_image::commit()
+{
+    if (file_) {
+        file_->commit(naming_);
+    } else if (fsync(device_.get()) != 0) { /* a device tells of failed writes only now */
+        tierctl_throw_errno("cannot write " + path_);
+    }
+}

@@ -1,0 +1,108 @@
+#include "zu_tierctl/sample/sample.h"
+
+#include "common/zutr_utils.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/sample/damage.h"
+#include "zu_tierctl/sample/image.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+const std::array<tierctl_size_option, TIERCTL_SIZES> TIERCTL_SIZE_OPTIONS = {{
+    {"--bricks", "Entries of the brick table"},
+    {"--inodes", "Entries of the inode table"},
+    {"--blocks", "Data blocks; v1 and v2 have an extent for each, in v3 there\n"
+                 "is by default a block for each extent"},
+    {"--block-size", "Bytes of a data block"},
+    {"--extent-size", "Bytes of an extent record with its bitmap, by default a bit\n"
+                      "for each 4096-byte page of a block, in words of 64"},
+    {"--expansion", "Inodes of the expansion area, which is in use"},
+    {"--shards", "Entries of the shard table, with the first one of each\n"
+                 "block, which is none"},
+    {"--extents", "Entries of the extent table"},
+    {"--hot-size", "Bytes of the hot table"},
+}};
+
+namespace {
+
+constexpr uint64_t SLOTS_A_WRITE = SIZE_1M / SIZE_4K;
+
+tierctl_sizes choose_sizes(const tierctl_sample_options &options, const tierctl_layout &layout)
+{
+    tierctl_sizes sizes{};
+    for (size_t i = 0; i < sizes.size(); i++) {
+        const tierctl_bounds &bounds = layout.bounds[i];
+        const uint64_t value = options.sizes[i].value_or(bounds.fallback);
+        const bool in_range = value >= bounds.min && value <= bounds.max;
+        if (options.sizes[i] && (!in_range || value % bounds.unit != 0)) {
+            throw tierctl_usage_error(std::string(TIERCTL_SIZE_OPTIONS[i].name) + " " +
+                                      std::to_string(value) + ": expected " +
+                                      tierctl_bounds_text(bounds));
+        }
+        sizes[i] = static_cast<uint32_t>(value);
+    }
+    return sizes;
+}
+
+/* Writes the entries `no`... of `sample`, which fill `region`. */
+void write_region(tierctl_image &image, const tierctl_sample_table &sample,
+                  const tier_region &region, uint64_t no, uint8_t *run)
+{
+    for (uint64_t first = 0; first < region.count; first += SLOTS_A_WRITE) {
+        const uint64_t slots = std::min(SLOTS_A_WRITE, region.count - first);
+        memset(run, 0, slots * SIZE_4K);
+        for (uint64_t i = 0; i < slots; i++) {
+            uint8_t *slot = run + i * SIZE_4K;
+            sample.fill(no + first + i, slot);
+            sample.table.seal_slot(slot);
+        }
+        image.write(region.slot(first), run, slots * SIZE_4K);
+    }
+}
+
+void write_table(tierctl_image &image, const tierctl_sample_table &sample, uint8_t *run)
+{
+    uint64_t no = 0;
+    for (const tier_region &region : sample.table.regions) {
+        write_region(image, sample, region, no, run);
+        no += region.count;
+    }
+}
+
+const tierctl_layout &choose_layout(const tierctl_sample_options &options)
+{
+    const tierctl_layout &layout = tierctl_find_layout(options.layout);
+    if (!options.for_conversion) {
+        return layout;
+    }
+    if (layout.for_conversion == nullptr) {
+        throw tierctl_usage_error("--for-conversion: layout " + options.layout +
+                                  " is not converted");
+    }
+    return *layout.for_conversion;
+}
+
+} // namespace
+
+void tierctl_sample(const tierctl_sample_options &options)
+{
+    const tierctl_layout &layout = choose_layout(options);
+    const tierctl_sample_plan plan = layout.sample(choose_sizes(options, layout), options.seed);
+    std::vector<tierctl_table> tables;
+    for (const tierctl_sample_table &sample : plan.tables) {
+        tables.push_back(sample.table);
+    }
+    const std::vector<tierctl_damage> damages = tierctl_parse_damage(options.damage, tables);
+
+    zutr_buffer run;
+    if (zutr_alloc_aligned(SLOTS_A_WRITE * SIZE_4K, &run) != 0) {
+        throw std::bad_alloc();
+    }
+    tierctl_image image(options.file, plan.device_size, options.force);
+    for (const tierctl_sample_table &sample : plan.tables) {
+        write_table(image, sample, run.get());
+    }
+    tierctl_apply_damage(image, damages, options.seed);
+    image.commit();
+}

@@ -1,0 +1,187 @@
+#include "zu_tier/format/v2.h"
+#include "zu_tier/format/v1.h"
+#include "zu_tier/layout/v2/map.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/sample/cache.h"
+
+#include <algorithm>
+
+/* Sample devices of layout V2, and of its tables under the super block of V1: what convert_super
+ * converts. */
+
+namespace {
+
+constexpr uint64_t TIB = uint64_t{1} << 40;
+
+/* convert_super looks at 1 MiB of extents. */
+constexpr uint32_t CONVERSION_BLOCKS_MIN = SIZE_1M / SIZE_4K;
+
+/* What a slot has room for besides the most mapped pieces. */
+constexpr uint32_t EXTENT_SIZE_MAX =
+    SIZE_4K - EXTENT_HOT_LEN * sizeof(tier_mapped_meta_v2_t) - TIER_HOT_SIZE_V2;
+
+/* Inodes are valid up to a number: a larger area would have none to add. */
+constexpr uint32_t EXPANSION_MAX = TIER_INODE_NO_BOUND_V2 / TIER_EXP_UNIT_V2 * TIER_EXP_UNIT_V2;
+
+/* Bytes of a mapped piece. Blocks from 2 MiB up have their 64 pieces only when they have 4 MiB or
+ * the device is large; for the others the layout has no size. */
+uint32_t map_size(const tierctl_sizes &sizes)
+{
+    const uint32_t blocks = sizes[TIERCTL_BLOCKS];
+    const uint32_t block_size = sizes[TIERCTL_BLOCK_SIZE];
+    if (block_size > 2 * SIZE_1M && block_size < 4 * SIZE_1M &&
+        uint64_t{blocks} * block_size <= TIB) {
+        throw tierctl_usage_error("--block-size " + std::to_string(block_size) +
+                                  ": a block would have more than " +
+                                  std::to_string(EXTENT_HOT_LEN) + " mapped pieces");
+    }
+    return static_cast<uint32_t>(get_def_min_alloc_size(blocks, block_size));
+}
+
+tier_super_block_v2_t make_super(const tierctl_sample_cache &cache, const tierctl_sizes &sizes)
+{
+    auto super = cache.super<tier_super_block_v2_t>(TIER_SB_MAGIC_V2, TIER_SB_VERSION_V2);
+    super.sb_min_alloc_size = map_size(sizes);
+    super.sb_map_cnt = static_cast<uint32_t>(
+        tier_round_up(super.sb_block_size, super.sb_min_alloc_size) / super.sb_min_alloc_size);
+    super.sb_size_mapped_meta = sizeof(tier_mapped_meta_v2_t);
+    super.sb_total_map_size = super.sb_map_cnt * super.sb_size_mapped_meta;
+    super.sb_hot_size = TIER_HOT_SIZE_V2;
+    super.sb_total_extent_size = super.sb_extent_size + super.sb_total_map_size + super.sb_hot_size;
+    if (sizes[TIERCTL_EXPANSION] != 0) {
+        super.sb_inode_exp_magic = TIER_EXP_MAGIC_V2;
+        super.sb_inode_exp_area = static_cast<uint8_t>(sizes[TIERCTL_EXPANSION] / TIER_EXP_UNIT_V2);
+        super.sb_inode_exp_inuse = TIER_EXP_INUSE_V2;
+    }
+    return super;
+}
+
+class sample_v2 {
+public:
+    sample_v2(const tierctl_sizes &sizes, uint64_t seed)
+        : cache_(sizes, seed), super_(make_super(cache_, sizes))
+    {
+    }
+
+    const tier_super_block_v2_t &super() const { return super_; }
+
+    tier_super_block_v1_t super_v1() const
+    {
+        return cache_.super<tier_super_block_v1_t>(TIER_SB_MAGIC_V1, TIER_SB_VERSION_V1);
+    }
+
+    tier_brick_info_v2_t brick(uint64_t no) { return cache_.brick(TIER_BRICK_MAGIC_V2, no); }
+
+    tier_inode_v2_t inode(uint64_t no);
+    void fill_extent(uint64_t no, uint8_t *slot);
+
+private:
+    tier_mapped_meta_v2_t piece(uint32_t mapno, const tierctl_held &held) const;
+    void fill_pieces(tier_extent_v2_t *extent, const tierctl_held &held, uint8_t *slot);
+
+    tierctl_sample_cache cache_;
+    tier_super_block_v2_t super_;
+};
+
+tier_inode_v2_t sample_v2::inode(uint64_t no)
+{
+    tier_inode_v2_t inode = cache_.inode(TIER_INODE_MAGIC_V2, no);
+    if (inode.i_use != 0) {
+        inode.new_data = cache_.random().below(inode.i_size);
+        inode.i_blocks = tier_round_up(inode.i_size, super_.sb_block_size) / super_.sb_block_size;
+    }
+    return inode;
+}
+
+void sample_v2::fill_extent(uint64_t no, uint8_t *slot)
+{
+    std::optional<tierctl_held> held;
+    tier_extent_v2_t extent = cache_.extent(no, &held);
+    if (held) {
+        fill_pieces(&extent, *held, slot);
+        uint8_t *hot = slot + super_.sb_extent_size + super_.sb_total_map_size;
+        for (uint32_t i = 0; i < super_.sb_hot_size; i++) {
+            hot[i] = static_cast<uint8_t>(cache_.random().below(256));
+        }
+    }
+    tierctl_put(slot, extent);
+}
+
+/* Lets the extent hold pieces of `held`: always the first, and most of the others. In an extent
+ * that is not clean the first is not. */
+void sample_v2::fill_pieces(tier_extent_v2_t *extent, const tierctl_held &held, uint8_t *slot)
+{
+    const uint64_t block_offset = uint64_t{extent->te_block} * super_.sb_block_size;
+    uint8_t *pieces = slot + super_.sb_extent_size;
+    extent->te_size = 0;
+    for (uint32_t mapno = 0; mapno < super_.sb_map_cnt; mapno++) {
+        const bool first = extent->te_size == 0;
+        tier_mapped_meta_v2_t meta = piece(mapno, held);
+        if (meta.cnt == 0 || (!first && cache_.random().one_in(8))) {
+            continue;
+        }
+        const bool clean = extent->te_clean != 0 || (!first && cache_.random().one_in(2));
+        meta.offset += block_offset;
+        meta.clean_length = tier_clean_length_v2(clean ? 1 : 0, meta.orig_len());
+        tierctl_put(pieces + mapno * sizeof(meta), meta);
+        cache_.hold(slot, meta.begin, uint64_t{meta.begin} + meta.cnt);
+        extent->te_size += meta.orig_len();
+    }
+}
+
+/* What `held` holds of the piece `mapno`, its offset that within the block; no pages when nothing.
+ */
+tier_mapped_meta_v2_t sample_v2::piece(uint32_t mapno, const tierctl_held &held) const
+{
+    const uint64_t pages = super_.sb_min_alloc_size / SIZE_4K;
+    const uint64_t begin = std::max(held.begin, mapno * pages);
+    const uint64_t end = std::min(held.end, (mapno + 1) * pages);
+    if (begin >= end) {
+        return {};
+    }
+    const uint64_t length = std::min(held.length, end * SIZE_4K) - begin * SIZE_4K;
+    return {begin * SIZE_4K, tier_clean_length_v2(0, length), static_cast<uint16_t>(begin),
+            static_cast<uint16_t>(end - begin)};
+}
+
+tierctl_sample_plan plan_v2(const tierctl_sizes &sizes, uint64_t seed)
+{
+    const auto sample = std::make_shared<sample_v2>(sizes, seed);
+    const tier_super_block_v2_t &super = sample->super();
+    const tier_region expansion = tier_exp_inodes_v2(super);
+    const uint64_t end = expansion.count == 0
+                             ? tierctl_data_end(super)
+                             : static_cast<uint64_t>(expansion.slot(expansion.count));
+    return tierctl_plan(sample, super, tierctl_tables(super), end);
+}
+
+/* The tables of V2 under the super block of V1. */
+tierctl_sample_plan plan_for_conversion(const tierctl_sizes &sizes, uint64_t seed)
+{
+    const auto sample = std::make_shared<sample_v2>(sizes, seed);
+    const tier_super_block_v1_t super = sample->super_v1();
+    std::vector<tierctl_table> tables = tierctl_tables(sample->super());
+    tables.front() = tierctl_tables(super).front();
+    return tierctl_plan(sample, super, tables, tierctl_data_end(super));
+}
+
+constexpr auto BOUNDS_FOR_CONVERSION = [] {
+    auto bounds = TIERCTL_CACHE_BOUNDS;
+    bounds[TIERCTL_BLOCKS].min = CONVERSION_BLOCKS_MIN;
+    bounds[TIERCTL_EXTENT_SIZE].max = EXTENT_SIZE_MAX;
+    return bounds;
+}();
+
+constexpr auto BOUNDS_V2 = [] {
+    auto bounds = TIERCTL_CACHE_BOUNDS;
+    bounds[TIERCTL_EXTENT_SIZE].max = EXTENT_SIZE_MAX;
+    bounds[TIERCTL_EXPANSION] = {TIER_EXP_CNT_MIN_V2, EXPANSION_MAX, TIER_EXP_UNIT_V2, 0};
+    return bounds;
+}();
+
+} // namespace
+
+constinit const tierctl_layout TIERCTL_LAYOUT_V1_FOR_CONVERSION = {"v1", BOUNDS_FOR_CONVERSION,
+                                                                   plan_for_conversion, nullptr};
+
+constinit const tierctl_layout TIERCTL_LAYOUT_V2 = {"v2", BOUNDS_V2, plan_v2, nullptr};

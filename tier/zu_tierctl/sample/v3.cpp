@@ -1,0 +1,231 @@
+#include "zu_tier/format/v3.h"
+#include "zu_tierctl/sample/cache.h"
+
+/* Sample devices of layout V3. */
+
+namespace {
+
+constexpr uint32_t HOT_SIZE_MAX = 1024 * SIZE_1M; /* the layout itself has no limit */
+
+constexpr std::array<tierctl_bounds, TIERCTL_SIZES> BOUNDS_V3 = {{
+    {1, TIER_BRICK_CNT_MAX_V3, 1, 4},
+    {1, TIER_INODE_CNT_MAX_V3, 1, 64},
+    {1, TIER_EXTENT_CNT_MAX_V3, 1, 0},
+    {TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3, SIZE_4K, TIER_BLOCK_SIZE_MAX_V3},
+    TIERCTL_NONE,
+    TIERCTL_NONE,
+    {TIER_PACKED_SLOTS_V3, TIER_SHARD_CNT_MAX_V3, TIER_PACKED_SLOTS_V3, 1024},
+    {TIER_PACKED_SLOTS_V3, TIER_EXTENT_CNT_MAX_V3, TIER_PACKED_SLOTS_V3, 4096},
+    {SIZE_4K, HOT_SIZE_MAX, SIZE_4K, 65536},
+}};
+
+constexpr uint32_t FILE_BLOCK_SHIFT = 17; /* i_blocks counts whole 128 KiB */
+
+constexpr uint64_t LBAS = uint64_t{1} << EXTENT_LBA_V3.width;
+
+/* Odd: its multiples, which lie scattered over the addresses, come to each before they repeat. */
+constexpr uint64_t SCATTER = 2654435761;
+static_assert(SCATTER % 2 == 1);
+
+using super_block = tier_super_block_v3_t;
+
+struct area {
+    uint64_t super_block::*offset;
+    uint64_t super_block::*size;
+};
+
+/* In the order of the device. */
+constexpr area AREAS[] = {
+    {&super_block::sb_brick_table_offset, &super_block::sb_brick_table_size},
+    {&super_block::sb_inode_table_offset, &super_block::sb_inode_table_size},
+    {&super_block::sb_shard_table_offset, &super_block::sb_shard_table_size},
+    {&super_block::sb_hot_table_offset, &super_block::sb_hot_table_size},
+    {&super_block::sb_extent_table_offset, &super_block::sb_extent_table_size},
+    {&super_block::sb_block_area_offset, &super_block::sb_block_area_size},
+};
+
+/* The super block area, the reserved area up to a multiple of 1 MiB, and from such a multiple each
+ * of the others. */
+void place_areas(super_block *super)
+{
+    super->sb_sb_offset = TIER_SUPER_OFFSET;
+    super->sb_sb_size = TIER_SB_AREA_SIZE_V3;
+    super->sb_reserved_offset = super->sb_sb_offset + super->sb_sb_size;
+    uint64_t start = tier_round_up(super->sb_reserved_offset, SIZE_1M);
+    super->sb_reserved_size = start - super->sb_reserved_offset;
+    for (const area &area : AREAS) {
+        super->*area.offset = start;
+        start = tier_round_up(start + super->*area.size, SIZE_1M);
+    }
+}
+
+super_block make_super(const tierctl_sample_cache &cache, const tierctl_sizes &sizes)
+{
+    super_block super{};
+    super.sb_magic = TIER_SB_MAGIC_V3;
+    super.sb_version = TIER_SB_VERSION_V3;
+    super.sb_ctime = TIERCTL_SAMPLE_CTIME;
+    cache.identify(super.sb_uuid, super.sb_cdev_uuid);
+    super.sb_brick_table_cnt = sizes[TIERCTL_BRICKS];
+    super.sb_brick_table_size = super.sb_brick_table_cnt * SIZE_4K;
+    super.sb_inode_table_cnt = sizes[TIERCTL_INODES];
+    super.sb_inode_table_size = super.sb_inode_table_cnt * SIZE_4K;
+    super.sb_shard_table_cnt = sizes[TIERCTL_SHARDS];
+    super.sb_shard_table_size = super.sb_shard_table_cnt * TIER_PACKED_SIZE_V3;
+    super.sb_extent_table_cnt = sizes[TIERCTL_EXTENTS];
+    super.sb_extent_table_size = super.sb_extent_table_cnt * TIER_PACKED_SIZE_V3;
+    super.sb_hot_table_size = sizes[TIERCTL_HOT_SIZE];
+    super.sb_block_size = sizes[TIERCTL_BLOCK_SIZE];
+    super.sb_block_cnt = sizes[TIERCTL_BLOCKS];
+    super.sb_block_area_size = super.sb_block_size * super.sb_block_cnt;
+    place_areas(&super);
+    return super;
+}
+
+class sample_v3 {
+public:
+    sample_v3(const tierctl_sizes &sizes, uint64_t seed)
+        : cache_(sizes, seed), super_(make_super(cache_, sizes))
+    {
+    }
+
+    const super_block &super() const { return super_; }
+
+    tier_brick_info_v3_t brick(uint64_t no) { return cache_.brick(TIER_BRICK_MAGIC_V3, no); }
+
+    tier_inode_v3_t inode(uint64_t no);
+
+    /* Whole blocks. */
+    void fill_shards(uint64_t no, uint8_t *slot);
+    void fill_hot(uint8_t *slot);
+    void fill_extents(uint64_t no, uint8_t *slot);
+
+private:
+    struct cached_file {
+        uint32_t inode_no;
+        uint32_t shards; /* that it has so far */
+    };
+
+    template <class Make>
+    void fill_words(const tier_region &table, uint64_t no, uint32_t first,
+                    tier_packed_block_v3_t *block, const Make &make);
+
+    uint64_t shard(uint64_t no);
+    uint64_t extent();
+
+    tierctl_sample_cache cache_;
+    super_block super_;
+    std::vector<cached_file> files_;
+    std::vector<uint32_t> shards_; /* in use */
+    uint64_t extents_ = 0;         /* in use so far */
+};
+
+tier_inode_v3_t sample_v3::inode(uint64_t no)
+{
+    tier_inode_v3_t inode = cache_.inode(TIER_INODE_MAGIC_V3, no);
+    if (inode.i_use != 0) {
+        inode.new_data = cache_.random().below(inode.i_size);
+        inode.i_blocks = inode.i_size >> FILE_BLOCK_SHIFT;
+        files_.push_back({inode.i_no, 0});
+    }
+    return inode;
+}
+
+/* Fills block `no` of a table, whose words from `first` on are entries, with those in use: `make`
+ * gives the word of a number. Blocks may be free as a whole. */
+template <class Make>
+void sample_v3::fill_words(const tier_region &table, uint64_t no, uint32_t first,
+                           tier_packed_block_v3_t *block, const Make &make)
+{
+    if (!cache_.random().in_use(no, table.count)) {
+        return;
+    }
+    for (uint32_t k = first; k < TIER_PACKED_SLOTS_V3; k++) {
+        if (k == first || !cache_.random().one_in(4)) {
+            block->word[k] = make(no * TIER_PACKED_SLOTS_V3 + k);
+        }
+    }
+}
+
+void sample_v3::fill_shards(uint64_t no, uint8_t *slot)
+{
+    tier_packed_block_v3_t block{};
+    block.word[0] = SHARD_MAGIC_V3.put(0, TIER_SHARD_MAGIC_V3);
+    fill_words(tier_shards_v3(super_), no, 1, &block, [this](uint64_t sno) { return shard(sno); });
+    tierctl_put(slot, block);
+}
+
+uint64_t sample_v3::shard(uint64_t no)
+{
+    shards_.push_back(static_cast<uint32_t>(no));
+    cached_file &file = files_[cache_.random().below(files_.size())];
+    const uint64_t word = SHARD_INO_V3.put(SHARD_IN_USE_V3.put(0, 1), file.inode_no);
+    return SHARD_INDEX_V3.put(word, file.shards++);
+}
+
+void sample_v3::fill_hot(uint8_t *slot)
+{
+    for (uint32_t i = 0; i < SIZE_4K; i++) {
+        slot[i] = static_cast<uint8_t>(cache_.random().between(1, 256));
+    }
+}
+
+void sample_v3::fill_extents(uint64_t no, uint8_t *slot)
+{
+    tier_packed_block_v3_t block{};
+    fill_words(tier_extents_v3(super_), no, 0, &block, [this](uint64_t) { return extent(); });
+    tierctl_put(slot, block);
+}
+
+/* Each turn through the addresses takes another shard for an address, as long as there are others:
+ * no two extents are at the same address of the same shard. */
+uint64_t sample_v3::extent()
+{
+    tierctl_random &random = cache_.random();
+    const uint64_t turn = extents_ / LBAS;
+    const uint64_t place = extents_ % LBAS * SCATTER;
+    extents_++;
+
+    uint64_t word = EXTENT_IN_USE_V3.put(0, 1);
+    word = EXTENT_LBA_V3.put(word, place);
+    word = EXTENT_SHARD_V3.put(word, shards_[(place / LBAS + turn) % shards_.size()]);
+    word = EXTENT_DIRTY_V3.put(word, random.one_in(4) ? 1 : 0);
+    word = EXTENT_BITMAP_V3.put(word, random.between(1, uint64_t{1} << EXTENT_BITMAP_V3.width));
+    word = EXTENT_SENSE_V3.put(word, random.below(uint64_t{1} << EXTENT_SENSE_V3.width));
+    word = EXTENT_DEMOTE_V3.put(word, random.one_in(8) ? 1 : 0);
+    return EXTENT_DM_ERR_V3.put(word, random.one_in(256) ? 1 : 0);
+}
+
+/* Unless their number is given there is a data block for each extent. */
+tierctl_sizes with_blocks(tierctl_sizes sizes)
+{
+    if (sizes[TIERCTL_BLOCKS] == 0) {
+        sizes[TIERCTL_BLOCKS] = sizes[TIERCTL_EXTENTS];
+    }
+    return sizes;
+}
+
+tierctl_sample_plan plan_v3(const tierctl_sizes &sizes, uint64_t seed)
+{
+    const auto sample = std::make_shared<sample_v3>(with_blocks(sizes), seed);
+    const super_block &super = sample->super();
+    const std::vector<tierctl_table> tables = tierctl_tables(super);
+    return {
+        super.sb_block_area_offset + super.sb_block_area_size,
+        {
+            tierctl_bricks(sample, tables),
+            tierctl_inodes(sample, tables),
+            {tierctl_find_table(tables, "shard"),
+             [sample](uint64_t no, uint8_t *slot) { sample->fill_shards(no, slot); }},
+            {tierctl_find_table(tables, "hot"),
+             [sample](uint64_t, uint8_t *slot) { sample->fill_hot(slot); }},
+            {tierctl_find_table(tables, "extent"),
+             [sample](uint64_t no, uint8_t *slot) { sample->fill_extents(no, slot); }},
+            tierctl_super(super, tables),
+        },
+    };
+}
+
+} // namespace
+
+constinit const tierctl_layout TIERCTL_LAYOUT_V3 = {"v3", BOUNDS_V3, plan_v3, nullptr};

@@ -1,0 +1,48 @@
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/unreadable.h"
+#include "zu_tierctl/save/save.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace {
+
+constexpr const char SAVE_DESCRIPTION[] =
+    "Copy the metadata of a device, without its data, to a file";
+
+constexpr const char SAVE_FOOTER[] =
+    "FILE is sparse, has the size of DEVICE, and holds super block and tables at the same\n"
+    "offsets: zu_tier -p FILE works on it as on the device. It appears only when it is\n"
+    "complete. Blocks that cannot be read stay holes: they are listed in FILE.unreadable.json,\n"
+    "and the exit status is 1.\n"
+    "\n"
+    "Example:\n"
+    "  zu_tierctl save /dev/nvme0n1 cache.img\n"
+    "  tar --sparse --zstd -cf cache.tar.zst cache.img*";
+
+struct save_options {
+    std::string device;
+    std::string file;
+};
+
+} // namespace
+
+void tierctl_add_save(CLI::App &app, int *status)
+{
+    const auto options = std::make_shared<save_options>();
+    CLI::App *command = app.add_subcommand("save", SAVE_DESCRIPTION);
+    command->footer(SAVE_FOOTER);
+    command->add_option("DEVICE", options->device, "Block device or image, only read")
+        ->type_name("")
+        ->required();
+    command->add_option("FILE", options->file, "File to create")->type_name("")->required();
+    command->callback([options, status] {
+        if (!tierctl_save(options->device, options->file)) {
+            fprintf(stderr, "zu_tierctl: %s is incomplete: see %s\n", options->file.c_str(),
+                    tierctl_unreadable_path(options->file).c_str());
+            *status = 1;
+        }
+    });
+}

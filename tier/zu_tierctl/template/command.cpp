@@ -1,0 +1,77 @@
+#include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/number.h"
+#include "zu_tierctl/template/template.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace {
+
+constexpr const char TEMPLATE_FOOTER[] =
+    "Standard error tells what is wrong with the entry, every field and byte that a\n"
+    "repair with the unchanged file would change, what zu_tier would refuse, and the\n"
+    "command that repairs it. Of a damaged entry the file has what can be read. The\n"
+    "device is not changed.\n"
+    "\n"
+    "Example, an inode whose checksum is wrong:\n"
+    "  zu_tierctl template /dev/vg/tcache inode 7 > inode7.json\n"
+    "  vi inode7.json\n"
+    "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json     shows what it would write\n"
+    "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json -y";
+
+struct template_options {
+    std::string device;
+    std::string table;
+    std::string no;
+    std::string layout;
+};
+
+void run(const template_options &options)
+{
+    const std::optional<uint64_t> no = tierctl_parse_number(options.no);
+    if (!no) {
+        throw tierctl_usage_error("NO " + options.no + ": expected a number of up to 64 bits");
+    }
+    const tierctl_device device(options.device, tierctl_access::read_only);
+    const tierctl_template made = tierctl_make_template(device, options.table, *no, options.layout);
+    if (fputs(made.file.c_str(), stdout) < 0 || fflush(stdout) != 0) {
+        tierctl_throw_errno("cannot write to standard output");
+    }
+    for (const std::string &note : made.notes) {
+        fprintf(stderr, "zu_tierctl: %s %s: %s\n", options.table.c_str(), options.no.c_str(),
+                note.c_str());
+    }
+}
+
+} // namespace
+
+void tierctl_add_template(CLI::App &app)
+{
+    const auto options = std::make_shared<template_options>();
+    CLI::App *command =
+        app.add_subcommand("template", "Print the repair file of an entry, ready to edit");
+    command->footer(TEMPLATE_FOOTER);
+    command->get_formatter()->column_width(32);
+    command->add_option("DEVICE", options->device, "Device or image")->type_name("")->required();
+    command
+        ->add_option("TABLE", options->table,
+                     "super, brick, inode (also in the expansion area),\n"
+                     "extent; in v3 also shard and hot")
+        ->type_name("")
+        ->required();
+    command
+        ->add_option("NO", options->no,
+                     "Number of the entry, 0 for the super block; in v3 that of\n"
+                     "the block of a shard, hot or extent table")
+        ->type_name("")
+        ->required();
+    command
+        ->add_option("--layout", options->layout,
+                     "v1, v2 or v3: layout of a super block that does not say so")
+        ->type_name("NAME");
+    command->callback([options] { run(*options); });
+}
