@@ -20,7 +20,7 @@ Outcome check_in(const Device &device, std::size_t memory)
 {
     testing::internal::CaptureStdout();
     const bool clean =
-        tierctl_check({.device = device.path(), .json = true, .claims_memory = memory});
+        tierctl::check({.device = device.path(), .json = true, .claims_memory = memory});
     return {clean, testing::internal::GetCapturedStdout()};
 }
 

@@ -10,6 +10,8 @@
 #include <set>
 #include <vector>
 
+using namespace tierctl;
+
 namespace {
 
 using Found = std::map<std::uint64_t, std::uint64_t>; // the number, and who claimed first
@@ -30,7 +32,7 @@ Found by_map(const std::vector<Key> &keys)
 template <class Key>
 Found by_claims(const std::vector<Key> &keys, std::size_t capacity, std::size_t *rounds)
 {
-    tierctl_claims<Key> claims(capacity);
+    Claims<Key> claims(capacity);
     Found found;
     *rounds = 0;
     do {
@@ -98,8 +100,8 @@ TEST(Claims, Ends)
 TEST(Claims, Identities)
 {
     std::mt19937_64 random(7);
-    std::vector<tierctl_identity> keys(1000);
-    for (tierctl_identity &key : keys)
+    std::vector<Identity> keys(1000);
+    for (Identity &key : keys)
         key = {random() % 20, random() % 20};
     std::size_t rounds = 0;
     EXPECT_EQ(by_claims(keys, 64, &rounds), by_map(keys));
@@ -109,7 +111,7 @@ TEST(Claims, Identities)
 TEST(Claims, CapacityKeepsWithinMemory)
 {
     for (const std::size_t bytes : {1000, 1'000'000, 400 << 20}) {
-        const std::size_t capacity = tierctl_claims<std::uint64_t>::capacity(bytes);
+        const std::size_t capacity = Claims<std::uint64_t>::capacity(bytes);
         EXPECT_LE(capacity * 8 + capacity / 16 * 24, bytes);
         EXPECT_GE(capacity * 8, bytes / 2);
     }
@@ -122,7 +124,7 @@ TEST(Sort, AsTheLibrary)
             std::vector<std::uint64_t> keys = random_keys(count, bound);
             std::vector<std::uint64_t> expected = keys;
             std::ranges::sort(expected);
-            tierctl_sort(std::span(keys));
+            sort_keys(std::span(keys));
             EXPECT_EQ(keys, expected) << bound << ", " << count;
         }
     }

@@ -11,15 +11,20 @@
 #include <cjson/cJSON.h>
 
 using namespace tier_test;
+using tierctl::Access;
+using tierctl::Difference;
+using tierctl::Entry;
+using tierctl::Metadata;
+using tierctl::Table;
 
 namespace {
 
 struct Opened {
     explicit Opened(const Device &device)
-        : metadata(tierctl_read_metadata(tierctl_device(device.path(), tierctl_access::read_only)))
+        : metadata(read_metadata(tierctl::Device(device.path(), Access::read_only)))
     {
     }
-    tierctl_metadata metadata;
+    Metadata metadata;
 };
 
 bool is_json(const std::string &text)
@@ -33,22 +38,22 @@ bool is_json(const std::string &text)
 void expect_every_bit_told(const Device &device)
 {
     const Opened opened(device);
-    for (const tierctl_table &table : opened.metadata.tables) {
+    for (const Table &table : opened.metadata.tables) {
         const std::uint64_t no = table.count() - 1;
         const Block slot = device.block(static_cast<std::uint64_t>(table.slot(no)));
         Block other = slot;
-        const tierctl_entry a{opened.metadata, table, no, slot.data()};
-        const tierctl_entry b{opened.metadata, table, no, other.data()};
-        EXPECT_TRUE(tierctl_entry_differences(a, b).empty());
+        const Entry a{opened.metadata, table, no, slot.data()};
+        const Entry b{opened.metadata, table, no, other.data()};
+        EXPECT_TRUE(entry_differences(a, b).empty());
         for (std::size_t at = 0; at < BLOCK_SIZE; at += at < 300 ? 1 : 7) {
             const auto bit = static_cast<std::uint8_t>(1U << at % 8);
             other[at] ^= bit;
-            const auto differences = tierctl_entry_differences(a, b);
-            const auto back = tierctl_entry_differences(b, a);
+            const auto differences = entry_differences(a, b);
+            const auto back = entry_differences(b, a);
             ASSERT_FALSE(differences.empty()) << table.name << ", byte " << at;
             ASSERT_EQ(differences.size(), back.size());
             for (std::size_t i = 0; i < back.size(); ++i) {
-                const tierctl_difference &one = differences[i];
+                const Difference &one = differences[i];
                 EXPECT_NE(one.a, one.b) << one.key;
                 EXPECT_TRUE(is_json(one.a) && is_json(one.b)) << one.a << ' ' << one.b;
                 if (one.a != "null" && one.b != "null") {
@@ -56,7 +61,7 @@ void expect_every_bit_told(const Device &device)
                     EXPECT_EQ(one.a, back[i].b);
                 }
             }
-            EXPECT_TRUE(is_json(tierctl_entry_text(b)));
+            EXPECT_TRUE(is_json(entry_text(b)));
             other[at] ^= bit;
         }
     }
@@ -94,13 +99,13 @@ TEST(TierctlEntry, NonsenseIsJson)
                               make_v3_device(super_v3(2, 2))};
     for (const Device &device : devices) {
         const Opened opened(device);
-        for (const tierctl_table &table : opened.metadata.tables) {
+        for (const Table &table : opened.metadata.tables) {
             Block slot;
             for (const unsigned step : {0U, 1U, 7U, 255U}) {
                 for (std::size_t at = 0; at < slot.size(); ++at)
                     slot[at] = static_cast<std::uint8_t>(0xFF - at * step);
-                const tierctl_entry entry{opened.metadata, table, 0, slot.data()};
-                EXPECT_TRUE(is_json(tierctl_entry_text(entry))) << tierctl_entry_text(entry);
+                const Entry entry{opened.metadata, table, 0, slot.data()};
+                EXPECT_TRUE(is_json(entry_text(entry))) << entry_text(entry);
             }
         }
     }
@@ -120,17 +125,17 @@ TEST(TierctlEntry, SizesThatDoNotFit)
             Device device = make_v1_device(super_v1(1, 1, 1));
             put_block(device, SUPER_OFFSET, encode(sb));
             const Opened opened(device);
-            const tierctl_table &extents = tierctl_find_table(opened.metadata.tables, "extent");
+            const Table &extents = find_table(opened.metadata.tables, "extent");
             Block slot;
             slot.fill(0xA5);
             Block other = slot;
             other[4095] ^= 1;
-            const tierctl_entry a{opened.metadata, extents, 0, slot.data()};
-            const tierctl_entry b{opened.metadata, extents, 0, other.data()};
-            EXPECT_TRUE(is_json(tierctl_entry_text(a)));
+            const Entry a{opened.metadata, extents, 0, slot.data()};
+            const Entry b{opened.metadata, extents, 0, other.data()};
+            EXPECT_TRUE(is_json(entry_text(a)));
             const bool is_known = total >= 4 && total <= 4096;
-            EXPECT_EQ(tierctl_entry_text(a).starts_with("{\"te_checksum\":"), is_known);
-            EXPECT_FALSE(tierctl_entry_differences(a, b).empty());
+            EXPECT_EQ(entry_text(a).starts_with("{\"te_checksum\":"), is_known);
+            EXPECT_FALSE(entry_differences(a, b).empty());
         }
     }
 }

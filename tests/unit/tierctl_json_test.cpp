@@ -9,6 +9,8 @@
 
 #include <cjson/cJSON.h>
 
+using namespace tierctl;
+
 namespace {
 
 // UTF-8 of a character.
@@ -34,22 +36,22 @@ std::string parsed(const std::string &json)
 
 TEST(TierctlJson, PlainTextStaysAsItIs)
 {
-    EXPECT_EQ(tierctl_json_text(""), "\"\"");
+    EXPECT_EQ(json_text(""), "\"\"");
     for (char c = ' '; c <= '~'; ++c) {
         if (c != '"' && c != '\\') {
-            EXPECT_EQ(tierctl_json_text({&c, 1}), std::string("\"") + c + '"');
+            EXPECT_EQ(json_text({&c, 1}), std::string("\"") + c + '"');
         }
     }
 }
 
 TEST(TierctlJson, WhatJsonDoesNotTakeIsEscaped)
 {
-    EXPECT_EQ(tierctl_json_text("\""), R"("\"")");
-    EXPECT_EQ(tierctl_json_text("\\"), R"("\\")");
-    EXPECT_EQ(tierctl_json_text({"\0", 1}), R"("\u0000")");
-    EXPECT_EQ(tierctl_json_text("\x1F\x7F"), R"("\u001f\u007f")");
+    EXPECT_EQ(json_text("\""), R"("\"")");
+    EXPECT_EQ(json_text("\\"), R"("\\")");
+    EXPECT_EQ(json_text({"\0", 1}), R"("\u0000")");
+    EXPECT_EQ(json_text("\x1F\x7F"), R"("\u001f\u007f")");
     for (char c = 1; c < ' '; ++c) {
-        const std::string json = tierctl_json_text({&c, 1});
+        const std::string json = json_text({&c, 1});
         EXPECT_EQ(json.size(), 8U);
         EXPECT_EQ(parsed(json), std::string(1, c));
     }
@@ -60,7 +62,7 @@ TEST(TierctlJson, EveryCharacterIsKept)
     for (std::uint32_t c = 0x80; c < 0x110000; c += c < 0x3000 ? 1 : 61) {
         const bool is_surrogate = c >= 0xD800 && c < 0xE000;
         const std::string text = 'a' + utf8(c) + 'b';
-        const std::string json = tierctl_json_text(text);
+        const std::string json = json_text(text);
         if (is_surrogate) {
             EXPECT_EQ(json, "\"a\ufffd\ufffd\ufffdb\"") << c;
         } else {
@@ -68,7 +70,7 @@ TEST(TierctlJson, EveryCharacterIsKept)
         }
     }
     for (const std::uint32_t c : {0xD7FFU, 0xE000U, 0xFFFFU, 0x10000U, 0x10FFFFU})
-        EXPECT_EQ(tierctl_json_text(utf8(c)), '"' + utf8(c) + '"') << c;
+        EXPECT_EQ(json_text(utf8(c)), '"' + utf8(c) + '"') << c;
 }
 
 TEST(TierctlJson, WhatIsNoCharacterIsReplacedByteByByte)
@@ -94,11 +96,11 @@ TEST(TierctlJson, WhatIsNoCharacterIsReplacedByteByByte)
         std::string expected = "\"";
         for (int i = 0; i < count; ++i)
             expected += one;
-        EXPECT_EQ(tierctl_json_text(text), expected + '"');
-        EXPECT_EQ(tierctl_json_text(text + "x"), expected + "x\"");
+        EXPECT_EQ(json_text(text), expected + '"');
+        EXPECT_EQ(json_text(text + "x"), expected + "x\"");
     }
-    EXPECT_EQ(tierctl_json_text("\xC2x"), '"' + one + "x\"");
-    EXPECT_EQ(tierctl_json_text("\xE1\x80x"), '"' + one + one + "x\"");
+    EXPECT_EQ(json_text("\xC2x"), '"' + one + "x\"");
+    EXPECT_EQ(json_text("\xE1\x80x"), '"' + one + one + "x\"");
 }
 
 } // namespace

@@ -11,6 +11,8 @@
 #include <thread>
 #include <unistd.h>
 
+using namespace tierctl;
+
 namespace {
 
 // Longer than a bar stays as it is.
@@ -44,7 +46,7 @@ std::string shown_on(const Open &open_error, const Run &run)
 
 void half_way()
 {
-    tierctl_progress progress("reading", 10);
+    Progress progress("reading", 10);
     progress.add(4);
     std::this_thread::sleep_for(WHILE);
     progress.add(1);
@@ -62,7 +64,7 @@ TEST(Progress, OfNothingIsComplete)
 {
     const std::string shown = shown_on([](int terminal) { return terminal; },
                                        [] {
-                                           tierctl_progress progress("reading", 0);
+                                           Progress progress("reading", 0);
                                            std::this_thread::sleep_for(WHILE);
                                            progress.add(0);
                                        });

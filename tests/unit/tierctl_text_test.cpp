@@ -4,15 +4,17 @@
 
 #include <gtest/gtest.h>
 
+using namespace tierctl;
+
 namespace {
 
 TEST(ShellWord, QuotedWhenItHasToBe)
 {
-    EXPECT_EQ(tierctl_shell_word("/dev/vg-1/a_b.img:0,@%+="), "/dev/vg-1/a_b.img:0,@%+=");
-    EXPECT_EQ(tierctl_shell_word(""), "''");
-    EXPECT_EQ(tierctl_shell_word("a b"), "'a b'");
-    EXPECT_EQ(tierctl_shell_word("$(x)~*"), "'$(x)~*'");
-    EXPECT_EQ(tierctl_shell_word("it's"), "'it'\\''s'");
+    EXPECT_EQ(shell_word("/dev/vg-1/a_b.img:0,@%+="), "/dev/vg-1/a_b.img:0,@%+=");
+    EXPECT_EQ(shell_word(""), "''");
+    EXPECT_EQ(shell_word("a b"), "'a b'");
+    EXPECT_EQ(shell_word("$(x)~*"), "'$(x)~*'");
+    EXPECT_EQ(shell_word("it's"), "'it'\\''s'");
 }
 
 } // namespace

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string>
 
+namespace tierctl {
+
 namespace {
 
 constexpr int STATUS_FAILURE = 1;
@@ -24,13 +26,13 @@ int run(int argc, char *argv[])
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
     int status = 0;
-    tierctl_add_check(app, &status);
-    tierctl_add_diff(app, &status);
-    tierctl_add_map(app);
-    tierctl_add_revert(app);
-    tierctl_add_sample(app);
-    tierctl_add_save(app, &status);
-    tierctl_add_template(app);
+    add_check(app, &status);
+    add_diff(app, &status);
+    add_map(app);
+    add_revert(app);
+    add_sample(app);
+    add_save(app, &status);
+    add_template(app);
     try {
         app.parse(argc, argv);
         return status;
@@ -38,21 +40,23 @@ int run(int argc, char *argv[])
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
         return complain(error, STATUS_USAGE);
-    } catch (const tierctl_usage_error &error) {
+    } catch (const UsageError &error) {
         return complain(error, STATUS_USAGE);
     }
 }
 
 } // namespace
 
+} // namespace tierctl
+
 int main(int argc, char *argv[])
 {
     try {
         if (zutr_secure_streams() != 0) {
-            tierctl_throw_errno("cannot open /dev/null");
+            tierctl::throw_errno("cannot open /dev/null");
         }
-        return run(argc, argv);
+        return tierctl::run(argc, argv);
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        return complain(error, STATUS_FAILURE);
+        return tierctl::complain(error, tierctl::STATUS_FAILURE);
     }
 }

@@ -8,31 +8,33 @@
 #include <algorithm>
 #include <map>
 
+namespace tierctl {
+
 namespace {
 
 /* Gives `use` the entries of the table, which is not the super block. */
 template <class Use>
-void with_entries(const tierctl_metadata &metadata, std::string_view table, const Use &use)
+void with_entries(const Metadata &metadata, std::string_view table, const Use &use)
 {
     if (table == "brick") {
-        use(tierctl_brick_entries());
+        use(BrickEntries());
     } else if (table == "inode") {
-        use(tierctl_inode_entries());
+        use(InodeEntries());
     } else if (table == "shard") {
-        use(tierctl_shard_entries());
+        use(ShardEntries());
     } else if (table == "hot") {
-        use(tierctl_hot_entries());
-    } else if (metadata.version == tierctl_version::v1) {
-        use(tierctl_extent_entries());
-    } else if (metadata.version == tierctl_version::v2) {
-        use(tierctl_extent_entries_v2(metadata.super<tier_super_block_v2_t>()));
+        use(HotEntries());
+    } else if (metadata.version == Version::v1) {
+        use(ExtentEntries());
+    } else if (metadata.version == Version::v2) {
+        use(ExtentEntriesV2(metadata.super<tier_super_block_v2_t>()));
     } else {
-        use(tierctl_extent_entries_v3());
+        use(ExtentEntriesV3());
     }
 }
 
 /* The table that entries of this one name, if they name any. */
-std::string_view owner_of(const tierctl_metadata &metadata, std::string_view table)
+std::string_view owner_of(const Metadata &metadata, std::string_view table)
 {
     std::string_view owner;
     with_entries(metadata, table, [&owner]<class Entries>(const Entries &) {
@@ -44,20 +46,20 @@ std::string_view owner_of(const tierctl_metadata &metadata, std::string_view tab
 }
 
 /* Inodes that the rules of V2 let nobody name. */
-void close_inodes(const tierctl_metadata &metadata, tierctl_states &states)
+void close_inodes(const Metadata &metadata, States &states)
 {
     const auto super = metadata.super<tier_super_block_v2_t>();
     if (super.sb_inode_exp_inuse != TIER_EXP_INUSE_V2) {
-        states.set_from(super.sb_inode_cnt, tierctl_state::closed);
+        states.set_from(super.sb_inode_cnt, State::closed);
     }
-    states.set_from(TIER_INODE_NO_BOUND_V2, tierctl_state::missing);
+    states.set_from(TIER_INODE_NO_BOUND_V2, State::missing);
 }
 
 /* The check of a device. */
-class check {
+class Check {
 public:
-    check(const tierctl_check_options &options, const tierctl_device &device,
-          const tierctl_metadata &metadata, tierctl_report &report, tierctl_watcher *watcher)
+    Check(const CheckOptions &options, const Device &device, const Metadata &metadata,
+          Report &report, Watcher *watcher)
         : options_(options), device_(device), metadata_(metadata), report_(report),
           watcher_(watcher)
     {
@@ -65,7 +67,7 @@ public:
 
     void run()
     {
-        check_super(metadata_.tables.front());
+        check_super_block(metadata_.tables.front());
         for (auto table = metadata_.tables.begin() + 1; table != metadata_.tables.end(); ++table) {
             if (wanted(*table) || named_by_wanted(*table)) {
                 with_entries(metadata_, table->name,
@@ -75,101 +77,101 @@ public:
     }
 
 private:
-    bool wanted(const tierctl_table &table) const
+    bool wanted(const Table &table) const
     {
         return options_.tables.empty() ||
                std::ranges::find(options_.tables, table.name) != options_.tables.end();
     }
 
-    bool named_by_wanted(const tierctl_table &table) const
+    bool named_by_wanted(const Table &table) const
     {
         return std::any_of(metadata_.tables.begin() + 1, metadata_.tables.end(),
-                           [this, &table](const tierctl_table &other) {
+                           [this, &table](const Table &other) {
                                return wanted(other) &&
                                       owner_of(metadata_, other.name) == table.name;
                            });
     }
 
-    void check_super(const tierctl_table &table)
+    void check_super_block(const Table &table)
     {
         begin_table(table, {table.count(), 0, 1}, {});
         if (watcher_ != nullptr) {
             watcher_->add_in_use({0, metadata_.super_block.data(), std::nullopt});
         }
         if (wanted(table)) {
-            tierctl_check_super(metadata_, device_.size(), report_);
+            check_super(metadata_, device_.size(), report_);
             report_.add_counts(table.name, {.entries = 1, .in_use = 1});
         }
     }
 
     template <class Entries>
-    void check_table(const tierctl_table &table, const Entries &entries)
+    void check_table(const Table &table, const Entries &entries)
     {
-        const tierctl_table_findings findings(wanted(table) ? &report_ : nullptr, table,
-                                              Entries::BEHIND != 1);
+        const TableFindings findings(wanted(table) ? &report_ : nullptr, table,
+                                     Entries::BEHIND != 1);
         begin_table(table, {table.count(), Entries::FIRST, Entries::BEHIND},
                     owner_of(metadata_, table.name));
         if (table.record_length < entries.LENGTH_MIN || !table.fits()) {
             findings.add_unfit();
             add_counts(table, {.entries = table.count(), .damaged = table.count()});
             if (watcher_ != nullptr) {
-                watcher_->add_lost(0, table.count(), tierctl_state::damaged);
+                watcher_->add_lost(0, table.count(), State::damaged);
             }
             return;
         }
-        tierctl_table_check<Entries> entries_check(
-            device_, table, entries, findings, states_[owner_of(metadata_, table.name)], watcher_);
+        TableCheck<Entries> entries_check(device_, table, entries, findings,
+                                          states_[owner_of(metadata_, table.name)], watcher_);
         entries_check.run(options_.claims_memory);
         add_counts(table, entries_check.counts());
-        if (metadata_.version == tierctl_version::v2 && table.name == "inode") {
+        if (metadata_.version == Version::v2 && table.name == "inode") {
             close_inodes(metadata_, entries_check.states());
         }
         states_[table.name] = std::move(entries_check.states());
     }
 
-    void begin_table(const tierctl_table &table, const tierctl_numbering &numbering,
-                     std::string_view owner) const
+    void begin_table(const Table &table, const Numbering &numbering, std::string_view owner) const
     {
         if (watcher_ != nullptr) {
             watcher_->begin_table(table.name, numbering, owner);
         }
     }
 
-    void add_counts(const tierctl_table &table, const tierctl_counts &counts)
+    void add_counts(const Table &table, const Counts &counts)
     {
         if (wanted(table)) {
             report_.add_counts(table.name, counts);
         }
     }
 
-    const tierctl_check_options &options_;
-    const tierctl_device &device_;
-    const tierctl_metadata &metadata_;
-    tierctl_report &report_;
-    tierctl_watcher *watcher_;
-    std::map<std::string_view, tierctl_states> states_; /* by table */
+    const CheckOptions &options_;
+    const Device &device_;
+    const Metadata &metadata_;
+    Report &report_;
+    Watcher *watcher_;
+    std::map<std::string_view, States> states_; /* by table */
 };
 
 } // namespace
 
-bool tierctl_check(const tierctl_check_options &options)
+bool check(const CheckOptions &options)
 {
-    const tierctl_device device(options.device, tierctl_access::read_only);
-    const tierctl_metadata metadata = tierctl_read_metadata(device);
+    const Device device(options.device, Access::read_only);
+    const Metadata metadata = read_metadata(device);
     for (const std::string &name : options.tables) {
-        tierctl_find_table(metadata.tables, name);
+        find_table(metadata.tables, name);
     }
-    const std::unique_ptr<tierctl_report> report =
-        options.json ? tierctl_json_report(options.device, metadata.layout_name)
-                     : tierctl_text_report(options.device);
-    tierctl_check_metadata(options, device, metadata, *report, nullptr);
+    const std::unique_ptr<Report> report =
+        options.json ? make_json_report(options.device, metadata.layout_name)
+                     : make_text_report(options.device);
+    check_metadata(options, device, metadata, *report, nullptr);
     report->finish();
     return report->findings() == 0;
 }
 
-void tierctl_check_metadata(const tierctl_check_options &options, const tierctl_device &device,
-                            const tierctl_metadata &metadata, tierctl_report &report,
-                            tierctl_watcher *watcher)
+void check_metadata(const CheckOptions &options, const Device &device, const Metadata &metadata,
+                    Report &report, Watcher *watcher)
 {
-    check(options, device, metadata, report, watcher).run();
+    Check(options, device, metadata, report, watcher).run();
 }
+
+} // namespace tierctl

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
-struct tierctl_check_options {
+namespace tierctl {
+
+struct CheckOptions {
     std::string device;
     bool json = false;
     std::vector<std::string> tables{}; /* to report on; empty: all */
@@ -20,10 +22,11 @@ struct tierctl_check_options {
 
 /* Reads the metadata of a device and reports, on standard output, what breaks the rules of its
  * layout. True when nothing does; throws when it cannot be checked. */
-bool tierctl_check(const tierctl_check_options &options);
+bool check(const CheckOptions &options);
 
 /* The same for a device that has been opened, to another report, which is not finished then.
  * `watcher`, unless it is null, sees the tables that are read. */
-void tierctl_check_metadata(const tierctl_check_options &options, const tierctl_device &device,
-                            const tierctl_metadata &metadata, tierctl_report &report,
-                            tierctl_watcher *watcher);
+void check_metadata(const CheckOptions &options, const Device &device, const Metadata &metadata,
+                    Report &report, Watcher *watcher);
+
+} // namespace tierctl

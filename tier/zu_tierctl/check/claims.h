@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+namespace tierctl {
+
 /* Finds the keys that more than one number claims, in memory of a fixed size and therefore, if need
  * be, in several rounds: each takes the keys of a range of which all fit. A round goes twice over
  * all claims, the second time only if some key was claimed repeatedly:
@@ -23,10 +25,10 @@
  *   } while (next_round());
  */
 template <class Key>
-class tierctl_claims {
+class Claims {
 public:
     /* Keys that are held at a time, 2 or more. */
-    explicit tierctl_claims(size_t capacity) : capacity_(capacity) { keys_.reserve(capacity); }
+    explicit Claims(size_t capacity) : capacity_(capacity) { keys_.reserve(capacity); }
 
     /* The largest that takes no more than so many bytes. */
     static constexpr size_t capacity(size_t bytes)
@@ -117,7 +119,7 @@ private:
      * where there are too many of these. */
     void gather()
     {
-        tierctl_sort(std::span(keys_));
+        sort_keys(std::span(keys_));
         const size_t repeated_max = std::max<size_t>(1, capacity_ / REPEATED_PART);
         const size_t repeated_full = repeated_.size() + repeated_max;
         size_t kept = 0;
@@ -146,3 +148,5 @@ private:
     std::optional<Key> behind_;   /* the range begins behind this key, */
     std::optional<Key> last_;     /* and ends with this one */
 };
+
+} // namespace tierctl

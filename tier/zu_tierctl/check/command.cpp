@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <memory>
 
+namespace tierctl {
+
 namespace {
 
 constexpr int STATUS_FINDINGS = 1;
@@ -20,10 +22,10 @@ constexpr const char CHECK_EXAMPLE[] =
 constexpr const char TABLE_HELP[] = "Report on this table only; may be repeated\n"
                                     "super, brick, inode, extent; in v3 also shard and hot";
 
-int run(const tierctl_check_options &options)
+int run(const CheckOptions &options)
 {
     try {
-        return tierctl_check(options) ? 0 : STATUS_FINDINGS;
+        return check(options) ? 0 : STATUS_FINDINGS;
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
         fprintf(stderr, "zu_tierctl: %s\n", error.what());
         return STATUS_NOT_CHECKED;
@@ -32,9 +34,9 @@ int run(const tierctl_check_options &options)
 
 } // namespace
 
-void tierctl_add_check(CLI::App &app, int *status)
+void add_check(CLI::App &app, int *status)
 {
-    const auto options = std::make_shared<tierctl_check_options>();
+    const auto options = std::make_shared<CheckOptions>();
     CLI::App *command =
         app.add_subcommand("check", "Check the metadata of a device, without changing it");
     command->footer(CHECK_EXAMPLE);
@@ -48,3 +50,5 @@ void tierctl_add_check(CLI::App &app, int *status)
         ->allow_extra_args(false);
     command->callback([options, status] { *status = run(*options); });
 }
+
+} // namespace tierctl

@@ -12,6 +12,8 @@
 #include <functional>
 #include <string>
 
+namespace tierctl {
+
 /* The entries of each table as a check sees them, by a class a table:
  *
  *   LENGTH_MIN         bytes of a record that are needed to tell
@@ -24,23 +26,23 @@
  */
 
 /* What is found when an entry names one of another table. */
-struct tierctl_owner {
+struct Owner {
     const char *table;
-    tierctl_kind free;
-    tierctl_kind missing;
-    tierctl_kind unknown; /* it is damaged or unreadable */
-    tierctl_kind head{};
-    tierctl_kind closed{};
+    Kind free;
+    Kind missing;
+    Kind unknown; /* it is damaged or unreadable */
+    Kind head{};
+    Kind closed{};
 };
 
 /* An identity of 16 bytes, as a key. */
-using tierctl_identity = std::array<uint64_t, 2>;
+using Identity = std::array<uint64_t, 2>;
 
 /* Tells of something wrong with an entry. */
-using tierctl_tell = std::function<void(const tierctl_kind &kind, const std::string &text)>;
+using Tell = std::function<void(const Kind &kind, const std::string &text)>;
 
 template <class Record>
-Record tierctl_record(const uint8_t *slot)
+Record load_record(const uint8_t *slot)
 {
     Record record;
     memcpy(&record, slot, sizeof(record));
@@ -48,82 +50,80 @@ Record tierctl_record(const uint8_t *slot)
 }
 
 template <size_t LengthMin>
-struct tierctl_slot_entries {
+struct SlotEntries {
     static constexpr size_t LENGTH_MIN = LengthMin;
     static constexpr uint32_t FIRST = 0;
     static constexpr uint32_t BEHIND = 1;
 };
 
-struct tierctl_brick_entries : tierctl_slot_entries<TIER_CHECKSUM_SIZE> {
+struct BrickEntries : SlotEntries<TIER_CHECKSUM_SIZE> {
     static constexpr bool NAMED = true;
 
     static bool in_use(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tier_brick_info_t>(slot).bi_use != 0;
+        return load_record<tier_brick_info_t>(slot).bi_use != 0;
     }
-    static tierctl_identity claim(const uint8_t *slot, uint32_t)
+    static Identity claim(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tierctl_identity>(slot + offsetof(tier_brick_info_t, bi_uuid));
+        return load_record<Identity>(slot + offsetof(tier_brick_info_t, bi_uuid));
     }
     static std::string claim_text(const uint8_t *slot, uint32_t);
-    static void check(const uint8_t *slot, const tierctl_tell &tell);
+    static void check(const uint8_t *slot, const Tell &tell);
 };
 
-struct tierctl_inode_entries : tierctl_slot_entries<TIER_CHECKSUM_SIZE> {
+struct InodeEntries : SlotEntries<TIER_CHECKSUM_SIZE> {
     static constexpr bool NAMED = true;
-    static constexpr tierctl_owner OWNER = {
-        .table = "brick",
-        .free = {"inode_of_free_brick"},
-        .missing = {"inode_of_missing_brick"},
-        .unknown = {"inode_of_unknown_brick", tierctl_severity::warning}};
+    static constexpr Owner OWNER = {.table = "brick",
+                                    .free = {"inode_of_free_brick"},
+                                    .missing = {"inode_of_missing_brick"},
+                                    .unknown = {"inode_of_unknown_brick", Severity::warning}};
 
     static bool in_use(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tier_inode_t>(slot).i_use != 0;
+        return load_record<tier_inode_t>(slot).i_use != 0;
     }
     static uint64_t owner(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tier_inode_t>(slot).i_brick_no;
+        return load_record<tier_inode_t>(slot).i_brick_no;
     }
-    static tierctl_identity claim(const uint8_t *slot, uint32_t)
+    static Identity claim(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tierctl_identity>(slot + offsetof(tier_inode_t, i_uuid));
+        return load_record<Identity>(slot + offsetof(tier_inode_t, i_uuid));
     }
     static std::string claim_text(const uint8_t *slot, uint32_t);
 };
 
 /* Of V1, and what V2 has alike. */
-struct tierctl_extent_entries : tierctl_slot_entries<sizeof(tier_extent_t)> {
+struct ExtentEntries : SlotEntries<sizeof(tier_extent_t)> {
     static constexpr bool NAMED = false;
-    static constexpr tierctl_owner OWNER = {
-        .table = "inode",
-        .free = {"extent_of_free_inode"},
-        .missing = {"extent_of_missing_inode"},
-        .unknown = {"extent_of_unknown_inode", tierctl_severity::warning},
-        .closed = {"extent_of_unused_expansion"}};
+    static constexpr Owner OWNER = {.table = "inode",
+                                    .free = {"extent_of_free_inode"},
+                                    .missing = {"extent_of_missing_inode"},
+                                    .unknown = {"extent_of_unknown_inode", Severity::warning},
+                                    .closed = {"extent_of_unused_expansion"}};
 
     static bool in_use(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tier_extent_t>(slot).te_use != 0;
+        return load_record<tier_extent_t>(slot).te_use != 0;
     }
     static uint64_t owner(const uint8_t *slot, uint32_t)
     {
-        return tierctl_record<tier_extent_t>(slot).te_inode_no;
+        return load_record<tier_extent_t>(slot).te_inode_no;
     }
     static uint64_t claim(const uint8_t *slot, uint32_t)
     {
-        const auto extent = tierctl_record<tier_extent_t>(slot);
+        const auto extent = load_record<tier_extent_t>(slot);
         return uint64_t{extent.te_inode_no} << 32 | extent.te_block;
     }
     static std::string claim_text(const uint8_t *slot, uint32_t);
 };
 
-class tierctl_extent_entries_v2 : public tierctl_extent_entries {
+class ExtentEntriesV2 : public ExtentEntries {
 public:
-    explicit tierctl_extent_entries_v2(const tier_super_block_v2_t &super);
+    explicit ExtentEntriesV2(const tier_super_block_v2_t &super);
 
     /* The mapped pieces. */
-    void check(const uint8_t *slot, const tierctl_tell &tell) const;
+    void check(const uint8_t *slot, const Tell &tell) const;
 
 private:
     uint32_t pieces_; /* 0 when their place is not known */
@@ -131,24 +131,23 @@ private:
     uint32_t block_size_;
 };
 
-struct tierctl_packed_entries {
+struct PackedEntries {
     static constexpr size_t LENGTH_MIN = SIZE_4K;
     static constexpr uint32_t BEHIND = TIER_PACKED_SLOTS_V3;
 
     static uint64_t word(const uint8_t *slot, uint32_t k)
     {
-        return tierctl_record<uint64_t>(slot + size_t{k} * TIER_PACKED_SIZE_V3);
+        return load_record<uint64_t>(slot + size_t{k} * TIER_PACKED_SIZE_V3);
     }
 };
 
-struct tierctl_shard_entries : tierctl_packed_entries {
+struct ShardEntries : PackedEntries {
     static constexpr uint32_t FIRST = 1;
     static constexpr bool NAMED = true;
-    static constexpr tierctl_owner OWNER = {
-        .table = "inode",
-        .free = {"shard_of_free_inode"},
-        .missing = {"shard_of_missing_inode"},
-        .unknown = {"shard_of_unknown_inode", tierctl_severity::warning}};
+    static constexpr Owner OWNER = {.table = "inode",
+                                    .free = {"shard_of_free_inode"},
+                                    .missing = {"shard_of_missing_inode"},
+                                    .unknown = {"shard_of_unknown_inode", Severity::warning}};
 
     static bool in_use(const uint8_t *slot, uint32_t k)
     {
@@ -165,15 +164,14 @@ struct tierctl_shard_entries : tierctl_packed_entries {
     static std::string claim_text(const uint8_t *slot, uint32_t k);
 };
 
-struct tierctl_extent_entries_v3 : tierctl_packed_entries {
+struct ExtentEntriesV3 : PackedEntries {
     static constexpr uint32_t FIRST = 0;
     static constexpr bool NAMED = false;
-    static constexpr tierctl_owner OWNER = {
-        .table = "shard",
-        .free = {"extent_of_free_shard"},
-        .missing = {"extent_of_missing_shard"},
-        .unknown = {"extent_of_unknown_shard", tierctl_severity::warning},
-        .head = {"extent_of_shard_head"}};
+    static constexpr Owner OWNER = {.table = "shard",
+                                    .free = {"extent_of_free_shard"},
+                                    .missing = {"extent_of_missing_shard"},
+                                    .unknown = {"extent_of_unknown_shard", Severity::warning},
+                                    .head = {"extent_of_shard_head"}};
 
     static bool in_use(const uint8_t *slot, uint32_t k)
     {
@@ -191,8 +189,10 @@ struct tierctl_extent_entries_v3 : tierctl_packed_entries {
 };
 
 /* Blocks whose content nobody knows. */
-struct tierctl_hot_entries : tierctl_slot_entries<TIER_CHECKSUM_SIZE> {
+struct HotEntries : SlotEntries<TIER_CHECKSUM_SIZE> {
     static constexpr bool NAMED = false;
 
     static bool in_use(const uint8_t *, uint32_t) { return true; }
 };
+
+} // namespace tierctl

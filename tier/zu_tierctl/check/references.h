@@ -4,10 +4,12 @@
 #include <cstdint>
 #include <vector>
 
+namespace tierctl {
+
 /* Who names the entries of another table, each of them by number: the first that does, and how many
  * do. Takes 16 bytes for every number up to the highest that is named: 8 MiB for all that are kept,
  * 24 MiB while it grows. */
-class tierctl_namings {
+class References {
 public:
     /* No layout lets entries name higher numbers than those below, only a super block that breaks
      * the rules does. */
@@ -49,3 +51,5 @@ private:
 
     std::vector<naming> namings_;
 };
+
+} // namespace tierctl

@@ -9,20 +9,22 @@
 #include <string_view>
 #include <vector>
 
+namespace tierctl {
+
 /* What a check finds, told while it goes on. */
 
-enum class tierctl_severity {
+enum class Severity {
     error,   /* breaks a rule of the layout */
     warning, /* breaks none, but no device is made like that, or it could not be checked */
 };
 
-struct tierctl_kind {
+struct Kind {
     std::string_view name;
-    tierctl_severity severity = tierctl_severity::error;
+    Severity severity = Severity::error;
 };
 
-struct tierctl_finding {
-    tierctl_kind kind;
+struct Finding {
+    Kind kind;
     std::string_view table;
     std::string_view unit; /* what `no` numbers: "entry", or "block" of packed entries */
     uint64_t no;
@@ -32,7 +34,7 @@ struct tierctl_finding {
 };
 
 /* Of a table. Each entry is one of the last four: entries of a damaged block are damaged. */
-struct tierctl_counts {
+struct Counts {
     uint64_t entries = 0;
     uint64_t in_use = 0;
     uint64_t free = 0;
@@ -41,12 +43,12 @@ struct tierctl_counts {
 };
 
 /* Where the report of a check goes. A report that cannot be written is an exception. */
-class tierctl_report {
+class Report {
 public:
-    virtual ~tierctl_report() = default;
+    virtual ~Report() = default;
 
-    void add(const tierctl_finding &finding);
-    void add_counts(std::string_view table, const tierctl_counts &counts);
+    void add(const Finding &finding);
+    void add_counts(std::string_view table, const Counts &counts);
 
     /* Nothing more follows. */
     void finish();
@@ -55,21 +57,21 @@ public:
     uint64_t findings() const { return findings_; }
 
 protected:
-    explicit tierctl_report(const std::string &device);
+    explicit Report(const std::string &device);
 
     struct table_counts {
         std::string_view table;
-        tierctl_counts counts;
+        Counts counts;
     };
 
     const std::vector<table_counts> &counts() const { return counts_; }
     const std::map<std::string_view, uint64_t> &kinds() const { return kinds_; }
 
     /* The command that shows what the finding is about. */
-    std::string command(const tierctl_finding &finding) const;
+    std::string command(const Finding &finding) const;
 
 private:
-    virtual void write(const tierctl_finding &finding) = 0;
+    virtual void write(const Finding &finding) = 0;
     virtual void write_end() = 0;
 
     std::string shown_device_; /* as a word of a command line */
@@ -79,8 +81,9 @@ private:
 };
 
 /* On standard output, for people: a line for each finding, then tables of counts. */
-std::unique_ptr<tierctl_report> tierctl_text_report(const std::string &device);
+std::unique_ptr<Report> make_text_report(const std::string &device);
 
 /* On standard output, for programs: a single document. */
-std::unique_ptr<tierctl_report> tierctl_json_report(const std::string &device,
-                                                    std::string_view layout);
+std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout);
+
+} // namespace tierctl

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <vector>
 
-enum class tierctl_state : uint8_t {
+namespace tierctl {
+
+enum class State : uint8_t {
     in_use,
     free,
     damaged,
@@ -16,45 +18,47 @@ enum class tierctl_state : uint8_t {
 };
 
 /* What the entries of a table are, for the entries that name them. */
-class tierctl_states {
+class States {
 public:
     /* More than a layout has entries that others can name: only a super block that breaks the
      * rules counts more, and those are taken for unreadable. */
     static constexpr size_t ENTRIES_MAX = size_t{1} << 24;
 
     /* Of a table of so many entries, all of them unreadable so far. */
-    explicit tierctl_states(uint64_t count = 0) : count_(count) {}
+    explicit States(uint64_t count = 0) : count_(count) {}
 
     /* Memory is taken only up to the last number that is set. */
-    void set(uint64_t no, tierctl_state state)
+    void set(uint64_t no, State state)
     {
         if (no >= ENTRIES_MAX) {
             return;
         }
         if (no >= known_.size()) {
-            known_.resize(no + 1, tierctl_state::unreadable);
+            known_.resize(no + 1, State::unreadable);
         }
         known_[no] = state;
     }
 
     /* Sets all from `no` on. */
-    void set_from(uint64_t no, tierctl_state state)
+    void set_from(uint64_t no, State state)
     {
-        known_.resize(std::min<uint64_t>(count_, ENTRIES_MAX), tierctl_state::unreadable);
+        known_.resize(std::min<uint64_t>(count_, ENTRIES_MAX), State::unreadable);
         for (size_t i = no; i < known_.size(); i++) {
             known_[i] = state;
         }
     }
 
-    tierctl_state get(uint64_t no) const
+    State get(uint64_t no) const
     {
         if (no < known_.size()) {
             return known_[no];
         }
-        return no < count_ ? tierctl_state::unreadable : tierctl_state::missing;
+        return no < count_ ? State::unreadable : State::missing;
     }
 
 private:
     uint64_t count_;
-    std::vector<tierctl_state> known_;
+    std::vector<State> known_;
 };
+
+} // namespace tierctl

@@ -5,7 +5,10 @@
 
 #include <cstdint>
 
+namespace tierctl {
+
 /* What the super block of the layout says that cannot be so: each of its parameters, and how the
  * areas lie on a device of so many bytes. */
-void tierctl_check_super(const tierctl_metadata &metadata, uint64_t device_size,
-                         tierctl_report &report);
+void check_super(const Metadata &metadata, uint64_t device_size, Report &report);
+
+} // namespace tierctl

@@ -5,65 +5,66 @@
 #include <array>
 #include <cstring>
 
+namespace tierctl {
+
 namespace {
 
-constexpr tierctl_kind PAST_END = {"past_end"};
-constexpr tierctl_kind MISALIGNED = {"misaligned"};
-constexpr tierctl_kind UNREADABLE = {"unreadable"};
-constexpr tierctl_kind UNFIT = {"records_do_not_fit"};
+constexpr Kind PAST_END = {"past_end"};
+constexpr Kind MISALIGNED = {"misaligned"};
+constexpr Kind UNREADABLE = {"unreadable"};
+constexpr Kind UNFIT = {"records_do_not_fit"};
 
-std::string magic_text(const tierctl_table &table, const uint8_t *content)
+std::string magic_text(const Table &table, const uint8_t *content)
 {
-    return tierctl_text("its magic is 0x%lx, not 0x%x", table.magic->place.get(content),
-                        table.magic->value);
+    return format_text("its magic is 0x%lx, not 0x%x", table.magic->place.get(content),
+                       table.magic->value);
 }
 
-std::string number_text(const tierctl_table &table, const uint8_t *content)
+std::string number_text(const Table &table, const uint8_t *content)
 {
-    return tierctl_text("its number is %lu", table.number->get(content));
+    return format_text("its number is %lu", table.number->get(content));
 }
 
-std::string checksum_text(const tierctl_table &, const uint8_t *)
+std::string checksum_text(const Table &, const uint8_t *)
 {
     return "its checksum is not that of its content";
 }
 
 struct flaw {
-    tierctl_flaw bit;
-    tierctl_kind kind;
-    std::string (*text)(const tierctl_table &table, const uint8_t *content);
+    Flaw bit;
+    Kind kind;
+    std::string (*text)(const Table &table, const uint8_t *content);
 };
 
 constexpr flaw FLAWS[] = {
-    {TIERCTL_BAD_MAGIC, {"bad_magic"}, magic_text},
-    {TIERCTL_BAD_NUMBER, {"bad_number"}, number_text},
-    {TIERCTL_BAD_CHECKSUM, {"bad_checksum"}, checksum_text},
+    {BAD_MAGIC, {"bad_magic"}, magic_text},
+    {BAD_NUMBER, {"bad_number"}, number_text},
+    {BAD_CHECKSUM, {"bad_checksum"}, checksum_text},
 };
 
 /* What is said of an owner that is not in use. */
 struct owner_state {
-    tierctl_state state;
-    tierctl_kind tierctl_owner::*kind;
+    State state;
+    Kind Owner::*kind;
     const char *text;
 };
 
 constexpr owner_state OWNER_STATES[] = {
-    {tierctl_state::free, &tierctl_owner::free, "is free"},
-    {tierctl_state::damaged, &tierctl_owner::unknown, "is damaged"},
-    {tierctl_state::unreadable, &tierctl_owner::unknown, "cannot be read"},
-    {tierctl_state::missing, &tierctl_owner::missing, "does not exist"},
-    {tierctl_state::head, &tierctl_owner::head, "is the head of a block and no entry"},
-    {tierctl_state::closed, &tierctl_owner::closed,
-     "lies in the expansion inode area, which is not in use"},
+    {State::free, &Owner::free, "is free"},
+    {State::damaged, &Owner::unknown, "is damaged"},
+    {State::unreadable, &Owner::unknown, "cannot be read"},
+    {State::missing, &Owner::missing, "does not exist"},
+    {State::head, &Owner::head, "is the head of a block and no entry"},
+    {State::closed, &Owner::closed, "lies in the expansion inode area, which is not in use"},
 };
 
 /* Why a run of slots could not be read. */
 struct unread {
-    tierctl_kind kind;
+    Kind kind;
     std::string text;
 };
 
-unread reason(const tierctl_slots &slots, uint64_t device_size)
+unread reason(const Slots &slots, uint64_t device_size)
 {
     const auto start = static_cast<uint64_t>(slots.offset);
     if (start % SIZE_4K != 0) {
@@ -81,29 +82,28 @@ std::string who_names(uint64_t others)
     if (others == 0) {
         return "it names";
     }
-    return others == 1 ? "it and 1 other name" : tierctl_text("it and %lu others name", others);
+    return others == 1 ? "it and 1 other name" : format_text("it and %lu others name", others);
 }
 
 } // namespace
 
-void tierctl_table_findings::add(const tierctl_kind &kind, const tierctl_entry_place &place,
-                                 const std::string &text) const
+void TableFindings::add(const Kind &kind, const EntryPlace &place, const std::string &text) const
 {
     if (wanted()) {
         report_->add({kind, table_->name, "entry", place.no, place.offset, place.slot, text});
     }
 }
 
-void tierctl_table_findings::add_slot(const tierctl_kind &kind, uint64_t slot, int64_t offset,
-                                      const std::string &text) const
+void TableFindings::add_slot(const Kind &kind, uint64_t slot, int64_t offset,
+                             const std::string &text) const
 {
     if (wanted()) {
         report_->add({kind, table_->name, slot_unit_, slot, offset, slot, text});
     }
 }
 
-void tierctl_table_findings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
-                                       const uint8_t *content) const
+void TableFindings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
+                              const uint8_t *content) const
 {
     for (const flaw &flaw : FLAWS) {
         if ((flaws & flaw.bit) != 0) {
@@ -112,35 +112,34 @@ void tierctl_table_findings::add_flaws(uint32_t flaws, uint64_t slot, int64_t of
     }
 }
 
-void tierctl_table_findings::add_unread(const tierctl_slots &slots, uint64_t device_size) const
+void TableFindings::add_unread(const Slots &slots, uint64_t device_size) const
 {
     const auto [kind, why] = reason(slots, device_size);
     const uint64_t last = slots.first_no + slots.count - 1;
     const std::string which = slots.count == 1
                                   ? "it cannot be read: "
-                                  : tierctl_text("it and all up to %lu cannot be read: ", last);
+                                  : format_text("it and all up to %lu cannot be read: ", last);
     add_slot(kind, slots.first_no, slots.offset, which + why);
 }
 
-void tierctl_table_findings::add_owner(const tierctl_owner &owner, uint64_t owner_no,
-                                       tierctl_state state, const tierctl_entry_place &place,
-                                       uint64_t others) const
+void TableFindings::add_owner(const Owner &owner, uint64_t owner_no, State state,
+                              const EntryPlace &place, uint64_t others) const
 {
     for (const owner_state &known : OWNER_STATES) {
         if (known.state == state) {
             add(owner.*known.kind, place,
                 who_names(others) +
-                    tierctl_text(" %s %lu, which %s", owner.table, owner_no, known.text));
+                    format_text(" %s %lu, which %s", owner.table, owner_no, known.text));
         }
     }
 }
 
-void tierctl_table_findings::add_claim(const std::string &claim, uint64_t first,
-                                       const tierctl_entry_place &place) const
+void TableFindings::add_claim(const std::string &claim, uint64_t first,
+                              const EntryPlace &place) const
 {
     constexpr struct {
         std::string_view table;
-        tierctl_kind kind;
+        Kind kind;
     } KINDS[] = {{"brick", {"duplicate_brick"}},
                  {"inode", {"duplicate_inode"}},
                  {"shard", {"duplicate_shard"}},
@@ -148,20 +147,20 @@ void tierctl_table_findings::add_claim(const std::string &claim, uint64_t first,
     for (const auto &[table, kind] : KINDS) {
         if (table == table_->name) {
             add(kind, place,
-                tierctl_text("%s is that of %s %lu, too", claim.c_str(), std::string(table).c_str(),
-                             first));
+                format_text("%s is that of %s %lu, too", claim.c_str(), std::string(table).c_str(),
+                            first));
         }
     }
 }
 
-void tierctl_table_findings::add_unfit() const
+void TableFindings::add_unfit() const
 {
     add_slot(UNFIT, 0, table_->regions.front().start,
-             tierctl_text("records of %zu bytes do not fit their slots: no entry is checked",
-                          table_->record_length));
+             format_text("records of %zu bytes do not fit their slots: no entry is checked",
+                         table_->record_length));
 }
 
-uint64_t tierctl_slots_there(const tierctl_table &table, uint64_t device_size)
+uint64_t slots_there(const Table &table, uint64_t device_size)
 {
     uint64_t slots = 0;
     for (const tier_region &region : table.regions) {
@@ -169,3 +168,5 @@ uint64_t tierctl_slots_there(const tierctl_table &table, uint64_t device_size)
     }
     return slots;
 }
+
+} // namespace tierctl

@@ -16,64 +16,62 @@
 #include <string>
 #include <utility>
 
+namespace tierctl {
+
 /* An entry, in a slot or packed with others into a block. */
-struct tierctl_entry_place {
+struct EntryPlace {
     uint64_t no;
     uint64_t slot;
     int64_t offset;
 };
 
 /* Where the findings of a table go. */
-class tierctl_table_findings {
+class TableFindings {
 public:
     /* Without a report they are dropped. `packed`: slots are blocks of several entries. */
-    tierctl_table_findings(tierctl_report *report, const tierctl_table &table, bool packed)
+    TableFindings(Report *report, const Table &table, bool packed)
         : report_(report), table_(&table), slot_unit_(packed ? "block" : "entry")
     {
     }
 
     bool wanted() const { return report_ != nullptr; }
 
-    void add(const tierctl_kind &kind, const tierctl_entry_place &place,
-             const std::string &text) const;
+    void add(const Kind &kind, const EntryPlace &place, const std::string &text) const;
 
     /* The flaws of the slot at `content`. */
     void add_flaws(uint32_t flaws, uint64_t slot, int64_t offset, const uint8_t *content) const;
 
     /* That these slots could not be read. */
-    void add_unread(const tierctl_slots &slots, uint64_t device_size) const;
+    void add_unread(const Slots &slots, uint64_t device_size) const;
 
     /* That the entry, and so many others, names as its owner an entry that is not in use. */
-    void add_owner(const tierctl_owner &owner, uint64_t owner_no, tierctl_state state,
-                   const tierctl_entry_place &place, uint64_t others = 0) const;
+    void add_owner(const Owner &owner, uint64_t owner_no, State state, const EntryPlace &place,
+                   uint64_t others = 0) const;
 
     /* That another entry claims the same. */
-    void add_claim(const std::string &claim, uint64_t first,
-                   const tierctl_entry_place &place) const;
+    void add_claim(const std::string &claim, uint64_t first, const EntryPlace &place) const;
 
     /* That nothing of the table can be checked: its records do not fit their slots. */
     void add_unfit() const;
 
 private:
-    void add_slot(const tierctl_kind &kind, uint64_t slot, int64_t offset,
-                  const std::string &text) const;
+    void add_slot(const Kind &kind, uint64_t slot, int64_t offset, const std::string &text) const;
 
-    tierctl_report *report_;
-    const tierctl_table *table_;
+    Report *report_;
+    const Table *table_;
     std::string_view slot_unit_;
 };
 
 /* Slots of the table that can lie on a device of that size. */
-uint64_t tierctl_slots_there(const tierctl_table &table, uint64_t device_size);
+uint64_t slots_there(const Table &table, uint64_t device_size);
 
 /* The check of a table whose entries are as `Entries` says. */
 template <class Entries>
-class tierctl_table_check {
+class TableCheck {
 public:
     /* `owners`: of the table that the entries name, if they name any. `watcher` may be null. */
-    tierctl_table_check(const tierctl_device &device, const tierctl_table &table, Entries entries,
-                        const tierctl_table_findings &findings, const tierctl_states &owners,
-                        tierctl_watcher *watcher)
+    TableCheck(const Device &device, const Table &table, Entries entries,
+               const TableFindings &findings, const States &owners, Watcher *watcher)
         : device_(device), table_(table), entries_(std::move(entries)), findings_(findings),
           owners_(owners), watcher_(watcher), states_(table.count() * Entries::BEHIND)
     {
@@ -88,15 +86,15 @@ public:
         add_unknown_owners();
     }
 
-    const tierctl_counts &counts() const { return counts_; }
-    tierctl_states &states() { return states_; }
+    const Counts &counts() const { return counts_; }
+    States &states() { return states_; }
 
 private:
     static constexpr uint64_t ENTRIES_A_SLOT = Entries::BEHIND - Entries::FIRST;
     static constexpr bool CLAIMS = requires(const uint8_t *slot) { Entries::claim(slot, 0); };
     static constexpr bool NAMES = requires { Entries::OWNER; };
 
-    static tierctl_entry_place place(uint64_t slot, int64_t offset, uint32_t k)
+    static EntryPlace place(uint64_t slot, int64_t offset, uint32_t k)
     {
         return {slot * Entries::BEHIND + k, slot, offset + k * int64_t{TIER_PACKED_SIZE_V3}};
     }
@@ -109,20 +107,20 @@ private:
                 return;
             }
         }
-        first_pass([](const tierctl_entry_place &, const uint8_t *, uint32_t) {});
+        first_pass([](const EntryPlace &, const uint8_t *, uint32_t) {});
     }
 
     void check_with_claims(size_t claims_memory)
     {
         using key = decltype(Entries::claim(nullptr, 0));
-        using claims_of_keys = tierctl_claims<key>;
-        const uint64_t there = tierctl_slots_there(table_, device_.size()) * ENTRIES_A_SLOT;
+        using claims_of_keys = Claims<key>;
+        const uint64_t there = slots_there(table_, device_.size()) * ENTRIES_A_SLOT;
         claims_of_keys claims(std::max<uint64_t>(
             2, std::min<uint64_t>(there, claims_of_keys::capacity(claims_memory))));
-        const auto add = [&claims](const tierctl_entry_place &, const uint8_t *slot, uint32_t k) {
+        const auto add = [&claims](const EntryPlace &, const uint8_t *slot, uint32_t k) {
             claims.add(Entries::claim(slot, k));
         };
-        const auto name = [this, &claims](const tierctl_entry_place &place, const uint8_t *slot,
+        const auto name = [this, &claims](const EntryPlace &place, const uint8_t *slot,
                                           uint32_t k) {
             const auto first = claims.first_claim(Entries::claim(slot, k), place.no);
             if (first) {
@@ -142,11 +140,11 @@ private:
     }
 
     template <class Visit>
-    void read_table(const Visit &visit) const
+    void walk(const Visit &visit) const
     {
-        tierctl_progress progress("checking " + std::string(table_.name),
-                                  tierctl_slots_there(table_, device_.size()));
-        tierctl_read_table(device_, table_, [&](const tierctl_slots &slots) {
+        Progress progress("checking " + std::string(table_.name),
+                          slots_there(table_, device_.size()));
+        read_table(device_, table_, [&](const Slots &slots) {
             visit(slots);
             progress.add(slots.count);
         });
@@ -156,11 +154,11 @@ private:
     template <class Visit>
     void first_pass(const Visit &visit)
     {
-        read_table([this, &visit](const tierctl_slots &slots) {
+        walk([this, &visit](const Slots &slots) {
             if (slots.data == nullptr) {
                 findings_.add_unread(slots, device_.size());
                 counts_.unreadable += slots.count * ENTRIES_A_SLOT;
-                watch_lost(slots.first_no, slots.count, tierctl_state::unreadable);
+                watch_lost(slots.first_no, slots.count, State::unreadable);
                 return;
             }
             for (uint64_t i = 0; i < slots.count; i++) {
@@ -175,7 +173,7 @@ private:
     void later_pass(const Visit &visit) const
     {
         uint64_t visited = 0;
-        read_table([this, &visit, &visited](const tierctl_slots &slots) {
+        walk([this, &visit, &visited](const Slots &slots) {
             for (uint64_t i = 0; slots.data != nullptr && i < slots.count; i++) {
                 const uint8_t *slot = slots.slot(i);
                 const uint64_t no = slots.first_no + i;
@@ -200,25 +198,25 @@ private:
     template <class Visit>
     void check_slot(uint64_t no, int64_t offset, const uint8_t *slot, const Visit &visit)
     {
-        set_states(no, 0, Entries::FIRST, tierctl_state::head);
+        set_states(no, 0, Entries::FIRST, State::head);
         const uint32_t flaws = table_.flaws(no, slot);
         if (flaws != 0) {
             findings_.add_flaws(flaws, no, offset, slot);
             counts_.damaged += ENTRIES_A_SLOT;
-            set_states(no, Entries::FIRST, Entries::BEHIND, tierctl_state::damaged);
-            watch_lost(no, 1, tierctl_state::damaged);
+            set_states(no, Entries::FIRST, Entries::BEHIND, State::damaged);
+            watch_lost(no, 1, State::damaged);
             return;
         }
         for (uint32_t k = Entries::FIRST; k < Entries::BEHIND; k++) {
             if (!entries_.in_use(slot, k)) {
-                set_states(no, k, k + 1, tierctl_state::free);
+                set_states(no, k, k + 1, State::free);
                 counts_.free++;
                 if (watcher_ != nullptr) {
                     watcher_->add_free(no * Entries::BEHIND + k);
                 }
                 continue;
             }
-            set_states(no, k, k + 1, tierctl_state::in_use);
+            set_states(no, k, k + 1, State::in_use);
             counts_.in_use++;
             watch_in_use(no * Entries::BEHIND + k, slot, k);
             check_entry(place(no, offset, k), slot, k);
@@ -227,7 +225,7 @@ private:
     }
 
     /* Of the words `first`..`behind` - 1 of a slot. */
-    void set_states(uint64_t slot, uint32_t first, uint32_t behind, tierctl_state state)
+    void set_states(uint64_t slot, uint32_t first, uint32_t behind, State state)
     {
         if constexpr (Entries::NAMED) {
             for (uint32_t k = first; k < behind; k++) {
@@ -236,7 +234,7 @@ private:
         }
     }
 
-    void watch_lost(uint64_t first_slot, uint64_t slots, tierctl_state state) const
+    void watch_lost(uint64_t first_slot, uint64_t slots, State state) const
     {
         if (watcher_ != nullptr) {
             watcher_->add_lost(first_slot, slots, state);
@@ -255,26 +253,26 @@ private:
         }
     }
 
-    void check_entry(const tierctl_entry_place &place, const uint8_t *slot, uint32_t k)
+    void check_entry(const EntryPlace &place, const uint8_t *slot, uint32_t k)
     {
         if constexpr (NAMES) {
             const uint64_t owner = entries_.owner(slot, k);
-            const tierctl_state state = owners_.get(owner);
-            if (state != tierctl_state::in_use && findings_.wanted()) {
+            const State state = owners_.get(owner);
+            if (state != State::in_use && findings_.wanted()) {
                 check_owner(owner, state, place);
             }
         }
-        if constexpr (requires(const tierctl_tell &tell) { entries_.check(slot, tell); }) {
-            entries_.check(slot, [this, &place](const tierctl_kind &kind, const std::string &text) {
+        if constexpr (requires(const Tell &tell) { entries_.check(slot, tell); }) {
+            entries_.check(slot, [this, &place](const Kind &kind, const std::string &text) {
                 findings_.add(kind, place, text);
             });
         }
     }
 
     /* One damaged block may be named by millions: what is not known is told once, at the end. */
-    void check_owner(uint64_t owner, tierctl_state state, const tierctl_entry_place &place)
+    void check_owner(uint64_t owner, State state, const EntryPlace &place)
     {
-        const bool known = state != tierctl_state::damaged && state != tierctl_state::unreadable;
+        const bool known = state != State::damaged && state != State::unreadable;
         if (known || !unknown_owners_.add(owner, place.no)) {
             findings_.add_owner(Entries::OWNER, owner, state, place);
         }
@@ -293,13 +291,15 @@ private:
         }
     }
 
-    const tierctl_device &device_;
-    const tierctl_table &table_;
+    const Device &device_;
+    const Table &table_;
     Entries entries_;
-    tierctl_table_findings findings_;
-    const tierctl_states &owners_;
-    tierctl_watcher *watcher_;
-    tierctl_namings unknown_owners_; /* damaged or unreadable, but named */
-    tierctl_states states_;
-    tierctl_counts counts_;
+    TableFindings findings_;
+    const States &owners_;
+    Watcher *watcher_;
+    References unknown_owners_; /* damaged or unreadable, but named */
+    States states_;
+    Counts counts_;
 };
+
+} // namespace tierctl

@@ -8,6 +8,8 @@
 #include <new>
 #include <sys/stat.h>
 
+namespace tierctl {
+
 namespace {
 
 constexpr uint64_t SLOTS_A_READ = SIZE_1M / SIZE_4K;
@@ -32,26 +34,25 @@ uint64_t slots_on_device(const tier_region &region, uint64_t size)
 
 } // namespace
 
-tierctl_device::tierctl_device(const std::string &path, tierctl_access access)
-    : path_(path),
-      fd_(open_direct(path, access == tierctl_access::exclusive ? O_RDWR | O_EXCL | O_CLOEXEC
-                                                                : O_RDONLY | O_CLOEXEC))
+Device::Device(const std::string &path, Access access)
+    : path_(path), fd_(open_direct(path, access == Access::exclusive ? O_RDWR | O_EXCL | O_CLOEXEC
+                                                                     : O_RDONLY | O_CLOEXEC))
 {
     struct stat status {};
     if (fd_.get() < 0 || fstat(fd_.get(), &status) != 0) {
-        tierctl_throw_errno("cannot open " + path);
+        throw_errno("cannot open " + path);
     }
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         throw std::runtime_error(path + " is neither a regular file nor a block device");
     }
     const off_t end = lseek(fd_.get(), 0, SEEK_END);
     if (end < 0) {
-        tierctl_throw_errno("cannot measure " + path);
+        throw_errno("cannot measure " + path);
     }
     size_ = static_cast<uint64_t>(end);
 }
 
-bool tierctl_device::read(int64_t offset, void *data, size_t length) const
+bool Device::read(int64_t offset, void *data, size_t length) const
 {
     if (offset < 0 || offset % SIZE_4K != 0 || static_cast<uint64_t>(offset) > size_ ||
         length > size_ - static_cast<uint64_t>(offset)) {
@@ -62,22 +63,21 @@ bool tierctl_device::read(int64_t offset, void *data, size_t length) const
     return zutr_readn(fd_.get(), data, length, offset) >= 0;
 }
 
-void tierctl_device::write_block(int64_t offset, const void *block)
+void Device::write_block(int64_t offset, const void *block)
 {
     if (zutr_writen(fd_.get(), block, SIZE_4K, offset) < 0 || fsync(fd_.get()) != 0) {
-        tierctl_throw_errno("cannot write " + path_);
+        throw_errno("cannot write " + path_);
     }
 }
 
-tierctl_table_reader::tierctl_table_reader(const tierctl_device &device, const tierctl_table &table)
-    : device_(device), table_(table)
+TableReader::TableReader(const Device &device, const Table &table) : device_(device), table_(table)
 {
     if (zutr_alloc_aligned(SIZE_1M, &buffer_) != 0) {
         throw std::bad_alloc();
     }
 }
 
-bool tierctl_table_reader::next(tierctl_slots *slots)
+bool TableReader::next(Slots *slots)
 {
     while (region_ < table_.regions.size()) {
         const tier_region &region = table_.regions[region_];
@@ -93,7 +93,7 @@ bool tierctl_table_reader::next(tierctl_slots *slots)
     return false;
 }
 
-tierctl_slots tierctl_table_reader::read(const tier_region &region, uint64_t there)
+Slots TableReader::read(const tier_region &region, uint64_t there)
 {
     const int64_t offset = region.slot(first_);
     if (first_ >= there) {
@@ -112,12 +112,14 @@ tierctl_slots tierctl_table_reader::read(const tier_region &region, uint64_t the
     return {base_ + first_, 1, offset, nullptr, errno};
 }
 
-void tierctl_read_table(const tierctl_device &device, const tierctl_table &table,
-                        const std::function<void(const tierctl_slots &)> &take)
+void read_table(const Device &device, const Table &table,
+                const std::function<void(const Slots &)> &take)
 {
-    tierctl_table_reader reader(device, table);
-    tierctl_slots slots{};
+    TableReader reader(device, table);
+    Slots slots{};
     while (reader.next(&slots)) {
         take(slots);
     }
 }
+
+} // namespace tierctl

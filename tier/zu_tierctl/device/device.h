@@ -9,16 +9,18 @@
 #include <functional>
 #include <string>
 
-enum class tierctl_access {
+namespace tierctl {
+
+enum class Access {
     read_only,
     exclusive, /* for writing; a block device that something else holds is refused */
 };
 
 /* A device or an image of one: a block device or a regular file, read past the page cache where
  * that is possible. Opening throws when there is no such thing. */
-class tierctl_device {
+class Device {
 public:
-    tierctl_device(const std::string &path, tierctl_access access);
+    Device(const std::string &path, Access access);
 
     const std::string &path() const { return path_; }
     uint64_t size() const { return size_; }
@@ -33,11 +35,11 @@ public:
 private:
     std::string path_;
     uint64_t size_ = 0;
-    tierctl_fd fd_;
+    Fd fd_;
 };
 
 /* Slots of a table that follow one another on the device. */
-struct tierctl_slots {
+struct Slots {
     uint64_t first_no;
     uint64_t count;
     int64_t offset;      /* of the first slot */
@@ -50,19 +52,19 @@ struct tierctl_slots {
 /* Reads a table from its first slot to its last and gives every slot exactly once: in runs of up to
  * 1 MiB where the device can be read, block by block around what cannot, and in a single run what
  * lies outside the device. Device and table outlive it. */
-class tierctl_table_reader {
+class TableReader {
 public:
-    tierctl_table_reader(const tierctl_device &device, const tierctl_table &table);
+    TableReader(const Device &device, const Table &table);
 
     /* The next run, which lasts until the next call; false when there is none. */
-    bool next(tierctl_slots *slots);
+    bool next(Slots *slots);
 
 private:
     /* The next run of a region of which the first `there` slots lie on the device. */
-    tierctl_slots read(const tier_region &region, uint64_t there);
+    Slots read(const tier_region &region, uint64_t there);
 
-    const tierctl_device &device_;
-    const tierctl_table &table_;
+    const Device &device_;
+    const Table &table_;
     zutr_buffer buffer_;
     size_t region_ = 0;       /* where the next run begins: region, */
     uint64_t first_ = 0;      /* slot in it, */
@@ -71,5 +73,7 @@ private:
 };
 
 /* Hands out what a reader gives. */
-void tierctl_read_table(const tierctl_device &device, const tierctl_table &table,
-                        const std::function<void(const tierctl_slots &)> &take);
+void read_table(const Device &device, const Table &table,
+                const std::function<void(const Slots &)> &take);
+
+} // namespace tierctl

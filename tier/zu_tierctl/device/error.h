@@ -5,14 +5,18 @@
 #include <string>
 #include <system_error>
 
+namespace tierctl {
+
 /* What the caller asked for makes no sense. Anything else that goes wrong is another exception. */
-class tierctl_usage_error : public std::runtime_error {
+class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
 /* "<what>: <text of errno>" */
-[[noreturn]] inline void tierctl_throw_errno(const std::string &what)
+[[noreturn]] inline void throw_errno(const std::string &what)
 {
     throw std::system_error(errno, std::generic_category(), what);
 }
+
+} // namespace tierctl

@@ -3,18 +3,20 @@
 #include <unistd.h>
 #include <utility>
 
+namespace tierctl {
+
 /* Owner of an open descriptor. */
-class tierctl_fd {
+class Fd {
 public:
-    tierctl_fd() = default;
-    explicit tierctl_fd(int fd) : fd_(fd) {}
-    tierctl_fd(tierctl_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    tierctl_fd &operator=(tierctl_fd &&other) noexcept
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Fd &operator=(Fd &&other) noexcept
     {
         std::swap(fd_, other.fd_);
         return *this;
     }
-    ~tierctl_fd()
+    ~Fd()
     {
         if (fd_ >= 0) {
             close(fd_);
@@ -26,3 +28,5 @@ public:
 private:
     int fd_ = -1;
 };
+
+} // namespace tierctl

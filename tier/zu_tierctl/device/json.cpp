@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace tierctl {
+
 namespace {
 
 constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD"; /* U+FFFD */
@@ -55,7 +57,7 @@ size_t sequence_length(std::string_view text)
 
 } // namespace
 
-std::string tierctl_valid_utf8(std::string_view text)
+std::string valid_utf8(std::string_view text)
 {
     std::string valid;
     while (!text.empty()) {
@@ -66,12 +68,12 @@ std::string tierctl_valid_utf8(std::string_view text)
     return valid;
 }
 
-std::string tierctl_json_text(std::string_view text)
+std::string json_text(std::string_view text)
 {
     std::string json = "\"";
-    for (const char byte : tierctl_valid_utf8(text)) {
+    for (const char byte : valid_utf8(text)) {
         if (is_between(byte, 0, 0x1F) || byte == 0x7F) {
-            json += tierctl_text("\\u%04x", static_cast<unsigned>(byte));
+            json += format_text("\\u%04x", static_cast<unsigned>(byte));
             continue;
         }
         if (byte == '"' || byte == '\\') {
@@ -81,3 +83,5 @@ std::string tierctl_json_text(std::string_view text)
     }
     return json + '"';
 }
+
+} // namespace tierctl

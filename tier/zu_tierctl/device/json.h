@@ -3,9 +3,13 @@
 #include <string>
 #include <string_view>
 
+namespace tierctl {
+
 /* The text with the replacement character in the place of each byte that belongs to no character of
  * UTF-8 (RFC 3629). */
-std::string tierctl_valid_utf8(std::string_view text);
+std::string valid_utf8(std::string_view text);
 
 /* `text`, whatever its bytes, as a JSON string with its quotation marks: valid UTF-8. */
-std::string tierctl_json_text(std::string_view text);
+std::string json_text(std::string_view text);
+
+} // namespace tierctl

@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace tierctl {
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -21,13 +23,13 @@ namespace {
 void sync_directory_of(const std::string &path)
 {
     const std::string directory = fs::path(path).replace_filename(".");
-    const tierctl_fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     fsync(fd.get());
 }
 
 } // namespace
 
-void tierctl_refuse_existing(const std::string &path)
+void refuse_existing(const std::string &path)
 {
     std::error_code unknown; /* a path that cannot be looked at cannot be created either */
     if (fs::exists(fs::symlink_status(path, unknown))) {
@@ -35,7 +37,7 @@ void tierctl_refuse_existing(const std::string &path)
     }
 }
 
-tierctl_new_file::tierctl_new_file(std::string path)
+NewFile::NewFile(std::string path)
     : path_(std::move(path)), scratch_path_(fs::path(path_).replace_filename(".zu_tierctl.XXXXXX")),
       fd_(mkostemp(scratch_path_.data(), O_CLOEXEC))
 {
@@ -47,39 +49,41 @@ tierctl_new_file::tierctl_new_file(std::string path)
     fchmod(fd_.get(), 0666 & ~mask); /* the file is its own */
 }
 
-tierctl_new_file::~tierctl_new_file()
+NewFile::~NewFile()
 {
     unlink(scratch_path_.c_str()); /* gone already when it was renamed */
 }
 
-void tierctl_new_file::resize(uint64_t size)
+void NewFile::resize(uint64_t size)
 {
     if (ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) {
         fail("cannot create ");
     }
 }
 
-void tierctl_new_file::write(int64_t offset, const void *data, size_t length)
+void NewFile::write(int64_t offset, const void *data, size_t length)
 {
     if (zutr_writen(fd_.get(), data, length, offset) < 0) {
         fail("cannot write ");
     }
 }
 
-void tierctl_new_file::commit(tierctl_naming naming)
+void NewFile::commit(Naming naming)
 {
     if (fsync(fd_.get()) != 0) { /* some disks tell of failed writes only now */
         fail("cannot write ");
     }
     /* A second name for the file, unlike a new one, never takes the place of another file. */
-    const auto give_name = naming == tierctl_naming::replace ? rename : link;
+    const auto give_name = naming == Naming::replace ? rename : link;
     if (give_name(scratch_path_.c_str(), path_.c_str()) != 0) {
         fail("cannot create ");
     }
     sync_directory_of(path_);
 }
 
-void tierctl_new_file::fail(const char *what) const
+void NewFile::fail(const char *what) const
 {
-    tierctl_throw_errno(what + path_);
+    throw_errno(what + path_);
 }
+
+} // namespace tierctl

@@ -7,22 +7,24 @@
 #include <string>
 #include <string_view>
 
-enum class tierctl_naming {
+namespace tierctl {
+
+enum class Naming {
     new_name, /* fails when there is something of that name by then */
     replace,
 };
 
 /* Throws when there is something of that name. */
-void tierctl_refuse_existing(const std::string &path);
+void refuse_existing(const std::string &path);
 
 /* A file that appears under its name only when it is complete: until then it has another one in the
  * same directory, and it is removed with its owner. Every failure is an exception. */
-class tierctl_new_file {
+class NewFile {
 public:
-    explicit tierctl_new_file(std::string path);
-    tierctl_new_file(const tierctl_new_file &) = delete;
-    tierctl_new_file &operator=(const tierctl_new_file &) = delete;
-    ~tierctl_new_file();
+    explicit NewFile(std::string path);
+    NewFile(const NewFile &) = delete;
+    NewFile &operator=(const NewFile &) = delete;
+    ~NewFile();
 
     int fd() const { return fd_.get(); }
     const std::string &path() const { return path_; }
@@ -31,12 +33,14 @@ public:
     void write(int64_t offset, const void *data, size_t length);
 
     /* The file is complete: brings it to the disk and gives it its name. */
-    void commit(tierctl_naming naming);
+    void commit(Naming naming);
 
 private:
     [[noreturn]] void fail(const char *what) const;
 
     std::string path_;
     std::string scratch_path_;
-    tierctl_fd fd_;
+    Fd fd_;
 };
+
+} // namespace tierctl

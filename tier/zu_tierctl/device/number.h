@@ -5,9 +5,11 @@
 #include <optional>
 #include <string_view>
 
+namespace tierctl {
+
 /* The number that the decimal digits of `text` spell, if they are nothing else and it has no more
  * than 64 bits. */
-inline std::optional<uint64_t> tierctl_parse_number(std::string_view text)
+inline std::optional<uint64_t> parse_number(std::string_view text)
 {
     uint64_t value = 0;
     const char *end = text.data() + text.size();
@@ -17,3 +19,5 @@ inline std::optional<uint64_t> tierctl_parse_number(std::string_view text)
     }
     return value;
 }
+
+} // namespace tierctl

@@ -4,23 +4,27 @@
 
 #include <cstdio>
 
+namespace tierctl {
+
 namespace {
 
 void require(bool written)
 {
     if (!written) {
-        tierctl_throw_errno("cannot write standard output");
+        throw_errno("cannot write standard output");
     }
 }
 
 } // namespace
 
-void tierctl_print(std::string_view text)
+void print(std::string_view text)
 {
     require(fwrite(text.data(), 1, text.size(), stdout) == text.size());
 }
 
-void tierctl_finish_output()
+void finish_output()
 {
     require(fflush(stdout) == 0);
 }
+
+} // namespace tierctl

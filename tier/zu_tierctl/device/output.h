@@ -2,8 +2,12 @@
 
 #include <string_view>
 
+namespace tierctl {
+
 /* Writes to standard output; throws when that fails, as it may for text written before. */
-void tierctl_print(std::string_view text);
+void print(std::string_view text);
 
 /* Makes sure that all is out. */
-void tierctl_finish_output();
+void finish_output();
+
+} // namespace tierctl

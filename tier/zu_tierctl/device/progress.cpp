@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <utility>
 
+namespace tierctl {
+
 namespace {
 
 constexpr auto INTERVAL = std::chrono::milliseconds(100);
@@ -13,20 +15,20 @@ constexpr char WIPE[] = "\r\x1b[K";
 
 } // namespace
 
-tierctl_progress::tierctl_progress(std::string title, uint64_t total)
+Progress::Progress(std::string title, uint64_t total)
     : title_(std::move(title)), total_(total), shown_(isatty(STDERR_FILENO) != 0),
       next_(std::chrono::steady_clock::now() + INTERVAL)
 {
 }
 
-tierctl_progress::~tierctl_progress()
+Progress::~Progress()
 {
     if (shown_) {
         fputs(WIPE, stderr);
     }
 }
 
-void tierctl_progress::add(uint64_t done)
+void Progress::add(uint64_t done)
 {
     done_ += done;
     if (!shown_) {
@@ -39,7 +41,7 @@ void tierctl_progress::add(uint64_t done)
     }
 }
 
-void tierctl_progress::draw() const
+void Progress::draw() const
 {
     const double part =
         total_ == 0 ? 1 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
@@ -47,3 +49,5 @@ void tierctl_progress::draw() const
     const std::string bar = std::string(filled, '#') + std::string(WIDTH - filled, '.');
     fprintf(stderr, "%s%s [%s] %3.0f %%", WIPE, title_.c_str(), bar.c_str(), part * 100);
 }
+
+} // namespace tierctl

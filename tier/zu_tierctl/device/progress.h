@@ -4,15 +4,17 @@
 #include <cstdint>
 #include <string>
 
+namespace tierctl {
+
 /* How far a walk has come, as a bar on standard error while that is a terminal; nothing in a pipe.
  * The bar is wiped when its owner goes. */
-class tierctl_progress {
+class Progress {
 public:
     /* `total`: what is done when all is done, in the units of `add`. */
-    tierctl_progress(std::string title, uint64_t total);
-    tierctl_progress(const tierctl_progress &) = delete;
-    tierctl_progress &operator=(const tierctl_progress &) = delete;
-    ~tierctl_progress();
+    Progress(std::string title, uint64_t total);
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+    ~Progress();
 
     void add(uint64_t done);
 
@@ -25,3 +27,5 @@ private:
     bool shown_;
     std::chrono::steady_clock::time_point next_; /* time of the next drawing */
 };
+
+} // namespace tierctl

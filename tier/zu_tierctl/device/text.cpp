@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstdio>
 
-std::string tierctl_text(const char *format, ...)
+namespace tierctl {
+
+std::string format_text(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
@@ -17,7 +19,7 @@ std::string tierctl_text(const char *format, ...)
     return text;
 }
 
-std::string tierctl_shell_word(std::string_view text)
+std::string shell_word(std::string_view text)
 {
     constexpr std::string_view PLAIN = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                        "0123456789_-+=./:,@%";
@@ -31,12 +33,12 @@ std::string tierctl_shell_word(std::string_view text)
     return word + '\'';
 }
 
-std::string tierctl_quoted(std::string_view text)
+std::string quoted(std::string_view text)
 {
     std::string quoted = "\"";
     for (const char byte : text) {
         if (byte < ' ' || byte > '~') {
-            quoted += tierctl_text("\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+            quoted += format_text("\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
             continue;
         }
         if (byte == '"' || byte == '\\') {
@@ -46,3 +48,5 @@ std::string tierctl_quoted(std::string_view text)
     }
     return quoted + '"';
 }
+
+} // namespace tierctl

@@ -3,11 +3,15 @@
 #include <string>
 #include <string_view>
 
+namespace tierctl {
+
 /* printf into a string. */
-[[gnu::format(printf, 1, 2)]] std::string tierctl_text(const char *format, ...);
+[[gnu::format(printf, 1, 2)]] std::string format_text(const char *format, ...);
 
 /* The text as one word of a shell's command line; quoted only when it has to be. */
-std::string tierctl_shell_word(std::string_view text);
+std::string shell_word(std::string_view text);
 
 /* The text in quotation marks, for people: bytes that are no printable ASCII as \x1b. */
-std::string tierctl_quoted(std::string_view text);
+std::string quoted(std::string_view text);
+
+} // namespace tierctl

@@ -10,6 +10,8 @@
 #include <iterator>
 #include <memory>
 
+namespace tierctl {
+
 namespace {
 
 constexpr size_t TEXT_A_WRITE = 65536;
@@ -36,7 +38,7 @@ std::string read_list(const std::string &path)
         text.append(part.data(), got);
     }
     if (file == nullptr || ferror(file.get()) != 0) {
-        tierctl_throw_errno("cannot read " + path);
+        throw_errno("cannot read " + path);
     }
     return text;
 }
@@ -54,51 +56,47 @@ uint64_t read_number(const cJSON *object, const char *key, const std::string &pa
 
 } // namespace
 
-std::string tierctl_unreadable_path(const std::string &saved)
+std::string unreadable_path(const std::string &saved)
 {
     return saved + ".unreadable.json";
 }
 
-tierctl_unreadable_writer::tierctl_unreadable_writer(const std::string &saved)
-    : path_(tierctl_unreadable_path(saved))
-{
-}
+UnreadableWriter::UnreadableWriter(const std::string &saved) : path_(unreadable_path(saved)) {}
 
-void tierctl_unreadable_writer::add(std::string_view table, const tierctl_slots &slots)
+void UnreadableWriter::add(std::string_view table, const Slots &slots)
 {
     text_ += empty() ? "[\n" : ",\n";
     if (!file_) {
         file_.emplace(path_);
     }
-    text_ += "{\"table\":" + tierctl_json_text(table) +
-             ",\"no\":" + std::to_string(slots.first_no) +
+    text_ += "{\"table\":" + json_text(table) + ",\"no\":" + std::to_string(slots.first_no) +
              ",\"count\":" + std::to_string(slots.count) +
              ",\"offset\":" + std::to_string(slots.offset) +
-             ",\"error\":" + tierctl_json_text(strerror(slots.error)) + '}';
+             ",\"error\":" + json_text(strerror(slots.error)) + '}';
     if (text_.size() >= TEXT_A_WRITE) {
         flush();
     }
 }
 
-void tierctl_unreadable_writer::commit()
+void UnreadableWriter::commit()
 {
     if (file_) {
         text_ += "\n]\n";
         flush();
-        file_->commit(tierctl_naming::new_name);
+        file_->commit(Naming::new_name);
     }
 }
 
-void tierctl_unreadable_writer::flush()
+void UnreadableWriter::flush()
 {
     file_->write(offset_, text_.data(), text_.size());
     offset_ += static_cast<int64_t>(text_.size());
     text_.clear();
 }
 
-tierctl_unreadable_list::tierctl_unreadable_list(const std::string &saved)
+UnreadableList::UnreadableList(const std::string &saved)
 {
-    const std::string path = tierctl_unreadable_path(saved);
+    const std::string path = unreadable_path(saved);
     const std::unique_ptr<cJSON, delete_json> list(cJSON_Parse(read_list(path).c_str()));
     if (!cJSON_IsArray(list.get())) {
         throw std::runtime_error(path + " is no list of unreadable blocks");
@@ -113,7 +111,7 @@ tierctl_unreadable_list::tierctl_unreadable_list(const std::string &saved)
     }
 }
 
-bool tierctl_unreadable_list::holds(const std::string &table, uint64_t no) const
+bool UnreadableList::holds(const std::string &table, uint64_t no) const
 {
     const auto behind = runs_.upper_bound({table, no});
     if (behind == runs_.begin()) {
@@ -122,3 +120,5 @@ bool tierctl_unreadable_list::holds(const std::string &table, uint64_t no) const
     const auto &[first, count] = *std::prev(behind);
     return first.first == table && no - first.second < count;
 }
+
+} // namespace tierctl

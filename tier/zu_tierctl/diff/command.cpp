@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+namespace tierctl {
+
 namespace {
 
 /* As of diff(1). */
@@ -39,9 +41,9 @@ struct diff_options {
 int run(const diff_options &options)
 {
     try {
-        const auto report = options.json ? tierctl_json_report() : tierctl_text_report();
-        const bool equal = tierctl_diff(options.a, options.b, *report);
-        tierctl_finish_output();
+        const auto report = options.json ? make_json_report() : make_text_report();
+        const bool equal = diff(options.a, options.b, *report);
+        finish_output();
         return equal ? 0 : STATUS_DIFFERENT;
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
         fprintf(stderr, "zu_tierctl: %s\n", error.what());
@@ -51,7 +53,7 @@ int run(const diff_options &options)
 
 } // namespace
 
-void tierctl_add_diff(CLI::App &app, int *status)
+void add_diff(CLI::App &app, int *status)
 {
     const auto options = std::make_shared<diff_options>();
     CLI::App *command =
@@ -64,3 +66,5 @@ void tierctl_add_diff(CLI::App &app, int *status)
     command->add_flag("--json", options->json, "JSON lines: one for each difference");
     command->callback([options, status] { *status = run(*options); });
 }
+
+} // namespace tierctl

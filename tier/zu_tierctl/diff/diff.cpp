@@ -8,31 +8,32 @@
 #include <cerrno>
 #include <cstring>
 
+namespace tierctl {
+
 namespace {
 
 /* One of the two that are compared. */
 struct side {
     explicit side(const std::string &path)
-        : device(path, tierctl_access::read_only), metadata(tierctl_read_metadata(device)),
-          unreadable(path)
+        : device(path, Access::read_only), metadata(read_metadata(device)), unreadable(path)
     {
     }
 
-    tierctl_device device;
-    tierctl_metadata metadata;
-    tierctl_unreadable_list unreadable;
+    Device device;
+    Metadata metadata;
+    UnreadableList unreadable;
 };
 
 /* A table of a side, of which runs of any length are taken one behind the other. */
 class table_cursor {
 public:
-    table_cursor(const side &side, const tierctl_table &table)
+    table_cursor(const side &side, const Table &table)
         : side_(side), table_(table), name_(table.name), reader_(side.device, table)
     {
     }
 
     /* What is left of the run that has been read; count 0 behind the last one. */
-    const tierctl_slots &run()
+    const Slots &run()
     {
         if (run_.count == 0) {
             reader_.next(&run_);
@@ -50,7 +51,7 @@ public:
         return run_.error;
     }
 
-    tierctl_entry entry() const { return {side_.metadata, table_, run_.first_no, run_.data}; }
+    Entry entry() const { return {side_.metadata, table_, run_.first_no, run_.data}; }
 
     void skip(uint64_t count)
     {
@@ -63,16 +64,16 @@ public:
 
 private:
     const side &side_;
-    const tierctl_table &table_;
+    const Table &table_;
     std::string name_;
-    tierctl_table_reader reader_;
-    tierctl_slots run_{};
+    TableReader reader_;
+    Slots run_{};
 };
 
 /* Collects entries with the same errors that follow one another. */
 class unreadable_range {
 public:
-    unreadable_range(tierctl_diff_report &report, std::string_view table)
+    unreadable_range(DiffReport &report, std::string_view table)
         : report_(report), range_{table, 0, 0}
     {
     }
@@ -97,22 +98,22 @@ public:
     }
 
 private:
-    tierctl_diff_report &report_;
-    tierctl_entry_range range_;
+    DiffReport &report_;
+    EntryRange range_;
     int error_a_ = 0;
     int error_b_ = 0;
 };
 
 class table_comparison {
 public:
-    table_comparison(const side &a, const side &b, size_t table, tierctl_diff_report &report)
+    table_comparison(const side &a, const side &b, size_t table, DiffReport &report)
         : table_a_(a.metadata.tables[table]), table_b_(b.metadata.tables[table]), a_(a, table_a_),
           b_(b, table_b_), report_(report), unreadable_(report, table_a_.name)
     {
     }
 
     /* Whether the tables are equal. */
-    bool run(tierctl_progress &progress)
+    bool run(Progress &progress)
     {
         const uint64_t count_a = table_a_.count();
         const uint64_t count_b = table_b_.count();
@@ -138,8 +139,8 @@ private:
     {
         const int error_a = a_.error();
         const int error_b = b_.error();
-        const tierctl_entry a = a_.entry();
-        const tierctl_entry b = b_.entry();
+        const Entry a = a_.entry();
+        const Entry b = b_.entry();
         if (error_a != 0 || error_b != 0) {
             equal_ = false;
             const uint64_t lost = a.slot == nullptr && b.slot == nullptr ? count : 1;
@@ -154,18 +155,18 @@ private:
         return 1;
     }
 
-    const tierctl_table &table_a_;
-    const tierctl_table &table_b_;
+    const Table &table_a_;
+    const Table &table_b_;
     table_cursor a_;
     table_cursor b_;
-    tierctl_diff_report &report_;
+    DiffReport &report_;
     unreadable_range unreadable_;
     bool equal_ = true;
 };
 
 } // namespace
 
-bool tierctl_diff(const std::string &path_a, const std::string &path_b, tierctl_diff_report &report)
+bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report)
 {
     const side a(path_a);
     const side b(path_b);
@@ -175,13 +176,15 @@ bool tierctl_diff(const std::string &path_a, const std::string &path_b, tierctl_
     }
     const size_t tables = a.metadata.tables.size(); /* a layout has always the same */
     uint64_t total = 0;
-    for (const tierctl_table &table : a.metadata.tables) {
+    for (const Table &table : a.metadata.tables) {
         total += table.count();
     }
-    tierctl_progress progress("diff", total);
+    Progress progress("diff", total);
     bool equal = true;
     for (size_t table = 0; table < tables; table++) {
         equal = table_comparison(a, b, table, report).run(progress) && equal;
     }
     return equal;
 }
+
+} // namespace tierctl

@@ -4,6 +4,10 @@
 
 #include <memory>
 
+namespace tierctl {
+
 /* Reports on standard output: as text for people, or as JSON, a line for each difference. */
-std::unique_ptr<tierctl_diff_report> tierctl_text_report();
-std::unique_ptr<tierctl_diff_report> tierctl_json_report();
+std::unique_ptr<DiffReport> make_text_report();
+std::unique_ptr<DiffReport> make_json_report();
+
+} // namespace tierctl

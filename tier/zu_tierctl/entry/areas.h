@@ -8,8 +8,10 @@
 #include <string_view>
 #include <vector>
 
+namespace tierctl {
+
 /* An area of a device, as a super block describes it. It may lie anywhere, and past everything. */
-struct tierctl_area {
+struct Area {
     std::string_view name;
     uint64_t start;
     uint64_t length;
@@ -20,6 +22,8 @@ struct tierctl_area {
 };
 
 /* All areas of the layout, in the order of the device. */
-std::vector<tierctl_area> tierctl_areas(const tier_super_block_v1_t &sb);
-std::vector<tierctl_area> tierctl_areas(const tier_super_block_v2_t &sb);
-std::vector<tierctl_area> tierctl_areas(const tier_super_block_v3_t &sb);
+std::vector<Area> areas_of(const tier_super_block_v1_t &sb);
+std::vector<Area> areas_of(const tier_super_block_v2_t &sb);
+std::vector<Area> areas_of(const tier_super_block_v3_t &sb);
+
+} // namespace tierctl

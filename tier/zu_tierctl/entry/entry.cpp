@@ -7,6 +7,8 @@
 #include <cstring>
 #include <span>
 
+namespace tierctl {
+
 namespace {
 
 constexpr size_t BYTES_SHOWN = 32;
@@ -17,26 +19,26 @@ constexpr size_t BYTES_JOINED = 8;
 constexpr const char ABSENT[] = "null";
 
 /* The members of a JSON object, without braces. */
-std::string members(const std::vector<tierctl_field> &fields)
+std::string members(const std::vector<Field> &fields)
 {
     std::string text;
-    for (const tierctl_field &field : fields) {
+    for (const Field &field : fields) {
         text.append(text.empty() ? "\"" : ",\"").append(field.key).append("\":");
         text.append(field.value);
     }
     return text;
 }
 
-bool has_bitmap(const tierctl_entry_fields &entry)
+bool has_bitmap(const EntryFields &entry)
 {
     return entry.parts_key == "te_bitmap";
 }
 
 /* A bitmap is one text, other parts are objects of an array. */
-std::string parts_text(const tierctl_entry_fields &entry)
+std::string parts_text(const EntryFields &entry)
 {
     std::string text;
-    for (const tierctl_part &part : entry.parts) {
+    for (const Part &part : entry.parts) {
         if (has_bitmap(entry)) {
             text += part.fields.front().value + ' ';
         } else {
@@ -47,13 +49,13 @@ std::string parts_text(const tierctl_entry_fields &entry)
 }
 
 /* All fields of an entry in one list, those of its parts under their full names. */
-std::vector<tierctl_field> flatten(tierctl_entry_fields entry)
+std::vector<Field> flatten(EntryFields entry)
 {
-    std::vector<tierctl_field> fields = std::move(entry.fields);
-    for (tierctl_part &part : entry.parts) {
+    std::vector<Field> fields = std::move(entry.fields);
+    for (Part &part : entry.parts) {
         const std::string name =
             std::string(entry.part_prefix) + '[' + std::to_string(part.no) + ']';
-        for (tierctl_field &field : part.fields) {
+        for (Field &field : part.fields) {
             field.key = field.key.empty() ? name : name + '.' + field.key;
             fields.push_back(std::move(field));
         }
@@ -64,7 +66,7 @@ std::vector<tierctl_field> flatten(tierctl_entry_fields entry)
 /* The comparison of two slots: which of their bits no difference has told yet. */
 class comparison {
 public:
-    comparison(const tierctl_entry &a, const tierctl_entry &b) : slots_{a.slot, b.slot}
+    comparison(const Entry &a, const Entry &b) : slots_{a.slot, b.slot}
     {
         for (size_t i = 0; i < SIZE_4K; i++) {
             untold_[i] = static_cast<uint8_t>(a.slot[i] ^ b.slot[i]);
@@ -72,17 +74,17 @@ public:
     }
 
     /* One of the fields may be null. */
-    void add_field(const tierctl_field *a, const tierctl_field *b)
+    void add_field(const Field *a, const Field *b)
     {
         if (a != nullptr && b != nullptr && a->exact == b->exact) {
             return;
         }
-        for (const tierctl_field *field : {a, b}) {
+        for (const Field *field : {a, b}) {
             if (field != nullptr) {
                 tell(*field);
             }
         }
-        const tierctl_field &either = a != nullptr ? *a : *b;
+        const Field &either = a != nullptr ? *a : *b;
         found_.push_back(
             {either.key, a != nullptr ? a->exact : ABSENT, b != nullptr ? b->exact : ABSENT});
     }
@@ -103,10 +105,10 @@ public:
         }
     }
 
-    std::vector<tierctl_difference> take() { return std::move(found_); }
+    std::vector<Difference> take() { return std::move(found_); }
 
 private:
-    void tell(const tierctl_field &field)
+    void tell(const Field &field)
     {
         for (size_t i = 0; i < field.length; i++) {
             const auto bits = static_cast<uint8_t>(field.bits >> 8 * (i % sizeof(field.bits)));
@@ -130,28 +132,27 @@ private:
 
     std::array<const uint8_t *, 2> slots_;
     std::array<uint8_t, SIZE_4K> untold_;
-    std::vector<tierctl_difference> found_;
+    std::vector<Difference> found_;
 };
 
 /* The field of that key, which is mostly at `hint`; null: there is none. */
-const tierctl_field *find_field(const std::vector<tierctl_field> &fields, const std::string &key,
-                                size_t hint)
+const Field *find_field(const std::vector<Field> &fields, const std::string &key, size_t hint)
 {
     if (hint < fields.size() && fields[hint].key == key) {
         return &fields[hint];
     }
-    const auto found = std::ranges::find(fields, key, &tierctl_field::key);
+    const auto found = std::ranges::find(fields, key, &Field::key);
     return found == fields.end() ? nullptr : &*found;
 }
 
 } // namespace
 
-std::string tierctl_entry_text(const tierctl_entry &entry)
+std::string entry_text(const Entry &entry)
 {
-    const tierctl_entry_fields got = tierctl_get_entry(entry, nullptr);
+    const EntryFields got = get_entry(entry, nullptr);
     std::string text = "{";
     text += members(got.fields);
-    if (entry.table.name == TIERCTL_SUPER) {
+    if (entry.table.name == SUPER_TABLE) {
         return text + '}';
     }
     const bool has_array = !got.parts_key.empty() && !has_bitmap(got);
@@ -165,11 +166,10 @@ std::string tierctl_entry_text(const tierctl_entry &entry)
     return text + '}';
 }
 
-std::vector<tierctl_difference> tierctl_entry_differences(const tierctl_entry &a,
-                                                          const tierctl_entry &b)
+std::vector<Difference> entry_differences(const Entry &a, const Entry &b)
 {
-    const std::vector<tierctl_field> fields_a = flatten(tierctl_get_entry(a, b.slot));
-    const std::vector<tierctl_field> fields_b = flatten(tierctl_get_entry(b, a.slot));
+    const std::vector<Field> fields_a = flatten(get_entry(a, b.slot));
+    const std::vector<Field> fields_b = flatten(get_entry(b, a.slot));
     comparison comparison(a, b);
     for (size_t i = 0; i < fields_a.size(); i++) {
         comparison.add_field(&fields_a[i], find_field(fields_b, fields_a[i].key, i));
@@ -183,12 +183,14 @@ std::vector<tierctl_difference> tierctl_entry_differences(const tierctl_entry &a
     return comparison.take();
 }
 
-std::string tierctl_differences_text(const std::vector<tierctl_difference> &differences)
+std::string differences_text(const std::vector<Difference> &differences)
 {
     std::string text;
-    for (const tierctl_difference &difference : differences) {
+    for (const Difference &difference : differences) {
         text.append("  ").append(difference.key).append(": ").append(difference.a);
         text.append(" -> ").append(difference.b).append("\n");
     }
     return text;
 }
+
+} // namespace tierctl

@@ -6,22 +6,24 @@
 #include <string>
 #include <vector>
 
+namespace tierctl {
+
 /* Entries of the tables as text, damaged ones included. */
 
 /* An entry as it lies in its slot; a block of packed entries is one. */
-struct tierctl_entry {
-    const tierctl_metadata &metadata;
-    const tierctl_table &table; /* one of the metadata */
+struct Entry {
+    const Metadata &metadata;
+    const Table &table; /* one of the metadata */
     uint64_t no;
     const uint8_t *slot;
 };
 
 /* The entry as the tool's dump shows it, and as valid JSON whatever the slot holds. */
-std::string tierctl_entry_text(const tierctl_entry &entry);
+std::string entry_text(const Entry &entry);
 
 /* A field in which two entries differ. A part that entries have several of bears its number:
  * "te_bitmap[2]", "te_mapped_meta[3].begin", "sno[517].ino". */
-struct tierctl_difference {
+struct Difference {
     std::string key; /* or "bytes 170..4095" for what is in no field */
     std::string a;   /* JSON; bytes as a text of hexadecimal digits, the first 32 of them; */
     std::string b;   /* "null": this entry has no such field */
@@ -29,8 +31,9 @@ struct tierctl_difference {
 
 /* What makes two entries of the same table and layout differ: nothing is left out, and without
  * differences the slots are equal. */
-std::vector<tierctl_difference> tierctl_entry_differences(const tierctl_entry &a,
-                                                          const tierctl_entry &b);
+std::vector<Difference> entry_differences(const Entry &a, const Entry &b);
 
 /* For people: a line for each, "  size: 1 -> 2". */
-std::string tierctl_differences_text(const std::vector<tierctl_difference> &differences);
+std::string differences_text(const std::vector<Difference> &differences);
+
+} // namespace tierctl

@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace tierctl {
+
 namespace {
 
 template <class Record>
@@ -25,19 +27,19 @@ Record load(const uint8_t *slot, size_t at = 0)
 
 /* A record without parts. */
 template <class Record, const auto &Fields>
-tierctl_entry_fields get_record(const tierctl_entry &entry, const uint8_t * /*twin*/)
+EntryFields get_record(const Entry &entry, const uint8_t * /*twin*/)
 {
-    return {.fields = tierctl_get_fields<Fields>(load<Record>(entry.slot), 0)};
+    return {.fields = get_fields<Fields>(load<Record>(entry.slot), 0)};
 }
 
-tierctl_entry_fields get_hot(const tierctl_entry & /*entry*/, const uint8_t * /*twin*/)
+EntryFields get_hot(const Entry & /*entry*/, const uint8_t * /*twin*/)
 {
     return {};
 }
 
-tierctl_entry_fields get_extent_v1(const tierctl_entry &entry, const uint8_t *twin)
+EntryFields get_extent_v1(const Entry &entry, const uint8_t *twin)
 {
-    tierctl_entry_fields got = get_record<tier_extent_t, TIER_EXTENT_HEAD_FIELDS>(entry, twin);
+    EntryFields got = get_record<tier_extent_t, TIER_EXTENT_HEAD_FIELDS>(entry, twin);
     got.parts_key = got.part_prefix = "te_bitmap";
     for (size_t at = sizeof(tier_extent_t); at + sizeof(uint64_t) <= entry.table.record_length;
          at += sizeof(uint64_t)) {
@@ -45,7 +47,7 @@ tierctl_entry_fields get_extent_v1(const tierctl_entry &entry, const uint8_t *tw
         std::array<char, ZUTR_DIGITS_ROOM> digits;
         word.append(digits.data(),
                     zutr_put_hex<64>(digits.data(), load<uint64_t>(entry.slot, at), 16));
-        const std::string json = tierctl_json_text(word);
+        const std::string json = json_text(word);
         got.parts.push_back({got.parts.size(), {{"", word, json, at, sizeof(uint64_t)}}});
     }
     return got;
@@ -67,9 +69,9 @@ tier_shown_piece_v2 shown_piece(const tier_super_block_v2_t &sb, const uint8_t *
             block + uint64_t{piece.begin} * SIZE_4K};
 }
 
-tierctl_entry_fields get_extent_v2(const tierctl_entry &entry, const uint8_t *twin)
+EntryFields get_extent_v2(const Entry &entry, const uint8_t *twin)
 {
-    tierctl_entry_fields got = get_record<tier_extent_t, TIER_EXTENT_HEAD_FIELDS>(entry, twin);
+    EntryFields got = get_record<tier_extent_t, TIER_EXTENT_HEAD_FIELDS>(entry, twin);
     got.parts_key = got.part_prefix = "te_mapped_meta";
     const auto sb = entry.metadata.super<tier_super_block_v2_t>();
     size_t at = sb.sb_extent_size;
@@ -79,8 +81,8 @@ tierctl_entry_fields get_extent_v2(const tierctl_entry &entry, const uint8_t *tw
         if (piece.orig_len == 0) {
             continue;
         }
-        tierctl_part part{mapno, tierctl_get_fields<TIER_PIECE_FIELDS_V2>(piece, 0)};
-        for (tierctl_field &field : part.fields) { /* they are not stored as they are shown */
+        Part part{mapno, get_fields<TIER_PIECE_FIELDS_V2>(piece, 0)};
+        for (Field &field : part.fields) { /* they are not stored as they are shown */
             field.at = at;
             field.length = sizeof(tier_mapped_meta_v2_t);
         }
@@ -91,7 +93,7 @@ tierctl_entry_fields get_extent_v2(const tierctl_entry &entry, const uint8_t *tw
 
 /* The words of a block. */
 template <const tier_packed_table_v3 &Table, const auto &Fields>
-void add_words(const tierctl_entry &entry, const uint8_t *twin, tierctl_entry_fields &to)
+void add_words(const Entry &entry, const uint8_t *twin, EntryFields &to)
 {
     to.parts_key = Table.entries;
     to.part_prefix = Table.number;
@@ -102,20 +104,20 @@ void add_words(const tierctl_entry &entry, const uint8_t *twin, tierctl_entry_fi
             continue;
         }
         const uint64_t no = entry.no * TIER_PACKED_SLOTS_V3 + k;
-        to.parts.push_back({no, tierctl_get_fields<Fields>(tier_packed_entry_v3{word, no}, at)});
+        to.parts.push_back({no, get_fields<Fields>(tier_packed_entry_v3{word, no}, at)});
     }
 }
 
 /* Bits that are shown as a hexadecimal number. */
-tierctl_field hex_field(const tier_bits &shown, uint32_t value, size_t length, uint64_t bits)
+Field hex_field(const tier_bits &shown, uint32_t value, size_t length, uint64_t bits)
 {
-    const std::string json = tierctl_value<zutr_form::hex>(value);
+    const std::string json = value_text<zutr_form::hex>(value);
     return {shown.key, json, json, 0, length, bits};
 }
 
-tierctl_entry_fields get_shards(const tierctl_entry &entry, const uint8_t *twin)
+EntryFields get_shards(const Entry &entry, const uint8_t *twin)
 {
-    tierctl_entry_fields got;
+    EntryFields got;
     const auto head = load<uint64_t>(entry.slot);
     for (const tier_bits &bits : {SHARD_CHECKSUM_V3, SHARD_MAGIC_V3}) {
         got.fields.push_back(
@@ -125,9 +127,9 @@ tierctl_entry_fields get_shards(const tierctl_entry &entry, const uint8_t *twin)
     return got;
 }
 
-tierctl_entry_fields get_extents_v3(const tierctl_entry &entry, const uint8_t *twin)
+EntryFields get_extents_v3(const Entry &entry, const uint8_t *twin)
 {
-    tierctl_entry_fields got;
+    EntryFields got;
     uint64_t crc = 0;
     for (uint32_t i = 0; i < TIER_EXTENT_CRC_BITS_V3; i++) {
         const auto word = load<uint64_t>(entry.slot, i * sizeof(uint64_t));
@@ -141,33 +143,33 @@ tierctl_entry_fields get_extents_v3(const tierctl_entry &entry, const uint8_t *t
 }
 
 struct table_reading {
-    tierctl_version version;
+    Version version;
     std::string_view table;
-    tierctl_entry_fields (*get)(const tierctl_entry &entry, const uint8_t *twin);
+    EntryFields (*get)(const Entry &entry, const uint8_t *twin);
 };
 
 constexpr auto GET_BRICK = get_record<tier_brick_info_t, TIER_BRICK_FIELDS>;
 
 constexpr table_reading READINGS[] = {
-    {tierctl_version::v1, "super", get_record<tier_super_block_v1_t, TIER_SUPER_FIELDS_V1>},
-    {tierctl_version::v1, "brick", GET_BRICK},
-    {tierctl_version::v1, "inode", get_record<tier_inode_t, TIER_INODE_FIELDS_V1>},
-    {tierctl_version::v1, "extent", get_extent_v1},
-    {tierctl_version::v2, "super", get_record<tier_super_block_v2_t, TIER_SUPER_FIELDS_V2>},
-    {tierctl_version::v2, "brick", GET_BRICK},
-    {tierctl_version::v2, "inode", get_record<tier_inode_t, TIER_INODE_FIELDS_V2>},
-    {tierctl_version::v2, "extent", get_extent_v2},
-    {tierctl_version::v3, "super", get_record<tier_super_block_v3_t, TIER_SUPER_FIELDS_V3>},
-    {tierctl_version::v3, "brick", GET_BRICK},
-    {tierctl_version::v3, "inode", get_record<tier_inode_t, TIER_INODE_FIELDS_V2>},
-    {tierctl_version::v3, "shard", get_shards},
-    {tierctl_version::v3, "hot", get_hot},
-    {tierctl_version::v3, "extent", get_extents_v3},
+    {Version::v1, "super", get_record<tier_super_block_v1_t, TIER_SUPER_FIELDS_V1>},
+    {Version::v1, "brick", GET_BRICK},
+    {Version::v1, "inode", get_record<tier_inode_t, TIER_INODE_FIELDS_V1>},
+    {Version::v1, "extent", get_extent_v1},
+    {Version::v2, "super", get_record<tier_super_block_v2_t, TIER_SUPER_FIELDS_V2>},
+    {Version::v2, "brick", GET_BRICK},
+    {Version::v2, "inode", get_record<tier_inode_t, TIER_INODE_FIELDS_V2>},
+    {Version::v2, "extent", get_extent_v2},
+    {Version::v3, "super", get_record<tier_super_block_v3_t, TIER_SUPER_FIELDS_V3>},
+    {Version::v3, "brick", GET_BRICK},
+    {Version::v3, "inode", get_record<tier_inode_t, TIER_INODE_FIELDS_V2>},
+    {Version::v3, "shard", get_shards},
+    {Version::v3, "hot", get_hot},
+    {Version::v3, "extent", get_extents_v3},
 };
 
 } // namespace
 
-tierctl_entry_fields tierctl_get_entry(const tierctl_entry &entry, const uint8_t *twin)
+EntryFields get_entry(const Entry &entry, const uint8_t *twin)
 {
     if (!entry.table.fits()) {
         return {};
@@ -177,3 +179,5 @@ tierctl_entry_fields tierctl_get_entry(const tierctl_entry &entry, const uint8_t
     });
     return reading->get(entry, twin);
 }
+
+} // namespace tierctl

@@ -8,21 +8,25 @@
 #include <string_view>
 #include <vector>
 
+namespace tierctl {
+
 /* One of the parts that an entry has several of: a word of a bitmap, a mapped piece, a packed shard
  * or extent. */
-struct tierctl_part {
+struct Part {
     uint64_t no;
-    std::vector<tierctl_field> fields; /* a word of a bitmap is a single one, without a key */
+    std::vector<Field> fields; /* a word of a bitmap is a single one, without a key */
 };
 
 /* The content of an entry: its own fields, then its parts. */
-struct tierctl_entry_fields {
-    std::vector<tierctl_field> fields;
+struct EntryFields {
+    std::vector<Field> fields;
     std::string_view parts_key{};   /* of the parts in JSON; empty: there are none */
     std::string_view part_prefix{}; /* of a part's number */
-    std::vector<tierctl_part> parts{};
+    std::vector<Part> parts{};
 };
 
 /* `twin`, unless it is null, is the slot of another entry: packed words that are the same in both
  * are left out. */
-tierctl_entry_fields tierctl_get_entry(const tierctl_entry &entry, const uint8_t *twin);
+EntryFields get_entry(const Entry &entry, const uint8_t *twin);
+
+} // namespace tierctl

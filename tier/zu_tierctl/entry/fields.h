@@ -13,10 +13,12 @@
 #include <utility>
 #include <vector>
 
+namespace tierctl {
+
 /* The fields of a record, by the table after which the tool prints it. */
 
 /* A field of an entry. */
-struct tierctl_field {
+struct Field {
     std::string key;
     std::string value; /* JSON, as the tool prints it */
     std::string
@@ -30,19 +32,19 @@ struct tierctl_field {
 
 /* What the tool's punctuation depends on. */
 template <class Value>
-struct tierctl_shown {
+struct Shown {
     using member_type = Value;
     zutr_form form;
 };
 
 /* The value as JSON, printed in `Form`. */
 template <zutr_form Form, class Value>
-std::string tierctl_value(const Value &value)
+std::string value_text(const Value &value)
 {
     if constexpr (std::is_same_v<std::remove_extent_t<Value>, char>) {
-        return tierctl_json_text(zutr_bounded(value));
+        return json_text(zutr_bounded(value));
     } else {
-        constexpr tierctl_shown<Value> SHOWN = {Form};
+        constexpr Shown<Value> SHOWN = {Form};
         std::array<char, ZUTR_DIGITS_ROOM + ZUTR_TIME_ROOM> text;
         char *end = zutr_put_value<Form>(text.data(), value);
         std::string json(zutr_opening(SHOWN));
@@ -52,14 +54,14 @@ std::string tierctl_value(const Value &value)
 }
 
 /* A time is printed without its fraction of a second, and in a zone that sets its clock. */
-constexpr zutr_form tierctl_exact(zutr_form form)
+constexpr zutr_form exact_form(zutr_form form)
 {
     return form == zutr_form::time ? zutr_form::hex_and_time : form;
 }
 
 /* The field `I` of a record that lies at byte `at` of its slot. */
 template <const auto &Fields, size_t I, class Record>
-tierctl_field tierctl_get_field(const Record &record, size_t at)
+Field get_field(const Record &record, size_t at)
 {
     constexpr const auto &FIELD = std::get<I>(Fields);
     const std::string key(FIELD.key);
@@ -67,8 +69,8 @@ tierctl_field tierctl_get_field(const Record &record, size_t at)
         const auto &member = record.*FIELD.member;
         const auto place = static_cast<size_t>(reinterpret_cast<const uint8_t *>(&member) -
                                                reinterpret_cast<const uint8_t *>(&record));
-        return {key, tierctl_value<FIELD.form>(member),
-                tierctl_value<tierctl_exact(FIELD.form)>(member), at + place, sizeof(member)};
+        return {key, value_text<FIELD.form>(member), value_text<exact_form(FIELD.form)>(member),
+                at + place, sizeof(member)};
     } else if constexpr (requires { FIELD.bits; }) {
         const std::string value = std::to_string(FIELD.bits.get(record.word));
         return {key, value, value, at, sizeof(record.word), FIELD.bits.mask()};
@@ -79,13 +81,15 @@ tierctl_field tierctl_get_field(const Record &record, size_t at)
 }
 
 template <const auto &Fields, class Record>
-std::vector<tierctl_field> tierctl_get_fields(const Record &record, size_t at)
+std::vector<Field> get_fields(const Record &record, size_t at)
 {
-    std::vector<tierctl_field> fields;
+    std::vector<Field> fields;
     [&]<size_t... I>(std::index_sequence<I...>)
     {
-        (fields.push_back(tierctl_get_field<Fields, I>(record, at)), ...);
+        (fields.push_back(get_field<Fields, I>(record, at)), ...);
     }
     (std::make_index_sequence<ZUTR_FIELD_COUNT<Fields>>());
     return fields;
 }
+
+} // namespace tierctl

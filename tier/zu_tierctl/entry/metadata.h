@@ -10,34 +10,36 @@
 #include <string_view>
 #include <vector>
 
-enum class tierctl_version { v1 = 1, v2, v3 };
+namespace tierctl {
 
-using tierctl_block = std::array<uint8_t, SIZE_4K>;
+enum class Version { v1 = 1, v2, v3 };
+
+using Block = std::array<uint8_t, SIZE_4K>;
 
 /* How to tell a super block. */
-struct tierctl_super_layout {
+struct SuperLayout {
     std::string_view name; /* "v1" */
-    tierctl_version version;
+    Version version;
     uint32_t magic;
     uint32_t code; /* of the version, as the super block has it */
     size_t length; /* of the super block */
 
     /* The super block as a table. */
-    tierctl_table table() const;
+    Table table() const;
 
     /* The version that a super block of any layout names. */
     static uint32_t version_of(const uint8_t *block);
 };
 
-std::span<const tierctl_super_layout> tierctl_super_layouts();
+std::span<const SuperLayout> super_layouts();
 
 /* What a device says of itself: the layout of its super block, and the tables that this describes.
  */
-struct tierctl_metadata {
-    tierctl_version version;
+struct Metadata {
+    Version version;
     std::string_view layout_name; /* "v1" */
-    tierctl_block super_block;
-    std::vector<tierctl_table> tables; /* the first is the super block itself */
+    Block super_block;
+    std::vector<Table> tables; /* the first is the super block itself */
 
     /* The super block as the record of its layout. */
     template <class Super>
@@ -53,9 +55,9 @@ struct tierctl_metadata {
     auto with_super(const Use &use) const
     {
         switch (version) {
-        case tierctl_version::v1:
+        case Version::v1:
             return use(super<tier_super_block_v1_t>());
-        case tierctl_version::v2:
+        case Version::v2:
             return use(super<tier_super_block_v2_t>());
         default:
             return use(super<tier_super_block_v3_t>());
@@ -64,8 +66,10 @@ struct tierctl_metadata {
 };
 
 /* Reads the block in which the super block lies, whatever it holds. Throws. */
-tierctl_block tierctl_read_super(const tierctl_device &device);
+Block read_super(const Device &device);
 
 /* Reads the super block and asks each layout, as the tool does, whether it is one of its own.
  * Throws when it cannot be read or is none. */
-tierctl_metadata tierctl_read_metadata(const tierctl_device &device);
+Metadata read_metadata(const Device &device);
+
+} // namespace tierctl

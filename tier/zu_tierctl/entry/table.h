@@ -11,49 +11,51 @@
 #include <string_view>
 #include <vector>
 
+namespace tierctl {
+
 /* The tables of a device, in the same words for every layout. */
 
 /* Stores the checksum of a record of `length` bytes in it. */
-using tierctl_seal = void (*)(uint8_t *record, size_t length);
+using Seal = void (*)(uint8_t *record, size_t length);
 
 /* The CRC-32 of all behind its first four bytes, in these. */
-void tierctl_seal_head(uint8_t *record, size_t length);
+void seal_head(uint8_t *record, size_t length);
 
 /* The CRC-32 of all with its own bits zero: bit i is the lowest of the 64-bit word i. */
-void tierctl_seal_words(uint8_t *record, size_t length);
+void seal_words(uint8_t *record, size_t length);
 
 /* A number that a record holds, and where: `at` and `width` (at most 8) in bytes. */
-struct tierctl_place {
+struct Place {
     size_t at;
     size_t width;
 
     uint64_t get(const uint8_t *record) const;
 };
 
-struct tierctl_magic {
-    tierctl_place place;
+struct Magic {
+    Place place;
     uint32_t value;
 };
 
 /* What is wrong with a slot, as bits. */
-enum tierctl_flaw : uint32_t {
-    TIERCTL_BAD_MAGIC = 1,
-    TIERCTL_BAD_NUMBER = 2,
-    TIERCTL_BAD_CHECKSUM = 4,
+enum Flaw : uint32_t {
+    BAD_MAGIC = 1,
+    BAD_NUMBER = 2,
+    BAD_CHECKSUM = 4,
 };
 
 /* The name of the super block's table. */
-inline constexpr std::string_view TIERCTL_SUPER = "super";
+inline constexpr std::string_view SUPER_TABLE = "super";
 
 /* A table of 4096-byte slots. Each has a record at its start; the super block is a table of one
  * slot, and a block of packed entries is a single record. */
-struct tierctl_table {
+struct Table {
     std::string_view name;
     std::vector<tier_region> regions; /* where it lies; each is numbered on from the one before */
     size_t record_length;
-    tierctl_seal seal = nullptr;           /* null: a record has no checksum */
-    std::optional<tierctl_magic> magic{};  /* if a record has one */
-    std::optional<tierctl_place> number{}; /* the entry's own number, if a record has it */
+    Seal seal = nullptr;           /* null: a record has no checksum */
+    std::optional<Magic> magic{};  /* if a record has one */
+    std::optional<Place> number{}; /* the entry's own number, if a record has it */
 
     uint64_t count() const;
 
@@ -72,16 +74,17 @@ struct tierctl_table {
 };
 
 /* The tables, each of them with what only its layout decides. */
-tierctl_table tierctl_super_table(size_t record_length, uint32_t magic);
-tierctl_table tierctl_brick_table(const tier_region &region, uint32_t magic);
-tierctl_table tierctl_inode_table(std::vector<tier_region> regions, uint32_t magic);
-tierctl_table tierctl_extent_table(const tier_region &region, size_t record_length);
+Table super_table(size_t record_length, uint32_t magic);
+Table brick_table(const tier_region &region, uint32_t magic);
+Table inode_table(std::vector<tier_region> regions, uint32_t magic);
+Table extent_table(const tier_region &region, size_t record_length);
 
 /* All tables of a device by its super block, in the order of the device. */
-std::vector<tierctl_table> tierctl_tables(const tier_super_block_v1_t &sb);
-std::vector<tierctl_table> tierctl_tables(const tier_super_block_v2_t &sb);
-std::vector<tierctl_table> tierctl_tables(const tier_super_block_v3_t &sb);
+std::vector<Table> tables_of(const tier_super_block_v1_t &sb);
+std::vector<Table> tables_of(const tier_super_block_v2_t &sb);
+std::vector<Table> tables_of(const tier_super_block_v3_t &sb);
 
 /* The one of that name; a usage error that names those that there are when it is none of them. */
-const tierctl_table &tierctl_find_table(const std::vector<tierctl_table> &tables,
-                                        std::string_view name);
+const Table &find_table(const std::vector<Table> &tables, std::string_view name);
+
+} // namespace tierctl

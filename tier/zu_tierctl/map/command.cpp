@@ -12,6 +12,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+namespace tierctl {
+
 namespace {
 
 constexpr size_t WIDTH_FALLBACK = 80;
@@ -44,7 +46,7 @@ std::string variable(const char *name)
 size_t output_width()
 {
     winsize window{};
-    uint64_t width = tierctl_parse_number(variable("COLUMNS")).value_or(0);
+    uint64_t width = parse_number(variable("COLUMNS")).value_or(0);
     if (width == 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
         width = window.ws_col;
     }
@@ -53,27 +55,27 @@ size_t output_width()
 
 void write_html(const map_options &options)
 {
-    tierctl_refuse_existing(options.html);
-    tierctl_new_file file(options.html);
+    refuse_existing(options.html);
+    NewFile file(options.html);
     const std::string page =
-        tierctl_map_html(tierctl_read_map(options.device, [](uint64_t) { return HTML_CELLS_MAX; }));
+        draw_page(read_map(options.device, [](uint64_t) { return HTML_CELLS_MAX; }));
     file.write(0, page.data(), page.size());
-    file.commit(tierctl_naming::new_name);
+    file.commit(Naming::new_name);
 }
 
 void print_map(const map_options &options)
 {
     const size_t width = output_width();
     const bool colours = isatty(STDOUT_FILENO) != 0 && variable("NO_COLOR").empty();
-    const tierctl_map map = tierctl_read_map(
-        options.device, [width](uint64_t last) { return tierctl_map_terminal_cells(width, last); });
-    tierctl_print(tierctl_map_terminal(map, width, colours));
-    tierctl_finish_output();
+    const Map map =
+        read_map(options.device, [width](uint64_t last) { return terminal_cells(width, last); });
+    print(draw_terminal(map, width, colours));
+    finish_output();
 }
 
 } // namespace
 
-void tierctl_add_map(CLI::App &app)
+void add_map(CLI::App &app)
 {
     const auto options = std::make_shared<map_options>();
     CLI::App *command = app.add_subcommand("map", MAP_DESCRIPTION);
@@ -92,3 +94,5 @@ void tierctl_add_map(CLI::App &app)
         }
     });
 }
+
+} // namespace tierctl

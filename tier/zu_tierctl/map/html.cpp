@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+namespace tierctl {
+
 namespace {
 
 constexpr size_t FEW_CELLS = 600; /* these are drawn larger */
@@ -13,12 +15,12 @@ constexpr size_t FEW_CELLS = 600; /* these are drawn larger */
 std::string escaped(std::string_view text)
 {
     std::string html;
-    for (const char byte : tierctl_valid_utf8(text)) {
+    for (const char byte : valid_utf8(text)) {
         const auto code = static_cast<uint8_t>(byte);
         if (code < 0x20 || code == 0x7F) {
             html += "\xEF\xBF\xBD"; /* a page has no such characters: U+FFFD */
         } else if (std::string_view("<>&\"'").find(byte) != std::string_view::npos) {
-            html += tierctl_text("&#%u;", static_cast<unsigned>(code));
+            html += format_text("&#%u;", static_cast<unsigned>(code));
         } else {
             html += byte;
         }
@@ -28,12 +30,12 @@ std::string escaped(std::string_view text)
 
 std::string shown(const std::string &text)
 {
-    return escaped(tierctl_shown_text(text));
+    return escaped(shown_text(text));
 }
 
 std::string element(const char *name, const std::string &content)
 {
-    return tierctl_text("<%s>", name) + content + tierctl_text("</%s>", name);
+    return format_text("<%s>", name) + content + format_text("</%s>", name);
 }
 
 /* Name and value stay together. */
@@ -42,7 +44,7 @@ std::string fact(const char *name, const std::string &value)
     return value.empty() ? "" : element("div", element("dt", name) + element("dd", value)) + '\n';
 }
 
-std::string facts_of(const tierctl_map &map)
+std::string facts_of(const Map &map)
 {
     std::string html = "<dl class=\"facts\">\n";
     html += fact("Layout", std::string(map.layout));
@@ -62,7 +64,7 @@ std::string legend()
 {
     std::string levels;
     for (unsigned level = 1; level <= 8; level++) {
-        levels += tierctl_text("<i class=\"u%u\"></i>", level);
+        levels += format_text("<i class=\"u%u\"></i>", level);
     }
     return "<ul class=\"legend\">\n" + sample(levels, "in use, little to all") +
            sample("<i class=\"u0\"></i>", "free") + sample("<i class=\"f\"></i>", "finding") +
@@ -70,45 +72,45 @@ std::string legend()
            "</ul>\n";
 }
 
-std::string class_of(const tierctl_map_cell &cell)
+std::string class_of(const MapCell &cell)
 {
     switch (cell.look()) {
-    case tierctl_look::unreadable:
+    case Look::unreadable:
         return "q";
-    case tierctl_look::damaged:
+    case Look::damaged:
         return "x";
-    case tierctl_look::finding:
+    case Look::finding:
         return "f";
     default:
-        return tierctl_text("u%u", cell.level());
+        return format_text("u%u", cell.level());
     }
 }
 
-std::string cell_html(const tierctl_map_cell &cell)
+std::string cell_html(const MapCell &cell)
 {
     const std::string range = cell.first == cell.last
                                   ? std::to_string(cell.first)
-                                  : tierctl_text("%lu to %lu", cell.first, cell.last);
+                                  : format_text("%lu to %lu", cell.first, cell.last);
     return "<i class=\"" + class_of(cell) + "\" title=\"" + range + ": " +
-           tierctl_counts_text(cell.counts, cell.findings) + "\"></i>\n";
+           counts_text(cell.counts, cell.findings) + "\"></i>\n";
 }
 
-std::string table_html(const tierctl_map_table &table)
+std::string table_html(const MapTable &table)
 {
     const std::string name(table.name);
-    const std::string counts = tierctl_counts_text(table.counts, table.findings);
+    const std::string counts = counts_text(table.counts, table.findings);
     std::string html =
         "<section>\n<div class=\"head\">" + element("h2", name) + element("p", counts);
     if (table.cell_entries > 1) {
-        html += tierctl_text("<p class=\"cell\">%lu entries a cell</p>", table.cell_entries);
+        html += format_text("<p class=\"cell\">%lu entries a cell</p>", table.cell_entries);
     }
     html += "</div>\n";
     if (!table.cells.empty()) {
         const char *size = table.cells.size() <= FEW_CELLS ? "grid few" : "grid";
-        html += tierctl_text(R"(<div class="%s" data-name="%s" tabindex="0" role="group")", size,
-                             name.c_str());
+        html += format_text(R"(<div class="%s" data-name="%s" tabindex="0" role="group")", size,
+                            name.c_str());
         html += " aria-label=\"" + name + ": " + counts + ". Arrow keys go from cell to cell.\">\n";
-        for (const tierctl_map_cell &cell : table.cells) {
+        for (const MapCell &cell : table.cells) {
             html += cell_html(cell);
         }
         html += "</div>\n";
@@ -126,8 +128,8 @@ std::string bar_cell(uint64_t part, uint64_t whole)
     if (part == 0) {
         return R"(<td class="bar"></td>)";
     }
-    return tierctl_text(R"(<td class="bar"><b style="width:%.1f%%"></b></td>)",
-                        static_cast<double>(part) / static_cast<double>(whole) * 100);
+    return format_text(R"(<td class="bar"><b style="width:%.1f%%"></b></td>)",
+                       static_cast<double>(part) / static_cast<double>(whole) * 100);
 }
 
 /* A table under a heading; `columns` is its first row. */
@@ -137,13 +139,13 @@ std::string list_html(const char *heading, const std::string &columns, const std
            columns + "</tr></thead>\n<tbody>\n" + rows + "</tbody>\n</table></div>\n</section>\n";
 }
 
-std::string bricks_html(const tierctl_map &map)
+std::string bricks_html(const Map &map)
 {
     std::string rows;
-    for (const tierctl_map_brick &brick : map.bricks) {
+    for (const MapBrick &brick : map.bricks) {
         rows += "<tr>" + number_cell(brick.name) + number_cell(std::to_string(brick.inodes));
-        rows += tierctl_text(R"(<td class="n" title="%lu bytes">)", brick.bytes) +
-                tierctl_bytes_text(brick.bytes) + "</td>";
+        rows += format_text(R"(<td class="n" title="%lu bytes">)", brick.bytes) +
+                bytes_text(brick.bytes) + "</td>";
         rows += number_cell(std::to_string(brick.extents)) +
                 bar_cell(brick.extents, map.bricks.front().extents);
         rows += R"(<td class="path">)" + escaped(brick.path) + "</td></tr>\n";
@@ -156,11 +158,11 @@ std::string bricks_html(const tierctl_map &map)
                                     rows);
 }
 
-std::string ages_html(const tierctl_map &map)
+std::string ages_html(const Map &map)
 {
-    const uint64_t most = std::ranges::max(map.ages, {}, &tierctl_map_age::inodes).inodes;
+    const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::inodes).inodes;
     std::string rows;
-    for (const tierctl_map_age &age : map.ages) {
+    for (const MapAge &age : map.ages) {
         rows += "<tr>" + element("td", std::string(age.name)) +
                 number_cell(std::to_string(age.inodes)) + bar_cell(age.inodes, most) + "</tr>\n";
     }
@@ -168,40 +170,42 @@ std::string ages_html(const tierctl_map &map)
                      "<th>within</th><th class=\"n\">inodes</th><th></th>", rows);
 }
 
-std::string findings_html(const tierctl_map &map)
+std::string findings_html(const Map &map)
 {
     if (map.findings.empty()) {
         return "<section>\n<h2>Findings</h2>\n<p class=\"good\">There are none.</p>\n</section>\n";
     }
     std::string rows;
-    for (const tierctl_map_finding &finding : map.findings) {
-        const bool error = finding.severity == tierctl_severity::error;
+    for (const MapFinding &finding : map.findings) {
+        const bool error = finding.severity == Severity::error;
         rows += "<tr>" + element("td", error ? "error" : "warning") +
                 element("td", escaped(finding.about)) + element("td", escaped(finding.text)) +
                 element("td", element("code", escaped(finding.command))) + "</tr>\n";
     }
     const uint64_t more = map.findings_count - map.findings.size();
     if (more != 0) {
-        rows += tierctl_text("<tr><td colspan=\"4\">and %lu more</td></tr>\n", more);
+        rows += format_text("<tr><td colspan=\"4\">and %lu more</td></tr>\n", more);
     }
     return list_html("Findings", "<th></th><th>about</th><th>finding</th><th>to see it</th>", rows);
 }
 
 } // namespace
 
-std::string tierctl_map_html(const tierctl_map &map)
+std::string draw_page(const Map &map)
 {
     const std::string device = shown(map.device);
     std::string html = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n"
                        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n"
                        "<title>Map of " +
-                       device + "</title>\n<style>" + TIERCTL_MAP_STYLE +
+                       device + "</title>\n<style>" + MAP_STYLE +
                        "</style>\n</head>\n<body>\n<header>\n" + element("h1", device) + '\n' +
                        facts_of(map) + legend() + "</header>\n<main>\n";
-    for (const tierctl_map_table &table : map.tables) {
+    for (const MapTable &table : map.tables) {
         html += table_html(table);
     }
     return html + bricks_html(map) + ages_html(map) + findings_html(map) +
-           "</main>\n<p id=\"tip\" role=\"status\" hidden=\"hidden\"></p>\n<script>" +
-           TIERCTL_MAP_SCRIPT + "</script>\n</body>\n</html>\n";
+           "</main>\n<p id=\"tip\" role=\"status\" hidden=\"hidden\"></p>\n<script>" + MAP_SCRIPT +
+           "</script>\n</body>\n</html>\n";
 }
+
+} // namespace tierctl

@@ -13,13 +13,15 @@
 #include <map>
 #include <utility>
 
+namespace tierctl {
+
 namespace {
 
 constexpr uint64_t HOUR = 3600ULL * 1000 * 1000 * 1000;
 constexpr uint64_t DAY = 24 * HOUR;
 constexpr uint64_t ANY = std::numeric_limits<uint64_t>::max();
 
-constexpr tierctl_map_age AGES[] = {
+constexpr MapAge AGES[] = {
     {"hour", HOUR},      {"day", DAY},        {"week", 7 * DAY},
     {"month", 30 * DAY}, {"year", 365 * DAY}, {"older", ANY},
 };
@@ -39,8 +41,8 @@ class brick_numbers {
 public:
     void set(uint64_t no, uint16_t brick)
     {
-        if (no >= tierctl_states::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB of them */
-            return;                              /* GCOVR_EXCL_LINE */
+        if (no >= States::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB of them */
+            return;                      /* GCOVR_EXCL_LINE */
         }
         if (no >= numbers_.size()) {
             numbers_.resize(no + 1, OTHER_BRICK);
@@ -55,10 +57,9 @@ private:
 };
 
 /* The tables of a map while they are read. */
-class table_builder : public tierctl_watcher {
+class table_builder : public Watcher {
 public:
-    table_builder(tierctl_map &map, const tierctl_cells_max &cells_max)
-        : map_(map), cells_max_(cells_max)
+    table_builder(Map &map, const CellsMax &cells_max) : map_(map), cells_max_(cells_max)
     {
         for (size_t no = 0; no < BRICKS; no++) {
             bricks_.push_back({std::to_string(no), "not in use, or damaged"});
@@ -66,37 +67,37 @@ public:
         bricks_.push_back({"other", "not known"});
     }
 
-    void begin_table(std::string_view table_name, const tierctl_numbering &numbering,
+    void begin_table(std::string_view table_name, const Numbering &numbering,
                      std::string_view owner) override;
-    void add_lost(uint64_t first_slot, uint64_t slots, tierctl_state state) override;
-    void add_free(uint64_t no) override { add(no, &tierctl_counts::free); }
-    void add_in_use(const tierctl_entry_in_use &entry) override;
+    void add_lost(uint64_t first_slot, uint64_t slots, State state) override;
+    void add_free(uint64_t no) override { add(no, &Counts::free); }
+    void add_in_use(const EntryInUse &entry) override;
 
     /* All has been read. */
     void finish();
 
 private:
-    tierctl_map_table &table() { return map_.tables.back(); }
+    MapTable &table() { return map_.tables.back(); }
 
-    void add(uint64_t no, uint64_t tierctl_counts::*count)
+    void add(uint64_t no, uint64_t Counts::*count)
     {
         const uint64_t cell = table().numbering.index(no) / table().cell_entries;
         (table().cells[cell].counts.*count)++;
         (table().counts.*count)++;
     }
 
-    void add_inode(const tier_inode_t &inode, tierctl_map_brick &brick);
+    void add_inode(const tier_inode_t &inode, MapBrick &brick);
 
-    tierctl_map &map_;
-    const tierctl_cells_max &cells_max_;
-    std::vector<tierctl_map_brick> bricks_;             /* by number */
+    Map &map_;
+    const CellsMax &cells_max_;
+    std::vector<MapBrick> bricks_;                      /* by number */
     std::map<std::string_view, brick_numbers> numbers_; /* by table */
     const brick_numbers *owners_ = nullptr;             /* of the table that entries name */
     brick_numbers *own_ = nullptr;
     std::vector<uint64_t> accesses_;
 };
 
-void table_builder::begin_table(std::string_view table_name, const tierctl_numbering &numbering,
+void table_builder::begin_table(std::string_view table_name, const Numbering &numbering,
                                 std::string_view owner)
 {
     owners_ = &numbers_[owner];
@@ -117,10 +118,9 @@ void table_builder::begin_table(std::string_view table_name, const tierctl_numbe
     }
 }
 
-void table_builder::add_lost(uint64_t first_slot, uint64_t slots, tierctl_state state)
+void table_builder::add_lost(uint64_t first_slot, uint64_t slots, State state)
 {
-    const auto count =
-        state == tierctl_state::damaged ? &tierctl_counts::damaged : &tierctl_counts::unreadable;
+    const auto count = state == State::damaged ? &Counts::damaged : &Counts::unreadable;
     const uint64_t a_slot = table().numbering.entries_a_slot();
     uint64_t first = first_slot * a_slot;
     table().counts.*count += slots * a_slot;
@@ -133,17 +133,16 @@ void table_builder::add_lost(uint64_t first_slot, uint64_t slots, tierctl_state 
     }
 }
 
-void table_builder::add_in_use(const tierctl_entry_in_use &entry)
+void table_builder::add_in_use(const EntryInUse &entry)
 {
-    add(entry.no, &tierctl_counts::in_use);
+    add(entry.no, &Counts::in_use);
     const std::string_view name = table().name;
     if (name == "brick") {
         if (entry.no < BRICKS) {
             own_->set(entry.no, static_cast<uint16_t>(entry.no));
             bricks_[entry.no].in_use = true;
-            const auto brick = tierctl_record<tier_brick_info_t>(entry.slot);
-            bricks_[entry.no].path =
-                tierctl_shown_text(std::string(zutr_bounded(brick.bi_brickid)));
+            const auto brick = load_record<tier_brick_info_t>(entry.slot);
+            bricks_[entry.no].path = shown_text(std::string(zutr_bounded(brick.bi_brickid)));
         }
         return;
     }
@@ -154,7 +153,7 @@ void table_builder::add_in_use(const tierctl_entry_in_use &entry)
     if (name == "inode") {
         /* Also when the brick is not in use. */
         brick = static_cast<uint16_t>(std::min<uint64_t>(*entry.owner, OTHER_BRICK));
-        add_inode(tierctl_record<tier_inode_t>(entry.slot), bricks_[brick]);
+        add_inode(load_record<tier_inode_t>(entry.slot), bricks_[brick]);
     } else if (name == "extent") {
         bricks_[brick].extents++;
         return;
@@ -162,18 +161,18 @@ void table_builder::add_in_use(const tierctl_entry_in_use &entry)
     own_->set(entry.no, brick);
 }
 
-void table_builder::add_inode(const tier_inode_t &inode, tierctl_map_brick &brick)
+void table_builder::add_inode(const tier_inode_t &inode, MapBrick &brick)
 {
     brick.inodes++;
     brick.bytes += std::min(inode.i_size, ANY - brick.bytes);
-    if (accesses_.size() < tierctl_states::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB */
+    if (accesses_.size() < States::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB */
         accesses_.push_back(inode.i_atime);
     }
 }
 
 void table_builder::finish()
 {
-    for (tierctl_map_brick &brick : bricks_) {
+    for (MapBrick &brick : bricks_) {
         if (brick.in_use || brick.inodes != 0 || brick.extents != 0) {
             map_.bricks.push_back(std::move(brick));
         }
@@ -196,30 +195,29 @@ void table_builder::finish()
 }
 
 /* The findings of a map. */
-class map_report : public tierctl_report {
+class map_report : public Report {
 public:
-    explicit map_report(tierctl_map &map) : tierctl_report(map.device), map_(map) {}
+    explicit map_report(Map &map) : Report(map.device), map_(map) {}
 
 private:
-    void write(const tierctl_finding &finding) override;
+    void write(const Finding &finding) override;
     void write_end() override {} /* GCOVR_EXCL_LINE: nothing is printed */
 
-    tierctl_map &map_;
+    Map &map_;
 };
 
-void map_report::write(const tierctl_finding &finding)
+void map_report::write(const Finding &finding)
 {
     map_.findings_count++;
-    tierctl_map_table &table =
-        *std::ranges::find(map_.tables, finding.table, &tierctl_map_table::name);
+    MapTable &table = *std::ranges::find(map_.tables, finding.table, &MapTable::name);
     table.findings++;
-    const tierctl_numbering &numbering = table.numbering;
+    const Numbering &numbering = table.numbering;
     const uint64_t index = finding.unit == "block" ? finding.no * numbering.entries_a_slot()
                                                    : numbering.index(finding.no);
     if (!table.cells.empty()) {
         table.cells[index / table.cell_entries].findings++;
     }
-    if (map_.findings.size() < tierctl_map::FINDINGS_MAX) {
+    if (map_.findings.size() < Map::FINDINGS_MAX) {
         std::string about(finding.table);
         about += finding.unit == "block" ? " block " : " ";
         map_.findings.push_back({finding.kind.severity, about + std::to_string(finding.no),
@@ -229,21 +227,21 @@ void map_report::write(const tierctl_finding &finding)
 
 } // namespace
 
-tierctl_look tierctl_map_cell::look() const
+Look MapCell::look() const
 {
     if (counts.unreadable != 0) {
-        return tierctl_look::unreadable;
+        return Look::unreadable;
     }
     if (counts.damaged != 0) {
-        return tierctl_look::damaged;
+        return Look::damaged;
     }
     if (findings != 0) {
-        return tierctl_look::finding;
+        return Look::finding;
     }
-    return counts.in_use != 0 ? tierctl_look::in_use : tierctl_look::free;
+    return counts.in_use != 0 ? Look::in_use : Look::free;
 }
 
-unsigned tierctl_map_cell::level() const
+unsigned MapCell::level() const
 {
     if (counts.in_use == 0 || counts.in_use == counts.entries) {
         return counts.in_use == 0 ? 0 : 8;
@@ -251,11 +249,11 @@ unsigned tierctl_map_cell::level() const
     return static_cast<unsigned>(1 + counts.in_use * 7 / counts.entries);
 }
 
-tierctl_map tierctl_read_map(const std::string &device_path, const tierctl_cells_max &cells_max)
+Map read_map(const std::string &device_path, const CellsMax &cells_max)
 {
-    const tierctl_device device(device_path, tierctl_access::read_only);
-    const tierctl_metadata metadata = tierctl_read_metadata(device);
-    tierctl_map map;
+    const Device device(device_path, Access::read_only);
+    const Metadata metadata = read_metadata(device);
+    Map map;
     map.device = device_path;
     map.layout = metadata.layout_name;
     metadata.with_super([&map](const auto &super) {
@@ -264,12 +262,12 @@ tierctl_map tierctl_read_map(const std::string &device_path, const tierctl_cells
     });
     table_builder tables(map, cells_max);
     map_report report(map);
-    tierctl_check_metadata({.device = device_path}, device, metadata, report, &tables);
+    check_metadata({.device = device_path}, device, metadata, report, &tables);
     tables.finish();
     return map;
 }
 
-std::string tierctl_bytes_text(uint64_t bytes)
+std::string bytes_text(uint64_t bytes)
 {
     constexpr const char *UNITS[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     if (bytes < 1024) {
@@ -277,10 +275,10 @@ std::string tierctl_bytes_text(uint64_t bytes)
     }
     const size_t thousands = (std::bit_width(bytes) - 1) / 10; /* factors of 1024 */
     const double unit = std::ldexp(1.0, static_cast<int>(10 * thousands));
-    return tierctl_text("%.1f %s", static_cast<double>(bytes) / unit, UNITS[thousands - 1]);
+    return format_text("%.1f %s", static_cast<double>(bytes) / unit, UNITS[thousands - 1]);
 }
 
-std::string tierctl_counts_text(const tierctl_counts &counts, uint64_t findings)
+std::string counts_text(const Counts &counts, uint64_t findings)
 {
     const std::pair<uint64_t, const char *> parts[] = {
         {counts.in_use, " in use"},
@@ -298,8 +296,10 @@ std::string tierctl_counts_text(const tierctl_counts &counts, uint64_t findings)
     return text.empty() ? "nothing" : text;
 }
 
-std::string tierctl_shown_text(const std::string &text)
+std::string shown_text(const std::string &text)
 {
-    std::string quoted = tierctl_quoted(text);
-    return quoted == '"' + text + '"' ? text : quoted;
+    std::string shown = quoted(text);
+    return shown == '"' + text + '"' ? text : shown;
 }
+
+} // namespace tierctl

@@ -1,9 +1,11 @@
 #pragma once
 
+namespace tierctl {
+
 /* What is the same in the page of every map. Without '<' and '&', so that the page is well-formed
  * XML, too. */
 
-constexpr const char TIERCTL_MAP_STYLE[] = R"css(
+constexpr const char MAP_STYLE[] = R"css(
 :root {
   color-scheme: light dark;
   --page: #f6f7f9; --card: #ffffff; --line: #dfe3e8; --text: #1c2430; --soft: #566173;
@@ -75,7 +77,7 @@ code { user-select: all; }
 )css";
 
 /* The line about a cell follows the pointer, and in a grid with the focus the arrow keys. */
-constexpr const char TIERCTL_MAP_SCRIPT[] = R"js(
+constexpr const char MAP_SCRIPT[] = R"js(
 const tip = document.getElementById('tip');
 let at = null;
 function show(cell, x, y) {
@@ -123,3 +125,5 @@ for (const grid of document.querySelectorAll('.grid[data-name]')) {
   });
 }
 )js";
+
+} // namespace tierctl

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+namespace tierctl {
+
 namespace {
 
 constexpr size_t ROWS_MAX = 12; /* of a table's grid, and of bricks */
@@ -25,18 +27,18 @@ constexpr text_style DIM = "2";
 constexpr text_style USE = "36";
 
 struct look_marks {
-    tierctl_look look;
+    Look look;
     text_style colour;
     const char *mark; /* null: by how much is in use */
     const char *name;
 };
 
 constexpr look_marks LOOKS[] = {
-    {tierctl_look::in_use, USE, nullptr, "in use, part to all;"},
-    {tierctl_look::free, DIM, "·", "free;"},
-    {tierctl_look::finding, "1;33", "!", "finding;"},
-    {tierctl_look::damaged, "1;31", "X", "damaged;"},
-    {tierctl_look::unreadable, "1;35", "?", "unreadable"},
+    {Look::in_use, USE, nullptr, "in use, part to all;"},
+    {Look::free, DIM, "·", "free;"},
+    {Look::finding, "1;33", "!", "finding;"},
+    {Look::damaged, "1;31", "X", "damaged;"},
+    {Look::unreadable, "1;35", "?", "unreadable"},
 };
 
 constexpr const char *UPRIGHT[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
@@ -157,9 +159,9 @@ size_t label_width(size_t width, uint64_t last)
     return 2 * label < width ? label : 0;
 }
 
-void draw_head(const tierctl_map &map, lines &lines)
+void draw_head(const Map &map, lines &lines)
 {
-    lines.add_words(BOLD, tierctl_shown_text(map.device));
+    lines.add_words(BOLD, shown_text(map.device));
     lines.end_line();
     lines.add_phrase(PLAIN, "layout " + std::string(map.layout) + ",");
     lines.add_phrase(PLAIN, "cache " + map.identity + ",");
@@ -180,19 +182,19 @@ void draw_head(const tierctl_map &map, lines &lines)
     lines.end_line();
 }
 
-void draw_cell(const tierctl_map_cell &cell, lines &lines)
+void draw_cell(const MapCell &cell, lines &lines)
 {
     const auto &look = *std::ranges::find(LOOKS, cell.look(), &look_marks::look);
     lines.add(look.colour, look.mark != nullptr ? look.mark : UPRIGHT[cell.level()]);
 }
 
-void draw_table(const tierctl_map_table &table, lines &lines)
+void draw_table(const MapTable &table, lines &lines)
 {
     lines.end_line();
     lines.add_words(BOLD, std::string(table.name));
-    lines.add_words(PLAIN, tierctl_counts_text(table.counts, table.findings));
+    lines.add_words(PLAIN, counts_text(table.counts, table.findings));
     if (table.cell_entries > 1) {
-        lines.add_phrase(DIM, tierctl_text("(%lu entries a cell)", table.cell_entries));
+        lines.add_phrase(DIM, format_text("(%lu entries a cell)", table.cell_entries));
     }
     lines.end_line();
     const uint64_t last = table.cells.empty() ? 0 : table.cells.back().last;
@@ -200,8 +202,7 @@ void draw_table(const tierctl_map_table &table, lines &lines)
     const size_t row = lines.width() - label;
     for (size_t i = 0; i < table.cells.size(); i++) {
         if (i % row == 0 && label != 0) {
-            lines.add(DIM,
-                      tierctl_text("%*lu ", static_cast<int>(label - 1), table.cells[i].first));
+            lines.add(DIM, format_text("%*lu ", static_cast<int>(label - 1), table.cells[i].first));
         }
         draw_cell(table.cells[i], lines);
         if (i % row == row - 1 || i + 1 == table.cells.size()) {
@@ -216,11 +217,11 @@ std::string path_end(const std::string &path, size_t width)
     return path.size() <= width ? path : "…" + path.substr(path.size() - width + 1);
 }
 
-void draw_brick(const tierctl_map_brick &brick, uint64_t most, lines &lines)
+void draw_brick(const MapBrick &brick, uint64_t most, lines &lines)
 {
     lines.add_column(BOLD, brick.name, NAME_WIDTH);
     lines.add_column(PLAIN, std::to_string(brick.inodes), INODES_WIDTH);
-    lines.add_column(PLAIN, tierctl_bytes_text(brick.bytes), BYTES_WIDTH);
+    lines.add_column(PLAIN, bytes_text(brick.bytes), BYTES_WIDTH);
     lines.add_column(PLAIN, std::to_string(brick.extents), EXTENTS_WIDTH);
     if (lines.width() > COLUMNS_WIDTH + BAR_WIDTH) {
         const std::string drawn = bar(brick.extents, most);
@@ -233,7 +234,7 @@ void draw_brick(const tierctl_map_brick &brick, uint64_t most, lines &lines)
     lines.end_line();
 }
 
-void draw_bricks(const tierctl_map &map, lines &lines)
+void draw_bricks(const Map &map, lines &lines)
 {
     lines.end_line();
     lines.add_column(BOLD, "brick", NAME_WIDTH);
@@ -245,18 +246,18 @@ void draw_bricks(const tierctl_map &map, lines &lines)
         draw_brick(map.bricks[i], map.bricks.front().extents, lines);
     }
     if (map.bricks.size() > ROWS_MAX) {
-        lines.add_words(PLAIN, tierctl_text("and %zu more", map.bricks.size() - ROWS_MAX));
+        lines.add_words(PLAIN, format_text("and %zu more", map.bricks.size() - ROWS_MAX));
         lines.end_line();
     }
 }
 
-void draw_ages(const tierctl_map &map, lines &lines)
+void draw_ages(const Map &map, lines &lines)
 {
     lines.end_line();
     lines.add_words(BOLD, "inodes by the time from their last access to the newest one");
     lines.end_line();
-    const uint64_t most = std::ranges::max(map.ages, {}, &tierctl_map_age::inodes).inodes;
-    for (const tierctl_map_age &age : map.ages) {
+    const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::inodes).inodes;
+    for (const MapAge &age : map.ages) {
         lines.add_column(BOLD, std::string(age.name), NAME_WIDTH);
         lines.add_column(PLAIN, std::to_string(age.inodes), INODES_WIDTH);
         lines.add_words(USE, bar(age.inodes, most));
@@ -266,27 +267,28 @@ void draw_ages(const tierctl_map &map, lines &lines)
 
 } // namespace
 
-size_t tierctl_map_terminal_cells(size_t width, uint64_t last)
+size_t terminal_cells(size_t width, uint64_t last)
 {
     return ROWS_MAX * (width - label_width(width, last));
 }
 
-std::string tierctl_map_terminal(const tierctl_map &map, size_t width, bool colours)
+std::string draw_terminal(const Map &map, size_t width, bool colours)
 {
     lines lines(width, colours);
     draw_head(map, lines);
-    for (const tierctl_map_table &table : map.tables) {
+    for (const MapTable &table : map.tables) {
         draw_table(table, lines);
     }
     draw_bricks(map, lines);
     draw_ages(map, lines);
     if (map.findings_count != 0) {
         lines.end_line();
-        lines.add_words(BOLD, tierctl_text("%lu", map.findings_count));
+        lines.add_words(BOLD, format_text("%lu", map.findings_count));
         lines.add_words(PLAIN, "findings; to see them:");
-        lines.add_phrase(PLAIN,
-                         "zu_tierctl check " + tierctl_shown_text(tierctl_shell_word(map.device)));
+        lines.add_phrase(PLAIN, "zu_tierctl check " + shown_text(shell_word(map.device)));
         lines.end_line();
     }
     return lines.take();
 }
+
+} // namespace tierctl

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+namespace tierctl {
+
 namespace {
 
 constexpr const char REVERT_FOOTER[] =
@@ -22,18 +24,18 @@ constexpr const char REVERT_FOOTER[] =
 
 uint64_t read_no(const std::string &text)
 {
-    const std::optional<uint64_t> no = tierctl_parse_number(text);
+    const std::optional<uint64_t> no = parse_number(text);
     if (!no) {
-        throw tierctl_usage_error("NO " + text + ": expected a number of up to 64 bits");
+        throw UsageError("NO " + text + ": expected a number of up to 64 bits");
     }
     return *no;
 }
 
 } // namespace
 
-void tierctl_add_revert(CLI::App &app)
+void add_revert(CLI::App &app)
 {
-    const auto options = std::make_shared<tierctl_revert_options>();
+    const auto options = std::make_shared<RevertOptions>();
     CLI::App *command = app.add_subcommand("revert", "Put an entry back from a saved file");
     command->footer(REVERT_FOOTER);
     const auto add = [command](const char *name, std::string &to, const char *help) {
@@ -53,5 +55,7 @@ void tierctl_add_revert(CLI::App &app)
     command->add_flag("--commit", options->commit,
                       "Write: a block device is opened for this program alone, and what was\n"
                       "written is read back");
-    command->callback([options] { tierctl_revert(*options); });
+    command->callback([options] { revert(*options); });
 }
+
+} // namespace tierctl

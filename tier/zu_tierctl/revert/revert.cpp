@@ -10,6 +10,8 @@
 #include <cstring>
 #include <new>
 
+namespace tierctl {
+
 namespace {
 
 /* A block's memory, fit for direct access. */
@@ -28,19 +30,17 @@ private:
     zutr_buffer memory_;
 };
 
-class revert {
+class Revert {
 public:
-    explicit revert(const tierctl_revert_options &options)
-        : options_(options), saved_(options.saved, tierctl_access::read_only),
-          device_(options.device,
-                  options.commit ? tierctl_access::exclusive : tierctl_access::read_only),
-          metadata_(tierctl_read_metadata(saved_)),
-          table_(tierctl_find_table(metadata_.tables, options.table)),
+    explicit Revert(const RevertOptions &options)
+        : options_(options), saved_(options.saved, Access::read_only),
+          device_(options.device, options.commit ? Access::exclusive : Access::read_only),
+          metadata_(read_metadata(saved_)), table_(find_table(metadata_.tables, options.table)),
           name_(options.table + ' ' + std::to_string(options.no))
     {
         if (options.no >= table_.count()) {
-            throw tierctl_usage_error(name_ + ": the table has " + std::to_string(table_.count()) +
-                                      " entries");
+            throw UsageError(name_ + ": the table has " + std::to_string(table_.count()) +
+                             " entries");
         }
         offset_ = table_.slot(options.no);
     }
@@ -51,8 +51,8 @@ public:
         load_saved();
         load_present();
         if (present_is_read_ && present_ == then_) {
-            tierctl_print(name_ + " is the same in both: nothing to do\n");
-            tierctl_finish_output();
+            print(name_ + " is the same in both: nothing to do\n");
+            finish_output();
             return;
         }
         show();
@@ -67,12 +67,12 @@ private:
     /* The super block that is to be put back cannot be compared: it may be damaged now. */
     void require_same_device() const
     {
-        if (table_.name == TIERCTL_SUPER) {
+        if (table_.name == SUPER_TABLE) {
             if (saved_.size() != device_.size()) {
                 throw std::runtime_error("the sizes of " + saved_.path() + " and " +
                                          device_.path() + " differ");
             }
-        } else if (tierctl_read_metadata(device_).super_block != metadata_.super_block) {
+        } else if (read_metadata(device_).super_block != metadata_.super_block) {
             throw std::runtime_error("the super blocks of " + saved_.path() + " and " +
                                      device_.path() + " differ");
         }
@@ -80,12 +80,12 @@ private:
 
     void load_saved() const
     {
-        if (tierctl_unreadable_list(saved_.path()).holds(options_.table, options_.no)) {
+        if (UnreadableList(saved_.path()).holds(options_.table, options_.no)) {
             throw std::runtime_error(name_ + " is missing in " + saved_.path() +
                                      ": it could not be read when that was saved");
         }
         if (!saved_.read(offset_, then_.data(), SIZE_4K)) {
-            tierctl_throw_errno("cannot read " + name_ + " in " + saved_.path());
+            throw_errno("cannot read " + name_ + " in " + saved_.path());
         }
         if (!table_.fits() || table_.flaws(options_.no, then_.data()) != 0) {
             throw std::runtime_error(name_ + " is damaged in " + saved_.path());
@@ -97,45 +97,44 @@ private:
     {
         present_is_read_ = device_.read(offset_, present_.data(), SIZE_4K);
         if (!present_is_read_ && errno == ENXIO) {
-            tierctl_throw_errno("cannot read " + name_ + " in " + device_.path());
+            throw_errno("cannot read " + name_ + " in " + device_.path());
         }
         error_ = errno;
     }
 
     void show() const
     {
-        const tierctl_entry then{metadata_, table_, options_.no, then_.data()};
-        const tierctl_entry now{metadata_, table_, options_.no, present_.data()};
-        const std::string text = present_is_read_
-                                     ? tierctl_entry_text(now)
-                                     : std::string("cannot be read: ") + strerror(error_);
-        tierctl_print(name_ + " at byte " + std::to_string(offset_) + "\nnow:  " + text +
-                      "\nthen: " + tierctl_entry_text(then) + '\n');
+        const Entry then{metadata_, table_, options_.no, then_.data()};
+        const Entry now{metadata_, table_, options_.no, present_.data()};
+        const std::string text =
+            present_is_read_ ? entry_text(now) : std::string("cannot be read: ") + strerror(error_);
+        print(name_ + " at byte " + std::to_string(offset_) + "\nnow:  " + text +
+              "\nthen: " + entry_text(then) + '\n');
         if (present_is_read_) {
-            tierctl_print(tierctl_differences_text(tierctl_entry_differences(now, then)));
+            print(differences_text(entry_differences(now, then)));
         }
-        tierctl_finish_output(); /* nobody shall miss what is about to be written */
+        finish_output(); /* nobody shall miss what is about to be written */
     }
 
     void write()
     {
         device_.write_block(offset_, then_.data());
         if (!device_.read(offset_, present_.data(), SIZE_4K)) {
-            tierctl_throw_errno("cannot read back " + name_ + " from " + device_.path());
+            throw_errno("cannot read back " + name_ + " from " + device_.path());
         }
         if (!(present_ == then_)) {
             throw std::runtime_error(name_ + " reads back otherwise than it was written to " +
                                      device_.path());
         }
-        tierctl_print("written\n");
-        tierctl_finish_output();
+        print("written\n");
+        finish_output();
     }
 
-    const tierctl_revert_options &options_;
-    tierctl_device saved_;
-    tierctl_device device_;
-    tierctl_metadata metadata_;
-    const tierctl_table &table_;
+    const RevertOptions &options_;
+    Device saved_;
+    Device device_;
+    Metadata metadata_;
+    const Table &table_;
     std::string name_;
     int64_t offset_ = 0;
     block then_;
@@ -146,7 +145,9 @@ private:
 
 } // namespace
 
-void tierctl_revert(const tierctl_revert_options &options)
+void revert(const RevertOptions &options)
 {
-    revert(options).run();
+    Revert(options).run();
 }
+
+} // namespace tierctl

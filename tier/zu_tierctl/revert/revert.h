@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <string>
 
-struct tierctl_revert_options {
+namespace tierctl {
+
+struct RevertOptions {
     std::string saved;
     std::string device;
     std::string table;
@@ -13,4 +15,6 @@ struct tierctl_revert_options {
 
 /* Shows what an entry of the device is and what it was in a saved file and, with `commit`, puts its
  * block back. Throws, with nothing written, when the block must not be put back. */
-void tierctl_revert(const tierctl_revert_options &options);
+void revert(const RevertOptions &options);
+
+} // namespace tierctl

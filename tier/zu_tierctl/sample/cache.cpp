@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <string_view>
 
+namespace tierctl {
+
 namespace {
 
-constexpr uint64_t YEAR_START = TIERCTL_SAMPLE_YEAR_START * TIERCTL_NANOSECONDS;
-constexpr uint64_t YEAR_END = TIERCTL_SAMPLE_YEAR_END * TIERCTL_NANOSECONDS;
+constexpr uint64_t YEAR_START = SAMPLE_YEAR_START * NANOSECONDS;
+constexpr uint64_t YEAR_END = SAMPLE_YEAR_END * NANOSECONDS;
 
 constexpr std::string_view BRICK_DIRECTORY = "/kd/data/zu/local/";
 constexpr size_t UUID_TEXT_LEN = 36;
@@ -24,35 +26,35 @@ uint32_t extent_size_for(uint32_t block_size)
 
 } // namespace
 
-tierctl_sample_cache::tierctl_sample_cache(const tierctl_sizes &sizes, uint64_t seed)
-    : sizes_(sizes), inode_sum_(sizes[TIERCTL_INODES] + sizes[TIERCTL_EXPANSION]), random_(seed)
+SampleCache::SampleCache(const Sizes &sizes, uint64_t seed)
+    : sizes_(sizes), inode_sum_(sizes[INODES] + sizes[EXPANSION]), random_(seed)
 {
     random_.uuid(uuid_);
     volume_id_ = random_.volume_id();
-    if (sizes_[TIERCTL_EXTENT_SIZE] == 0) {
-        sizes_[TIERCTL_EXTENT_SIZE] = extent_size_for(sizes_[TIERCTL_BLOCK_SIZE]);
+    if (sizes_[EXTENT_SIZE] == 0) {
+        sizes_[EXTENT_SIZE] = extent_size_for(sizes_[BLOCK_SIZE]);
     }
 }
 
-void tierctl_sample_cache::identify(uint8_t (&uuid)[16], char (&volume_id)[48]) const
+void SampleCache::identify(uint8_t (&uuid)[16], char (&volume_id)[48]) const
 {
     memcpy(uuid, uuid_, sizeof(uuid));
     volume_id_.copy(volume_id, sizeof(volume_id) - 1);
 }
 
-tier_brick_info_t tierctl_sample_cache::brick(uint32_t magic, uint64_t no)
+tier_brick_info_t SampleCache::brick(uint32_t magic, uint64_t no)
 {
     tier_brick_info_t brick{};
     brick.bi_magic = magic;
     brick.bi_no = static_cast<uint32_t>(no);
     random_.uuid(brick.bi_uuid); /* a free brick has one, too */
-    if (random_.in_use(no, sizes_[TIERCTL_BRICKS])) {
+    if (random_.in_use(no, sizes_[BRICKS])) {
         use_brick(&brick);
     }
     return brick;
 }
 
-void tierctl_sample_cache::use_brick(tier_brick_info_t *brick)
+void SampleCache::use_brick(tier_brick_info_t *brick)
 {
     brick->bi_use = 1;
     std::string path(BRICK_DIRECTORY);
@@ -61,7 +63,7 @@ void tierctl_sample_cache::use_brick(tier_brick_info_t *brick)
     bricks_.push_back(brick->bi_no);
 }
 
-tier_inode_t tierctl_sample_cache::inode(uint32_t magic, uint64_t no)
+tier_inode_t SampleCache::inode(uint32_t magic, uint64_t no)
 {
     tier_inode_t inode{};
     inode.i_magic = magic;
@@ -72,7 +74,7 @@ tier_inode_t tierctl_sample_cache::inode(uint32_t magic, uint64_t no)
     return inode;
 }
 
-void tierctl_sample_cache::use_inode(tier_inode_t *inode)
+void SampleCache::use_inode(tier_inode_t *inode)
 {
     inode->i_use = 1;
     inode->i_mtime = random_.between(YEAR_START, YEAR_END);
@@ -86,28 +88,28 @@ void tierctl_sample_cache::use_inode(tier_inode_t *inode)
     inode->i_priority = static_cast<uint32_t>(random_.below(8));
     inode->i_brick_no = bricks_[random_.below(bricks_.size())];
     /* On average the files in use need about as many blocks as there are extents in use. */
-    const uint64_t blocks = std::max(1U, sizes_[TIERCTL_BLOCKS] / inode_sum_);
-    inode->i_size = 1 + random_.below(2 * blocks * sizes_[TIERCTL_BLOCK_SIZE]);
+    const uint64_t blocks = std::max(1U, sizes_[BLOCKS] / inode_sum_);
+    inode->i_size = 1 + random_.below(2 * blocks * sizes_[BLOCK_SIZE]);
 
     cached_file file{inode->i_no, 0, inode->i_size, inode->i_atime};
     memcpy(&file.identity, inode->i_uuid, sizeof(file.identity));
     files_.push_back(file);
 }
 
-tier_extent_t tierctl_sample_cache::extent(uint64_t no, std::optional<tierctl_held> *held)
+tier_extent_t SampleCache::extent(uint64_t no, std::optional<Held> *held)
 {
     tier_extent_t extent{};
     extent.te_reserved1 = no;
-    if (file_ < files_.size() && random_.in_use(no, sizes_[TIERCTL_BLOCKS])) {
+    if (file_ < files_.size() && random_.in_use(no, sizes_[BLOCKS])) {
         *held = use_extent(&extent);
     }
     return extent;
 }
 
-tierctl_held tierctl_sample_cache::use_extent(tier_extent_t *extent)
+Held SampleCache::use_extent(tier_extent_t *extent)
 {
     const cached_file &file = files_[file_];
-    const uint64_t block_size = sizes_[TIERCTL_BLOCK_SIZE];
+    const uint64_t block_size = sizes_[BLOCK_SIZE];
     const uint64_t behind = file.size - block_ * block_size;
     const uint64_t length = std::min(behind, block_size);
     const uint64_t pages = tier_round_up(length, SIZE_4K) / SIZE_4K;
@@ -121,7 +123,7 @@ tierctl_held tierctl_sample_cache::use_extent(tier_extent_t *extent)
     extent->te_sampling_mid = static_cast<uint32_t>(random_.below(1000));
     extent->te_sampling_high = static_cast<uint32_t>(random_.below(1000));
     extent->te_clean = random_.one_in(4) ? 0 : 1;
-    extent->te_ntime = static_cast<uint32_t>(file.atime / TIERCTL_NANOSECONDS);
+    extent->te_ntime = static_cast<uint32_t>(file.atime / NANOSECONDS);
     extent->te_hot = random_.below(10000);
 
     block_++;
@@ -132,12 +134,14 @@ tierctl_held tierctl_sample_cache::use_extent(tier_extent_t *extent)
     return {first, pages, length};
 }
 
-void tierctl_sample_cache::hold(uint8_t *slot, uint64_t begin, uint64_t end) const
+void SampleCache::hold(uint8_t *slot, uint64_t begin, uint64_t end) const
 {
     uint8_t *bitmap = slot + sizeof(tier_extent_t);
-    const uint64_t words = (sizes_[TIERCTL_EXTENT_SIZE] - sizeof(tier_extent_t)) / sizeof(uint64_t);
+    const uint64_t words = (sizes_[EXTENT_SIZE] - sizeof(tier_extent_t)) / sizeof(uint64_t);
     for (uint64_t page = begin; page < std::min(end, words * PAGES_A_WORD); page++) {
         uint8_t &byte = bitmap[page / 8]; /* words are stored low byte first */
         byte = static_cast<uint8_t>(byte | (1U << (page % 8)));
     }
 }
+
+} // namespace tierctl

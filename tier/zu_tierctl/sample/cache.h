@@ -14,30 +14,32 @@
 #include <string>
 #include <vector>
 
+namespace tierctl {
+
 /* What sample devices have in common: which files are cached and, in V1 and V2, where. */
 
-constexpr uint64_t TIERCTL_SAMPLE_CTIME = TIERCTL_SAMPLE_YEAR_START * TIERCTL_NANOSECONDS;
+constexpr uint64_t SAMPLE_CTIME = SAMPLE_YEAR_START * NANOSECONDS;
 
 /* The layouts themselves have no limit; this one keeps the extent table of a sample within 4 GiB.
  */
-constexpr uint32_t TIERCTL_BLOCKS_MAX = 1048576;
+constexpr uint32_t BLOCKS_MAX = 1048576;
 
 /* The sizes of V1, from which those of V2 go on. */
-constexpr std::array<tierctl_bounds, TIERCTL_SIZES> TIERCTL_CACHE_BOUNDS = {{
+constexpr std::array<Bounds, SIZES> CACHE_BOUNDS = {{
     {1, TIER_BRICK_CNT_MAX, 1, 4},
     {1, TIER_INODE_CNT_MAX, 1, 64},
-    {1, TIERCTL_BLOCKS_MAX, 1, 256},
+    {1, BLOCKS_MAX, 1, 256},
     {TIER_BLOCK_SIZE_MIN, TIER_BLOCK_SIZE_MAX, SIZE_4K, SIZE_1M},
     {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, 1, 0},
-    TIERCTL_NONE,
-    TIERCTL_NONE,
-    TIERCTL_NONE,
-    TIERCTL_NONE,
+    NO_BOUNDS,
+    NO_BOUNDS,
+    NO_BOUNDS,
+    NO_BOUNDS,
 }};
 
 /* The part of a file's block that an extent holds: pages of 4096 bytes, and the bytes of the block
  * up to the end of the file, which may lie within the last page. */
-struct tierctl_held {
+struct Held {
     uint64_t begin;
     uint64_t end;
     uint64_t length;
@@ -45,11 +47,11 @@ struct tierctl_held {
 
 /* Makes the entries of the tables, each in order of number, bricks before inodes before extents: a
  * table draws on what the tables before it hold. */
-class tierctl_sample_cache {
+class SampleCache {
 public:
-    tierctl_sample_cache(const tierctl_sizes &sizes, uint64_t seed);
+    SampleCache(const Sizes &sizes, uint64_t seed);
 
-    tierctl_random &random() { return random_; }
+    Random &random() { return random_; }
 
     /* The identities of the cache and of its SSD. */
     void identify(uint8_t (&uuid)[16], char (&volume_id)[48]) const;
@@ -62,7 +64,7 @@ public:
     tier_inode_t inode(uint32_t magic, uint64_t no);
 
     /* The head of an extent; `held` is what it holds, if it is in use. */
-    tier_extent_t extent(uint64_t no, std::optional<tierctl_held> *held);
+    tier_extent_t extent(uint64_t no, std::optional<Held> *held);
 
     /* Sets the bits of the pages `begin`..`end` - 1 that the bitmap of the extent has room for. */
     void hold(uint8_t *slot, uint64_t begin, uint64_t end) const;
@@ -78,11 +80,11 @@ private:
 
     void use_brick(tier_brick_info_t *brick);
     void use_inode(tier_inode_t *inode);
-    tierctl_held use_extent(tier_extent_t *extent);
+    Held use_extent(tier_extent_t *extent);
 
-    tierctl_sizes sizes_;
+    Sizes sizes_;
     uint32_t inode_sum_; /* with those of the expansion area */
-    tierctl_random random_;
+    Random random_;
     uint8_t uuid_[16];
     std::string volume_id_;
     std::vector<uint32_t> bricks_; /* in use */
@@ -92,19 +94,19 @@ private:
 };
 
 template <class Super>
-Super tierctl_sample_cache::super(uint32_t magic, uint32_t version) const
+Super SampleCache::super(uint32_t magic, uint32_t version) const
 {
     Super super{};
     super.sb_magic = magic;
     super.sb_version = version;
     super.sb_size = TIER_SB_AREA_SIZE;
-    super.sb_ctime = TIERCTL_SAMPLE_CTIME;
+    super.sb_ctime = SAMPLE_CTIME;
     identify(super.sb_uuid, super.sb_ssd_uuid);
-    super.sb_brick_cnt = sizes_[TIERCTL_BRICKS];
-    super.sb_inode_cnt = sizes_[TIERCTL_INODES];
-    super.sb_block_cnt = sizes_[TIERCTL_BLOCKS];
-    super.sb_block_size = sizes_[TIERCTL_BLOCK_SIZE];
-    super.sb_extent_size = sizes_[TIERCTL_EXTENT_SIZE];
+    super.sb_brick_cnt = sizes_[BRICKS];
+    super.sb_inode_cnt = sizes_[INODES];
+    super.sb_block_cnt = sizes_[BLOCKS];
+    super.sb_block_size = sizes_[BLOCK_SIZE];
+    super.sb_extent_size = sizes_[EXTENT_SIZE];
     super.sb_brick_table_size = uint64_t{super.sb_brick_cnt} * SIZE_4K;
     super.sb_inode_table_size = tier_inode_table_size(super);
     super.sb_extent_table_size = uint64_t{super.sb_block_cnt} * SIZE_4K;
@@ -113,7 +115,7 @@ Super tierctl_sample_cache::super(uint32_t magic, uint32_t version) const
 }
 
 template <class Record>
-void tierctl_put(uint8_t *slot, const Record &record)
+void put(uint8_t *slot, const Record &record)
 {
     memcpy(slot, &record, sizeof(record));
 }
@@ -122,50 +124,49 @@ void tierctl_put(uint8_t *slot, const Record &record)
 
 /* `tables` is that of the whole device; each gets the content that `sample` makes for it. */
 template <class Sample>
-tierctl_sample_table tierctl_bricks(const std::shared_ptr<Sample> &sample,
-                                    const std::vector<tierctl_table> &tables)
+SampleTable sample_bricks(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)
 {
-    return {tierctl_find_table(tables, "brick"),
-            [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->brick(no)); }};
+    return {find_table(tables, "brick"),
+            [sample](uint64_t no, uint8_t *slot) { put(slot, sample->brick(no)); }};
 }
 
 template <class Sample>
-tierctl_sample_table tierctl_inodes(const std::shared_ptr<Sample> &sample,
-                                    const std::vector<tierctl_table> &tables)
+SampleTable sample_inodes(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)
 {
-    return {tierctl_find_table(tables, "inode"),
-            [sample](uint64_t no, uint8_t *slot) { tierctl_put(slot, sample->inode(no)); }};
+    return {find_table(tables, "inode"),
+            [sample](uint64_t no, uint8_t *slot) { put(slot, sample->inode(no)); }};
 }
 
 /* To be the last one: a device whose tables are incomplete is not to look like a good one. */
 template <class Super>
-tierctl_sample_table tierctl_super(const Super &super, const std::vector<tierctl_table> &tables)
+SampleTable sample_super(const Super &super, const std::vector<Table> &tables)
 {
-    return {tierctl_find_table(tables, "super"),
-            [super](uint64_t, uint8_t *slot) { tierctl_put(slot, super); }};
+    return {find_table(tables, "super"), [super](uint64_t, uint8_t *slot) { put(slot, super); }};
 }
 
 /* The plan of a device of `device_size` bytes under the super block `super` of V1 or V2, whose
  * tables are those that `sample` makes. */
 template <class Sample, class Super>
-tierctl_sample_plan tierctl_plan(const std::shared_ptr<Sample> &sample, const Super &super,
-                                 const std::vector<tierctl_table> &tables, uint64_t device_size)
+SamplePlan sample_plan(const std::shared_ptr<Sample> &sample, const Super &super,
+                       const std::vector<Table> &tables, uint64_t device_size)
 {
     return {
         device_size,
         {
-            tierctl_bricks(sample, tables),
-            tierctl_inodes(sample, tables),
-            {tierctl_find_table(tables, "extent"),
+            sample_bricks(sample, tables),
+            sample_inodes(sample, tables),
+            {find_table(tables, "extent"),
              [sample](uint64_t no, uint8_t *slot) { sample->fill_extent(no, slot); }},
-            tierctl_super(super, tables),
+            sample_super(super, tables),
         },
     };
 }
 
 /* Where the data blocks of V1 or V2 end. */
 template <class Super>
-uint64_t tierctl_data_end(const Super &super)
+uint64_t data_end(const Super &super)
 {
     return super.sb_data_offset + uint64_t{super.sb_block_cnt} * super.sb_block_size;
 }
+
+} // namespace tierctl

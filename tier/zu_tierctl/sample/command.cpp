@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+namespace tierctl {
+
 namespace {
 
 constexpr const char SAMPLE_EXAMPLE[] =
@@ -27,22 +29,20 @@ constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
 
 std::string conversion_help()
 {
-    const tierctl_layout &layout = TIERCTL_LAYOUT_V1_FOR_CONVERSION;
+    const Layout &layout = SAMPLE_LAYOUT_FOR_CONVERSION;
     return "Make a device that convert_super accepts: the tables of v2\n"
            "under the super block of " +
-           std::string(layout.name) + "; sizes as for v2, but\n" +
-           TIERCTL_SIZE_OPTIONS[TIERCTL_BLOCKS].name + " " +
-           tierctl_bounds_text(layout.bounds[TIERCTL_BLOCKS]) + " and no " +
-           TIERCTL_SIZE_OPTIONS[TIERCTL_EXPANSION].name;
+           std::string(layout.name) + "; sizes as for v2, but\n" + SIZE_OPTIONS[BLOCKS].name + " " +
+           bounds_text(layout.bounds[BLOCKS]) + " and no " + SIZE_OPTIONS[EXPANSION].name;
 }
 
 /* The option's meaning and, a line each, "v1: 1..300, default 4". */
 std::string size_help(size_t size)
 {
-    std::string text = TIERCTL_SIZE_OPTIONS[size].meaning;
-    for (const tierctl_layout *layout : tierctl_layouts()) {
-        const tierctl_bounds &bounds = layout->bounds[size];
-        text += '\n' + std::string(layout->name) + ": " + tierctl_bounds_text(bounds);
+    std::string text = SIZE_OPTIONS[size].meaning;
+    for (const Layout *layout : layouts()) {
+        const Bounds &bounds = layout->bounds[size];
+        text += '\n' + std::string(layout->name) + ": " + bounds_text(bounds);
         if (bounds.fallback != 0) {
             text += ", default " + std::to_string(bounds.fallback);
         }
@@ -53,7 +53,7 @@ std::string size_help(size_t size)
 std::string layout_help()
 {
     std::string names;
-    for (const tierctl_layout *layout : tierctl_layouts()) {
+    for (const Layout *layout : layouts()) {
         names += (names.empty() ? "" : ", ") + std::string(layout->name);
     }
     return "Layout of the device: " + names;
@@ -61,11 +61,11 @@ std::string layout_help()
 
 std::string seed_help()
 {
-    return "Seed of everything random, default " + std::to_string(tierctl_sample_options{}.seed) +
+    return "Seed of everything random, default " + std::to_string(SampleOptions{}.seed) +
            "\n"
            "The same arguments give the same bytes: times lie in the year\n"
            "before " +
-           std::string(TIERCTL_SAMPLE_DATE);
+           std::string(SAMPLE_DATE);
 }
 
 /* The library's own reading of numbers takes -1 for the largest one and 010 for 8. */
@@ -73,9 +73,9 @@ void add_number(CLI::App *command, const std::string &name,
                 const std::function<void(uint64_t)> &store, const std::string &help)
 {
     const auto read = [name, store](const std::string &text) {
-        const std::optional<uint64_t> value = tierctl_parse_number(text);
+        const std::optional<uint64_t> value = parse_number(text);
         if (!value) {
-            throw tierctl_usage_error(name + " " + text + ": expected a number of up to 64 bits");
+            throw UsageError(name + " " + text + ": expected a number of up to 64 bits");
         }
         store(*value);
     };
@@ -84,9 +84,9 @@ void add_number(CLI::App *command, const std::string &name,
 
 } // namespace
 
-void tierctl_add_sample(CLI::App &app)
+void add_sample(CLI::App &app)
 {
-    const auto options = std::make_shared<tierctl_sample_options>();
+    const auto options = std::make_shared<SampleOptions>();
     CLI::App *command = app.add_subcommand("sample", "Write the image of a sample device");
     command->footer(SAMPLE_EXAMPLE);
     command->get_formatter()->column_width(32);
@@ -95,9 +95,9 @@ void tierctl_add_sample(CLI::App &app)
         ->required();
     command->add_option("--layout", options->layout, layout_help())->type_name("NAME")->required();
     command->add_flag("--for-conversion", options->for_conversion, conversion_help());
-    for (size_t i = 0; i < TIERCTL_SIZES; i++) {
+    for (size_t i = 0; i < SIZES; i++) {
         const auto store = [options, i](uint64_t value) { options->sizes[i] = value; };
-        add_number(command, TIERCTL_SIZE_OPTIONS[i].name, store, size_help(i));
+        add_number(command, SIZE_OPTIONS[i].name, store, size_help(i));
     }
     const auto store_seed = [options](uint64_t value) { options->seed = value; };
     add_number(command, "--seed", store_seed, seed_help());
@@ -105,5 +105,7 @@ void tierctl_add_sample(CLI::App &app)
         ->type_name("TABLE:NO[:KIND]")
         ->allow_extra_args(false);
     command->add_flag("--force", options->force, "Replace FILE, or write to the block device");
-    command->callback([options] { tierctl_sample(*options); });
+    command->callback([options] { sample(*options); });
 }
+
+} // namespace tierctl

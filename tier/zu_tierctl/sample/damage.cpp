@@ -10,12 +10,14 @@
 #include <optional>
 #include <string_view>
 
+namespace tierctl {
+
 /* Every kind but "zero" flips a single bit, which a checksum never misses. With the magic and the
  * number it is made right again, so that nothing but them is wrong. */
-struct tierctl_damage_kind {
+struct DamageKind {
     std::string_view name;
-    bool (*applies)(const tierctl_table &table);
-    void (*spoil)(const tierctl_table &table, uint8_t *slot, tierctl_random &random);
+    bool (*applies)(const Table &table);
+    void (*spoil)(const Table &table, uint8_t *slot, Random &random);
 };
 
 namespace {
@@ -25,54 +27,54 @@ void flip(uint8_t *slot, uint64_t bit)
     slot[bit / 8] = static_cast<uint8_t>(slot[bit / 8] ^ (1U << (bit % 8)));
 }
 
-bool has_magic(const tierctl_table &table)
+bool has_magic(const Table &table)
 {
     return table.magic.has_value();
 }
 
-bool has_number(const tierctl_table &table)
+bool has_number(const Table &table)
 {
     return table.number.has_value();
 }
 
-void spoil_magic(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+void spoil_magic(const Table &table, uint8_t *slot, Random &)
 {
     flip(slot, table.magic->place.at * 8);
     table.seal_slot(slot);
 }
 
-void spoil_number(const tierctl_table &table, uint8_t *slot, tierctl_random &)
+void spoil_number(const Table &table, uint8_t *slot, Random &)
 {
     flip(slot, table.number->at * 8);
     table.seal_slot(slot);
 }
 
-bool is_sealed(const tierctl_table &table)
+bool is_sealed(const Table &table)
 {
     return table.seal != nullptr;
 }
 
-bool always(const tierctl_table &)
+bool always(const Table &)
 {
     return true;
 }
 
-void spoil_checksum(const tierctl_table &, uint8_t *slot, tierctl_random &)
+void spoil_checksum(const Table &, uint8_t *slot, Random &)
 {
     flip(slot, 0); /* part of every checksum */
 }
 
-void spoil_any_bit(const tierctl_table &table, uint8_t *slot, tierctl_random &random)
+void spoil_any_bit(const Table &table, uint8_t *slot, Random &random)
 {
     flip(slot, random.below(table.record_length * 8));
 }
 
-void spoil_everything(const tierctl_table &, uint8_t *slot, tierctl_random &)
+void spoil_everything(const Table &, uint8_t *slot, Random &)
 {
     memset(slot, 0, SIZE_4K);
 }
 
-constexpr tierctl_damage_kind KINDS[] = {
+constexpr DamageKind KINDS[] = {
     {"checksum", is_sealed, spoil_checksum}, {"magic", has_magic, spoil_magic},
     {"number", has_number, spoil_number},    {"zero", always, spoil_everything},
     {"bit", always, spoil_any_bit},
@@ -80,7 +82,7 @@ constexpr tierctl_damage_kind KINDS[] = {
 
 [[noreturn]] void refuse(const std::string &text, const std::string &why)
 {
-    throw tierctl_usage_error("--damage " + text + ": " + why);
+    throw UsageError("--damage " + text + ": " + why);
 }
 
 /* "inode:7:bit" in its parts. */
@@ -116,9 +118,8 @@ const auto &find(const List &list, std::string_view name, const std::string &tex
     refuse(text, "expected one of the " + what + " " + known);
 }
 
-const tierctl_damage_kind &choose_kind(const tierctl_table &table,
-                                       std::span<const std::string_view> parts,
-                                       const std::string &text)
+const DamageKind &choose_kind(const Table &table, std::span<const std::string_view> parts,
+                              const std::string &text)
 {
     const auto applies = [&table](const auto &kind) { return kind.applies(table); };
     if (parts.size() == 3) {
@@ -127,15 +128,14 @@ const tierctl_damage_kind &choose_kind(const tierctl_table &table,
     return *std::ranges::find_if(KINDS, applies);
 }
 
-tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tables)
+Damage parse(const std::string &text, std::span<const Table> tables)
 {
     const std::vector<std::string_view> parts = split(text);
     if (parts.size() != 2 && parts.size() != 3) {
         refuse(text, "expected TABLE:NO or TABLE:NO:KIND");
     }
-    const tierctl_table &table =
-        find(tables, parts[0], text, "tables", [](const auto &) { return true; });
-    const std::optional<uint64_t> no = tierctl_parse_number(parts[1]);
+    const Table &table = find(tables, parts[0], text, "tables", [](const auto &) { return true; });
+    const std::optional<uint64_t> no = parse_number(parts[1]);
     if (!no || *no >= table.count()) {
         refuse(text, "expected an entry of 0.." + std::to_string(table.count() - 1));
     }
@@ -144,13 +144,13 @@ tierctl_damage parse(const std::string &text, std::span<const tierctl_table> tab
 
 } // namespace
 
-std::vector<tierctl_damage> tierctl_parse_damage(const std::vector<std::string> &texts,
-                                                 std::span<const tierctl_table> tables)
+std::vector<Damage> parse_damage(const std::vector<std::string> &texts,
+                                 std::span<const Table> tables)
 {
-    std::vector<tierctl_damage> damages;
+    std::vector<Damage> damages;
     for (const std::string &text : texts) {
-        const tierctl_damage damage = parse(text, tables);
-        for (const tierctl_damage &other : damages) {
+        const Damage damage = parse(text, tables);
+        for (const Damage &other : damages) {
             if (other.table == damage.table && other.no == damage.no) {
                 refuse(text, "that entry is damaged already");
             }
@@ -160,15 +160,16 @@ std::vector<tierctl_damage> tierctl_parse_damage(const std::vector<std::string> 
     return damages;
 }
 
-void tierctl_apply_damage(tierctl_image &image, std::span<const tierctl_damage> damages,
-                          uint64_t seed)
+void apply_damage(Image &image, std::span<const Damage> damages, uint64_t seed)
 {
-    tierctl_random random(seed);
+    Random random(seed);
     std::array<uint8_t, SIZE_4K> slot;
-    for (const tierctl_damage &damage : damages) {
+    for (const Damage &damage : damages) {
         const int64_t offset = damage.table->slot(damage.no);
         image.read(offset, slot.data(), slot.size());
         damage.kind->spoil(*damage.table, slot.data(), random);
         image.write(offset, slot.data(), slot.size());
     }
 }
+
+} // namespace tierctl

@@ -8,20 +8,23 @@
 #include <string>
 #include <vector>
 
-/* A way to spoil an entry. */
-struct tierctl_damage_kind;
+namespace tierctl {
 
-struct tierctl_damage {
-    const tierctl_table *table;
+/* A way to spoil an entry. */
+struct DamageKind;
+
+struct Damage {
+    const Table *table;
     uint64_t no;
-    const tierctl_damage_kind *kind;
+    const DamageKind *kind;
 };
 
 /* Reads "TABLE:NO[:KIND]" texts. Each entry may be named once, so that no damage undoes another.
  * The result points into `tables`. */
-std::vector<tierctl_damage> tierctl_parse_damage(const std::vector<std::string> &texts,
-                                                 std::span<const tierctl_table> tables);
+std::vector<Damage> parse_damage(const std::vector<std::string> &texts,
+                                 std::span<const Table> tables);
 
 /* Spoils the entries of `image`. */
-void tierctl_apply_damage(tierctl_image &image, std::span<const tierctl_damage> damages,
-                          uint64_t seed);
+void apply_damage(Image &image, std::span<const Damage> damages, uint64_t seed);
+
+} // namespace tierctl

@@ -7,13 +7,15 @@
 #include <filesystem>
 #include <unistd.h>
 
+namespace tierctl {
+
 namespace fs = std::filesystem;
 
-tierctl_image::tierctl_image(const std::string &path, uint64_t size, bool force) : path_(path)
+Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
 {
     std::error_code unknown; /* a path that cannot be looked at cannot be created either */
     if (!fs::exists(fs::symlink_status(path, unknown))) {
-        create(size, tierctl_naming::new_name);
+        create(size, Naming::new_name);
         return;
     }
     const fs::file_type type = fs::status(path, unknown).type();
@@ -28,26 +30,26 @@ tierctl_image::tierctl_image(const std::string &path, uint64_t size, bool force)
         return;
     }
     path_ = fs::canonical(path); /* a link stays, its file is replaced */
-    create(size, tierctl_naming::replace);
+    create(size, Naming::replace);
 }
 
-void tierctl_image::create(uint64_t size, tierctl_naming naming)
+void Image::create(uint64_t size, Naming naming)
 {
     naming_ = naming;
     file_.emplace(path_);
     file_->resize(size);
 }
 
-void tierctl_image::open_device(uint64_t size)
+void Image::open_device(uint64_t size)
 {
-    device_ = tierctl_fd(open(path_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)); /* nobody else has it */
+    device_ = Fd(open(path_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)); /* nobody else has it */
     if (device_.get() < 0) {
-        tierctl_throw_errno("cannot open " + path_);
+        throw_errno("cannot open " + path_);
     }
     const off_t room = lseek(device_.get(), 0, SEEK_END);
     /* GCOVR_EXCL_START: an open block device has an end */
     if (room < 0) {
-        tierctl_throw_errno("cannot measure " + path_);
+        throw_errno("cannot measure " + path_);
     }
     /* GCOVR_EXCL_STOP */
     if (static_cast<uint64_t>(room) < size) {
@@ -56,25 +58,27 @@ void tierctl_image::open_device(uint64_t size)
     }
 }
 
-void tierctl_image::read(int64_t offset, void *data, size_t length) const
+void Image::read(int64_t offset, void *data, size_t length) const
 {
     if (zutr_readn(fd(), data, length, offset) < 0) {
-        tierctl_throw_errno("cannot read " + path_);
+        throw_errno("cannot read " + path_);
     }
 }
 
-void tierctl_image::write(int64_t offset, const void *data, size_t length)
+void Image::write(int64_t offset, const void *data, size_t length)
 {
     if (zutr_writen(fd(), data, length, offset) < 0) {
-        tierctl_throw_errno("cannot write " + path_);
+        throw_errno("cannot write " + path_);
     }
 }
 
-void tierctl_image::commit()
+void Image::commit()
 {
     if (file_) {
         file_->commit(naming_);
     } else if (fsync(device_.get()) != 0) { /* a device tells of failed writes only now */
-        tierctl_throw_errno("cannot write " + path_);
+        throw_errno("cannot write " + path_);
     }
 }
+
+} // namespace tierctl

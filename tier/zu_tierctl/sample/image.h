@@ -8,12 +8,14 @@
 #include <optional>
 #include <string>
 
+namespace tierctl {
+
 /* The image of a device being written. A file appears under its name only when it is complete; a
  * block device is written in place. Every failure is an exception. */
-class tierctl_image {
+class Image {
 public:
     /* An image of `size` bytes; `force` allows to replace a file or to write to a block device. */
-    tierctl_image(const std::string &path, uint64_t size, bool force);
+    Image(const std::string &path, uint64_t size, bool force);
 
     void read(int64_t offset, void *data, size_t length) const;
     void write(int64_t offset, const void *data, size_t length);
@@ -22,12 +24,14 @@ public:
     void commit();
 
 private:
-    void create(uint64_t size, tierctl_naming naming);
+    void create(uint64_t size, Naming naming);
     void open_device(uint64_t size);
     int fd() const { return file_ ? file_->fd() : device_.get(); }
 
     std::string path_;
-    tierctl_naming naming_ = tierctl_naming::new_name;
-    std::optional<tierctl_new_file> file_;
-    tierctl_fd device_; /* when there is no file */
+    Naming naming_ = Naming::new_name;
+    std::optional<NewFile> file_;
+    Fd device_; /* when there is no file */
 };
+
+} // namespace tierctl

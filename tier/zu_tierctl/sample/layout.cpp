@@ -2,16 +2,17 @@
 
 #include "zu_tierctl/device/error.h"
 
+namespace tierctl {
+
 namespace {
 
-constexpr const tierctl_layout *LAYOUTS[] = {&TIERCTL_LAYOUT_V1, &TIERCTL_LAYOUT_V2,
-                                             &TIERCTL_LAYOUT_V3};
+constexpr const Layout *LAYOUTS[] = {&SAMPLE_LAYOUT_V1, &SAMPLE_LAYOUT_V2, &SAMPLE_LAYOUT_V3};
 
 } // namespace
 
-std::string tierctl_bounds_text(const tierctl_bounds &bounds)
+std::string bounds_text(const Bounds &bounds)
 {
-    if (bounds.max == TIERCTL_NONE.max) {
+    if (bounds.max == NO_BOUNDS.max) {
         return "none";
     }
     std::string text = std::to_string(bounds.min) + ".." + std::to_string(bounds.max);
@@ -21,17 +22,19 @@ std::string tierctl_bounds_text(const tierctl_bounds &bounds)
     return text;
 }
 
-std::span<const tierctl_layout *const> tierctl_layouts()
+std::span<const Layout *const> layouts()
 {
     return LAYOUTS;
 }
 
-const tierctl_layout &tierctl_find_layout(std::string_view name)
+const Layout &find_layout(std::string_view name)
 {
-    for (const tierctl_layout *layout : LAYOUTS) {
+    for (const Layout *layout : LAYOUTS) {
         if (layout->name == name) {
             return *layout;
         }
     }
-    throw tierctl_usage_error("unknown layout " + std::string(name));
+    throw UsageError("unknown layout " + std::string(name));
 }
+
+} // namespace tierctl

@@ -10,25 +10,27 @@
 #include <string_view>
 #include <vector>
 
+namespace tierctl {
+
 /* What sample devices of a layout need. */
 
 /* The sizes that describe a device. */
-enum tierctl_size {
-    TIERCTL_BRICKS,
-    TIERCTL_INODES,
-    TIERCTL_BLOCKS,
-    TIERCTL_BLOCK_SIZE,
-    TIERCTL_EXTENT_SIZE,
-    TIERCTL_EXPANSION,
-    TIERCTL_SHARDS,
-    TIERCTL_EXTENTS,
-    TIERCTL_HOT_SIZE,
-    TIERCTL_SIZES,
+enum Size {
+    BRICKS,
+    INODES,
+    BLOCKS,
+    BLOCK_SIZE,
+    EXTENT_SIZE,
+    EXPANSION,
+    SHARDS,
+    EXTENTS,
+    HOT_SIZE,
+    SIZES,
 };
 
-using tierctl_sizes = std::array<uint32_t, TIERCTL_SIZES>;
+using Sizes = std::array<uint32_t, SIZES>;
 
-struct tierctl_bounds {
+struct Bounds {
     uint32_t min;
     uint32_t max;
     uint32_t unit;
@@ -36,39 +38,41 @@ struct tierctl_bounds {
 };
 
 /* Of a size that a layout does not have. */
-constexpr tierctl_bounds TIERCTL_NONE = {1, 0, 1, 0};
+constexpr Bounds NO_BOUNDS = {1, 0, 1, 0};
 
 /* "1..300", "262144..4194304 in steps of 4096", "none" */
-std::string tierctl_bounds_text(const tierctl_bounds &bounds);
+std::string bounds_text(const Bounds &bounds);
 
 /* Puts the content of entry `no` into its zeroed slot, all but the checksum. Called once for every
  * entry in order of number, table by table. */
-using tierctl_fill = std::function<void(uint64_t no, uint8_t *slot)>;
+using Fill = std::function<void(uint64_t no, uint8_t *slot)>;
 
-struct tierctl_sample_table {
-    tierctl_table table;
-    tierctl_fill fill;
+struct SampleTable {
+    Table table;
+    Fill fill;
 };
 
 /* A sample device: its bytes and its tables in writing order. */
-struct tierctl_sample_plan {
+struct SamplePlan {
     uint64_t device_size;
-    std::vector<tierctl_sample_table> tables;
+    std::vector<SampleTable> tables;
 };
 
-struct tierctl_layout {
+struct Layout {
     std::string_view name;
-    std::array<tierctl_bounds, TIERCTL_SIZES> bounds;
-    tierctl_sample_plan (*sample)(const tierctl_sizes &sizes, uint64_t seed);
-    const tierctl_layout *for_conversion; /* the same, ready to be converted; null: never is */
+    std::array<Bounds, SIZES> bounds;
+    SamplePlan (*sample)(const Sizes &sizes, uint64_t seed);
+    const Layout *for_conversion; /* the same, ready to be converted; null: never is */
 };
 
-extern const tierctl_layout TIERCTL_LAYOUT_V1;
-extern const tierctl_layout TIERCTL_LAYOUT_V1_FOR_CONVERSION;
-extern const tierctl_layout TIERCTL_LAYOUT_V2;
-extern const tierctl_layout TIERCTL_LAYOUT_V3;
+extern const Layout SAMPLE_LAYOUT_V1;
+extern const Layout SAMPLE_LAYOUT_FOR_CONVERSION;
+extern const Layout SAMPLE_LAYOUT_V2;
+extern const Layout SAMPLE_LAYOUT_V3;
 
-std::span<const tierctl_layout *const> tierctl_layouts();
+std::span<const Layout *const> layouts();
 
 /* The layout of that name; a usage error when there is none. */
-const tierctl_layout &tierctl_find_layout(std::string_view name);
+const Layout &find_layout(std::string_view name);
+
+} // namespace tierctl

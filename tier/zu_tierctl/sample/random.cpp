@@ -4,6 +4,8 @@
 
 #include <string_view>
 
+namespace tierctl {
+
 namespace {
 
 constexpr std::string_view ALPHANUMERIC =
@@ -11,12 +13,12 @@ constexpr std::string_view ALPHANUMERIC =
 
 } // namespace
 
-bool tierctl_random::in_use(uint64_t no, uint64_t count)
+bool Random::in_use(uint64_t no, uint64_t count)
 {
     return no == 0 || (no + 1 < count && !one_in(4));
 }
 
-void tierctl_random::uuid(uint8_t *uuid)
+void Random::uuid(uint8_t *uuid)
 {
     for (int i = 0; i < 16; i++) {
         uuid[i] = static_cast<uint8_t>(below(256));
@@ -25,7 +27,7 @@ void tierctl_random::uuid(uint8_t *uuid)
     uuid[8] = static_cast<uint8_t>((uuid[8] & 0x3F) | 0x80); /* the variant of RFC 4122 */
 }
 
-std::string tierctl_random::volume_id()
+std::string Random::volume_id()
 {
     std::string id = TIER_SSD_UUID_SAMPLE;
     for (char &c : id) {
@@ -35,3 +37,5 @@ std::string tierctl_random::volume_id()
     }
     return id;
 }
+
+} // namespace tierctl

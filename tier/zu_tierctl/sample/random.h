@@ -4,11 +4,13 @@
 #include <random>
 #include <string>
 
+namespace tierctl {
+
 /* Random numbers that a seed repeats on every machine: the engine's output is fixed by the language
  * standard, that of the library's distributions is not. */
-class tierctl_random {
+class Random {
 public:
-    explicit tierctl_random(uint64_t seed) : engine_(seed) {}
+    explicit Random(uint64_t seed) : engine_(seed) {}
 
     /* 0..bound - 1 */
     uint64_t below(uint64_t bound) { return engine_() % bound; }
@@ -33,3 +35,5 @@ public:
 private:
     std::mt19937_64 engine_;
 };
+
+} // namespace tierctl

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <new>
 
-const std::array<tierctl_size_option, TIERCTL_SIZES> TIERCTL_SIZE_OPTIONS = {{
+namespace tierctl {
+
+const std::array<SizeOption, SIZES> SIZE_OPTIONS = {{
     {"--bricks", "Entries of the brick table"},
     {"--inodes", "Entries of the inode table"},
     {"--blocks", "Data blocks; v1 and v2 have an extent for each, in v3 there\n"
@@ -28,17 +30,16 @@ namespace {
 
 constexpr uint64_t SLOTS_A_WRITE = SIZE_1M / SIZE_4K;
 
-tierctl_sizes choose_sizes(const tierctl_sample_options &options, const tierctl_layout &layout)
+Sizes choose_sizes(const SampleOptions &options, const Layout &layout)
 {
-    tierctl_sizes sizes{};
+    Sizes sizes{};
     for (size_t i = 0; i < sizes.size(); i++) {
-        const tierctl_bounds &bounds = layout.bounds[i];
+        const Bounds &bounds = layout.bounds[i];
         const uint64_t value = options.sizes[i].value_or(bounds.fallback);
         const bool in_range = value >= bounds.min && value <= bounds.max;
         if (options.sizes[i] && (!in_range || value % bounds.unit != 0)) {
-            throw tierctl_usage_error(std::string(TIERCTL_SIZE_OPTIONS[i].name) + " " +
-                                      std::to_string(value) + ": expected " +
-                                      tierctl_bounds_text(bounds));
+            throw UsageError(std::string(SIZE_OPTIONS[i].name) + " " + std::to_string(value) +
+                             ": expected " + bounds_text(bounds));
         }
         sizes[i] = static_cast<uint32_t>(value);
     }
@@ -46,8 +47,8 @@ tierctl_sizes choose_sizes(const tierctl_sample_options &options, const tierctl_
 }
 
 /* Writes the entries `no`... of `sample`, which fill `region`. */
-void write_region(tierctl_image &image, const tierctl_sample_table &sample,
-                  const tier_region &region, uint64_t no, uint8_t *run)
+void write_region(Image &image, const SampleTable &sample, const tier_region &region, uint64_t no,
+                  uint8_t *run)
 {
     for (uint64_t first = 0; first < region.count; first += SLOTS_A_WRITE) {
         const uint64_t slots = std::min(SLOTS_A_WRITE, region.count - first);
@@ -61,7 +62,7 @@ void write_region(tierctl_image &image, const tierctl_sample_table &sample,
     }
 }
 
-void write_table(tierctl_image &image, const tierctl_sample_table &sample, uint8_t *run)
+void write_table(Image &image, const SampleTable &sample, uint8_t *run)
 {
     uint64_t no = 0;
     for (const tier_region &region : sample.table.regions) {
@@ -70,39 +71,40 @@ void write_table(tierctl_image &image, const tierctl_sample_table &sample, uint8
     }
 }
 
-const tierctl_layout &choose_layout(const tierctl_sample_options &options)
+const Layout &choose_layout(const SampleOptions &options)
 {
-    const tierctl_layout &layout = tierctl_find_layout(options.layout);
+    const Layout &layout = find_layout(options.layout);
     if (!options.for_conversion) {
         return layout;
     }
     if (layout.for_conversion == nullptr) {
-        throw tierctl_usage_error("--for-conversion: layout " + options.layout +
-                                  " is not converted");
+        throw UsageError("--for-conversion: layout " + options.layout + " is not converted");
     }
     return *layout.for_conversion;
 }
 
 } // namespace
 
-void tierctl_sample(const tierctl_sample_options &options)
+void sample(const SampleOptions &options)
 {
-    const tierctl_layout &layout = choose_layout(options);
-    const tierctl_sample_plan plan = layout.sample(choose_sizes(options, layout), options.seed);
-    std::vector<tierctl_table> tables;
-    for (const tierctl_sample_table &sample : plan.tables) {
+    const Layout &layout = choose_layout(options);
+    const SamplePlan plan = layout.sample(choose_sizes(options, layout), options.seed);
+    std::vector<Table> tables;
+    for (const SampleTable &sample : plan.tables) {
         tables.push_back(sample.table);
     }
-    const std::vector<tierctl_damage> damages = tierctl_parse_damage(options.damage, tables);
+    const std::vector<Damage> damages = parse_damage(options.damage, tables);
 
     zutr_buffer run;
     if (zutr_alloc_aligned(SLOTS_A_WRITE * SIZE_4K, &run) != 0) {
         throw std::bad_alloc();
     }
-    tierctl_image image(options.file, plan.device_size, options.force);
-    for (const tierctl_sample_table &sample : plan.tables) {
+    Image image(options.file, plan.device_size, options.force);
+    for (const SampleTable &sample : plan.tables) {
         write_table(image, sample, run.get());
     }
-    tierctl_apply_damage(image, damages, options.seed);
+    apply_damage(image, damages, options.seed);
     image.commit();
 }
+
+} // namespace tierctl

@@ -1,13 +1,15 @@
 #include "zu_tier/format/v1.h"
 #include "zu_tierctl/sample/cache.h"
 
+namespace tierctl {
+
 /* Sample devices of layout V1. */
 
 namespace {
 
 class sample_v1 {
 public:
-    sample_v1(const tierctl_sizes &sizes, uint64_t seed) : cache_(sizes, seed) {}
+    sample_v1(const Sizes &sizes, uint64_t seed) : cache_(sizes, seed) {}
 
     tier_super_block_v1_t super() const
     {
@@ -20,26 +22,28 @@ public:
 
     void fill_extent(uint64_t no, uint8_t *slot)
     {
-        std::optional<tierctl_held> held;
-        tierctl_put(slot, cache_.extent(no, &held));
+        std::optional<Held> held;
+        put(slot, cache_.extent(no, &held));
         if (held) {
             cache_.hold(slot, held->begin, held->end);
         }
     }
 
 private:
-    tierctl_sample_cache cache_;
+    SampleCache cache_;
 };
 
-tierctl_sample_plan plan_v1(const tierctl_sizes &sizes, uint64_t seed)
+SamplePlan plan_v1(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v1>(sizes, seed);
     const tier_super_block_v1_t super = sample->super();
-    return tierctl_plan(sample, super, tierctl_tables(super), tierctl_data_end(super));
+    return sample_plan(sample, super, tables_of(super), data_end(super));
 }
 
 } // namespace
 
 /* NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): the compiler sees to the order */
-constinit const tierctl_layout TIERCTL_LAYOUT_V1 = {"v1", TIERCTL_CACHE_BOUNDS, plan_v1,
-                                                    &TIERCTL_LAYOUT_V1_FOR_CONVERSION};
+constinit const Layout SAMPLE_LAYOUT_V1 = {"v1", CACHE_BOUNDS, plan_v1,
+                                           &SAMPLE_LAYOUT_FOR_CONVERSION};
+
+} // namespace tierctl

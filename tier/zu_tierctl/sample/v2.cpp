@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+namespace tierctl {
+
 /* Sample devices of layout V2, and of its tables under the super block of V1: what convert_super
  * converts. */
 
@@ -25,20 +27,20 @@ constexpr uint32_t EXPANSION_MAX = TIER_INODE_NO_BOUND_V2 / TIER_EXP_UNIT_V2 * T
 
 /* Bytes of a mapped piece. Blocks from 2 MiB up have their 64 pieces only when they have 4 MiB or
  * the device is large; for the others the layout has no size. */
-uint32_t map_size(const tierctl_sizes &sizes)
+uint32_t map_size(const Sizes &sizes)
 {
-    const uint32_t blocks = sizes[TIERCTL_BLOCKS];
-    const uint32_t block_size = sizes[TIERCTL_BLOCK_SIZE];
+    const uint32_t blocks = sizes[BLOCKS];
+    const uint32_t block_size = sizes[BLOCK_SIZE];
     if (block_size > 2 * SIZE_1M && block_size < 4 * SIZE_1M &&
         uint64_t{blocks} * block_size <= TIB) {
-        throw tierctl_usage_error("--block-size " + std::to_string(block_size) +
-                                  ": a block would have more than " +
-                                  std::to_string(EXTENT_HOT_LEN) + " mapped pieces");
+        throw UsageError("--block-size " + std::to_string(block_size) +
+                         ": a block would have more than " + std::to_string(EXTENT_HOT_LEN) +
+                         " mapped pieces");
     }
     return static_cast<uint32_t>(get_def_min_alloc_size(blocks, block_size));
 }
 
-tier_super_block_v2_t make_super(const tierctl_sample_cache &cache, const tierctl_sizes &sizes)
+tier_super_block_v2_t make_super(const SampleCache &cache, const Sizes &sizes)
 {
     auto super = cache.super<tier_super_block_v2_t>(TIER_SB_MAGIC_V2, TIER_SB_VERSION_V2);
     super.sb_min_alloc_size = map_size(sizes);
@@ -48,9 +50,9 @@ tier_super_block_v2_t make_super(const tierctl_sample_cache &cache, const tierct
     super.sb_total_map_size = super.sb_map_cnt * super.sb_size_mapped_meta;
     super.sb_hot_size = TIER_HOT_SIZE_V2;
     super.sb_total_extent_size = super.sb_extent_size + super.sb_total_map_size + super.sb_hot_size;
-    if (sizes[TIERCTL_EXPANSION] != 0) {
+    if (sizes[EXPANSION] != 0) {
         super.sb_inode_exp_magic = TIER_EXP_MAGIC_V2;
-        super.sb_inode_exp_area = static_cast<uint8_t>(sizes[TIERCTL_EXPANSION] / TIER_EXP_UNIT_V2);
+        super.sb_inode_exp_area = static_cast<uint8_t>(sizes[EXPANSION] / TIER_EXP_UNIT_V2);
         super.sb_inode_exp_inuse = TIER_EXP_INUSE_V2;
     }
     return super;
@@ -58,7 +60,7 @@ tier_super_block_v2_t make_super(const tierctl_sample_cache &cache, const tierct
 
 class sample_v2 {
 public:
-    sample_v2(const tierctl_sizes &sizes, uint64_t seed)
+    sample_v2(const Sizes &sizes, uint64_t seed)
         : cache_(sizes, seed), super_(make_super(cache_, sizes))
     {
     }
@@ -76,10 +78,10 @@ public:
     void fill_extent(uint64_t no, uint8_t *slot);
 
 private:
-    tier_mapped_meta_v2_t piece(uint32_t mapno, const tierctl_held &held) const;
-    void fill_pieces(tier_extent_v2_t *extent, const tierctl_held &held, uint8_t *slot);
+    tier_mapped_meta_v2_t piece(uint32_t mapno, const Held &held) const;
+    void fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t *slot);
 
-    tierctl_sample_cache cache_;
+    SampleCache cache_;
     tier_super_block_v2_t super_;
 };
 
@@ -95,7 +97,7 @@ tier_inode_v2_t sample_v2::inode(uint64_t no)
 
 void sample_v2::fill_extent(uint64_t no, uint8_t *slot)
 {
-    std::optional<tierctl_held> held;
+    std::optional<Held> held;
     tier_extent_v2_t extent = cache_.extent(no, &held);
     if (held) {
         fill_pieces(&extent, *held, slot);
@@ -104,12 +106,12 @@ void sample_v2::fill_extent(uint64_t no, uint8_t *slot)
             hot[i] = static_cast<uint8_t>(cache_.random().below(256));
         }
     }
-    tierctl_put(slot, extent);
+    put(slot, extent);
 }
 
 /* Lets the extent hold pieces of `held`: always the first, and most of the others. In an extent
  * that is not clean the first is not. */
-void sample_v2::fill_pieces(tier_extent_v2_t *extent, const tierctl_held &held, uint8_t *slot)
+void sample_v2::fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t *slot)
 {
     const uint64_t block_offset = uint64_t{extent->te_block} * super_.sb_block_size;
     uint8_t *pieces = slot + super_.sb_extent_size;
@@ -123,7 +125,7 @@ void sample_v2::fill_pieces(tier_extent_v2_t *extent, const tierctl_held &held, 
         const bool clean = extent->te_clean != 0 || (!first && cache_.random().one_in(2));
         meta.offset += block_offset;
         meta.clean_length = tier_clean_length_v2(clean ? 1 : 0, meta.orig_len());
-        tierctl_put(pieces + mapno * sizeof(meta), meta);
+        put(pieces + mapno * sizeof(meta), meta);
         cache_.hold(slot, meta.begin, uint64_t{meta.begin} + meta.cnt);
         extent->te_size += meta.orig_len();
     }
@@ -131,7 +133,7 @@ void sample_v2::fill_pieces(tier_extent_v2_t *extent, const tierctl_held &held, 
 
 /* What `held` holds of the piece `mapno`, its offset that within the block; no pages when nothing.
  */
-tier_mapped_meta_v2_t sample_v2::piece(uint32_t mapno, const tierctl_held &held) const
+tier_mapped_meta_v2_t sample_v2::piece(uint32_t mapno, const Held &held) const
 {
     const uint64_t pages = super_.sb_min_alloc_size / SIZE_4K;
     const uint64_t begin = std::max(held.begin, mapno * pages);
@@ -144,44 +146,46 @@ tier_mapped_meta_v2_t sample_v2::piece(uint32_t mapno, const tierctl_held &held)
             static_cast<uint16_t>(end - begin)};
 }
 
-tierctl_sample_plan plan_v2(const tierctl_sizes &sizes, uint64_t seed)
+SamplePlan plan_v2(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v2>(sizes, seed);
     const tier_super_block_v2_t &super = sample->super();
     const tier_region expansion = tier_exp_inodes_v2(super);
     const uint64_t end = expansion.count == 0
-                             ? tierctl_data_end(super)
+                             ? data_end(super)
                              : static_cast<uint64_t>(expansion.slot(expansion.count));
-    return tierctl_plan(sample, super, tierctl_tables(super), end);
+    return sample_plan(sample, super, tables_of(super), end);
 }
 
 /* The tables of V2 under the super block of V1. */
-tierctl_sample_plan plan_for_conversion(const tierctl_sizes &sizes, uint64_t seed)
+SamplePlan plan_for_conversion(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v2>(sizes, seed);
     const tier_super_block_v1_t super = sample->super_v1();
-    std::vector<tierctl_table> tables = tierctl_tables(sample->super());
-    tables.front() = tierctl_tables(super).front();
-    return tierctl_plan(sample, super, tables, tierctl_data_end(super));
+    std::vector<Table> tables = tables_of(sample->super());
+    tables.front() = tables_of(super).front();
+    return sample_plan(sample, super, tables, data_end(super));
 }
 
 constexpr auto BOUNDS_FOR_CONVERSION = [] {
-    auto bounds = TIERCTL_CACHE_BOUNDS;
-    bounds[TIERCTL_BLOCKS].min = CONVERSION_BLOCKS_MIN;
-    bounds[TIERCTL_EXTENT_SIZE].max = EXTENT_SIZE_MAX;
+    auto bounds = CACHE_BOUNDS;
+    bounds[BLOCKS].min = CONVERSION_BLOCKS_MIN;
+    bounds[EXTENT_SIZE].max = EXTENT_SIZE_MAX;
     return bounds;
 }();
 
 constexpr auto BOUNDS_V2 = [] {
-    auto bounds = TIERCTL_CACHE_BOUNDS;
-    bounds[TIERCTL_EXTENT_SIZE].max = EXTENT_SIZE_MAX;
-    bounds[TIERCTL_EXPANSION] = {TIER_EXP_CNT_MIN_V2, EXPANSION_MAX, TIER_EXP_UNIT_V2, 0};
+    auto bounds = CACHE_BOUNDS;
+    bounds[EXTENT_SIZE].max = EXTENT_SIZE_MAX;
+    bounds[EXPANSION] = {TIER_EXP_CNT_MIN_V2, EXPANSION_MAX, TIER_EXP_UNIT_V2, 0};
     return bounds;
 }();
 
 } // namespace
 
-constinit const tierctl_layout TIERCTL_LAYOUT_V1_FOR_CONVERSION = {"v1", BOUNDS_FOR_CONVERSION,
-                                                                   plan_for_conversion, nullptr};
+constinit const Layout SAMPLE_LAYOUT_FOR_CONVERSION = {"v1", BOUNDS_FOR_CONVERSION,
+                                                       plan_for_conversion, nullptr};
 
-constinit const tierctl_layout TIERCTL_LAYOUT_V2 = {"v2", BOUNDS_V2, plan_v2, nullptr};
+constinit const Layout SAMPLE_LAYOUT_V2 = {"v2", BOUNDS_V2, plan_v2, nullptr};
+
+} // namespace tierctl

@@ -1,19 +1,21 @@
 #include "zu_tier/format/v3.h"
 #include "zu_tierctl/sample/cache.h"
 
+namespace tierctl {
+
 /* Sample devices of layout V3. */
 
 namespace {
 
 constexpr uint32_t HOT_SIZE_MAX = 1024 * SIZE_1M; /* the layout itself has no limit */
 
-constexpr std::array<tierctl_bounds, TIERCTL_SIZES> BOUNDS_V3 = {{
+constexpr std::array<Bounds, SIZES> BOUNDS_V3 = {{
     {1, TIER_BRICK_CNT_MAX_V3, 1, 4},
     {1, TIER_INODE_CNT_MAX_V3, 1, 64},
     {1, TIER_EXTENT_CNT_MAX_V3, 1, 0},
     {TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3, SIZE_4K, TIER_BLOCK_SIZE_MAX_V3},
-    TIERCTL_NONE,
-    TIERCTL_NONE,
+    NO_BOUNDS,
+    NO_BOUNDS,
     {TIER_PACKED_SLOTS_V3, TIER_SHARD_CNT_MAX_V3, TIER_PACKED_SLOTS_V3, 1024},
     {TIER_PACKED_SLOTS_V3, TIER_EXTENT_CNT_MAX_V3, TIER_PACKED_SLOTS_V3, 4096},
     {SIZE_4K, HOT_SIZE_MAX, SIZE_4K, 65536},
@@ -59,24 +61,24 @@ void place_areas(super_block *super)
     }
 }
 
-super_block make_super(const tierctl_sample_cache &cache, const tierctl_sizes &sizes)
+super_block make_super(const SampleCache &cache, const Sizes &sizes)
 {
     super_block super{};
     super.sb_magic = TIER_SB_MAGIC_V3;
     super.sb_version = TIER_SB_VERSION_V3;
-    super.sb_ctime = TIERCTL_SAMPLE_CTIME;
+    super.sb_ctime = SAMPLE_CTIME;
     cache.identify(super.sb_uuid, super.sb_cdev_uuid);
-    super.sb_brick_table_cnt = sizes[TIERCTL_BRICKS];
+    super.sb_brick_table_cnt = sizes[BRICKS];
     super.sb_brick_table_size = super.sb_brick_table_cnt * SIZE_4K;
-    super.sb_inode_table_cnt = sizes[TIERCTL_INODES];
+    super.sb_inode_table_cnt = sizes[INODES];
     super.sb_inode_table_size = super.sb_inode_table_cnt * SIZE_4K;
-    super.sb_shard_table_cnt = sizes[TIERCTL_SHARDS];
+    super.sb_shard_table_cnt = sizes[SHARDS];
     super.sb_shard_table_size = super.sb_shard_table_cnt * TIER_PACKED_SIZE_V3;
-    super.sb_extent_table_cnt = sizes[TIERCTL_EXTENTS];
+    super.sb_extent_table_cnt = sizes[EXTENTS];
     super.sb_extent_table_size = super.sb_extent_table_cnt * TIER_PACKED_SIZE_V3;
-    super.sb_hot_table_size = sizes[TIERCTL_HOT_SIZE];
-    super.sb_block_size = sizes[TIERCTL_BLOCK_SIZE];
-    super.sb_block_cnt = sizes[TIERCTL_BLOCKS];
+    super.sb_hot_table_size = sizes[HOT_SIZE];
+    super.sb_block_size = sizes[BLOCK_SIZE];
+    super.sb_block_cnt = sizes[BLOCKS];
     super.sb_block_area_size = super.sb_block_size * super.sb_block_cnt;
     place_areas(&super);
     return super;
@@ -84,7 +86,7 @@ super_block make_super(const tierctl_sample_cache &cache, const tierctl_sizes &s
 
 class sample_v3 {
 public:
-    sample_v3(const tierctl_sizes &sizes, uint64_t seed)
+    sample_v3(const Sizes &sizes, uint64_t seed)
         : cache_(sizes, seed), super_(make_super(cache_, sizes))
     {
     }
@@ -113,7 +115,7 @@ private:
     uint64_t shard(uint64_t no);
     uint64_t extent();
 
-    tierctl_sample_cache cache_;
+    SampleCache cache_;
     super_block super_;
     std::vector<cached_file> files_;
     std::vector<uint32_t> shards_; /* in use */
@@ -152,7 +154,7 @@ void sample_v3::fill_shards(uint64_t no, uint8_t *slot)
     tier_packed_block_v3_t block{};
     block.word[0] = SHARD_MAGIC_V3.put(0, TIER_SHARD_MAGIC_V3);
     fill_words(tier_shards_v3(super_), no, 1, &block, [this](uint64_t sno) { return shard(sno); });
-    tierctl_put(slot, block);
+    put(slot, block);
 }
 
 uint64_t sample_v3::shard(uint64_t no)
@@ -174,14 +176,14 @@ void sample_v3::fill_extents(uint64_t no, uint8_t *slot)
 {
     tier_packed_block_v3_t block{};
     fill_words(tier_extents_v3(super_), no, 0, &block, [this](uint64_t) { return extent(); });
-    tierctl_put(slot, block);
+    put(slot, block);
 }
 
 /* Each turn through the addresses takes another shard for an address, as long as there are others:
  * no two extents are at the same address of the same shard. */
 uint64_t sample_v3::extent()
 {
-    tierctl_random &random = cache_.random();
+    Random &random = cache_.random();
     const uint64_t turn = extents_ / LBAS;
     const uint64_t place = extents_ % LBAS * SCATTER;
     extents_++;
@@ -197,35 +199,37 @@ uint64_t sample_v3::extent()
 }
 
 /* Unless their number is given there is a data block for each extent. */
-tierctl_sizes with_blocks(tierctl_sizes sizes)
+Sizes with_blocks(Sizes sizes)
 {
-    if (sizes[TIERCTL_BLOCKS] == 0) {
-        sizes[TIERCTL_BLOCKS] = sizes[TIERCTL_EXTENTS];
+    if (sizes[BLOCKS] == 0) {
+        sizes[BLOCKS] = sizes[EXTENTS];
     }
     return sizes;
 }
 
-tierctl_sample_plan plan_v3(const tierctl_sizes &sizes, uint64_t seed)
+SamplePlan plan_v3(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<sample_v3>(with_blocks(sizes), seed);
     const super_block &super = sample->super();
-    const std::vector<tierctl_table> tables = tierctl_tables(super);
+    const std::vector<Table> tables = tables_of(super);
     return {
         super.sb_block_area_offset + super.sb_block_area_size,
         {
-            tierctl_bricks(sample, tables),
-            tierctl_inodes(sample, tables),
-            {tierctl_find_table(tables, "shard"),
+            sample_bricks(sample, tables),
+            sample_inodes(sample, tables),
+            {find_table(tables, "shard"),
              [sample](uint64_t no, uint8_t *slot) { sample->fill_shards(no, slot); }},
-            {tierctl_find_table(tables, "hot"),
+            {find_table(tables, "hot"),
              [sample](uint64_t, uint8_t *slot) { sample->fill_hot(slot); }},
-            {tierctl_find_table(tables, "extent"),
+            {find_table(tables, "extent"),
              [sample](uint64_t no, uint8_t *slot) { sample->fill_extents(no, slot); }},
-            tierctl_super(super, tables),
+            sample_super(super, tables),
         },
     };
 }
 
 } // namespace
 
-constinit const tierctl_layout TIERCTL_LAYOUT_V3 = {"v3", BOUNDS_V3, plan_v3, nullptr};
+constinit const Layout SAMPLE_LAYOUT_V3 = {"v3", BOUNDS_V3, plan_v3, nullptr};
+
+} // namespace tierctl

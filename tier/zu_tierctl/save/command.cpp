@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+namespace tierctl {
+
 namespace {
 
 constexpr const char SAVE_DESCRIPTION[] =
@@ -29,7 +31,7 @@ struct save_options {
 
 } // namespace
 
-void tierctl_add_save(CLI::App &app, int *status)
+void add_save(CLI::App &app, int *status)
 {
     const auto options = std::make_shared<save_options>();
     CLI::App *command = app.add_subcommand("save", SAVE_DESCRIPTION);
@@ -39,10 +41,12 @@ void tierctl_add_save(CLI::App &app, int *status)
         ->required();
     command->add_option("FILE", options->file, "File to create")->type_name("")->required();
     command->callback([options, status] {
-        if (!tierctl_save(options->device, options->file)) {
+        if (!save(options->device, options->file)) {
             fprintf(stderr, "zu_tierctl: %s is incomplete: see %s\n", options->file.c_str(),
-                    tierctl_unreadable_path(options->file).c_str());
+                    unreadable_path(options->file).c_str());
             *status = 1;
         }
     });
 }
+
+} // namespace tierctl

@@ -10,6 +10,8 @@
 #include <span>
 #include <stdexcept>
 
+namespace tierctl {
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -20,7 +22,7 @@ bool is_zero(const uint8_t *slot)
 }
 
 /* Writes the slots that are not zero; the others are holes. */
-void write_slots(tierctl_new_file &file, const tierctl_slots &slots)
+void write_slots(NewFile &file, const Slots &slots)
 {
     for (uint64_t first = 0; first < slots.count; first++) {
         uint64_t end = first;
@@ -36,15 +38,15 @@ void write_slots(tierctl_new_file &file, const tierctl_slots &slots)
 }
 
 /* Names both files, the list first: an incomplete file must never look complete. */
-void commit(tierctl_unreadable_writer &unreadable, tierctl_new_file &file)
+void commit(UnreadableWriter &unreadable, NewFile &file)
 {
     unreadable.commit();
     try {
-        file.commit(tierctl_naming::new_name);
+        file.commit(Naming::new_name);
     } catch (...) {
         if (!unreadable.empty()) {
             std::error_code ignored; /* the first failure is the one to be told */
-            fs::remove(tierctl_unreadable_path(file.path()), ignored);
+            fs::remove(unreadable_path(file.path()), ignored);
         }
         throw;
     }
@@ -52,26 +54,26 @@ void commit(tierctl_unreadable_writer &unreadable, tierctl_new_file &file)
 
 } // namespace
 
-bool tierctl_save(const std::string &device_path, const std::string &file_path)
+bool save(const std::string &device_path, const std::string &file_path)
 {
-    const tierctl_device device(device_path, tierctl_access::read_only);
-    const tierctl_metadata metadata = tierctl_read_metadata(device);
-    if (!tierctl_unreadable_list(device_path).empty()) {
+    const Device device(device_path, Access::read_only);
+    const Metadata metadata = read_metadata(device);
+    if (!UnreadableList(device_path).empty()) {
         throw std::runtime_error(device_path + " is incomplete: see " +
-                                 tierctl_unreadable_path(device_path));
+                                 unreadable_path(device_path));
     }
-    tierctl_refuse_existing(file_path);
-    tierctl_refuse_existing(tierctl_unreadable_path(file_path));
-    tierctl_new_file file(file_path);
+    refuse_existing(file_path);
+    refuse_existing(unreadable_path(file_path));
+    NewFile file(file_path);
     file.resize(device.size());
-    tierctl_unreadable_writer unreadable(file_path);
+    UnreadableWriter unreadable(file_path);
     uint64_t total = 0;
-    for (const tierctl_table &table : metadata.tables) {
+    for (const Table &table : metadata.tables) {
         total += table.count();
     }
-    tierctl_progress progress("save", total);
-    for (const tierctl_table &table : metadata.tables) {
-        tierctl_read_table(device, table, [&](const tierctl_slots &slots) {
+    Progress progress("save", total);
+    for (const Table &table : metadata.tables) {
+        read_table(device, table, [&](const Slots &slots) {
             if (slots.data == nullptr) {
                 unreadable.add(table.name, slots);
             } else {
@@ -83,3 +85,5 @@ bool tierctl_save(const std::string &device_path, const std::string &file_path)
     commit(unreadable, file);
     return unreadable.empty();
 }
+
+} // namespace tierctl

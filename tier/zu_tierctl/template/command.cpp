@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+namespace tierctl {
+
 namespace {
 
 constexpr const char TEMPLATE_FOOTER[] =
@@ -32,14 +34,14 @@ struct template_options {
 
 void run(const template_options &options)
 {
-    const std::optional<uint64_t> no = tierctl_parse_number(options.no);
+    const std::optional<uint64_t> no = parse_number(options.no);
     if (!no) {
-        throw tierctl_usage_error("NO " + options.no + ": expected a number of up to 64 bits");
+        throw UsageError("NO " + options.no + ": expected a number of up to 64 bits");
     }
-    const tierctl_device device(options.device, tierctl_access::read_only);
-    const tierctl_template made = tierctl_make_template(device, options.table, *no, options.layout);
+    const Device device(options.device, Access::read_only);
+    const Template made = make_template(device, options.table, *no, options.layout);
     if (fputs(made.file.c_str(), stdout) < 0 || fflush(stdout) != 0) {
-        tierctl_throw_errno("cannot write to standard output");
+        throw_errno("cannot write to standard output");
     }
     for (const std::string &note : made.notes) {
         fprintf(stderr, "zu_tierctl: %s %s: %s\n", options.table.c_str(), options.no.c_str(),
@@ -49,7 +51,7 @@ void run(const template_options &options)
 
 } // namespace
 
-void tierctl_add_template(CLI::App &app)
+void add_template(CLI::App &app)
 {
     const auto options = std::make_shared<template_options>();
     CLI::App *command =
@@ -75,3 +77,5 @@ void tierctl_add_template(CLI::App &app)
         ->type_name("NAME");
     command->callback([options] { run(*options); });
 }
+
+} // namespace tierctl

@@ -5,6 +5,8 @@
 
 #include <utility>
 
+namespace tierctl {
+
 namespace {
 
 constexpr size_t SHOWN_BYTES = 256; /* of a cleared area, at most */
@@ -19,40 +21,39 @@ std::string hex_bytes(std::span<const uint8_t> bytes)
 {
     std::string text;
     for (const uint8_t byte : bytes.first(std::min(bytes.size(), SHOWN_BYTES))) {
-        text += tierctl_text("%02x", byte);
+        text += format_text("%02x", byte);
     }
     return bytes.size() > SHOWN_BYTES ? text + "..." : text;
 }
 
 } // namespace
 
-std::string tierctl_hex(uint64_t value)
+std::string hex_text(uint64_t value)
 {
-    return tierctl_text("0x%lx", value);
+    return format_text("0x%lx", value);
 }
 
-std::string tierctl_shown_number(zutr_form form, uint64_t value)
+std::string shown_number(zutr_form form, uint64_t value)
 {
     switch (form) {
     case zutr_form::hex:
     case zutr_form::hex_and_time:
-        return tierctl_hex(value);
+        return hex_text(value);
     case zutr_form::time:
         return std::to_string(value) + " (" + time_text(value) + ")";
     case zutr_form::swapped_hex8:
-        return tierctl_text("%08x", __builtin_bswap32(static_cast<uint32_t>(value)));
+        return format_text("%08x", __builtin_bswap32(static_cast<uint32_t>(value)));
     default:
         return std::to_string(value);
     }
 }
 
-void tierctl_draft::note_change(std::string_view what, const std::string &before,
-                                const std::string &after)
+void Draft::note_change(std::string_view what, const std::string &before, const std::string &after)
 {
     note("a repair changes " + std::string(what) + ": " + before + " -> " + after);
 }
 
-void tierctl_draft::note_field(const tierctl_stored_field &field)
+void Draft::note_field(const StoredField &field)
 {
     const uint8_t *before = block + field.at;
     const uint8_t *after = repaired.data() + field.at;
@@ -61,14 +62,14 @@ void tierctl_draft::note_field(const tierctl_stored_field &field)
     }
 }
 
-void tierctl_draft::note_number_change(const std::string &what, uint64_t before, uint64_t after)
+void Draft::note_number_change(const std::string &what, uint64_t before, uint64_t after)
 {
     if (before != after) {
         note_change(what, std::to_string(before), std::to_string(after));
     }
 }
 
-void tierctl_draft::note_cleared(size_t begin, std::span<const tierctl_stretch> areas)
+void Draft::note_cleared(size_t begin, std::span<const Stretch> areas)
 {
     for (const auto &[name, end] : areas) {
         const std::span<const uint8_t> was(block + begin, block + end);
@@ -92,12 +93,14 @@ void tierctl_draft::note_cleared(size_t begin, std::span<const tierctl_stretch> 
     }
 }
 
-std::string tierctl_draft::text(const char *key, std::string_view stored)
+std::string Draft::text(const char *key, std::string_view stored)
 {
-    std::string valid = tierctl_valid_utf8(stored);
+    std::string valid = valid_utf8(stored);
     if (valid != stored) {
         note(std::string(key) + " is not valid UTF-8: the file has U+FFFD for what is not");
     }
     file.text(key, valid);
     return valid;
 }
+
+} // namespace tierctl

@@ -18,17 +18,19 @@
 #include <utility>
 #include <vector>
 
+namespace tierctl {
+
 /* A repair file in the making, and what is to be said of it: an entry as it stands, and the block
  * that a repair makes of the file. */
 
 /* A part of a slot, up to, but not at, `end`; it begins where the one before ends. */
-struct tierctl_stretch {
+struct Stretch {
     std::string_view name; /* empty: it has none */
     size_t end;
 };
 
 /* A field of a record, and how its bytes are shown. */
-struct tierctl_stored_field {
+struct StoredField {
     std::string_view key;
     zutr_form form;
     size_t at;
@@ -36,13 +38,13 @@ struct tierctl_stored_field {
     std::string (*show)(zutr_form form, const uint8_t *bytes);
 };
 
-struct tierctl_draft {
-    const tierctl_device &device;
-    const tierctl_table &table;
+struct Draft {
+    const Device &device;
+    const Table &table;
     uint64_t no;
     const uint8_t *block; /* as it stands */
     alignas(uint64_t) std::array<uint8_t, SIZE_4K> repaired{};
-    tierctl_template_json file{};
+    TemplateJson file{};
     std::vector<std::string> notes{};
     std::vector<std::string> refusals{}; /* why the tool does not take the file as it is */
 
@@ -64,12 +66,12 @@ struct tierctl_draft {
 
     void note(std::string text) { notes.push_back(std::move(text)); }
     void note_change(std::string_view what, const std::string &before, const std::string &after);
-    void note_field(const tierctl_stored_field &field);
+    void note_field(const StoredField &field);
     void note_number_change(const std::string &what, uint64_t before, uint64_t after);
     void note_refusal(std::string why) { refusals.push_back(std::move(why)); }
 
     /* Says of each area, the first of which begins at byte `begin`, what the repair clears. */
-    void note_cleared(size_t begin, std::span<const tierctl_stretch> areas);
+    void note_cleared(size_t begin, std::span<const Stretch> areas);
 
     /* Puts the text that a field holds into the file as far as JSON takes it, and gives that. */
     std::string text(const char *key, std::string_view stored);
@@ -79,19 +81,19 @@ struct tierctl_draft {
 };
 
 /* "0x1f" */
-std::string tierctl_hex(uint64_t value);
+std::string hex_text(uint64_t value);
 
 /* Copies the members that keys name from an entry as it stands to the file and, as far as the
  * repair reads them, to the zeroed entry that it makes. */
 template <class Record>
-class tierctl_carrier {
+class Carrier {
 public:
-    tierctl_carrier(tierctl_draft &draft, const Record &from, Record &to, bool read = true)
+    Carrier(Draft &draft, const Record &from, Record &to, bool read = true)
         : draft_(draft), from_(from), to_(to), read_(read)
     {
     }
 
-    tierctl_draft &draft() const { return draft_; }
+    Draft &draft() const { return draft_; }
     const Record &from() const { return from_; }
     Record &to() const { return to_; }
 
@@ -124,33 +126,33 @@ public:
     }
 
 private:
-    tierctl_draft &draft_;
+    Draft &draft_;
     const Record &from_;
     Record &to_;
     bool read_;
 };
 
 /* A number as the tool prints it in this form; a time, which would lose digits, also as it is. */
-std::string tierctl_shown_number(zutr_form form, uint64_t value);
+std::string shown_number(zutr_form form, uint64_t value);
 
 /* The bytes of a value as people are told of it. Different values never look alike. */
 template <class Member>
-std::string tierctl_shown_bytes(zutr_form form, const uint8_t *bytes)
+std::string shown_bytes(zutr_form form, const uint8_t *bytes)
 {
     if constexpr (std::is_same_v<std::remove_extent_t<Member>, char>) {
         const std::string_view whole(reinterpret_cast<const char *>(bytes), sizeof(Member));
-        return tierctl_quoted(whole.substr(0, whole.find_last_not_of('\0') + 1));
+        return quoted(whole.substr(0, whole.find_last_not_of('\0') + 1));
     } else if constexpr (std::is_array_v<Member>) {
         return zutr_uuid_utoa(bytes);
     } else {
         Member value;
         memcpy(&value, bytes, sizeof(value));
-        return tierctl_shown_number(form, value);
+        return shown_number(form, value);
     }
 }
 
 template <class Field>
-constexpr size_t tierctl_stored_size()
+constexpr size_t stored_size()
 {
     if constexpr (requires(Field field) { field.member; }) {
         return sizeof(typename Field::member_type);
@@ -159,16 +161,16 @@ constexpr size_t tierctl_stored_size()
 }
 
 template <class Record, class... Fields>
-constexpr bool tierctl_covers(const std::tuple<Fields...> &)
+constexpr bool covers(const std::tuple<Fields...> &)
 {
-    return (tierctl_stored_size<Fields>() + ...) == sizeof(Record);
+    return (stored_size<Fields>() + ...) == sizeof(Record);
 }
 
 /* Says of each field of the table, which together make up the record, what the repair changes. */
 template <const auto &Fields, class Record>
-void tierctl_draft::note_fields()
+void Draft::note_fields()
 {
-    static_assert(tierctl_covers<Record>(Fields));
+    static_assert(covers<Record>(Fields));
     static constexpr Record AT_ZERO{};
     const auto tell = [this](const auto &field) {
         if constexpr (requires { field.member; }) {
@@ -176,8 +178,10 @@ void tierctl_draft::note_fields()
             const auto at = reinterpret_cast<const uint8_t *>(&(AT_ZERO.*field.member)) -
                             reinterpret_cast<const uint8_t *>(&AT_ZERO);
             note_field({field.key, field.form, static_cast<size_t>(at), sizeof(member),
-                        tierctl_shown_bytes<member>});
+                        shown_bytes<member>});
         }
     };
     std::apply([&](const auto &...field) { (tell(field), ...); }, Fields);
 }
+
+} // namespace tierctl

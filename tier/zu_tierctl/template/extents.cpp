@@ -5,6 +5,8 @@
 
 #include <stdexcept>
 
+namespace tierctl {
+
 /* Extents of V1 and V2, which have a slot each. */
 
 namespace {
@@ -18,7 +20,7 @@ constexpr auto HEAD_FIELDS = TIER_EXTENT_HEAD_FIELDS;
 }
 
 /* The head as it stands, in the numbers of a file. */
-tier_extent_t readable_head(const tierctl_draft &draft)
+tier_extent_t readable_head(const Draft &draft)
 {
     auto head = draft.record<tier_extent_t>();
     head.te_reserved1 = draft.no;
@@ -27,24 +29,24 @@ tier_extent_t readable_head(const tierctl_draft &draft)
 }
 
 template <class Keys>
-void carry_head(tierctl_draft &draft, const tier_extent_t &from, const Keys &in_use_keys)
+void carry_head(Draft &draft, const tier_extent_t &from, const Keys &in_use_keys)
 {
     tier_extent_t to{};
-    tierctl_carrier(draft, from, to).carry(TIER_EXTENT_KEYS);
-    tierctl_carrier(draft, from, to, from.te_use != 0).carry(in_use_keys);
+    Carrier(draft, from, to).carry(TIER_EXTENT_KEYS);
+    Carrier(draft, from, to, from.te_use != 0).carry(in_use_keys);
     to.te_sampling_low = __builtin_bswap32(to.te_sampling_low);
     draft.repair(to);
 }
 
 /* Seals what the repair makes and notes how it differs. */
-void finish(tierctl_draft &draft, std::span<const tierctl_stretch> behind_the_head)
+void finish(Draft &draft, std::span<const Stretch> behind_the_head)
 {
     draft.table.seal_slot(draft.repaired.data());
     draft.note_fields<HEAD_FIELDS, tier_extent_t>();
     draft.note_cleared(sizeof(tier_extent_t), behind_the_head);
 }
 
-void note_inode(tierctl_draft &draft, uint32_t no)
+void note_inode(Draft &draft, uint32_t no)
 {
     draft.note_refusal("the super block does not have inode " + std::to_string(no) + " in use");
 }
@@ -52,7 +54,7 @@ void note_inode(tierctl_draft &draft, uint32_t no)
 constexpr size_t PIECE_SIZE = sizeof(tier_mapped_meta_v2_t);
 
 /* A piece that holds anything goes into the file, and all that it holds with it. */
-void carry_pieces(tierctl_draft &draft, const tier_super_block_v2_t &sb, bool read)
+void carry_pieces(Draft &draft, const tier_super_block_v2_t &sb, bool read)
 {
     draft.file.open_array("te_mapped_meta");
     for (uint32_t mapno = 0; mapno < sb.sb_map_cnt; mapno++) {
@@ -63,7 +65,7 @@ void carry_pieces(tierctl_draft &draft, const tier_super_block_v2_t &sb, bool re
             continue;
         }
         tier_mapped_meta_v2_t to{};
-        const tierctl_carrier carrier(draft, from, to);
+        const Carrier carrier(draft, from, to);
         draft.file.open_object();
         draft.file.number("mapno", mapno);
         carrier.carry(TIER_PIECE_OFFSET_KEY_V2);
@@ -87,7 +89,7 @@ void carry_pieces(tierctl_draft &draft, const tier_super_block_v2_t &sb, bool re
 
 } // namespace
 
-void tierctl_draft_extent_v1(tierctl_draft &draft, const tierctl_metadata &metadata)
+void draft_extent_v1(Draft &draft, const Metadata &metadata)
 {
     const auto sb = metadata.super<tier_super_block_v1_t>();
     if (sb.sb_extent_size < TIER_EXTENT_SIZE_MIN || sb.sb_extent_size > TIER_EXTENT_SIZE_MAX) {
@@ -111,7 +113,7 @@ void tierctl_draft_extent_v1(tierctl_draft &draft, const tierctl_metadata &metad
     }
 }
 
-void tierctl_draft_extent_v2(tierctl_draft &draft, const tierctl_metadata &metadata)
+void draft_extent_v2(Draft &draft, const Metadata &metadata)
 {
     const auto sb = metadata.super<tier_super_block_v2_t>();
     const uint64_t pieces_end = sb.sb_extent_size + uint64_t{sb.sb_map_cnt} * PIECE_SIZE;
@@ -121,7 +123,7 @@ void tierctl_draft_extent_v2(tierctl_draft &draft, const tierctl_metadata &metad
     const tier_extent_t from = readable_head(draft);
     carry_head(draft, from, TIER_EXTENT_OWNER_KEYS);
     carry_pieces(draft, sb, from.te_use != 0);
-    const tierctl_stretch areas[] = {
+    const Stretch areas[] = {
         {"bitmap", sb.sb_extent_size},
         {"mapped pieces", pieces_end},
         {"hot area", std::max(pieces_end, uint64_t{sb.sb_total_extent_size})},
@@ -133,3 +135,5 @@ void tierctl_draft_extent_v2(tierctl_draft &draft, const tierctl_metadata &metad
         note_inode(draft, owner);
     }
 }
+
+} // namespace tierctl

@@ -5,19 +5,21 @@
 #include <cstddef>
 #include <utility>
 
-void tierctl_template_json::number(std::string_view key, uint64_t value)
+namespace tierctl {
+
+void TemplateJson::number(std::string_view key, uint64_t value)
 {
     begin_member(key);
     text_ += std::to_string(value);
 }
 
-void tierctl_template_json::text(std::string_view key, std::string_view text)
+void TemplateJson::text(std::string_view key, std::string_view text)
 {
     begin_member(key);
-    text_ += tierctl_json_text(text);
+    text_ += json_text(text);
 }
 
-void tierctl_template_json::numbers(std::string_view key, std::span<const uint64_t> values)
+void TemplateJson::numbers(std::string_view key, std::span<const uint64_t> values)
 {
     begin_member(key);
     const char *separator = "[";
@@ -28,19 +30,19 @@ void tierctl_template_json::numbers(std::string_view key, std::span<const uint64
     text_ += values.empty() ? "[]" : "]";
 }
 
-void tierctl_template_json::open_array(std::string_view key)
+void TemplateJson::open_array(std::string_view key)
 {
     begin_member(key);
     open('[', ']');
 }
 
-void tierctl_template_json::open_object()
+void TemplateJson::open_object()
 {
     begin_line();
     open('{', '}');
 }
 
-void tierctl_template_json::close()
+void TemplateJson::close()
 {
     const char closing = closing_.back();
     closing_.pop_back();
@@ -51,20 +53,20 @@ void tierctl_template_json::close()
     empty_ = false;
 }
 
-std::string tierctl_template_json::take()
+std::string TemplateJson::take()
 {
     close();
     return std::move(text_) + '\n';
 }
 
-void tierctl_template_json::begin_line()
+void TemplateJson::begin_line()
 {
     text_ += empty_ ? "\n" : ",\n";
     text_ += std::string(2 * closing_.size(), ' ');
     empty_ = false;
 }
 
-void tierctl_template_json::begin_member(std::string_view key)
+void TemplateJson::begin_member(std::string_view key)
 {
     begin_line();
     text_ += '"';
@@ -72,9 +74,11 @@ void tierctl_template_json::begin_member(std::string_view key)
     text_ += "\": ";
 }
 
-void tierctl_template_json::open(char opening, char closing)
+void TemplateJson::open(char opening, char closing)
 {
     text_ += opening;
     closing_ += closing;
     empty_ = true;
 }
+
+} // namespace tierctl

@@ -5,10 +5,12 @@
 #include <string>
 #include <string_view>
 
+namespace tierctl {
+
 /* A repair file, for people to edit: an object in the making, one key a line. */
-class tierctl_template_json {
+class TemplateJson {
 public:
-    tierctl_template_json() { open('{', '}'); }
+    TemplateJson() { open('{', '}'); }
 
     void number(std::string_view key, uint64_t value);
     void text(std::string_view key, std::string_view text); /* valid UTF-8 */
@@ -31,3 +33,5 @@ private:
     std::string closing_; /* what closes each level, the outermost first */
     bool empty_ = true;   /* the innermost level, so far */
 };
+
+} // namespace tierctl

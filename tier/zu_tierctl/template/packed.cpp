@@ -2,13 +2,15 @@
 #include "zu_tier/layout/v3/shard.h"
 #include "zu_tierctl/template/kinds.h"
 
+namespace tierctl {
+
 /* Blocks of V3: those of packed entries, and those of the hot table. */
 
 namespace {
 
 /* Where a repair puts the block, which must be from byte `begin` of the device up to, but not at,
  * `end`. */
-void carry_offset(tierctl_draft &draft, uint64_t begin, uint64_t end)
+void carry_offset(Draft &draft, uint64_t begin, uint64_t end)
 {
     const auto offset = static_cast<uint64_t>(draft.table.slot(draft.no));
     draft.file.number("meta_offset", offset);
@@ -19,7 +21,7 @@ void carry_offset(tierctl_draft &draft, uint64_t begin, uint64_t end)
 }
 
 /* Entries in use, with all that their keys name. */
-void carry_entries(tierctl_draft &draft, const tier_packed_table_v3 &table,
+void carry_entries(Draft &draft, const tier_packed_table_v3 &table,
                    const tier_packed_block_v3_t &from, tier_packed_block_v3_t *to)
 {
     draft.file.open_array(table.entries);
@@ -43,7 +45,7 @@ void carry_entries(tierctl_draft &draft, const tier_packed_table_v3 &table,
 
 /* Says how entry `k` differs: what the tool shows of it. */
 template <class... Fields>
-void note_entry(tierctl_draft &draft, const tier_packed_table_v3 &table, uint32_t k,
+void note_entry(Draft &draft, const tier_packed_table_v3 &table, uint32_t k,
                 const tier_packed_block_v3_t &to, const std::tuple<Fields...> &fields)
 {
     const uint64_t before = draft.record<tier_packed_block_v3_t>().word[k];
@@ -68,15 +70,15 @@ uint64_t spread_checksum(const tier_packed_block_v3_t &block)
     return checksum;
 }
 
-void note_hex_change(tierctl_draft &draft, const tier_bits &field, uint64_t before, uint64_t after)
+void note_hex_change(Draft &draft, const tier_bits &field, uint64_t before, uint64_t after)
 {
     if (before != after) {
-        draft.note_change(field.key, tierctl_hex(before), tierctl_hex(after));
+        draft.note_change(field.key, hex_text(before), hex_text(after));
     }
 }
 
 /* The block that the repair makes, sealed. */
-tier_packed_block_v3_t sealed(tierctl_draft &draft, tier_packed_block_v3_t to)
+tier_packed_block_v3_t sealed(Draft &draft, tier_packed_block_v3_t to)
 {
     draft.repair(to);
     draft.table.seal_slot(draft.repaired.data());
@@ -86,7 +88,7 @@ tier_packed_block_v3_t sealed(tierctl_draft &draft, tier_packed_block_v3_t to)
 
 } // namespace
 
-void tierctl_draft_shards_v3(tierctl_draft &draft, const tierctl_metadata &metadata)
+void draft_shards_v3(Draft &draft, const Metadata &metadata)
 {
     const auto sb = metadata.super<tier_super_block_v3_t>();
     carry_offset(draft, sb.sb_shard_table_offset, sb.sb_hot_table_offset);
@@ -103,7 +105,7 @@ void tierctl_draft_shards_v3(tierctl_draft &draft, const tierctl_metadata &metad
     }
 }
 
-void tierctl_draft_extents_v3(tierctl_draft &draft, const tierctl_metadata &metadata)
+void draft_extents_v3(Draft &draft, const Metadata &metadata)
 {
     const auto sb = metadata.super<tier_super_block_v3_t>();
     carry_offset(draft, sb.sb_extent_table_offset, sb.sb_block_area_offset);
@@ -122,9 +124,11 @@ void tierctl_draft_extents_v3(tierctl_draft &draft, const tierctl_metadata &meta
 }
 
 /* A hot block is repaired by clearing it. */
-void tierctl_draft_hot_v3(tierctl_draft &draft, const tierctl_metadata &metadata)
+void draft_hot_v3(Draft &draft, const Metadata &metadata)
 {
     const auto sb = metadata.super<tier_super_block_v3_t>();
     carry_offset(draft, sb.sb_hot_table_offset, sb.sb_extent_table_offset);
     draft.note_cleared(0, {{{"", SIZE_4K}}});
 }
+
+} // namespace tierctl

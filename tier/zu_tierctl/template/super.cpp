@@ -4,6 +4,8 @@
 #include "zu_tier/layout/v3/super.h"
 #include "zu_tierctl/template/kinds.h"
 
+namespace tierctl {
+
 namespace {
 
 constexpr auto FIELDS_V1 = TIER_SUPER_FIELDS_V1;
@@ -12,22 +14,22 @@ constexpr auto FIELDS_V3 = TIER_SUPER_FIELDS_V3;
 
 /* The two numbers that a file gives as texts. */
 template <class Super>
-void carry_ctime(tierctl_draft &draft, const Super &from, Super *to)
+void carry_ctime(Draft &draft, const Super &from, Super *to)
 {
-    draft.file.text("ctime", tierctl_hex(from.sb_ctime));
+    draft.file.text("ctime", hex_text(from.sb_ctime));
     to->sb_ctime = from.sb_ctime;
 }
 
 /* A repair makes nothing but this version. */
 template <class Super>
-void carry_version(tierctl_draft &draft, uint32_t version, Super *to)
+void carry_version(Draft &draft, uint32_t version, Super *to)
 {
-    draft.file.text("version", tierctl_hex(version));
+    draft.file.text("version", hex_text(version));
     to->sb_version = version;
 }
 
 template <class Super>
-void carry_head(const tierctl_carrier<Super> &carrier, uint32_t version)
+void carry_head(const Carrier<Super> &carrier, uint32_t version)
 {
     carrier.carry(TIER_SUPER_SIZE_KEYS<Super>);
     carry_ctime(carrier.draft(), carrier.from(), &carrier.to());
@@ -37,7 +39,7 @@ void carry_head(const tierctl_carrier<Super> &carrier, uint32_t version)
 }
 
 template <size_t N>
-void note_ssd_uuid(tierctl_draft &draft, const char (&ssd_uuid)[N])
+void note_ssd_uuid(Draft &draft, const char (&ssd_uuid)[N])
 {
     const size_t length = zutr_bounded(ssd_uuid).size();
     if (length != TIER_SSD_UUID_LEN) {
@@ -48,7 +50,7 @@ void note_ssd_uuid(tierctl_draft &draft, const char (&ssd_uuid)[N])
 
 /* Seals what the repair makes and notes how it differs. */
 template <const auto &Fields, class Super>
-void finish(tierctl_draft &draft, const Super &to)
+void finish(Draft &draft, const Super &to)
 {
     draft.repair(to);
     draft.table.seal_slot(draft.repaired.data());
@@ -57,14 +59,13 @@ void finish(tierctl_draft &draft, const Super &to)
 }
 
 /* An area is only carried as a whole, and only if it is one. */
-void carry_expansion(tierctl_draft &draft, const tier_super_block_v2_t &from,
-                     tier_super_block_v2_t *to)
+void carry_expansion(Draft &draft, const tier_super_block_v2_t &from, tier_super_block_v2_t *to)
 {
     tier_exp_config_v2 area{.cnt = tier_exp_cnt_v2(from), .magic = {}, .inuse = {}};
-    tierctl_hex(from.sb_inode_exp_magic).copy(area.magic, sizeof(area.magic) - 1);
-    tierctl_hex(from.sb_inode_exp_inuse).copy(area.inuse, sizeof(area.inuse) - 1);
+    hex_text(from.sb_inode_exp_magic).copy(area.magic, sizeof(area.magic) - 1);
+    hex_text(from.sb_inode_exp_inuse).copy(area.inuse, sizeof(area.inuse) - 1);
     tier_exp_config_v2 read{};
-    tierctl_carrier(draft, area, read)
+    Carrier(draft, area, read)
         .carry(std::tuple{TIER_EXP_CNT_KEY_V2, TIER_EXP_MAGIC_KEY_V2, TIER_EXP_INUSE_KEY_V2});
     if (from.sb_inode_exp_magic != TIER_EXP_MAGIC_V2 || area.cnt == 0) {
         return;
@@ -75,17 +76,16 @@ void carry_expansion(tierctl_draft &draft, const tier_super_block_v2_t &from,
 }
 
 /* Whether slot `i` of the area holds its inode. */
-bool holds_inode(const tierctl_device &device, const tier_super_block_v2_t &sb, uint32_t i)
+bool holds_inode(const Device &device, const tier_super_block_v2_t &sb, uint32_t i)
 {
     const tier_region area = tier_exp_inodes_v2(sb);
     alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> slot;
     return device.read(area.slot(i), slot.data(), SIZE_4K) &&
-           tierctl_inode_table({area}, TIER_INODE_MAGIC_V2)
-                   .flaws(sb.sb_inode_cnt + i, slot.data()) == 0;
+           inode_table({area}, TIER_INODE_MAGIC_V2).flaws(sb.sb_inode_cnt + i, slot.data()) == 0;
 }
 
 /* A repair looks at the first and the last inode of an area. */
-void note_expansion(tierctl_draft &draft, const tier_super_block_v2_t &to)
+void note_expansion(Draft &draft, const tier_super_block_v2_t &to)
 {
     const uint32_t cnt = tier_exp_cnt_v2(to);
     if (cnt == 0) {
@@ -101,22 +101,22 @@ void note_expansion(tierctl_draft &draft, const tier_super_block_v2_t &to)
 
 } // namespace
 
-void tierctl_draft_super_v1(tierctl_draft &draft, const tierctl_metadata & /*metadata*/)
+void draft_super_v1(Draft &draft, const Metadata & /*metadata*/)
 {
     const auto from = draft.record<tier_super_block_v1_t>();
     tier_super_block_v1_t to{};
     to.sb_magic = TIER_SB_MAGIC_V1;
-    carry_head(tierctl_carrier(draft, from, to), TIER_SB_VERSION_V1);
+    carry_head(Carrier(draft, from, to), TIER_SB_VERSION_V1);
     finish<FIELDS_V1>(draft, to);
     note_ssd_uuid(draft, to.sb_ssd_uuid);
 }
 
-void tierctl_draft_super_v2(tierctl_draft &draft, const tierctl_metadata & /*metadata*/)
+void draft_super_v2(Draft &draft, const Metadata & /*metadata*/)
 {
     const auto from = draft.record<tier_super_block_v2_t>();
     tier_super_block_v2_t to{};
     to.sb_magic = TIER_SB_MAGIC_V2;
-    const tierctl_carrier carrier(draft, from, to);
+    const Carrier carrier(draft, from, to);
     carry_head(carrier, TIER_SB_VERSION_V2);
     carry_expansion(draft, from, &to);
     carrier.carry(TIER_SUPER_MAP_KEYS_V2);
@@ -126,12 +126,12 @@ void tierctl_draft_super_v2(tierctl_draft &draft, const tierctl_metadata & /*met
     note_ssd_uuid(draft, to.sb_ssd_uuid);
 }
 
-void tierctl_draft_super_v3(tierctl_draft &draft, const tierctl_metadata & /*metadata*/)
+void draft_super_v3(Draft &draft, const Metadata & /*metadata*/)
 {
     const auto from = draft.record<tier_super_block_v3_t>();
     tier_super_block_v3_t to{};
     to.sb_magic = TIER_SB_MAGIC_V3;
-    const tierctl_carrier carrier(draft, from, to);
+    const Carrier carrier(draft, from, to);
     carrier.carry(TIER_SUPER_AREA_KEYS_V3);
     carry_ctime(draft, from, &to);
     carrier.carry(TIER_SUPER_IDENTITY_KEYS_V3);
@@ -140,3 +140,5 @@ void tierctl_draft_super_v3(tierctl_draft &draft, const tierctl_metadata & /*met
     finish<FIELDS_V3>(draft, to);
     note_ssd_uuid(draft, to.sb_cdev_uuid);
 }
+
+} // namespace tierctl

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <array>
 
+namespace tierctl {
+
 namespace {
 
-using draft_function = void (*)(tierctl_draft &draft, const tierctl_metadata &metadata);
+using draft_function = void (*)(Draft &draft, const Metadata &metadata);
 
 /* What drafts an entry of a table, by layout. */
 struct kind {
@@ -18,49 +20,46 @@ struct kind {
 };
 
 constexpr kind KINDS[] = {
-    {"super", {tierctl_draft_super_v1, tierctl_draft_super_v2, tierctl_draft_super_v3}},
-    {"brick", {tierctl_draft_brick, tierctl_draft_brick, tierctl_draft_brick}},
-    {"inode", {tierctl_draft_inode_v1, tierctl_draft_inode_v2, tierctl_draft_inode_v3}},
-    {"shard", {nullptr, nullptr, tierctl_draft_shards_v3}},
-    {"hot", {nullptr, nullptr, tierctl_draft_hot_v3}},
-    {"extent", {tierctl_draft_extent_v1, tierctl_draft_extent_v2, tierctl_draft_extents_v3}},
+    {"super", {draft_super_v1, draft_super_v2, draft_super_v3}},
+    {"brick", {draft_brick, draft_brick, draft_brick}},
+    {"inode", {draft_inode_v1, draft_inode_v2, draft_inode_v3}},
+    {"shard", {nullptr, nullptr, draft_shards_v3}},
+    {"hot", {nullptr, nullptr, draft_hot_v3}},
+    {"extent", {draft_extent_v1, draft_extent_v2, draft_extents_v3}},
 };
 
-draft_function draft_of(std::string_view table, tierctl_version version)
+draft_function draft_of(std::string_view table, Version version)
 {
     const auto *found = std::ranges::find(KINDS, table, &kind::table);
     return found->draft.at(static_cast<size_t>(version) - 1);
 }
 
 /* Whether the block has the magic and the version of the layout. */
-bool looks_like(const tierctl_super_layout &layout, const uint8_t *block)
+bool looks_like(const SuperLayout &layout, const uint8_t *block)
 {
     return layout.table().magic->place.get(block) == layout.magic &&
-           tierctl_super_layout::version_of(block) == layout.code;
+           SuperLayout::version_of(block) == layout.code;
 }
 
 /* The layout of that name or, without a name, the one that the block looks like. */
-const tierctl_super_layout &find_layout(const tierctl_device &device, std::string_view name,
-                                        const uint8_t *block)
+const SuperLayout &find_layout(const Device &device, std::string_view name, const uint8_t *block)
 {
-    for (const tierctl_super_layout &layout : tierctl_super_layouts()) {
+    for (const SuperLayout &layout : super_layouts()) {
         if (name.empty() ? looks_like(layout, block) : name == layout.name) {
             return layout;
         }
     }
-    throw tierctl_usage_error(name.empty()
-                                  ? device.path() + " has no super block of a known layout, "
+    throw UsageError(name.empty() ? device.path() + " has no super block of a known layout, "
                                                     "--layout must say which it had"
                                   : "unknown layout " + std::string(name));
 }
 
 /* A super block in any state, as the only table. */
-tierctl_metadata read_super(const tierctl_device &device, std::string_view layout_name)
+Metadata read_super(const Device &device, std::string_view layout_name)
 {
-    tierctl_metadata metadata{};
-    metadata.super_block = tierctl_read_super(device);
-    const tierctl_super_layout &layout =
-        find_layout(device, layout_name, metadata.super_block.data());
+    Metadata metadata{};
+    metadata.super_block = read_super(device);
+    const SuperLayout &layout = find_layout(device, layout_name, metadata.super_block.data());
     metadata.version = layout.version;
     metadata.layout_name = layout.name;
     metadata.tables = {layout.table()};
@@ -68,11 +67,11 @@ tierctl_metadata read_super(const tierctl_device &device, std::string_view layou
 }
 
 /* Beyond the largest number that an entry can have, repairs would find another slot. */
-void check_number(const tierctl_table &table, uint64_t no)
+void check_number(const Table &table, uint64_t no)
 {
     if (no >= table.count()) {
-        throw tierctl_usage_error("there is no " + std::string(table.name) + " " +
-                                  std::to_string(no) + " among " + std::to_string(table.count()));
+        throw UsageError("there is no " + std::string(table.name) + " " + std::to_string(no) +
+                         " among " + std::to_string(table.count()));
     }
     if (table.number && table.number->width < sizeof(no) && no >> 8 * table.number->width != 0) {
         throw std::runtime_error("no repair file can name " + std::string(table.name) + " " +
@@ -86,12 +85,12 @@ struct flaw_name {
 };
 
 constexpr flaw_name FLAW_NAMES[] = {
-    {TIERCTL_BAD_MAGIC, "magic"},
-    {TIERCTL_BAD_NUMBER, "number"},
-    {TIERCTL_BAD_CHECKSUM, "checksum"},
+    {BAD_MAGIC, "magic"},
+    {BAD_NUMBER, "number"},
+    {BAD_CHECKSUM, "checksum"},
 };
 
-void note_flaws(tierctl_draft &draft)
+void note_flaws(Draft &draft)
 {
     const uint32_t flaws = draft.table.flaws(draft.no, draft.block);
     std::string names;
@@ -103,49 +102,49 @@ void note_flaws(tierctl_draft &draft)
     if (!names.empty()) {
         draft.note("damaged: " + names);
     }
-    if ((flaws & TIERCTL_BAD_NUMBER) != 0) {
+    if ((flaws & BAD_NUMBER) != 0) {
         draft.note("has number " + std::to_string(draft.table.number->get(draft.block)) +
                    ", the file has " + std::to_string(draft.no));
     }
 }
 
 /* The option that a device without a sound super block needs: the layout as the tool knows it. */
-std::string version_option(const tierctl_draft &draft, const tierctl_metadata &metadata)
+std::string version_option(const Draft &draft, const Metadata &metadata)
 {
     const size_t index = static_cast<size_t>(metadata.version) - 1;
-    return looks_like(tierctl_super_layouts()[index], metadata.super_block.data()) &&
+    return looks_like(super_layouts()[index], metadata.super_block.data()) &&
                    draft.table.flaws(0, draft.block) == 0
                ? ""
                : " -v " + std::to_string(index + 1);
 }
 
-void note_command(tierctl_draft &draft, const tierctl_metadata &metadata)
+void note_command(Draft &draft, const Metadata &metadata)
 {
     const std::string option =
-        draft.table.name == TIERCTL_SUPER ? version_option(draft, metadata) : "";
+        draft.table.name == SUPER_TABLE ? version_option(draft, metadata) : "";
     draft.note("to repair it, with this file as FILE: zu_tier -p " +
-               tierctl_shell_word(draft.device.path()) + " -c repair_" +
-               std::string(draft.table.name) + option + " -f FILE; with -y it writes");
+               shell_word(draft.device.path()) + " -c repair_" + std::string(draft.table.name) +
+               option + " -f FILE; with -y it writes");
 }
 
 } // namespace
 
-tierctl_template tierctl_make_template(const tierctl_device &device, std::string_view table_name,
-                                       uint64_t no, std::string_view layout)
+Template make_template(const Device &device, std::string_view table_name, uint64_t no,
+                       std::string_view layout)
 {
-    if (table_name != TIERCTL_SUPER && !layout.empty()) {
-        throw tierctl_usage_error("--layout is for the super block only");
+    if (table_name != SUPER_TABLE && !layout.empty()) {
+        throw UsageError("--layout is for the super block only");
     }
-    const tierctl_metadata metadata =
-        table_name == TIERCTL_SUPER ? read_super(device, layout) : tierctl_read_metadata(device);
-    const tierctl_table &table = tierctl_find_table(metadata.tables, table_name);
+    const Metadata metadata =
+        table_name == SUPER_TABLE ? read_super(device, layout) : read_metadata(device);
+    const Table &table = find_table(metadata.tables, table_name);
     check_number(table, no);
     alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> block;
     if (!device.read(table.slot(no), block.data(), SIZE_4K)) {
-        tierctl_throw_errno("cannot read " + std::string(table_name) + " " + std::to_string(no) +
-                            " of " + device.path());
+        throw_errno("cannot read " + std::string(table_name) + " " + std::to_string(no) + " of " +
+                    device.path());
     }
-    tierctl_draft draft{device, table, no, block.data()};
+    Draft draft{device, table, no, block.data()};
     if (table.fits()) {
         note_flaws(draft);
     }
@@ -156,3 +155,5 @@ tierctl_template tierctl_make_template(const tierctl_device &device, std::string
     note_command(draft, metadata);
     return {draft.file.take(), std::move(draft.notes)};
 }
+
+} // namespace tierctl

@@ -7,14 +7,18 @@
 #include <string_view>
 #include <vector>
 
+namespace tierctl {
+
 /* The repair file that makes an entry anew as it stands, and what there is to say of it: what is
  * wrong with the entry, what gets lost in a repair, what the tool refuses, the command to use. */
-struct tierctl_template {
+struct Template {
     std::string file;
     std::vector<std::string> notes;
 };
 
 /* The template of entry `no` of a table. The super block, of which `layout` ("" when not given)
  * names the layout, may be damaged when it is what is asked for. */
-tierctl_template tierctl_make_template(const tierctl_device &device, std::string_view table,
-                                       uint64_t no, std::string_view layout);
+Template make_template(const Device &device, std::string_view table, uint64_t no,
+                       std::string_view layout);
+
+} // namespace tierctl
