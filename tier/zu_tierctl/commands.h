@@ -6,9 +6,9 @@ class App;
 
 namespace tierctl {
 
-/* One function per subcommand: adds it to `app` with its options and, as its callback, its run. A
- * run that does not throw ends the program with 0, or with what the callback stores in `*status`,
- * which outlives `app`. */
+/* Each function adds a subcommand to `app`: its options, and a callback that runs it. When the
+ * callback does not throw, the program ends with status 0, or with the one that the callback has
+ * stored in `*status`, which has to outlive `app`. */
 void add_check(CLI::App &app, int *status);
 void add_diff(CLI::App &app, int *status);
 void add_map(CLI::App &app);

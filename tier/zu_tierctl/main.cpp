@@ -1,10 +1,9 @@
 #include "common/zutr_utils.h"
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/output.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <string>
 
 namespace tierctl {
 
@@ -13,9 +12,9 @@ namespace {
 constexpr int STATUS_FAILURE = 1;
 constexpr int STATUS_USAGE = 2;
 
-int complain(const std::exception &error, int status)
+int fail(const std::exception &error, int status)
 {
-    fprintf(stderr, "zu_tierctl: %s\n", error.what());
+    complain(error.what());
     return status;
 }
 
@@ -39,9 +38,9 @@ int run(int argc, char *argv[])
     } catch (const CLI::Success &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
-        return complain(error, STATUS_USAGE);
+        return fail(error, STATUS_USAGE);
     } catch (const UsageError &error) {
-        return complain(error, STATUS_USAGE);
+        return fail(error, STATUS_USAGE);
     }
 }
 
@@ -57,6 +56,6 @@ int main(int argc, char *argv[])
         }
         return tierctl::run(argc, argv);
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        return tierctl::complain(error, tierctl::STATUS_FAILURE);
+        return tierctl::fail(error, tierctl::STATUS_FAILURE);
     }
 }

@@ -1,8 +1,8 @@
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/output.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <memory>
 
 namespace tierctl {
@@ -12,7 +12,7 @@ namespace {
 constexpr int STATUS_FINDINGS = 1;
 constexpr int STATUS_NOT_CHECKED = 2;
 
-constexpr const char CHECK_EXAMPLE[] =
+constexpr const char CHECK_FOOTER[] =
     "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked.\n"
     "A warning is found, too: it breaks no rule, but something is odd or could not be checked.\n"
     "\n"
@@ -27,7 +27,7 @@ int run(const CheckOptions &options)
     try {
         return check(options) ? 0 : STATUS_FINDINGS;
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        fprintf(stderr, "zu_tierctl: %s\n", error.what());
+        complain(error.what());
         return STATUS_NOT_CHECKED;
     }
 }
@@ -39,7 +39,7 @@ void add_check(CLI::App &app, int *status)
     const auto options = std::make_shared<CheckOptions>();
     CLI::App *command =
         app.add_subcommand("check", "Check the metadata of a device, without changing it");
-    command->footer(CHECK_EXAMPLE);
+    command->footer(CHECK_FOOTER);
     command->get_formatter()->column_width(32);
     command->add_option("DEVICE", options->device, "Device, or image of one, to check")
         ->type_name("")

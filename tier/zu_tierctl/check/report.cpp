@@ -4,27 +4,28 @@
 #include "zu_tierctl/device/json.h"
 #include "zu_tierctl/device/text.h"
 
-#include <array>
 #include <cstdio>
+#include <fmt/core.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace tierctl {
 
 namespace {
 
-struct count_column {
+struct CountColumn {
     const char *key;
     const char *title;
     uint64_t Counts::*count;
 };
 
-constexpr std::array<count_column, 5> COLUMNS = {{
+constexpr CountColumn COLUMNS[] = {
     {"entries", "entries", &Counts::entries},
     {"in_use", "in use", &Counts::in_use},
     {"free", "free", &Counts::free},
     {"damaged", "damaged", &Counts::damaged},
     {"unreadable", "unreadable", &Counts::unreadable},
-}};
+};
 
 const char *severity_name(Severity severity)
 {
@@ -38,53 +39,49 @@ void put(const std::string &text)
     }
 }
 
-class text_report : public Report {
+class TextReport : public Report {
 public:
-    explicit text_report(const std::string &device) : Report(device) {}
+    explicit TextReport(const std::string &device) : Report(device) {}
 
 private:
     void write(const Finding &finding) override;
     void write_end() override;
 
-    /* Before a line: on a terminal a progress bar may stand in its place. */
+    /* Begins each line of a finding: on a terminal it wipes a progress bar that stands there. */
     const char *wipe_ = isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "";
 };
 
-void text_report::write(const Finding &finding)
+void TextReport::write(const Finding &finding)
 {
-    const std::string table(finding.table);
-    const std::string kind(finding.kind.name);
-    put(format_text("%s%s: %s%s %lu at %ld: %s (%s): %s\n", wipe_,
-                    severity_name(finding.kind.severity), table.c_str(),
+    put(fmt::format("{}{}: {}{} {} at {}: {} ({}): {}\n", wipe_,
+                    severity_name(finding.kind.severity), finding.table,
                     finding.unit == "block" ? " block" : "", finding.no, finding.offset,
-                    finding.text.c_str(), kind.c_str(), command(finding).c_str()));
+                    finding.text, finding.kind.name, command(finding)));
 }
 
-void text_report::write_end()
+void TextReport::write_end()
 {
     std::string text = findings() == 0 ? "" : "\n";
-    text += format_text("%-8s", "table");
-    for (const count_column &column : COLUMNS) {
-        text += format_text(" %12s", column.title);
+    text += fmt::format("{:<8}", "table");
+    for (const CountColumn &column : COLUMNS) {
+        text += fmt::format(" {:>12}", column.title);
     }
-    text += "\n";
-    for (const table_counts &table : counts()) {
-        text += format_text("%-8s", std::string(table.table).c_str());
-        for (const count_column &column : COLUMNS) {
-            text += format_text(" %12lu", table.counts.*column.count);
+    for (const TableCounts &table : counts()) {
+        text += fmt::format("\n{:<8}", table.table);
+        for (const CountColumn &column : COLUMNS) {
+            text += fmt::format(" {:>12}", table.counts.*column.count);
         }
-        text += "\n";
     }
-    text += "\n";
+    text += "\n\n";
     for (const auto &[kind, count] : kinds()) {
-        text += format_text("%-32s %12lu\n", std::string(kind).c_str(), count);
+        text += fmt::format("{:<32} {:>12}\n", kind, count);
     }
-    put(text + format_text("%-32s %12lu\n", "findings", findings()));
+    put(text + fmt::format("{:<32} {:>12}\n", "findings", findings()));
 }
 
-class json_report : public Report {
+class JsonReport : public Report {
 public:
-    json_report(const std::string &device, std::string_view layout);
+    JsonReport(const std::string &device, std::string_view layout);
 
 private:
     void write(const Finding &finding) override;
@@ -93,45 +90,31 @@ private:
     const char *delimiter_ = "\n";
 };
 
-json_report::json_report(const std::string &device, std::string_view layout) : Report(device)
+JsonReport::JsonReport(const std::string &device, std::string_view layout) : Report(device)
 {
-    put(format_text(R"({"device":%s,"layout":%s,"findings":[)", json_text(device).c_str(),
-                    json_text(layout).c_str()));
+    put(fmt::format(R"({{"device":{},"layout":"{}","findings":[)", json_text(device), layout));
 }
 
-void json_report::write(const Finding &finding)
+void JsonReport::write(const Finding &finding)
 {
-    put(format_text("%s{\"kind\":%s,\"severity\":\"%s\",\"table\":%s,\"unit\":%s,\"no\":%lu,"
-                    "\"offset\":%ld,\"command\":%s,\"text\":%s}",
-                    delimiter_, json_text(finding.kind.name).c_str(),
-                    severity_name(finding.kind.severity), json_text(finding.table).c_str(),
-                    json_text(finding.unit).c_str(), finding.no, finding.offset,
-                    json_text(command(finding)).c_str(), json_text(finding.text).c_str()));
+    put(fmt::format(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},)"
+                    R"("offset":{},"command":{},"text":{}}})",
+                    delimiter_, finding.kind.name, severity_name(finding.kind.severity),
+                    finding.table, finding.unit, finding.no, finding.offset,
+                    json_text(command(finding)), json_text(finding.text)));
     delimiter_ = ",\n";
 }
 
-void json_report::write_end()
+void JsonReport::write_end()
 {
-    std::string text = "],\n\"tables\":{";
-    const char *between = "";
-    for (const table_counts &table : counts()) {
-        text += between;
-        text += json_text(table.table);
-        between = ":{";
-        for (const count_column &column : COLUMNS) {
-            text += format_text("%s\"%s\":%lu", between, column.key, table.counts.*column.count);
-            between = ",";
+    auto tables = nlohmann::ordered_json::object();
+    for (const TableCounts &table : counts()) {
+        for (const CountColumn &column : COLUMNS) {
+            tables[std::string(table.table)][column.key] = table.counts.*column.count;
         }
-        text += "}";
     }
-    text += "},\n\"kinds\":{";
-    between = "";
-    for (const auto &[kind, count] : kinds()) {
-        text += between;
-        text += json_text(kind) + format_text(":%lu", count);
-        between = ",";
-    }
-    put(text + "}}\n");
+    put(fmt::format("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
+                    nlohmann::json(kinds()).dump()));
 }
 
 } // namespace
@@ -160,21 +143,18 @@ void Report::finish()
 
 std::string Report::command(const Finding &finding) const
 {
-    std::string command = "zu_tier -p " + shown_device_ + " -c dump_" + std::string(finding.table);
-    if (finding.table != SUPER_TABLE) {
-        command += format_text(" -n %lu", finding.slot);
-    }
-    return command;
+    return fmt::format("zu_tier -p {} -c dump_{}", shown_device_, finding.table) +
+           (finding.table == SUPER_TABLE ? "" : fmt::format(" -n {}", finding.slot));
 }
 
 std::unique_ptr<Report> make_text_report(const std::string &device)
 {
-    return std::make_unique<text_report>(device);
+    return std::make_unique<TextReport>(device);
 }
 
 std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout)
 {
-    return std::make_unique<json_report>(device, layout);
+    return std::make_unique<JsonReport>(device, layout);
 }
 
 } // namespace tierctl

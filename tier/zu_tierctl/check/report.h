@@ -11,11 +11,11 @@
 
 namespace tierctl {
 
-/* What a check finds, told while it goes on. */
+/* What a check finds, reported while it runs. */
 
 enum class Severity {
     error,   /* breaks a rule of the layout */
-    warning, /* breaks none, but no device is made like that, or it could not be checked */
+    warning, /* breaks no rule, but no device is made like that, or it could not be checked */
 };
 
 struct Kind {
@@ -29,11 +29,12 @@ struct Finding {
     std::string_view unit; /* what `no` numbers: "entry", or "block" of packed entries */
     uint64_t no;
     int64_t offset; /* on the device */
-    uint64_t slot;  /* number by which zu_tier shows it; without meaning for the super block */
+    uint64_t slot;  /* number with which zu_tier shows it; no meaning for the super block */
     std::string text;
 };
 
-/* Of a table. Each entry is one of the last four: entries of a damaged block are damaged. */
+/* Numbers of a table's entries. Each entry counts as one of the last four; those of a damaged block
+ * count as damaged. */
 struct Counts {
     uint64_t entries = 0;
     uint64_t in_use = 0;
@@ -42,7 +43,7 @@ struct Counts {
     uint64_t unreadable = 0;
 };
 
-/* Where the report of a check goes. A report that cannot be written is an exception. */
+/* Takes what a check finds. Throws when the report cannot be written. */
 class Report {
 public:
     virtual ~Report() = default;
@@ -50,21 +51,21 @@ public:
     void add(const Finding &finding);
     void add_counts(std::string_view table, const Counts &counts);
 
-    /* Nothing more follows. */
+    /* To be called last. */
     void finish();
 
-    /* All there were. */
+    /* How many were added. */
     uint64_t findings() const { return findings_; }
 
 protected:
     explicit Report(const std::string &device);
 
-    struct table_counts {
+    struct TableCounts {
         std::string_view table;
         Counts counts;
     };
 
-    const std::vector<table_counts> &counts() const { return counts_; }
+    const std::vector<TableCounts> &counts() const { return counts_; }
     const std::map<std::string_view, uint64_t> &kinds() const { return kinds_; }
 
     /* The command that shows what the finding is about. */
@@ -74,16 +75,16 @@ private:
     virtual void write(const Finding &finding) = 0;
     virtual void write_end() = 0;
 
-    std::string shown_device_; /* as a word of a command line */
+    std::string shown_device_; /* as one word of a command line */
     uint64_t findings_ = 0;
-    std::vector<table_counts> counts_;
-    std::map<std::string_view, uint64_t> kinds_; /* findings of each */
+    std::vector<TableCounts> counts_;
+    std::map<std::string_view, uint64_t> kinds_; /* number of findings by kind */
 };
 
-/* On standard output, for people: a line for each finding, then tables of counts. */
+/* Writes to standard output for people: a line for each finding, then tables of counts. */
 std::unique_ptr<Report> make_text_report(const std::string &device);
 
-/* On standard output, for programs: a single document. */
+/* Writes to standard output for programs: a single JSON document. */
 std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout);
 
 } // namespace tierctl

@@ -14,15 +14,15 @@ namespace {
 
 constexpr uint64_t SLOTS_A_READ = SIZE_1M / SIZE_4K;
 
-/* Not every file system has direct access. */
+/* Not every file system offers direct access. */
 int open_direct(const std::string &path, int flags)
 {
     const int fd = open(path.c_str(), flags | O_DIRECT);
     return fd < 0 && errno == EINVAL ? open(path.c_str(), flags) : fd;
 }
 
-/* Slots of a region, from its first on, that lie on a device of `size` bytes as the tool reads it:
- * whole, at multiples of 4096. */
+/* How many slots of a region, counted from its first, lie on a device of `size` bytes. The tool
+ * reads only whole slots at multiples of 4096. */
 uint64_t slots_on_device(const tier_region &region, uint64_t size)
 {
     const auto start = static_cast<uint64_t>(region.start);
@@ -59,7 +59,7 @@ bool Device::read(int64_t offset, void *data, size_t length) const
         errno = ENXIO;
         return false;
     }
-    errno = EIO; /* of a file that has become shorter meanwhile nothing else tells */
+    errno = EIO; /* the reason when the file has become shorter meanwhile */
     return zutr_readn(fd_.get(), data, length, offset) >= 0;
 }
 
@@ -93,14 +93,14 @@ bool TableReader::next(Slots *slots)
     return false;
 }
 
-Slots TableReader::read(const tier_region &region, uint64_t there)
+Slots TableReader::read(const tier_region &region, uint64_t present)
 {
     const int64_t offset = region.slot(first_);
-    if (first_ >= there) {
+    if (first_ >= present) {
         return {base_ + first_, region.count - first_, offset, nullptr, ENXIO};
     }
     if (first_ >= single_end_) {
-        const uint64_t count = std::min(SLOTS_A_READ, there - first_);
+        const uint64_t count = std::min(SLOTS_A_READ, present - first_);
         if (device_.read(offset, buffer_.get(), count * SIZE_4K)) {
             return {base_ + first_, count, offset, buffer_.get(), 0};
         }

@@ -17,7 +17,7 @@ enum class Access {
 };
 
 /* A device or an image of one: a block device or a regular file, read past the page cache where
- * that is possible. Opening throws when there is no such thing. */
+ * that is possible. The constructor throws when there is neither. */
 class Device {
 public:
     Device(const std::string &path, Access access);
@@ -25,11 +25,11 @@ public:
     const std::string &path() const { return path_; }
     uint64_t size() const { return size_; }
 
-    /* Reads into memory aligned to 4096. False when some of it cannot be read, or lies outside the
-     * device, or does not begin at a multiple of 4096; errno then says why. */
+    /* Reads into memory aligned to 4096. False, with the reason in errno, when any of it cannot be
+     * read or lies outside the device, or when `offset` is no multiple of 4096. */
     bool read(int64_t offset, void *data, size_t length) const;
 
-    /* Writes one 4096-byte block, and returns when it is on the device. Throws. */
+    /* Writes one 4096-byte block and returns when it is on the device; throws when that fails. */
     void write_block(int64_t offset, const void *block);
 
 private:
@@ -43,36 +43,36 @@ struct Slots {
     uint64_t first_no;
     uint64_t count;
     int64_t offset;      /* of the first slot */
-    const uint8_t *data; /* null: these cannot be read, for the reason `error` */
-    int error;
+    const uint8_t *data; /* null: the slots cannot be read */
+    int error;           /* error number that says why; 0: they were read */
 
     const uint8_t *slot(uint64_t i) const { return data + i * SIZE_4K; }
 };
 
 /* Reads a table from its first slot to its last and gives every slot exactly once: in runs of up to
- * 1 MiB where the device can be read, block by block around what cannot, and in a single run what
- * lies outside the device. Device and table outlive it. */
+ * 1 MiB where the device can be read, slot by slot around an error, and as a single run whatever
+ * lies outside the device. Device and table have to outlive the reader. */
 class TableReader {
 public:
     TableReader(const Device &device, const Table &table);
 
-    /* The next run, which lasts until the next call; false when there is none. */
+    /* Gives the next run, whose data last until the next call; false at the end of the table. */
     bool next(Slots *slots);
 
 private:
-    /* The next run of a region of which the first `there` slots lie on the device. */
-    Slots read(const tier_region &region, uint64_t there);
+    /* The next run of a region of which only the first `present` slots lie on the device. */
+    Slots read(const tier_region &region, uint64_t present);
 
     const Device &device_;
     const Table &table_;
     zutr_buffer buffer_;
-    size_t region_ = 0;       /* where the next run begins: region, */
-    uint64_t first_ = 0;      /* slot in it, */
-    uint64_t base_ = 0;       /* and the number of its first slot */
-    uint64_t single_end_ = 0; /* the slots of the region before this one are read one by one */
+    size_t region_ = 0;       /* of the next run */
+    uint64_t first_ = 0;      /* slot of the region with which the next run begins */
+    uint64_t base_ = 0;       /* number of the region's first slot */
+    uint64_t single_end_ = 0; /* slots of the region before this one are read one by one */
 };
 
-/* Hands out what a reader gives. */
+/* Calls `take` with each run of the table. */
 void read_table(const Device &device, const Table &table,
                 const std::function<void(const Slots &)> &take);
 

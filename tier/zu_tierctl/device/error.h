@@ -7,13 +7,14 @@
 
 namespace tierctl {
 
-/* What the caller asked for makes no sense. Anything else that goes wrong is another exception. */
+/* The command line asks for something that makes no sense. All other failures are other
+ * exceptions. */
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/* "<what>: <text of errno>" */
+/* Throws "<what>: <text of errno>". */
 [[noreturn]] inline void throw_errno(const std::string &what)
 {
     throw std::system_error(errno, std::generic_category(), what);

@@ -1,10 +1,9 @@
 #include "zu_tierctl/device/json.h"
 
-#include "zu_tierctl/device/text.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <fmt/core.h>
 
 namespace tierctl {
 
@@ -12,9 +11,10 @@ namespace {
 
 constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD"; /* U+FFFD */
 
-/* Bytes that a sequence may begin with, what may follow at once, and how many bytes it has in all;
- * the others continue it. Leaves out surrogates, overlong forms and what lies past U+10FFFF. */
-struct utf8_sequence {
+/* The bytes of one character: the range of the first and of the second byte, and the number of
+ * bytes. The others are 0x80..0xBF. Surrogates, overlong forms and everything past U+10FFFF are in
+ * no row. */
+struct Utf8Sequence {
     uint8_t first_min;
     uint8_t first_max;
     uint8_t second_min;
@@ -22,7 +22,7 @@ struct utf8_sequence {
     size_t length;
 };
 
-constexpr utf8_sequence UTF8_SEQUENCES[] = {
+constexpr Utf8Sequence UTF8_SEQUENCES[] = {
     {0x00, 0x7F, 0x00, 0xFF, 1}, {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
     {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
     {0xF0, 0xF0, 0x90, 0xBF, 4}, {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
@@ -34,7 +34,7 @@ bool is_between(char byte, uint8_t min, uint8_t max)
     return value >= min && value <= max;
 }
 
-bool begins_with(std::string_view text, const utf8_sequence &sequence)
+bool begins_with(std::string_view text, const Utf8Sequence &sequence)
 {
     if (text.size() < sequence.length ||
         !is_between(text[0], sequence.first_min, sequence.first_max)) {
@@ -47,7 +47,7 @@ bool begins_with(std::string_view text, const utf8_sequence &sequence)
                             }));
 }
 
-/* Bytes of the valid sequence that the text begins with, or 0. */
+/* Length of the valid sequence that the text begins with; 0 when there is none. */
 size_t sequence_length(std::string_view text)
 {
     const auto *sequence = std::ranges::find_if(
@@ -73,7 +73,7 @@ std::string json_text(std::string_view text)
     std::string json = "\"";
     for (const char byte : valid_utf8(text)) {
         if (is_between(byte, 0, 0x1F) || byte == 0x7F) {
-            json += format_text("\\u%04x", static_cast<unsigned>(byte));
+            json += fmt::format("\\u{:04x}", byte);
             continue;
         }
         if (byte == '"' || byte == '\\') {

@@ -18,8 +18,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/* A new name lasts only when its directory has reached the disk, too. One that cannot be opened or
- * synced gets there in its own time. */
+/* A new name lasts only when its directory has reached the disk, too. A directory that cannot be
+ * opened or synced gets there in its own time. */
 void sync_directory_of(const std::string &path)
 {
     const std::string directory = fs::path(path).replace_filename(".");
@@ -31,7 +31,7 @@ void sync_directory_of(const std::string &path)
 
 void refuse_existing(const std::string &path)
 {
-    std::error_code unknown; /* a path that cannot be looked at cannot be created either */
+    std::error_code unknown; /* a path that cannot be looked up cannot be created either */
     if (fs::exists(fs::symlink_status(path, unknown))) {
         throw std::runtime_error(path + " exists");
     }
@@ -46,12 +46,12 @@ NewFile::NewFile(std::string path)
     }
     const mode_t mask = umask(0);
     umask(mask);
-    fchmod(fd_.get(), 0666 & ~mask); /* the file is its own */
+    fchmod(fd_.get(), 0666 & ~mask); /* cannot fail: we own the file */
 }
 
 NewFile::~NewFile()
 {
-    unlink(scratch_path_.c_str()); /* gone already when it was renamed */
+    unlink(scratch_path_.c_str()); /* no longer there when it was renamed */
 }
 
 void NewFile::resize(uint64_t size)
@@ -70,10 +70,10 @@ void NewFile::write(int64_t offset, const void *data, size_t length)
 
 void NewFile::commit(Naming naming)
 {
-    if (fsync(fd_.get()) != 0) { /* some disks tell of failed writes only now */
+    if (fsync(fd_.get()) != 0) { /* some disks report failed writes only now */
         fail("cannot write ");
     }
-    /* A second name for the file, unlike a new one, never takes the place of another file. */
+    /* Unlike a rename, a link never takes the place of another file. */
     const auto give_name = naming == Naming::replace ? rename : link;
     if (give_name(scratch_path_.c_str(), path_.c_str()) != 0) {
         fail("cannot create ");

@@ -10,15 +10,15 @@
 namespace tierctl {
 
 enum class Naming {
-    new_name, /* fails when there is something of that name by then */
-    replace,
+    new_name, /* fails when something has that name by then */
+    replace,  /* takes the place of the file that has that name */
 };
 
-/* Throws when there is something of that name. */
+/* Throws when something has that name. */
 void refuse_existing(const std::string &path);
 
-/* A file that appears under its name only when it is complete: until then it has another one in the
- * same directory, and it is removed with its owner. Every failure is an exception. */
+/* A file that appears under its name only when it is complete. Until then it has another name in
+ * the same directory, and is removed with its owner. Every failure is an exception. */
 class NewFile {
 public:
     explicit NewFile(std::string path);
@@ -32,7 +32,7 @@ public:
     void resize(uint64_t size);
     void write(int64_t offset, const void *data, size_t length);
 
-    /* The file is complete: brings it to the disk and gives it its name. */
+    /* To be called when the file is complete: brings it to the disk and gives it its name. */
     void commit(Naming naming);
 
 private:

@@ -3,6 +3,7 @@
 #include "zu_tierctl/device/error.h"
 
 #include <cstdio>
+#include <fmt/core.h>
 
 namespace tierctl {
 
@@ -17,7 +18,7 @@ void require(bool written)
 
 } // namespace
 
-void print(std::string_view text)
+void print_text(std::string_view text)
 {
     require(fwrite(text.data(), 1, text.size(), stdout) == text.size());
 }
@@ -25,6 +26,11 @@ void print(std::string_view text)
 void finish_output()
 {
     require(fflush(stdout) == 0);
+}
+
+void complain(std::string_view message)
+{
+    fputs(fmt::format("zu_tierctl: {}\n", message).c_str(), stderr);
 }
 
 } // namespace tierctl

@@ -1,13 +1,27 @@
 #pragma once
 
+#include <fmt/core.h>
 #include <string_view>
+#include <utility>
 
 namespace tierctl {
 
-/* Writes to standard output; throws when that fails, as it may for text written before. */
-void print(std::string_view text);
+/* Writes the text to standard output. Throws when writing fails, which may also be about text
+ * written before. */
+void print_text(std::string_view text);
 
-/* Makes sure that all is out. */
+/* The same for what fmt::format makes of the arguments. */
+template <class... Args>
+void print(fmt::format_string<Args...> format, Args &&...args)
+{
+    print_text(fmt::format(format, std::forward<Args>(args)...));
+}
+
+/* Writes what is still in the buffer of standard output; throws when that fails. */
 void finish_output();
+
+/* Writes the line "zu_tierctl: <message>" to standard error. A failure is ignored: there is nowhere
+ * left to report it. */
+void complain(std::string_view message);
 
 } // namespace tierctl

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fmt/core.h>
 #include <unistd.h>
 #include <utility>
 
@@ -10,7 +11,7 @@ namespace tierctl {
 namespace {
 
 constexpr auto INTERVAL = std::chrono::milliseconds(100);
-constexpr uint64_t WIDTH = 40; /* of the bar, in characters */
+constexpr int WIDTH = 40; /* of the bar, in characters */
 constexpr char WIPE[] = "\r\x1b[K";
 
 } // namespace
@@ -45,9 +46,9 @@ void Progress::draw() const
 {
     const double part =
         total_ == 0 ? 1 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
-    const auto filled = static_cast<size_t>(part * WIDTH);
-    const std::string bar = std::string(filled, '#') + std::string(WIDTH - filled, '.');
-    fprintf(stderr, "%s%s [%s] %3.0f %%", WIPE, title_.c_str(), bar.c_str(), part * 100);
+    const std::string filled(static_cast<size_t>(part * WIDTH), '#');
+    fputs(fmt::format("{}{} [{:.<{}}] {:3.0f} %", WIPE, title_, filled, WIDTH, part * 100).c_str(),
+          stderr);
 }
 
 } // namespace tierctl

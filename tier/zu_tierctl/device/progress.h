@@ -6,11 +6,11 @@
 
 namespace tierctl {
 
-/* How far a walk has come, as a bar on standard error while that is a terminal; nothing in a pipe.
- * The bar is wiped when its owner goes. */
+/* A bar on standard error that shows how far a walk has come. It is drawn only on a terminal, and
+ * wiped when its owner goes. */
 class Progress {
 public:
-    /* `total`: what is done when all is done, in the units of `add`. */
+    /* `total`: the sum of all that will be added. */
     Progress(std::string title, uint64_t total);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;

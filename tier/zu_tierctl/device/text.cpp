@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <fmt/core.h>
 
 namespace tierctl {
 
@@ -28,7 +29,7 @@ std::string shell_word(std::string_view text)
     }
     std::string word = "'";
     for (const char c : text) {
-        word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        word += c == '\'' ? "'\\''" : std::string_view(&c, 1);
     }
     return word + '\'';
 }
@@ -38,7 +39,7 @@ std::string quoted(std::string_view text)
     std::string quoted = "\"";
     for (const char byte : text) {
         if (byte < ' ' || byte > '~') {
-            quoted += format_text("\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+            quoted += fmt::format("\\x{:02x}", static_cast<uint8_t>(byte));
             continue;
         }
         if (byte == '"' || byte == '\\') {

@@ -8,10 +8,10 @@ namespace tierctl {
 /* printf into a string. */
 [[gnu::format(printf, 1, 2)]] std::string format_text(const char *format, ...);
 
-/* The text as one word of a shell's command line; quoted only when it has to be. */
+/* The text as one word of a shell's command line, quoted only where it has to be. */
 std::string shell_word(std::string_view text);
 
-/* The text in quotation marks, for people: bytes that are no printable ASCII as \x1b. */
+/* The text in quotation marks, for people: every byte that is not printable ASCII as \x1b. */
 std::string quoted(std::string_view text);
 
 } // namespace tierctl

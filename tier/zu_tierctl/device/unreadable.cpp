@@ -3,55 +3,40 @@
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/json.h"
 
-#include <array>
-#include <cjson/cJSON.h>
 #include <cstdio>
 #include <cstring>
+#include <fmt/core.h>
 #include <iterator>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 namespace tierctl {
 
 namespace {
 
+using Json = nlohmann::json;
+
 constexpr size_t TEXT_A_WRITE = 65536;
 
-struct close_file {
+struct CloseFile {
     void operator()(FILE *file) const { fclose(file); }
 };
 
-struct delete_json {
-    void operator()(cJSON *json) const { cJSON_Delete(json); }
-};
-
-/* The text of the list; without a file, that of an empty one. */
+/* The text of the list; "[]" when there is no such file. */
 std::string read_list(const std::string &path)
 {
-    const std::unique_ptr<FILE, close_file> file(fopen(path.c_str(), "re"));
+    const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "re"));
     if (file == nullptr && errno == ENOENT) {
         return "[]";
     }
     std::string text;
-    std::array<char, TEXT_A_WRITE> part;
-    size_t got = file == nullptr ? 0 : fread(part.data(), 1, part.size(), file.get());
-    for (; got > 0; got = fread(part.data(), 1, part.size(), file.get())) {
-        text.append(part.data(), got);
+    for (int byte = 0; file != nullptr && (byte = getc(file.get())) != EOF;) {
+        text += static_cast<char>(byte);
     }
     if (file == nullptr || ferror(file.get()) != 0) {
         throw_errno("cannot read " + path);
     }
     return text;
-}
-
-/* A number that the tool has written, exact up to 2^53. */
-uint64_t read_number(const cJSON *object, const char *key, const std::string &path)
-{
-    constexpr double LIMIT = 18446744073709551616.0;
-    const cJSON *item = cJSON_GetObjectItem(object, key);
-    if (!cJSON_IsNumber(item) || !(item->valuedouble >= 0) || item->valuedouble >= LIMIT) {
-        throw std::runtime_error(path + " is no list of unreadable blocks: " + key);
-    }
-    return static_cast<uint64_t>(item->valuedouble);
 }
 
 } // namespace
@@ -69,10 +54,9 @@ void UnreadableWriter::add(std::string_view table, const Slots &slots)
     if (!file_) {
         file_.emplace(path_);
     }
-    text_ += "{\"table\":" + json_text(table) + ",\"no\":" + std::to_string(slots.first_no) +
-             ",\"count\":" + std::to_string(slots.count) +
-             ",\"offset\":" + std::to_string(slots.offset) +
-             ",\"error\":" + json_text(strerror(slots.error)) + '}';
+    text_ +=
+        fmt::format(R"({{"table":{},"no":{},"count":{},"offset":{},"error":{}}})", json_text(table),
+                    slots.first_no, slots.count, slots.offset, json_text(strerror(slots.error)));
     if (text_.size() >= TEXT_A_WRITE) {
         flush();
     }
@@ -97,27 +81,33 @@ void UnreadableWriter::flush()
 UnreadableList::UnreadableList(const std::string &saved)
 {
     const std::string path = unreadable_path(saved);
-    const std::unique_ptr<cJSON, delete_json> list(cJSON_Parse(read_list(path).c_str()));
-    if (!cJSON_IsArray(list.get())) {
-        throw std::runtime_error(path + " is no list of unreadable blocks");
+    const std::string complaint = path + " is no list of unreadable blocks";
+    const auto list = Json::parse(read_list(path), nullptr, false);
+    if (!list.is_array()) {
+        throw std::runtime_error(complaint);
     }
-    for (const cJSON *item = list->child; item != nullptr; item = item->next) {
-        const cJSON *table = cJSON_GetObjectItem(item, "table");
-        if (!cJSON_IsString(table)) {
-            throw std::runtime_error(path + " is no list of unreadable blocks: table");
+    const auto field = [&complaint](const Json &run, const char *key, Json::value_t type) {
+        const auto found = run.find(key);
+        if (found == run.end() || found->type() != type) {
+            throw std::runtime_error(complaint + ": " + key);
         }
-        runs_[{table->valuestring, read_number(item, "no", path)}] =
-            read_number(item, "count", path);
+        return *found;
+    };
+    for (const Json &run : list) {
+        const Json table = field(run, "table", Json::value_t::string);
+        const Json count = field(run, "count", Json::value_t::number_unsigned);
+        const Json no = field(run, "no", Json::value_t::number_unsigned);
+        runs_[{table, no}] = count;
     }
 }
 
 bool UnreadableList::holds(const std::string &table, uint64_t no) const
 {
-    const auto behind = runs_.upper_bound({table, no});
-    if (behind == runs_.begin()) {
+    const auto after = runs_.upper_bound({table, no});
+    if (after == runs_.begin()) {
         return false;
     }
-    const auto &[first, count] = *std::prev(behind);
+    const auto &[first, count] = *std::prev(after);
     return first.first == table && no - first.second < count;
 }
 

@@ -12,12 +12,12 @@
 
 namespace tierctl {
 
-/* What a saved file lacks: the blocks that could not be read from the device. They are listed
- * beside the file, in one that is there only when it has something to list. */
+/* The blocks that a saved file lacks because they could not be read from the device. They are
+ * listed in a file beside it, which exists only when there are any. */
 
 std::string unreadable_path(const std::string &saved);
 
-/* The list being written. */
+/* Writes the list. */
 class UnreadableWriter {
 public:
     explicit UnreadableWriter(const std::string &saved);
@@ -25,16 +25,16 @@ public:
     void add(std::string_view table, const Slots &slots);
     bool empty() const { return !file_; }
 
-    /* The list is complete. */
+    /* To be called when the list is complete. */
     void commit();
 
 private:
     void flush();
 
     std::string path_;
-    std::optional<NewFile> file_; /* from the first block on */
-    std::string text_;            /* not yet written, */
-    int64_t offset_ = 0;          /* and where it goes */
+    std::optional<NewFile> file_; /* none before the first block */
+    std::string text_;            /* not yet written */
+    int64_t offset_ = 0;          /* of that text in the file */
 };
 
 /* The list of a saved file; empty when there is none beside it. */

@@ -4,7 +4,6 @@
 #include "zu_tierctl/diff/report.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -12,7 +11,7 @@ namespace tierctl {
 
 namespace {
 
-/* As of diff(1). */
+/* The same as those of diff(1). */
 constexpr int STATUS_DIFFERENT = 1;
 constexpr int STATUS_TROUBLE = 2;
 
@@ -32,13 +31,13 @@ constexpr const char DIFF_FOOTER[] =
     "  zu_tier -p /dev/nvme0n1 -c repair_inode -f inode.json -y\n"
     "  zu_tierctl diff before.img /dev/nvme0n1";
 
-struct diff_options {
+struct DiffOptions {
     std::string a;
     std::string b;
     bool json = false;
 };
 
-int run(const diff_options &options)
+int run(const DiffOptions &options)
 {
     try {
         const auto report = options.json ? make_json_report() : make_text_report();
@@ -46,7 +45,7 @@ int run(const diff_options &options)
         finish_output();
         return equal ? 0 : STATUS_DIFFERENT;
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        fprintf(stderr, "zu_tierctl: %s\n", error.what());
+        complain(error.what());
         return STATUS_TROUBLE;
     }
 }
@@ -55,7 +54,7 @@ int run(const diff_options &options)
 
 void add_diff(CLI::App &app, int *status)
 {
-    const auto options = std::make_shared<diff_options>();
+    const auto options = std::make_shared<DiffOptions>();
     CLI::App *command =
         app.add_subcommand("diff", "Show which entries of two devices or saved files differ");
     command->footer(DIFF_FOOTER);

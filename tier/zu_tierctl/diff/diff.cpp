@@ -13,8 +13,8 @@ namespace tierctl {
 namespace {
 
 /* One of the two that are compared. */
-struct side {
-    explicit side(const std::string &path)
+struct Side {
+    explicit Side(const std::string &path)
         : device(path, Access::read_only), metadata(read_metadata(device)), unreadable(path)
     {
     }
@@ -24,15 +24,15 @@ struct side {
     UnreadableList unreadable;
 };
 
-/* A table of a side, of which runs of any length are taken one behind the other. */
-class table_cursor {
+/* Walks a table of a side, from its first entry to its last, in steps of any length. */
+class TableCursor {
 public:
-    table_cursor(const side &side, const Table &table)
+    TableCursor(const Side &side, const Table &table)
         : side_(side), table_(table), name_(table.name), reader_(side.device, table)
     {
     }
 
-    /* What is left of the run that has been read; count 0 behind the last one. */
+    /* What is left of the run that was read last; count 0 at the end of the table. */
     const Slots &run()
     {
         if (run_.count == 0) {
@@ -41,8 +41,8 @@ public:
         return run_;
     }
 
-    /* What is wrong with the first slot of the run. A block that a saved file lacks reads as zero.
-     */
+    /* The error number that says why the run's first slot cannot be read; 0: it can. A block that a
+     * saved file lacks reads as zeros. */
     int error() const
     {
         if (run_.data != nullptr && side_.unreadable.holds(name_, run_.first_no)) {
@@ -63,17 +63,17 @@ public:
     }
 
 private:
-    const side &side_;
+    const Side &side_;
     const Table &table_;
     std::string name_;
     TableReader reader_;
     Slots run_{};
 };
 
-/* Collects entries with the same errors that follow one another. */
-class unreadable_range {
+/* Joins entries that follow one another and have the same errors. */
+class UnreadableRange {
 public:
-    unreadable_range(DiffReport &report, std::string_view table)
+    UnreadableRange(DiffReport &report, std::string_view table)
         : report_(report), range_{table, 0, 0}
     {
     }
@@ -104,15 +104,15 @@ private:
     int error_b_ = 0;
 };
 
-class table_comparison {
+class TableComparison {
 public:
-    table_comparison(const side &a, const side &b, size_t table, DiffReport &report)
+    TableComparison(const Side &a, const Side &b, size_t table, DiffReport &report)
         : table_a_(a.metadata.tables[table]), table_b_(b.metadata.tables[table]), a_(a, table_a_),
           b_(b, table_b_), report_(report), unreadable_(report, table_a_.name)
     {
     }
 
-    /* Whether the tables are equal. */
+    /* Returns whether the tables are equal. */
     bool run(Progress &progress)
     {
         const uint64_t count_a = table_a_.count();
@@ -134,7 +134,7 @@ public:
     }
 
 private:
-    /* Compares the first entries, at most `count`; gives how many. */
+    /* Compares the next entries, at most `count`; returns how many it has compared. */
     uint64_t compare(uint64_t count)
     {
         const int error_a = a_.error();
@@ -157,10 +157,10 @@ private:
 
     const Table &table_a_;
     const Table &table_b_;
-    table_cursor a_;
-    table_cursor b_;
+    TableCursor a_;
+    TableCursor b_;
     DiffReport &report_;
-    unreadable_range unreadable_;
+    UnreadableRange unreadable_;
     bool equal_ = true;
 };
 
@@ -168,13 +168,14 @@ private:
 
 bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report)
 {
-    const side a(path_a);
-    const side b(path_b);
+    const Side a(path_a);
+    const Side b(path_b);
     if (a.metadata.version != b.metadata.version) {
         report.layouts(a.metadata.layout_name, b.metadata.layout_name);
         return false;
     }
-    const size_t tables = a.metadata.tables.size(); /* a layout has always the same */
+    const size_t tables =
+        a.metadata.tables.size(); /* the same number in every device of a layout */
     uint64_t total = 0;
     for (const Table &table : a.metadata.tables) {
         total += table.count();
@@ -182,7 +183,7 @@ bool diff(const std::string &path_a, const std::string &path_b, DiffReport &repo
     Progress progress("diff", total);
     bool equal = true;
     for (size_t table = 0; table < tables; table++) {
-        equal = table_comparison(a, b, table, report).run(progress) && equal;
+        equal = TableComparison(a, b, table, report).run(progress) && equal;
     }
     return equal;
 }

@@ -16,7 +16,7 @@ struct EntryRange {
     uint64_t count;
 };
 
-/* Takes what a comparison of A and B finds, in the order of the tables. */
+/* Takes the differences of A and B, table by table. */
 class DiffReport {
 public:
     DiffReport() = default;
@@ -27,14 +27,14 @@ public:
     virtual void layouts(std::string_view a, std::string_view b) = 0;
     virtual void entry(const Entry &a, const Entry &b) = 0;
 
-    /* The error number with which each of them could not be read; 0: it could be. */
+    /* The error numbers say why the entries cannot be read in A and in B; 0: they can. */
     virtual void unreadable(const EntryRange &range, int error_a, int error_b) = 0;
 
     /* `side`: "a" or "b". */
     virtual void only_in(std::string_view side, const EntryRange &range) = 0;
 };
 
-/* Compares two devices or saved files entry by entry; gives whether they are equal. */
+/* Compares two devices or saved files entry by entry; returns whether they are equal. */
 bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report);
 
 } // namespace tierctl

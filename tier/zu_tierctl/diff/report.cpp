@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fmt/core.h>
 
 namespace tierctl {
 
@@ -15,48 +16,49 @@ std::string error_text(int error)
     return error == ENODATA ? "not in the saved file" : strerror(error);
 }
 
+/* "inode 7", "inode 7..9" */
 std::string range_text(const EntryRange &range)
 {
-    std::string text = std::string(range.table) + ' ' + std::to_string(range.first);
-    return range.count == 1 ? text : text + ".." + std::to_string(range.first + range.count - 1);
+    const std::string text = fmt::format("{} {}", range.table, range.first);
+    return range.count == 1 ? text : fmt::format("{}..{}", text, range.first + range.count - 1);
 }
 
-class text_report : public DiffReport {
+class TextReport : public DiffReport {
 public:
     void layouts(std::string_view a, std::string_view b) override
     {
-        print("layout: " + std::string(a) + " -> " + std::string(b) + '\n');
+        print("layout: {} -> {}\n", a, b);
     }
 
     void entry(const Entry &a, const Entry &b) override
     {
-        print(range_text({a.table.name, a.no, 1}) + '\n');
-        print(differences_text(entry_differences(a, b)));
+        print("{}\n{}", range_text({a.table.name, a.no, 1}),
+              differences_text(entry_differences(a, b)));
     }
 
     void unreadable(const EntryRange &range, int error_a, int error_b) override
     {
-        std::string text = range_text(range) + ": cannot be read";
-        if (error_a != 0) {
-            text += " in A: " + error_text(error_a);
-        }
-        if (error_b != 0) {
-            text.append(error_a != 0 ? ", in B: " : " in B: ").append(error_text(error_b));
-        }
-        print(text + '\n');
+        print("{}: cannot be read{}{}{}\n", range_text(range), in_side("A", error_a),
+              error_a != 0 && error_b != 0 ? "," : "", in_side("B", error_b));
     }
 
     void only_in(std::string_view side, const EntryRange &range) override
     {
-        print(range_text(range) + ": only in " + (side == "a" ? "A" : "B") + '\n');
+        print("{}: only in {}\n", range_text(range), side == "a" ? "A" : "B");
+    }
+
+private:
+    static std::string in_side(const char *side, int error)
+    {
+        return error == 0 ? "" : fmt::format(" in {}: {}", side, error_text(error));
     }
 };
 
-/* "{"kind":"entry","table":"inode","no":7,"count":1" */
+/* The start of a line: {"kind":"entry","table":"inode","no":7,"count":1 */
 std::string json_head(const char *kind, const EntryRange &range)
 {
-    return R"({"kind":")" + std::string(kind) + R"(","table":")" + std::string(range.table) +
-           R"(","no":)" + std::to_string(range.first) + ",\"count\":" + std::to_string(range.count);
+    return fmt::format(R"({{"kind":"{}","table":"{}","no":{},"count":{})", kind, range.table,
+                       range.first, range.count);
 }
 
 std::string json_error(int error)
@@ -64,35 +66,40 @@ std::string json_error(int error)
     return error == 0 ? "null" : json_text(error_text(error));
 }
 
-class json_report : public DiffReport {
+class JsonReport : public DiffReport {
 public:
     void layouts(std::string_view a, std::string_view b) override
     {
-        print(R"({"kind":"layout","a":")" + std::string(a) + R"(","b":")" + std::string(b) +
-              "\"}\n");
+        print(R"({{"kind":"layout","a":"{}","b":"{}"}})"
+              "\n",
+              a, b);
     }
 
     void entry(const Entry &a, const Entry &b) override
     {
         std::string fields;
         for (const Difference &field : entry_differences(a, b)) {
-            fields.append(fields.empty() ? "" : ",").append(R"({"key":")").append(field.key);
-            fields.append(R"(","a":)").append(field.a).append(R"(,"b":)").append(field.b) += '}';
+            fields += fmt::format(R"({}{{"key":"{}","a":{},"b":{}}})", fields.empty() ? "" : ",",
+                                  field.key, field.a, field.b);
         }
-        print(json_head("entry", {a.table.name, a.no, 1}) + R"(,"offset_a":)" +
-              std::to_string(a.table.slot(a.no)) + R"(,"offset_b":)" +
-              std::to_string(b.table.slot(b.no)) + R"(,"fields":[)" + fields + "]}\n");
+        print(R"({},"offset_a":{},"offset_b":{},"fields":[{}]}})"
+              "\n",
+              json_head("entry", {a.table.name, a.no, 1}), a.table.slot(a.no), b.table.slot(b.no),
+              fields);
     }
 
     void unreadable(const EntryRange &range, int error_a, int error_b) override
     {
-        print(json_head("unreadable", range) + ",\"a\":" + json_error(error_a) +
-              ",\"b\":" + json_error(error_b) + "}\n");
+        print(R"({},"a":{},"b":{}}})"
+              "\n",
+              json_head("unreadable", range), json_error(error_a), json_error(error_b));
     }
 
     void only_in(std::string_view side, const EntryRange &range) override
     {
-        print(json_head("only", range) + R"(,"in":")" + std::string(side) + "\"}\n");
+        print(R"({},"in":"{}"}})"
+              "\n",
+              json_head("only", range), side);
     }
 };
 
@@ -100,12 +107,12 @@ public:
 
 std::unique_ptr<DiffReport> make_text_report()
 {
-    return std::make_unique<text_report>();
+    return std::make_unique<TextReport>();
 }
 
 std::unique_ptr<DiffReport> make_json_report()
 {
-    return std::make_unique<json_report>();
+    return std::make_unique<JsonReport>();
 }
 
 } // namespace tierctl

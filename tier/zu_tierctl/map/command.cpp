@@ -31,12 +31,12 @@ constexpr const char MAP_FOOTER[] =
     "Example:\n"
     "  zu_tierctl map --html map.html /dev/nvme0n1";
 
-struct map_options {
+struct MapOptions {
     std::string device;
     std::string html;
 };
 
-/* The value of the variable; empty when it is not set. */
+/* The value of an environment variable; empty when it is not set. */
 std::string variable(const char *name)
 {
     const char *value = getenv(name);
@@ -53,7 +53,7 @@ size_t output_width()
     return std::min<uint64_t>(width != 0 ? width : WIDTH_FALLBACK, WIDTH_MAX);
 }
 
-void write_html(const map_options &options)
+void write_html(const MapOptions &options)
 {
     refuse_existing(options.html);
     NewFile file(options.html);
@@ -63,13 +63,13 @@ void write_html(const map_options &options)
     file.commit(Naming::new_name);
 }
 
-void print_map(const map_options &options)
+void print_map(const MapOptions &options)
 {
     const size_t width = output_width();
     const bool colours = isatty(STDOUT_FILENO) != 0 && variable("NO_COLOR").empty();
     const Map map =
         read_map(options.device, [width](uint64_t last) { return terminal_cells(width, last); });
-    print(draw_terminal(map, width, colours));
+    print_text(draw_terminal(map, width, colours));
     finish_output();
 }
 
@@ -77,7 +77,7 @@ void print_map(const map_options &options)
 
 void add_map(CLI::App &app)
 {
-    const auto options = std::make_shared<map_options>();
+    const auto options = std::make_shared<MapOptions>();
     CLI::App *command = app.add_subcommand("map", MAP_DESCRIPTION);
     command->footer(MAP_FOOTER);
     command->add_option("DEVICE", options->device, "Block device or image, only read")

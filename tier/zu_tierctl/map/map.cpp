@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <fmt/core.h>
 #include <limits>
 #include <map>
 #include <utility>
@@ -26,7 +27,7 @@ constexpr MapAge AGES[] = {
     {"month", 30 * DAY}, {"year", 365 * DAY}, {"older", ANY},
 };
 
-/* No layout has more; what names another one is counted together. */
+/* No layout has more bricks; whatever refers to another number is counted together. */
 constexpr size_t BRICKS = TIER_BRICK_CNT_MAX_V3;
 constexpr uint16_t OTHER_BRICK = BRICKS;
 
@@ -36,12 +37,12 @@ std::string time_text(uint64_t nanoseconds)
     return {text.data(), zutr_put_time(text.data(), nanoseconds)};
 }
 
-/* The brick for which each entry of a table is in use. */
-class brick_numbers {
+/* For each entry of a table the brick for which it is in use. */
+class BrickNumbers {
 public:
     void set(uint64_t no, uint16_t brick)
     {
-        if (no >= States::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB of them */
+        if (no >= States::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB of entries */
             return;                      /* GCOVR_EXCL_LINE */
         }
         if (no >= numbers_.size()) {
@@ -56,13 +57,13 @@ private:
     std::vector<uint16_t> numbers_;
 };
 
-/* The tables of a map while they are read. */
-class table_builder : public Watcher {
+/* Fills the tables of a map while they are read. */
+class TableBuilder : public Watcher {
 public:
-    table_builder(Map &map, const CellsMax &cells_max) : map_(map), cells_max_(cells_max)
+    TableBuilder(Map &map, const CellsMax &cells_max) : map_(map), cells_max_(cells_max)
     {
         for (size_t no = 0; no < BRICKS; no++) {
-            bricks_.push_back({std::to_string(no), "not in use, or damaged"});
+            bricks_.push_back({fmt::format("{}", no), "not in use, or damaged"});
         }
         bricks_.push_back({"other", "not known"});
     }
@@ -73,7 +74,7 @@ public:
     void add_free(uint64_t no) override { add(no, &Counts::free); }
     void add_in_use(const EntryInUse &entry) override;
 
-    /* All has been read. */
+    /* To be called when all tables have been read. */
     void finish();
 
 private:
@@ -90,15 +91,15 @@ private:
 
     Map &map_;
     const CellsMax &cells_max_;
-    std::vector<MapBrick> bricks_;                      /* by number */
-    std::map<std::string_view, brick_numbers> numbers_; /* by table */
-    const brick_numbers *owners_ = nullptr;             /* of the table that entries name */
-    brick_numbers *own_ = nullptr;
+    std::vector<MapBrick> bricks_;                     /* by number */
+    std::map<std::string_view, BrickNumbers> numbers_; /* by table */
+    const BrickNumbers *owners_ = nullptr;             /* of the table that this one refers to */
+    BrickNumbers *own_ = nullptr;                      /* of this table */
     std::vector<uint64_t> accesses_;
 };
 
-void table_builder::begin_table(std::string_view table_name, const Numbering &numbering,
-                                std::string_view owner)
+void TableBuilder::begin_table(std::string_view table_name, const Numbering &numbering,
+                               std::string_view owner)
 {
     owners_ = &numbers_[owner];
     own_ = &numbers_[table_name];
@@ -118,7 +119,7 @@ void table_builder::begin_table(std::string_view table_name, const Numbering &nu
     }
 }
 
-void table_builder::add_lost(uint64_t first_slot, uint64_t slots, State state)
+void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, State state)
 {
     const auto count = state == State::damaged ? &Counts::damaged : &Counts::unreadable;
     const uint64_t a_slot = table().numbering.entries_a_slot();
@@ -133,7 +134,7 @@ void table_builder::add_lost(uint64_t first_slot, uint64_t slots, State state)
     }
 }
 
-void table_builder::add_in_use(const EntryInUse &entry)
+void TableBuilder::add_in_use(const EntryInUse &entry)
 {
     add(entry.no, &Counts::in_use);
     const std::string_view name = table().name;
@@ -151,7 +152,7 @@ void table_builder::add_in_use(const EntryInUse &entry)
     }
     uint16_t brick = owners_->get(*entry.owner);
     if (name == "inode") {
-        /* Also when the brick is not in use. */
+        /* A brick that is not in use counts, too. */
         brick = static_cast<uint16_t>(std::min<uint64_t>(*entry.owner, OTHER_BRICK));
         add_inode(load_record<tier_inode_t>(entry.slot), bricks_[brick]);
     } else if (name == "extent") {
@@ -161,7 +162,7 @@ void table_builder::add_in_use(const EntryInUse &entry)
     own_->set(entry.no, brick);
 }
 
-void table_builder::add_inode(const tier_inode_t &inode, MapBrick &brick)
+void TableBuilder::add_inode(const tier_inode_t &inode, MapBrick &brick)
 {
     brick.inodes++;
     brick.bytes += std::min(inode.i_size, ANY - brick.bytes);
@@ -170,7 +171,7 @@ void table_builder::add_inode(const tier_inode_t &inode, MapBrick &brick)
     }
 }
 
-void table_builder::finish()
+void TableBuilder::finish()
 {
     for (MapBrick &brick : bricks_) {
         if (brick.in_use || brick.inodes != 0 || brick.extents != 0) {
@@ -194,10 +195,10 @@ void table_builder::finish()
     }
 }
 
-/* The findings of a map. */
-class map_report : public Report {
+/* Adds the findings of a check to a map. */
+class MapReport : public Report {
 public:
-    explicit map_report(Map &map) : Report(map.device), map_(map) {}
+    explicit MapReport(Map &map) : Report(map.device), map_(map) {}
 
 private:
     void write(const Finding &finding) override;
@@ -206,7 +207,7 @@ private:
     Map &map_;
 };
 
-void map_report::write(const Finding &finding)
+void MapReport::write(const Finding &finding)
 {
     map_.findings_count++;
     MapTable &table = *std::ranges::find(map_.tables, finding.table, &MapTable::name);
@@ -218,9 +219,9 @@ void map_report::write(const Finding &finding)
         table.cells[index / table.cell_entries].findings++;
     }
     if (map_.findings.size() < Map::FINDINGS_MAX) {
-        std::string about(finding.table);
-        about += finding.unit == "block" ? " block " : " ";
-        map_.findings.push_back({finding.kind.severity, about + std::to_string(finding.no),
+        map_.findings.push_back({finding.kind.severity,
+                                 fmt::format("{}{} {}", finding.table,
+                                             finding.unit == "block" ? " block" : "", finding.no),
                                  finding.text, command(finding)});
     }
 }
@@ -260,8 +261,8 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max)
         map.identity = zutr_uuid_utoa(super.sb_uuid);
         map.created = time_text(super.sb_ctime);
     });
-    table_builder tables(map, cells_max);
-    map_report report(map);
+    TableBuilder tables(map, cells_max);
+    MapReport report(map);
     check_metadata({.device = device_path}, device, metadata, report, &tables);
     tables.finish();
     return map;
@@ -271,26 +272,26 @@ std::string bytes_text(uint64_t bytes)
 {
     constexpr const char *UNITS[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     if (bytes < 1024) {
-        return std::to_string(bytes);
+        return fmt::format("{}", bytes);
     }
-    const size_t thousands = (std::bit_width(bytes) - 1) / 10; /* factors of 1024 */
-    const double unit = std::ldexp(1.0, static_cast<int>(10 * thousands));
-    return format_text("%.1f %s", static_cast<double>(bytes) / unit, UNITS[thousands - 1]);
+    const size_t power = (std::bit_width(bytes) - 1) / 10; /* of 1024 */
+    const double unit = std::ldexp(1.0, static_cast<int>(10 * power));
+    return fmt::format("{:.1f} {}", static_cast<double>(bytes) / unit, UNITS[power - 1]);
 }
 
 std::string counts_text(const Counts &counts, uint64_t findings)
 {
     const std::pair<uint64_t, const char *> parts[] = {
-        {counts.in_use, " in use"},
-        {counts.free, " free"},
-        {counts.damaged, " damaged"},
-        {counts.unreadable, " unreadable"},
-        {findings, findings == 1 ? " finding" : " findings"},
+        {counts.in_use, "in use"},
+        {counts.free, "free"},
+        {counts.damaged, "damaged"},
+        {counts.unreadable, "unreadable"},
+        {findings, findings == 1 ? "finding" : "findings"},
     };
     std::string text;
     for (const auto &[count, what] : parts) {
         if (count != 0) {
-            text += (text.empty() ? "" : ", ") + std::to_string(count) + what;
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count, what);
         }
     }
     return text.empty() ? "nothing" : text;

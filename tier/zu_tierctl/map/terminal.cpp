@@ -2,6 +2,7 @@
 #include "zu_tierctl/map/map.h"
 
 #include <algorithm>
+#include <fmt/core.h>
 #include <utility>
 
 namespace tierctl {
@@ -10,30 +11,30 @@ namespace {
 
 constexpr size_t ROWS_MAX = 12; /* of a table's grid, and of bricks */
 constexpr size_t BAR_WIDTH = 16;
-constexpr size_t PATH_MIN = 12; /* a shorter end of a path says nothing */
+constexpr size_t PATH_MIN = 12; /* fewer characters of a path would say nothing */
 
-/* Widths of the columns about bricks and ages, in lines that have room for them. */
+/* Widths of the columns about bricks and ages, where a line has room for all of them. */
 constexpr size_t NAME_WIDTH = 7;
 constexpr size_t INODES_WIDTH = 9;
 constexpr size_t BYTES_WIDTH = 12;
 constexpr size_t EXTENTS_WIDTH = 11;
 constexpr size_t COLUMNS_WIDTH = NAME_WIDTH + INODES_WIDTH + BYTES_WIDTH + EXTENTS_WIDTH;
 
-using text_style = const char *; /* parameters of the escape sequence that sets it */
+using TextStyle = const char *; /* parameters of its escape sequence */
 
-constexpr text_style PLAIN = "";
-constexpr text_style BOLD = "1";
-constexpr text_style DIM = "2";
-constexpr text_style USE = "36";
+constexpr TextStyle PLAIN = "";
+constexpr TextStyle BOLD = "1";
+constexpr TextStyle DIM = "2";
+constexpr TextStyle USE = "36";
 
-struct look_marks {
+struct LookMarks {
     Look look;
-    text_style colour;
-    const char *mark; /* null: by how much is in use */
+    TextStyle colour;
+    const char *mark; /* null: one of RISING, by how much is in use */
     const char *name;
 };
 
-constexpr look_marks LOOKS[] = {
+constexpr LookMarks LOOKS[] = {
     {Look::in_use, USE, nullptr, "in use, part to all;"},
     {Look::free, DIM, "·", "free;"},
     {Look::finding, "1;33", "!", "finding;"},
@@ -41,8 +42,9 @@ constexpr look_marks LOOKS[] = {
     {Look::unreadable, "1;35", "?", "unreadable"},
 };
 
-constexpr const char *UPRIGHT[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-constexpr const char *LYING[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
+/* Blocks of which so many eighths are filled, from below and from the left. */
+constexpr const char *RISING[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char *ADVANCING[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
 
 bool begins_character(char byte)
 {
@@ -63,20 +65,20 @@ std::string bar(uint64_t part, uint64_t whole)
     const auto length = std::max<size_t>(1, static_cast<size_t>(eighths));
     std::string text;
     for (size_t i = 0; i < length / 8; i++) {
-        text += UPRIGHT[8];
+        text += RISING[8];
     }
-    return text + LYING[length % 8];
+    return text + ADVANCING[length % 8];
 }
 
-/* Lines no longer than the width. */
-class lines {
+/* Text in lines of at most `width` characters. */
+class Lines {
 public:
-    lines(size_t width, bool colours) : width_(width), colours_(colours) {}
+    Lines(size_t width, bool colours) : width_(width), colours_(colours) {}
 
     size_t width() const { return width_; }
 
-    /* Goes on in the next line where this one is full. */
-    void add(text_style style, std::string_view text)
+    /* Breaks a line where it is full. */
+    void add(TextStyle style, std::string_view text)
     {
         for (const char byte : text) {
             if (begins_character(byte) && column_++ == width_) {
@@ -92,7 +94,7 @@ public:
     }
 
     /* Breaks lines between words. */
-    void add_words(text_style style, std::string_view text)
+    void add_words(TextStyle style, std::string_view text)
     {
         while (!text.empty()) {
             const std::string_view word = text.substr(0, text.find(' '));
@@ -107,7 +109,7 @@ public:
         }
     }
 
-    /* Goes on in the next line if so many characters fit there, but not in this one. */
+    /* Begins a new line when so many characters fit there, but not in this one. */
     void keep_together(size_t length)
     {
         if (column_ != 0 && column_ + 1 + length > width_ && length <= width_) {
@@ -115,14 +117,14 @@ public:
         }
     }
 
-    void add_phrase(text_style style, std::string_view text)
+    void add_phrase(TextStyle style, std::string_view text)
     {
         keep_together(columns(text));
         add_words(style, text);
     }
 
-    /* At the right of a column, where that fits; else as a word. */
-    void add_column(text_style style, const std::string &text, size_t width)
+    /* Aligned to the right of a column where that fits, otherwise as words. */
+    void add_column(TextStyle style, const std::string &text, size_t width)
     {
         if (width_ < COLUMNS_WIDTH || text.size() >= width) {
             add_words(style, text);
@@ -147,33 +149,34 @@ private:
     size_t width_;
     bool colours_;
     size_t column_ = 0;
-    text_style style_ = PLAIN;
+    TextStyle style_ = PLAIN;
     std::string text_;
 };
 
-/* In front of each row of a grid stands the number of its first entry, if that leaves enough room
- * for the row. */
+/* Each row of a grid begins with the number of its first entry, unless that would take half of the
+ * width or more. */
 size_t label_width(size_t width, uint64_t last)
 {
-    const size_t label = std::to_string(last).size() + 1;
+    const size_t label = fmt::formatted_size("{} ", last);
     return 2 * label < width ? label : 0;
 }
 
-void draw_head(const Map &map, lines &lines)
+void draw_head(const Map &map, Lines &lines)
 {
     lines.add_words(BOLD, shown_text(map.device));
     lines.end_line();
-    lines.add_phrase(PLAIN, "layout " + std::string(map.layout) + ",");
-    lines.add_phrase(PLAIN, "cache " + map.identity + ",");
-    lines.add_phrase(PLAIN, "created " + map.created + (map.accessed.empty() ? "" : ","));
+    lines.add_phrase(PLAIN, fmt::format("layout {},", map.layout));
+    lines.add_phrase(PLAIN, fmt::format("cache {},", map.identity));
+    lines.add_phrase(PLAIN,
+                     fmt::format("created {}{}", map.created, map.accessed.empty() ? "" : ","));
     if (!map.accessed.empty()) {
-        lines.add_phrase(PLAIN, "last access " + map.accessed);
+        lines.add_phrase(PLAIN, fmt::format("last access {}", map.accessed));
     }
     lines.end_line();
-    for (const look_marks &look : LOOKS) {
+    for (const LookMarks &look : LOOKS) {
         std::string marks = look.mark != nullptr ? look.mark : "";
         for (size_t level = 1; look.mark == nullptr && level <= 8; level++) {
-            marks += UPRIGHT[level];
+            marks += RISING[level];
         }
         lines.keep_together(columns(marks) + 1 + columns(look.name));
         lines.add_words(look.colour, marks);
@@ -182,19 +185,19 @@ void draw_head(const Map &map, lines &lines)
     lines.end_line();
 }
 
-void draw_cell(const MapCell &cell, lines &lines)
+void draw_cell(const MapCell &cell, Lines &lines)
 {
-    const auto &look = *std::ranges::find(LOOKS, cell.look(), &look_marks::look);
-    lines.add(look.colour, look.mark != nullptr ? look.mark : UPRIGHT[cell.level()]);
+    const auto &look = *std::ranges::find(LOOKS, cell.look(), &LookMarks::look);
+    lines.add(look.colour, look.mark != nullptr ? look.mark : RISING[cell.level()]);
 }
 
-void draw_table(const MapTable &table, lines &lines)
+void draw_table(const MapTable &table, Lines &lines)
 {
     lines.end_line();
-    lines.add_words(BOLD, std::string(table.name));
+    lines.add_words(BOLD, table.name);
     lines.add_words(PLAIN, counts_text(table.counts, table.findings));
     if (table.cell_entries > 1) {
-        lines.add_phrase(DIM, format_text("(%lu entries a cell)", table.cell_entries));
+        lines.add_phrase(DIM, fmt::format("({} entries a cell)", table.cell_entries));
     }
     lines.end_line();
     const uint64_t last = table.cells.empty() ? 0 : table.cells.back().last;
@@ -202,7 +205,7 @@ void draw_table(const MapTable &table, lines &lines)
     const size_t row = lines.width() - label;
     for (size_t i = 0; i < table.cells.size(); i++) {
         if (i % row == 0 && label != 0) {
-            lines.add(DIM, format_text("%*lu ", static_cast<int>(label - 1), table.cells[i].first));
+            lines.add(DIM, fmt::format("{:>{}} ", table.cells[i].first, label - 1));
         }
         draw_cell(table.cells[i], lines);
         if (i % row == row - 1 || i + 1 == table.cells.size()) {
@@ -211,18 +214,18 @@ void draw_table(const MapTable &table, lines &lines)
     }
 }
 
-/* The end of a path tells more than its beginning. */
+/* The end of a path says more than its start. */
 std::string path_end(const std::string &path, size_t width)
 {
     return path.size() <= width ? path : "…" + path.substr(path.size() - width + 1);
 }
 
-void draw_brick(const MapBrick &brick, uint64_t most, lines &lines)
+void draw_brick(const MapBrick &brick, uint64_t most, Lines &lines)
 {
     lines.add_column(BOLD, brick.name, NAME_WIDTH);
-    lines.add_column(PLAIN, std::to_string(brick.inodes), INODES_WIDTH);
+    lines.add_column(PLAIN, fmt::format("{}", brick.inodes), INODES_WIDTH);
     lines.add_column(PLAIN, bytes_text(brick.bytes), BYTES_WIDTH);
-    lines.add_column(PLAIN, std::to_string(brick.extents), EXTENTS_WIDTH);
+    lines.add_column(PLAIN, fmt::format("{}", brick.extents), EXTENTS_WIDTH);
     if (lines.width() > COLUMNS_WIDTH + BAR_WIDTH) {
         const std::string drawn = bar(brick.extents, most);
         lines.add(USE, ' ' + drawn + std::string(BAR_WIDTH - columns(drawn), ' '));
@@ -234,7 +237,7 @@ void draw_brick(const MapBrick &brick, uint64_t most, lines &lines)
     lines.end_line();
 }
 
-void draw_bricks(const Map &map, lines &lines)
+void draw_bricks(const Map &map, Lines &lines)
 {
     lines.end_line();
     lines.add_column(BOLD, "brick", NAME_WIDTH);
@@ -246,12 +249,12 @@ void draw_bricks(const Map &map, lines &lines)
         draw_brick(map.bricks[i], map.bricks.front().extents, lines);
     }
     if (map.bricks.size() > ROWS_MAX) {
-        lines.add_words(PLAIN, format_text("and %zu more", map.bricks.size() - ROWS_MAX));
+        lines.add_words(PLAIN, fmt::format("and {} more", map.bricks.size() - ROWS_MAX));
         lines.end_line();
     }
 }
 
-void draw_ages(const Map &map, lines &lines)
+void draw_ages(const Map &map, Lines &lines)
 {
     lines.end_line();
     lines.add_words(BOLD, "inodes by the time from their last access to the newest one");
@@ -259,7 +262,7 @@ void draw_ages(const Map &map, lines &lines)
     const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::inodes).inodes;
     for (const MapAge &age : map.ages) {
         lines.add_column(BOLD, std::string(age.name), NAME_WIDTH);
-        lines.add_column(PLAIN, std::to_string(age.inodes), INODES_WIDTH);
+        lines.add_column(PLAIN, fmt::format("{}", age.inodes), INODES_WIDTH);
         lines.add_words(USE, bar(age.inodes, most));
         lines.end_line();
     }
@@ -274,7 +277,7 @@ size_t terminal_cells(size_t width, uint64_t last)
 
 std::string draw_terminal(const Map &map, size_t width, bool colours)
 {
-    lines lines(width, colours);
+    Lines lines(width, colours);
     draw_head(map, lines);
     for (const MapTable &table : map.tables) {
         draw_table(table, lines);
@@ -283,7 +286,7 @@ std::string draw_terminal(const Map &map, size_t width, bool colours)
     draw_ages(map, lines);
     if (map.findings_count != 0) {
         lines.end_line();
-        lines.add_words(BOLD, format_text("%lu", map.findings_count));
+        lines.add_words(BOLD, fmt::format("{}", map.findings_count));
         lines.add_words(PLAIN, "findings; to see them:");
         lines.add_phrase(PLAIN, "zu_tierctl check " + shown_text(shell_word(map.device)));
         lines.end_line();

@@ -6,25 +6,25 @@
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/entry/entry.h"
 
-#include <cstdio>
 #include <cstring>
+#include <fmt/core.h>
 #include <new>
 
 namespace tierctl {
 
 namespace {
 
-/* A block's memory, fit for direct access. */
-class block {
+/* Memory of one block, aligned for direct access. */
+class Block {
 public:
-    block()
+    Block()
     {
         if (zutr_alloc_aligned(SIZE_4K, &memory_) != 0) {
             throw std::bad_alloc();
         }
     }
     uint8_t *data() const { return memory_.get(); }
-    bool operator==(const block &other) const { return memcmp(data(), other.data(), SIZE_4K) == 0; }
+    bool operator==(const Block &other) const { return memcmp(data(), other.data(), SIZE_4K) == 0; }
 
 private:
     zutr_buffer memory_;
@@ -36,11 +36,10 @@ public:
         : options_(options), saved_(options.saved, Access::read_only),
           device_(options.device, options.commit ? Access::exclusive : Access::read_only),
           metadata_(read_metadata(saved_)), table_(find_table(metadata_.tables, options.table)),
-          name_(options.table + ' ' + std::to_string(options.no))
+          name_(fmt::format("{} {}", options.table, options.no))
     {
         if (options.no >= table_.count()) {
-            throw UsageError(name_ + ": the table has " + std::to_string(table_.count()) +
-                             " entries");
+            throw UsageError(fmt::format("{}: the table has {} entries", name_, table_.count()));
         }
         offset_ = table_.slot(options.no);
     }
@@ -49,9 +48,9 @@ public:
     {
         require_same_device();
         load_saved();
-        load_present();
-        if (present_is_read_ && present_ == then_) {
-            print(name_ + " is the same in both: nothing to do\n");
+        load_now();
+        if (now_is_read_ && now_ == then_) {
+            print("{} is the same in both: nothing to do\n", name_);
             finish_output();
             return;
         }
@@ -59,22 +58,20 @@ public:
         if (options_.commit) {
             write();
         } else {
-            fprintf(stderr, "zu_tierctl: nothing was written: --commit writes it\n");
+            complain("nothing was written: --commit writes it");
         }
     }
 
 private:
-    /* The super block that is to be put back cannot be compared: it may be damaged now. */
+    /* A super block that is to be put back may be damaged now: then only the sizes are compared. */
     void require_same_device() const
     {
-        if (table_.name == SUPER_TABLE) {
-            if (saved_.size() != device_.size()) {
-                throw std::runtime_error("the sizes of " + saved_.path() + " and " +
-                                         device_.path() + " differ");
-            }
-        } else if (read_metadata(device_).super_block != metadata_.super_block) {
-            throw std::runtime_error("the super blocks of " + saved_.path() + " and " +
-                                     device_.path() + " differ");
+        const bool is_super = table_.name == SUPER_TABLE;
+        if (is_super ? saved_.size() != device_.size()
+                     : read_metadata(device_).super_block != metadata_.super_block) {
+            throw std::runtime_error(fmt::format("the {} of {} and {} differ",
+                                                 is_super ? "sizes" : "super blocks", saved_.path(),
+                                                 device_.path()));
         }
     }
 
@@ -92,11 +89,11 @@ private:
         }
     }
 
-    /* A block that cannot be read may well be written. */
-    void load_present()
+    /* A block that cannot be read now can perhaps be written. One outside the device cannot. */
+    void load_now()
     {
-        present_is_read_ = device_.read(offset_, present_.data(), SIZE_4K);
-        if (!present_is_read_ && errno == ENXIO) {
+        now_is_read_ = device_.read(offset_, now_.data(), SIZE_4K);
+        if (!now_is_read_ && errno == ENXIO) {
             throw_errno("cannot read " + name_ + " in " + device_.path());
         }
         error_ = errno;
@@ -105,24 +102,23 @@ private:
     void show() const
     {
         const Entry then{metadata_, table_, options_.no, then_.data()};
-        const Entry now{metadata_, table_, options_.no, present_.data()};
-        const std::string text =
-            present_is_read_ ? entry_text(now) : std::string("cannot be read: ") + strerror(error_);
-        print(name_ + " at byte " + std::to_string(offset_) + "\nnow:  " + text +
-              "\nthen: " + entry_text(then) + '\n');
-        if (present_is_read_) {
-            print(differences_text(entry_differences(now, then)));
+        const Entry now{metadata_, table_, options_.no, now_.data()};
+        print("{} at byte {}\nnow:  {}\nthen: {}\n", name_, offset_,
+              now_is_read_ ? entry_text(now) : fmt::format("cannot be read: {}", strerror(error_)),
+              entry_text(then));
+        if (now_is_read_) {
+            print_text(differences_text(entry_differences(now, then)));
         }
-        finish_output(); /* nobody shall miss what is about to be written */
+        finish_output(); /* nothing is written before the operator could see what it replaces */
     }
 
     void write()
     {
         device_.write_block(offset_, then_.data());
-        if (!device_.read(offset_, present_.data(), SIZE_4K)) {
+        if (!device_.read(offset_, now_.data(), SIZE_4K)) {
             throw_errno("cannot read back " + name_ + " from " + device_.path());
         }
-        if (!(present_ == then_)) {
+        if (now_ != then_) {
             throw std::runtime_error(name_ + " reads back otherwise than it was written to " +
                                      device_.path());
         }
@@ -137,10 +133,10 @@ private:
     const Table &table_;
     std::string name_;
     int64_t offset_ = 0;
-    block then_;
-    block present_;
-    bool present_is_read_ = false;
-    int error_ = 0;
+    Block then_;
+    Block now_;
+    bool now_is_read_ = false;
+    int error_ = 0; /* error number that says why not */
 };
 
 } // namespace

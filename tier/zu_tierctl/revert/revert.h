@@ -13,7 +13,7 @@ struct RevertOptions {
     bool commit = false;
 };
 
-/* Shows what an entry of the device is and what it was in a saved file and, with `commit`, puts its
+/* Shows an entry as it is on the device and as it was in a saved file and, with `commit`, puts its
  * block back. Throws, with nothing written, when the block must not be put back. */
 void revert(const RevertOptions &options);
 

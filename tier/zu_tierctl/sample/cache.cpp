@@ -1,6 +1,7 @@
 #include "zu_tierctl/sample/cache.h"
 
 #include <algorithm>
+#include <fmt/core.h>
 #include <string_view>
 
 namespace tierctl {
@@ -16,7 +17,7 @@ static_assert(BRICK_DIRECTORY.size() + TIER_SSD_UUID_LEN + 1 + UUID_TEXT_LEN == 
 
 constexpr uint64_t PAGES_A_WORD = 64;
 
-/* An extent head and a bitmap that has a bit for every 4096-byte page of a block. */
+/* Bytes of an extent head and of a bitmap with a bit for every 4096-byte page of a block. */
 uint32_t extent_size_for(uint32_t block_size)
 {
     const uint64_t pages = block_size / SIZE_4K;
@@ -57,8 +58,8 @@ tier_brick_info_t SampleCache::brick(uint32_t magic, uint64_t no)
 void SampleCache::use_brick(tier_brick_info_t *brick)
 {
     brick->bi_use = 1;
-    std::string path(BRICK_DIRECTORY);
-    path += random_.volume_id() + '/' + zutr_uuid_utoa(brick->bi_uuid);
+    const std::string path = fmt::format("{}{}/{}", BRICK_DIRECTORY, random_.volume_id(),
+                                         zutr_uuid_utoa(brick->bi_uuid));
     path.copy(brick->bi_brickid, sizeof(brick->bi_brickid) - 1);
     bricks_.push_back(brick->bi_no);
 }
@@ -87,11 +88,11 @@ void SampleCache::use_inode(tier_inode_t *inode)
     random_.uuid(inode->i_uuid);
     inode->i_priority = static_cast<uint32_t>(random_.below(8));
     inode->i_brick_no = bricks_[random_.below(bricks_.size())];
-    /* On average the files in use need about as many blocks as there are extents in use. */
+    /* On average, the files in use then need about as many blocks as there are extents in use. */
     const uint64_t blocks = std::max(1U, sizes_[BLOCKS] / inode_sum_);
     inode->i_size = 1 + random_.below(2 * blocks * sizes_[BLOCK_SIZE]);
 
-    cached_file file{inode->i_no, 0, inode->i_size, inode->i_atime};
+    CachedFile file{inode->i_no, 0, inode->i_size, inode->i_atime};
     memcpy(&file.identity, inode->i_uuid, sizeof(file.identity));
     files_.push_back(file);
 }
@@ -108,12 +109,13 @@ tier_extent_t SampleCache::extent(uint64_t no, std::optional<Held> *held)
 
 Held SampleCache::use_extent(tier_extent_t *extent)
 {
-    const cached_file &file = files_[file_];
+    const CachedFile &file = files_[file_];
     const uint64_t block_size = sizes_[BLOCK_SIZE];
-    const uint64_t behind = file.size - block_ * block_size;
-    const uint64_t length = std::min(behind, block_size);
+    const uint64_t rest = file.size - block_ * block_size;
+    const uint64_t length = std::min(rest, block_size);
     const uint64_t pages = tier_round_up(length, SIZE_4K) / SIZE_4K;
-    const uint64_t first = random_.one_in(4) ? random_.below(pages) : 0; /* some lack their head */
+    const uint64_t first =
+        random_.one_in(4) ? random_.below(pages) : 0; /* some blocks lack their first pages */
 
     extent->te_use = 1;
     extent->te_block = block_;
@@ -127,7 +129,7 @@ Held SampleCache::use_extent(tier_extent_t *extent)
     extent->te_hot = random_.below(10000);
 
     block_++;
-    if (length == behind) {
+    if (length == rest) {
         file_++;
         block_ = 0;
     }

@@ -16,15 +16,15 @@
 
 namespace tierctl {
 
-/* What sample devices have in common: which files are cached and, in V1 and V2, where. */
+/* What the samples of all layouts have in common: which files are cached and, in V1 and V2, where.
+ */
 
 constexpr uint64_t SAMPLE_CTIME = SAMPLE_YEAR_START * NANOSECONDS;
 
-/* The layouts themselves have no limit; this one keeps the extent table of a sample within 4 GiB.
- */
+/* The layouts themselves set no limit; this one keeps a sample's extent table within 4 GiB. */
 constexpr uint32_t BLOCKS_MAX = 1048576;
 
-/* The sizes of V1, from which those of V2 go on. */
+/* The sizes of V1; those of V2 are the same but for a few. */
 constexpr std::array<Bounds, SIZES> CACHE_BOUNDS = {{
     {1, TIER_BRICK_CNT_MAX, 1, 4},
     {1, TIER_INODE_CNT_MAX, 1, 64},
@@ -37,16 +37,15 @@ constexpr std::array<Bounds, SIZES> CACHE_BOUNDS = {{
     NO_BOUNDS,
 }};
 
-/* The part of a file's block that an extent holds: pages of 4096 bytes, and the bytes of the block
- * up to the end of the file, which may lie within the last page. */
+/* The part of a file's block that an extent holds. */
 struct Held {
-    uint64_t begin;
-    uint64_t end;
-    uint64_t length;
+    uint64_t begin;  /* first page of 4096 bytes */
+    uint64_t end;    /* page after the last */
+    uint64_t length; /* bytes of the block up to the end of the file, which may be within a page */
 };
 
-/* Makes the entries of the tables, each in order of number, bricks before inodes before extents: a
- * table draws on what the tables before it hold. */
+/* Makes the entries of the tables: bricks first, then inodes, then extents, each in the order of
+ * their numbers. A table refers to entries of the tables before it. */
 class SampleCache {
 public:
     SampleCache(const Sizes &sizes, uint64_t seed);
@@ -56,22 +55,23 @@ public:
     /* The identities of the cache and of its SSD. */
     void identify(uint8_t (&uuid)[16], char (&volume_id)[48]) const;
 
-    /* A super block of V1 or V2, of that magic and version, complete but for what only one has. */
+    /* A super block of V1 or V2 without the fields that only one of them has. */
     template <class Super>
     Super super(uint32_t magic, uint32_t version) const;
 
     tier_brick_info_t brick(uint32_t magic, uint64_t no);
     tier_inode_t inode(uint32_t magic, uint64_t no);
 
-    /* The head of an extent; `held` is what it holds, if it is in use. */
+    /* The head of an extent; sets `held` when it is in use. */
     tier_extent_t extent(uint64_t no, std::optional<Held> *held);
 
-    /* Sets the bits of the pages `begin`..`end` - 1 that the bitmap of the extent has room for. */
+    /* Sets the bits of the pages `begin`..`end` - 1, as far as the bitmap of the extent has room.
+     */
     void hold(uint8_t *slot, uint64_t begin, uint64_t end) const;
 
 private:
-    /* What the extents of a file need to know of its inode. */
-    struct cached_file {
+    /* What the extents of a file copy from its inode. */
+    struct CachedFile {
         uint32_t inode_no;
         uint32_t identity;
         uint64_t size;
@@ -83,14 +83,14 @@ private:
     Held use_extent(tier_extent_t *extent);
 
     Sizes sizes_;
-    uint32_t inode_sum_; /* with those of the expansion area */
+    uint32_t inode_sum_; /* including those of the expansion area */
     Random random_;
     uint8_t uuid_[16];
     std::string volume_id_;
     std::vector<uint32_t> bricks_; /* in use */
-    std::vector<cached_file> files_;
-    size_t file_ = 0;    /* the file that the next extent belongs to */
-    uint32_t block_ = 0; /* and the block of it */
+    std::vector<CachedFile> files_;
+    size_t file_ = 0;    /* index of the file of the next extent */
+    uint32_t block_ = 0; /* and the block of that file */
 };
 
 template <class Super>
@@ -120,9 +120,7 @@ void put(uint8_t *slot, const Record &record)
     memcpy(slot, &record, sizeof(record));
 }
 
-/* Tables with what `sample` makes for them. */
-
-/* `tables` is that of the whole device; each gets the content that `sample` makes for it. */
+/* The brick table, one of `tables`, with the entries that `sample` makes. */
 template <class Sample>
 SampleTable sample_bricks(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)
 {
@@ -130,6 +128,7 @@ SampleTable sample_bricks(const std::shared_ptr<Sample> &sample, const std::vect
             [sample](uint64_t no, uint8_t *slot) { put(slot, sample->brick(no)); }};
 }
 
+/* The same for the inode table. */
 template <class Sample>
 SampleTable sample_inodes(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)
 {
@@ -137,15 +136,16 @@ SampleTable sample_inodes(const std::shared_ptr<Sample> &sample, const std::vect
             [sample](uint64_t no, uint8_t *slot) { put(slot, sample->inode(no)); }};
 }
 
-/* To be the last one: a device whose tables are incomplete is not to look like a good one. */
+/* The super block. It has to be written last: a device whose tables are incomplete must not look
+ * like a good one. */
 template <class Super>
 SampleTable sample_super(const Super &super, const std::vector<Table> &tables)
 {
     return {find_table(tables, "super"), [super](uint64_t, uint8_t *slot) { put(slot, super); }};
 }
 
-/* The plan of a device of `device_size` bytes under the super block `super` of V1 or V2, whose
- * tables are those that `sample` makes. */
+/* The plan of a device of V1 or V2 with the super block `super` and the entries that `sample`
+ * makes. */
 template <class Sample, class Super>
 SamplePlan sample_plan(const std::shared_ptr<Sample> &sample, const Super &super,
                        const std::vector<Table> &tables, uint64_t device_size)

@@ -4,6 +4,7 @@
 #include "zu_tierctl/sample/sample.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/core.h>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -13,7 +14,7 @@ namespace tierctl {
 
 namespace {
 
-constexpr const char SAMPLE_EXAMPLE[] =
+constexpr const char SAMPLE_FOOTER[] =
     "Example, a device with two damaged entries, and what zu_tier says of one of its tables:\n"
     "  zu_tierctl sample --layout v1 --inodes 1000 --damage inode:7 --damage extent:3:number "
     "tier.img\n"
@@ -30,21 +31,22 @@ constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
 std::string conversion_help()
 {
     const Layout &layout = SAMPLE_LAYOUT_FOR_CONVERSION;
-    return "Make a device that convert_super accepts: the tables of v2\n"
-           "under the super block of " +
-           std::string(layout.name) + "; sizes as for v2, but\n" + SIZE_OPTIONS[BLOCKS].name + " " +
-           bounds_text(layout.bounds[BLOCKS]) + " and no " + SIZE_OPTIONS[EXPANSION].name;
+    return fmt::format("Make a device that convert_super accepts: the tables of v2\n"
+                       "under the super block of {}; sizes as for v2, but\n"
+                       "{} {} and no {}",
+                       layout.name, SIZE_OPTIONS[BLOCKS].name, bounds_text(layout.bounds[BLOCKS]),
+                       SIZE_OPTIONS[EXPANSION].name);
 }
 
-/* The option's meaning and, a line each, "v1: 1..300, default 4". */
+/* The option's meaning and, in a line for each layout, "v1: 1..300, default 4". */
 std::string size_help(size_t size)
 {
     std::string text = SIZE_OPTIONS[size].meaning;
     for (const Layout *layout : layouts()) {
         const Bounds &bounds = layout->bounds[size];
-        text += '\n' + std::string(layout->name) + ": " + bounds_text(bounds);
+        text += fmt::format("\n{}: {}", layout->name, bounds_text(bounds));
         if (bounds.fallback != 0) {
-            text += ", default " + std::to_string(bounds.fallback);
+            text += fmt::format(", default {}", bounds.fallback);
         }
     }
     return text;
@@ -54,21 +56,21 @@ std::string layout_help()
 {
     std::string names;
     for (const Layout *layout : layouts()) {
-        names += (names.empty() ? "" : ", ") + std::string(layout->name);
+        names += fmt::format("{}{}", names.empty() ? "" : ", ", layout->name);
     }
     return "Layout of the device: " + names;
 }
 
 std::string seed_help()
 {
-    return "Seed of everything random, default " + std::to_string(SampleOptions{}.seed) +
-           "\n"
-           "The same arguments give the same bytes: times lie in the year\n"
-           "before " +
-           std::string(SAMPLE_DATE);
+    return fmt::format("Seed of everything random, default {}\n"
+                       "The same arguments give the same bytes: times lie in the year\n"
+                       "before {}",
+                       SampleOptions{}.seed, SAMPLE_DATE);
 }
 
-/* The library's own reading of numbers takes -1 for the largest one and 010 for 8. */
+/* Adds an option with a number. The library itself would read -1 as the largest number and 010 as
+ * 8. */
 void add_number(CLI::App *command, const std::string &name,
                 const std::function<void(uint64_t)> &store, const std::string &help)
 {
@@ -88,7 +90,7 @@ void add_sample(CLI::App &app)
 {
     const auto options = std::make_shared<SampleOptions>();
     CLI::App *command = app.add_subcommand("sample", "Write the image of a sample device");
-    command->footer(SAMPLE_EXAMPLE);
+    command->footer(SAMPLE_FOOTER);
     command->get_formatter()->column_width(32);
     command->add_option("FILE", options->file, "File, or with --force block device, to write")
         ->type_name("")

@@ -7,13 +7,14 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <fmt/core.h>
 #include <optional>
 #include <string_view>
 
 namespace tierctl {
 
-/* Every kind but "zero" flips a single bit, which a checksum never misses. With the magic and the
- * number it is made right again, so that nothing but them is wrong. */
+/* Every kind but "zero" flips a single bit, which every checksum notices. After a flip in the magic
+ * or in the number the slot is sealed again, so that nothing else is wrong. */
 struct DamageKind {
     std::string_view name;
     bool (*applies)(const Table &table);
@@ -61,7 +62,7 @@ bool always(const Table &)
 
 void spoil_checksum(const Table &, uint8_t *slot, Random &)
 {
-    flip(slot, 0); /* part of every checksum */
+    flip(slot, 0); /* a bit of the checksum in every layout */
 }
 
 void spoil_any_bit(const Table &table, uint8_t *slot, Random &random)
@@ -80,12 +81,12 @@ constexpr DamageKind KINDS[] = {
     {"bit", always, spoil_any_bit},
 };
 
-[[noreturn]] void refuse(const std::string &text, const std::string &why)
+[[noreturn]] void refuse(std::string_view text, std::string_view why)
 {
-    throw UsageError("--damage " + text + ": " + why);
+    throw UsageError(fmt::format("--damage {}: {}", text, why));
 }
 
-/* "inode:7:bit" in its parts. */
+/* The parts of "inode:7:bit". */
 std::vector<std::string_view> split(std::string_view text)
 {
     std::vector<std::string_view> parts;
@@ -99,10 +100,11 @@ std::vector<std::string_view> split(std::string_view text)
     }
 }
 
-/* The item of that name among those of `list` that apply. */
+/* The item called `name` among those of `list` that apply. `what` names the list in the complaint
+ * about `text` when there is none. */
 template <class List, class Applies>
-const auto &find(const List &list, std::string_view name, const std::string &text,
-                 const std::string &what, const Applies &applies)
+const auto &find(const List &list, std::string_view name, const std::string &text, const char *what,
+                 const Applies &applies)
 {
     std::string known;
     for (const auto &item : list) {
@@ -112,10 +114,9 @@ const auto &find(const List &list, std::string_view name, const std::string &tex
         if (item.name == name) {
             return item;
         }
-        known += known.empty() ? "" : ", ";
-        known += item.name;
+        known += fmt::format("{}{}", known.empty() ? "" : ", ", item.name);
     }
-    refuse(text, "expected one of the " + what + " " + known);
+    refuse(text, fmt::format("expected one of the {} {}", what, known));
 }
 
 const DamageKind &choose_kind(const Table &table, std::span<const std::string_view> parts,
@@ -137,7 +138,7 @@ Damage parse(const std::string &text, std::span<const Table> tables)
     const Table &table = find(tables, parts[0], text, "tables", [](const auto &) { return true; });
     const std::optional<uint64_t> no = parse_number(parts[1]);
     if (!no || *no >= table.count()) {
-        refuse(text, "expected an entry of 0.." + std::to_string(table.count() - 1));
+        refuse(text, fmt::format("expected an entry of 0..{}", table.count() - 1));
     }
     return {&table, *no, &choose_kind(table, parts, text)};
 }

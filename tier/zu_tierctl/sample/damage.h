@@ -19,8 +19,8 @@ struct Damage {
     const DamageKind *kind;
 };
 
-/* Reads "TABLE:NO[:KIND]" texts. Each entry may be named once, so that no damage undoes another.
- * The result points into `tables`. */
+/* Reads texts of the form "TABLE:NO[:KIND]". An entry may be named only once, so that no damage
+ * undoes another. The result points into `tables`. */
 std::vector<Damage> parse_damage(const std::vector<std::string> &texts,
                                  std::span<const Table> tables);
 

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <filesystem>
+#include <fmt/core.h>
 #include <unistd.h>
 
 namespace tierctl {
@@ -13,7 +14,7 @@ namespace fs = std::filesystem;
 
 Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
 {
-    std::error_code unknown; /* a path that cannot be looked at cannot be created either */
+    std::error_code unknown; /* a path that cannot be looked up cannot be created either */
     if (!fs::exists(fs::symlink_status(path, unknown))) {
         create(size, Naming::new_name);
         return;
@@ -29,7 +30,7 @@ Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
         open_device(size);
         return;
     }
-    path_ = fs::canonical(path); /* a link stays, its file is replaced */
+    path_ = fs::canonical(path); /* a link stays: the file it leads to is replaced */
     create(size, Naming::replace);
 }
 
@@ -42,7 +43,8 @@ void Image::create(uint64_t size, Naming naming)
 
 void Image::open_device(uint64_t size)
 {
-    device_ = Fd(open(path_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)); /* nobody else has it */
+    device_ = Fd(open(path_.c_str(),
+                      O_RDWR | O_EXCL | O_CLOEXEC)); /* fails when something else has it open */
     if (device_.get() < 0) {
         throw_errno("cannot open " + path_);
     }
@@ -53,8 +55,7 @@ void Image::open_device(uint64_t size)
     }
     /* GCOVR_EXCL_STOP */
     if (static_cast<uint64_t>(room) < size) {
-        throw std::runtime_error(path_ + " is too small: " + std::to_string(room) + " bytes of " +
-                                 std::to_string(size));
+        throw std::runtime_error(fmt::format("{} is too small: {} bytes of {}", path_, room, size));
     }
 }
 
@@ -76,7 +77,7 @@ void Image::commit()
 {
     if (file_) {
         file_->commit(naming_);
-    } else if (fsync(device_.get()) != 0) { /* a device tells of failed writes only now */
+    } else if (fsync(device_.get()) != 0) { /* a device reports failed writes only now */
         throw_errno("cannot write " + path_);
     }
 }

@@ -14,13 +14,14 @@ namespace tierctl {
  * block device is written in place. Every failure is an exception. */
 class Image {
 public:
-    /* An image of `size` bytes; `force` allows to replace a file or to write to a block device. */
+    /* An image of `size` bytes. With `force` it may replace a file or be written to a block device.
+     */
     Image(const std::string &path, uint64_t size, bool force);
 
     void read(int64_t offset, void *data, size_t length) const;
     void write(int64_t offset, const void *data, size_t length);
 
-    /* The image is complete. */
+    /* To be called when the image is complete. */
     void commit();
 
 private:

@@ -2,6 +2,8 @@
 
 #include "zu_tierctl/device/error.h"
 
+#include <fmt/core.h>
+
 namespace tierctl {
 
 namespace {
@@ -15,11 +17,8 @@ std::string bounds_text(const Bounds &bounds)
     if (bounds.max == NO_BOUNDS.max) {
         return "none";
     }
-    std::string text = std::to_string(bounds.min) + ".." + std::to_string(bounds.max);
-    if (bounds.unit != 1) {
-        text += " in steps of " + std::to_string(bounds.unit);
-    }
-    return text;
+    return fmt::format("{}..{}", bounds.min, bounds.max) +
+           (bounds.unit == 1 ? "" : fmt::format(" in steps of {}", bounds.unit));
 }
 
 std::span<const Layout *const> layouts()
@@ -34,7 +33,7 @@ const Layout &find_layout(std::string_view name)
             return *layout;
         }
     }
-    throw UsageError("unknown layout " + std::string(name));
+    throw UsageError(fmt::format("unknown layout {}", name));
 }
 
 } // namespace tierctl

@@ -12,7 +12,7 @@
 
 namespace tierctl {
 
-/* What sample devices of a layout need. */
+/* How samples of each layout are made. */
 
 /* The sizes that describe a device. */
 enum Size {
@@ -34,17 +34,17 @@ struct Bounds {
     uint32_t min;
     uint32_t max;
     uint32_t unit;
-    uint32_t fallback; /* when not given; 0: none, or it follows from the other sizes */
+    uint32_t fallback; /* default; 0: none, or it follows from the other sizes */
 };
 
-/* Of a size that a layout does not have. */
+/* For a size that a layout does not have. */
 constexpr Bounds NO_BOUNDS = {1, 0, 1, 0};
 
 /* "1..300", "262144..4194304 in steps of 4096", "none" */
 std::string bounds_text(const Bounds &bounds);
 
-/* Puts the content of entry `no` into its zeroed slot, all but the checksum. Called once for every
- * entry in order of number, table by table. */
+/* Writes the content of entry `no` but for its checksum to a slot of zeros. Called once for every
+ * entry, table by table, in the order of the numbers. */
 using Fill = std::function<void(uint64_t no, uint8_t *slot)>;
 
 struct SampleTable {
@@ -52,17 +52,16 @@ struct SampleTable {
     Fill fill;
 };
 
-/* A sample device: its bytes and its tables in writing order. */
 struct SamplePlan {
-    uint64_t device_size;
-    std::vector<SampleTable> tables;
+    uint64_t device_size;            /* bytes */
+    std::vector<SampleTable> tables; /* in the order of writing */
 };
 
 struct Layout {
     std::string_view name;
     std::array<Bounds, SIZES> bounds;
     SamplePlan (*sample)(const Sizes &sizes, uint64_t seed);
-    const Layout *for_conversion; /* the same, ready to be converted; null: never is */
+    const Layout *for_conversion; /* makes devices for convert_super; null: it converts none */
 };
 
 extern const Layout SAMPLE_LAYOUT_V1;

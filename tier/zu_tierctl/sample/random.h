@@ -6,8 +6,8 @@
 
 namespace tierctl {
 
-/* Random numbers that a seed repeats on every machine: the engine's output is fixed by the language
- * standard, that of the library's distributions is not. */
+/* Random numbers. A seed gives the same ones on every machine: the language standard fixes what the
+ * engine gives, but not what the distributions of the library make of it. */
 class Random {
 public:
     explicit Random(uint64_t seed) : engine_(seed) {}
@@ -21,15 +21,14 @@ public:
     /* True once in `n` times. */
     bool one_in(uint64_t n) { return below(n) == 0; }
 
-    /* Whether entry `no` of a table of `count` holds something: three in four do. The first always
-     * does; the last, unless it is also the first, never does. */
+    /* Whether entry `no` of a table of `count` is in use: the first always is, the last never
+     * unless it is also the first, and of the others three in four are. */
     bool in_use(uint64_t no, uint64_t count);
 
-    /* A version 4 UUID into the 16 bytes at `uuid`. */
+    /* Writes a UUID of version 4 to the 16 bytes at `uuid`. */
     void uuid(uint8_t *uuid);
 
-    /* An identity of a volume: letters and digits in groups, of the length that the tool asks for.
-     */
+    /* An identity of a volume: letters and digits in groups, as long as the tool requires. */
     std::string volume_id();
 
 private:

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fmt/core.h>
 #include <new>
 
 namespace tierctl {
@@ -38,15 +39,16 @@ Sizes choose_sizes(const SampleOptions &options, const Layout &layout)
         const uint64_t value = options.sizes[i].value_or(bounds.fallback);
         const bool in_range = value >= bounds.min && value <= bounds.max;
         if (options.sizes[i] && (!in_range || value % bounds.unit != 0)) {
-            throw UsageError(std::string(SIZE_OPTIONS[i].name) + " " + std::to_string(value) +
-                             ": expected " + bounds_text(bounds));
+            throw UsageError(fmt::format("{} {}: expected {}", SIZE_OPTIONS[i].name, value,
+                                         bounds_text(bounds)));
         }
         sizes[i] = static_cast<uint32_t>(value);
     }
     return sizes;
 }
 
-/* Writes the entries `no`... of `sample`, which fill `region`. */
+/* Fills `region` with the entries of `sample` from `no` on. `run` has room for SLOTS_A_WRITE slots.
+ */
 void write_region(Image &image, const SampleTable &sample, const tier_region &region, uint64_t no,
                   uint8_t *run)
 {

@@ -15,12 +15,12 @@ namespace tierctl {
 constexpr const char SAMPLE_DATE[] = "2026-01-01 00:00:00 UTC";
 constexpr uint64_t SAMPLE_YEAR_END = 1767225600; /* seconds since the epoch */
 constexpr uint64_t SAMPLE_YEAR_START = SAMPLE_YEAR_END - uint64_t{365} * 24 * 3600;
-constexpr uint64_t NANOSECONDS = 1000000000; /* in a second: the unit of stored times */
+constexpr uint64_t NANOSECONDS = 1000000000; /* in a second; stored times count them */
 
 struct SampleOptions {
     std::string layout;
     bool for_conversion = false;
-    std::array<std::optional<uint64_t>, SIZES> sizes; /* those that were given */
+    std::array<std::optional<uint64_t>, SIZES> sizes; /* those that the command line gives */
     uint64_t seed = 1;
     std::vector<std::string> damage;
     bool force = false;
@@ -34,7 +34,7 @@ struct SizeOption {
 };
 extern const std::array<SizeOption, SIZES> SIZE_OPTIONS;
 
-/* Writes the image of a sample device. */
+/* Writes the image of a sample device; throws when that fails. */
 void sample(const SampleOptions &options);
 
 } // namespace tierctl

@@ -7,9 +7,9 @@ namespace tierctl {
 
 namespace {
 
-class sample_v1 {
+class SampleV1 {
 public:
-    sample_v1(const Sizes &sizes, uint64_t seed) : cache_(sizes, seed) {}
+    SampleV1(const Sizes &sizes, uint64_t seed) : cache_(sizes, seed) {}
 
     tier_super_block_v1_t super() const
     {
@@ -35,7 +35,7 @@ private:
 
 SamplePlan plan_v1(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<sample_v1>(sizes, seed);
+    const auto sample = std::make_shared<SampleV1>(sizes, seed);
     const tier_super_block_v1_t super = sample->super();
     return sample_plan(sample, super, tables_of(super), data_end(super));
 }

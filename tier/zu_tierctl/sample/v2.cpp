@@ -5,37 +5,37 @@
 #include "zu_tierctl/sample/cache.h"
 
 #include <algorithm>
+#include <fmt/core.h>
 
 namespace tierctl {
 
-/* Sample devices of layout V2, and of its tables under the super block of V1: what convert_super
- * converts. */
+/* Sample devices of layout V2, and for convert_super devices with its tables under a super block of
+ * V1. */
 
 namespace {
 
 constexpr uint64_t TIB = uint64_t{1} << 40;
 
-/* convert_super looks at 1 MiB of extents. */
+/* convert_super reads 1 MiB of extents. */
 constexpr uint32_t CONVERSION_BLOCKS_MIN = SIZE_1M / SIZE_4K;
 
-/* What a slot has room for besides the most mapped pieces. */
+/* What a slot has room for besides the hot area and the largest number of mapped pieces. */
 constexpr uint32_t EXTENT_SIZE_MAX =
     SIZE_4K - EXTENT_HOT_LEN * sizeof(tier_mapped_meta_v2_t) - TIER_HOT_SIZE_V2;
 
-/* Inodes are valid up to a number: a larger area would have none to add. */
+/* The numbers of inodes have a limit, which a larger area would exceed. */
 constexpr uint32_t EXPANSION_MAX = TIER_INODE_NO_BOUND_V2 / TIER_EXP_UNIT_V2 * TIER_EXP_UNIT_V2;
 
-/* Bytes of a mapped piece. Blocks from 2 MiB up have their 64 pieces only when they have 4 MiB or
- * the device is large; for the others the layout has no size. */
+/* Bytes of a mapped piece. Blocks between 2 MiB and 4 MiB have at most 64 pieces only when the
+ * device is large; for the others the layout has no size. */
 uint32_t map_size(const Sizes &sizes)
 {
     const uint32_t blocks = sizes[BLOCKS];
     const uint32_t block_size = sizes[BLOCK_SIZE];
     if (block_size > 2 * SIZE_1M && block_size < 4 * SIZE_1M &&
         uint64_t{blocks} * block_size <= TIB) {
-        throw UsageError("--block-size " + std::to_string(block_size) +
-                         ": a block would have more than " + std::to_string(EXTENT_HOT_LEN) +
-                         " mapped pieces");
+        throw UsageError(fmt::format("{} {}: a block would have more than {} mapped pieces",
+                                     SIZE_OPTIONS[BLOCK_SIZE].name, block_size, EXTENT_HOT_LEN));
     }
     return static_cast<uint32_t>(get_def_min_alloc_size(blocks, block_size));
 }
@@ -58,9 +58,9 @@ tier_super_block_v2_t make_super(const SampleCache &cache, const Sizes &sizes)
     return super;
 }
 
-class sample_v2 {
+class SampleV2 {
 public:
-    sample_v2(const Sizes &sizes, uint64_t seed)
+    SampleV2(const Sizes &sizes, uint64_t seed)
         : cache_(sizes, seed), super_(make_super(cache_, sizes))
     {
     }
@@ -85,7 +85,7 @@ private:
     tier_super_block_v2_t super_;
 };
 
-tier_inode_v2_t sample_v2::inode(uint64_t no)
+tier_inode_v2_t SampleV2::inode(uint64_t no)
 {
     tier_inode_v2_t inode = cache_.inode(TIER_INODE_MAGIC_V2, no);
     if (inode.i_use != 0) {
@@ -95,7 +95,7 @@ tier_inode_v2_t sample_v2::inode(uint64_t no)
     return inode;
 }
 
-void sample_v2::fill_extent(uint64_t no, uint8_t *slot)
+void SampleV2::fill_extent(uint64_t no, uint8_t *slot)
 {
     std::optional<Held> held;
     tier_extent_v2_t extent = cache_.extent(no, &held);
@@ -109,9 +109,9 @@ void sample_v2::fill_extent(uint64_t no, uint8_t *slot)
     put(slot, extent);
 }
 
-/* Lets the extent hold pieces of `held`: always the first, and most of the others. In an extent
- * that is not clean the first is not. */
-void sample_v2::fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t *slot)
+/* Lets the extent hold pieces of `held`: always the first, and most of the others. The first piece
+ * of an extent that is not clean is not clean either. */
+void SampleV2::fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t *slot)
 {
     const uint64_t block_offset = uint64_t{extent->te_block} * super_.sb_block_size;
     uint8_t *pieces = slot + super_.sb_extent_size;
@@ -131,9 +131,9 @@ void sample_v2::fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t 
     }
 }
 
-/* What `held` holds of the piece `mapno`, its offset that within the block; no pages when nothing.
- */
-tier_mapped_meta_v2_t sample_v2::piece(uint32_t mapno, const Held &held) const
+/* The part of `held` that lies in the piece `mapno`, with its offset within the block; without
+ * pages when nothing does. */
+tier_mapped_meta_v2_t SampleV2::piece(uint32_t mapno, const Held &held) const
 {
     const uint64_t pages = super_.sb_min_alloc_size / SIZE_4K;
     const uint64_t begin = std::max(held.begin, mapno * pages);
@@ -148,7 +148,7 @@ tier_mapped_meta_v2_t sample_v2::piece(uint32_t mapno, const Held &held) const
 
 SamplePlan plan_v2(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<sample_v2>(sizes, seed);
+    const auto sample = std::make_shared<SampleV2>(sizes, seed);
     const tier_super_block_v2_t &super = sample->super();
     const tier_region expansion = tier_exp_inodes_v2(super);
     const uint64_t end = expansion.count == 0
@@ -157,10 +157,10 @@ SamplePlan plan_v2(const Sizes &sizes, uint64_t seed)
     return sample_plan(sample, super, tables_of(super), end);
 }
 
-/* The tables of V2 under the super block of V1. */
+/* The tables of V2 under a super block of V1. */
 SamplePlan plan_for_conversion(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<sample_v2>(sizes, seed);
+    const auto sample = std::make_shared<SampleV2>(sizes, seed);
     const tier_super_block_v1_t super = sample->super_v1();
     std::vector<Table> tables = tables_of(sample->super());
     tables.front() = tables_of(super).front();

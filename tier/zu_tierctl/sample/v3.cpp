@@ -25,45 +25,46 @@ constexpr uint32_t FILE_BLOCK_SHIFT = 17; /* i_blocks counts whole 128 KiB */
 
 constexpr uint64_t LBAS = uint64_t{1} << EXTENT_LBA_V3.width;
 
-/* Odd: its multiples, which lie scattered over the addresses, come to each before they repeat. */
+/* Odd, so that its multiples, which are scattered over the addresses, reach each of them before
+ * they repeat. */
 constexpr uint64_t SCATTER = 2654435761;
 static_assert(SCATTER % 2 == 1);
 
-using super_block = tier_super_block_v3_t;
+using SuperBlock = tier_super_block_v3_t;
 
-struct area {
-    uint64_t super_block::*offset;
-    uint64_t super_block::*size;
+struct Area {
+    uint64_t SuperBlock::*offset;
+    uint64_t SuperBlock::*size;
 };
 
-/* In the order of the device. */
-constexpr area AREAS[] = {
-    {&super_block::sb_brick_table_offset, &super_block::sb_brick_table_size},
-    {&super_block::sb_inode_table_offset, &super_block::sb_inode_table_size},
-    {&super_block::sb_shard_table_offset, &super_block::sb_shard_table_size},
-    {&super_block::sb_hot_table_offset, &super_block::sb_hot_table_size},
-    {&super_block::sb_extent_table_offset, &super_block::sb_extent_table_size},
-    {&super_block::sb_block_area_offset, &super_block::sb_block_area_size},
+/* In their order on the device. */
+constexpr Area AREAS[] = {
+    {&SuperBlock::sb_brick_table_offset, &SuperBlock::sb_brick_table_size},
+    {&SuperBlock::sb_inode_table_offset, &SuperBlock::sb_inode_table_size},
+    {&SuperBlock::sb_shard_table_offset, &SuperBlock::sb_shard_table_size},
+    {&SuperBlock::sb_hot_table_offset, &SuperBlock::sb_hot_table_size},
+    {&SuperBlock::sb_extent_table_offset, &SuperBlock::sb_extent_table_size},
+    {&SuperBlock::sb_block_area_offset, &SuperBlock::sb_block_area_size},
 };
 
-/* The super block area, the reserved area up to a multiple of 1 MiB, and from such a multiple each
- * of the others. */
-void place_areas(super_block *super)
+/* The super block area comes first, then the reserved area up to a multiple of 1 MiB. Each of the
+ * others begins at such a multiple. */
+void place_areas(SuperBlock *super)
 {
     super->sb_sb_offset = TIER_SUPER_OFFSET;
     super->sb_sb_size = TIER_SB_AREA_SIZE_V3;
     super->sb_reserved_offset = super->sb_sb_offset + super->sb_sb_size;
     uint64_t start = tier_round_up(super->sb_reserved_offset, SIZE_1M);
     super->sb_reserved_size = start - super->sb_reserved_offset;
-    for (const area &area : AREAS) {
+    for (const Area &area : AREAS) {
         super->*area.offset = start;
         start = tier_round_up(start + super->*area.size, SIZE_1M);
     }
 }
 
-super_block make_super(const SampleCache &cache, const Sizes &sizes)
+SuperBlock make_super(const SampleCache &cache, const Sizes &sizes)
 {
-    super_block super{};
+    SuperBlock super{};
     super.sb_magic = TIER_SB_MAGIC_V3;
     super.sb_version = TIER_SB_VERSION_V3;
     super.sb_ctime = SAMPLE_CTIME;
@@ -84,28 +85,28 @@ super_block make_super(const SampleCache &cache, const Sizes &sizes)
     return super;
 }
 
-class sample_v3 {
+class SampleV3 {
 public:
-    sample_v3(const Sizes &sizes, uint64_t seed)
+    SampleV3(const Sizes &sizes, uint64_t seed)
         : cache_(sizes, seed), super_(make_super(cache_, sizes))
     {
     }
 
-    const super_block &super() const { return super_; }
+    const SuperBlock &super() const { return super_; }
 
     tier_brick_info_v3_t brick(uint64_t no) { return cache_.brick(TIER_BRICK_MAGIC_V3, no); }
 
     tier_inode_v3_t inode(uint64_t no);
 
-    /* Whole blocks. */
+    /* Each fills a whole block. */
     void fill_shards(uint64_t no, uint8_t *slot);
     void fill_hot(uint8_t *slot);
     void fill_extents(uint64_t no, uint8_t *slot);
 
 private:
-    struct cached_file {
+    struct CachedFile {
         uint32_t inode_no;
-        uint32_t shards; /* that it has so far */
+        uint32_t shards; /* number of its shards so far */
     };
 
     template <class Make>
@@ -116,13 +117,13 @@ private:
     uint64_t extent();
 
     SampleCache cache_;
-    super_block super_;
-    std::vector<cached_file> files_;
+    SuperBlock super_;
+    std::vector<CachedFile> files_;
     std::vector<uint32_t> shards_; /* in use */
     uint64_t extents_ = 0;         /* in use so far */
 };
 
-tier_inode_v3_t sample_v3::inode(uint64_t no)
+tier_inode_v3_t SampleV3::inode(uint64_t no)
 {
     tier_inode_v3_t inode = cache_.inode(TIER_INODE_MAGIC_V3, no);
     if (inode.i_use != 0) {
@@ -133,11 +134,11 @@ tier_inode_v3_t sample_v3::inode(uint64_t no)
     return inode;
 }
 
-/* Fills block `no` of a table, whose words from `first` on are entries, with those in use: `make`
- * gives the word of a number. Blocks may be free as a whole. */
+/* Writes the entries in use of block `no` of a table, whose words from `first` on are entries.
+ * `make` gives the word of an entry's number. All entries of a block may be free. */
 template <class Make>
-void sample_v3::fill_words(const tier_region &table, uint64_t no, uint32_t first,
-                           tier_packed_block_v3_t *block, const Make &make)
+void SampleV3::fill_words(const tier_region &table, uint64_t no, uint32_t first,
+                          tier_packed_block_v3_t *block, const Make &make)
 {
     if (!cache_.random().in_use(no, table.count)) {
         return;
@@ -149,7 +150,7 @@ void sample_v3::fill_words(const tier_region &table, uint64_t no, uint32_t first
     }
 }
 
-void sample_v3::fill_shards(uint64_t no, uint8_t *slot)
+void SampleV3::fill_shards(uint64_t no, uint8_t *slot)
 {
     tier_packed_block_v3_t block{};
     block.word[0] = SHARD_MAGIC_V3.put(0, TIER_SHARD_MAGIC_V3);
@@ -157,31 +158,31 @@ void sample_v3::fill_shards(uint64_t no, uint8_t *slot)
     put(slot, block);
 }
 
-uint64_t sample_v3::shard(uint64_t no)
+uint64_t SampleV3::shard(uint64_t no)
 {
     shards_.push_back(static_cast<uint32_t>(no));
-    cached_file &file = files_[cache_.random().below(files_.size())];
+    CachedFile &file = files_[cache_.random().below(files_.size())];
     const uint64_t word = SHARD_INO_V3.put(SHARD_IN_USE_V3.put(0, 1), file.inode_no);
     return SHARD_INDEX_V3.put(word, file.shards++);
 }
 
-void sample_v3::fill_hot(uint8_t *slot)
+void SampleV3::fill_hot(uint8_t *slot)
 {
     for (uint32_t i = 0; i < SIZE_4K; i++) {
         slot[i] = static_cast<uint8_t>(cache_.random().between(1, 256));
     }
 }
 
-void sample_v3::fill_extents(uint64_t no, uint8_t *slot)
+void SampleV3::fill_extents(uint64_t no, uint8_t *slot)
 {
     tier_packed_block_v3_t block{};
     fill_words(tier_extents_v3(super_), no, 0, &block, [this](uint64_t) { return extent(); });
     put(slot, block);
 }
 
-/* Each turn through the addresses takes another shard for an address, as long as there are others:
- * no two extents are at the same address of the same shard. */
-uint64_t sample_v3::extent()
+/* Extents go through all addresses turn by turn. In each turn an address gets another shard, as
+ * long as there are others: no two extents have the same address of the same shard. */
+uint64_t SampleV3::extent()
 {
     Random &random = cache_.random();
     const uint64_t turn = extents_ / LBAS;
@@ -198,7 +199,7 @@ uint64_t sample_v3::extent()
     return EXTENT_DM_ERR_V3.put(word, random.one_in(256) ? 1 : 0);
 }
 
-/* Unless their number is given there is a data block for each extent. */
+/* By default there is a data block for each extent. */
 Sizes with_blocks(Sizes sizes)
 {
     if (sizes[BLOCKS] == 0) {
@@ -209,8 +210,8 @@ Sizes with_blocks(Sizes sizes)
 
 SamplePlan plan_v3(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<sample_v3>(with_blocks(sizes), seed);
-    const super_block &super = sample->super();
+    const auto sample = std::make_shared<SampleV3>(with_blocks(sizes), seed);
+    const SuperBlock &super = sample->super();
     const std::vector<Table> tables = tables_of(super);
     return {
         super.sb_block_area_offset + super.sb_block_area_size,

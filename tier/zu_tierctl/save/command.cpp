@@ -1,9 +1,9 @@
 #include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/save/save.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -24,7 +24,7 @@ constexpr const char SAVE_FOOTER[] =
     "  zu_tierctl save /dev/nvme0n1 cache.img\n"
     "  tar --sparse --zstd -cf cache.tar.zst cache.img*";
 
-struct save_options {
+struct SaveOptions {
     std::string device;
     std::string file;
 };
@@ -33,7 +33,7 @@ struct save_options {
 
 void add_save(CLI::App &app, int *status)
 {
-    const auto options = std::make_shared<save_options>();
+    const auto options = std::make_shared<SaveOptions>();
     CLI::App *command = app.add_subcommand("save", SAVE_DESCRIPTION);
     command->footer(SAVE_FOOTER);
     command->add_option("DEVICE", options->device, "Block device or image, only read")
@@ -42,8 +42,7 @@ void add_save(CLI::App &app, int *status)
     command->add_option("FILE", options->file, "File to create")->type_name("")->required();
     command->callback([options, status] {
         if (!save(options->device, options->file)) {
-            fprintf(stderr, "zu_tierctl: %s is incomplete: see %s\n", options->file.c_str(),
-                    unreadable_path(options->file).c_str());
+            complain(options->file + " is incomplete: see " + unreadable_path(options->file));
             *status = 1;
         }
     });

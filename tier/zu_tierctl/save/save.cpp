@@ -21,7 +21,7 @@ bool is_zero(const uint8_t *slot)
     return std::ranges::all_of(std::span(slot, SIZE_4K), [](uint8_t byte) { return byte == 0; });
 }
 
-/* Writes the slots that are not zero; the others are holes. */
+/* Writes the slots that hold anything but zeros; the others stay holes. */
 void write_slots(NewFile &file, const Slots &slots)
 {
     for (uint64_t first = 0; first < slots.count; first++) {
@@ -37,7 +37,7 @@ void write_slots(NewFile &file, const Slots &slots)
     }
 }
 
-/* Names both files, the list first: an incomplete file must never look complete. */
+/* Gives both files their names, the list first: an incomplete file must never look complete. */
 void commit(UnreadableWriter &unreadable, NewFile &file)
 {
     unreadable.commit();
@@ -45,7 +45,7 @@ void commit(UnreadableWriter &unreadable, NewFile &file)
         file.commit(Naming::new_name);
     } catch (...) {
         if (!unreadable.empty()) {
-            std::error_code ignored; /* the first failure is the one to be told */
+            std::error_code ignored; /* only the first failure is reported */
             fs::remove(unreadable_path(file.path()), ignored);
         }
         throw;
