@@ -35,7 +35,7 @@ protected:
         return page;
     }
 
-    Element page_of(const Device &device) const { return parse_page(page_text(device)); }
+    pugi::xml_document page_of(const Device &device) const { return parse_page(page_text(device)); }
 
     void expect_map(const Device &device, std::vector<MapTable> tables) const
     {

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <numeric>
-#include <regex>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace tier_test {
@@ -44,8 +43,8 @@ void add(const MapEntry &entry, CountsByWord &counts)
 
 void MapTable::set_slot(std::uint64_t slot, const std::string &state)
 {
-    for (std::uint32_t word = first; word < behind; ++word)
-        set(slot * behind + word, state);
+    for (std::uint32_t word = first_word; word < end_word; ++word)
+        set(slot * end_word + word, state);
 }
 
 void MapTable::set(std::uint64_t no, const std::string &state)
@@ -78,13 +77,13 @@ std::vector<Cell> MapTable::cells(std::uint64_t most) const
     return cells;
 }
 
-MapTable free_table(const std::string &name, std::uint64_t slots, std::uint32_t first,
-                    std::uint32_t behind)
+MapTable free_table(const std::string &name, std::uint64_t slots, std::uint32_t first_word,
+                    std::uint32_t end_word)
 {
-    MapTable table{name, first, behind};
+    MapTable table{name, first_word, end_word};
     for (std::uint64_t slot = 0; slot < slots; ++slot) {
-        for (std::uint32_t word = first; word < behind; ++word)
-            table.entries.push_back({slot * behind + word, "free"});
+        for (std::uint32_t word = first_word; word < end_word; ++word)
+            table.entries.push_back({slot * end_word + word, "free"});
     }
     return table;
 }
@@ -122,13 +121,12 @@ MapTable &table_of(std::vector<MapTable> &tables, const std::string &name)
 
 void add_findings(std::vector<MapTable> &tables, const std::string &device)
 {
-    const std::string found = run_ctl({"check", "--json", device}).out;
-    const std::regex finding(R"rx("table":"(\w+)","unit":"(\w+)","no":(\d+),)rx");
-    for (std::sregex_iterator match(found.begin(), found.end(), finding), end; match != end;
-         ++match) {
-        MapTable &table = table_of(tables, (*match)[1]);
-        const std::uint64_t no = std::stoull((*match)[3]);
-        const std::uint64_t entry = (*match)[2] == "block" ? no * table.behind + table.first : no;
+    const auto report = nlohmann::json::parse(run_ctl({"check", "--json", device}).out);
+    for (const nlohmann::json &finding : report.at("findings")) {
+        MapTable &table = table_of(tables, finding.at("table"));
+        const std::uint64_t no = finding.at("no");
+        const std::uint64_t entry =
+            finding.at("unit") == "block" ? no * table.end_word + table.first_word : no;
         std::ranges::lower_bound(table.entries, entry, {}, &MapEntry::no)->findings++;
     }
 }
@@ -141,7 +139,7 @@ std::string to_string(const Cell &cell)
     return result;
 }
 
-void expect_grids(const Element &page, const std::vector<MapTable> &tables)
+void expect_grids(const pugi::xml_node &page, const std::vector<MapTable> &tables)
 {
     const std::vector<Grid> grids = grids_of(page);
     ASSERT_EQ(grids.size(), tables.size());

@@ -16,8 +16,8 @@ struct MapEntry {
 
 struct MapTable {
     std::string name;
-    std::uint32_t first; // words of a slot that are entries: first..behind - 1
-    std::uint32_t behind;
+    std::uint32_t first_word; // words of a slot that are entries: first_word..end_word - 1
+    std::uint32_t end_word;
     std::vector<MapEntry> entries{};
 
     // Gives all entries of a slot that state.
@@ -31,8 +31,8 @@ struct MapTable {
 };
 
 // A table of so many slots in which nothing is in use.
-MapTable free_table(const std::string &name, std::uint64_t slots, std::uint32_t first = 0,
-                    std::uint32_t behind = 1);
+MapTable free_table(const std::string &name, std::uint64_t slots, std::uint32_t first_word = 0,
+                    std::uint32_t end_word = 1);
 
 // The tables of make_cache(layout) without their findings.
 std::vector<MapTable> map_of(const Cache &cache);
@@ -45,6 +45,6 @@ void add_findings(std::vector<MapTable> &tables, const std::string &device);
 std::string to_string(const Cell &cell);
 
 // The grids of a page are these tables.
-void expect_grids(const Element &page, const std::vector<MapTable> &tables);
+void expect_grids(const pugi::xml_node &page, const std::vector<MapTable> &tables);
 
 } // namespace tier_test

@@ -1,8 +1,8 @@
 #include "map_page.h"
 
-#include <algorithm>
 #include <charconv>
-#include <functional>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -11,126 +11,49 @@ namespace tier_test {
 
 namespace {
 
-class PageParser {
-public:
-    explicit PageParser(std::string_view page) : rest_(page) {}
+void require(bool fine, const std::string &what)
+{
+    if (!fine)
+        throw std::runtime_error("no well-formed page: " + what);
+}
 
-    Element parse()
+// Refuses what the reader of XML lets pass: bare markup characters, attributes that occur twice,
+// and nodes that are neither elements nor text.
+class StrictWalker : public pugi::xml_tree_walker {
+    bool for_each(pugi::xml_node &node) override
     {
-        expect("<!DOCTYPE html>\n");
-        expect("<");
-        Element root = element();
-        expect("\n");
-        if (!rest_.empty())
-            fail("end");
-        return root;
-    }
-
-private:
-    [[noreturn]] void fail(const std::string &expected) const
-    {
-        throw std::runtime_error("expected " + expected +
-                                 " at: " + std::string(rest_.substr(0, 60)));
-    }
-
-    bool take(std::string_view token)
-    {
-        if (!rest_.starts_with(token))
-            return false;
-        rest_.remove_prefix(token.size());
+        require(node.type() == pugi::node_element || node.type() == pugi::node_pcdata,
+                node.value());
+        const std::string parent = node.parent().name();
+        if (parent == "style" || parent == "script")
+            require(std::string_view(node.value()).find('&') == std::string_view::npos, parent);
+        else
+            require_escaped(node.value());
+        std::set<std::string> names;
+        for (const pugi::xml_attribute &attribute : node.attributes()) {
+            require(names.insert(attribute.name()).second, attribute.name());
+            require_escaped(attribute.value());
+        }
         return true;
     }
 
-    void expect(std::string_view token)
+    static void require_escaped(const std::string &text)
     {
-        if (!take(token))
-            fail(std::string(token));
+        static const std::regex reference("&#[0-9]+;");
+        const bool is_plain = text.find_first_of("<>&") == std::string::npos;
+        require(is_plain || std::regex_replace(text, reference, "").find_first_of("<>&") ==
+                                std::string::npos,
+                text);
     }
-
-    std::string name()
-    {
-        const auto end = std::ranges::find_if_not(
-            rest_, [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; });
-        const std::string result(rest_.begin(), end);
-        if (result.empty())
-            fail("a name");
-        rest_.remove_prefix(result.size());
-        return result;
-    }
-
-    // Up to `end`, which stays.
-    std::string text(char end)
-    {
-        std::string result;
-        while (!rest_.empty() && rest_.front() != end) {
-            if (take("&#"))
-                result += static_cast<char>(reference());
-            else if (std::string_view("<>&").find(rest_.front()) != std::string_view::npos)
-                fail("a text without markup");
-            else {
-                result += rest_.front();
-                rest_.remove_prefix(1);
-            }
-        }
-        return result;
-    }
-
-    unsigned reference()
-    {
-        unsigned code = 0;
-        const auto [stop, error] = std::from_chars(rest_.data(), rest_.data() + rest_.size(), code);
-        if (error != std::errc{})
-            fail("a number");
-        rest_.remove_prefix(static_cast<std::size_t>(stop - rest_.data()));
-        expect(";");
-        return code;
-    }
-
-    // What follows a "<".
-    Element element()
-    {
-        Element result{name()};
-        while (take(" ")) {
-            const std::string key = name();
-            expect("=\"");
-            if (!result.attributes.emplace(key, text('"')).second)
-                fail("an attribute only once");
-            expect("\"");
-        }
-        if (take("/>"))
-            return result;
-        expect(">");
-        if (result.name == "style" || result.name == "script")
-            result.text = raw();
-        else
-            content(result);
-        expect("</" + result.name + ">");
-        return result;
-    }
-
-    // Style and script, which are the same in HTML and XML without these characters.
-    std::string raw()
-    {
-        const std::string result(rest_.substr(0, rest_.find('<')));
-        if (result.find('&') != std::string::npos)
-            fail("no '&' in style and script");
-        rest_.remove_prefix(result.size());
-        return result;
-    }
-
-    void content(Element &parent)
-    {
-        while (true) {
-            parent.text += text('<');
-            if (rest_.starts_with("</"))
-                return;
-            expect("<");
-            parent.children.push_back(element());
-        }
-    }
-
-    std::string_view rest_;
 };
+
+pugi::xml_document parse(const std::string &page, unsigned options)
+{
+    pugi::xml_document document;
+    const pugi::xml_parse_result result = document.load_string(page.c_str(), options);
+    require(result.status == pugi::status_ok, result.description());
+    return document;
+}
 
 std::uint64_t number_of(const std::string &text)
 {
@@ -142,48 +65,37 @@ std::uint64_t number_of(const std::string &text)
 }
 
 // "7: 1 in use", "0 to 4: 3 in use, 2 free"
-Cell cell_of(const Element &element)
+Cell cell_of(const pugi::xml_node &element)
 {
-    const std::string title = element.attribute("title");
+    const std::string title = element.attribute("title").value();
     const std::size_t colon = title.find(": ");
     const std::string range = title.substr(0, colon);
     const std::size_t to = range.find(" to ");
     const std::string last = to == std::string::npos ? range : range.substr(to + 4);
     return {number_of(range.substr(0, to)), number_of(last), counts_of(title.substr(colon + 2)),
-            element.attribute("class")};
+            element.attribute("class").value()};
 }
 
 } // namespace
 
-std::string Element::attribute(const std::string &key) const
+pugi::xml_document parse_page(const std::string &page)
 {
-    const auto found = attributes.find(key);
-    return found == attributes.end() ? "" : found->second;
+    require(page.starts_with("<!DOCTYPE html>\n<html "), page.substr(0, 60));
+    require(page.ends_with("</html>\n"), page.substr(page.rfind('<')));
+    pugi::xml_document raw =
+        parse(page, pugi::parse_full & ~pugi::parse_escapes & ~pugi::parse_doctype);
+    require(raw.first_child() == raw.last_child(), "one root");
+    StrictWalker walker;
+    raw.traverse(walker);
+    return parse(page, pugi::parse_default);
 }
 
-std::vector<const Element *> Element::all(const std::string &wanted) const
+std::vector<std::string> texts_of(const pugi::xml_node &node, const char *path)
 {
-    std::vector<const Element *> found;
-    for (const Element &child : children) {
-        if (child.name == wanted)
-            found.push_back(&child);
-        const auto deeper = child.all(wanted);
-        found.insert(found.end(), deeper.begin(), deeper.end());
-    }
-    return found;
-}
-
-std::string Element::whole_text() const
-{
-    std::string result = text;
-    for (const Element &child : children)
-        result += child.whole_text();
-    return result;
-}
-
-Element parse_page(const std::string &page)
-{
-    return PageParser(page).parse();
+    std::vector<std::string> texts;
+    for (const pugi::xpath_node &found : node.select_nodes(path))
+        texts.push_back(pugi::xpath_query("string(.)").evaluate_string(found));
+    return texts;
 }
 
 CountsByWord counts_of(const std::string &text)
@@ -200,34 +112,26 @@ CountsByWord counts_of(const std::string &text)
     return counts;
 }
 
-std::vector<Grid> grids_of(const Element &page)
+std::vector<Grid> grids_of(const pugi::xml_node &page)
 {
     std::vector<Grid> grids;
-    for (const Element *section : page.all("section")) {
-        const Element &head = section->children.front();
-        if (head.attribute("class") != "head")
-            continue;
-        grids.push_back({head.children.at(0).text, counts_of(head.children.at(1).text)});
-        for (const Element *cell : section->all("i"))
-            grids.back().cells.push_back(cell_of(*cell));
+    for (const pugi::xpath_node &found : page.select_nodes("//section[div/@class='head']")) {
+        const pugi::xml_node section = found.node();
+        const pugi::xml_node head = section.first_child();
+        grids.push_back({head.child("h2").text().get(), counts_of(head.child("p").text().get())});
+        for (const pugi::xpath_node &cell : section.select_nodes(".//i"))
+            grids.back().cells.push_back(cell_of(cell.node()));
     }
     return grids;
 }
 
-std::vector<std::vector<std::string>> rows_of(const Element &page, const std::string &heading)
+std::vector<std::vector<std::string>> rows_of(const pugi::xml_node &page,
+                                              const std::string &heading)
 {
     std::vector<std::vector<std::string>> rows;
-    for (const Element *section : page.all("section")) {
-        if (section->children.front().text != heading)
-            continue;
-        for (const Element *body : section->all("tbody")) {
-            for (const Element *row : body->all("tr")) {
-                rows.emplace_back();
-                for (const Element &cell : row->children)
-                    rows.back().push_back(cell.whole_text());
-            }
-        }
-    }
+    const std::string path = "//section[h2='" + heading + "']//tbody/tr";
+    for (const pugi::xpath_node &row : page.select_nodes(path.c_str()))
+        rows.push_back(texts_of(row.node(), "td"));
     return rows;
 }
 

@@ -4,30 +4,18 @@
 
 #include <cstdint>
 #include <map>
+#include <pugixml.hpp>
 #include <string>
 #include <vector>
 
 namespace tier_test {
 
-// An element with its attributes, the text in it and the elements in it.
-struct Element {
-    std::string name;
-    std::map<std::string, std::string> attributes{};
-    std::string text{};
-    std::vector<Element> children{};
+// Reads a page that begins with "<!DOCTYPE html>" and apart from that is well-formed XML; throws
+// when it is not.
+pugi::xml_document parse_page(const std::string &page);
 
-    std::string attribute(const std::string &key) const;
-
-    // Those of that name at any depth, in order.
-    std::vector<const Element *> all(const std::string &wanted) const;
-
-    // Of all elements in it, too.
-    std::string whole_text() const;
-};
-
-// The root of a page that begins with "<!DOCTYPE html>" and is else well-formed XML; throws when it
-// is not.
-Element parse_page(const std::string &page);
+// The texts of the nodes that an XPath expression selects, each with all elements in it.
+std::vector<std::string> texts_of(const pugi::xml_node &node, const char *path);
 
 // How many entries are what, by the words of the page ("in use", "free", "findings" ...).
 using CountsByWord = std::map<std::string, std::uint64_t>;
@@ -48,10 +36,11 @@ struct Grid {
     std::vector<Cell> cells{};
 };
 
-std::vector<Grid> grids_of(const Element &page);
+std::vector<Grid> grids_of(const pugi::xml_node &page);
 
 // The cells of each row of the table under that heading, without the head; nothing when there is no
 // such heading.
-std::vector<std::vector<std::string>> rows_of(const Element &page, const std::string &heading);
+std::vector<std::vector<std::string>> rows_of(const pugi::xml_node &page,
+                                              const std::string &heading);
 
 } // namespace tier_test

@@ -93,11 +93,11 @@ TEST_F(MapUse, AgesAreMeasuredFromTheNewestAccess)
 TEST_F(MapUse, NothingInUse)
 {
     const Device device = make_v1_device(super_v1(2, 3, 4));
-    const Element page = page_of(device);
+    const pugi::xml_document page = page_of(device);
     EXPECT_EQ(rows_of(page, "Use by brick"), Rows{});
     for (const auto &row : rows_of(page, AGES))
         EXPECT_EQ(row.at(1), "0");
-    EXPECT_EQ(page.all("dd").size(), 4U); // no last access
+    EXPECT_EQ(texts_of(page, "//dd").size(), 4U); // no last access
 }
 
 } // namespace
