@@ -1,95 +1,56 @@
 #include "check_run.h"
 
-#include <algorithm>
+#include <nlohmann/json.hpp>
 #include <ostream>
-#include <regex>
-#include <string_view>
 
 namespace tier_test {
 
 namespace {
 
-const std::string STRING = R"re("((?:[^"\\\x01-\x1f]|\\["\\]|\\u[0-9a-f]{4})*)")re";
-const std::string NUMBER = "(0|[1-9][0-9]*)";
+using Json = nlohmann::ordered_json;
 
-// The part of `text` that matches, up to the end of its line, which is cut from its start; ends the
-// test when none does.
-std::cmatch cut(std::string_view &text, const std::string &pattern)
+// What the document must be to the byte: a line for each finding, and no blanks.
+std::string layout_of(const Json &document)
 {
-    static std::map<std::string, std::regex> known;
-    const std::regex &compiled = known.try_emplace(pattern, pattern).first->second;
-    const std::size_t line = std::min(text.find('\n') + 1, text.size());
-    std::cmatch match;
-    if (!std::regex_search(text.data(), text.data() + line, match, compiled,
-                           std::regex_constants::match_continuous))
-        throw std::runtime_error("expected " + pattern + " at " + std::string(text.substr(0, 200)));
-    text.remove_prefix(static_cast<std::size_t>(match.length()));
-    return match;
+    std::string text = "{\"device\":" + document.at("device").dump() +
+                       ",\"layout\":" + document.at("layout").dump() + ",\"findings\":[";
+    const char *delimiter = "\n";
+    for (const Json &finding : document.at("findings")) {
+        text += delimiter + finding.dump();
+        delimiter = ",\n";
+    }
+    return text + "],\n\"tables\":" + document.at("tables").dump() +
+           ",\n\"kinds\":" + document.at("kinds").dump() + "}\n";
 }
 
-std::string unescaped(const std::string &json)
+std::vector<std::string> keys_of(const Json &object)
 {
-    std::string text;
-    for (std::size_t i = 0; i < json.size(); ++i) {
-        if (json[i] != '\\') {
-            text += json[i];
-        } else if (json[++i] != 'u') {
-            text += json[i];
-        } else {
-            text += static_cast<char>(std::stoi(json.substr(i + 1, 4), nullptr, 16));
-            i += 4;
-        }
-    }
-    return text;
+    std::vector<std::string> keys;
+    for (const auto &item : object.items())
+        keys.push_back(item.key());
+    return keys;
 }
 
-void parse_findings(std::string_view &text, Report &report)
+Finding finding_of(const Json &json)
 {
-    static const std::string FINDING =
-        "\n\\{\"kind\":\"([a-z0-9_]+)\",\"severity\":\"(error|warning)\",\"table\":\"([a-z]+)\","
-        "\"unit\":\"(entry|block)\",\"no\":" +
-        NUMBER + ",\"offset\":(-?[0-9]+),\"command\":" + STRING + ",\"text\":" + STRING + "\\}";
-    std::string delimiter;
-    while (!text.starts_with("],\n")) {
-        cut(text, delimiter + "(?=\n)");
-        text.remove_prefix(1); // the line end, so that `cut` sees the whole line
-        const std::cmatch m = cut(text, FINDING.substr(1));
-        report.findings.push_back({m[1], m[2], m[3], m[4], std::stoull(m[5]), std::stoll(m[6]),
-                                   unescaped(m[7]), unescaped(m[8])});
-        delimiter = ",";
-    }
+    EXPECT_EQ(keys_of(json), (std::vector<std::string>{"kind", "severity", "table", "unit", "no",
+                                                       "offset", "command", "text"}));
+    EXPECT_TRUE(json.at("no").is_number_unsigned() && json.at("offset").is_number_integer())
+        << json;
+    EXPECT_TRUE(json.at("severity") == "error" || json.at("severity") == "warning") << json;
+    EXPECT_TRUE(json.at("unit") == "entry" || json.at("unit") == "block") << json;
+    return {json.at("kind"), json.at("severity"), json.at("table"),   json.at("unit"),
+            json.at("no"),   json.at("offset"),   json.at("command"), json.at("text")};
 }
 
-std::map<std::string, std::uint64_t> parse(std::string_view text, Report &report)
+Counts counts_of(const Json &json)
 {
-    std::cmatch m = cut(text, "\\{\"device\":" + STRING + ",\"layout\":" + STRING +
-                                  ",\"findings\":\\[(?=\n|\\])");
-    report.device = unescaped(m[1]);
-    report.layout = m[2];
-    parse_findings(text, report);
-
-    cut(text, "\\],\n");
-    cut(text, "\"tables\":\\{");
-    std::string delimiter;
-    while (!text.starts_with("},\n")) {
-        m = cut(text, delimiter + "\"([a-z]+)\":\\{\"entries\":" + NUMBER +
-                          ",\"in_use\":" + NUMBER + ",\"free\":" + NUMBER +
-                          ",\"damaged\":" + NUMBER + ",\"unreadable\":" + NUMBER + "\\}");
-        report.tables[m[1]] = {std::stoull(m[2]), std::stoull(m[3]), std::stoull(m[4]),
-                               std::stoull(m[5]), std::stoull(m[6])};
-        delimiter = ",";
-    }
-    cut(text, "\\},\n");
-    cut(text, "\"kinds\":\\{");
-    std::map<std::string, std::uint64_t> kinds;
-    delimiter.clear();
-    while (!text.starts_with("}}")) {
-        m = cut(text, delimiter + "\"([a-z0-9_]+)\":" + NUMBER);
-        kinds[m[1]] = std::stoull(m[2]);
-        delimiter = ",";
-    }
-    EXPECT_EQ(text, "}}\n");
-    return kinds;
+    EXPECT_EQ(keys_of(json),
+              (std::vector<std::string>{"entries", "in_use", "free", "damaged", "unreadable"}));
+    for (const Json &count : json)
+        EXPECT_TRUE(count.is_number_unsigned()) << json;
+    return {json.at("entries"), json.at("in_use"), json.at("free"), json.at("damaged"),
+            json.at("unreadable")};
 }
 
 std::string line(const char *severity, const std::string &kind, const std::string &table,
@@ -122,7 +83,14 @@ Report run_check(const std::string &device, const std::vector<std::string> &args
     Report report;
     report.run = run_program(ZU_TIERCTL, all);
     EXPECT_EQ(report.run.err, "");
-    const std::map<std::string, std::uint64_t> kinds = parse(report.run.out, report);
+    const Json document = Json::parse(report.run.out);
+    EXPECT_EQ(report.run.out, layout_of(document));
+    report.device = document.at("device");
+    report.layout = document.at("layout");
+    for (const Json &finding : document.at("findings"))
+        report.findings.push_back(finding_of(finding));
+    for (const auto &[table, counts] : document.at("tables").items())
+        report.tables[table] = counts_of(counts);
     EXPECT_EQ(report.run.status, report.findings.empty() ? 0 : 1);
     EXPECT_EQ(report.device, device);
 
@@ -131,7 +99,7 @@ Report run_check(const std::string &device, const std::vector<std::string> &args
         found[finding.kind]++;
         EXPECT_TRUE(report.tables.contains(finding.table)) << finding.table;
     }
-    EXPECT_EQ(kinds, found);
+    EXPECT_EQ((document.at("kinds").get<std::map<std::string, std::uint64_t>>()), found);
     for (const auto &[table, counts] : report.tables)
         EXPECT_EQ(counts.in_use + counts.free + counts.damaged + counts.unreadable, counts.entries)
             << table;

@@ -261,6 +261,25 @@ TEST_F(RevertV1, UnreadableListThatIsNone)
     expect_refused("inode", 1, list + " is no list of unreadable blocks");
 }
 
+TEST_F(RevertV1, UnreadableListOfLargeNumbers)
+{
+    SuperV3 sb = super_v3(3, 5);
+    Device device = make_v3_device(sb);
+    sb.inode_cnt = 0xFFFFFFFFFFFFFFFF;
+    put_block(device, SUPER_OFFSET, encode(sb));
+    fs::copy_file(device.path(), saved, fs::copy_options::overwrite_existing);
+    // Neighbours that a floating-point number cannot tell apart.
+    const std::string there = "9007199254740992";
+    const std::string missing = "9007199254740993";
+    directory.write("saved.unreadable.json",
+                    R"([{"table":"inode","no":)" + missing + R"(,"count":1}])");
+    expect_complaint(run_ctl({"revert", saved, device.path(), "inode", missing}), 1,
+                     "inode " + missing + " is missing in " + saved +
+                         ": it could not be read when that was saved");
+    const RunResult other = run_ctl({"revert", saved, device.path(), "inode", there});
+    EXPECT_EQ(other.err.find("is missing"), std::string::npos) << other;
+}
+
 TEST_F(RevertV1, NothingIsWrittenWhenItCannotBeShown)
 {
     flip(cache.device, cache.offset("inode", 2) + 60);
