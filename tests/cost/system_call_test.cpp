@@ -3,6 +3,7 @@
 
 #include "tables.h"
 
+#include <algorithm>
 #include <iterator>
 #include <regex>
 #include <sstream>

@@ -3,6 +3,7 @@
 #include "map_model.h"
 #include "pseudo_terminal.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <regex>

@@ -2,6 +2,8 @@
 
 #include "map_fixture.h"
 
+#include <algorithm>
+
 using namespace tier_test;
 namespace fs = std::filesystem;
 

@@ -3,6 +3,7 @@
 #include "in_process.h"
 #include "v3_device.h"
 
+#include <algorithm>
 #include <limits>
 
 using namespace tier_test;

@@ -68,7 +68,7 @@ struct Draft {
     void note_change(std::string_view what, const std::string &before, const std::string &after);
     void note_field(const StoredField &field);
     void note_number_change(const std::string &what, uint64_t before, uint64_t after);
-    void note_refusal(std::string why) { refusals.push_back(std::move(why)); }
+    void note_refusal(std::string_view why) { refusals.emplace_back(why); }
 
     /* Says of each area, the first of which begins at byte `begin`, what the repair clears. */
     void note_cleared(size_t begin, std::span<const Stretch> areas);
