@@ -3,6 +3,9 @@
 // handler's result behind its own output.
 
 #include "zu_tier/front/zu_tier.h"
+#include "zu_tier/layout/registry.h"
+
+#include <initializer_list>
 
 #include <cstdio>
 

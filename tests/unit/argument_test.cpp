@@ -6,8 +6,8 @@
 #include "zu_tier/driver/repair.h"
 #include "zu_tier/layout/brick.h"
 #include "zu_tier/layout/extent.h"
-#include "zu_tier/layout/v2/inode.h"
 #include "zu_tier/layout/v2/map.h"
+#include "zu_tier/layout/v2/v2.h"
 #include "zu_tier/record/log.h"
 
 using namespace tier_test;
@@ -19,9 +19,10 @@ TEST(ArgumentDeathTest, PrintersNeedAnEntryAndAStream)
     tier_brick_info_t brick{};
     EXPECT_ABORT(tier_print_brick(nullptr, 0, stdout), "brick && fp");
     EXPECT_ABORT(tier_print_brick(&brick, 0, nullptr), "brick && fp");
-    const tier_inode_v2_t inode{};
-    EXPECT_ABORT(__print_inode_v2(nullptr, 0, stdout), "inode && fp");
-    EXPECT_ABORT(__print_inode_v2(&inode, 0, nullptr), "inode && fp");
+    tier_inode_v2_t inode{};
+    const zutr_print_func_t print_inode = TIER_INODE_TABLE_V2.repair.print;
+    EXPECT_ABORT(print_inode(nullptr, nullptr, 0, stdout), "inode && fp");
+    EXPECT_ABORT(print_inode(&inode, nullptr, 0, nullptr), "inode && fp");
 }
 
 TEST(ArgumentDeathTest, ChecksumNeedsAnExtentAndALength)

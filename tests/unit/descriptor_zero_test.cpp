@@ -75,7 +75,7 @@ TEST_F(DescriptorZero, IsRepaired)
     params.fd = 0;
     params.repair_conf = conf.c_str();
     params.commit = 1;
-    EXPECT_EQ(zutr_repair_common(&params, parse_to_the_second_block), 0);
+    EXPECT_EQ(zutr_repair_common(&params, {parse_to_the_second_block, nullptr}), 0);
     EXPECT_EQ(device.block(BLOCK_SIZE)[0], 0x5A);
 }
 

@@ -5,6 +5,7 @@
 #include "device.h"
 #include "log.h"
 #include "zu_tier/front/zu_tier.h"
+#include "zu_tier/layout/registry.h"
 
 #include <csignal>
 #include <cstdint>

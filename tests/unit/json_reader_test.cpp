@@ -46,7 +46,9 @@ protected:
         std::memset(&record, 0xEE, sizeof(record));
         return captured([&] {
             const zutr_json document = zutr_json_load(path.c_str());
-            return zutr_json_reader(PARSE_RECORD, document.get()).read(KEYS, &record);
+            zutr_json_reader in(PARSE_RECORD, document.get());
+            in.read(KEYS, &record);
+            return in.failed() ? -22 : 0;
         });
     }
 

@@ -30,8 +30,7 @@ struct FilterRow {
                 .first_word = 0,
                 .magic = std::nullopt,
                 .in_use = {"in_use", in_use_at, 1},
-                .owner = {"owner", owner_at, owner_width},
-                .keys = {}};
+                .owner = {"owner", owner_at, owner_width}};
     }
 };
 

@@ -28,9 +28,9 @@ struct Record {
     char mark[1];
 };
 
-std::uint64_t doubled(const Record &record)
+std::uint64_t doubled(const void *record)
 {
-    return record.u64 * 2;
+    return static_cast<const Record *>(record)->u64 * 2;
 }
 
 constexpr auto FIELDS = std::tuple{
@@ -51,11 +51,11 @@ constexpr auto FIELDS = std::tuple{
     zutr_field{"uuid", &Record::uuid},
     zutr_field{"label", &Record::label},
     zutr_field{"mark", &Record::mark},
-    zutr_computed{"doubled", doubled},
-    zutr_bits{{"low", 0, 1}},
-    zutr_bits{{"some", 1, 19}},
-    zutr_bits{{"high", 20, 44}},
-    zutr_bits{{"whole", 0, 64}, "word"},
+    zutr_computed<Record>{"doubled", doubled},
+    zutr_bits{{"low", 0, 1}, &Record::word},
+    zutr_bits{{"some", 1, 19}, &Record::word},
+    zutr_bits{{"high", 20, 44}, &Record::word},
+    zutr_bits{{"word", 0, 64}, &Record::word},
 };
 
 constexpr auto ONE_FIELD = std::tuple{zutr_field{"u8", &Record::u8}};
@@ -200,14 +200,6 @@ TEST(Record, RecordsMayLieAnywhereInTheText)
             }
         }
         ASSERT_EQ(stream.text(), before + expected) << front;
-    }
-}
-
-TEST(Record, ChecksumCoversAllBehindItself)
-{
-    for (const Record &record : records()) {
-        const ConstByteSpan bytes(reinterpret_cast<const std::uint8_t *>(&record), sizeof(record));
-        EXPECT_EQ(zutr_record_crc(record), record_crc(bytes, bytes.size()));
     }
 }
 

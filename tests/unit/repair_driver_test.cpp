@@ -62,7 +62,7 @@ protected:
         params.cmd = ZUTR_CMD_REPAIR_BRICK;
         params.repair_conf = conf_path;
         params.commit = commit ? 1 : 0;
-        return captured([&] { return zutr_repair_common(&params, parse_pattern); });
+        return captured([&] { return zutr_repair_common(&params, {parse_pattern, nullptr}); });
     }
 
     Call repair() const { return repair(conf.c_str()); }
@@ -110,6 +110,26 @@ TEST_F(RepairDriver, OffsetsAre64Bits)
     EXPECT_EQ(device.block(FAR & 0xFFFFFFFF), Block{});
 }
 
+// What has been built is shown once it is accepted, before anything is written.
+TEST_F(RepairDriver, ShowsWhatIsAcceptedBeforeItIsWritten)
+{
+    for (const std::int64_t result : {8192, -22}) {
+        parse = {.result = result};
+        const OpenDevice open(device, flags);
+        zutr_params_t params = params_on(device, open);
+        params.repair_conf = conf.c_str();
+        params.commit = 1;
+        testing::internal::CaptureStdout();
+        zutr_repair_common(
+            &params, {parse_pattern, [](void *entry, const void *, std::int64_t offset, FILE *fp) {
+                          fprintf(fp, "%d at %ld", *static_cast<char *>(entry), offset);
+                      }});
+        const std::string shown = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(shown,
+                  result < 0 ? "" : text("%d at %ld", static_cast<char>(pattern()[0]), result));
+    }
+}
+
 TEST_F(RepairDriver, WithoutTheCommitFlagNothingIsWritten)
 {
     commit = false;
@@ -155,7 +175,10 @@ TEST_F(RepairDriver, NeedsARepairFileAndAnOpenDevice)
     zutr_params_t params;
     zutr_params_init(&params);
     params.repair_conf = conf.c_str();
-    EXPECT_EQ(captured([&] { return zutr_repair_common(&params, parse_pattern); }), refused);
+    EXPECT_EQ(captured([&] {
+                  return zutr_repair_common(&params, {parse_pattern, nullptr});
+              }),
+              refused);
     EXPECT_EQ(parse.calls, 0);
 }
 
@@ -195,8 +218,8 @@ TEST_F(RepairDriverDeathTest, ProgrammingErrorsAbort)
 {
     zutr_params_t params;
     zutr_params_init(&params);
-    EXPECT_ABORT(zutr_repair_common(nullptr, parse_pattern), "params && parse_func");
-    EXPECT_ABORT(zutr_repair_common(&params, nullptr), "params && parse_func");
+    EXPECT_ABORT(zutr_repair_common(nullptr, {parse_pattern, nullptr}), "params && parse_func");
+    EXPECT_ABORT(zutr_repair_common(&params, {}), "params && parse_func");
 }
 
 } // namespace

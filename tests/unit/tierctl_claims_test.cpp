@@ -1,7 +1,6 @@
 // Who claims what others claim, too: found in memory that holds but a few of the claims at a time.
 
 #include "zu_tierctl/check/claims.h"
-#include "zu_tierctl/check/entries.h"
 #include "zu_tierctl/check/sort.h"
 
 #include <gtest/gtest.h>

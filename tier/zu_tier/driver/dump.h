@@ -1,7 +1,7 @@
 #pragma once
 
+#include "zu_tier/driver/params.h"
 #include "zu_tier/format/records.h"
-#include "zu_tier/front/zu_tier.h"
 
 #include <cstdint>
 

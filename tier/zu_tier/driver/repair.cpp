@@ -32,7 +32,7 @@ int32_t write_if_committed(const zutr_params_t *params, const uint8_t *block, in
 
 } // namespace
 
-int64_t zutr_build_block(const char *func, zutr_params_t *params, zutr_parse_func_t parse_func,
+int64_t zutr_build_block(const char *func, zutr_params_t *params, const zutr_repair_t &repair,
                          bool hand_on_errno, zutr_buffer *block)
 {
     const int32_t failed = zutr_alloc_aligned(SIZE_4K, block);
@@ -47,24 +47,26 @@ int64_t zutr_build_block(const char *func, zutr_params_t *params, zutr_parse_fun
         zutr_error(func, "load repair conf %s failed:%s", params->repair_conf, strerror(cause));
         return hand_on_errno ? -cause : -EINVAL;
     }
-    const int64_t offset = parse_func(params, document.get(), block->get());
+    const int64_t offset = repair.parse(params, document.get(), block->get());
     if (offset < 0) {
         zutr_error(func, "parse meta info failed:%d, cmd:%d, dev:%s, conf:%s",
                    static_cast<int32_t>(offset), params->cmd, params->dev_path,
                    params->repair_conf);
+    } else if (repair.print != nullptr) {
+        repair.print(block->get(), params->sb, offset, stdout);
     }
     return offset;
 }
 
-int32_t zutr_repair_common(zutr_params_t *params, zutr_parse_func_t parse_func)
+int32_t zutr_repair_common(zutr_params_t *params, const zutr_repair_t &repair)
 {
-    zutr_assert(params != nullptr && parse_func != nullptr, "params && parse_func");
+    zutr_assert(params != nullptr && repair.parse != nullptr, "params && parse_func");
     if (params->repair_conf == nullptr || params->fd < 0) {
         zutr_error(FUNC, "failed to get repair_conf or open repair_conf fd");
         return -EINVAL;
     }
     zutr_buffer block;
-    const int64_t offset = zutr_build_block(FUNC, params, parse_func, false, &block);
+    const int64_t offset = zutr_build_block(FUNC, params, repair, false, &block);
     return offset < 0 ? static_cast<int32_t>(offset)
                       : write_if_committed(params, block.get(), offset);
 }

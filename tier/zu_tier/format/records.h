@@ -33,27 +33,16 @@ constexpr const char TIER_SSD_UUID_SAMPLE[] = "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-5
 constexpr size_t TIER_SSD_UUID_LEN = sizeof(TIER_SSD_UUID_SAMPLE) - 1;
 static_assert(TIER_SSD_UUID_LEN == 38);
 
-/* Brick: a backing store that the cache serves. The same record in every layout.
- *
- *   at  width
- *    0    4   bi_checksum  CRC-32 of bytes 4..167
- *    4    4   bi_magic     the layout's brick magic
- *    8    4   bi_use       nonzero: the slot holds a brick
- *   12    4   bi_no        the entry's own slot number
- *   16   16   bi_uuid      identity of the brick
- *   32  128   bi_brickid   path of the brick, NUL-terminated
- *  160    4   bi_unlink    nonzero: the brick has been unlinked
- *  164    4   bi_reserved
- */
+/* Brick: a backing store that the cache serves. The same record in every layout. */
 struct tier_brick_info_t {
-    uint32_t bi_checksum;
-    uint32_t bi_magic;
-    uint32_t bi_use;
-    uint32_t bi_no;
-    uint8_t bi_uuid[16];
-    char bi_brickid[128];
-    uint32_t bi_unlink;
-    uint32_t bi_reserved;
+    uint32_t bi_checksum; /*   0  CRC-32 of bytes 4..167 */
+    uint32_t bi_magic;    /*   4  the layout's brick magic */
+    uint32_t bi_use;      /*   8  nonzero: the slot holds a brick */
+    uint32_t bi_no;       /*  12  the entry's own slot number */
+    uint8_t bi_uuid[16];  /*  16  identity of the brick */
+    char bi_brickid[128]; /*  32  path of the brick, NUL-terminated */
+    uint32_t bi_unlink;   /* 160  nonzero: the brick has been unlinked */
+    uint32_t bi_reserved; /* 164 */
 };
 static_assert(sizeof(tier_brick_info_t) == 168);
 static_assert(offsetof(tier_brick_info_t, bi_checksum) == 0);
@@ -72,47 +61,30 @@ constexpr size_t TIER_BRICKID_LEN = sizeof(TIER_BRICKID_SAMPLE) - 1;
 static_assert(TIER_BRICKID_LEN == 93);
 
 /* Inode: a file that the cache holds. The same record in every layout but for the last two words.
- *
- *   at  width
- *    0    4   i_checksum   CRC-32 of bytes 4..95
- *    4    4   i_magic      the layout's inode magic
- *    8    8   i_atime      nanoseconds since the epoch, as the three that follow
- *   16    8   i_ctime
- *   24    8   i_mtime
- *   32    8   i_dtime
- *   40   16   i_uuid       identity of the file
- *   56    8   i_size       bytes
- *   64    4   i_priority   cache priority
- *   68    4   i_no         the entry's own number; signed in V3
- *   72    4   i_brick_no   slot number of the owning brick
- *   76    2   i_unlink     nonzero: the file has been unlinked
- *   78    2   i_use        nonzero: the slot holds a file
- *   80    8   i_reserved1  V1; later new_data, kept by the cache for the file
- *   88    8   i_reserved2  V1; later i_blocks, block count of the file
  */
 struct tier_inode_t {
-    uint32_t i_checksum;
-    uint32_t i_magic;
-    uint64_t i_atime;
-    uint64_t i_ctime;
-    uint64_t i_mtime;
-    uint64_t i_dtime;
-    uint8_t i_uuid[16];
-    uint64_t i_size;
-    uint32_t i_priority;
+    uint32_t i_checksum; /*   0  CRC-32 of bytes 4..95 */
+    uint32_t i_magic;    /*   4  the layout's inode magic */
+    uint64_t i_atime;    /*   8  nanoseconds since the epoch, as the three that follow */
+    uint64_t i_ctime;    /*  16 */
+    uint64_t i_mtime;    /*  24 */
+    uint64_t i_dtime;    /*  32 */
+    uint8_t i_uuid[16];  /*  40  identity of the file */
+    uint64_t i_size;     /*  56  bytes */
+    uint32_t i_priority; /*  64  cache priority */
     union {
-        uint32_t i_no;
+        uint32_t i_no; /*  68  the entry's own number; signed in V3 */
         int32_t i_signed_no;
     };
-    uint32_t i_brick_no;
-    uint16_t i_unlink;
-    uint16_t i_use;
+    uint32_t i_brick_no; /*  72  slot number of the owning brick */
+    uint16_t i_unlink;   /*  76  nonzero: the file has been unlinked */
+    uint16_t i_use;      /*  78  nonzero: the slot holds a file */
     union {
-        uint64_t i_reserved1;
+        uint64_t i_reserved1; /*  80  V1; later new_data, kept by the cache for the file */
         uint64_t new_data;
     };
     union {
-        uint64_t i_reserved2;
+        uint64_t i_reserved2; /*  88  V1; later i_blocks, block count of the file */
         uint64_t i_blocks;
     };
 };
@@ -137,36 +109,21 @@ static_assert(offsetof(tier_inode_t, i_reserved2) == 88);
 static_assert(offsetof(tier_inode_t, i_blocks) == 88);
 
 /* Extent: what a data block caches. V1 and V2 begin an extent with this head, at the start of its
- * slot, and each goes on in its own way.
- *
- *   at  width
- *    0    4   te_checksum       CRC-32 from byte 4 to the end of the record
- *    4    4   te_block          block number within the file
- *    8    8   te_size           valid bytes held
- *   16    4   te_inode_no       slot number of the owning inode
- *   20    4   te_sampling_low   access counter and identity of the file, bytes reversed
- *                             against its JSON value
- *   24    4   te_sampling_mid   access counter
- *   28    4   te_sampling_high  access counter
- *   32    2   te_use            nonzero: in use
- *   34    2   te_clean          nonzero: written back
- *   36    4   te_ntime          time of the last sampling
- *   40    8   te_hot            hotness
- *   48    8   te_reserved1      the entry's own number ("te_no")
- */
+ * slot, and each goes on in its own way. */
 struct tier_extent_t {
-    uint32_t te_checksum;
-    uint32_t te_block;
-    uint64_t te_size;
-    uint32_t te_inode_no;
-    uint32_t te_sampling_low;
-    uint32_t te_sampling_mid;
-    uint32_t te_sampling_high;
-    uint16_t te_use;
-    uint16_t te_clean;
-    uint32_t te_ntime;
-    uint64_t te_hot;
-    uint64_t te_reserved1;
+    uint32_t te_checksum;      /*   0  CRC-32 from byte 4 to the end of the record */
+    uint32_t te_block;         /*   4  block number within the file */
+    uint64_t te_size;          /*   8  valid bytes held */
+    uint32_t te_inode_no;      /*  16  slot number of the owning inode */
+    uint32_t te_sampling_low;  /*  20  access counter and identity of the file, bytes reversed
+                                  against its JSON value */
+    uint32_t te_sampling_mid;  /*  24  access counter */
+    uint32_t te_sampling_high; /*  28  access counter */
+    uint16_t te_use;           /*  32  nonzero: in use */
+    uint16_t te_clean;         /*  34  nonzero: written back */
+    uint32_t te_ntime;         /*  36  time of the last sampling */
+    uint64_t te_hot;           /*  40  hotness */
+    uint64_t te_reserved1;     /*  48  the entry's own number ("te_no") */
 };
 static_assert(sizeof(tier_extent_t) == 56);
 static_assert(offsetof(tier_extent_t, te_checksum) == 0);

@@ -9,45 +9,26 @@ constexpr uint32_t TIER_SB_VERSION_V1 = 0x10000;
 constexpr uint32_t TIER_BRICK_MAGIC_V1 = 0x42524B49;
 constexpr uint32_t TIER_INODE_MAGIC_V1 = 0x494E4F44;
 
-/* Super block, at byte offset 4096 of the device.
- *
- *   at  width
- *    0    4   sb_checksum           CRC-32 of bytes 4..143
- *    4    4   sb_magic              0xCACBCCCD
- *    8    8   sb_brick_table_size   bytes: sb_brick_cnt x 4096
- *   16    8   sb_inode_table_size   bytes: sb_inode_cnt x 4096 and padding to a 1 MiB boundary
- *   24    8   sb_extent_table_size  bytes: sb_block_cnt x 4096
- *   32    8   sb_data_offset        end of the extent table + 2 MiB, up to a 1 MiB boundary
- *   40    8   sb_ctime              nanoseconds since the epoch
- *   48   16   sb_uuid               identity of the cache
- *   64   48   sb_ssd_uuid           identity of the SSD, 38 characters, NUL-terminated
- *  112    4   sb_version            0x10000
- *  116    4   sb_size               bytes of the super block area: 1 MiB
- *  120    4   sb_brick_cnt          1..300
- *  124    4   sb_inode_cnt          1..100000
- *  128    4   sb_block_size         bytes of a data block: 256 KiB..4 MiB, a multiple of 4096
- *  132    4   sb_block_cnt          data blocks, and extents
- *  136    4   sb_extent_size        bytes of an extent record with its bitmap: 56..4096
- *  140    4   sb_reserved
- */
+/* Super block, at byte offset 4096 of the device. */
 struct tier_super_block_v1_t {
-    uint32_t sb_checksum;
-    uint32_t sb_magic;
-    uint64_t sb_brick_table_size;
-    uint64_t sb_inode_table_size;
-    uint64_t sb_extent_table_size;
-    uint64_t sb_data_offset;
-    uint64_t sb_ctime;
-    uint8_t sb_uuid[16];
-    char sb_ssd_uuid[48];
-    uint32_t sb_version;
-    uint32_t sb_size;
-    uint32_t sb_brick_cnt;
-    uint32_t sb_inode_cnt;
-    uint32_t sb_block_size;
-    uint32_t sb_block_cnt;
-    uint32_t sb_extent_size;
-    uint32_t sb_reserved;
+    uint32_t sb_checksum;         /*   0  CRC-32 of bytes 4..143 */
+    uint32_t sb_magic;            /*   4  0xCACBCCCD */
+    uint64_t sb_brick_table_size; /*   8  bytes: sb_brick_cnt x 4096 */
+    uint64_t
+        sb_inode_table_size; /*  16  bytes: sb_inode_cnt x 4096 and padding to a 1 MiB boundary */
+    uint64_t sb_extent_table_size; /*  24  bytes: sb_block_cnt x 4096 */
+    uint64_t sb_data_offset; /*  32  end of the extent table + 2 MiB, up to a 1 MiB boundary */
+    uint64_t sb_ctime;       /*  40  nanoseconds since the epoch */
+    uint8_t sb_uuid[16];     /*  48  identity of the cache */
+    char sb_ssd_uuid[48];    /*  64  identity of the SSD, 38 characters, NUL-terminated */
+    uint32_t sb_version;     /* 112  0x10000 */
+    uint32_t sb_size;        /* 116  bytes of the super block area: 1 MiB */
+    uint32_t sb_brick_cnt;   /* 120  1..300 */
+    uint32_t sb_inode_cnt;   /* 124  1..100000 */
+    uint32_t sb_block_size;  /* 128  bytes of a data block: 256 KiB..4 MiB, a multiple of 4096 */
+    uint32_t sb_block_cnt;   /* 132  data blocks, and extents */
+    uint32_t sb_extent_size; /* 136  bytes of an extent record with its bitmap: 56..4096 */
+    uint32_t sb_reserved;    /* 140 */
 };
 static_assert(sizeof(tier_super_block_v1_t) == 144);
 static_assert(offsetof(tier_super_block_v1_t, sb_checksum) == 0);

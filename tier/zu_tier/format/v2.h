@@ -1,6 +1,7 @@
 #pragma once
 
 #include "zu_tier/format/areas.h"
+#include "zu_tier/format/bits.h"
 
 /* Layout V2. tier_areas.h draws where its first tables lie; behind the data blocks follows, 1 MiB
  * further on, the expansion inode area, whose inodes are numbered on from the regular ones. */
@@ -20,61 +21,34 @@ constexpr uint32_t TIER_INODE_NO_BOUND_V2 = 500000;
 constexpr uint32_t EXTENT_HOT_LEN = 64; /* the most mapped pieces of an extent */
 constexpr uint32_t TIER_HOT_SIZE_V2 = 64;
 
-/* Super block, at byte offset 4096 of the device.
- *
- *   at  width
- *    0    4   sb_checksum           CRC-32 of bytes 4..167
- *    4    4   sb_magic              0xCACBCCCD
- *    8    8   sb_brick_table_size   bytes: sb_brick_cnt x 4096
- *   16    8   sb_inode_table_size   bytes: sb_inode_cnt x 4096 and padding to a 1 MiB boundary
- *   24    8   sb_extent_table_size  bytes: sb_block_cnt x 4096
- *   32    8   sb_data_offset        end of the extent table + 2 MiB, up to a 1 MiB boundary
- *   40    8   sb_ctime              creation time
- *   48   16   sb_uuid               identity of the cache
- *   64   48   sb_ssd_uuid           identity of the SSD, 38 characters, NUL-terminated
- *  112    4   sb_version            0x20000
- *  116    4   sb_size               bytes of the super block area: 1 MiB
- *  120    4   sb_brick_cnt          1..300
- *  124    4   sb_inode_cnt          1..100000, without the expansion area
- *  128    4   sb_block_size         bytes of a data block: 256 KiB..4 MiB, a multiple of 4096
- *  132    4   sb_block_cnt          data blocks, and extents
- *  136    4   sb_extent_size        bytes of an extent's head and bitmap: 56..4096
- *  140    2   sb_inode_exp_magic    0x4558: there is an expansion area; else 0
- *  142    1   sb_inode_exp_area     inodes of the area / 25600
- *  143    1   sb_inode_exp_inuse    0x53: the area is in use; else 0
- *  144    4   sb_min_alloc_size     bytes of data for each mapped piece
- *  148    4   sb_total_map_size     bytes of an extent's mapped pieces
- *  152    4   sb_map_cnt            mapped pieces of an extent, at most 64
- *  156    4   sb_size_mapped_meta   bytes of a mapped piece: 16
- *  160    4   sb_hot_size           bytes of an extent's hot area
- *  164    4   sb_total_extent_size  checksummed bytes of an extent, at most 4096
- */
+/* Super block, at byte offset 4096 of the device. */
 struct tier_super_block_v2_t {
-    uint32_t sb_checksum;
-    uint32_t sb_magic;
-    uint64_t sb_brick_table_size;
-    uint64_t sb_inode_table_size;
-    uint64_t sb_extent_table_size;
-    uint64_t sb_data_offset;
-    uint64_t sb_ctime;
-    uint8_t sb_uuid[16];
-    char sb_ssd_uuid[48];
-    uint32_t sb_version;
-    uint32_t sb_size;
-    uint32_t sb_brick_cnt;
-    uint32_t sb_inode_cnt;
-    uint32_t sb_block_size;
-    uint32_t sb_block_cnt;
-    uint32_t sb_extent_size;
-    uint16_t sb_inode_exp_magic;
-    uint8_t sb_inode_exp_area;
-    uint8_t sb_inode_exp_inuse;
-    uint32_t sb_min_alloc_size;
-    uint32_t sb_total_map_size;
-    uint32_t sb_map_cnt;
-    uint32_t sb_size_mapped_meta;
-    uint32_t sb_hot_size;
-    uint32_t sb_total_extent_size;
+    uint32_t sb_checksum;         /*   0  CRC-32 of bytes 4..167 */
+    uint32_t sb_magic;            /*   4  0xCACBCCCD */
+    uint64_t sb_brick_table_size; /*   8  bytes: sb_brick_cnt x 4096 */
+    uint64_t
+        sb_inode_table_size; /*  16  bytes: sb_inode_cnt x 4096 and padding to a 1 MiB boundary */
+    uint64_t sb_extent_table_size; /*  24  bytes: sb_block_cnt x 4096 */
+    uint64_t sb_data_offset; /*  32  end of the extent table + 2 MiB, up to a 1 MiB boundary */
+    uint64_t sb_ctime;       /*  40  creation time */
+    uint8_t sb_uuid[16];     /*  48  identity of the cache */
+    char sb_ssd_uuid[48];    /*  64  identity of the SSD, 38 characters, NUL-terminated */
+    uint32_t sb_version;     /* 112  0x20000 */
+    uint32_t sb_size;        /* 116  bytes of the super block area: 1 MiB */
+    uint32_t sb_brick_cnt;   /* 120  1..300 */
+    uint32_t sb_inode_cnt;   /* 124  1..100000, without the expansion area */
+    uint32_t sb_block_size;  /* 128  bytes of a data block: 256 KiB..4 MiB, a multiple of 4096 */
+    uint32_t sb_block_cnt;   /* 132  data blocks, and extents */
+    uint32_t sb_extent_size; /* 136  bytes of an extent's head and bitmap: 56..4096 */
+    uint16_t sb_inode_exp_magic;   /* 140  0x4558: there is an expansion area; else 0 */
+    uint8_t sb_inode_exp_area;     /* 142  inodes of the area / 25600 */
+    uint8_t sb_inode_exp_inuse;    /* 143  0x53: the area is in use; else 0 */
+    uint32_t sb_min_alloc_size;    /* 144  bytes of data for each mapped piece */
+    uint32_t sb_total_map_size;    /* 148  bytes of an extent's mapped pieces */
+    uint32_t sb_map_cnt;           /* 152  mapped pieces of an extent, at most 64 */
+    uint32_t sb_size_mapped_meta;  /* 156  bytes of a mapped piece: 16 */
+    uint32_t sb_hot_size;          /* 160  bytes of an extent's hot area */
+    uint32_t sb_total_extent_size; /* 164  checksummed bytes of an extent, at most 4096 */
 };
 static_assert(sizeof(tier_super_block_v2_t) == 168);
 static_assert(offsetof(tier_super_block_v2_t, sb_checksum) == 0);
@@ -111,28 +85,34 @@ using tier_inode_v2_t = tier_inode_t;
  * map number i; then the hot area. */
 using tier_extent_v2_t = tier_extent_t;
 
-/* Mapped piece: where a part of the block's data came from. Empty when its orig_len is 0.
- *
- *   at  width
- *    0    8   offset        of the piece at its source
- *    8    4   clean_length  bit 0: clean; bits 1..31: orig_len, bytes
- *   12    2   begin         first 4096-byte page within the data block
- *   14    2   cnt           pages
- */
+/* Mapped piece: where a part of the block's data came from. Empty when its orig_len is 0. */
 struct tier_mapped_meta_v2_t {
-    uint64_t offset;
-    uint32_t clean_length;
-    uint16_t begin;
-    uint16_t cnt;
+    uint64_t offset;       /*   0  of the piece at its source */
+    uint32_t clean_length; /*   8  two bit fields, see below */
+    uint16_t begin;        /*  12  first 4096-byte page within the data block */
+    uint16_t cnt;          /*  14  pages */
 
-    constexpr uint32_t clean() const { return clean_length & 1; }
-    constexpr uint32_t orig_len() const { return clean_length >> 1; }
+    constexpr uint32_t clean() const;
+    constexpr uint32_t orig_len() const;
 };
 static_assert(sizeof(tier_mapped_meta_v2_t) == 16);
 static_assert(offsetof(tier_mapped_meta_v2_t, offset) == 0);
 static_assert(offsetof(tier_mapped_meta_v2_t, clean_length) == 8);
 static_assert(offsetof(tier_mapped_meta_v2_t, begin) == 12);
 static_assert(offsetof(tier_mapped_meta_v2_t, cnt) == 14);
+
+constexpr tier_bits MAPPED_CLEAN_V2 = {"clean", 0, 1};      /* 1: written back */
+constexpr tier_bits MAPPED_LENGTH_V2 = {"orig_len", 1, 31}; /* bytes */
+
+constexpr uint32_t tier_mapped_meta_v2_t::clean() const
+{
+    return static_cast<uint32_t>(MAPPED_CLEAN_V2.get(clean_length));
+}
+
+constexpr uint32_t tier_mapped_meta_v2_t::orig_len() const
+{
+    return static_cast<uint32_t>(MAPPED_LENGTH_V2.get(clean_length));
+}
 
 /* The word of a clean bit and a length of 31 bits. */
 constexpr uint32_t tier_clean_length_v2(uint64_t clean, uint64_t orig_len)

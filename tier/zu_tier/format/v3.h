@@ -27,69 +27,37 @@ constexpr uint32_t TIER_BLOCK_SIZE_MAX_V3 = 65536;
 constexpr uint32_t TIER_PACKED_SIZE_V3 = sizeof(uint64_t);               /* a shard or extent */
 constexpr uint32_t TIER_PACKED_SLOTS_V3 = SIZE_4K / TIER_PACKED_SIZE_V3; /* words of a block */
 
-/* Super block, at byte offset 4096 of the device.
- *
- *   at  width
- *    0    4   sb_checksum             CRC-32 of bytes 4..263
- *    4    4   sb_magic                0xCACBDCBD
- *    8    8   sb_sb_offset            super block area: byte offset
- *   16    8   sb_sb_size              bytes: 1 MiB
- *   24    8   sb_reserved_offset      reserved area: byte offset
- *   32    8   sb_reserved_size        bytes
- *   40    8   sb_ctime                creation time
- *   48   16   sb_uuid                 identity of the cache
- *   64   48   sb_cdev_uuid            identity of the SSD, 38 characters, NUL-terminated
- *  112    4   sb_version              0x30000
- *  116    4   sb_reserved
- *  120    8   sb_brick_table_offset   bricks: byte offset
- *  128    8   sb_brick_table_size     bytes: at least sb_brick_table_cnt x 4096
- *  136    8   sb_brick_table_cnt      1..300
- *  144    8   sb_inode_table_offset   inodes: byte offset
- *  152    8   sb_inode_table_size     bytes: sb_inode_table_cnt x 4096
- *  160    8   sb_inode_table_cnt      1..262144
- *  168    8   sb_shard_table_offset   shards: byte offset
- *  176    8   sb_shard_table_size     bytes: sb_shard_table_cnt x 8
- *  184    8   sb_shard_table_cnt      1..524288
- *  192    8   sb_extent_table_offset  extents: byte offset
- *  200    8   sb_extent_table_size    bytes: sb_extent_table_cnt x 8
- *  208    8   sb_extent_table_cnt     1..1073741824
- *  216    8   sb_hot_table_offset     hot table: byte offset
- *  224    8   sb_hot_table_size       bytes
- *  232    8   sb_block_area_offset    data blocks: byte offset
- *  240    8   sb_block_area_size      bytes: sb_block_size x sb_block_cnt
- *  248    8   sb_block_size           bytes of a data block: 8192..65536, a multiple of 4096
- *  256    8   sb_block_cnt            data blocks
- */
+/* Super block, at byte offset 4096 of the device. */
 struct tier_super_block_v3_t {
-    uint32_t sb_checksum;
-    uint32_t sb_magic;
-    uint64_t sb_sb_offset;
-    uint64_t sb_sb_size;
-    uint64_t sb_reserved_offset;
-    uint64_t sb_reserved_size;
-    uint64_t sb_ctime;
-    uint8_t sb_uuid[16];
-    char sb_cdev_uuid[48];
-    uint32_t sb_version;
-    uint32_t sb_reserved;
-    uint64_t sb_brick_table_offset;
-    uint64_t sb_brick_table_size;
-    uint64_t sb_brick_table_cnt;
-    uint64_t sb_inode_table_offset;
-    uint64_t sb_inode_table_size;
-    uint64_t sb_inode_table_cnt;
-    uint64_t sb_shard_table_offset;
-    uint64_t sb_shard_table_size;
-    uint64_t sb_shard_table_cnt;
-    uint64_t sb_extent_table_offset;
-    uint64_t sb_extent_table_size;
-    uint64_t sb_extent_table_cnt;
-    uint64_t sb_hot_table_offset;
-    uint64_t sb_hot_table_size;
-    uint64_t sb_block_area_offset;
-    uint64_t sb_block_area_size;
-    uint64_t sb_block_size;
-    uint64_t sb_block_cnt;
+    uint32_t sb_checksum;            /*   0  CRC-32 of bytes 4..263 */
+    uint32_t sb_magic;               /*   4  0xCACBDCBD */
+    uint64_t sb_sb_offset;           /*   8  super block area: byte offset */
+    uint64_t sb_sb_size;             /*  16  bytes: 1 MiB */
+    uint64_t sb_reserved_offset;     /*  24  reserved area: byte offset */
+    uint64_t sb_reserved_size;       /*  32  bytes */
+    uint64_t sb_ctime;               /*  40  creation time */
+    uint8_t sb_uuid[16];             /*  48  identity of the cache */
+    char sb_cdev_uuid[48];           /*  64  identity of the SSD, 38 characters, NUL-terminated */
+    uint32_t sb_version;             /* 112  0x30000 */
+    uint32_t sb_reserved;            /* 116 */
+    uint64_t sb_brick_table_offset;  /* 120  bricks: byte offset */
+    uint64_t sb_brick_table_size;    /* 128  bytes: at least sb_brick_table_cnt x 4096 */
+    uint64_t sb_brick_table_cnt;     /* 136  1..300 */
+    uint64_t sb_inode_table_offset;  /* 144  inodes: byte offset */
+    uint64_t sb_inode_table_size;    /* 152  bytes: sb_inode_table_cnt x 4096 */
+    uint64_t sb_inode_table_cnt;     /* 160  1..262144 */
+    uint64_t sb_shard_table_offset;  /* 168  shards: byte offset */
+    uint64_t sb_shard_table_size;    /* 176  bytes: sb_shard_table_cnt x 8 */
+    uint64_t sb_shard_table_cnt;     /* 184  1..524288 */
+    uint64_t sb_extent_table_offset; /* 192  extents: byte offset */
+    uint64_t sb_extent_table_size;   /* 200  bytes: sb_extent_table_cnt x 8 */
+    uint64_t sb_extent_table_cnt;    /* 208  1..1073741824 */
+    uint64_t sb_hot_table_offset;    /* 216  hot table: byte offset */
+    uint64_t sb_hot_table_size;      /* 224  bytes */
+    uint64_t sb_block_area_offset;   /* 232  data blocks: byte offset */
+    uint64_t sb_block_area_size;     /* 240  bytes: sb_block_size x sb_block_cnt */
+    uint64_t sb_block_size; /* 248  bytes of a data block: 8192..65536, a multiple of 4096 */
+    uint64_t sb_block_cnt;  /* 256  data blocks */
 };
 static_assert(sizeof(tier_super_block_v3_t) == 264);
 static_assert(offsetof(tier_super_block_v3_t, sb_checksum) == 0);

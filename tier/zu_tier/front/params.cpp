@@ -98,14 +98,44 @@ int32_t apply_option(int option_char, int argc, char *argv[], zutr_params_t *par
     }
 }
 
+/* Whether the files are one, or the same volume. */
+bool is_same(const struct stat &one, const struct stat &other)
+{
+    const bool same_file = one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+    const bool same_volume =
+        S_ISBLK(one.st_mode) && S_ISBLK(other.st_mode) && one.st_rdev == other.st_rdev;
+    return same_file || same_volume;
+}
+
+bool is_same_path(const char *one, const char *other)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return stat(one, &first) == 0 && stat(other, &second) == 0 && is_same(first, second);
+}
+
+/* A log must never be written to the device. Nothing has been yet. */
+int32_t refuse_log(const char *path)
+{
+    zutr_close_log();
+    zutr_error(FUNC, "cannot open log file %s, error:%s", path, strerror(EBUSY));
+    return -EINVAL;
+}
+
 int32_t read_options(int argc, char *argv[], zutr_params_t *params)
 {
     optind = 0; /* start over, so that one process may parse several command lines */
     int32_t ret = 0;
     int option_char = 0;
+    const char *log_path = nullptr;
     while (ret == 0 &&
            (option_char = getopt_long(argc, argv, SHORT_OPTIONS, longopts.data(), nullptr)) != -1) {
         ret = apply_option(option_char, argc, argv, params);
+        log_path = option_char == 'l' ? optarg : log_path;
+        if (ret == 0 && log_path != nullptr && params->dev_path != nullptr &&
+            is_same_path(log_path, params->dev_path)) {
+            ret = refuse_log(log_path);
+        }
     }
     return ret;
 }
@@ -140,13 +170,7 @@ bool is_device(int32_t fd, const char *path)
 {
     struct stat device = {};
     struct stat output = {};
-    if (fstat(fd, &device) != 0 || stat(path, &output) != 0) {
-        return false;
-    }
-    const bool same_file = device.st_dev == output.st_dev && device.st_ino == output.st_ino;
-    const bool same_volume =
-        S_ISBLK(device.st_mode) && S_ISBLK(output.st_mode) && device.st_rdev == output.st_rdev;
-    return same_file || same_volume;
+    return fstat(fd, &device) == 0 && stat(path, &output) == 0 && is_same(device, output);
 }
 
 FILE *open_output_file(int32_t fd, const char *path)

@@ -1,6 +1,7 @@
 #include "common/zutr_assert.h"
 #include "common/zutr_utils.h"
 #include "zu_tier/front/zu_tier.h"
+#include "zu_tier/layout/registry.h"
 #include "zu_tier/record/log.h"
 #include "zu_tier/record/text.h"
 

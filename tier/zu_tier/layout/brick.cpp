@@ -1,8 +1,6 @@
 #include "zu_tier/layout/brick.h"
 
 #include "common/zutr_assert.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/record/log.h"
 
 #include <cerrno>
 #include <cstring>
@@ -17,25 +15,38 @@ bool passes(const zutr_filter_t &filter, const tier_brick_info_t &brick)
            (filter.id == nullptr || zutr_bounded(brick.bi_brickid) == filter.id);
 }
 
-int32_t parse_brick_in_use(const zutr_json_reader &in, zutr_need unlink, tier_brick_info_t *brick)
+void read_brick_in_use(zutr_json_reader &in, zutr_need unlink, tier_brick_info_t *brick)
 {
-    int32_t ret = in.read(TIER_BRICK_IN_USE_KEYS, brick);
-    if (ret != 0) {
-        return ret;
-    }
+    in.read(TIER_BRICK_IN_USE_KEYS, brick);
     if (strlen(brick->bi_brickid) != TIER_BRICKID_LEN) {
-        zutr_error(in.func(), "bi_brickid(%s) is invalid, expect_len:%ld", brick->bi_brickid,
-                   static_cast<int64_t>(TIER_BRICKID_LEN));
-        return -EINVAL;
+        in.refuse(in.func(), "bi_brickid(%s) is invalid, expect_len:%ld", brick->bi_brickid,
+                  static_cast<int64_t>(TIER_BRICKID_LEN));
     }
-    return in.read(tier_brick_unlink_key(unlink), brick);
+    in.read(tier_brick_unlink_key(unlink), brick);
 }
 
 } // namespace
 
-uint32_t tier_brick_crc(const tier_brick_info_t *brick)
+tier_columns tier_brick_fields()
 {
-    return zutr_record_crc(*brick);
+    return tier_make_columns(TIER_BRICK_FIELDS);
+}
+
+tier_columns tier_brick_keys()
+{
+    return tier_make_columns(
+        std::tuple_cat(TIER_BRICK_KEYS, TIER_BRICK_IN_USE_KEYS,
+                       std::tuple{tier_brick_unlink_key(zutr_need::required)}));
+}
+
+void tier_check_brick(const void * /*sb*/, const uint8_t *entry, tier_findings &to)
+{
+    const auto *brick = reinterpret_cast<const tier_brick_info_t *>(entry);
+    const size_t length = zutr_bounded(brick->bi_brickid).size();
+    if (length != TIER_BRICKID_LEN) {
+        to.add({"bad_brick_path"}, "its path has %zu characters, expected are %zu", length,
+               TIER_BRICKID_LEN);
+    }
 }
 
 void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp)
@@ -45,12 +56,12 @@ void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp)
     zutr_print_entry<TIER_BRICK_FIELDS>(*brick, offset, fp);
 }
 
-int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t no, void *meta,
+int32_t tier_dump_brick(const char *func, const tier_table &table, int32_t no, void *meta,
                         const char *delim, zutr_params_t *params)
 {
     auto *brick = static_cast<tier_brick_info_t *>(meta);
-    const uint32_t crc = tier_brick_crc(brick);
-    if (brick->bi_magic != table.magic || brick->bi_no != static_cast<uint32_t>(no) ||
+    const uint32_t crc = table.crc(brick, sizeof(*brick));
+    if (brick->bi_magic != table.magic_value || brick->bi_no != static_cast<uint32_t>(no) ||
         brick->bi_checksum != crc) {
         zutr_error(func, "no:%d, brick no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", no,
                    brick->bi_no, brick->bi_magic, brick->bi_checksum, crc);
@@ -64,32 +75,23 @@ int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t
         return 1;
     }
     zutr_write(params->out_fp, delim);
-    tier_print_brick(brick, table.region.slot(brick->bi_no), params->out_fp);
+    tier_print_brick(brick, tier_slot(table.regions(params->sb), brick->bi_no), params->out_fp);
     return 0;
 }
 
-int64_t tier_parse_brick(const zutr_json_reader &in, const tier_brick_table &table,
-                         tier_brick_info_t *brick)
+int64_t tier_parse_brick(zutr_json_reader in, const tier_table &table, zutr_need unlink,
+                         const void *sb, tier_brick_info_t *brick)
 {
-    brick->bi_magic = table.magic;
-    int32_t ret = in.read(TIER_BRICK_KEYS, brick);
-    if (ret == 0 && brick->bi_use != 0) {
-        ret = parse_brick_in_use(in, table.unlink, brick);
-    } else if (ret == 0) {
+    brick->bi_magic = table.magic_value;
+    in.read(TIER_BRICK_KEYS, brick);
+    if (brick->bi_use != 0) {
+        read_brick_in_use(in, unlink, brick);
+    } else if (!in.failed()) {
         uuid_generate(brick->bi_uuid);
     }
-    if (ret != 0) {
-        return ret;
+    const uint64_t max = table.regions(sb)[0].count;
+    if (brick->bi_no >= max) {
+        in.refuse(in.func(), "bi_no %u is invalid, max: %lu", brick->bi_no, max);
     }
-    if (brick->bi_no >= table.region.count) {
-        zutr_error(in.func(), "bi_no %u is invalid, max: %lu", brick->bi_no, table.region.count);
-        return -EINVAL;
-    }
-    brick->bi_checksum = tier_brick_crc(brick);
-    const int64_t offset = table.region.slot(brick->bi_no);
-    if (!tier_check_slot(in.func(), offset)) {
-        return -EFAULT;
-    }
-    tier_print_brick(brick, offset, stdout);
-    return offset;
+    return tier_finish(in, table, sb, brick, brick->bi_no);
 }

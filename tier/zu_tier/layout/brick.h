@@ -1,20 +1,8 @@
 #pragma once
 
-#include "zu_tier/format/records.h"
-#include "zu_tier/front/zu_tier.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/record.h"
+#include "zu_tier/layout/layout.h"
 
-#include <cstdint>
-#include <cstdio>
-#include <tuple>
-
-/* The brick table, which is the same in every layout but for the values below. */
-struct tier_brick_table {
-    uint32_t magic;
-    tier_region region;
-    zutr_need unlink; /* whether a repair file must hold "bi_unlink" */
-};
+/* The brick table, which is the same in every layout but for its place and its magic. */
 
 constexpr auto TIER_BRICK_FIELDS = std::tuple{
     zutr_field{"bi_checksum", &tier_brick_info_t::bi_checksum, zutr_form::hex},
@@ -32,28 +20,55 @@ constexpr auto TIER_BRICK_KEYS = std::tuple{
     zutr_key{"bi_no", &tier_brick_info_t::bi_no, zutr_to_s64},
 };
 
-/* Read only for a brick in use, and "bi_unlink" behind them. */
+/* Read only for a brick in use. */
 constexpr auto TIER_BRICK_IN_USE_KEYS = std::tuple{
     zutr_key{"bi_uuid", &tier_brick_info_t::bi_uuid},
     zutr_key{"bi_brickid", &tier_brick_info_t::bi_brickid},
 };
 
+/* Read after them; not every layout requires it. */
 constexpr auto tier_brick_unlink_key(zutr_need need)
 {
-    return zutr_key{"bi_unlink", &tier_brick_info_t::bi_unlink, zutr_to_s64, need};
+    return zutr_key{"bi_unlink", &tier_brick_info_t::bi_unlink, zutr_to_u64, need};
 }
 
-uint32_t tier_brick_crc(const tier_brick_info_t *brick);
+tier_columns tier_brick_fields();
+tier_columns tier_brick_keys();
+void tier_check_brick(const void *sb, const uint8_t *entry, tier_findings &to);
+
+/* A layout's brick table. */
+constexpr tier_table tier_brick_table(uint32_t magic, tier_regions (*regions)(const void *sb),
+                                      uint32_t (*crc)(void *record, uint32_t length),
+                                      const zutr_repair_t &repair)
+{
+    return {
+        .name = "brick",
+        .number_key = "bi_no",
+        .regions = regions,
+        .record_length = [](const void *) { return uint64_t{sizeof(tier_brick_info_t)}; },
+        .crc = crc,
+        .checksum = &TIER_HEAD_CHECKSUM,
+        .magic = tier_number_at(offsetof(tier_brick_info_t, bi_magic), 4),
+        .magic_value = magic,
+        .number = tier_number_at(offsetof(tier_brick_info_t, bi_no), 4),
+        .fields = tier_brick_fields,
+        .keys = tier_brick_keys,
+        .repair = repair,
+        .in_use = tier_number_at(offsetof(tier_brick_info_t, bi_use), 4),
+        .claim = {"identity", tier_number_at(offsetof(tier_brick_info_t, bi_uuid), 8), true},
+        .check = tier_check_brick,
+    };
+}
 
 /* Prints the brick as a JSON object; `offset` is shown as "meta_offset". Cuts off a path that lacks
  * its terminator, in the record itself. */
 void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp);
 
 /* Formatter of the dump driver, on behalf of the function `func`. */
-int32_t tier_dump_brick(const char *func, const tier_brick_table &table, int32_t no, void *meta,
+int32_t tier_dump_brick(const char *func, const tier_table &table, int32_t no, void *meta,
                         const char *delim, zutr_params_t *params);
 
-/* Fills the zeroed `brick` from a repair file and prints it to standard output. Gives the device
- * offset of its slot, or -EINVAL or -EFAULT, logged. */
-int64_t tier_parse_brick(const zutr_json_reader &in, const tier_brick_table &table,
-                         tier_brick_info_t *brick);
+/* Fills the zeroed `brick` from a repair file, in which `unlink` says whether "bi_unlink" must
+ * stand. Gives the device offset of its slot, or -EINVAL or -EFAULT, logged. */
+int64_t tier_parse_brick(zutr_json_reader in, const tier_table &table, zutr_need unlink,
+                         const void *sb, tier_brick_info_t *brick);

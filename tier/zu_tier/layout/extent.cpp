@@ -3,11 +3,32 @@
 #include "common/zutr_assert.h"
 #include "zu_tier/record/debug.h"
 
+#include <cerrno>
+
 namespace {
 
 constexpr char IGNORED[] = "ignore extent %d, te_use:%d, te_brick_no:%d";
 
+/* Whether the filter lets an extent through; if not, says so on behalf of `func`. An owner filter
+ * names an inode and never shows free extents. */
+bool passes(const char *func, const zutr_filter_t &filter, const tier_extent_t &extent, int32_t no)
+{
+    if (filter.error != 1 && (filter.use < 0 || filter.use == extent.te_use) &&
+        (filter.owner < 0 ||
+         (extent.te_use != 0 && static_cast<uint32_t>(filter.owner) == extent.te_inode_no))) {
+        return true;
+    }
+    /* The label says brick; the number is the inode's. */
+    zutr_debug_line<IGNORED>(func, no, extent.te_use, static_cast<int32_t>(extent.te_inode_no));
+    return false;
+}
+
 } // namespace
+
+tier_columns tier_extent_fields()
+{
+    return tier_make_columns(TIER_EXTENT_HEAD_FIELDS);
+}
 
 int32_t tier_check_size(const char *func, const char *field, uint32_t value, uint32_t min,
                         uint32_t max)
@@ -25,32 +46,28 @@ int32_t tier_check_record_size(const char *func, const char *field, uint32_t val
     return value == 0 ? 0 : tier_check_size(func, field, value, min, max);
 }
 
-uint32_t tier_extent_crc(const void *extent, uint32_t size)
+uint32_t tier_extent_crc(const void *ex, uint32_t ex_size)
 {
-    zutr_assert(extent != nullptr && size != 0, "ex && ex_size");
-    return zutr_crc32(static_cast<const uint8_t *>(extent) + TIER_CHECKSUM_SIZE,
-                      size - TIER_CHECKSUM_SIZE);
+    zutr_assert(ex != nullptr && ex_size != 0, "ex && ex_size");
+    return tier_crc(ex, ex_size);
 }
 
-bool tier_extent_is_sound(const char *func, const tier_extent_t &extent, int32_t no, uint32_t crc)
+int32_t tier_dump_extent(const char *func, const tier_table &table, int32_t no, void *meta,
+                         const char *delim, const zutr_params_t *params)
 {
-    if (extent.te_reserved1 == static_cast<uint64_t>(no) && extent.te_checksum == crc) {
-        return true;
+    const auto *extent = static_cast<const tier_extent_t *>(meta);
+    const uint32_t crc = table.crc(meta, static_cast<uint32_t>(table.record_length(params->sb)));
+    if (extent->te_reserved1 != static_cast<uint64_t>(no) || extent->te_checksum != crc) {
+        zutr_error(func, "extent no: %lu, checksum: 0x%x crc32: 0x%x", extent->te_reserved1,
+                   extent->te_checksum, crc);
+        table.repair.print(meta, params->sb, 0, zutr_get_logger());
+        return -EFAULT;
     }
-    zutr_error(func, "extent no: %lu, checksum: 0x%x crc32: 0x%x", extent.te_reserved1,
-               extent.te_checksum, crc);
-    return false;
-}
-
-bool tier_extent_passes(const char *func, const zutr_filter_t &filter, const tier_extent_t &extent,
-                        int32_t no)
-{
-    if (filter.error != 1 && (filter.use < 0 || filter.use == extent.te_use) &&
-        (filter.owner < 0 ||
-         (extent.te_use != 0 && static_cast<uint32_t>(filter.owner) == extent.te_inode_no))) {
-        return true;
+    if (!passes(func, params->filter, *extent, no)) {
+        return 1;
     }
-    /* The label says brick; the number is the inode's. */
-    zutr_debug_line<IGNORED>(func, no, extent.te_use, static_cast<int32_t>(extent.te_inode_no));
-    return false;
+    zutr_write(params->out_fp, delim);
+    const int64_t offset = tier_slot(table.regions(params->sb), extent->te_reserved1);
+    table.repair.print(meta, params->sb, offset, params->out_fp);
+    return 0;
 }

@@ -1,6 +1,5 @@
 #include "zu_tier/layout/inode.h"
 
-#include "zu_tier/driver/repair.h"
 #include "zu_tier/record/debug.h"
 #include "zu_tier/record/log.h"
 
@@ -34,34 +33,22 @@ void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t /*n
                inode.i_magic, inode.i_checksum, crc);
 }
 
-int32_t tier_dump_inode(const char *func, const tier_inode_table &table, int32_t no,
-                        const void *meta, const char *delim, const zutr_params_t *params)
+int32_t tier_dump_inode(const char *func, const tier_table &table, tier_bad_inode_t log_bad,
+                        int32_t no, void *meta, const char *delim, const zutr_params_t *params)
 {
     const auto *inode = static_cast<const tier_inode_t *>(meta);
     const auto number = static_cast<uint32_t>(no);
-    const uint32_t crc = zutr_record_crc(*inode);
-    if (inode->i_magic != table.magic || inode->i_no != number || inode->i_checksum != crc) {
-        table.log_bad(func, *inode, no, crc);
-        table.print(inode, 0, zutr_get_logger());
+    const uint32_t crc = table.crc(meta, sizeof(*inode));
+    if (inode->i_magic != table.magic_value || inode->i_no != number || inode->i_checksum != crc) {
+        log_bad(func, *inode, no, crc);
+        table.repair.print(meta, params->sb, 0, zutr_get_logger());
         return -EFAULT;
     }
     if (!passes(func, params->filter, *inode, no)) {
         return 1;
     }
     zutr_write(params->out_fp, delim);
-    table.print(inode, table.slot(params, number), params->out_fp);
+    const int64_t offset = tier_slot(table.regions(params->sb), number);
+    table.repair.print(meta, params->sb, offset, params->out_fp);
     return 0;
-}
-
-int64_t tier_finish_inode(const char *func, const tier_inode_table &table,
-                          const zutr_params_t *params, tier_inode_t *inode)
-{
-    inode->i_magic = table.magic;
-    inode->i_checksum = zutr_record_crc(*inode);
-    const int64_t offset = table.slot(params, inode->i_no);
-    if (!tier_check_slot(func, offset)) {
-        return -EFAULT;
-    }
-    table.print(inode, offset, stdout);
-    return offset;
 }

@@ -1,13 +1,7 @@
 #pragma once
 
-#include "zu_tier/format/records.h"
-#include "zu_tier/front/zu_tier.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/record.h"
-
-#include <cstdint>
-#include <cstdio>
-#include <tuple>
+#include "common/zutr_assert.h"
+#include "zu_tier/layout/layout.h"
 
 /* What the inode tables of all layouts have in common. */
 
@@ -27,18 +21,7 @@ constexpr auto TIER_INODE_HEAD_FIELDS = std::tuple{
     zutr_field{"use", &tier_inode_t::i_use},
 };
 
-/* In V1 the last two words are unused. */
-constexpr auto TIER_INODE_FIELDS_V1 = std::tuple_cat(
-    TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"reserved1", &tier_inode_t::i_reserved1},
-                                       zutr_field{"reserved2", &tier_inode_t::i_reserved2}});
-
-/* From V2 on the last two words have a meaning. */
-constexpr auto TIER_INODE_FIELDS_V2 =
-    std::tuple_cat(TIER_INODE_HEAD_FIELDS, std::tuple{
-                                               zutr_field{"new_data", &tier_inode_t::new_data},
-                                               zutr_field{"blocks", &tier_inode_t::i_blocks},
-                                           });
-
+/* The keys of V1 and V2. */
 constexpr auto TIER_INODE_KEYS = std::tuple{
     zutr_key{"i_no", &tier_inode_t::i_no, zutr_to_s64},
     zutr_key{"i_use", &tier_inode_t::i_use, zutr_to_s32},
@@ -63,36 +46,58 @@ constexpr auto TIER_INODE_IN_USE_KEYS = std::tuple_cat(
         zutr_key{"i_unlink", &tier_inode_t::i_unlink, zutr_to_s32, zutr_need::optional},
     });
 
-constexpr zutr_key TIER_INODE_NEW_DATA_KEY = {"new_data", &tier_inode_t::new_data, zutr_to_u64,
-                                              zutr_need::optional};
-constexpr zutr_key TIER_INODE_BLOCKS_KEY = {"i_blocks", &tier_inode_t::i_blocks, zutr_to_u64,
-                                            zutr_need::optional};
-
-/* A layout's inode table: its magic, how it prints an inode, what it says of a bad one (found at
- * number `no`), and where the slot of a number lies. */
-struct tier_inode_table {
-    uint32_t magic;
-    void (*print)(const tier_inode_t *inode, int64_t offset, FILE *fp);
-    void (*log_bad)(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc);
-    int64_t (*slot)(const zutr_params_t *params, uint32_t no);
-};
-
-/* What V1 and V3 say of a bad inode. */
-void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc);
-
-/* Formatter of the dump driver, on behalf of `func`. */
-int32_t tier_dump_inode(const char *func, const tier_inode_table &table, int32_t no,
-                        const void *meta, const char *delim, const zutr_params_t *params);
-
-/* Reads an inode from a repair file; `in_use_keys` only when it is in use. 0 or -EINVAL, logged. */
-template <class Keys>
-int32_t tier_read_inode(const zutr_json_reader &in, const Keys &in_use_keys, tier_inode_t *inode)
+/* A layout's inode table; its `bounds` are set by the layout that has some. */
+constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(const void *sb),
+                                      uint32_t (*crc)(void *record, uint32_t length),
+                                      tier_columns (*fields)(), tier_columns (*keys)(),
+                                      const zutr_repair_t &repair)
 {
-    const int32_t ret = in.read(TIER_INODE_KEYS, inode);
-    return ret == 0 && inode->i_use != 0 ? in.read(in_use_keys, inode) : ret;
+    return {
+        .name = "inode",
+        .number_key = "no",
+        .regions = regions,
+        .record_length = [](const void *) { return uint64_t{sizeof(tier_inode_t)}; },
+        .crc = crc,
+        .checksum = &TIER_HEAD_CHECKSUM,
+        .magic = tier_number_at(offsetof(tier_inode_t, i_magic), 4),
+        .magic_value = magic,
+        .number = tier_number_at(offsetof(tier_inode_t, i_no), 4),
+        .fields = fields,
+        .keys = keys,
+        .repair = repair,
+        .in_use = tier_number_at(offsetof(tier_inode_t, i_use), 2),
+        .owner = {"brick", tier_number_at(offsetof(tier_inode_t, i_brick_no), 4)},
+        .claim = {"identity", tier_number_at(offsetof(tier_inode_t, i_uuid), 8), true},
+    };
 }
 
-/* Seals a repaired inode and prints it to standard output. Gives the device offset of its slot, or
- * -EFAULT after a message on behalf of `func`. */
-int64_t tier_finish_inode(const char *func, const tier_inode_table &table,
-                          const zutr_params_t *params, tier_inode_t *inode);
+/* What a layout says of a bad inode that was found at number `no`. */
+using tier_bad_inode_t = void (*)(const char *func, const tier_inode_t &inode, int32_t no,
+                                  uint32_t crc);
+
+/* What V1 and V3 say. */
+void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc);
+
+/* Prints the inode as a JSON object by the table `Fields`; `offset` is shown as "meta_offset". */
+template <const auto &Fields>
+void tier_print_inode(const void *inode, int64_t offset, FILE *fp)
+{
+    /* GCOVR_EXCL_BR_START: only the stream may be missing */
+    zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
+    /* GCOVR_EXCL_BR_STOP */
+    zutr_print_entry<Fields>(*static_cast<const tier_inode_t *>(inode), offset, fp);
+}
+
+/* Formatter of the dump driver, on behalf of `func`. */
+int32_t tier_dump_inode(const char *func, const tier_table &table, tier_bad_inode_t log_bad,
+                        int32_t no, void *meta, const char *delim, const zutr_params_t *params);
+
+/* Reads a V1 or V2 inode from a repair file; `in_use_keys` only when it is in use. */
+template <class Keys>
+void tier_read_inode(zutr_json_reader &in, const Keys &in_use_keys, tier_inode_t *inode)
+{
+    in.read(TIER_INODE_KEYS, inode);
+    if (inode->i_use != 0) {
+        in.read(in_use_keys, inode);
+    }
+}

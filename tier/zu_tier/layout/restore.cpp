@@ -87,7 +87,7 @@ int32_t rewrite_inode(const tier_restore &plan, const zutr_params_t *params, uin
     auto *inode = reinterpret_cast<tier_inode_t *>(slot);
     inode->i_magic = plan.inode_magic;
     inode->i_no = static_cast<uint32_t>(params->meta_no);
-    inode->i_checksum = zutr_record_crc(*inode);
+    inode->i_checksum = tier_crc(inode, sizeof(*inode));
     const ssize_t put = zutr_writen(params->fd, slot, SIZE_4K, plan.inode_offset);
     if (put != SIZE_4K && plan.shows_write_offset) {
         zutr_error(plan.func, "inode no:%d write failed. offset:%ld ret:%d", params->meta_no,
@@ -116,7 +116,7 @@ int32_t tier_restore_inode(const tier_restore &plan, const zutr_params_t *params
     const auto *inode = reinterpret_cast<const tier_inode_t *>(slot.get());
     const ssize_t got = zutr_readn(params->fd, slot.get(), SIZE_4K, plan.inode_offset);
     if (got == SIZE_4K && inode->i_magic == plan.inode_magic &&
-        inode->i_checksum == zutr_record_crc(*inode)) {
+        inode->i_checksum == tier_crc(inode, sizeof(*inode))) {
         zutr_error(plan.func, "inode:%d is readable. offset: %ld", params->meta_no,
                    plan.inode_offset);
         return 0;

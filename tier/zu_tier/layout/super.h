@@ -1,12 +1,8 @@
 #pragma once
 
 #include "zu_tier/format/areas.h"
-#include "zu_tier/front/zu_tier.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/record.h"
-
-#include <cstdint>
-#include <tuple>
+#include "zu_tier/layout/layout.h"
+#include "zu_tier/record/log.h"
 
 /* What the super blocks of several layouts have in common. */
 
@@ -31,51 +27,64 @@ constexpr auto TIER_SUPER_HEAD_FIELDS = std::tuple{
     zutr_field{"extent_size", &Super::sb_extent_size},
 };
 
-/* The same fields as a repair file gives them, before, between and behind the two texts "ctime" and
- * "version". */
+/* The two numbers that a repair file gives as texts. */
 template <class Super>
-constexpr auto TIER_SUPER_SIZE_KEYS = std::tuple{
-    zutr_key{"brick_table_size", &Super::sb_brick_table_size, zutr_to_u64},
-    zutr_key{"inode_table_size", &Super::sb_inode_table_size, zutr_to_u64},
-    zutr_key{"extent_table_size", &Super::sb_extent_table_size, zutr_to_u64},
-    zutr_key{"data_offset", &Super::sb_data_offset, zutr_to_u64},
-};
-
-template <class Super>
-constexpr auto TIER_SUPER_IDENTITY_KEYS = std::tuple{
-    zutr_key{"uuid", &Super::sb_uuid},
-    zutr_key{"ssd_uuid", &Super::sb_ssd_uuid},
-};
-
-template <class Super>
-constexpr auto TIER_SUPER_COUNT_KEYS = std::tuple{
-    zutr_key{"super block size", &Super::sb_size, zutr_to_s64},
-    zutr_key{"brick_cnt", &Super::sb_brick_cnt, zutr_to_s64},
-    zutr_key{"inode_cnt", &Super::sb_inode_cnt, zutr_to_s64},
-    zutr_key{"block_size", &Super::sb_block_size, zutr_to_s64},
-    zutr_key{"block_cnt", &Super::sb_block_cnt, zutr_to_s64},
-    zutr_key{"extent_size", &Super::sb_extent_size, zutr_to_s64},
-};
-
-/* Reads "ctime", of which 18 characters count: a hexadecimal number up to the first character that
- * is no such digit. 0 or -EINVAL, logged. */
-int32_t tier_read_ctime(const zutr_json_reader &in, zutr_cmd_t cmd, uint64_t *ctime);
-
-/* Reads "version", a hexadecimal number that must be `expected` unless that is 0. 0 or -EINVAL,
- * logged. */
-int32_t tier_read_version(const zutr_json_reader &in, zutr_cmd_t cmd, uint32_t expected,
-                          uint32_t *version);
-
-/* Reads what TIER_SUPER_HEAD_FIELDS shows but for checksum and magic. 0 or -EINVAL, logged. */
-template <class Super>
-int32_t tier_read_super_head(const zutr_json_reader &in, zutr_cmd_t cmd, uint32_t expected_version,
-                             Super *sb)
+constexpr auto tier_ctime_key(uint64_t Super::*ctime)
 {
-    int32_t ret = in.read(TIER_SUPER_SIZE_KEYS<Super>, sb);
-    ret = ret == 0 ? tier_read_ctime(in, cmd, &sb->sb_ctime) : ret;
-    ret = ret == 0 ? in.read(TIER_SUPER_IDENTITY_KEYS<Super>, sb) : ret;
-    ret = ret == 0 ? tier_read_version(in, cmd, expected_version, &sb->sb_version) : ret;
-    return ret == 0 ? in.read(TIER_SUPER_COUNT_KEYS<Super>, sb) : ret;
+    return zutr_hex_key{"ctime", ctime, 18, "ctime"}; /* "0x" and 16 digits */
+}
+template <class Super>
+constexpr auto tier_version_key(uint32_t Super::*version, uint32_t expected)
+{
+    return zutr_hex_key{"version", version, 31, "version str", expected};
+}
+
+/* The same fields as a repair file of V1 or V2 gives them; `expected` is the version that it must
+ * have, 0: any. */
+template <class Super>
+constexpr auto tier_super_head_keys(uint32_t expected)
+{
+    return std::tuple{
+        zutr_key{"brick_table_size", &Super::sb_brick_table_size, zutr_to_u64},
+        zutr_key{"inode_table_size", &Super::sb_inode_table_size, zutr_to_u64},
+        zutr_key{"extent_table_size", &Super::sb_extent_table_size, zutr_to_u64},
+        zutr_key{"data_offset", &Super::sb_data_offset, zutr_to_u64},
+        tier_ctime_key(&Super::sb_ctime),
+        zutr_key{"uuid", &Super::sb_uuid},
+        zutr_key{"ssd_uuid", &Super::sb_ssd_uuid},
+        tier_version_key(&Super::sb_version, expected),
+        zutr_key{"super block size", &Super::sb_size, zutr_to_s64},
+        zutr_key{"brick_cnt", &Super::sb_brick_cnt, zutr_to_s64},
+        zutr_key{"inode_cnt", &Super::sb_inode_cnt, zutr_to_s64},
+        zutr_key{"block_size", &Super::sb_block_size, zutr_to_s64},
+        zutr_key{"block_cnt", &Super::sb_block_cnt, zutr_to_s64},
+        zutr_key{"extent_size", &Super::sb_extent_size, zutr_to_s64},
+    };
+}
+
+/* A layout's super block as a table of one slot. */
+template <class Super>
+constexpr tier_table tier_super_table(uint32_t magic,
+                                      uint32_t (*crc)(void *record, uint32_t length),
+                                      tier_columns (*fields)(), tier_columns (*keys)(),
+                                      const zutr_repair_t &repair, std::span<const tier_rule> rules)
+{
+    return {
+        .name = "super",
+        .regions =
+            [](const void *) {
+                return tier_regions{{{TIER_SUPER_OFFSET, 1}}};
+            },
+        .record_length = [](const void *) { return uint64_t{sizeof(Super)}; },
+        .crc = crc,
+        .checksum = &TIER_HEAD_CHECKSUM,
+        .magic = tier_number_at(offsetof(Super, sb_magic), 4),
+        .magic_value = magic,
+        .fields = fields,
+        .keys = keys,
+        .repair = repair,
+        .rules = rules,
+    };
 }
 
 /* Prints a super block as a JSON object. */
@@ -88,13 +97,12 @@ void tier_print_super(const Super &sb, FILE *fp)
     out.put("}");
 }
 
-/* Whether an image is a super block of a layout: 0, or -EFAULT after a DEBUG line on behalf of
- * `func` that begins with the layout's name. */
+/* Whether an image whose checksum should be `crc` is a super block of a layout: 0, or -EFAULT after
+ * a DEBUG line on behalf of `func` that begins with the layout's name. */
 template <class Super>
-int32_t tier_check_super(const char *func, const char *layout, const Super &sb, uint32_t magic,
-                         uint32_t version)
+int32_t tier_check_super(const char *func, const char *layout, const Super &sb, uint32_t crc,
+                         uint32_t magic, uint32_t version)
 {
-    const uint32_t crc = zutr_record_crc(sb);
     if (sb.sb_magic == magic && sb.sb_version == version && sb.sb_checksum == crc) {
         return 0;
     }
@@ -104,20 +112,175 @@ int32_t tier_check_super(const char *func, const char *layout, const Super &sb, 
 }
 
 /* The command dump_super. */
-template <class Super>
 int32_t tier_dump_super(const zutr_params_t *params, zutr_super_check_t check,
-                        void (*print)(const Super *sb, FILE *fp))
+                        zutr_print_func_t print);
+
+/* What the parser of every super block ends with: tests the rules, unless the force flag is set, on
+ * behalf of `check`, and seals the block. Gives its device offset, or -EINVAL. */
+int64_t tier_finish_super(const zutr_json_reader &in, const tier_table &table,
+                          const zutr_params_t *params, int32_t (*check)(const void *new_sb),
+                          void *sb);
+
+/* Rules of several layouts. */
+
+template <class Super, size_t N>
+size_t tier_ssd_uuid_length(const void *sb, const char (Super::*ssd_uuid)[N])
 {
-    if (params->sb == nullptr || params->out_fp == nullptr) {
-        return -EINVAL;
-    }
-    const int32_t ret = check(params->sb);
-    if (ret == 0) {
-        print(static_cast<const Super *>(params->sb), params->out_fp);
-    }
-    return ret;
+    return zutr_bounded(tier_super<Super>(sb).*ssd_uuid).size();
 }
 
-/* Gives the length of the identity of the SSD, which is 38, when it is the right one; else -EINVAL
- * after a message on behalf of `func`. */
-int32_t tier_check_ssd_uuid(const char *func, const char (&ssd_uuid)[48]);
+/* The identity of the SSD. */
+template <class Super, auto SsdUuid>
+constexpr tier_rule TIER_SSD_UUID_RULE = {
+    {"bad_ssd_uuid"},
+    [](const void *sb) { return tier_ssd_uuid_length(sb, SsdUuid) == TIER_SSD_UUID_LEN; },
+    [](const char *func, const void *sb) {
+        const auto length = static_cast<int64_t>(tier_ssd_uuid_length(sb, SsdUuid));
+        zutr_error(func, "ssd uuid(%.*s) length(%ld) is invalid. expect:%ld",
+                   static_cast<int>(length), tier_super<Super>(sb).*SsdUuid, length,
+                   static_cast<int64_t>(TIER_SSD_UUID_LEN));
+    },
+    [](const void *sb, const tier_kind &kind, tier_findings &to) {
+        to.add(kind, "the identity of the SSD has %zu characters, expected are %zu",
+               tier_ssd_uuid_length(sb, SsdUuid), TIER_SSD_UUID_LEN);
+    }};
+
+/* What a check tells of a table whose count or size is wrong, and of a block size that is. */
+void tier_explain_table(const tier_kind &kind, tier_findings &to, uint64_t count, uint64_t most,
+                        uint64_t size, const char *expected, uint64_t expected_size);
+void tier_explain_block_size(const tier_kind &kind, tier_findings &to, uint64_t size,
+                             uint64_t least, uint64_t most);
+
+/* The rules of V1 and V2, in the order in which the tool tests them. */
+
+template <class Super>
+constexpr tier_rule TIER_SUPER_SIZE_RULE = {
+    {"bad_super_block_size"},
+    [](const void *p) { return tier_super<Super>(p).sb_size == TIER_SB_AREA_SIZE; },
+    [](const char *func, const void *p) {
+        zutr_error(func, "sb size is invalid. expect:%u, real:%u", TIER_SB_AREA_SIZE,
+                   tier_super<Super>(p).sb_size);
+    },
+    [](const void *p, const tier_kind &kind, tier_findings &to) {
+        to.add(kind, "the super block area has %u bytes, expected are %u",
+               tier_super<Super>(p).sb_size, TIER_SB_AREA_SIZE);
+    }};
+
+template <class Super>
+constexpr tier_rule TIER_BRICKS_RULE = {
+    {"bad_brick_table"},
+    [](const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        return sb.sb_brick_cnt >= 1 && sb.sb_brick_cnt <= TIER_BRICK_CNT_MAX &&
+               sb.sb_brick_table_size == uint64_t{sb.sb_brick_cnt} * SIZE_4K;
+    },
+    [](const char *func, const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        zutr_error(func,
+                   "brick params is invalid. brick_cnt:%u, brick_table_size:%lu, "
+                   "expect brick_cnt:[%u-%u]",
+                   sb.sb_brick_cnt, sb.sb_brick_table_size, 1U, TIER_BRICK_CNT_MAX);
+    },
+    [](const void *p, const tier_kind &kind, tier_findings &to) {
+        const auto &sb = tier_super<Super>(p);
+        tier_explain_table(kind, to, sb.sb_brick_cnt, TIER_BRICK_CNT_MAX, sb.sb_brick_table_size,
+                           "", uint64_t{sb.sb_brick_cnt} * SIZE_4K);
+    }};
+
+template <class Super>
+constexpr tier_rule TIER_INODES_RULE = {
+    {"bad_inode_table"},
+    [](const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        return sb.sb_inode_cnt >= 1 && sb.sb_inode_cnt <= TIER_INODE_CNT_MAX &&
+               sb.sb_inode_table_size == tier_inode_table_size(sb);
+    },
+    [](const char *func, const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        zutr_error(func,
+                   "inode params is invalid. inode_cnt:%u, itable_size:%lu, "
+                   "expect inode_cnt:[%u-%u]",
+                   sb.sb_inode_cnt, sb.sb_inode_table_size, 1U, TIER_INODE_CNT_MAX);
+    },
+    [](const void *p, const tier_kind &kind, tier_findings &to) {
+        const auto &sb = tier_super<Super>(p);
+        tier_explain_table(kind, to, sb.sb_inode_cnt, TIER_INODE_CNT_MAX, sb.sb_inode_table_size,
+                           "", tier_inode_table_size(sb));
+    }};
+
+template <class Super>
+constexpr tier_rule TIER_BLOCK_SIZE_RULE = {
+    {"bad_block_size"},
+    [](const void *p) {
+        const uint32_t size = tier_super<Super>(p).sb_block_size;
+        return size >= TIER_BLOCK_SIZE_MIN && size <= TIER_BLOCK_SIZE_MAX && size % SIZE_4K == 0;
+    },
+    [](const char *func, const void *p) {
+        zutr_error(func, "block size(%u) is invalid. expect block_size:[%u-%u] and must 4k aligned",
+                   tier_super<Super>(p).sb_block_size, TIER_BLOCK_SIZE_MIN, TIER_BLOCK_SIZE_MAX);
+    },
+    [](const void *p, const tier_kind &kind, tier_findings &to) {
+        tier_explain_block_size(kind, to, tier_super<Super>(p).sb_block_size, TIER_BLOCK_SIZE_MIN,
+                                TIER_BLOCK_SIZE_MAX);
+    }};
+
+/* Whether the head of an extent and its bitmap fit a slot. */
+template <class Super>
+bool tier_extent_size_holds(const Super &sb)
+{
+    return sb.sb_extent_size >= TIER_EXTENT_SIZE_MIN && sb.sb_extent_size <= TIER_EXTENT_SIZE_MAX;
+}
+
+template <class Super>
+void tier_explain_extent_size(const tier_kind &kind, tier_findings &to, const Super &sb)
+{
+    to.add(kind, "extents have %u bytes, expected are %u..%u", sb.sb_extent_size,
+           TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX);
+}
+
+template <class Super>
+constexpr tier_rule TIER_EXTENTS_RULE = {
+    {"bad_extent_table"},
+    [](const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        return sb.sb_extent_table_size == uint64_t{sb.sb_block_cnt} * SIZE_4K;
+    },
+    [](const char *func, const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        zutr_error(func, "extent table size(%lu) is invalid. block_cnt:%u", sb.sb_extent_table_size,
+                   sb.sb_block_cnt);
+    },
+    [](const void *p, const tier_kind &kind, tier_findings &to) {
+        const auto &sb = tier_super<Super>(p);
+        to.add(kind, "the table has %u entries in %lu bytes, expected are %lu bytes",
+               sb.sb_block_cnt, sb.sb_extent_table_size, uint64_t{sb.sb_block_cnt} * SIZE_4K);
+    }};
+
+template <class Super>
+constexpr tier_rule TIER_DATA_OFFSET_RULE = {
+    {"bad_data_area"},
+    [](const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        return sb.sb_data_offset == tier_data_offset(sb);
+    },
+    [](const char *func, const void *p) {
+        const auto &sb = tier_super<Super>(p);
+        zutr_error(func, "data offset(%lu) is invalid. expect:%lu", sb.sb_data_offset,
+                   tier_data_offset(sb));
+    },
+    [](const void *p, const tier_kind &kind, tier_findings &to) {
+        const auto &sb = tier_super<Super>(p);
+        to.add(kind, "the data area begins at %lu, expected is %lu", sb.sb_data_offset,
+               tier_data_offset(sb));
+    }};
+
+/* The areas that V1 and V2 have, in the order of the device. */
+template <class Super>
+std::vector<tier_area> tier_head_areas(const Super &sb)
+{
+    return {{"super block area", TIER_SUPER_OFFSET, sb.sb_size},
+            tier_table_area("brick table", tier_bricks(sb), sb.sb_brick_table_size),
+            tier_table_area("inode table", tier_inodes(sb), sb.sb_inode_table_size),
+            tier_table_area("extent table", tier_extents(sb), sb.sb_extent_table_size),
+            {"data area", sb.sb_data_offset, uint64_t{sb.sb_block_size} * sb.sb_block_cnt, false}};
+}

@@ -1,9 +1,12 @@
 #include "zu_tier/record/json.h"
 
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
 #include <uuid/uuid.h>
@@ -115,15 +118,9 @@ int32_t load(const char *path, zutr_json *document)
         return ret;
     }
     text[size] = '\0';
-    document->reset(cJSON_Parse(text.get()));
-    if (*document == nullptr) {
+    const int32_t ret = zutr_json_parse(text.get(), document);
+    if (*document == nullptr && ret == -EINVAL) {
         zutr_error("zutr_json_load", "cJSON_Parse failed, path:%s", path);
-        return -EINVAL;
-    }
-    number_scanner scanner(text.get());
-    const int32_t ret = attach_literals(document->get(), scanner);
-    if (ret != 0) {
-        document->reset();
     }
     return ret;
 }
@@ -146,6 +143,20 @@ zutr_json zutr_json_load(const char *path)
         errno = -ret;
     }
     return document;
+}
+
+int32_t zutr_json_parse(const char *text, zutr_json *document)
+{
+    document->reset(cJSON_Parse(text));
+    if (*document == nullptr) {
+        return -EINVAL;
+    }
+    number_scanner scanner(text);
+    const int32_t ret = attach_literals(document->get(), scanner);
+    if (ret != 0) {
+        document->reset();
+    }
+    return ret;
 }
 
 uint64_t zutr_to_u64(long double number)
@@ -171,69 +182,81 @@ long double zutr_json_number(const cJSON *node)
     return strtold(node->valuestring, nullptr);
 }
 
-int32_t zutr_json_reader::number(const char *name, zutr_need need, const cJSON **node) const
+void zutr_json_reader::refuse(zutr_log_site site, const char *format, ...)
 {
-    const cJSON *item = cJSON_GetObjectItem(object_, name);
-    if (item == nullptr && need == zutr_need::optional) {
-        return 0;
+    if (failed_) {
+        return;
     }
-    if (!cJSON_IsNumber(item)) {
-        zutr_error(func_, "parse %s failed", name);
-        return -EINVAL;
-    }
-    *node = item;
-    return 0;
+    failed_ = true;
+    va_list args;
+    va_start(args, format);
+    zutr_verror(site, format, args);
+    va_end(args);
 }
 
-int32_t zutr_json_reader::string(const char *name, const char **text) const
+const cJSON *zutr_json_reader::number(const char *name, zutr_need need)
 {
-    *text = cJSON_GetStringValue(cJSON_GetObjectItem(object_, name));
-    if (*text == nullptr) {
-        zutr_error(func_, "parse %s failed", name);
-        return -EINVAL;
+    const cJSON *node = failed_ ? nullptr : item(name);
+    if (cJSON_IsNumber(node)) {
+        return node;
     }
-    return 0;
+    if (node != nullptr || need == zutr_need::required) {
+        refuse(func_, "parse %s failed", name);
+    }
+    return nullptr;
 }
 
-int32_t zutr_json_reader::uuid(const char *name, uint8_t *uu) const
+const char *zutr_json_reader::string(const char *name)
 {
-    const char *value = nullptr;
-    const int32_t ret = string(name, &value);
-    if (ret != 0) {
-        return ret;
+    const char *value = failed_ ? nullptr : cJSON_GetStringValue(item(name));
+    if (value == nullptr) {
+        refuse(func_, "parse %s failed", name);
+    }
+    return value;
+}
+
+void zutr_json_reader::uuid(const char *name, uint8_t *uu)
+{
+    const char *value = string(name);
+    if (value == nullptr) {
+        return;
     }
     const int64_t parsed = uuid_parse(value, uu);
     if (parsed != 0) {
-        zutr_error(func_, "parse uuid %s failed:%ld", value, parsed);
-        return -EINVAL;
+        refuse(func_, "parse uuid %s failed:%ld", value, parsed);
+        return;
     }
     accepted(name, zutr_uuid_utoa(uu));
-    return 0;
 }
 
-int32_t zutr_json_reader::text(const char *name, char *field, size_t size) const
+void zutr_json_reader::text(const char *name, char *field, size_t size)
 {
-    const char *value = nullptr;
-    const int32_t ret = string(name, &value);
-    if (ret != 0) {
-        return ret;
+    const char *value = string(name);
+    if (value == nullptr) {
+        return;
     }
     memset(field, 0, size);
     memcpy(field, value, strnlen(value, size - 1));
     accepted(name, field);
-    return 0;
 }
 
-int32_t zutr_json_reader::bits(const char *name, zutr_need need, uint64_t (*convert)(long double),
-                               uint32_t width, uint64_t *value) const
+uint64_t zutr_json_reader::hex_text(const char *name, size_t limit, const char *label,
+                                    uint64_t expected)
 {
-    const cJSON *node = nullptr;
-    const int32_t ret = number(name, need, &node);
-    if (node != nullptr) {
-        *value = convert(zutr_json_number(node)) & ~uint64_t{0} >> (64 - width);
-        accepted(name, *value);
+    const char *whole = string(name);
+    if (whole == nullptr) {
+        return 0;
     }
-    return ret;
+    std::array<char, 32> copy{};
+    memcpy(copy.data(), whole, strnlen(whole, limit));
+    errno = 0;
+    const uint64_t value = strtoul(copy.data(), nullptr, 16);
+    if (errno != 0 || (expected != 0 && value != expected)) {
+        refuse(func_, "%s %s is invalid:%s. cmd:%d", label, copy.data(), strerror(errno), cmd_);
+        return 0;
+    }
+    accepted(name, copy.data());
+    return value;
 }
 
 void zutr_json_reader::accepted(const char *name, uint64_t value) const

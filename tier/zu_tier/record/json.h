@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/zutr_utils.h"
+#include "zu_tier/format/bits.h"
 #include "zu_tier/record/log.h"
 
 #include <cjson/cJSON.h>
@@ -21,6 +22,9 @@ using zutr_json = std::unique_ptr<cJSON, zutr_json_free>;
  * literal as `valuestring`, since `valuedouble` is exact only up to 2^53. */
 zutr_json zutr_json_load(const char *path);
 
+/* The same of a text: 0, -EINVAL when it is no JSON, or -ENOMEM. */
+int32_t zutr_json_parse(const char *text, zutr_json *document);
+
 /* The three ways a JSON number becomes the bits of an integer; all drop the fraction. A number
  * outside the signed range (after 2^63 was subtracted, for zutr_to_u64 of numbers from 2^63 up)
  * yields the smallest signed number, as the processor's conversion instruction does. */
@@ -37,74 +41,149 @@ enum class zutr_need { required, optional };
  * from a text (cut to leave a terminator), an integer from a number (low bits kept). */
 template <class Record, class Member>
 struct zutr_key {
+    using record_type = Record;
+    using member_type = Member;
     const char *name;
     Member Record::*member;
     uint64_t (*convert)(long double) = nullptr;
     zutr_need need = zutr_need::required;
+    bool swapped = false; /* the bytes are stored in reverse */
 };
 template <class Record, class Member>
-zutr_key(const char *, Member Record::*, uint64_t (*)(long double) = nullptr, zutr_need = {})
-    -> zutr_key<Record, Member>;
+zutr_key(const char *, Member Record::*, uint64_t (*)(long double) = nullptr, zutr_need = {},
+         bool = false) -> zutr_key<Record, Member>;
 
-/* Reads the keys of one JSON object. Messages carry the name `func` of the parser on whose behalf
- * it reads: ERROR when a key cannot be read, DEBUG with the value that was stored. Every read gives
- * 0 or -EINVAL. */
+/* A key of which bits of a member keep the low bits. */
+template <class Record, class Member>
+struct zutr_bits_key {
+    using record_type = Record;
+    using member_type = Member;
+    tier_bits bits;
+    Member Record::*member;
+    zutr_need need = zutr_need::required;
+    const char *name = bits.key;
+};
+template <class Record, class Member>
+zutr_bits_key(tier_bits, Member Record::*, zutr_need = {}) -> zutr_bits_key<Record, Member>;
+template <class Record, class Member>
+zutr_bits_key(tier_bits, Member Record::*, zutr_need, const char *)
+    -> zutr_bits_key<Record, Member>;
+
+/* A key that holds a hexadecimal number as text, of which at most `limit` characters count, 31 or
+ * fewer; the number ends before the first character that is no such digit. */
+template <class Record, class Member>
+struct zutr_hex_key {
+    using record_type = Record;
+    using member_type = Member;
+    const char *name;
+    Member Record::*member;
+    size_t limit;
+    const char *label;    /* of the key, in the message about a text that is no such number */
+    Member expected = {}; /* 0: any number */
+};
+template <class Record, class Member>
+zutr_hex_key(const char *, Member Record::*, size_t, const char *) -> zutr_hex_key<Record, Member>;
+template <class Record, class Member>
+zutr_hex_key(const char *, Member Record::*, size_t, const char *, Member)
+    -> zutr_hex_key<Record, Member>;
+
+/* Reads the keys of JSON objects on behalf of the parser `func`, whose name its messages carry:
+ * ERROR when a key cannot be read, DEBUG with the value that was stored. It remembers its first
+ * error; after that it reads nothing and says nothing. */
 class zutr_json_reader {
 public:
-    zutr_json_reader(const char *func, const cJSON *object) : func_(func), object_(object) {}
+    /* `cmd`, the command's number, is for messages alone. */
+    zutr_json_reader(const char *func, const cJSON *object, int32_t cmd = 0)
+        : func_(func), object_(object), cmd_(cmd)
+    {
+    }
 
-    /* Looks for a number; `*node` stays null when an optional key is absent. */
-    int32_t number(const char *name, zutr_need need, const cJSON **node) const;
-    int32_t string(const char *name, const char **text) const;
-    int32_t uuid(const char *name, uint8_t *uu) const;
+    bool failed() const { return failed_; }
+
+    /* What has been read is not accepted, for a reason that is logged unless there was an error
+     * already. */
+    [[gnu::format(printf, 3, 4)]] void refuse(zutr_log_site site, const char *format, ...);
+
+    const char *func() const { return func_; }
+
+    /* The item of that name, or null. */
+    const cJSON *item(const char *name) const { return cJSON_GetObjectItem(object_, name); }
+
+    /* Calls `use(index)` for each item of an array, while it reads from that item: up to the first
+     * error. */
+    template <class Use>
+    void each(const cJSON *array, const Use &use)
+    {
+        const cJSON *outer = object_;
+        int32_t index = 0;
+        for (object_ = array->child; object_ != nullptr && !failed_; object_ = object_->next) {
+            use(index++);
+        }
+        object_ = outer;
+    }
+
+    /* What it reads from. */
+    const cJSON *object() const { return object_; }
+
+    template <class Record, class Member, class Target>
+    void read(const zutr_key<Record, Member> &key, Target *record)
+    {
+        Member &member = record->*key.member;
+        if constexpr (!std::is_array_v<Member>) {
+            if (const cJSON *node = number(key.name, key.need)) {
+                member = static_cast<Member>(key.convert(zutr_json_number(node)));
+                accepted(key.name, static_cast<uint64_t>(member));
+                if constexpr (sizeof(Member) == sizeof(uint32_t)) {
+                    member = key.swapped ? __builtin_bswap32(member) : member;
+                }
+            }
+        } else if constexpr (std::is_same_v<std::remove_extent_t<Member>, char>) {
+            text(key.name, member, sizeof(member));
+        } else {
+            static_assert(sizeof(Member) == 16);
+            uuid(key.name, member);
+        }
+    }
+
+    template <class Record, class Member, class Target>
+    void read(const zutr_bits_key<Record, Member> &key, Target *record)
+    {
+        if (const cJSON *node = number(key.name, key.need)) {
+            Member &member = record->*key.member;
+            member = static_cast<Member>(key.bits.put(member, zutr_to_u64(zutr_json_number(node))));
+            accepted(key.name, key.bits.get(member));
+        }
+    }
+
+    template <class Record, class Member, class Target>
+    void read(const zutr_hex_key<Record, Member> &key, Target *record)
+    {
+        record->*key.member =
+            static_cast<Member>(hex_text(key.name, key.limit, key.label, uint64_t{key.expected}));
+    }
+
+    /* Reads the keys in the order of the table. */
+    template <class... Keys, class Target>
+    void read(const std::tuple<Keys...> &keys, Target *record)
+    {
+        std::apply([&](const auto &...key) { (read(key, record), ...); }, keys);
+    }
+
+private:
+    /* The node of a number; null when an optional key is absent, or after an error. */
+    const cJSON *number(const char *name, zutr_need need);
+    /* Null after an error. */
+    const char *string(const char *name);
+    void uuid(const char *name, uint8_t *uu);
     /* Copies at most `size` - 1 bytes and fills the rest with zeros. */
-    int32_t text(const char *name, char *field, size_t size) const;
-
-    /* Reads a number of which the low `width` bits, 1 to 64, count; `*value` keeps what it had when
-     * an optional key is absent. */
-    int32_t bits(const char *name, zutr_need need, uint64_t (*convert)(long double), uint32_t width,
-                 uint64_t *value) const;
+    void text(const char *name, char *field, size_t size);
+    uint64_t hex_text(const char *name, size_t limit, const char *label, uint64_t expected);
 
     void accepted(const char *name, uint64_t value) const;
     void accepted(const char *name, const char *text) const;
 
-    template <class Record, class Member>
-    int32_t read(const zutr_key<Record, Member> &key, Record *record) const
-    {
-        Member &member = record->*key.member;
-        if constexpr (!std::is_array_v<Member>) {
-            const cJSON *node = nullptr;
-            const int32_t ret = number(key.name, key.need, &node);
-            if (node != nullptr) {
-                member = static_cast<Member>(key.convert(zutr_json_number(node)));
-                accepted(key.name, static_cast<uint64_t>(member));
-            }
-            return ret;
-        } else if constexpr (std::is_same_v<std::remove_extent_t<Member>, char>) {
-            return text(key.name, member, sizeof(member));
-        } else {
-            static_assert(sizeof(Member) == 16);
-            return uuid(key.name, member);
-        }
-    }
-
-    /* Reads the keys in the order of the table, up to the first that fails. */
-    template <class Record, class... Members>
-    int32_t read(const std::tuple<zutr_key<Record, Members>...> &keys, Record *record) const
-    {
-        int32_t ret = 0;
-        std::apply(
-            [&](const auto &...key) {
-                static_cast<void>((((ret = read(key, record)) == 0) && ...));
-            },
-            keys);
-        return ret;
-    }
-
-    const char *func() const { return func_; }
-    const cJSON *object() const { return object_; }
-
-private:
     const char *func_;
     const cJSON *object_;
+    int32_t cmd_;
+    bool failed_ = false;
 };

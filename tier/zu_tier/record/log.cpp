@@ -14,6 +14,12 @@ constexpr const char *DEFAULT_LOG_FILE = "/kd/log/zu/zu_tier.log";
 
 bool g_debug_mode = false;
 FILE *g_log_fp = nullptr;
+zutr_log_sinks g_redirected = {nullptr, nullptr};
+
+FILE *error_stream()
+{
+    return g_redirected.err != nullptr ? g_redirected.err : stderr;
+}
 
 void write_line(const char *level, const zutr_log_site &site, const char *format, va_list args,
                 const zutr_log_sinks &sinks)
@@ -42,8 +48,13 @@ void zutr_error(zutr_log_site site, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    write_line("ERROR", site, format, args, {zutr_get_logger(), stderr});
+    zutr_verror(site, format, args);
     va_end(args);
+}
+
+void zutr_verror(zutr_log_site site, const char *format, va_list args)
+{
+    write_line("ERROR", site, format, args, {zutr_get_logger(), error_stream()});
 }
 
 void zutr_debug(zutr_log_site site, const char *format, ...)
@@ -69,7 +80,7 @@ void zutr_log_sinks::write(std::string_view line) const
 
 zutr_log_sinks zutr_debug_sinks()
 {
-    return {zutr_get_logger(), zutr_is_debug_mode() ? stderr : nullptr};
+    return {zutr_get_logger(), zutr_is_debug_mode() ? error_stream() : nullptr};
 }
 
 char *zutr_put_log_prefix(char *to, const char *level, const zutr_log_site &site)
@@ -104,6 +115,9 @@ void zutr_set_debug_mode()
 
 FILE *zutr_get_logger()
 {
+    if (g_redirected.log != nullptr) {
+        return g_redirected.log;
+    }
     /* Comes with every message, and costs least where the directory is missing. */
     struct stat directory;
     if (g_log_fp == nullptr && stat(DEFAULT_LOG_DIRECTORY, &directory) == 0) {
@@ -114,11 +128,22 @@ FILE *zutr_get_logger()
 
 bool zutr_set_log_file(const char *path)
 {
-    if (g_log_fp != nullptr) {
-        fclose(g_log_fp);
-    }
+    zutr_close_log();
     g_log_fp = fopen(path, "a");
     return g_log_fp != nullptr;
+}
+
+void zutr_close_log()
+{
+    if (g_log_fp != nullptr) {
+        fclose(g_log_fp);
+        g_log_fp = nullptr;
+    }
+}
+
+void zutr_redirect_log(FILE *log, FILE *errors)
+{
+    g_redirected = {log, errors};
 }
 
 bool zutr_is_log(const FILE *stream)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
@@ -17,6 +18,8 @@ struct zutr_log_site {
 
 /* Writes one line to the log stream, if there is one, and to standard error. */
 [[gnu::format(printf, 2, 3)]] void zutr_error(zutr_log_site site, const char *format, ...);
+
+void zutr_verror(zutr_log_site site, const char *format, va_list args);
 
 /* Writes one line to the log stream, if there is one, and in debug mode to standard error. */
 [[gnu::format(printf, 2, 3)]] void zutr_debug(zutr_log_site site, const char *format, ...);
@@ -48,6 +51,13 @@ FILE *zutr_get_logger();
 /* Closes the log file and appends to `path` from now on. False with errno set when it cannot be
  * opened; then the default log file is tried again. */
 bool zutr_set_log_file(const char *path);
+
+/* Closes the log file; the default log file is tried again. */
+void zutr_close_log();
+
+/* Sends what is meant for the log to `log`, and what is meant for standard error to `errors`, until
+ * it is called with null for both. The caller owns the streams. */
+void zutr_redirect_log(FILE *log, FILE *errors);
 
 /* Whether `stream` is the open log file. */
 bool zutr_is_log(const FILE *stream);

@@ -22,6 +22,8 @@ enum class zutr_form {
     time,         /* "2024-05-06 07:08:09" from nanoseconds since the epoch */
     hex_and_time, /* "0x1f(2024-05-06 07:08:09)" */
     swapped_hex8, /* "0a000000": eight digits of the byte-reversed number, no prefix */
+    swapped,      /* decimal of the byte-reversed number; for repair keys */
+    hex16,        /* "0x000000000000001f": all digits of 64 bits */
 };
 
 template <class Record, class Member>
@@ -39,28 +41,23 @@ template <class Record>
 struct zutr_computed {
     using member_type = uint64_t;
     std::string_view key;
-    uint64_t (*value)(const Record &record);
+    uint64_t (*value)(const void *record);
     static constexpr zutr_form form = zutr_form::plain;
 };
-template <class Record>
-zutr_computed(std::string_view, uint64_t (*)(const Record &)) -> zutr_computed<Record>;
 
-/* A bit field of a record's `word`. */
+/* A bit field of a member. */
+template <class Record, class Member>
 struct zutr_bits {
     using member_type = uint64_t;
     tier_bits bits;
+    Member Record::*member;
     std::string_view key = bits.key;
     static constexpr zutr_form form = zutr_form::plain;
 };
+template <class Record, class Member>
+zutr_bits(tier_bits, Member Record::*) -> zutr_bits<Record, Member>;
 
-/* CRC-32 over a record from byte 4 to its end; bytes 0..3 hold the stored checksum. */
-template <class Record>
-uint32_t zutr_record_crc(const Record &record)
-{
-    return zutr_crc32(reinterpret_cast<const uint8_t *>(&record) + 4, sizeof(Record) - 4);
-}
-
-/* What stands before and behind the value of a field: quotation marks, a prefix. */
+/* What stands before and after the value of a field: quotation marks, a prefix. */
 template <class Field>
 constexpr bool ZUTR_IS_ARRAY = std::is_array_v<typename Field::member_type>;
 
@@ -139,12 +136,12 @@ char *zutr_put_field(char *to, const Record &record)
 {
     constexpr const auto &FIELD = std::get<I>(Fields);
     to = zutr_put_literal<ZUTR_BETWEEN<Fields, I>>(to);
-    if constexpr (requires { FIELD.member; }) {
+    if constexpr (requires { FIELD.bits; }) {
+        return zutr_put_decimal<FIELD.bits.width>(to, FIELD.bits.get(record.*FIELD.member));
+    } else if constexpr (requires { FIELD.member; }) {
         return zutr_put_value<FIELD.form>(to, record.*FIELD.member);
-    } else if constexpr (requires { FIELD.bits; }) {
-        return zutr_put_decimal<FIELD.bits.width>(to, FIELD.bits.get(record.word));
     } else {
-        return zutr_put_value<FIELD.form>(to, FIELD.value(record));
+        return zutr_put_value<FIELD.form>(to, FIELD.value(&record));
     }
 }
 

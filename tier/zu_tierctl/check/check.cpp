@@ -1,6 +1,5 @@
 #include "zu_tierctl/check/check.h"
 
-#include "zu_tierctl/check/entries.h"
 #include "zu_tierctl/check/super.h"
 #include "zu_tierctl/check/table.h"
 #include "zu_tierctl/entry/metadata.h"
@@ -11,49 +10,6 @@
 namespace tierctl {
 
 namespace {
-
-/* Gives `use` the entries of the table, which is not the super block. */
-template <class Use>
-void with_entries(const Metadata &metadata, std::string_view table, const Use &use)
-{
-    if (table == "brick") {
-        use(BrickEntries());
-    } else if (table == "inode") {
-        use(InodeEntries());
-    } else if (table == "shard") {
-        use(ShardEntries());
-    } else if (table == "hot") {
-        use(HotEntries());
-    } else if (metadata.version == Version::v1) {
-        use(ExtentEntries());
-    } else if (metadata.version == Version::v2) {
-        use(ExtentEntriesV2(metadata.super<tier_super_block_v2_t>()));
-    } else {
-        use(ExtentEntriesV3());
-    }
-}
-
-/* The table that entries of this one name, if they name any. */
-std::string_view owner_of(const Metadata &metadata, std::string_view table)
-{
-    std::string_view owner;
-    with_entries(metadata, table, [&owner]<class Entries>(const Entries &) {
-        if constexpr (requires { Entries::OWNER; }) {
-            owner = Entries::OWNER.table;
-        }
-    });
-    return owner;
-}
-
-/* Inodes that the rules of V2 let nobody name. */
-void close_inodes(const Metadata &metadata, States &states)
-{
-    const auto super = metadata.super<tier_super_block_v2_t>();
-    if (super.sb_inode_exp_inuse != TIER_EXP_INUSE_V2) {
-        states.set_from(super.sb_inode_cnt, State::closed);
-    }
-    states.set_from(TIER_INODE_NO_BOUND_V2, State::missing);
-}
 
 /* The check of a device. */
 class Check {
@@ -69,9 +25,8 @@ public:
     {
         check_super_block(metadata_.tables.front());
         for (auto table = metadata_.tables.begin() + 1; table != metadata_.tables.end(); ++table) {
-            if (wanted(*table) || named_by_wanted(*table)) {
-                with_entries(metadata_, table->name,
-                             [this, table](const auto &entries) { check_table(*table, entries); });
+            if (wanted(*table) || wanted_refer_to(*table)) {
+                check_table(*table);
             }
         }
     }
@@ -83,18 +38,16 @@ private:
                std::ranges::find(options_.tables, table.name) != options_.tables.end();
     }
 
-    bool named_by_wanted(const Table &table) const
+    bool wanted_refer_to(const Table &table) const
     {
-        return std::any_of(metadata_.tables.begin() + 1, metadata_.tables.end(),
-                           [this, &table](const Table &other) {
-                               return wanted(other) &&
-                                      owner_of(metadata_, other.name) == table.name;
-                           });
+        return std::ranges::any_of(metadata_.tables, [this, &table](const Table &other) {
+            return wanted(other) && other.row->owner.table == table.name;
+        });
     }
 
     void check_super_block(const Table &table)
     {
-        begin_table(table, {table.count(), 0, 1}, {});
+        begin_table(table);
         if (watcher_ != nullptr) {
             watcher_->add_in_use({0, metadata_.super_block.data(), std::nullopt});
         }
@@ -104,14 +57,11 @@ private:
         }
     }
 
-    template <class Entries>
-    void check_table(const Table &table, const Entries &entries)
+    void check_table(const Table &table)
     {
-        const TableFindings findings(wanted(table) ? &report_ : nullptr, table,
-                                     Entries::BEHIND != 1);
-        begin_table(table, {table.count(), Entries::FIRST, Entries::BEHIND},
-                    owner_of(metadata_, table.name));
-        if (table.record_length < entries.LENGTH_MIN || !table.fits()) {
+        const TableFindings findings(wanted(table) ? &report_ : nullptr, table);
+        begin_table(table);
+        if (!table.identifies()) {
             findings.add_unfit();
             add_counts(table, {.entries = table.count(), .damaged = table.count()});
             if (watcher_ != nullptr) {
@@ -119,20 +69,17 @@ private:
             }
             return;
         }
-        TableCheck<Entries> entries_check(device_, table, entries, findings,
-                                          states_[owner_of(metadata_, table.name)], watcher_);
-        entries_check.run(options_.claims_memory);
-        add_counts(table, entries_check.counts());
-        if (metadata_.version == Version::v2 && table.name == "inode") {
-            close_inodes(metadata_, entries_check.states());
-        }
-        states_[table.name] = std::move(entries_check.states());
+        const TableContext context = {
+            device_, metadata_, table, findings, states_[table.row->owner.table], watcher_};
+        TableOutcome outcome = check_entries(context, options_.claims_memory);
+        add_counts(table, outcome.counts);
+        states_[table.name] = std::move(outcome.states);
     }
 
-    void begin_table(const Table &table, const Numbering &numbering, std::string_view owner) const
+    void begin_table(const Table &table) const
     {
         if (watcher_ != nullptr) {
-            watcher_->begin_table(table.name, numbering, owner);
+            watcher_->begin_table(table, {table.count(), table.first_word(), table.end_word()});
         }
     }
 
@@ -161,7 +108,7 @@ bool check(const CheckOptions &options)
         find_table(metadata.tables, name);
     }
     const std::unique_ptr<Report> report =
-        options.json ? make_json_report(options.device, metadata.layout_name)
+        options.json ? make_json_report(options.device, metadata.layout->name)
                      : make_text_report(options.device);
     check_metadata(options, device, metadata, *report, nullptr);
     report->finish();

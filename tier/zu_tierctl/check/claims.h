@@ -3,6 +3,7 @@
 #include "zu_tierctl/check/sort.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -12,6 +13,9 @@
 #include <vector>
 
 namespace tierctl {
+
+/* An identity of 16 bytes, as a key. */
+using Identity = std::array<uint64_t, 2>;
 
 /* Finds the keys that more than one number claims, in memory of a fixed size and therefore, if need
  * be, in several rounds: each takes the keys of a range of which all fit. A round goes twice over

@@ -6,25 +6,25 @@
 
 namespace tierctl {
 
-/* Who names the entries of another table, each of them by number: the first that does, and how many
- * do. Takes 16 bytes for every number up to the highest that is named: 8 MiB for all that are kept,
- * 24 MiB while it grows. */
+/* References to another table: for each of its entries, the first referrer and their number. Takes
+ * 16 bytes for every number up to the highest that is referred to: 8 MiB for all that are kept, 24
+ * MiB while it grows. */
 class References {
 public:
-    /* No layout lets entries name higher numbers than those below, only a super block that breaks
-     * the rules does. */
+    /* No layout lets entries refer to higher numbers than those below, only a super block that
+     * breaks the rules does. */
     static constexpr size_t NUMBERS_MAX = size_t{1} << 19;
 
-    /* `no` names `named`; false when that is too high to be kept. */
-    bool add(uint64_t named, uint64_t no)
+    /* Entry `no` refers to `target`; false when that is too high to be kept. */
+    bool add(uint64_t target, uint64_t no)
     {
-        if (named >= NUMBERS_MAX) {
+        if (target >= NUMBERS_MAX) {
             return false;
         }
-        if (named >= namings_.size()) {
-            namings_.resize(named + 1);
+        if (target >= referrers_.size()) {
+            referrers_.resize(target + 1);
         }
-        naming &kept = namings_[named];
+        Referrers &kept = referrers_[target];
         if (kept.count == 0) {
             kept.first = no;
         }
@@ -32,24 +32,24 @@ public:
         return true;
     }
 
-    /* Calls `use(named, first, count)` in order of what is named. */
+    /* Calls `use(target, first, count)` in order of the targets. */
     template <class Use>
     void each(const Use &use) const
     {
-        for (size_t named = 0; named < namings_.size(); named++) {
-            if (namings_[named].count != 0) {
-                use(named, namings_[named].first, namings_[named].count);
+        for (size_t target = 0; target < referrers_.size(); target++) {
+            if (referrers_[target].count != 0) {
+                use(target, referrers_[target].first, referrers_[target].count);
             }
         }
     }
 
 private:
-    struct naming {
+    struct Referrers {
         uint64_t first = 0;
         uint64_t count = 0;
     };
 
-    std::vector<naming> namings_;
+    std::vector<Referrers> referrers_;
 };
 
 } // namespace tierctl

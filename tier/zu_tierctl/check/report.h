@@ -13,13 +13,10 @@ namespace tierctl {
 
 /* What a check finds, reported while it runs. */
 
-enum class Severity {
-    error,   /* breaks a rule of the layout */
-    warning, /* breaks no rule, but no device is made like that, or it could not be checked */
-};
+using Severity = tier_severity;
 
 struct Kind {
-    std::string_view name;
+    std::string name;
     Severity severity = Severity::error;
 };
 
@@ -66,7 +63,7 @@ protected:
     };
 
     const std::vector<TableCounts> &counts() const { return counts_; }
-    const std::map<std::string_view, uint64_t> &kinds() const { return kinds_; }
+    const std::map<std::string, uint64_t> &kinds() const { return kinds_; }
 
     /* The command that shows what the finding is about. */
     std::string command(const Finding &finding) const;
@@ -78,7 +75,7 @@ private:
     std::string shown_device_; /* as one word of a command line */
     uint64_t findings_ = 0;
     std::vector<TableCounts> counts_;
-    std::map<std::string_view, uint64_t> kinds_; /* number of findings by kind */
+    std::map<std::string, uint64_t> kinds_; /* number of findings by kind */
 };
 
 /* Writes to standard output for people: a line for each finding, then tables of counts. */

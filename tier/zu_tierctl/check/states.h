@@ -14,13 +14,13 @@ enum class State : uint8_t {
     unreadable,
     missing, /* there is no entry of that number */
     head,    /* the number is that of a block's head, which is no entry */
-    closed,  /* no entry may be named here */
+    closed,  /* no entry may refer to it */
 };
 
-/* What the entries of a table are, for the entries that name them. */
+/* What the entries of a table are, for the entries that refer to them. */
 class States {
 public:
-    /* More than a layout has entries that others can name: only a super block that breaks the
+    /* More than a layout has entries that others can refer to: only a super block that breaks the
      * rules counts more, and those are taken for unreadable. */
     static constexpr size_t ENTRIES_MAX = size_t{1} << 24;
 

@@ -1,89 +1,365 @@
 #include "zu_tierctl/check/table.h"
 
-#include "zu_tierctl/device/text.h"
+#include "zu_tierctl/check/claims.h"
+#include "zu_tierctl/check/references.h"
+#include "zu_tierctl/device/progress.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
+#include <fmt/format.h>
+#include <stdexcept>
 
 namespace tierctl {
 
 namespace {
 
-constexpr Kind PAST_END = {"past_end"};
-constexpr Kind MISALIGNED = {"misaligned"};
-constexpr Kind UNREADABLE = {"unreadable"};
-constexpr Kind UNFIT = {"records_do_not_fit"};
-
-std::string magic_text(const Table &table, const uint8_t *content)
+std::string magic_text(const tier_table &row, const uint8_t *content)
 {
-    return format_text("its magic is 0x%lx, not 0x%x", table.magic->place.get(content),
-                       table.magic->value);
+    return fmt::format("its magic is {:#x}, not {:#x}", row.magic.get(content), row.magic_value);
 }
 
-std::string number_text(const Table &table, const uint8_t *content)
+std::string number_text(const tier_table &row, const uint8_t *content)
 {
-    return format_text("its number is %lu", table.number->get(content));
+    return fmt::format("its number is {}", row.number.get(content));
 }
 
-std::string checksum_text(const Table &, const uint8_t *)
+std::string checksum_text(const tier_table & /*row*/, const uint8_t * /*content*/)
 {
     return "its checksum is not that of its content";
 }
 
-struct flaw {
+struct FlawKind {
     Flaw bit;
-    Kind kind;
-    std::string (*text)(const Table &table, const uint8_t *content);
+    const char *kind;
+    std::string (*text)(const tier_table &row, const uint8_t *content);
 };
 
-constexpr flaw FLAWS[] = {
-    {BAD_MAGIC, {"bad_magic"}, magic_text},
-    {BAD_NUMBER, {"bad_number"}, number_text},
-    {BAD_CHECKSUM, {"bad_checksum"}, checksum_text},
+constexpr FlawKind FLAWS[] = {
+    {BAD_MAGIC, "bad_magic", magic_text},
+    {BAD_NUMBER, "bad_number", number_text},
+    {BAD_CHECKSUM, "bad_checksum", checksum_text},
 };
 
-/* What is said of an owner that is not in use. */
-struct owner_state {
+/* What is said of an owner that is not in use; of the kind's name {0} is the table, {1} the owner's
+ * table. */
+struct OwnerState {
     State state;
-    Kind Owner::*kind;
+    const char *kind;
+    Severity severity;
     const char *text;
 };
 
-constexpr owner_state OWNER_STATES[] = {
-    {State::free, &Owner::free, "is free"},
-    {State::damaged, &Owner::unknown, "is damaged"},
-    {State::unreadable, &Owner::unknown, "cannot be read"},
-    {State::missing, &Owner::missing, "does not exist"},
-    {State::head, &Owner::head, "is the head of a block and no entry"},
-    {State::closed, &Owner::closed, "lies in the expansion inode area, which is not in use"},
+constexpr OwnerState OWNER_STATES[] = {
+    {State::free, "{}_of_free_{}", Severity::error, "is free"},
+    {State::damaged, "{}_of_unknown_{}", Severity::warning, "is damaged"},
+    {State::unreadable, "{}_of_unknown_{}", Severity::warning, "cannot be read"},
+    {State::missing, "{}_of_missing_{}", Severity::error, "does not exist"},
+    {State::head, "{}_of_{}_head", Severity::error, "is the head of a block and no entry"},
+    {State::closed, "{}_of_unused_expansion", Severity::error,
+     "lies in the expansion inode area, which is not in use"},
 };
 
 /* Why a run of slots could not be read. */
-struct unread {
+struct Unread {
     Kind kind;
     std::string text;
 };
 
-unread reason(const Slots &slots, uint64_t device_size)
+Unread reason(const Slots &slots, uint64_t device_size)
 {
     const auto start = static_cast<uint64_t>(slots.offset);
     if (start % SIZE_4K != 0) {
-        return {MISALIGNED, "not at multiples of 4096"};
+        return {{"misaligned"}, "not at multiples of 4096"};
     }
     if (start >= device_size || device_size - start < SIZE_4K) {
-        return {PAST_END, "past the end of the device"};
+        return {{"past_end"}, "past the end of the device"};
     }
-    return {UNREADABLE, strerror(slots.error)};
+    return {{"unreadable"}, strerror(slots.error)};
 }
 
-/* An entry and so many others name. */
-std::string who_names(uint64_t others)
+/* The entry and so many others as the subject of a sentence. */
+std::string referrers_text(uint64_t others)
 {
     if (others == 0) {
         return "it names";
     }
-    return others == 1 ? "it and 1 other name" : format_text("it and %lu others name", others);
+    return others == 1 ? "it and 1 other name" : fmt::format("it and {} others name", others);
 }
+
+/* Slots of the table that can lie on a device of that size. */
+uint64_t slots_present(const Table &table, uint64_t device_size)
+{
+    uint64_t slots = 0;
+    for (const tier_region &region : table.regions) {
+        slots += std::min(region.count, device_size / SIZE_4K);
+    }
+    return slots;
+}
+
+/* What an entry claims, as a key: an identity, or a number within what its owner has. */
+template <class Key>
+Key claim_key(const tier_table &row, const uint8_t *entry)
+{
+    if constexpr (std::is_same_v<Key, Identity>) {
+        Key key;
+        memcpy(&key, entry + row.claim.number.at, sizeof(key));
+        return key;
+    } else {
+        const uint64_t number = row.claim.number.get(entry);
+        return row.owner.no.get(entry) << std::popcount(row.claim.number.mask) | number;
+    }
+}
+
+/* Findings about an entry by itself. */
+class EntryFindings : public tier_findings {
+public:
+    EntryFindings(const TableFindings &findings, const EntryPlace &place)
+        : findings_(findings), place_(place)
+    {
+    }
+
+private:
+    void take(const tier_kind &kind, std::string_view text) override
+    {
+        findings_.add({std::string(kind.name), kind.severity}, place_, std::string(text));
+    }
+
+    const TableFindings &findings_;
+    const EntryPlace &place_;
+};
+
+class TableCheck {
+public:
+    explicit TableCheck(const TableContext &context)
+        : context_(context), table_(context.table), row_(*context.table.row),
+          first_(context.table.first_word()), end_(context.table.end_word()),
+          is_owner_(
+              std::ranges::any_of(context.metadata.layout->tables, [this](const tier_table *other) {
+                  return other->owner.table == row_.name;
+              }))
+    {
+        outcome_.states = States(table_.count() * end_);
+        outcome_.counts.entries = table_.count() * entries_a_slot();
+    }
+
+    TableOutcome run(size_t claims_memory)
+    {
+        if (row_.claim.what.empty() || !context_.findings.wanted()) {
+            first_pass([](const EntryPlace &, const uint8_t *) {});
+        } else if (row_.claim.is_identity) {
+            check_with_claims<Identity>(claims_memory);
+        } else {
+            check_with_claims<uint64_t>(claims_memory);
+        }
+        add_unknown_owners();
+        set_bounds();
+        return std::move(outcome_);
+    }
+
+private:
+    uint64_t entries_a_slot() const { return end_ - first_; }
+
+    EntryPlace place(uint64_t slot, int64_t offset, uint32_t k) const
+    {
+        return {slot * end_ + k, slot, offset + k * int64_t{sizeof(uint64_t)}};
+    }
+
+    template <class Key>
+    void check_with_claims(size_t claims_memory)
+    {
+        const uint64_t present = slots_present(table_, context_.device.size()) * entries_a_slot();
+        Claims<Key> claims(std::max<uint64_t>(
+            2, std::min<uint64_t>(present, Claims<Key>::capacity(claims_memory))));
+        const auto add = [&](const EntryPlace &, const uint8_t *entry) {
+            claims.add(claim_key<Key>(row_, entry));
+        };
+        const auto tell = [&](const EntryPlace &place, const uint8_t *entry) {
+            const auto first = claims.first_claim(claim_key<Key>(row_, entry), place.no);
+            if (first) {
+                context_.findings.add_claim(entry, *first, place);
+            }
+        };
+        first_pass(add);
+        while (true) {
+            if (claims.end_pass()) {
+                later_pass(tell);
+            }
+            if (!claims.next_round()) {
+                return;
+            }
+            later_pass(add);
+        }
+    }
+
+    template <class Visit>
+    void walk(const Visit &visit) const
+    {
+        Progress progress(fmt::format("checking {}", table_.name),
+                          slots_present(table_, context_.device.size()));
+        read_table(context_.device, table_.regions, [&](const Slots &slots) {
+            visit(slots);
+            progress.add(slots.count);
+        });
+    }
+
+    /* Checks everything, and visits what is in use. */
+    template <class Visit>
+    void first_pass(const Visit &visit)
+    {
+        walk([this, &visit](const Slots &slots) {
+            if (slots.data == nullptr) {
+                context_.findings.add_unread(slots, context_.device.size());
+                outcome_.counts.unreadable += slots.count * entries_a_slot();
+                watch_lost(slots.first_no, slots.count, State::unreadable);
+                return;
+            }
+            for (uint64_t i = 0; i < slots.count; i++) {
+                check_slot(slots.first_no + i, slots.offset + static_cast<int64_t>(i * SIZE_4K),
+                           slots.slot(i), visit);
+            }
+        });
+    }
+
+    /* Visits again what is in use; throws when that is not what it was. */
+    template <class Visit>
+    void later_pass(const Visit &visit) const
+    {
+        uint64_t visited = 0;
+        walk([this, &visit, &visited](const Slots &slots) {
+            for (uint64_t i = 0; slots.data != nullptr && i < slots.count; i++) {
+                const uint64_t no = slots.first_no + i;
+                if (table_.flaws(no, slots.slot(i)) != 0) {
+                    continue;
+                }
+                for (uint32_t k = first_; k < end_; k++) {
+                    const uint8_t *entry = table_.entry(slots.slot(i), k);
+                    if (table_.in_use(entry)) {
+                        visited++;
+                        visit(place(no, slots.offset + static_cast<int64_t>(i * SIZE_4K), k),
+                              entry);
+                    }
+                }
+            }
+        });
+        if (visited != outcome_.counts.in_use) {
+            throw std::runtime_error(
+                fmt::format("{}: table {} is not what it was when it was read first",
+                            context_.device.path(), table_.name));
+        }
+    }
+
+    template <class Visit>
+    void check_slot(uint64_t no, int64_t offset, const uint8_t *slot, const Visit &visit)
+    {
+        set_states(no, 0, first_, State::head);
+        const uint32_t flaws = table_.flaws(no, slot);
+        if (flaws != 0) {
+            context_.findings.add_flaws(flaws, no, offset, slot);
+            outcome_.counts.damaged += entries_a_slot();
+            set_states(no, first_, end_, State::damaged);
+            watch_lost(no, 1, State::damaged);
+            return;
+        }
+        for (uint32_t k = first_; k < end_; k++) {
+            const uint8_t *entry = table_.entry(slot, k);
+            if (!table_.in_use(entry)) {
+                set_states(no, k, k + 1, State::free);
+                outcome_.counts.free++;
+                if (context_.watcher != nullptr) {
+                    context_.watcher->add_free(no * end_ + k);
+                }
+                continue;
+            }
+            set_states(no, k, k + 1, State::in_use);
+            outcome_.counts.in_use++;
+            watch_in_use(no * end_ + k, entry);
+            check_entry(place(no, offset, k), entry);
+            visit(place(no, offset, k), entry);
+        }
+    }
+
+    /* Of the words of a slot from `first` up to, but not at, `end`. */
+    void set_states(uint64_t slot, uint32_t first, uint32_t end, State state)
+    {
+        for (uint32_t k = first; is_owner_ && k < end; k++) {
+            outcome_.states.set(slot * end_ + k, state);
+        }
+    }
+
+    void watch_lost(uint64_t first_slot, uint64_t slots, State state) const
+    {
+        if (context_.watcher != nullptr) {
+            context_.watcher->add_lost(first_slot, slots, state);
+        }
+    }
+
+    void watch_in_use(uint64_t no, const uint8_t *entry) const
+    {
+        if (context_.watcher == nullptr) {
+            return;
+        }
+        EntryInUse seen = {no, entry, std::nullopt};
+        if (!row_.owner.table.empty()) {
+            seen.owner = row_.owner.no.get(entry);
+        }
+        context_.watcher->add_in_use(seen);
+    }
+
+    void check_entry(const EntryPlace &place, const uint8_t *entry)
+    {
+        if (!row_.owner.table.empty()) {
+            const uint64_t owner = row_.owner.no.get(entry);
+            const State state = context_.owners.get(owner);
+            if (state != State::in_use && context_.findings.wanted()) {
+                check_owner(owner, state, place);
+            }
+        }
+        if (row_.check != nullptr) {
+            EntryFindings findings(context_.findings, place);
+            row_.check(context_.metadata.super(), entry, findings);
+        }
+    }
+
+    /* Millions may refer to one damaged block: what is not known is told once, at the end. */
+    void check_owner(uint64_t owner, State state, const EntryPlace &place)
+    {
+        const bool known = state != State::damaged && state != State::unreadable;
+        if (known || !unknown_owners_.add(owner, place.no)) {
+            context_.findings.add_owner(owner, state, place);
+        }
+    }
+
+    void add_unknown_owners() const
+    {
+        unknown_owners_.each([this](uint64_t owner, uint64_t first, uint64_t count) {
+            const uint64_t slot = first / end_;
+            context_.findings.add_owner(
+                owner, context_.owners.get(owner),
+                place(slot, table_.slot(slot), static_cast<uint32_t>(first % end_)), count - 1);
+        });
+    }
+
+    /* The layout may let nobody refer to some numbers, whatever lies there. */
+    void set_bounds()
+    {
+        if (row_.bounds != nullptr) {
+            const tier_bounds bounds = row_.bounds(context_.metadata.super());
+            outcome_.states.set_from(bounds.closed, State::closed);
+            outcome_.states.set_from(bounds.missing, State::missing);
+        }
+    }
+
+    const TableContext &context_;
+    const Table &table_;
+    const tier_table &row_;
+    const uint32_t first_;
+    const uint32_t end_;
+    const bool is_owner_;
+    References unknown_owners_; /* damaged or unreadable, but referred to */
+    TableOutcome outcome_;
+};
 
 } // namespace
 
@@ -105,9 +381,9 @@ void TableFindings::add_slot(const Kind &kind, uint64_t slot, int64_t offset,
 void TableFindings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
                               const uint8_t *content) const
 {
-    for (const flaw &flaw : FLAWS) {
+    for (const FlawKind &flaw : FLAWS) {
         if ((flaws & flaw.bit) != 0) {
-            add_slot(flaw.kind, slot, offset, flaw.text(*table_, content));
+            add_slot({flaw.kind}, slot, offset, flaw.text(*table_->row, content));
         }
     }
 }
@@ -118,55 +394,45 @@ void TableFindings::add_unread(const Slots &slots, uint64_t device_size) const
     const uint64_t last = slots.first_no + slots.count - 1;
     const std::string which = slots.count == 1
                                   ? "it cannot be read: "
-                                  : format_text("it and all up to %lu cannot be read: ", last);
+                                  : fmt::format("it and all up to {} cannot be read: ", last);
     add_slot(kind, slots.first_no, slots.offset, which + why);
 }
 
-void TableFindings::add_owner(const Owner &owner, uint64_t owner_no, State state,
-                              const EntryPlace &place, uint64_t others) const
+void TableFindings::add_owner(uint64_t owner_no, State state, const EntryPlace &place,
+                              uint64_t others) const
 {
-    for (const owner_state &known : OWNER_STATES) {
+    const std::string_view owner = table_->row->owner.table;
+    for (const OwnerState &known : OWNER_STATES) {
         if (known.state == state) {
-            add(owner.*known.kind, place,
-                who_names(others) +
-                    format_text(" %s %lu, which %s", owner.table, owner_no, known.text));
+            add({fmt::format(fmt::runtime(known.kind), table_->name, owner), known.severity}, place,
+                fmt::format("{} {} {}, which {}", referrers_text(others), owner, owner_no,
+                            known.text));
         }
     }
 }
 
-void TableFindings::add_claim(const std::string &claim, uint64_t first,
-                              const EntryPlace &place) const
+void TableFindings::add_claim(const uint8_t *entry, uint64_t first, const EntryPlace &place) const
 {
-    constexpr struct {
-        std::string_view table;
-        Kind kind;
-    } KINDS[] = {{"brick", {"duplicate_brick"}},
-                 {"inode", {"duplicate_inode"}},
-                 {"shard", {"duplicate_shard"}},
-                 {"extent", {"duplicate_extent"}}};
-    for (const auto &[table, kind] : KINDS) {
-        if (table == table_->name) {
-            add(kind, place,
-                format_text("%s is that of %s %lu, too", claim.c_str(), std::string(table).c_str(),
-                            first));
-        }
-    }
+    const tier_table &row = *table_->row;
+    const std::string claim =
+        row.claim.is_identity
+            ? fmt::format("{} {}", row.claim.what, zutr_uuid_utoa(entry + row.claim.number.at))
+            : fmt::format("{} {} of {} {}", row.claim.what, row.claim.number.get(entry),
+                          row.owner.table, row.owner.no.get(entry));
+    add({fmt::format("duplicate_{}", table_->name)}, place,
+        fmt::format("{} is that of {} {}, too", claim, table_->name, first));
 }
 
 void TableFindings::add_unfit() const
 {
-    add_slot(UNFIT, 0, table_->regions.front().start,
-             format_text("records of %zu bytes do not fit their slots: no entry is checked",
+    add_slot({"records_do_not_fit"}, 0, table_->regions.front().start,
+             fmt::format("records of {} bytes do not fit their slots: no entry is checked",
                          table_->record_length));
 }
 
-uint64_t slots_there(const Table &table, uint64_t device_size)
+TableOutcome check_entries(const TableContext &context, size_t claims_memory)
 {
-    uint64_t slots = 0;
-    for (const tier_region &region : table.regions) {
-        slots += std::min(region.count, device_size / SIZE_4K);
-    }
-    return slots;
+    return TableCheck(context).run(claims_memory);
 }
 
 } // namespace tierctl

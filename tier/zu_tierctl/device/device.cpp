@@ -70,7 +70,8 @@ void Device::write_block(int64_t offset, const void *block)
     }
 }
 
-TableReader::TableReader(const Device &device, const Table &table) : device_(device), table_(table)
+TableReader::TableReader(const Device &device, std::span<const tier_region> regions)
+    : device_(device), regions_(regions)
 {
     if (zutr_alloc_aligned(SIZE_1M, &buffer_) != 0) {
         throw std::bad_alloc();
@@ -79,8 +80,8 @@ TableReader::TableReader(const Device &device, const Table &table) : device_(dev
 
 bool TableReader::next(Slots *slots)
 {
-    while (region_ < table_.regions.size()) {
-        const tier_region &region = table_.regions[region_];
+    while (region_ < regions_.size()) {
+        const tier_region &region = regions_[region_];
         if (first_ < region.count) {
             *slots = read(region, slots_on_device(region, device_.size()));
             first_ += slots->count;
@@ -112,10 +113,10 @@ Slots TableReader::read(const tier_region &region, uint64_t present)
     return {base_ + first_, 1, offset, nullptr, errno};
 }
 
-void read_table(const Device &device, const Table &table,
+void read_table(const Device &device, std::span<const tier_region> regions,
                 const std::function<void(const Slots &)> &take)
 {
-    TableReader reader(device, table);
+    TableReader reader(device, regions);
     Slots slots{};
     while (reader.next(&slots)) {
         take(slots);

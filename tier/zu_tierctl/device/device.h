@@ -1,12 +1,13 @@
 #pragma once
 
 #include "common/zutr_utils.h"
+#include "zu_tier/format/records.h"
 #include "zu_tierctl/device/fd.h"
-#include "zu_tierctl/entry/table.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 
 namespace tierctl {
@@ -24,6 +25,7 @@ public:
 
     const std::string &path() const { return path_; }
     uint64_t size() const { return size_; }
+    int fd() const { return fd_.get(); }
 
     /* Reads into memory aligned to 4096. False, with the reason in errno, when any of it cannot be
      * read or lies outside the device, or when `offset` is no multiple of 4096. */
@@ -51,10 +53,10 @@ struct Slots {
 
 /* Reads a table from its first slot to its last and gives every slot exactly once: in runs of up to
  * 1 MiB where the device can be read, slot by slot around an error, and as a single run whatever
- * lies outside the device. Device and table have to outlive the reader. */
+ * lies outside the device. Device and regions have to outlive the reader. */
 class TableReader {
 public:
-    TableReader(const Device &device, const Table &table);
+    TableReader(const Device &device, std::span<const tier_region> regions);
 
     /* Gives the next run, whose data last until the next call; false at the end of the table. */
     bool next(Slots *slots);
@@ -64,7 +66,7 @@ private:
     Slots read(const tier_region &region, uint64_t present);
 
     const Device &device_;
-    const Table &table_;
+    std::span<const tier_region> regions_;
     zutr_buffer buffer_;
     size_t region_ = 0;       /* of the next run */
     uint64_t first_ = 0;      /* slot of the region with which the next run begins */
@@ -73,7 +75,7 @@ private:
 };
 
 /* Calls `take` with each run of the table. */
-void read_table(const Device &device, const Table &table,
+void read_table(const Device &device, std::span<const tier_region> regions,
                 const std::function<void(const Slots &)> &take);
 
 } // namespace tierctl

@@ -28,7 +28,7 @@ struct Side {
 class TableCursor {
 public:
     TableCursor(const Side &side, const Table &table)
-        : side_(side), table_(table), name_(table.name), reader_(side.device, table)
+        : side_(side), table_(table), name_(table.name), reader_(side.device, table.regions)
     {
     }
 
@@ -170,8 +170,8 @@ bool diff(const std::string &path_a, const std::string &path_b, DiffReport &repo
 {
     const Side a(path_a);
     const Side b(path_b);
-    if (a.metadata.version != b.metadata.version) {
-        report.layouts(a.metadata.layout_name, b.metadata.layout_name);
+    if (a.metadata.layout != b.metadata.layout) {
+        report.layouts(a.metadata.layout->name, b.metadata.layout->name);
         return false;
     }
     const size_t tables =

@@ -1,10 +1,11 @@
 #include "zu_tierctl/entry/entry.h"
 
-#include "zu_tierctl/entry/entry_fields.h"
+#include "zu_tierctl/entry/fields.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <fmt/format.h>
 #include <span>
 
 namespace tierctl {
@@ -18,43 +19,89 @@ constexpr size_t BYTES_JOINED = 8;
 
 constexpr const char ABSENT[] = "null";
 
+/* One of the parts that an entry has several of. */
+struct Part {
+    uint64_t no;
+    std::vector<Field> fields; /* a word of a bitmap is a single one, without a key */
+};
+
+/* The content of an entry: its own fields, then its parts. */
+struct Content {
+    std::vector<Field> fields;
+    std::vector<Part> parts;
+};
+
+/* Packed entries are numbered through the table, other parts within their entry. */
+uint64_t part_number(const Entry &entry, uint32_t k)
+{
+    return entry.table.row->packed() ? entry.no * entry.table.end_word() + k : k;
+}
+
+/* Where part `k` lies in its slot. */
+size_t part_offset(const Entry &entry, uint32_t k)
+{
+    const tier_parts &parts = *entry.table.row->parts;
+    const size_t first = parts.at != nullptr ? parts.at(entry.metadata.super()) : 0;
+    return first + size_t{k} * parts.size;
+}
+
+/* `twin`, unless it is null, is the slot of another entry: packed words that are the same in both
+ * are left out. */
+Content content_of(const Entry &entry, const uint8_t *twin)
+{
+    if (!entry.table.fits()) {
+        return {};
+    }
+    const tier_table &row = *entry.table.row;
+    Content content;
+    if (row.fields != nullptr) {
+        content.fields = get_fields(row.fields(), entry.slot, 0, entry.table.record_length);
+    }
+    if (row.parts == nullptr) {
+        return content;
+    }
+    const tier_columns columns = row.parts->fields();
+    each_part(entry, [&](uint32_t k, const void *record) {
+        const size_t at = part_offset(entry, k);
+        const size_t size = row.parts->size;
+        const bool is_told =
+            twin != nullptr && row.packed() && memcmp(entry.slot + at, twin + at, size) == 0;
+        if (!is_told && (row.parts->is_shown == nullptr || row.parts->is_shown(record))) {
+            content.parts.push_back({part_number(entry, k), get_fields(columns, record, at, size)});
+        }
+    });
+    return content;
+}
+
 /* The members of a JSON object, without braces. */
 std::string members(const std::vector<Field> &fields)
 {
     std::string text;
     for (const Field &field : fields) {
-        text.append(text.empty() ? "\"" : ",\"").append(field.key).append("\":");
-        text.append(field.value);
+        text += fmt::format("{}\"{}\":{}", text.empty() ? "" : ",", field.key, field.value);
     }
     return text;
 }
 
-bool has_bitmap(const EntryFields &entry)
+/* The parts as JSON: a bitmap is one text, other parts are objects of an array. */
+std::string parts_text(const Entry &entry, const std::vector<Part> &parts)
 {
-    return entry.parts_key == "te_bitmap";
-}
-
-/* A bitmap is one text, other parts are objects of an array. */
-std::string parts_text(const EntryFields &entry)
-{
+    const bool is_bitmap = entry.table.row->parts->fields().front().key.empty();
     std::string text;
-    for (const Part &part : entry.parts) {
-        if (has_bitmap(entry)) {
-            text += part.fields.front().value + ' ';
-        } else {
-            text.append(text.empty() ? "{" : ",{").append(members(part.fields)).append("}");
-        }
+    for (const Part &part : parts) {
+        const std::string &word = part.fields.front().value;
+        text += is_bitmap ? word.substr(1, word.size() - 2) + ' '
+                          : fmt::format("{}{{{}}}", text.empty() ? "" : ",", members(part.fields));
     }
-    return text;
+    return is_bitmap ? '"' + text + '"' : '[' + text + ']';
 }
 
 /* All fields of an entry in one list, those of its parts under their full names. */
-std::vector<Field> flatten(EntryFields entry)
+std::vector<Field> flatten(const Entry &entry, Content content)
 {
-    std::vector<Field> fields = std::move(entry.fields);
-    for (Part &part : entry.parts) {
-        const std::string name =
-            std::string(entry.part_prefix) + '[' + std::to_string(part.no) + ']';
+    std::vector<Field> fields = std::move(content.fields);
+    for (Part &part : content.parts) {
+        const std::string name = fmt::format("{}[{}]", entry.table.row->parts->prefix, part.no);
         for (Field &field : part.fields) {
             field.key = field.key.empty() ? name : name + '.' + field.key;
             fields.push_back(std::move(field));
@@ -64,9 +111,9 @@ std::vector<Field> flatten(EntryFields entry)
 }
 
 /* The comparison of two slots: which of their bits no difference has told yet. */
-class comparison {
+class Comparison {
 public:
-    comparison(const Entry &a, const Entry &b) : slots_{a.slot, b.slot}
+    Comparison(const Entry &a, const Entry &b) : slots_{a.slot, b.slot}
     {
         for (size_t i = 0; i < SIZE_4K; i++) {
             untold_[i] = static_cast<uint8_t>(a.slot[i] ^ b.slot[i]);
@@ -126,8 +173,8 @@ private:
             }
             return text.append(shown < end - first ? "...\"" : "\"");
         };
-        found_.push_back({"bytes " + std::to_string(first) + ".." + std::to_string(end - 1),
-                          digits(slots_[0]), digits(slots_[1])});
+        found_.push_back({fmt::format("bytes {}..{}", first, end - 1), digits(slots_[0]),
+                          digits(slots_[1]), first});
     }
 
     std::array<const uint8_t *, 2> slots_;
@@ -147,30 +194,42 @@ const Field *find_field(const std::vector<Field> &fields, const std::string &key
 
 } // namespace
 
+void each_part(const Entry &entry, const std::function<void(uint32_t, const void *)> &use)
+{
+    const tier_parts &parts = *entry.table.row->parts;
+    const void *sb = entry.metadata.super();
+    const uint32_t count = parts.count != nullptr ? parts.count(sb) : SIZE_4K / parts.size;
+    for (uint32_t k = parts.first; k < count; k++) {
+        if (part_offset(entry, k) + parts.size > SIZE_4K) { /* the super block may say anything */
+            return;
+        }
+        alignas(uint64_t) std::array<uint8_t, 64> record;
+        parts.show(sb, entry.slot, entry.no, k, record.data());
+        use(k, record.data());
+    }
+}
+
 std::string entry_text(const Entry &entry)
 {
-    const EntryFields got = get_entry(entry, nullptr);
-    std::string text = "{";
-    text += members(got.fields);
+    const Content content = content_of(entry, nullptr);
+    std::string text = '{' + members(content.fields);
     if (entry.table.name == SUPER_TABLE) {
         return text + '}';
     }
-    const bool has_array = !got.parts_key.empty() && !has_bitmap(got);
-    text.append(got.fields.empty() ? "" : ",")
-        .append(has_array ? "\"meta_offset\": " : "\"meta_offset\":");
-    text += std::to_string(entry.table.slot(entry.no));
-    if (!got.parts_key.empty()) {
-        text.append(",\"").append(got.parts_key).append(has_array ? "\":[" : "\":\"");
-        text.append(parts_text(got)).append(has_array ? "]" : "\"");
+    text += fmt::format("{}\"meta_offset\":{}", content.fields.empty() ? "" : ",",
+                        entry.table.slot(entry.no));
+    if (entry.table.row->parts != nullptr && entry.table.fits()) {
+        text += fmt::format(",\"{}\":{}", entry.table.row->parts->key,
+                            parts_text(entry, content.parts));
     }
     return text + '}';
 }
 
 std::vector<Difference> entry_differences(const Entry &a, const Entry &b)
 {
-    const std::vector<Field> fields_a = flatten(get_entry(a, b.slot));
-    const std::vector<Field> fields_b = flatten(get_entry(b, a.slot));
-    comparison comparison(a, b);
+    const std::vector<Field> fields_a = flatten(a, content_of(a, b.slot));
+    const std::vector<Field> fields_b = flatten(b, content_of(b, a.slot));
+    Comparison comparison(a, b);
     for (size_t i = 0; i < fields_a.size(); i++) {
         comparison.add_field(&fields_a[i], find_field(fields_b, fields_a[i].key, i));
     }

@@ -3,6 +3,8 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,8 +20,12 @@ struct Entry {
     const uint8_t *slot;
 };
 
-/* The entry as the tool's dump shows it, and as valid JSON whatever the slot holds. */
+/* The entry as the tool's dump shows it, but as valid JSON whatever the slot holds. */
 std::string entry_text(const Entry &entry);
+
+/* Calls `use` with the number of each part of the entry and the part's record, as the columns of
+ * the parts describe it. `use` must not keep the record. */
+void each_part(const Entry &entry, const std::function<void(uint32_t k, const void *record)> &use);
 
 /* A field in which two entries differ. A part that entries have several of bears its number:
  * "te_bitmap[2]", "te_mapped_meta[3].begin", "sno[517].ino". */
@@ -27,6 +33,7 @@ struct Difference {
     std::string key; /* or "bytes 170..4095" for what is in no field */
     std::string a;   /* JSON; bytes as a text of hexadecimal digits, the first 32 of them; */
     std::string b;   /* "null": this entry has no such field */
+    std::optional<size_t> first_byte{}; /* of bytes in no field */
 };
 
 /* What makes two entries of the same table and layout differ: nothing is left out, and without

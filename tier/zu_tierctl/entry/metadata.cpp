@@ -2,35 +2,21 @@
 
 #include "zu_tierctl/device/error.h"
 
+#include <cstring>
+
 namespace tierctl {
 
-namespace {
-
-constexpr size_t VERSION_AT = offsetof(tier_super_block_v1_t, sb_version);
-static_assert(VERSION_AT == offsetof(tier_super_block_v2_t, sb_version));
-static_assert(VERSION_AT == offsetof(tier_super_block_v3_t, sb_version));
-
-constexpr SuperLayout SUPER_LAYOUTS[] = {
-    {"v1", Version::v1, TIER_SB_MAGIC_V1, TIER_SB_VERSION_V1, sizeof(tier_super_block_v1_t)},
-    {"v2", Version::v2, TIER_SB_MAGIC_V2, TIER_SB_VERSION_V2, sizeof(tier_super_block_v2_t)},
-    {"v3", Version::v3, TIER_SB_MAGIC_V3, TIER_SB_VERSION_V3, sizeof(tier_super_block_v3_t)},
-};
-
-} // namespace
-
-Table SuperLayout::table() const
+bool looks_like(const tier_layout &layout, const Block &block)
 {
-    return super_table(length, magic);
+    const tier_table &super = *layout.tables.front();
+    return super.magic.get(block.data()) == super.magic_value &&
+           layout.version_number.get(block.data()) == layout.version_value;
 }
 
-uint32_t SuperLayout::version_of(const uint8_t *block)
+bool is_super(const tier_layout &layout, const Block &block)
 {
-    return static_cast<uint32_t>(Place{VERSION_AT, sizeof(uint32_t)}.get(block));
-}
-
-std::span<const SuperLayout> super_layouts()
-{
-    return SUPER_LAYOUTS;
+    return looks_like(layout, block) &&
+           Table(*layout.tables.front(), block.data()).flaws(0, block.data()) == 0;
 }
 
 Block read_super(const Device &device)
@@ -44,16 +30,10 @@ Block read_super(const Device &device)
 
 Metadata read_metadata(const Device &device)
 {
-    Metadata metadata{};
-    metadata.super_block = read_super(device);
-    const uint8_t *block = metadata.super_block.data();
-    for (const SuperLayout &layout : SUPER_LAYOUTS) {
-        if (layout.table().flaws(0, block) == 0 && layout.version_of(block) == layout.code) {
-            metadata.version = layout.version;
-            metadata.layout_name = layout.name;
-            metadata.tables =
-                metadata.with_super([](const auto &super) { return tables_of(super); });
-            return metadata;
+    const Block block = read_super(device);
+    for (const tier_layout *layout : tier_layouts()) {
+        if (is_super(*layout, block)) {
+            return {layout, block, tables_of(*layout, block.data())};
         }
     }
     throw std::runtime_error(device.path() + " has no super block of a known layout");

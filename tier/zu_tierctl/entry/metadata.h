@@ -5,65 +5,28 @@
 
 #include <array>
 #include <cstdint>
-#include <cstring>
-#include <span>
-#include <string_view>
 #include <vector>
 
 namespace tierctl {
 
-enum class Version { v1 = 1, v2, v3 };
-
-using Block = std::array<uint8_t, SIZE_4K>;
-
-/* How to tell a super block. */
-struct SuperLayout {
-    std::string_view name; /* "v1" */
-    Version version;
-    uint32_t magic;
-    uint32_t code; /* of the version, as the super block has it */
-    size_t length; /* of the super block */
-
-    /* The super block as a table. */
-    Table table() const;
-
-    /* The version that a super block of any layout names. */
-    static uint32_t version_of(const uint8_t *block);
-};
-
-std::span<const SuperLayout> super_layouts();
+/* The block in which the super block lies. */
+struct alignas(uint64_t) Block : std::array<uint8_t, SIZE_4K> {};
 
 /* What a device says of itself: the layout of its super block, and the tables that this describes.
  */
 struct Metadata {
-    Version version;
-    std::string_view layout_name; /* "v1" */
+    const tier_layout *layout;
     Block super_block;
     std::vector<Table> tables; /* the first is the super block itself */
 
-    /* The super block as the record of its layout. */
-    template <class Super>
-    Super super() const
-    {
-        Super super;
-        memcpy(&super, super_block.data(), sizeof(super));
-        return super;
-    }
-
-    /* What `use` gives for the super block as the record of its layout. */
-    template <class Use>
-    auto with_super(const Use &use) const
-    {
-        switch (version) {
-        case Version::v1:
-            return use(super<tier_super_block_v1_t>());
-        case Version::v2:
-            return use(super<tier_super_block_v2_t>());
-        default:
-            return use(super<tier_super_block_v3_t>());
-        }
-    }
+    const void *super() const { return super_block.data(); }
 };
+
+/* Whether a block has the magic and the version of the layout. */
+bool looks_like(const tier_layout &layout, const Block &block);
+
+/* Whether it is a sound super block of the layout, as the tool tests it. */
+bool is_super(const tier_layout &layout, const Block &block);
 
 /* Reads the block in which the super block lies, whatever it holds. Throws. */
 Block read_super(const Device &device);

@@ -4,36 +4,31 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
-#include <utility>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace tierctl {
 
-void seal_head(uint8_t *record, size_t length)
+namespace {
+
+/* Where a number ends within its entry. */
+size_t end_of(const tier_number &number)
 {
-    const uint32_t crc = zutr_crc32(record + sizeof(crc), length - sizeof(crc));
-    memcpy(record, &crc, sizeof(crc));
+    return number ? number.at + (static_cast<size_t>(std::bit_width(number.mask)) + 7) / 8 : 0;
 }
 
-void seal_words(uint8_t *record, size_t length)
-{
-    const auto low_byte = [record](uint32_t word) -> uint8_t & {
-        return record[word * sizeof(uint64_t)]; /* words are stored low byte first */
-    };
-    for (uint32_t i = 0; i < TIER_EXTENT_CRC_BITS_V3; i++) {
-        low_byte(i) &= 0xFE;
-    }
-    const uint32_t crc = zutr_crc32(record, length);
-    for (uint32_t i = 0; i < TIER_EXTENT_CRC_BITS_V3; i++) {
-        low_byte(i) = static_cast<uint8_t>(low_byte(i) | (crc >> i & 1));
-    }
-}
+} // namespace
 
-uint64_t Place::get(const uint8_t *record) const
+Table::Table(const tier_table &table, const void *sb)
+    : row(&table), name(table.name), record_length(table.record_length(sb))
 {
-    uint64_t value = 0;
-    memcpy(&value, record + at, width);
-    return value;
+    const tier_regions all = table.regions(sb);
+    regions.push_back(all[0]);
+    if (all[1].count != 0) {
+        regions.push_back(all[1]);
+    }
 }
 
 uint64_t Table::count() const
@@ -43,6 +38,12 @@ uint64_t Table::count() const
         entries += region.count;
     }
     return entries;
+}
+
+bool Table::identifies() const
+{
+    return fits() && record_length >=
+                         std::max({end_of(row->magic), end_of(row->number), end_of(row->in_use)});
 }
 
 int64_t Table::slot(uint64_t no) const
@@ -57,105 +58,36 @@ int64_t Table::slot(uint64_t no) const
 
 void Table::seal_slot(uint8_t *slot) const
 {
-    if (seal != nullptr) {
-        seal(slot, record_length);
-    }
+    tier_seal(*row, slot, static_cast<uint32_t>(record_length));
 }
 
 uint32_t Table::flaws(uint64_t no, const uint8_t *slot) const
 {
     uint32_t flaws = 0;
-    if (magic && magic->place.get(slot) != magic->value) {
+    if (row->magic && row->magic.get(slot) != row->magic_value) {
         flaws |= BAD_MAGIC;
     }
-    if (number && number->get(slot) != no) {
+    if (row->number && row->number.get(slot) != no) {
         flaws |= BAD_NUMBER;
     }
-    std::array<uint8_t, SIZE_4K> sealed;
-    memcpy(sealed.data(), slot, record_length);
-    seal_slot(sealed.data());
-    if (memcmp(sealed.data(), slot, record_length) != 0) {
-        flaws |= BAD_CHECKSUM;
+    if (row->crc != nullptr) {
+        alignas(uint64_t) std::array<uint8_t, SIZE_4K> copy;
+        memcpy(copy.data(), slot, record_length);
+        const uint32_t stored = row->checksum->get(copy.data());
+        if (stored != row->crc(copy.data(), static_cast<uint32_t>(record_length))) {
+            flaws |= BAD_CHECKSUM;
+        }
     }
     return flaws;
 }
 
-Table super_table(size_t record_length, uint32_t magic)
+std::vector<Table> tables_of(const tier_layout &layout, const void *sb)
 {
-    constexpr Place MAGIC = {offsetof(tier_super_block_v1_t, sb_magic), 4};
-    static_assert(MAGIC.at == offsetof(tier_super_block_v2_t, sb_magic));
-    static_assert(MAGIC.at == offsetof(tier_super_block_v3_t, sb_magic));
-    return {.name = SUPER_TABLE,
-            .regions = {{TIER_SUPER_OFFSET, 1}},
-            .record_length = record_length,
-            .seal = seal_head,
-            .magic = {{MAGIC, magic}}};
-}
-
-Table brick_table(const tier_region &region, uint32_t magic)
-{
-    return {.name = "brick",
-            .regions = {region},
-            .record_length = sizeof(tier_brick_info_t),
-            .seal = seal_head,
-            .magic = {{{offsetof(tier_brick_info_t, bi_magic), 4}, magic}},
-            .number = {{offsetof(tier_brick_info_t, bi_no), 4}}};
-}
-
-Table inode_table(std::vector<tier_region> regions, uint32_t magic)
-{
-    return {.name = "inode",
-            .regions = std::move(regions),
-            .record_length = sizeof(tier_inode_t),
-            .seal = seal_head,
-            .magic = {{{offsetof(tier_inode_t, i_magic), 4}, magic}},
-            .number = {{offsetof(tier_inode_t, i_no), 4}}};
-}
-
-Table extent_table(const tier_region &region, size_t record_length)
-{
-    return {.name = "extent",
-            .regions = {region},
-            .record_length = record_length,
-            .seal = seal_head,
-            .number = {{offsetof(tier_extent_t, te_reserved1), 8}}};
-}
-
-std::vector<Table> tables_of(const tier_super_block_v1_t &sb)
-{
-    return {super_table(sizeof(sb), TIER_SB_MAGIC_V1),
-            brick_table(tier_bricks(sb), TIER_BRICK_MAGIC_V1),
-            inode_table({tier_inodes(sb)}, TIER_INODE_MAGIC_V1),
-            extent_table(tier_extents(sb), sb.sb_extent_size)};
-}
-
-std::vector<Table> tables_of(const tier_super_block_v2_t &sb)
-{
-    std::vector<tier_region> inodes = {tier_inodes(sb)};
-    if (sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2) {
-        inodes.push_back(tier_exp_inodes_v2(sb));
+    std::vector<Table> tables;
+    for (const tier_table *row : layout.tables) {
+        tables.emplace_back(*row, sb);
     }
-    return {super_table(sizeof(sb), TIER_SB_MAGIC_V2),
-            brick_table(tier_bricks(sb), TIER_BRICK_MAGIC_V2),
-            inode_table(inodes, TIER_INODE_MAGIC_V2),
-            extent_table(tier_extents(sb), sb.sb_total_extent_size)};
-}
-
-std::vector<Table> tables_of(const tier_super_block_v3_t &sb)
-{
-    return {super_table(sizeof(sb), TIER_SB_MAGIC_V3),
-            brick_table(tier_bricks_v3(sb), TIER_BRICK_MAGIC_V3),
-            inode_table({tier_inodes_v3(sb)}, TIER_INODE_MAGIC_V3),
-            {.name = "shard",
-             .regions = {tier_shards_v3(sb)},
-             .record_length = SIZE_4K,
-             .seal = seal_head,
-             .magic = {{{SHARD_MAGIC_V3.at / 8, 4}, TIER_SHARD_MAGIC_V3}}},
-            {.name = "hot", .regions = {tier_hot_v3(sb)}, .record_length = SIZE_4K},
-            {.name = "extent",
-             .regions = {tier_extents_v3(sb)},
-             .record_length = SIZE_4K,
-             .seal = seal_words}};
+    return tables;
 }
 
 const Table &find_table(const std::vector<Table> &tables, std::string_view name)
@@ -164,11 +96,18 @@ const Table &find_table(const std::vector<Table> &tables, std::string_view name)
     if (table != tables.end()) {
         return *table;
     }
-    std::string known;
+    std::vector<std::string_view> known;
     for (const Table &other : tables) {
-        known += (known.empty() ? "" : ", ") + std::string(other.name);
+        known.push_back(other.name);
     }
-    throw UsageError("there is no table " + std::string(name) + ", but " + known);
+    throw UsageError(fmt::format("there is no table {}, but {}", name, fmt::join(known, ", ")));
+}
+
+const tier_layout *find_layout(std::string_view name)
+{
+    const auto layouts = tier_layouts();
+    const auto found = std::ranges::find(layouts, name, &tier_layout::name);
+    return found == layouts.end() ? nullptr : *found;
 }
 
 } // namespace tierctl

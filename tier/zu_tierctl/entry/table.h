@@ -1,41 +1,13 @@
 #pragma once
 
-#include "zu_tier/format/records.h"
-#include "zu_tier/format/v1.h"
-#include "zu_tier/format/v2.h"
-#include "zu_tier/format/v3.h"
+#include "zu_tier/layout/layout.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string_view>
 #include <vector>
 
 namespace tierctl {
-
-/* The tables of a device, in the same words for every layout. */
-
-/* Stores the checksum of a record of `length` bytes in it. */
-using Seal = void (*)(uint8_t *record, size_t length);
-
-/* The CRC-32 of all behind its first four bytes, in these. */
-void seal_head(uint8_t *record, size_t length);
-
-/* The CRC-32 of all with its own bits zero: bit i is the lowest of the 64-bit word i. */
-void seal_words(uint8_t *record, size_t length);
-
-/* A number that a record holds, and where: `at` and `width` (at most 8) in bytes. */
-struct Place {
-    size_t at;
-    size_t width;
-
-    uint64_t get(const uint8_t *record) const;
-};
-
-struct Magic {
-    Place place;
-    uint32_t value;
-};
 
 /* What is wrong with a slot, as bits. */
 enum Flaw : uint32_t {
@@ -47,21 +19,36 @@ enum Flaw : uint32_t {
 /* The name of the super block's table. */
 inline constexpr std::string_view SUPER_TABLE = "super";
 
-/* A table of 4096-byte slots. Each has a record at its start; the super block is a table of one
- * slot, and a block of packed entries is a single record. */
+/* A table of a device: what its layout says of it, with the numbers of the device's super block. */
 struct Table {
+    const tier_table *row;
     std::string_view name;
-    std::vector<tier_region> regions; /* where it lies; each is numbered on from the one before */
-    size_t record_length;
-    Seal seal = nullptr;           /* null: a record has no checksum */
-    std::optional<Magic> magic{};  /* if a record has one */
-    std::optional<Place> number{}; /* the entry's own number, if a record has it */
+    std::vector<tier_region> regions; /* each is numbered on from the one before */
+    uint64_t record_length;
 
+    Table(const tier_table &table, const void *sb);
+
+    /* Of slots. */
     uint64_t count() const;
+
+    /* Words of a slot that are entries: from the first up to, but not at, the end. A slot with a
+     * single entry has word 0 only. */
+    uint32_t first_word() const { return row->packed() ? row->parts->first : 0; }
+    uint32_t end_word() const { return row->packed() ? SIZE_4K / row->parts->size : 1; }
+
+    /* Where the entry at word `k` of a slot begins. */
+    const uint8_t *entry(const uint8_t *slot, uint32_t k) const
+    {
+        return slot + size_t{k} * sizeof(uint64_t);
+    }
+    bool in_use(const uint8_t *entry) const { return !row->in_use || row->in_use.get(entry) != 0; }
 
     /* Whether a record fits its slot; a super block may be sealed and say otherwise. Of a table
      * whose records do not fit nothing but the slots is known. */
     bool fits() const { return record_length >= TIER_CHECKSUM_SIZE && record_length <= SIZE_4K; }
+
+    /* Whether it also has all that identifies an entry. */
+    bool identifies() const;
 
     /* Byte offset of the slot of entry `no`, which exists. */
     int64_t slot(uint64_t no) const;
@@ -73,18 +60,13 @@ struct Table {
     uint32_t flaws(uint64_t no, const uint8_t *slot) const;
 };
 
-/* The tables, each of them with what only its layout decides. */
-Table super_table(size_t record_length, uint32_t magic);
-Table brick_table(const tier_region &region, uint32_t magic);
-Table inode_table(std::vector<tier_region> regions, uint32_t magic);
-Table extent_table(const tier_region &region, size_t record_length);
-
 /* All tables of a device by its super block, in the order of the device. */
-std::vector<Table> tables_of(const tier_super_block_v1_t &sb);
-std::vector<Table> tables_of(const tier_super_block_v2_t &sb);
-std::vector<Table> tables_of(const tier_super_block_v3_t &sb);
+std::vector<Table> tables_of(const tier_layout &layout, const void *sb);
 
-/* The one of that name; a usage error that names those that there are when it is none of them. */
+/* The one of that name; a usage error that lists those that there are when it is none of them. */
 const Table &find_table(const std::vector<Table> &tables, std::string_view name);
+
+/* The layout of that name; null when there is none. */
+const tier_layout *find_layout(std::string_view name);
 
 } // namespace tierctl

@@ -3,8 +3,8 @@
 #include "zu_tier/record/text.h"
 #include "zu_tier/record/time.h"
 #include "zu_tierctl/check/check.h"
-#include "zu_tierctl/check/entries.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/fields.h"
 
 #include <algorithm>
 #include <bit>
@@ -28,8 +28,8 @@ constexpr MapAge AGES[] = {
 };
 
 /* No layout has more bricks; whatever refers to another number is counted together. */
-constexpr size_t BRICKS = TIER_BRICK_CNT_MAX_V3;
-constexpr uint16_t OTHER_BRICK = BRICKS;
+constexpr size_t BRICKS = 300;
+constexpr uint16_t OTHER_BRICK = uint16_t{BRICKS};
 
 std::string time_text(uint64_t nanoseconds)
 {
@@ -60,7 +60,8 @@ private:
 /* Fills the tables of a map while they are read. */
 class TableBuilder : public Watcher {
 public:
-    TableBuilder(Map &map, const CellsMax &cells_max) : map_(map), cells_max_(cells_max)
+    TableBuilder(Map &map, const tier_layout &layout, const CellsMax &cells_max)
+        : map_(map), layout_(layout), cells_max_(cells_max)
     {
         for (size_t no = 0; no < BRICKS; no++) {
             bricks_.push_back({fmt::format("{}", no), "not in use, or damaged"});
@@ -68,8 +69,7 @@ public:
         bricks_.push_back({"other", "not known"});
     }
 
-    void begin_table(std::string_view table_name, const Numbering &numbering,
-                     std::string_view owner) override;
+    void begin_table(const Table &table, const Numbering &numbering) override;
     void add_lost(uint64_t first_slot, uint64_t slots, State state) override;
     void add_free(uint64_t no) override { add(no, &Counts::free); }
     void add_in_use(const EntryInUse &entry) override;
@@ -80,6 +80,13 @@ public:
 private:
     MapTable &table() { return map_.tables.back(); }
 
+    bool is_owner(const tier_table &row) const
+    {
+        return std::ranges::any_of(layout_.tables, [&row](const tier_table *other) {
+            return other->owner.table == row.name;
+        });
+    }
+
     void add(uint64_t no, uint64_t Counts::*count)
     {
         const uint64_t cell = table().numbering.index(no) / table().cell_entries;
@@ -87,24 +94,35 @@ private:
         (table().counts.*count)++;
     }
 
-    void add_inode(const tier_inode_t &inode, MapBrick &brick);
+    void add_brick(const EntryInUse &entry);
+    void add_file(const EntryInUse &entry, MapBrick &brick);
 
     Map &map_;
+    const tier_layout &layout_;
     const CellsMax &cells_max_;
     std::vector<MapBrick> bricks_;                     /* by number */
     std::map<std::string_view, BrickNumbers> numbers_; /* by table */
     const BrickNumbers *owners_ = nullptr;             /* of the table that this one refers to */
     BrickNumbers *own_ = nullptr;                      /* of this table */
+    const tier_table *row_ = nullptr;                  /* this table */
+    const tier_table *bricks_row_ = nullptr; /* the table that refers to none, but is referred to */
+    tier_columns columns_;                   /* of this table */
+    bool is_owner_ = false;                  /* whether other tables refer to this one */
     std::vector<uint64_t> accesses_;
 };
 
-void TableBuilder::begin_table(std::string_view table_name, const Numbering &numbering,
-                               std::string_view owner)
+void TableBuilder::begin_table(const Table &table_read, const Numbering &numbering)
 {
-    owners_ = &numbers_[owner];
-    own_ = &numbers_[table_name];
+    row_ = table_read.row;
+    owners_ = &numbers_[row_->owner.table];
+    own_ = &numbers_[row_->name];
+    columns_ = row_->fields != nullptr ? row_->fields() : tier_columns{};
+    is_owner_ = is_owner(*row_);
+    if (row_->owner.table.empty() && is_owner_) {
+        bricks_row_ = row_;
+    }
     const uint64_t entries = numbering.entries();
-    map_.tables.push_back({table_name, numbering, 1, {.entries = entries}});
+    map_.tables.push_back({row_->name, numbering, 1, {.entries = entries}});
     if (entries == 0) {
         return;
     }
@@ -137,37 +155,49 @@ void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, State state)
 void TableBuilder::add_in_use(const EntryInUse &entry)
 {
     add(entry.no, &Counts::in_use);
-    const std::string_view name = table().name;
-    if (name == "brick") {
-        if (entry.no < BRICKS) {
-            own_->set(entry.no, static_cast<uint16_t>(entry.no));
-            bricks_[entry.no].in_use = true;
-            const auto brick = load_record<tier_brick_info_t>(entry.slot);
-            bricks_[entry.no].path = shown_text(std::string(zutr_bounded(brick.bi_brickid)));
-        }
+    if (row_ == bricks_row_) {
+        add_brick(entry);
         return;
     }
     if (!entry.owner) {
         return;
     }
     uint16_t brick = owners_->get(*entry.owner);
-    if (name == "inode") {
+    if (bricks_row_ != nullptr && row_->owner.table == bricks_row_->name) {
         /* A brick that is not in use counts, too. */
         brick = static_cast<uint16_t>(std::min<uint64_t>(*entry.owner, OTHER_BRICK));
-        add_inode(load_record<tier_inode_t>(entry.slot), bricks_[brick]);
-    } else if (name == "extent") {
-        bricks_[brick].extents++;
-        return;
+        add_file(entry, bricks_[brick]);
     }
-    own_->set(entry.no, brick);
+    if (is_owner_) {
+        own_->set(entry.no, brick);
+    } else {
+        bricks_[brick].extents++;
+    }
 }
 
-void TableBuilder::add_inode(const tier_inode_t &inode, MapBrick &brick)
+void TableBuilder::add_brick(const EntryInUse &entry)
+{
+    if (entry.no >= BRICKS) {
+        return;
+    }
+    own_->set(entry.no, static_cast<uint16_t>(entry.no));
+    bricks_[entry.no].in_use = true;
+    const auto path = std::ranges::find(columns_, tier_column_type::text, &tier_column::type);
+    if (path != columns_.end()) {
+        const auto *text = reinterpret_cast<const char *>(entry.slot) + path->at;
+        bricks_[entry.no].path = shown_text(std::string(zutr_bounded(text, path->size)));
+    }
+}
+
+void TableBuilder::add_file(const EntryInUse &entry, MapBrick &brick)
 {
     brick.inodes++;
-    brick.bytes += std::min(inode.i_size, ANY - brick.bytes);
-    if (accesses_.size() < States::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB */
-        accesses_.push_back(inode.i_atime);
+    for (const tier_column &column : columns_) {
+        if (column.key == "size") {
+            brick.bytes += std::min(column_number(column, entry.slot), ANY - brick.bytes);
+        } else if (column.key == "atime" && accesses_.size() < States::ENTRIES_MAX) {
+            accesses_.push_back(column_number(column, entry.slot));
+        }
     }
 }
 
@@ -256,12 +286,15 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max)
     const Metadata metadata = read_metadata(device);
     Map map;
     map.device = device_path;
-    map.layout = metadata.layout_name;
-    metadata.with_super([&map](const auto &super) {
-        map.identity = zutr_uuid_utoa(super.sb_uuid);
-        map.created = time_text(super.sb_ctime);
-    });
-    TableBuilder tables(map, cells_max);
+    map.layout = metadata.layout->name;
+    for (const tier_column &column : metadata.tables.front().row->fields()) {
+        if (column.type == tier_column_type::uuid) {
+            map.identity = zutr_uuid_utoa(metadata.super_block.data() + column.at);
+        } else if (column.form == zutr_form::hex_and_time) {
+            map.created = time_text(column_number(column, metadata.super()));
+        }
+    }
+    TableBuilder tables(map, *metadata.layout, cells_max);
     MapReport report(map);
     check_metadata({.device = device_path}, device, metadata, report, &tables);
     tables.finish();

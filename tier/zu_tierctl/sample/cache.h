@@ -120,6 +120,13 @@ void put(uint8_t *slot, const Record &record)
     memcpy(slot, &record, sizeof(record));
 }
 
+/* The tables of the layout of that name under the super block. */
+template <class Super>
+std::vector<Table> sample_tables(std::string_view layout, const Super &super)
+{
+    return tables_of(*find_layout(layout), &super);
+}
+
 /* The brick table, one of `tables`, with the entries that `sample` makes. */
 template <class Sample>
 SampleTable sample_bricks(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)

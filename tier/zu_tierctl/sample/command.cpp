@@ -30,7 +30,7 @@ constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
 
 std::string conversion_help()
 {
-    const Layout &layout = SAMPLE_LAYOUT_FOR_CONVERSION;
+    const SampleLayout &layout = SAMPLE_LAYOUT_FOR_CONVERSION;
     return fmt::format("Make a device that convert_super accepts: the tables of v2\n"
                        "under the super block of {}; sizes as for v2, but\n"
                        "{} {} and no {}",
@@ -42,7 +42,7 @@ std::string conversion_help()
 std::string size_help(size_t size)
 {
     std::string text = SIZE_OPTIONS[size].meaning;
-    for (const Layout *layout : layouts()) {
+    for (const SampleLayout *layout : sample_layouts()) {
         const Bounds &bounds = layout->bounds[size];
         text += fmt::format("\n{}: {}", layout->name, bounds_text(bounds));
         if (bounds.fallback != 0) {
@@ -55,10 +55,10 @@ std::string size_help(size_t size)
 std::string layout_help()
 {
     std::string names;
-    for (const Layout *layout : layouts()) {
+    for (const SampleLayout *layout : sample_layouts()) {
         names += fmt::format("{}{}", names.empty() ? "" : ", ", layout->name);
     }
-    return "Layout of the device: " + names;
+    return "SampleLayout of the device: " + names;
 }
 
 std::string seed_help()

@@ -30,29 +30,29 @@ void flip(uint8_t *slot, uint64_t bit)
 
 bool has_magic(const Table &table)
 {
-    return table.magic.has_value();
+    return static_cast<bool>(table.row->magic);
 }
 
 bool has_number(const Table &table)
 {
-    return table.number.has_value();
+    return static_cast<bool>(table.row->number);
 }
 
 void spoil_magic(const Table &table, uint8_t *slot, Random &)
 {
-    flip(slot, table.magic->place.at * 8);
+    flip(slot, table.row->magic.at * 8);
     table.seal_slot(slot);
 }
 
 void spoil_number(const Table &table, uint8_t *slot, Random &)
 {
-    flip(slot, table.number->at * 8);
+    flip(slot, table.row->number.at * 8);
     table.seal_slot(slot);
 }
 
 bool is_sealed(const Table &table)
 {
-    return table.seal != nullptr;
+    return table.row->crc != nullptr;
 }
 
 bool always(const Table &)

@@ -8,7 +8,7 @@ namespace tierctl {
 
 namespace {
 
-constexpr const Layout *LAYOUTS[] = {&SAMPLE_LAYOUT_V1, &SAMPLE_LAYOUT_V2, &SAMPLE_LAYOUT_V3};
+constexpr const SampleLayout *LAYOUTS[] = {&SAMPLE_LAYOUT_V1, &SAMPLE_LAYOUT_V2, &SAMPLE_LAYOUT_V3};
 
 } // namespace
 
@@ -21,14 +21,14 @@ std::string bounds_text(const Bounds &bounds)
            (bounds.unit == 1 ? "" : fmt::format(" in steps of {}", bounds.unit));
 }
 
-std::span<const Layout *const> layouts()
+std::span<const SampleLayout *const> sample_layouts()
 {
     return LAYOUTS;
 }
 
-const Layout &find_layout(std::string_view name)
+const SampleLayout &find_sample_layout(std::string_view name)
 {
-    for (const Layout *layout : LAYOUTS) {
+    for (const SampleLayout *layout : LAYOUTS) {
         if (layout->name == name) {
             return *layout;
         }

@@ -57,21 +57,22 @@ struct SamplePlan {
     std::vector<SampleTable> tables; /* in the order of writing */
 };
 
-struct Layout {
+struct SampleLayout {
     std::string_view name;
     std::array<Bounds, SIZES> bounds;
     SamplePlan (*sample)(const Sizes &sizes, uint64_t seed);
-    const Layout *for_conversion; /* makes devices for convert_super; null: it converts none */
+    const SampleLayout
+        *for_conversion; /* makes devices for convert_super; null: it converts none */
 };
 
-extern const Layout SAMPLE_LAYOUT_V1;
-extern const Layout SAMPLE_LAYOUT_FOR_CONVERSION;
-extern const Layout SAMPLE_LAYOUT_V2;
-extern const Layout SAMPLE_LAYOUT_V3;
+extern const SampleLayout SAMPLE_LAYOUT_V1;
+extern const SampleLayout SAMPLE_LAYOUT_FOR_CONVERSION;
+extern const SampleLayout SAMPLE_LAYOUT_V2;
+extern const SampleLayout SAMPLE_LAYOUT_V3;
 
-std::span<const Layout *const> layouts();
+std::span<const SampleLayout *const> sample_layouts();
 
 /* The layout of that name; a usage error when there is none. */
-const Layout &find_layout(std::string_view name);
+const SampleLayout &find_sample_layout(std::string_view name);
 
 } // namespace tierctl

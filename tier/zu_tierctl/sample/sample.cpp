@@ -31,7 +31,7 @@ namespace {
 
 constexpr uint64_t SLOTS_A_WRITE = SIZE_1M / SIZE_4K;
 
-Sizes choose_sizes(const SampleOptions &options, const Layout &layout)
+Sizes choose_sizes(const SampleOptions &options, const SampleLayout &layout)
 {
     Sizes sizes{};
     for (size_t i = 0; i < sizes.size(); i++) {
@@ -73,9 +73,9 @@ void write_table(Image &image, const SampleTable &sample, uint8_t *run)
     }
 }
 
-const Layout &choose_layout(const SampleOptions &options)
+const SampleLayout &choose_layout(const SampleOptions &options)
 {
-    const Layout &layout = find_layout(options.layout);
+    const SampleLayout &layout = find_sample_layout(options.layout);
     if (!options.for_conversion) {
         return layout;
     }
@@ -89,7 +89,7 @@ const Layout &choose_layout(const SampleOptions &options)
 
 void sample(const SampleOptions &options)
 {
-    const Layout &layout = choose_layout(options);
+    const SampleLayout &layout = choose_layout(options);
     const SamplePlan plan = layout.sample(choose_sizes(options, layout), options.seed);
     std::vector<Table> tables;
     for (const SampleTable &sample : plan.tables) {

@@ -37,13 +37,13 @@ SamplePlan plan_v1(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<SampleV1>(sizes, seed);
     const tier_super_block_v1_t super = sample->super();
-    return sample_plan(sample, super, tables_of(super), data_end(super));
+    return sample_plan(sample, super, sample_tables("v1", super), data_end(super));
 }
 
 } // namespace
 
 /* NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): the compiler sees to the order */
-constinit const Layout SAMPLE_LAYOUT_V1 = {"v1", CACHE_BOUNDS, plan_v1,
-                                           &SAMPLE_LAYOUT_FOR_CONVERSION};
+constinit const SampleLayout SAMPLE_LAYOUT_V1 = {"v1", CACHE_BOUNDS, plan_v1,
+                                                 &SAMPLE_LAYOUT_FOR_CONVERSION};
 
 } // namespace tierctl

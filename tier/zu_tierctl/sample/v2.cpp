@@ -154,7 +154,7 @@ SamplePlan plan_v2(const Sizes &sizes, uint64_t seed)
     const uint64_t end = expansion.count == 0
                              ? data_end(super)
                              : static_cast<uint64_t>(expansion.slot(expansion.count));
-    return sample_plan(sample, super, tables_of(super), end);
+    return sample_plan(sample, super, sample_tables("v2", super), end);
 }
 
 /* The tables of V2 under a super block of V1. */
@@ -162,8 +162,8 @@ SamplePlan plan_for_conversion(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<SampleV2>(sizes, seed);
     const tier_super_block_v1_t super = sample->super_v1();
-    std::vector<Table> tables = tables_of(sample->super());
-    tables.front() = tables_of(super).front();
+    std::vector<Table> tables = sample_tables("v2", sample->super());
+    tables.front() = sample_tables("v1", super).front();
     return sample_plan(sample, super, tables, data_end(super));
 }
 
@@ -183,9 +183,9 @@ constexpr auto BOUNDS_V2 = [] {
 
 } // namespace
 
-constinit const Layout SAMPLE_LAYOUT_FOR_CONVERSION = {"v1", BOUNDS_FOR_CONVERSION,
-                                                       plan_for_conversion, nullptr};
+constinit const SampleLayout SAMPLE_LAYOUT_FOR_CONVERSION = {"v1", BOUNDS_FOR_CONVERSION,
+                                                             plan_for_conversion, nullptr};
 
-constinit const Layout SAMPLE_LAYOUT_V2 = {"v2", BOUNDS_V2, plan_v2, nullptr};
+constinit const SampleLayout SAMPLE_LAYOUT_V2 = {"v2", BOUNDS_V2, plan_v2, nullptr};
 
 } // namespace tierctl

@@ -212,7 +212,7 @@ SamplePlan plan_v3(const Sizes &sizes, uint64_t seed)
 {
     const auto sample = std::make_shared<SampleV3>(with_blocks(sizes), seed);
     const SuperBlock &super = sample->super();
-    const std::vector<Table> tables = tables_of(super);
+    const std::vector<Table> tables = sample_tables("v3", super);
     return {
         super.sb_block_area_offset + super.sb_block_area_size,
         {
@@ -231,6 +231,6 @@ SamplePlan plan_v3(const Sizes &sizes, uint64_t seed)
 
 } // namespace
 
-constinit const Layout SAMPLE_LAYOUT_V3 = {"v3", BOUNDS_V3, plan_v3, nullptr};
+constinit const SampleLayout SAMPLE_LAYOUT_V3 = {"v3", BOUNDS_V3, plan_v3, nullptr};
 
 } // namespace tierctl

@@ -73,7 +73,7 @@ bool save(const std::string &device_path, const std::string &file_path)
     }
     Progress progress("save", total);
     for (const Table &table : metadata.tables) {
-        read_table(device, table, [&](const Slots &slots) {
+        read_table(device, table.regions, [&](const Slots &slots) {
             if (slots.data == nullptr) {
                 unreadable.add(table.name, slots);
             } else {

@@ -1,33 +1,14 @@
 #include "zu_tierctl/template/json.h"
 
-#include "zu_tierctl/device/json.h"
-
 #include <cstddef>
 #include <utility>
 
 namespace tierctl {
 
-void TemplateJson::number(std::string_view key, uint64_t value)
+void TemplateJson::value(std::string_view key, std::string_view json)
 {
     begin_member(key);
-    text_ += std::to_string(value);
-}
-
-void TemplateJson::text(std::string_view key, std::string_view text)
-{
-    begin_member(key);
-    text_ += json_text(text);
-}
-
-void TemplateJson::numbers(std::string_view key, std::span<const uint64_t> values)
-{
-    begin_member(key);
-    const char *separator = "[";
-    for (const uint64_t value : values) {
-        text_ += separator + std::to_string(value);
-        separator = ", ";
-    }
-    text_ += values.empty() ? "[]" : "]";
+    text_ += json;
 }
 
 void TemplateJson::open_array(std::string_view key)

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -12,9 +10,8 @@ class TemplateJson {
 public:
     TemplateJson() { open('{', '}'); }
 
-    void number(std::string_view key, uint64_t value);
-    void text(std::string_view key, std::string_view text); /* valid UTF-8 */
-    void numbers(std::string_view key, std::span<const uint64_t> values);
+    /* A member whose value is JSON already. */
+    void value(std::string_view key, std::string_view json);
 
     /* An array of objects and each object in it. */
     void open_array(std::string_view key);

@@ -1,131 +1,269 @@
 #include "zu_tierctl/template/template.h"
 
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/json.h"
 #include "zu_tierctl/device/text.h"
-#include "zu_tierctl/template/kinds.h"
+#include "zu_tierctl/entry/entry.h"
+#include "zu_tierctl/entry/fields.h"
+#include "zu_tierctl/entry/rebuild.h"
+#include "zu_tierctl/template/json.h"
 
 #include <algorithm>
-#include <array>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <optional>
 
 namespace tierctl {
 
 namespace {
 
-using draft_function = void (*)(Draft &draft, const Metadata &metadata);
-
-/* What drafts an entry of a table, by layout. */
-struct kind {
-    std::string_view table;
-    std::array<draft_function, 3> draft;
-};
-
-constexpr kind KINDS[] = {
-    {"super", {draft_super_v1, draft_super_v2, draft_super_v3}},
-    {"brick", {draft_brick, draft_brick, draft_brick}},
-    {"inode", {draft_inode_v1, draft_inode_v2, draft_inode_v3}},
-    {"shard", {nullptr, nullptr, draft_shards_v3}},
-    {"hot", {nullptr, nullptr, draft_hot_v3}},
-    {"extent", {draft_extent_v1, draft_extent_v2, draft_extents_v3}},
-};
-
-draft_function draft_of(std::string_view table, Version version)
-{
-    const auto *found = std::ranges::find(KINDS, table, &kind::table);
-    return found->draft.at(static_cast<size_t>(version) - 1);
-}
-
-/* Whether the block has the magic and the version of the layout. */
-bool looks_like(const SuperLayout &layout, const uint8_t *block)
-{
-    return layout.table().magic->place.get(block) == layout.magic &&
-           SuperLayout::version_of(block) == layout.code;
-}
-
 /* The layout of that name or, without a name, the one that the block looks like. */
-const SuperLayout &find_layout(const Device &device, std::string_view name, const uint8_t *block)
+const tier_layout &choose_layout(const Device &device, std::string_view name, const Block &block)
 {
-    for (const SuperLayout &layout : super_layouts()) {
-        if (name.empty() ? looks_like(layout, block) : name == layout.name) {
-            return layout;
-        }
+    const auto layouts = tier_layouts();
+    const auto found = std::ranges::find_if(layouts, [&](const tier_layout *layout) {
+        return name.empty() ? looks_like(*layout, block) : layout->name == name;
+    });
+    if (found == layouts.end()) {
+        throw UsageError(name.empty() ? device.path() + " has no super block of a known layout, "
+                                                        "--layout must say which it had"
+                                      : fmt::format("unknown layout {}", name));
     }
-    throw UsageError(name.empty() ? device.path() + " has no super block of a known layout, "
-                                                    "--layout must say which it had"
-                                  : "unknown layout " + std::string(name));
+    return **found;
 }
 
 /* A super block in any state, as the only table. */
-Metadata read_super(const Device &device, std::string_view layout_name)
+Metadata read_any_super(const Device &device, std::string_view layout_name)
 {
-    Metadata metadata{};
-    metadata.super_block = read_super(device);
-    const SuperLayout &layout = find_layout(device, layout_name, metadata.super_block.data());
-    metadata.version = layout.version;
-    metadata.layout_name = layout.name;
-    metadata.tables = {layout.table()};
-    return metadata;
+    const Block block = read_super(device);
+    const tier_layout &layout = choose_layout(device, layout_name, block);
+    return {&layout, block, {Table(*layout.tables.front(), block.data())}};
 }
 
 /* Beyond the largest number that an entry can have, repairs would find another slot. */
 void check_number(const Table &table, uint64_t no)
 {
     if (no >= table.count()) {
-        throw UsageError("there is no " + std::string(table.name) + " " + std::to_string(no) +
-                         " among " + std::to_string(table.count()));
+        throw UsageError(fmt::format("there is no {} {} among {}", table.name, no, table.count()));
     }
-    if (table.number && table.number->width < sizeof(no) && no >> 8 * table.number->width != 0) {
-        throw std::runtime_error("no repair file can name " + std::string(table.name) + " " +
-                                 std::to_string(no));
+    const tier_number &number = table.row->number;
+    Block copy{};
+    number.put(copy.data(), no);
+    if (number && number.get(copy.data()) != no) {
+        throw std::runtime_error(fmt::format("no repair file can name {} {}", table.name, no));
     }
 }
 
-struct flaw_name {
-    uint32_t flaw;
-    const char *name;
-};
+/* One template in the making. */
+class Draft {
+public:
+    Draft(const Device &device, const Metadata &metadata, const Table &table, uint64_t no)
+        : device_(device), metadata_(metadata), table_(table), no_(no)
+    {
+        alignas(SIZE_4K) Block block;
+        if (!device.read(table.slot(no), block.data(), SIZE_4K)) {
+            throw_errno(fmt::format("cannot read {} {} of {}", table.name, no, device.path()));
+        }
+        stored_ = block;
+    }
 
-constexpr flaw_name FLAW_NAMES[] = {
-    {BAD_MAGIC, "magic"},
-    {BAD_NUMBER, "number"},
-    {BAD_CHECKSUM, "checksum"},
-};
+    Template make()
+    {
+        if (!table_.fits() || !parts_fit()) {
+            throw std::runtime_error(
+                fmt::format("an {} as the super block describes it does not fit its slot, zu_tier "
+                            "repairs none of them",
+                            table_.name));
+        }
+        note_flaws();
+        std::string text = write_file();
+        note_repair(text);
+        note_command();
+        return {std::move(text), std::move(notes_)};
+    }
 
-void note_flaws(Draft &draft)
-{
-    const uint32_t flaws = draft.table.flaws(draft.no, draft.block);
-    std::string names;
-    for (const auto &[flaw, name] : FLAW_NAMES) {
-        if ((flaws & flaw) != 0) {
-            names += (names.empty() ? "" : ", ") + std::string(name);
+private:
+    void note(std::string text) { notes_.push_back(std::move(text)); }
+
+    /* Parts lie after the fields of their entry and within the slot. */
+    bool parts_fit() const
+    {
+        const tier_parts *parts = table_.row->parts;
+        if (parts == nullptr || table_.row->packed()) {
+            return true;
+        }
+        size_t fields_end = 0;
+        for (const tier_column &column : table_.row->fields()) {
+            fields_end = std::max<size_t>(fields_end, column.at + column.size);
+        }
+        const void *sb = metadata_.super();
+        const uint64_t first = parts->at(sb);
+        return first >= fields_end && first + uint64_t{parts->count(sb)} * parts->size <= SIZE_4K;
+    }
+
+    void note_flaws()
+    {
+        constexpr std::pair<Flaw, const char *> NAMES[] = {
+            {BAD_MAGIC, "magic"}, {BAD_NUMBER, "number"}, {BAD_CHECKSUM, "checksum"}};
+        const uint32_t flaws = table_.flaws(no_, stored_.data());
+        std::vector<const char *> names;
+        for (const auto &[flaw, name] : NAMES) {
+            if ((flaws & flaw) != 0) {
+                names.push_back(name);
+            }
+        }
+        if (!names.empty()) {
+            note(fmt::format("damaged: {}", fmt::join(names, ", ")));
+        }
+        if ((flaws & BAD_NUMBER) != 0) {
+            note(fmt::format("has number {}, the file has {}",
+                             table_.row->number.get(stored_.data()), no_));
         }
     }
-    if (!names.empty()) {
-        draft.note("damaged: " + names);
-    }
-    if ((flaws & BAD_NUMBER) != 0) {
-        draft.note("has number " + std::to_string(draft.table.number->get(draft.block)) +
-                   ", the file has " + std::to_string(draft.no));
-    }
-}
 
-/* The option that a device without a sound super block needs: the layout as the tool knows it. */
-std::string version_option(const Draft &draft, const Metadata &metadata)
-{
-    const size_t index = static_cast<size_t>(metadata.version) - 1;
-    return looks_like(super_layouts()[index], metadata.super_block.data()) &&
-                   draft.table.flaws(0, draft.block) == 0
-               ? ""
-               : " -v " + std::to_string(index + 1);
-}
+    /* The entry as it stands, but with what identifies its place: a repair makes nothing else. */
+    Block identified() const
+    {
+        Block block = stored_;
+        if (table_.row->number) {
+            table_.row->number.put(block.data(), no_);
+        }
+        if (table_.name == SUPER_TABLE) {
+            metadata_.layout->version_number.put(block.data(), metadata_.layout->version_value);
+        }
+        return block;
+    }
 
-void note_command(Draft &draft, const Metadata &metadata)
-{
-    const std::string option =
-        draft.table.name == SUPER_TABLE ? version_option(draft, metadata) : "";
-    draft.note("to repair it, with this file as FILE: zu_tier -p " +
-               shell_word(draft.device.path()) + " -c repair_" + std::string(draft.table.name) +
-               option + " -f FILE; with -y it writes");
-}
+    void put(TemplateJson &file, const tier_column &column, const void *record)
+    {
+        if (column.type != tier_column_type::text) {
+            file.value(column.key, column_text(column, record));
+            return;
+        }
+        const std::string_view stored =
+            zutr_bounded(static_cast<const char *>(record) + column.at, column.size);
+        if (valid_utf8(stored) != stored) {
+            note(fmt::format("{} is not valid UTF-8: the file has U+FFFD for what is not",
+                             column.key));
+        }
+        file.value(column.key, json_text(stored));
+    }
+
+    std::string write_file()
+    {
+        TemplateJson file;
+        const Block block = identified();
+        const tier_table &row = *table_.row;
+        if (row.keys != nullptr) {
+            for (const tier_column &column : row.keys()) {
+                put(file, column, block.data());
+            }
+        } else {
+            file.value("meta_offset", std::to_string(table_.slot(no_)));
+        }
+        if (row.parts != nullptr) {
+            write_parts(file, {metadata_, table_, no_, block.data()});
+        }
+        return file.take();
+    }
+
+    void write_parts(TemplateJson &file, const Entry &entry)
+    {
+        const tier_parts &parts = *table_.row->parts;
+        const tier_columns columns = parts.keys();
+        if (columns.front().key.empty()) { /* plain numbers */
+            std::vector<std::string> numbers;
+            each_part(entry, [&](uint32_t, const void *record) {
+                numbers.push_back(column_text(columns.front(), record));
+            });
+            file.value(parts.key, fmt::format("[{}]", fmt::join(numbers, ", ")));
+            return;
+        }
+        file.open_array(parts.key);
+        each_part(entry, [&](uint32_t, const void *record) {
+            const bool in_use =
+                !table_.row->packed() || table_.in_use(static_cast<const uint8_t *>(record));
+            if (!in_use || (parts.is_kept != nullptr && !parts.is_kept(record))) {
+                return;
+            }
+            file.open_object();
+            for (const tier_column &column : columns) {
+                put(file, column, record);
+            }
+            file.close();
+        });
+        file.close();
+    }
+
+    /* Says what a repair with the unchanged file changes, or why zu_tier refuses the file. */
+    void note_repair(const std::string &text)
+    {
+        const Rebuilt rebuilt = rebuild(device_, metadata_, table_, text, false);
+        if (rebuilt.block) {
+            note_changes(*rebuilt.block, text, false);
+            return;
+        }
+        const Rebuilt forced = rebuild(device_, metadata_, table_, text, true);
+        if (forced.block) {
+            note_changes(*forced.block, text, true);
+        }
+        for (const std::string &message : rebuilt.messages) {
+            note("zu_tier refuses this file as it stands: " + message);
+        }
+    }
+
+    /* What the tool makes up anew each time, like the identity of a free brick, is the same in no
+     * two blocks that it builds. */
+    void note_changes(const Block &block, const std::string &text, bool force)
+    {
+        const Rebuilt again = rebuild(device_, metadata_, table_, text, force);
+        const Entry before{metadata_, table_, no_, stored_.data()};
+        const Entry after{metadata_, table_, no_, block.data()};
+        const Entry other{metadata_, table_, no_, again.block->data()};
+        std::vector<std::string> random;
+        for (const Difference &difference : entry_differences(after, other)) {
+            random.push_back(difference.key);
+        }
+        for (const Difference &difference : entry_differences(before, after)) {
+            const bool is_random = std::ranges::find(random, difference.key) != random.end();
+            note(fmt::format("a repair changes {}{}: {} -> {}", difference.key,
+                             stretch_text(difference), difference.a,
+                             is_random ? "a new one each time" : difference.b));
+        }
+    }
+
+    /* The name of what lies at the bytes of no field, " (hot area)". */
+    std::string stretch_text(const Difference &difference) const
+    {
+        if (table_.row->stretches == nullptr || !difference.first_byte) {
+            return "";
+        }
+        for (const tier_stretch &stretch : table_.row->stretches(metadata_.super())) {
+            if (*difference.first_byte < stretch.end) {
+                return fmt::format(" ({})", stretch.name);
+            }
+        }
+        return "";
+    }
+
+    void note_command()
+    {
+        std::string option;
+        if (table_.name == SUPER_TABLE && !is_super(*metadata_.layout, stored_)) {
+            option = fmt::format(" -v {}", metadata_.layout->version);
+        }
+        note(fmt::format("to repair it, with this file as FILE: zu_tier -p {} -c repair_{}{} -f "
+                         "FILE; with -y it writes",
+                         shell_word(device_.path()), table_.name, option));
+    }
+
+    const Device &device_;
+    const Metadata &metadata_;
+    const Table &table_;
+    uint64_t no_;
+    Block stored_;
+    std::vector<std::string> notes_;
+};
 
 } // namespace
 
@@ -136,24 +274,10 @@ Template make_template(const Device &device, std::string_view table_name, uint64
         throw UsageError("--layout is for the super block only");
     }
     const Metadata metadata =
-        table_name == SUPER_TABLE ? read_super(device, layout) : read_metadata(device);
+        table_name == SUPER_TABLE ? read_any_super(device, layout) : read_metadata(device);
     const Table &table = find_table(metadata.tables, table_name);
     check_number(table, no);
-    alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> block;
-    if (!device.read(table.slot(no), block.data(), SIZE_4K)) {
-        throw_errno("cannot read " + std::string(table_name) + " " + std::to_string(no) + " of " +
-                    device.path());
-    }
-    Draft draft{device, table, no, block.data()};
-    if (table.fits()) {
-        note_flaws(draft);
-    }
-    draft_of(table_name, metadata.version)(draft, metadata);
-    for (const std::string &why : draft.refusals) {
-        draft.note("zu_tier refuses this file as it stands: " + why);
-    }
-    note_command(draft, metadata);
-    return {draft.file.take(), std::move(draft.notes)};
+    return Draft(device, metadata, table, no).make();
 }
 
 } // namespace tierctl

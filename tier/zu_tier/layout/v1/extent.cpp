@@ -1,20 +1,27 @@
-#include "zu_tier/layout/v1/extent.h"
+#include "zu_tier/layout/extent.h"
 
 #include "common/zutr_assert.h"
-#include "common/zutr_utils.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/layout/extent.h"
-#include "zu_tier/layout/v1/super.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
+#include "zu_tier/layout/v1/v1.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <string_view>
 
+/* The V1 extent: the head and a bitmap. */
+
 namespace {
+
+/* Read only for an extent in use, and "te_bitmap" after them. */
+constexpr auto IN_USE_KEYS = std::tuple_cat(
+    std::tuple{zutr_key{"te_block", &tier_extent_v1_t::te_block, zutr_to_s64},
+               zutr_key{"te_size", &tier_extent_v1_t::te_size, zutr_to_u64}},
+    TIER_EXTENT_OWNER_KEYS,
+    std::tuple{
+        zutr_key{"te_clean", &tier_extent_v1_t::te_clean, zutr_to_s32},
+        zutr_key{"te_ntime", &tier_extent_v1_t::te_ntime, zutr_to_s64, zutr_need::optional},
+        zutr_key{"te_hot", &tier_extent_v1_t::te_hot, zutr_to_u64, zutr_need::optional},
+    });
 
 /* Memory for the text of a bitmap, kept from one extent to the next. */
 constinit zutr_owned<char[]> s_bitmap_buff;
@@ -38,8 +45,8 @@ char *bitmap_room(const tier_super_block_v1_t &sb)
     return s_bitmap_buff.get();
 }
 
-/* The bitmap of an extent as hexadecimal words, each with a blank behind it. */
-std::string_view bitmap_text(const tier_extent_v1_t *extent, const tier_super_block_v1_t &sb)
+/* The bitmap of an extent as hexadecimal words, a blank after each. */
+std::string_view print_bitmap_v1(const tier_extent_v1_t *extent, const tier_super_block_v1_t &sb)
 {
     const auto *bitmap = reinterpret_cast<const uint64_t *>(extent + 1);
     char *text = bitmap_room(sb);
@@ -53,90 +60,117 @@ std::string_view bitmap_text(const tier_extent_v1_t *extent, const tier_super_bl
     return {text, static_cast<size_t>(to - text)};
 }
 
-void __print_extent_v1(const tier_extent_v1_t *extent, const tier_super_block_v1_t *sb,
-                       int64_t offset, FILE *fp)
+uint32_t crc_extent_v1(void *ex, uint32_t ex_size)
+{
+    return tier_extent_crc(ex, ex_size);
+}
+
+void __print_extent_v1(void *extent, const void *sb, int64_t offset, FILE *fp)
 {
     /* GCOVR_EXCL_BR_START: only the stream may be missing */
     zutr_assert(extent != nullptr && sb != nullptr && fp != nullptr, "extent && sb && fp");
     /* GCOVR_EXCL_BR_STOP */
+    const auto *record = static_cast<const tier_extent_v1_t *>(extent);
     zutr_text out(fp);
     out.put("{");
-    zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *extent);
+    zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *record);
     out.put(",\"meta_offset\":");
     out.signed_decimal(offset);
     out.put(R"(,"te_bitmap":")");
-    out.put(bitmap_text(extent, *sb));
+    out.put(print_bitmap_v1(record, tier_super_v1(sb)));
     out.put("\"}");
 }
-
-constexpr tier_extent_table<tier_super_block_v1_t> EXTENT_TABLE_V1 = {
-    &tier_super_block_v1_t::sb_extent_size, __print_extent_v1};
 
 int32_t __dump_extent_v1(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
     zutr_assert_entry(no, meta, delim, params);
-    return tier_dump_extent(__func__, EXTENT_TABLE_V1, no, meta, delim, params);
+    return tier_dump_extent(__func__, TIER_EXTENT_TABLE_V1, no, meta, delim, params);
 }
 
 /* "te_bitmap": exactly `cnt` numbers, the first of which goes to `bitmap`. */
-int32_t read_bitmap(const zutr_json_reader &in, int32_t cnt, uint64_t *bitmap)
+void read_bitmap(zutr_json_reader &in, int32_t cnt, uint64_t *bitmap)
 {
-    const cJSON *array = cJSON_GetObjectItem(in.object(), "te_bitmap");
+    const cJSON *array = in.item("te_bitmap");
     if (!cJSON_IsArray(array) || cJSON_GetArraySize(array) != cnt) {
-        zutr_error(in.func(), "te_bitmap is invalid. bitmap:%p, cnt:%d",
-                   static_cast<const void *>(array), cnt);
-        return -EINVAL;
+        in.refuse(in.func(), "te_bitmap is invalid. bitmap:%p, cnt:%d",
+                  static_cast<const void *>(array), cnt);
+        return;
     }
-    int32_t i = 0;
-    for (const cJSON *item = array->child; item != nullptr; item = item->next) {
-        if (!cJSON_IsNumber(item)) {
-            zutr_error(in.func(), "te_bitmap index %d is invalid, value:%p", i,
-                       static_cast<const void *>(item));
-            return -EINVAL;
+    in.each(array, [&in, bitmap](int32_t i) {
+        const cJSON *item = in.object();
+        if (cJSON_IsNumber(item)) {
+            bitmap[i] = zutr_to_u64(zutr_json_number(item));
+        } else {
+            in.refuse(in.func(), "te_bitmap index %d is invalid, value:%p", i,
+                      static_cast<const void *>(item));
         }
-        bitmap[i++] = zutr_to_u64(zutr_json_number(item));
-    }
-    return 0;
+    });
 }
 
 int64_t parse_extent_from_json_v1(zutr_params_t *params, const cJSON *ext_cfg, void *m)
 {
     zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && extent");
-    const tier_super_block_v1_t &sb = tier_super_v1(params);
-    const zutr_json_reader in(__func__, ext_cfg);
-    auto *extent = static_cast<tier_extent_v1_t *>(m);
-    int32_t ret = check_extent_size(__func__, sb);
-    ret = ret == 0 ? in.read(TIER_EXTENT_KEYS, extent) : ret;
-    if (ret == 0 && extent->te_use != 0) {
-        ret = in.read(TIER_EXTENT_IN_USE_KEYS_V1, extent);
-        extent->te_sampling_low = __builtin_bswap32(extent->te_sampling_low);
-        ret = ret == 0 ? read_bitmap(in, tier_bitmap_words_v1(sb.sb_extent_size),
-                                     reinterpret_cast<uint64_t *>(extent + 1))
-                       : ret;
-    }
+    const tier_super_block_v1_t &sb = tier_super_v1(params->sb);
+    const int32_t ret = check_extent_size(__func__, sb);
     if (ret != 0) {
         return ret;
     }
-    if (extent->te_reserved1 >= sb.sb_block_cnt || extent->te_inode_no >= sb.sb_inode_cnt) {
-        tier_log_extent_numbers(__func__, sb, *extent);
-        return -EINVAL;
+    zutr_json_reader in(__func__, ext_cfg);
+    auto *extent = static_cast<tier_extent_v1_t *>(m);
+    in.read(TIER_EXTENT_KEYS, extent);
+    if (extent->te_use != 0) {
+        in.read(IN_USE_KEYS, extent);
+        read_bitmap(in, tier_bitmap_words_v1(sb.sb_extent_size),
+                    reinterpret_cast<uint64_t *>(extent + 1));
     }
-    return tier_finish_extent(__func__, EXTENT_TABLE_V1, sb, extent);
+    if (extent->te_reserved1 >= sb.sb_block_cnt || extent->te_inode_no >= sb.sb_inode_cnt) {
+        tier_refuse_extent_numbers(in, sb, *extent);
+    }
+    return tier_finish(in, TIER_EXTENT_TABLE_V1, &sb, extent, extent->te_reserved1);
 }
 
+/* A word of a bitmap as a part of its extent. */
+struct bitmap_word {
+    uint64_t word;
+};
+
+constexpr tier_parts BITMAP = {
+    .key = "te_bitmap",
+    .prefix = "te_bitmap",
+    .size = sizeof(bitmap_word),
+    .at = [](const void *) { return uint32_t{sizeof(tier_extent_v1_t)}; },
+    .count =
+        [](const void *sb) {
+            return static_cast<uint32_t>(
+                std::max(tier_bitmap_words_v1(tier_super_v1(sb).sb_extent_size), 0));
+        },
+    .show =
+        [](const void *, const uint8_t *slot, uint64_t, uint32_t k, void *record) {
+            memcpy(record, slot + sizeof(tier_extent_v1_t) + k * sizeof(bitmap_word),
+                   sizeof(bitmap_word));
+        },
+    .fields =
+        [] { return tier_columns{tier_make_column("", &bitmap_word::word, zutr_form::hex16)}; },
+    .keys = [] { return tier_columns{tier_make_column("", &bitmap_word::word, zutr_form::plain)}; },
+};
+
 } // namespace
+
+constinit const tier_table TIER_EXTENT_TABLE_V1 = tier_extent_table(
+    [](const void *sb) { return tier_regions{tier_extents(tier_super_v1(sb))}; },
+    [](const void *sb) { return uint64_t{tier_super_v1(sb).sb_extent_size}; }, crc_extent_v1,
+    [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, IN_USE_KEYS)); }, &BITMAP,
+    {parse_extent_from_json_v1, __print_extent_v1});
 
 int32_t zutr_dump_extent_v1(zutr_params_t *params)
 {
     tier_assert_super_v1(params);
-    const int32_t ret = check_extent_size(__func__, tier_super_v1(params));
-    if (ret != 0) {
-        return ret;
-    }
-    return zutr_dump_table(params, "te_no", tier_extents(tier_super_v1(params)), __dump_extent_v1);
+    const tier_super_block_v1_t &sb = tier_super_v1(params->sb);
+    const int32_t ret = check_extent_size(__func__, sb);
+    return ret != 0 ? ret : zutr_dump_table(params, "te_no", tier_extents(sb), __dump_extent_v1);
 }
 
 int32_t zutr_repair_extent_v1(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_extent_from_json_v1);
+    return zutr_repair_common(params, TIER_EXTENT_TABLE_V1.repair);
 }

@@ -1,61 +1,70 @@
-#include "zu_tier/layout/v1/super.h"
-
+#include "zu_tier/layout/super.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/layout/super_rules.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
-
-#include <cerrno>
+#include "zu_tier/layout/v1/v1.h"
 
 namespace {
 
 using super_v1 = tier_super_block_v1_t;
 
-void __print_super_v1(const super_v1 *sb, FILE *fp)
+constexpr auto FIELDS =
+    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v1>,
+                   std::tuple{zutr_field{"sb_reserved", &super_v1::sb_reserved}});
+
+constexpr auto KEYS = tier_super_head_keys<super_v1>(TIER_SB_VERSION_V1);
+
+constexpr tier_rule RULES[] = {
+    TIER_SUPER_SIZE_RULE<super_v1>,
+    TIER_BRICKS_RULE<super_v1>,
+    TIER_INODES_RULE<super_v1>,
+    TIER_BLOCK_SIZE_RULE<super_v1>,
+    {{"bad_extent_size"},
+     [](const void *sb) { return tier_extent_size_holds(tier_super_v1(sb)); },
+     [](const char *func, const void *sb) {
+         zutr_error(func, "extent size(%u) is invalid. expect size:[%lu-4096]",
+                    tier_super_v1(sb).sb_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
+     },
+     [](const void *sb, const tier_kind &kind, tier_findings &to) {
+         tier_explain_extent_size(kind, to, tier_super_v1(sb));
+     }},
+    TIER_EXTENTS_RULE<super_v1>,
+    TIER_DATA_OFFSET_RULE<super_v1>,
+    TIER_SSD_UUID_RULE<super_v1, &super_v1::sb_ssd_uuid>,
+};
+
+uint32_t crc_super_v1(void *sb, uint32_t length)
 {
-    tier_print_super<TIER_SUPER_FIELDS_V1>(*sb, fp);
+    return tier_crc(sb, length);
 }
 
-/* Negative errno, or not negative. */
-int32_t __check_sb_params_v1(const super_v1 &sb)
+void __print_super_v1(void *sb, const void * /*own*/, int64_t /*offset*/, FILE *fp)
 {
-    int32_t ret = tier_check_areas(__func__, sb);
-    if (ret != 0) {
-        return ret;
-    }
-    if (sb.sb_extent_size < TIER_EXTENT_SIZE_MIN || sb.sb_extent_size > TIER_EXTENT_SIZE_MAX) {
-        zutr_error(__func__, "extent size(%u) is invalid. expect size:[%lu-4096]",
-                   sb.sb_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
-        return -EINVAL;
-    }
-    ret = tier_check_extent_table(__func__, sb);
-    ret = ret == 0 ? tier_check_data_offset(__func__, sb) : ret;
-    return ret == 0 ? tier_check_ssd_uuid(__func__, sb.sb_ssd_uuid) : ret;
+    tier_print_super<FIELDS>(tier_super_v1(sb), fp);
+}
+
+int32_t __check_sb_params_v1(const void *new_sb)
+{
+    return tier_check_rules(__func__, RULES, new_sb);
 }
 
 int64_t parse_sb_from_json_v1(zutr_params_t *params, const cJSON *sb_cfg, void *m)
 {
     auto *sb = static_cast<super_v1 *>(m);
     sb->sb_magic = TIER_SB_MAGIC_V1;
-    int32_t ret = tier_read_super_head({__func__, sb_cfg}, params->cmd, TIER_SB_VERSION_V1, sb);
-    if (ret == 0 && params->force == 0) {
-        ret = __check_sb_params_v1(*sb);
-    }
-    if (ret < 0) {
-        return ret;
-    }
-    sb->sb_checksum = zutr_record_crc(*sb);
-    __print_super_v1(sb, stdout);
-    return TIER_SUPER_OFFSET;
+    zutr_json_reader in(__func__, sb_cfg, params->cmd);
+    in.read(KEYS, sb);
+    return tier_finish_super(in, TIER_SUPER_TABLE_V1, params, __check_sb_params_v1, sb);
 }
 
 } // namespace
 
+constinit const tier_table TIER_SUPER_TABLE_V1 = tier_super_table<super_v1>(
+    TIER_SB_MAGIC_V1, crc_super_v1, [] { return tier_make_columns(FIELDS); },
+    [] { return tier_make_columns(KEYS); }, {parse_sb_from_json_v1, __print_super_v1}, RULES);
+
 int32_t __check_super_v1(const void *sb)
 {
-    return tier_check_super(__func__, "v1", *static_cast<const super_v1 *>(sb), TIER_SB_MAGIC_V1,
+    const super_v1 &super = tier_super_v1(sb);
+    return tier_check_super(__func__, "v1", super, tier_crc(sb, sizeof(super)), TIER_SB_MAGIC_V1,
                             TIER_SB_VERSION_V1);
 }
 
@@ -66,7 +75,7 @@ int32_t zutr_dump_super_v1(zutr_params_t *params)
 
 int32_t zutr_repair_super_v1(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_sb_from_json_v1);
+    return zutr_repair_common(params, TIER_SUPER_TABLE_V1.repair);
 }
 
 void tier_assert_super_v1(const zutr_params_t *params)

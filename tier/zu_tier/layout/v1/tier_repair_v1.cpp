@@ -1,112 +1,125 @@
-#include "common/zutr_assert.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/format/v1.h"
-#include "zu_tier/front/zu_tier.h"
 #include "zu_tier/layout/brick.h"
+#include "zu_tier/layout/extent.h"
 #include "zu_tier/layout/inode.h"
 #include "zu_tier/layout/restore.h"
-#include "zu_tier/layout/v1/extent.h"
-#include "zu_tier/layout/v1/super.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
+#include "zu_tier/layout/super.h"
+#include "zu_tier/layout/v1/v1.h"
 
 #include <cerrno>
 
-/* Layout V1: its brick and inode tables, the restore, its command map, its selector. */
+/* Layout V1: its brick and inode tables, the restore, the layout itself, its command map, its
+ * selector. */
 
 namespace {
 
+extern const tier_table BRICK_TABLE;
+extern const tier_table INODE_TABLE;
+
 /* Brick table */
 
-tier_brick_table brick_table(const zutr_params_t *params)
+uint32_t crc_brick_v1(void *bi, uint32_t length)
 {
-    return {TIER_BRICK_MAGIC_V1, tier_bricks(tier_super_v1(params)), zutr_need::optional};
+    return tier_crc(bi, length);
+}
+
+void __print_brick_v1(void *brick, const void * /*sb*/, int64_t offset, FILE *fp)
+{
+    tier_print_brick(static_cast<tier_brick_info_v1_t *>(brick), offset, fp);
 }
 
 int32_t __dump_brick_v1(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
     zutr_assert_entry(no, meta, delim, params);
-    return tier_dump_brick(__func__, brick_table(params), no, meta, delim, params);
+    return tier_dump_brick(__func__, BRICK_TABLE, no, meta, delim, params);
 }
 
 int32_t zutr_dump_brick_v1(zutr_params_t *params)
 {
     tier_assert_super_v1(params);
-    return zutr_dump_table(params, "bi_no", tier_bricks(tier_super_v1(params)), __dump_brick_v1);
+    return zutr_dump_table(params, "bi_no", tier_bricks(tier_super_v1(params->sb)),
+                           __dump_brick_v1);
 }
 
 int64_t parse_brick_from_json_v1(zutr_params_t *params, const cJSON *brick_cfg, void *m)
 {
     zutr_assert_parse(params, brick_cfg, m, "params && params->sb && brick_cfg && brick");
-    return tier_parse_brick({__func__, brick_cfg}, brick_table(params),
+    return tier_parse_brick({__func__, brick_cfg}, BRICK_TABLE, zutr_need::optional, params->sb,
                             static_cast<tier_brick_info_v1_t *>(m));
 }
 
 int32_t zutr_repair_brick_v1(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_brick_from_json_v1);
+    return zutr_repair_common(params, BRICK_TABLE.repair);
 }
+
+constinit const tier_table BRICK_TABLE =
+    tier_brick_table(TIER_BRICK_MAGIC_V1,
+                     [](const void *sb) { return tier_regions{tier_bricks(tier_super_v1(sb))}; },
+                     crc_brick_v1, {parse_brick_from_json_v1, __print_brick_v1});
 
 /* Inode table */
 
-void __print_inode_v1(const tier_inode_v1_t *inode, int64_t offset, FILE *fp)
+/* The last two words are unused. */
+constexpr auto INODE_FIELDS = std::tuple_cat(
+    TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"reserved1", &tier_inode_v1_t::i_reserved1},
+                                       zutr_field{"reserved2", &tier_inode_v1_t::i_reserved2}});
+
+uint32_t crc_inode_v1(void *inode, uint32_t length)
 {
-    /* GCOVR_EXCL_BR_START: only the stream may be missing */
-    zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
-    /* GCOVR_EXCL_BR_STOP */
-    zutr_print_entry<TIER_INODE_FIELDS_V1>(*inode, offset, fp);
+    return tier_crc(inode, length);
 }
 
-int64_t inode_slot(const zutr_params_t *params, uint32_t no)
+void __print_inode_v1(void *inode, const void * /*sb*/, int64_t offset, FILE *fp)
 {
-    return tier_inodes(tier_super_v1(params)).slot(no);
+    tier_print_inode<INODE_FIELDS>(inode, offset, fp);
 }
-
-constexpr tier_inode_table INODE_TABLE_V1 = {TIER_INODE_MAGIC_V1, __print_inode_v1,
-                                             tier_log_bad_inode, inode_slot};
 
 int32_t __dump_inode_v1(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
     zutr_assert_entry(no, meta, delim, params);
-    return tier_dump_inode(__func__, INODE_TABLE_V1, no, meta, delim, params);
+    return tier_dump_inode(__func__, INODE_TABLE, tier_log_bad_inode, no, meta, delim, params);
 }
 
 int32_t zutr_dump_inode_v1(zutr_params_t *params)
 {
     tier_assert_super_v1(params);
-    return zutr_dump_table(params, "no", tier_inodes(tier_super_v1(params)), __dump_inode_v1);
+    return zutr_dump_table(params, "no", tier_inodes(tier_super_v1(params->sb)), __dump_inode_v1);
 }
 
 int64_t parse_inode_from_json_v1(zutr_params_t *params, const cJSON *inode_cfg, void *m)
 {
     zutr_assert_parse(params, inode_cfg, m, "params && params->sb && inode_cfg && inode");
-    const tier_super_block_v1_t &sb = tier_super_v1(params);
+    const tier_super_block_v1_t &sb = tier_super_v1(params->sb);
     auto *inode = static_cast<tier_inode_v1_t *>(m);
-    const int32_t ret = tier_read_inode({__func__, inode_cfg}, TIER_INODE_IN_USE_KEYS, inode);
-    if (ret != 0) {
-        return ret;
-    }
+    inode->i_magic = TIER_INODE_MAGIC_V1;
+    zutr_json_reader in(__func__, inode_cfg);
+    tier_read_inode(in, TIER_INODE_IN_USE_KEYS, inode);
     if (inode->i_no >= sb.sb_inode_cnt || inode->i_brick_no >= sb.sb_brick_cnt) {
-        zutr_error(__func__, "i_no %u or brick_no %u is invalid, max i_cnt:%u, max b_cnt:%u",
-                   inode->i_no, inode->i_brick_no, sb.sb_inode_cnt, sb.sb_brick_cnt);
-        return -EINVAL;
+        in.refuse(__func__, "i_no %u or brick_no %u is invalid, max i_cnt:%u, max b_cnt:%u",
+                  inode->i_no, inode->i_brick_no, sb.sb_inode_cnt, sb.sb_brick_cnt);
     }
-    return tier_finish_inode(__func__, INODE_TABLE_V1, params, inode);
+    return tier_finish(in, INODE_TABLE, &sb, inode, inode->i_no);
 }
 
 int32_t zutr_repair_inode_v1(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_inode_from_json_v1);
+    return zutr_repair_common(params, INODE_TABLE.repair);
 }
+
+constinit const tier_table INODE_TABLE = tier_inode_table(
+    TIER_INODE_MAGIC_V1,
+    [](const void *sb) { return tier_regions{tier_inodes(tier_super_v1(sb))}; }, crc_inode_v1,
+    [] { return tier_make_columns(INODE_FIELDS); },
+    [] { return tier_make_columns(std::tuple_cat(TIER_INODE_KEYS, TIER_INODE_IN_USE_KEYS)); },
+    {parse_inode_from_json_v1, __print_inode_v1});
 
 /* Inode restore. No command of the command line names it. */
 
 int32_t zutr_restore_inode_v1(zutr_params_t *params)
 {
     tier_assert_super_v1(params);
-    const tier_super_block_v1_t &sb = tier_super_v1(params);
+    const tier_super_block_v1_t &sb = tier_super_v1(params->sb);
     if (params->meta_no < 0 || static_cast<uint32_t>(params->meta_no) >= sb.sb_inode_cnt) {
         zutr_error(__func__, "invalid inode no %d max inode cnt:%d", params->meta_no,
                    static_cast<int32_t>(sb.sb_inode_cnt));
@@ -130,6 +143,20 @@ int32_t zutr_restore_inode_v1(zutr_params_t *params)
                                .shows_write_offset = true},
                               params);
 }
+
+/* The layout */
+
+constexpr const tier_table *TABLES[] = {&TIER_SUPER_TABLE_V1, &BRICK_TABLE, &INODE_TABLE,
+                                        &TIER_EXTENT_TABLE_V1};
+
+constexpr tier_layout LAYOUT_V1 = {
+    .name = "v1",
+    .version = ZUTR_VER_CODE_V1,
+    .version_number = tier_number_at(offsetof(tier_super_block_v1_t, sb_version), 4),
+    .version_value = TIER_SB_VERSION_V1,
+    .tables = TABLES,
+    .areas = [](const void *sb) { return tier_head_areas(tier_super_v1(sb)); },
+};
 
 /* Indexed by zutr_cmd_t. */
 constexpr zutr_cmd_map_t s_cmd_map = {
@@ -159,6 +186,7 @@ int32_t zutr_func_selector_v1(int32_t cmd, const void *sb, zutr_cmd_func_t *func
 [[gnu::constructor]] void zutr_register_func_v1()
 {
     zutr_func_register(ZUTR_VER_CODE_V1, zutr_func_selector_v1);
+    tier_register_layout(&LAYOUT_V1);
 }
 
 } // namespace

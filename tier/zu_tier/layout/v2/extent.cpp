@@ -1,20 +1,45 @@
-#include "zu_tier/layout/v2/extent.h"
+#include "zu_tier/layout/extent.h"
 
 #include "common/zutr_assert.h"
-#include "common/zutr_utils.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/layout/extent.h"
-#include "zu_tier/layout/v2/inode.h"
-#include "zu_tier/layout/v2/super.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
+#include "zu_tier/layout/v2/v2.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+/* The V2 extent: the head with a bitmap, mapped pieces, a hot area. */
+
 namespace {
+
+/* A mapped piece as a dump shows it. */
+struct shown_piece : tier_mapped_meta_v2_t {
+    uint32_t mapno;
+    uint64_t data_phy_offset;
+};
+
+constexpr auto PIECE_FIELDS = std::tuple{
+    zutr_field{"offset", &tier_mapped_meta_v2_t::offset},
+    zutr_bits{MAPPED_CLEAN_V2, &tier_mapped_meta_v2_t::clean_length},
+    zutr_bits{MAPPED_LENGTH_V2, &tier_mapped_meta_v2_t::clean_length},
+    zutr_field{"begin", &tier_mapped_meta_v2_t::begin},
+    zutr_field{"cnt", &tier_mapped_meta_v2_t::cnt},
+    zutr_field{"mapno", &shown_piece::mapno},
+    zutr_field{"data_phy_offset", &shown_piece::data_phy_offset},
+};
+
+/* What a repair file says of a piece: which one it is, how long it is, where it lies. */
+constexpr auto PIECE_NO_KEYS = std::tuple{zutr_key{"mapno", &shown_piece::mapno, zutr_to_s64}};
+constexpr auto PIECE_LENGTH_KEYS = std::tuple{
+    zutr_key{"offset", &tier_mapped_meta_v2_t::offset, zutr_to_u64},
+    zutr_bits_key{MAPPED_CLEAN_V2, &tier_mapped_meta_v2_t::clean_length},
+    zutr_bits_key{MAPPED_LENGTH_V2, &tier_mapped_meta_v2_t::clean_length, zutr_need::required,
+                  "len"},
+};
+constexpr auto PIECE_PAGES_KEYS = std::tuple{
+    zutr_key{"begin", &tier_mapped_meta_v2_t::begin, zutr_to_s32},
+    zutr_key{"cnt", &tier_mapped_meta_v2_t::cnt, zutr_to_s32},
+};
 
 /* A super block may be sealed and still name records that do not fit their slot. */
 int32_t check_extent_sizes(const char *func, const tier_super_block_v2_t &sb)
@@ -37,57 +62,61 @@ size_t piece_offset(const tier_super_block_v2_t &sb, uint32_t mapno)
     return sb.sb_extent_size + mapno * sizeof(tier_mapped_meta_v2_t);
 }
 
-tier_mapped_meta_v2_t load_piece(const tier_extent_v2_t *extent, const tier_super_block_v2_t &sb,
-                                 uint32_t mapno)
+shown_piece load_piece(const tier_super_block_v2_t &sb, const tier_extent_v2_t *extent,
+                       uint32_t mapno)
 {
-    tier_mapped_meta_v2_t piece;
-    memcpy(&piece, reinterpret_cast<const uint8_t *>(extent) + piece_offset(sb, mapno),
-           sizeof(piece));
+    shown_piece piece;
+    memcpy(static_cast<tier_mapped_meta_v2_t *>(&piece),
+           reinterpret_cast<const uint8_t *>(extent) + piece_offset(sb, mapno),
+           sizeof(tier_mapped_meta_v2_t));
+    piece.mapno = mapno;
+    piece.data_phy_offset = sb.sb_data_offset + extent->te_reserved1 * uint64_t{sb.sb_block_size} +
+                            uint64_t{piece.begin} * SIZE_4K;
     return piece;
 }
 
-void store_piece(const tier_mapped_meta_v2_t &piece, const tier_super_block_v2_t &sb,
-                 uint32_t mapno, tier_extent_v2_t *extent)
+void store_piece(const shown_piece &piece, const tier_super_block_v2_t &sb,
+                 tier_extent_v2_t *extent)
 {
-    memcpy(reinterpret_cast<uint8_t *>(extent) + piece_offset(sb, mapno), &piece, sizeof(piece));
+    memcpy(reinterpret_cast<uint8_t *>(extent) + piece_offset(sb, piece.mapno),
+           static_cast<const tier_mapped_meta_v2_t *>(&piece), sizeof(tier_mapped_meta_v2_t));
 }
 
 void print_pieces(zutr_text &out, const tier_extent_v2_t *extent, const tier_super_block_v2_t &sb)
 {
-    const uint64_t block = sb.sb_data_offset + extent->te_reserved1 * uint64_t{sb.sb_block_size};
     const char *separator = "{";
     for (uint32_t mapno = 0; mapno < sb.sb_map_cnt; mapno++) {
-        const tier_mapped_meta_v2_t piece = load_piece(extent, sb, mapno);
+        const shown_piece piece = load_piece(sb, extent, mapno);
         if (piece.orig_len() == 0) {
             continue;
         }
         out.put(separator);
-        zutr_put_fields<TIER_PIECE_FIELDS_V2>(
-            out, tier_shown_piece_v2{piece.offset, piece.clean(), piece.orig_len(), piece.begin,
-                                     piece.cnt, mapno, block + uint64_t{piece.begin} * SIZE_4K});
+        zutr_put_fields<PIECE_FIELDS>(out, piece);
         out.put("}");
         separator = ",{";
     }
 }
 
-void __print_extent_v2(const tier_extent_v2_t *extent, const tier_super_block_v2_t *sb,
-                       int64_t offset, FILE *fp)
+uint32_t crc_extent_v2(void *ex, uint32_t ex_size)
+{
+    return tier_extent_crc(ex, ex_size);
+}
+
+void __print_extent_v2(void *extent, const void *sb, int64_t offset, FILE *fp)
 {
     /* GCOVR_EXCL_BR_START: only the stream may be missing */
     zutr_assert(extent != nullptr && fp != nullptr && sb != nullptr, "extent && fp && sb");
     /* GCOVR_EXCL_BR_STOP */
+    const auto *record = static_cast<const tier_extent_v2_t *>(extent);
     zutr_text out(fp);
     out.put("{");
-    zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *extent);
+    zutr_put_fields<TIER_EXTENT_HEAD_FIELDS>(out, *record);
     out.put(",\"meta_offset\": ");
     out.signed_decimal(offset);
     out.put(",\"te_mapped_meta\":[");
-    print_pieces(out, extent, *sb);
+    print_pieces(out, record, tier_super_v2(sb));
     out.put("]}");
 }
-
-constexpr tier_extent_table<tier_super_block_v2_t> EXTENT_TABLE_V2 = {
-    &tier_super_block_v2_t::sb_total_extent_size, __print_extent_v2};
 
 int32_t __dump_extent_v2(int32_t no, void *obj, const char *delim, zutr_params_t *params)
 {
@@ -96,107 +125,202 @@ int32_t __dump_extent_v2(int32_t no, void *obj, const char *delim, zutr_params_t
     zutr_assert(no >= 0 && obj != nullptr && delim != nullptr && params != nullptr,
                 "no >= 0 && obj && delim && params");
     /* GCOVR_EXCL_BR_STOP */
-    return tier_dump_extent(__func__, EXTENT_TABLE_V2, no, obj, delim, params);
+    return tier_dump_extent(__func__, TIER_EXTENT_TABLE_V2, no, obj, delim, params);
 }
 
 /* One element of "te_mapped_meta", which fills the piece that it names. */
-int32_t read_piece(const zutr_json_reader &in, int32_t index, const tier_super_block_v2_t &sb,
-                   tier_extent_v2_t *extent)
+void read_piece(zutr_json_reader &in, int32_t index, const tier_super_block_v2_t &sb,
+                tier_extent_v2_t *extent)
 {
-    uint64_t mapno = 0;
-    int32_t ret = in.bits("mapno", zutr_need::required, zutr_to_s64, 32, &mapno);
-    if (ret != 0) {
-        return ret;
+    shown_piece piece = {};
+    in.read(PIECE_NO_KEYS, &piece);
+    if (piece.mapno >= sb.sb_map_cnt) {
+        in.refuse(in.func(), "te_mapped_meta mapno %d is invalid, index:%d, map_cnt:%d",
+                  static_cast<int32_t>(piece.mapno), index, static_cast<int32_t>(sb.sb_map_cnt));
     }
-    if (mapno >= sb.sb_map_cnt) {
-        zutr_error(in.func(), "te_mapped_meta mapno %d is invalid, index:%d, map_cnt:%d",
-                   static_cast<int32_t>(mapno), index, static_cast<int32_t>(sb.sb_map_cnt));
-        return -EINVAL;
+    in.read(PIECE_LENGTH_KEYS, &piece);
+    if (piece.orig_len() > sb.sb_block_size) {
+        in.refuse(in.func(), "map %d orig_len(%u) is invalid, block_size:%u",
+                  static_cast<int32_t>(piece.mapno), piece.orig_len(), sb.sb_block_size);
     }
-    tier_mapped_meta_v2_t piece = {};
-    uint64_t clean = 0;
-    uint64_t len = 0;
-    ret = in.read(TIER_PIECE_OFFSET_KEY_V2, &piece);
-    ret = ret == 0 ? in.bits("clean", zutr_need::required, zutr_to_u64, 1, &clean) : ret;
-    ret = ret == 0 ? in.bits("len", zutr_need::required, zutr_to_u64, 31, &len) : ret;
-    if (ret != 0) {
-        return ret;
+    in.read(PIECE_PAGES_KEYS, &piece);
+    if (!in.failed()) {
+        store_piece(piece, sb, extent);
     }
-    if (len > sb.sb_block_size) {
-        zutr_error(in.func(), "map %d orig_len(%u) is invalid, block_size:%u",
-                   static_cast<int32_t>(mapno), static_cast<uint32_t>(len), sb.sb_block_size);
-        return -EINVAL;
-    }
-    piece.clean_length = tier_clean_length_v2(clean, len);
-    ret = in.read(TIER_PIECE_PAGES_KEYS_V2, &piece);
-    if (ret == 0) {
-        store_piece(piece, sb, static_cast<uint32_t>(mapno), extent);
-    }
-    return ret;
 }
 
-int32_t read_pieces(const zutr_json_reader &in, const tier_super_block_v2_t &sb,
-                    tier_extent_v2_t *extent)
+void read_pieces(zutr_json_reader &in, const tier_super_block_v2_t &sb, tier_extent_v2_t *extent)
 {
-    const cJSON *array = cJSON_GetObjectItem(in.object(), "te_mapped_meta");
+    const cJSON *array = in.item("te_mapped_meta");
     if (!cJSON_IsArray(array)) {
-        zutr_error(in.func(), "te_mapped_meta is invalid. te_mapped_meta:%p",
-                   static_cast<const void *>(array));
-        return -EINVAL;
+        in.refuse(in.func(), "te_mapped_meta is invalid. te_mapped_meta:%p",
+                  static_cast<const void *>(array));
+        return;
     }
-    int32_t index = 0;
-    for (const cJSON *item = array->child; item != nullptr; item = item->next) {
-        if (!cJSON_IsObject(item)) {
-            zutr_error(in.func(), "te_mapped_meta index %d is invalid, value:%p", index,
-                       static_cast<const void *>(item));
-            return -EINVAL;
+    in.each(array, [&](int32_t index) {
+        if (cJSON_IsObject(in.object())) {
+            read_piece(in, index, sb, extent);
+        } else {
+            in.refuse(in.func(), "te_mapped_meta index %d is invalid, value:%p", index,
+                      static_cast<const void *>(in.object()));
         }
-        const int32_t ret = read_piece({in.func(), item}, index, sb, extent);
-        if (ret != 0) {
-            return ret;
-        }
-        index++;
-    }
-    return 0;
+    });
 }
 
 int64_t parse_extent_from_json_v2(zutr_params_t *params, const cJSON *ext_cfg, void *m)
 {
     zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && extent");
-    const tier_super_block_v2_t &sb = tier_super_v2(params);
-    const zutr_json_reader in(__func__, ext_cfg);
-    auto *extent = static_cast<tier_extent_v2_t *>(m);
-    int32_t ret = check_extent_sizes(__func__, sb);
-    ret = ret == 0 ? in.read(TIER_EXTENT_KEYS, extent) : ret;
-    if (ret == 0 && extent->te_use != 0) {
-        ret = in.read(TIER_EXTENT_OWNER_KEYS, extent);
-        extent->te_sampling_low = __builtin_bswap32(extent->te_sampling_low);
-        ret = ret == 0 ? read_pieces(in, sb, extent) : ret;
-    }
+    const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
+    const int32_t ret = check_extent_sizes(__func__, sb);
     if (ret != 0) {
         return ret;
     }
-    if (extent->te_reserved1 >= sb.sb_block_cnt ||
-        inode_is_valid(&sb, static_cast<int32_t>(extent->te_inode_no)) == 0) {
-        tier_log_extent_numbers(__func__, sb, *extent);
-        return -EINVAL;
+    zutr_json_reader in(__func__, ext_cfg);
+    auto *extent = static_cast<tier_extent_v2_t *>(m);
+    in.read(TIER_EXTENT_KEYS, extent);
+    if (extent->te_use != 0) {
+        in.read(TIER_EXTENT_OWNER_KEYS, extent);
+        read_pieces(in, sb, extent);
     }
-    return tier_finish_extent(__func__, EXTENT_TABLE_V2, sb, extent);
+    if (!in.failed() && (extent->te_reserved1 >= sb.sb_block_cnt ||
+                         inode_is_valid(&sb, static_cast<int32_t>(extent->te_inode_no)) == 0)) {
+        tier_refuse_extent_numbers(in, sb, *extent);
+    }
+    return tier_finish(in, TIER_EXTENT_TABLE_V2, &sb, extent, extent->te_reserved1);
+}
+
+/* Whether all pieces lie after the head and within the checksummed bytes: else nobody knows where
+ * they are. */
+bool pieces_are_known(const tier_super_block_v2_t &sb)
+{
+    const uint64_t end =
+        sb.sb_extent_size + uint64_t{sb.sb_map_cnt} * sizeof(tier_mapped_meta_v2_t);
+    return sb.sb_size_mapped_meta == sizeof(tier_mapped_meta_v2_t) &&
+           sb.sb_extent_size >= TIER_EXTENT_SIZE_MIN && end <= sb.sb_total_extent_size;
+}
+
+constexpr tier_kind PIECE_TOO_LONG = {"piece_too_long"};
+constexpr tier_kind PIECE_OUTSIDE_BLOCK = {"piece_outside_block"};
+constexpr tier_kind PIECES_OVERLAP = {"pieces_overlap"};
+
+/* What is wrong with a piece by itself. */
+void check_piece(const shown_piece &piece, uint32_t block_size, tier_findings &to)
+{
+    if (piece.orig_len() > block_size) {
+        to.add(PIECE_TOO_LONG, "piece %u has %u bytes, a block has %u", piece.mapno,
+               piece.orig_len(), block_size);
+    }
+    const uint32_t end = uint32_t{piece.begin} + piece.cnt;
+    if (uint64_t{end} * SIZE_4K > block_size) {
+        to.add(PIECE_OUTSIDE_BLOCK, "piece %u ends with page %u, a block has %u pages", piece.mapno,
+               end, block_size / SIZE_4K);
+    }
+}
+
+void check_overlap(std::span<shown_piece> pieces, tier_findings &to)
+{
+    std::ranges::sort(pieces, {}, &shown_piece::begin);
+    const shown_piece *furthest = nullptr; /* of those so far, the one that ends last */
+    const auto end_of = [](const shown_piece &piece) { return uint32_t{piece.begin} + piece.cnt; };
+    for (const shown_piece &piece : pieces) {
+        if (furthest != nullptr && piece.begin < end_of(*furthest)) {
+            to.add(PIECES_OVERLAP, "piece %u holds page %u, as piece %u does", piece.mapno,
+                   piece.begin, furthest->mapno);
+        }
+        if (furthest == nullptr || end_of(piece) > end_of(*furthest)) {
+            furthest = &piece;
+        }
+    }
+}
+
+void check_pieces(const void *p, const uint8_t *entry, tier_findings &to)
+{
+    const tier_super_block_v2_t &sb = tier_super_v2(p);
+    if (!pieces_are_known(sb)) {
+        return;
+    }
+    std::array<shown_piece, SIZE_4K / sizeof(tier_mapped_meta_v2_t)> pieces;
+    size_t held = 0;
+    for (uint32_t mapno = 0; mapno < sb.sb_map_cnt; mapno++) {
+        const shown_piece piece =
+            load_piece(sb, reinterpret_cast<const tier_extent_v2_t *>(entry), mapno);
+        if (piece.orig_len() == 0) {
+            continue;
+        }
+        check_piece(piece, sb.sb_block_size, to);
+        if (piece.cnt != 0) {
+            pieces[held++] = piece;
+        }
+    }
+    check_overlap(std::span(pieces).first(held), to);
+}
+
+constexpr tier_parts PIECES = {
+    .key = "te_mapped_meta",
+    .prefix = "te_mapped_meta",
+    .size = sizeof(tier_mapped_meta_v2_t),
+    .at = [](const void *sb) { return tier_super_v2(sb).sb_extent_size; },
+    .count = [](const void *sb) { return tier_super_v2(sb).sb_map_cnt; },
+    .show =
+        [](const void *sb, const uint8_t *slot, uint64_t, uint32_t k, void *record) {
+            const shown_piece piece =
+                load_piece(tier_super_v2(sb), reinterpret_cast<const tier_extent_v2_t *>(slot), k);
+            memcpy(record, &piece, sizeof(piece));
+        },
+    .is_shown =
+        [](const void *record) {
+            return static_cast<const shown_piece *>(record)->orig_len() != 0;
+        },
+    .is_kept =
+        [](const void *record) {
+            const auto *piece = static_cast<const shown_piece *>(record);
+            return piece->offset != 0 || piece->clean_length != 0 || piece->begin != 0 ||
+                   piece->cnt != 0;
+        },
+    .fields = [] { return tier_make_columns(PIECE_FIELDS); },
+    .keys =
+        [] {
+            return tier_make_columns(
+                std::tuple_cat(PIECE_NO_KEYS, PIECE_LENGTH_KEYS, PIECE_PAGES_KEYS));
+        },
+};
+
+/* What no key of a repair file sets. */
+std::vector<tier_stretch> stretches(const void *p)
+{
+    const tier_super_block_v2_t &sb = tier_super_v2(p);
+    return {{"", sizeof(tier_extent_v2_t)},
+            {"bitmap", sb.sb_extent_size},
+            {"mapped pieces", piece_offset(sb, sb.sb_map_cnt)},
+            {"hot area", sb.sb_total_extent_size}};
+}
+
+constexpr tier_table extent_table()
+{
+    tier_table table = tier_extent_table(
+        [](const void *sb) { return tier_regions{tier_extents(tier_super_v2(sb))}; },
+        [](const void *sb) { return uint64_t{tier_super_v2(sb).sb_total_extent_size}; },
+        crc_extent_v2,
+        [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, TIER_EXTENT_OWNER_KEYS)); },
+        &PIECES, {parse_extent_from_json_v2, __print_extent_v2});
+    table.check = check_pieces;
+    table.stretches = stretches;
+    return table;
 }
 
 } // namespace
 
+constinit const tier_table TIER_EXTENT_TABLE_V2 = extent_table();
+
 int32_t zutr_dump_extent_v2(zutr_params_t *params)
 {
     tier_assert_super_v2(params);
-    const int32_t ret = check_extent_sizes(__func__, tier_super_v2(params));
-    if (ret != 0) {
-        return ret;
-    }
-    return zutr_dump_table(params, "te_no", tier_extents(tier_super_v2(params)), __dump_extent_v2);
+    const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
+    const int32_t ret = check_extent_sizes(__func__, sb);
+    return ret != 0 ? ret : zutr_dump_table(params, "te_no", tier_extents(sb), __dump_extent_v2);
 }
 
 int32_t zutr_repair_extent_v2(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_extent_from_json_v2);
+    return zutr_repair_common(params, TIER_EXTENT_TABLE_V2.repair);
 }

@@ -1,15 +1,9 @@
-#include "zu_tier/layout/v2/super.h"
+#include "zu_tier/layout/super.h"
 
 #include "common/zutr_assert.h"
-#include "common/zutr_utils.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/layout/super_rules.h"
-#include "zu_tier/layout/v2/inode.h"
 #include "zu_tier/layout/v2/map.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
+#include "zu_tier/layout/v2/v2.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,50 +12,181 @@ namespace {
 
 using super_v2 = tier_super_block_v2_t;
 
-bool begins_with(const char *text, const char *beginning)
+uint64_t exp_inode_cnt(const void *sb)
 {
-    return strncmp(text, beginning, strlen(beginning)) == 0;
+    return tier_exp_cnt_v2(tier_super_v2(sb));
 }
 
-void __printf_super_v2(const super_v2 *sb, FILE *fp)
+constexpr auto FIELDS =
+    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v2>,
+                   std::tuple{
+                       zutr_field{"exp_inode_magic", &super_v2::sb_inode_exp_magic, zutr_form::hex},
+                       zutr_computed<super_v2>{"exp_inode_cnt", exp_inode_cnt},
+                       zutr_field{"exp_inode_inuse", &super_v2::sb_inode_exp_inuse, zutr_form::hex},
+                       zutr_field{"sb_inode_exp_area", &super_v2::sb_inode_exp_area},
+                       zutr_field{"min_alloc_size", &super_v2::sb_min_alloc_size},
+                       zutr_field{"total_map_size", &super_v2::sb_total_map_size},
+                       zutr_field{"map_cnt", &super_v2::sb_map_cnt},
+                       zutr_field{"size_mapped_meta", &super_v2::sb_size_mapped_meta},
+                       zutr_field{"hot_size", &super_v2::sb_hot_size},
+                       zutr_field{"total_extent_size", &super_v2::sb_total_extent_size},
+                   });
+
+/* A file of any version is read; which one it may be, the command decides. */
+constexpr auto KEYS = tier_super_head_keys<super_v2>(0);
+
+/* Read from a description of a V2 super block, computed for an older one. */
+constexpr auto MAP_KEYS = std::tuple{
+    zutr_key{"min_alloc_size", &super_v2::sb_min_alloc_size, zutr_to_s64},
+    zutr_key{"total_map_size", &super_v2::sb_total_map_size, zutr_to_s64},
+    zutr_key{"map_cnt", &super_v2::sb_map_cnt, zutr_to_s64},
+    zutr_key{"size_mapped_meta", &super_v2::sb_size_mapped_meta, zutr_to_s64},
+    zutr_key{"hot_size", &super_v2::sb_hot_size, zutr_to_s64},
+};
+
+/* The expansion area as a repair file gives it: not as it is stored. */
+struct exp_config {
+    uint32_t cnt;
+    char magic[32];
+    char inuse[32];
+};
+constexpr zutr_key EXP_CNT_KEY = {"exp_inode_cnt", &exp_config::cnt, zutr_to_s64,
+                                  zutr_need::optional};
+constexpr zutr_key EXP_MAGIC_KEY = {"exp_inode_magic", &exp_config::magic};
+constexpr zutr_key EXP_INUSE_KEY = {"exp_inode_inuse", &exp_config::inuse};
+
+/* What of the dump a repair file repeats as it is shown. */
+constexpr auto EXP_FIELDS = std::tuple{
+    zutr_computed<super_v2>{EXP_CNT_KEY.name, exp_inode_cnt},
+    zutr_field{EXP_MAGIC_KEY.name, &super_v2::sb_inode_exp_magic, zutr_form::hex},
+    zutr_field{EXP_INUSE_KEY.name, &super_v2::sb_inode_exp_inuse, zutr_form::hex},
+};
+
+constexpr tier_rule RULES[] = {
+    TIER_SUPER_SIZE_RULE<super_v2>,
+    TIER_BRICKS_RULE<super_v2>,
+    TIER_INODES_RULE<super_v2>,
+    TIER_BLOCK_SIZE_RULE<super_v2>,
+    {{"bad_extent_size"},
+     [](const void *p) {
+         const super_v2 &sb = tier_super_v2(p);
+         return tier_extent_size_holds(sb) && sb.sb_total_extent_size <= TIER_EXTENT_SIZE_MAX;
+     },
+     [](const char *func, const void *p) {
+         const super_v2 &sb = tier_super_v2(p);
+         zutr_error(func,
+                    "extent size(%u) is invalid. totoal extent_size:%u, expect size:[%lu-4096]",
+                    sb.sb_extent_size, sb.sb_total_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
+     },
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         const super_v2 &sb = tier_super_v2(p);
+         if (!tier_extent_size_holds(sb)) {
+             tier_explain_extent_size(kind, to, sb);
+         }
+         if (sb.sb_total_extent_size > TIER_EXTENT_SIZE_MAX) {
+             to.add(kind, "extents have %u bytes in all, expected are up to %u",
+                    sb.sb_total_extent_size, TIER_EXTENT_SIZE_MAX);
+         }
+     }},
+    TIER_EXTENTS_RULE<super_v2>,
+    {{"bad_min_alloc_size"},
+     [](const void *p) {
+         return tier_super_v2(p).sb_min_alloc_size <= tier_super_v2(p).sb_block_size;
+     },
+     [](const char *func, const void *p) {
+         zutr_error(func, "min_alloc_size(%u) is invalid. block_size:%u",
+                    tier_super_v2(p).sb_min_alloc_size, tier_super_v2(p).sb_block_size);
+     },
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         to.add(kind, "mapped pieces are for %u bytes, expected are up to the %u of a block",
+                tier_super_v2(p).sb_min_alloc_size, tier_super_v2(p).sb_block_size);
+     }},
+    {{"bad_map"},
+     [](const void *p) {
+         const super_v2 &sb = tier_super_v2(p);
+         return sb.sb_map_cnt <= EXTENT_HOT_LEN &&
+                sb.sb_total_map_size == uint64_t{sb.sb_size_mapped_meta} * sb.sb_map_cnt;
+     },
+     [](const char *func, const void *p) {
+         const super_v2 &sb = tier_super_v2(p);
+         zutr_error(func, "map params is invalid. map_cnt:%u, map_size:%u, total_map_size:%u",
+                    sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size);
+     },
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         const super_v2 &sb = tier_super_v2(p);
+         to.add(kind,
+                "an extent has %u mapped pieces of %u bytes in %u bytes, expected are up to %u "
+                "pieces and the product",
+                sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size, EXTENT_HOT_LEN);
+     }},
+    TIER_DATA_OFFSET_RULE<super_v2>,
+    TIER_SSD_UUID_RULE<super_v2, &super_v2::sb_ssd_uuid>,
+
+    /* What the tool does not ask for. */
+    {{"odd_extent_length", tier_severity::warning},
+     [](const void *p) {
+         const super_v2 &sb = tier_super_v2(p);
+         return sb.sb_total_extent_size ==
+                uint64_t{sb.sb_extent_size} + sb.sb_total_map_size + sb.sb_hot_size;
+     },
+     nullptr,
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         const super_v2 &sb = tier_super_v2(p);
+         to.add(kind, "extents have %u bytes in all, but their parts have %lu",
+                sb.sb_total_extent_size,
+                uint64_t{sb.sb_extent_size} + sb.sb_total_map_size + sb.sb_hot_size);
+     }},
+    {{"odd_piece_size", tier_severity::warning},
+     [](const void *p) {
+         return tier_super_v2(p).sb_size_mapped_meta == sizeof(tier_mapped_meta_v2_t);
+     },
+     nullptr,
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         to.add(kind, "mapped pieces have %u bytes, usual are %zu: they are not checked",
+                tier_super_v2(p).sb_size_mapped_meta, sizeof(tier_mapped_meta_v2_t));
+     }},
+    {{"odd_expansion", tier_severity::warning},
+     [](const void *p) {
+         const super_v2 &sb = tier_super_v2(p);
+         const bool none = sb.sb_inode_exp_magic == 0;
+         return none ? sb.sb_inode_exp_area == 0 && sb.sb_inode_exp_inuse == 0
+                     : sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2 &&
+                           (sb.sb_inode_exp_inuse == 0 ||
+                            sb.sb_inode_exp_inuse == TIER_EXP_INUSE_V2);
+     },
+     nullptr,
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         const super_v2 &sb = tier_super_v2(p);
+         to.add(kind,
+                "the expansion inode area has magic 0x%x, size %u and use 0x%x, usual are 0x%x, a "
+                "size and 0x%x or 0, or three zeros",
+                sb.sb_inode_exp_magic, sb.sb_inode_exp_area, sb.sb_inode_exp_inuse,
+                TIER_EXP_MAGIC_V2, TIER_EXP_INUSE_V2);
+     }},
+};
+
+uint32_t crc_super_v2(void *sb, uint32_t length)
+{
+    zutr_assert(sb != nullptr, "sb");
+    return tier_crc(sb, length);
+}
+
+void __printf_super_v2(void *sb, const void * /*own*/, int64_t /*offset*/, FILE *fp)
 {
     /* GCOVR_EXCL_BR_START: every caller has both */
     zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
     /* GCOVR_EXCL_BR_STOP */
-    tier_print_super<TIER_SUPER_FIELDS_V2>(*sb, fp);
+    tier_print_super<FIELDS>(tier_super_v2(sb), fp);
 }
 
-/* Negative errno, or not negative. */
-int32_t __check_sb_params_v2(const super_v2 &sb)
+int32_t __check_sb_params_v2(const void *new_sb)
 {
-    int32_t ret = tier_check_areas(__func__, sb);
-    if (ret != 0) {
-        return ret;
-    }
-    if (sb.sb_extent_size < TIER_EXTENT_SIZE_MIN || sb.sb_extent_size > TIER_EXTENT_SIZE_MAX ||
-        sb.sb_total_extent_size > TIER_EXTENT_SIZE_MAX) {
-        zutr_error(__func__,
-                   "extent size(%u) is invalid. totoal extent_size:%u, expect size:[%lu-4096]",
-                   sb.sb_extent_size, sb.sb_total_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
-        return -EINVAL;
-    }
-    ret = tier_check_extent_table(__func__, sb);
-    if (ret != 0) {
-        return ret;
-    }
-    if (sb.sb_min_alloc_size > sb.sb_block_size) {
-        zutr_error(__func__, "min_alloc_size(%u) is invalid. block_size:%u", sb.sb_min_alloc_size,
-                   sb.sb_block_size);
-        return -EINVAL;
-    }
-    if (sb.sb_map_cnt > EXTENT_HOT_LEN ||
-        sb.sb_total_map_size != uint64_t{sb.sb_size_mapped_meta} * sb.sb_map_cnt) {
-        zutr_error(__func__, "map params is invalid. map_cnt:%u, map_size:%u, total_map_size:%u",
-                   sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size);
-        return -EINVAL;
-    }
-    ret = tier_check_data_offset(__func__, sb);
-    return ret == 0 ? tier_check_ssd_uuid(__func__, sb.sb_ssd_uuid) : ret;
+    return tier_check_rules(__func__, RULES, new_sb);
+}
+
+bool begins_with(const char *text, const char *beginning)
+{
+    return strncmp(text, beginning, strlen(beginning)) == 0;
 }
 
 int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cfg, super_v2 *sb)
@@ -71,15 +196,15 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
         return -EINVAL;
     }
     /* GCOVR_EXCL_STOP */
-    const zutr_json_reader in(__func__, sb_cfg);
-    tier_exp_config_v2 config = {};
-    int32_t ret = in.read(TIER_EXP_CNT_KEY_V2, &config);
-    if (ret != 0 || config.cnt == 0) {
-        return ret;
+    zutr_json_reader in(__func__, sb_cfg);
+    exp_config config = {};
+    in.read(EXP_CNT_KEY, &config);
+    if (in.failed() || config.cnt == 0) {
+        return in.failed() ? -EINVAL : 0;
     }
-    ret = in.read(TIER_EXP_MAGIC_KEY_V2, &config);
-    if (ret != 0) {
-        return ret;
+    in.read(EXP_MAGIC_KEY, &config);
+    if (in.failed()) {
+        return -EINVAL;
     }
     if (!begins_with(config.magic, "0x4558")) {
         sb->sb_inode_exp_area = 0;
@@ -92,32 +217,27 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
                    static_cast<int32_t>(config.cnt), params->cmd);
         return -EINVAL;
     }
-    ret = in.read(TIER_EXP_INUSE_KEY_V2, &config);
-    if (ret != 0) {
-        return ret;
-    }
+    in.read(EXP_INUSE_KEY, &config);
     sb->sb_inode_exp_inuse = begins_with(config.inuse, "0x53") ? TIER_EXP_INUSE_V2 : 0;
     sb->sb_inode_exp_area = static_cast<uint8_t>(config.cnt / TIER_EXP_UNIT_V2);
     sb->sb_inode_exp_magic = TIER_EXP_MAGIC_V2;
-    return 0;
+    return in.failed() ? -EINVAL : 0;
 }
 
 /* The map geometry: from the file, or for an older super block from the device. */
-int32_t read_map_geometry(const zutr_json_reader &in, const zutr_params_t *params, super_v2 *sb)
+void read_map_geometry(zutr_json_reader &in, const zutr_params_t *params, super_v2 *sb)
 {
     if (sb->sb_version == TIER_SB_VERSION_V2) {
-        const int32_t ret = in.read(TIER_SUPER_MAP_KEYS_V2, sb);
+        in.read(MAP_KEYS, sb);
         sb->sb_total_extent_size = sb->sb_extent_size + sb->sb_total_map_size + sb->sb_hot_size;
-        return ret;
+        return;
     }
     zutr_assert(sb->sb_version == TIER_OLD_VERSION, "sb->sb_version == TIER_OLD_VERSION");
     const int32_t ret = calc_super_block_v2(params->fd, sb);
     if (ret < 0) {
-        zutr_error(in.func(), "convert super block failed:%ld", int64_t{ret});
-        return -EINVAL;
+        in.refuse(in.func(), "convert super block failed:%ld", int64_t{ret});
     }
     sb->sb_version = TIER_SB_VERSION_V2;
-    return 0;
 }
 
 int64_t parse_sb_from_json_v2(zutr_params_t *params, const cJSON *sb_cfg, void *m)
@@ -125,38 +245,33 @@ int64_t parse_sb_from_json_v2(zutr_params_t *params, const cJSON *sb_cfg, void *
     /* GCOVR_EXCL_BR_START: the repair driver has them all */
     zutr_assert(params != nullptr && sb_cfg != nullptr && m != nullptr, "params && sb_cfg && sb");
     /* GCOVR_EXCL_BR_STOP */
-    const zutr_json_reader in(__func__, sb_cfg);
+    zutr_json_reader in(__func__, sb_cfg, params->cmd);
     auto *sb = static_cast<super_v2 *>(m);
     sb->sb_magic = TIER_SB_MAGIC_V2;
-    int32_t ret = tier_read_super_head(in, params->cmd, 0, sb);
-    if (ret != 0) {
-        return ret;
-    }
+    in.read(KEYS, sb);
     if (sb->sb_version != TIER_SB_VERSION_V2 && params->cmd != ZUTR_CMD_CONVERT_SUPER) {
-        zutr_error(__func__, "version %u is invalid, cmd:%d", sb->sb_version, params->cmd);
-        return -EINVAL;
+        in.refuse(__func__, "version %u is invalid, cmd:%d", sb->sb_version, params->cmd);
     }
-    if (__repair_super_exp_inode(params, sb_cfg, sb) != 0) {
-        zutr_error(__func__, "repair super exp inode failed, cmd: %d", params->cmd);
-        return -EINVAL;
+    if (!in.failed() && __repair_super_exp_inode(params, sb_cfg, sb) != 0) {
+        in.refuse(__func__, "repair super exp inode failed, cmd: %d", params->cmd);
     }
-    ret = read_map_geometry(in, params, sb);
-    if (ret == 0 && params->force == 0) {
-        ret = __check_sb_params_v2(*sb);
+    if (!in.failed()) {
+        read_map_geometry(in, params, sb);
     }
-    if (ret < 0) {
-        return ret;
-    }
-    sb->sb_checksum = zutr_record_crc(*sb);
-    __printf_super_v2(sb, stdout);
-    return TIER_SUPER_OFFSET;
+    return tier_finish_super(in, TIER_SUPER_TABLE_V2, params, __check_sb_params_v2, sb);
 }
 
 } // namespace
 
+constinit const tier_table TIER_SUPER_TABLE_V2 = tier_super_table<super_v2>(
+    TIER_SB_MAGIC_V2, crc_super_v2, [] { return tier_make_columns(FIELDS); },
+    [] { return tier_make_columns(std::tuple_cat(KEYS, EXP_FIELDS, MAP_KEYS)); },
+    {parse_sb_from_json_v2, __printf_super_v2}, RULES);
+
 int32_t __check_super_v2(const void *sb)
 {
-    return tier_check_super(__func__, "v2", *static_cast<const super_v2 *>(sb), TIER_SB_MAGIC_V2,
+    const super_v2 &super = tier_super_v2(sb);
+    return tier_check_super(__func__, "v2", super, tier_crc(sb, sizeof(super)), TIER_SB_MAGIC_V2,
                             TIER_SB_VERSION_V2);
 }
 
@@ -168,7 +283,7 @@ int32_t zutr_dump_super_v2(zutr_params_t *params)
 
 int32_t zutr_repair_super_v2(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_sb_from_json_v2);
+    return zutr_repair_common(params, TIER_SUPER_TABLE_V2.repair);
 }
 
 int32_t zutr_convert_super_v2(zutr_params_t *params)
@@ -177,7 +292,8 @@ int32_t zutr_convert_super_v2(zutr_params_t *params)
         return -EINVAL;
     }
     zutr_buffer block;
-    const int64_t built = zutr_build_block(__func__, params, parse_sb_from_json_v2, true, &block);
+    const int64_t built =
+        zutr_build_block(__func__, params, TIER_SUPER_TABLE_V2.repair, true, &block);
     return built < 0 ? static_cast<int32_t>(built) : 0;
 }
 

@@ -1,27 +1,58 @@
-#include "zu_tier/layout/v3/extent.h"
-
-#include "common/zutr_utils.h"
+#include "common/zutr_assert.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/layout/v3/super.h"
+#include "zu_tier/layout/v3/packed.h"
+#include "zu_tier/layout/v3/v3.h"
 
 #include <cerrno>
 #include <cstring>
 
+/* The V3 extent table. A block has no head: its checksum is spread over its first extents. */
+
 namespace {
 
-constexpr char EXTENT_IGNORED_V3[] = "ignore extent:%d, in_use:%d, shard_no:%d";
+constexpr auto FIELDS = std::tuple{
+    zutr_bits{EXTENT_LBA_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_SHARD_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_DIRTY_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_IN_USE_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_SENSE_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_DEMOTE_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_DM_ERR_V3, &tier_packed_entry_v3::word},
+    zutr_bits{EXTENT_RESERVED_V3, &tier_packed_entry_v3::word},
+    zutr_field{"eno", &tier_packed_entry_v3::no},
+    zutr_bits{EXTENT_BITMAP_V3, &tier_packed_entry_v3::word},
+};
 
-/* The stored checksum of a block, gathered from a copy of it; all ones without memory. */
-uint32_t get_extent_crc(const tier_packed_block_v3_t &extents)
+constexpr zutr_key NUMBER_KEY = {"eno", &tier_packed_entry_v3::no, zutr_to_u64};
+
+/* Read after the number. */
+constexpr auto KEYS = std::tuple{
+    zutr_bits_key{EXTENT_LBA_V3, &tier_packed_entry_v3::word},
+    zutr_bits_key{EXTENT_SHARD_V3, &tier_packed_entry_v3::word},
+    zutr_bits_key{EXTENT_DIRTY_V3, &tier_packed_entry_v3::word},
+    zutr_bits_key{EXTENT_BITMAP_V3, &tier_packed_entry_v3::word},
+    zutr_bits_key{EXTENT_SENSE_V3, &tier_packed_entry_v3::word, zutr_need::optional},
+    zutr_bits_key{EXTENT_DEMOTE_V3, &tier_packed_entry_v3::word, zutr_need::optional},
+    zutr_bits_key{EXTENT_DM_ERR_V3, &tier_packed_entry_v3::word, zutr_need::optional},
+    zutr_bits_key{EXTENT_RESERVED_V3, &tier_packed_entry_v3::word, zutr_need::optional},
+};
+
+constexpr tier_packed_table_v3 PACKED = {
+    .entries = "extents",
+    .number = NUMBER_KEY.name,
+    .item = "extent",
+    .first_word = 0,
+    .magic = std::nullopt,
+    .in_use = EXTENT_IN_USE_V3,
+    .owner = EXTENT_SHARD_V3,
+};
+
+constexpr char IGNORED[] = "ignore extent:%d, in_use:%d, shard_no:%d";
+
+/* The stored checksum: bit i of it lies in extent i. */
+uint32_t gather_crc(const void *extents)
 {
-    zutr_buffer copy;
-    if (zutr_alloc_aligned(sizeof(extents), &copy) != 0) {
-        zutr_error(__func__, "failed to alloc extent_4K");
-        return UINT32_MAX;
-    }
-    memcpy(copy.get(), &extents, sizeof(extents));
-    const auto *block = reinterpret_cast<const tier_packed_block_v3_t *>(copy.get());
+    const auto *block = static_cast<const tier_packed_block_v3_t *>(extents);
     uint64_t crc = 0;
     for (uint32_t i = 0; i < TIER_EXTENT_CRC_BITS_V3; i++) {
         crc |= EXTENT_CHECKSUM_V3.get(block->word[i]) << i;
@@ -29,65 +60,111 @@ uint32_t get_extent_crc(const tier_packed_block_v3_t &extents)
     return static_cast<uint32_t>(crc);
 }
 
-/* The computed checksum of a block. Clears the stored one, which must have been read before. */
-uint32_t crc_extent_v3(tier_packed_block_v3_t *extents)
+void spread_crc(void *extents, uint32_t crc)
 {
+    auto *block = static_cast<tier_packed_block_v3_t *>(extents);
     for (uint32_t i = 0; i < TIER_EXTENT_CRC_BITS_V3; i++) {
-        extents->word[i] = EXTENT_CHECKSUM_V3.put(extents->word[i], 0);
+        block->word[i] = EXTENT_CHECKSUM_V3.put(block->word[i], crc >> i);
     }
-    return zutr_crc32(extents, sizeof(*extents));
 }
 
-void set_extent_crc(tier_packed_block_v3_t *extents, uint32_t crc)
+constexpr tier_checksum_place SPREAD_CHECKSUM = {gather_crc, spread_crc};
+
+/* The stored checksum of a block, gathered from a copy of it; all ones without memory. */
+uint32_t get_extent_crc(const void *extent, uint32_t extent_size)
 {
-    for (uint32_t i = 0; i < TIER_EXTENT_CRC_BITS_V3; i++) {
-        extents->word[i] = EXTENT_CHECKSUM_V3.put(extents->word[i], crc >> i);
+    zutr_assert(extent != nullptr && extent_size != 0, "extent && extent_size");
+    zutr_buffer copy;
+    if (zutr_alloc_aligned(extent_size, &copy) != 0) {
+        zutr_error(__func__, "failed to alloc extent_4K");
+        return UINT32_MAX;
     }
+    memcpy(copy.get(), extent, extent_size);
+    return gather_crc(copy.get());
+}
+
+/* The computed checksum of a block. Clears the stored one, which must have been read before. */
+uint32_t crc_extent_v3(void *extent, uint32_t extent_size)
+{
+    zutr_assert(extent != nullptr && extent_size != 0, "extent && extent_size");
+    spread_crc(extent, 0);
+    return zutr_crc32(extent, extent_size);
 }
 
 int32_t __dump_extent_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
     zutr_assert_entry(no, meta, delim, params);
-    auto *block = static_cast<tier_packed_block_v3_t *>(meta);
-    const uint32_t checksum = get_extent_crc(*block);
-    const uint32_t crc = crc_extent_v3(block);
+    const uint32_t checksum = get_extent_crc(meta, SIZE_4K);
+    const uint32_t crc = crc_extent_v3(meta, SIZE_4K);
     if (checksum != crc) {
         zutr_error(__func__, "extent no: %u, crc_ondisk: 0x%x crc: 0x%x", static_cast<uint32_t>(no),
                    checksum, crc);
         return -EFAULT;
     }
-    const int64_t offset = tier_extents_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
-    return tier_dump_packed<TIER_EXTENT_TABLE_V3, TIER_EXTENT_FIELDS_V3, EXTENT_IGNORED_V3>(
-        __func__, no, *block, checksum, offset, delim, params);
+    const tier_region extents = tier_extents_v3(tier_super_v3(params->sb));
+    return tier_dump_packed<PACKED, FIELDS, IGNORED>(
+        __func__, no, *static_cast<const tier_packed_block_v3_t *>(meta), checksum,
+        extents.slot(static_cast<uint64_t>(no)), delim, params);
+}
+
+void read_entry(zutr_json_reader &in, tier_packed_entry_v3 *entry)
+{
+    in.read(KEYS, entry);
 }
 
 int64_t parse_extent_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)
 {
     zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && extent");
-    const tier_super_block_v3_t &sb = tier_super_v3(params);
-    const zutr_json_reader in(__func__, ext_cfg);
-    auto *block = static_cast<tier_packed_block_v3_t *>(m);
-    int64_t offset = 0;
-    int32_t ret =
-        tier_read_meta_offset(in, sb.sb_extent_table_offset, sb.sb_block_area_offset, &offset);
-    ret = ret == 0 ? tier_read_packed(in, TIER_EXTENT_TABLE_V3, block) : ret;
-    if (ret != 0) {
-        return ret;
-    }
-    set_extent_crc(block, crc_extent_v3(block));
-    return tier_check_slot(__func__, offset) ? offset : -EFAULT;
+    const tier_super_block_v3_t &sb = tier_super_v3(params->sb);
+    zutr_json_reader in(__func__, ext_cfg);
+    const int64_t offset =
+        tier_read_meta_offset(in, sb.sb_extent_table_offset, sb.sb_block_area_offset);
+    tier_read_packed(in, PACKED, read_entry, static_cast<tier_packed_block_v3_t *>(m));
+    tier_seal(TIER_EXTENT_TABLE_V3, m, SIZE_4K);
+    return tier_finish_block(in, offset);
 }
 
+/* The checksum of a block as a dump shows it. */
+tier_columns head_fields()
+{
+    return {{.key = EXTENT_CHECKSUM_V3.key,
+             .type = tier_column_type::number,
+             .form = zutr_form::hex,
+             .at = 0,
+             .size = TIER_EXTENT_CRC_BITS_V3 * TIER_PACKED_SIZE_V3,
+             .bits = EXTENT_CHECKSUM_V3.mask(),
+             .compute = [](const void *record) { return uint64_t{gather_crc(record)}; }}};
+}
+
+constexpr tier_parts PARTS = tier_packed_parts(
+    PACKED, [] { return tier_make_columns(FIELDS); },
+    [] { return tier_make_columns(std::tuple_cat(std::tuple{NUMBER_KEY}, KEYS)); });
+
 } // namespace
+
+constinit const tier_table TIER_EXTENT_TABLE_V3 = {
+    .name = "extent",
+    .number_key = "extent_no",
+    .regions = [](const void *sb) { return tier_regions{tier_extents_v3(tier_super_v3(sb))}; },
+    .record_length = [](const void *) { return uint64_t{SIZE_4K}; },
+    .crc = crc_extent_v3,
+    .checksum = &SPREAD_CHECKSUM,
+    .fields = head_fields,
+    .parts = &PARTS,
+    .repair = {parse_extent_from_json_v3, nullptr},
+    .in_use = {0, EXTENT_IN_USE_V3.mask()},
+    .owner = {"shard", {0, EXTENT_SHARD_V3.mask()}},
+    .claim = {"address", {0, EXTENT_LBA_V3.mask()}},
+};
 
 int32_t zutr_dump_extent_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "extent_no", tier_extents_v3(tier_super_v3(params)),
+    return zutr_dump_table(params, "extent_no", tier_extents_v3(tier_super_v3(params->sb)),
                            __dump_extent_v3);
 }
 
 int32_t zutr_repair_extent_v3(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_extent_from_json_v3);
+    return zutr_repair_common(params, TIER_EXTENT_TABLE_V3.repair);
 }

@@ -4,32 +4,28 @@
 
 namespace {
 
-int32_t read_entry(const zutr_json_reader &in, const tier_packed_table_v3 &table,
-                   tier_packed_block_v3_t *block)
+/* Of every block; anything may stand there. */
+struct block_place {
+    uint64_t meta_offset;
+};
+constexpr zutr_key META_OFFSET_KEY = {"meta_offset", &block_place::meta_offset, zutr_to_u64};
+
+/* Of the number of an entry only the place within the block counts. */
+void read_entry(zutr_json_reader &in, const tier_packed_table_v3 &table,
+                tier_read_packed_entry read, tier_packed_block_v3_t *block)
 {
-    uint64_t no = 0;
-    int32_t ret = in.bits(table.number, zutr_need::required, zutr_to_u64, 64, &no);
-    if (ret != 0) {
-        return ret;
-    }
-    /* Of the number only the place within the block counts. */
-    const uint64_t k = no % TIER_PACKED_SLOTS_V3;
+    tier_packed_entry_v3 entry = {};
+    in.read(zutr_key{table.number, &tier_packed_entry_v3::no, zutr_to_u64}, &entry);
+    const uint64_t k = entry.no % TIER_PACKED_SLOTS_V3;
     if (k < table.first_word) {
-        zutr_error(in.func(), "%s_json %s: %ld invalid", table.item, table.number,
-                   static_cast<int64_t>(k));
-        return -EINVAL;
+        in.refuse(in.func(), "%s_json %s: %ld invalid", table.item, table.number,
+                  static_cast<int64_t>(k));
     }
-    uint64_t word = block->word[k];
-    for (const auto &[field, need] : table.keys) {
-        uint64_t value = field.get(word);
-        ret = in.bits(field.key, need, zutr_to_u64, field.width, &value);
-        if (ret != 0) {
-            return ret;
-        }
-        word = field.put(word, value);
+    entry.word = block->word[k];
+    read(in, &entry);
+    if (!in.failed()) {
+        block->word[k] = table.in_use.put(entry.word, 1);
     }
-    block->word[k] = table.in_use.put(word, 1);
-    return 0;
 }
 
 } // namespace
@@ -73,49 +69,45 @@ void tier_put_packed_head(zutr_text &out, const tier_packed_table_v3 &table, uin
     out.put("\":[");
 }
 
-int32_t tier_read_meta_offset(const zutr_json_reader &in, uint64_t begin, uint64_t end,
-                              int64_t *offset)
+int64_t tier_read_meta_offset(zutr_json_reader &in, uint64_t begin, uint64_t end)
 {
-    uint64_t value = 0;
-    const int32_t ret = in.bits("meta_offset", zutr_need::required, zutr_to_u64, 64, &value);
-    if (ret != 0) {
-        return ret;
+    block_place place = {};
+    in.read(META_OFFSET_KEY, &place);
+    const auto offset = static_cast<int64_t>(place.meta_offset);
+    if (place.meta_offset < begin || place.meta_offset >= end) {
+        in.refuse(in.func(), "meta_offset: %ld invalid", offset);
     }
-    *offset = static_cast<int64_t>(value);
-    if (value < begin || value >= end) {
-        zutr_error(in.func(), "meta_offset: %ld invalid", *offset);
-        return -EINVAL;
-    }
-    return 0;
+    return offset;
 }
 
-int32_t tier_read_packed(const zutr_json_reader &in, const tier_packed_table_v3 &table,
-                         tier_packed_block_v3_t *block)
+void tier_read_packed(zutr_json_reader &in, const tier_packed_table_v3 &table,
+                      tier_read_packed_entry read, tier_packed_block_v3_t *block)
 {
-    const cJSON *array = cJSON_GetObjectItem(in.object(), table.entries);
+    const cJSON *array = in.item(table.entries);
     if (!cJSON_IsArray(array)) {
         /* The label is the shards', whatever the table. */
-        zutr_error(in.func(), "%s_json is invalid. shards_json:%p", table.entries,
-                   static_cast<const void *>(array));
-        return -EINVAL;
+        in.refuse(in.func(), "%s_json is invalid. shards_json:%p", table.entries,
+                  static_cast<const void *>(array));
+        return;
     }
     const int32_t cnt = cJSON_GetArraySize(array);
     if (cnt > static_cast<int32_t>(TIER_PACKED_SLOTS_V3 - table.first_word)) {
-        zutr_error(in.func(), "%s_cnt: %d bigger than %d", table.entries, cnt,
-                   static_cast<int32_t>(TIER_PACKED_SLOTS_V3));
+        in.refuse(in.func(), "%s_cnt: %d bigger than %d", table.entries, cnt,
+                  static_cast<int32_t>(TIER_PACKED_SLOTS_V3));
+    }
+    in.each(array, [&](int32_t index) {
+        if (cJSON_IsObject(in.object())) {
+            read_entry(in, table, read, block);
+        } else {
+            in.refuse(in.func(), "%s_json index: %d invalid", table.item, index);
+        }
+    });
+}
+
+int64_t tier_finish_block(const zutr_json_reader &in, int64_t offset)
+{
+    if (in.failed()) {
         return -EINVAL;
     }
-    int32_t index = 0;
-    for (const cJSON *item = array->child; item != nullptr; item = item->next) {
-        if (!cJSON_IsObject(item)) {
-            zutr_error(in.func(), "%s_json index: %d invalid", table.item, index);
-            return -EINVAL;
-        }
-        const int32_t ret = read_entry({in.func(), item}, table, block);
-        if (ret != 0) {
-            return ret;
-        }
-        index++;
-    }
-    return 0;
+    return tier_check_slot(in.func(), offset) ? offset : -EFAULT;
 }

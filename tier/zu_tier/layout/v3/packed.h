@@ -1,23 +1,13 @@
 #pragma once
 
 #include "zu_tier/format/v3.h"
-#include "zu_tier/front/zu_tier.h"
+#include "zu_tier/layout/layout.h"
 #include "zu_tier/record/debug.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/record.h"
-#include "zu_tier/record/text.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <optional>
-#include <span>
 
 /* The tables of shards and of extents, whose entries are words packed into blocks. */
-
-struct tier_packed_key_v3 {
-    tier_bits field;
-    zutr_need need = zutr_need::required;
-};
 
 struct tier_packed_table_v3 {
     const char *entries; /* key of the entries of a block */
@@ -28,10 +18,9 @@ struct tier_packed_table_v3 {
 
     tier_bits in_use;
     tier_bits owner;
-    std::span<const tier_packed_key_v3> keys;
 };
 
-/* An entry as its table of fields shows it. */
+/* An entry as its tables of fields and keys show it. */
 struct tier_packed_entry_v3 {
     uint64_t word;
     uint64_t no;
@@ -84,7 +73,7 @@ int32_t tier_dump_packed(const char *func, int32_t no, const tier_packed_block_v
             *to++ = '}';
             separator = 2;
         } else {
-            out.advance(to); /* the line comes behind what precedes it */
+            out.advance(to); /* the line comes after what precedes it */
             out.flush();
             to = out.room(ROOM);
             /* The number is the block's. */
@@ -98,11 +87,33 @@ int32_t tier_dump_packed(const char *func, int32_t no, const tier_packed_block_v
 }
 
 /* Reads where a block goes, which must be from byte `begin` of the device up to, but not at, `end`.
- * 0 or -EINVAL, logged. */
-int32_t tier_read_meta_offset(const zutr_json_reader &in, uint64_t begin, uint64_t end,
-                              int64_t *offset);
+ */
+int64_t tier_read_meta_offset(zutr_json_reader &in, uint64_t begin, uint64_t end);
 
-/* Puts the entries of a repair file into the zeroed `block`, each of them in use; the checksum is
- * left to the caller. 0 or -EINVAL, logged. */
-int32_t tier_read_packed(const zutr_json_reader &in, const tier_packed_table_v3 &table,
-                         tier_packed_block_v3_t *block);
+/* Reads the entries of a block, one after the other: has `read` read each entry into its word. */
+using tier_read_packed_entry = void (*)(zutr_json_reader &in, tier_packed_entry_v3 *entry);
+void tier_read_packed(zutr_json_reader &in, const tier_packed_table_v3 &table,
+                      tier_read_packed_entry read, tier_packed_block_v3_t *block);
+
+/* The device offset of a repaired block, -EINVAL when something was refused, or -EFAULT, logged. */
+int64_t tier_finish_block(const zutr_json_reader &in, int64_t offset);
+
+/* The entries of a block as the parts of its record; `at` of part k is its word. */
+constexpr tier_parts tier_packed_parts(const tier_packed_table_v3 &table, tier_columns (*fields)(),
+                                       tier_columns (*keys)())
+{
+    return {
+        .key = table.entries,
+        .prefix = table.number,
+        .size = TIER_PACKED_SIZE_V3,
+        .first = table.first_word,
+        .show =
+            [](const void *, const uint8_t *slot, uint64_t no, uint32_t k, void *record) {
+                tier_packed_entry_v3 entry = {0, no * TIER_PACKED_SLOTS_V3 + k};
+                memcpy(&entry.word, slot + size_t{k} * TIER_PACKED_SIZE_V3, sizeof(entry.word));
+                memcpy(record, &entry, sizeof(entry));
+            },
+        .fields = fields,
+        .keys = keys,
+    };
+}

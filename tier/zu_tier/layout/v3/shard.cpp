@@ -1,18 +1,47 @@
-#include "zu_tier/layout/v3/shard.h"
-
+#include "common/zutr_assert.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/layout/v3/super.h"
+#include "zu_tier/layout/v3/packed.h"
+#include "zu_tier/layout/v3/v3.h"
 
 #include <cerrno>
 
+/* The V3 shard table. */
+
 namespace {
 
-constexpr char SHARD_IGNORED_V3[] = "ignore shard:%d, in_use:%d, inode_no:%d";
+constexpr auto FIELDS = std::tuple{
+    zutr_bits{SHARD_INO_V3, &tier_packed_entry_v3::word},
+    zutr_bits{SHARD_IN_USE_V3, &tier_packed_entry_v3::word},
+    zutr_bits{SHARD_RESERVED_V3, &tier_packed_entry_v3::word},
+    zutr_field{"sno", &tier_packed_entry_v3::no},
+    zutr_bits{SHARD_INDEX_V3, &tier_packed_entry_v3::word},
+};
 
-uint32_t crc_shard_v3(const tier_packed_block_v3_t &block)
+constexpr zutr_key NUMBER_KEY = {"sno", &tier_packed_entry_v3::no, zutr_to_u64};
+
+/* Read after the number. */
+constexpr auto KEYS = std::tuple{
+    zutr_bits_key{SHARD_INO_V3, &tier_packed_entry_v3::word},
+    zutr_bits_key{SHARD_INDEX_V3, &tier_packed_entry_v3::word},
+    zutr_bits_key{SHARD_RESERVED_V3, &tier_packed_entry_v3::word, zutr_need::optional},
+};
+
+constexpr tier_packed_table_v3 PACKED = {
+    .entries = "shards",
+    .number = NUMBER_KEY.name,
+    .item = "shards",
+    .first_word = 1,
+    .magic = TIER_SHARD_MAGIC_V3,
+    .in_use = SHARD_IN_USE_V3,
+    .owner = SHARD_INO_V3,
+};
+
+constexpr char IGNORED[] = "ignore shard:%d, in_use:%d, inode_no:%d";
+
+uint32_t crc_shard_v3(void *shard_4k, uint32_t shard_4k_size)
 {
-    return zutr_record_crc(block);
+    zutr_assert(shard_4k != nullptr && shard_4k_size != 0, "shard_4k && shard_4k_size");
+    return tier_crc(shard_4k, shard_4k_size);
 }
 
 int32_t __dump_shard_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
@@ -21,46 +50,79 @@ int32_t __dump_shard_v3(int32_t no, void *meta, const char *delim, zutr_params_t
     const auto &block = *static_cast<const tier_packed_block_v3_t *>(meta);
     const auto magic = static_cast<uint32_t>(SHARD_MAGIC_V3.get(block.word[0]));
     const auto checksum = static_cast<uint32_t>(SHARD_CHECKSUM_V3.get(block.word[0]));
-    const uint32_t crc = crc_shard_v3(block);
+    const uint32_t crc = crc_shard_v3(meta, SIZE_4K);
     if (magic != TIER_SHARD_MAGIC_V3 || checksum != crc) {
         zutr_error(__func__,
                    "shard no: %u, magic_ondisk: 0x%x magic: 0x%x, crc_ondisk: 0x%x crc: 0x%x",
                    static_cast<uint32_t>(no), magic, TIER_SHARD_MAGIC_V3, checksum, crc);
         return -EFAULT;
     }
-    const int64_t offset = tier_shards_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no));
-    return tier_dump_packed<TIER_SHARD_TABLE_V3, TIER_SHARD_FIELDS_V3, SHARD_IGNORED_V3>(
-        __func__, no, block, checksum, offset, delim, params);
+    const tier_region shards = tier_shards_v3(tier_super_v3(params->sb));
+    return tier_dump_packed<PACKED, FIELDS, IGNORED>(
+        __func__, no, block, checksum, shards.slot(static_cast<uint64_t>(no)), delim, params);
+}
+
+void read_entry(zutr_json_reader &in, tier_packed_entry_v3 *entry)
+{
+    in.read(KEYS, entry);
 }
 
 int64_t parse_shard_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)
 {
     zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && shards && shard");
-    const tier_super_block_v3_t &sb = tier_super_v3(params);
-    const zutr_json_reader in(__func__, ext_cfg);
+    const tier_super_block_v3_t &sb = tier_super_v3(params->sb);
+    zutr_json_reader in(__func__, ext_cfg);
     auto *block = static_cast<tier_packed_block_v3_t *>(m);
     block->word[0] = SHARD_MAGIC_V3.put(0, TIER_SHARD_MAGIC_V3);
-    int64_t offset = 0;
-    int32_t ret =
-        tier_read_meta_offset(in, sb.sb_shard_table_offset, sb.sb_hot_table_offset, &offset);
-    ret = ret == 0 ? tier_read_packed(in, TIER_SHARD_TABLE_V3, block) : ret;
-    if (ret != 0) {
-        return ret;
-    }
-    block->word[0] = SHARD_CHECKSUM_V3.put(block->word[0], crc_shard_v3(*block));
-    return tier_check_slot(__func__, offset) ? offset : -EFAULT;
+    const int64_t offset =
+        tier_read_meta_offset(in, sb.sb_shard_table_offset, sb.sb_hot_table_offset);
+    tier_read_packed(in, PACKED, read_entry, block);
+    tier_seal(TIER_SHARD_TABLE_V3, block, SIZE_4K);
+    return tier_finish_block(in, offset);
 }
 
+/* The head of a block as a dump shows it. */
+struct block_head {
+    uint32_t checksum;
+    uint32_t magic;
+};
+
+constexpr auto HEAD_FIELDS = std::tuple{
+    zutr_field{"checksum", &block_head::checksum, zutr_form::hex},
+    zutr_field{"magic", &block_head::magic, zutr_form::hex},
+};
+
+constexpr tier_parts PARTS = tier_packed_parts(
+    PACKED, [] { return tier_make_columns(FIELDS); },
+    [] { return tier_make_columns(std::tuple_cat(std::tuple{NUMBER_KEY}, KEYS)); });
+
 } // namespace
+
+constinit const tier_table TIER_SHARD_TABLE_V3 = {
+    .name = "shard",
+    .number_key = "shard_no",
+    .regions = [](const void *sb) { return tier_regions{tier_shards_v3(tier_super_v3(sb))}; },
+    .record_length = [](const void *) { return uint64_t{SIZE_4K}; },
+    .crc = crc_shard_v3,
+    .checksum = &TIER_HEAD_CHECKSUM,
+    .magic = tier_number_at(offsetof(block_head, magic), 4),
+    .magic_value = TIER_SHARD_MAGIC_V3,
+    .fields = [] { return tier_make_columns(HEAD_FIELDS); },
+    .parts = &PARTS,
+    .repair = {parse_shard_from_json_v3, nullptr},
+    .in_use = {0, SHARD_IN_USE_V3.mask()},
+    .owner = {"inode", {0, SHARD_INO_V3.mask()}},
+    .claim = {"index", {0, SHARD_INDEX_V3.mask()}},
+};
 
 int32_t zutr_dump_shard_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "shard_no", tier_shards_v3(tier_super_v3(params)),
+    return zutr_dump_table(params, "shard_no", tier_shards_v3(tier_super_v3(params->sb)),
                            __dump_shard_v3);
 }
 
 int32_t zutr_repair_shard_v3(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_shard_from_json_v3);
+    return zutr_repair_common(params, TIER_SHARD_TABLE_V3.repair);
 }

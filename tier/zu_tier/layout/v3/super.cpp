@@ -1,20 +1,77 @@
-#include "zu_tier/layout/v3/super.h"
+#include "zu_tier/layout/super.h"
 
 #include "common/zutr_assert.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/record/json.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
-
-#include <cerrno>
+#include "zu_tier/layout/v3/v3.h"
 
 namespace {
 
 using super_v3 = tier_super_block_v3_t;
 
-/* The rule that ties the size of a table to its count. */
-struct table_rule {
+constexpr auto FIELDS = std::tuple{
+    zutr_field{"checksum", &super_v3::sb_checksum, zutr_form::hex},
+    zutr_field{"magic", &super_v3::sb_magic, zutr_form::hex},
+    zutr_field{"sb_offset", &super_v3::sb_sb_offset},
+    zutr_field{"super block size", &super_v3::sb_sb_size},
+    zutr_field{"reserved_offset", &super_v3::sb_reserved_offset},
+    zutr_field{"reserved_size", &super_v3::sb_reserved_size},
+    zutr_field{"ctime", &super_v3::sb_ctime, zutr_form::hex_and_time},
+    zutr_field{"uuid", &super_v3::sb_uuid},
+    zutr_field{"ssd_uuid", &super_v3::sb_cdev_uuid},
+    zutr_field{"version", &super_v3::sb_version, zutr_form::hex},
+    zutr_field{"reserved", &super_v3::sb_reserved},
+    zutr_field{"brick_table_offset", &super_v3::sb_brick_table_offset},
+    zutr_field{"brick_table_size", &super_v3::sb_brick_table_size},
+    zutr_field{"brick_cnt", &super_v3::sb_brick_table_cnt},
+    zutr_field{"inode_table_offset", &super_v3::sb_inode_table_offset},
+    zutr_field{"inode_table_size", &super_v3::sb_inode_table_size},
+    zutr_field{"inode_cnt", &super_v3::sb_inode_table_cnt},
+    zutr_field{"shard_table_offset", &super_v3::sb_shard_table_offset},
+    zutr_field{"shard_table_size", &super_v3::sb_shard_table_size},
+    zutr_field{"shard_table_cnt", &super_v3::sb_shard_table_cnt},
+    zutr_field{"extent_table_offset", &super_v3::sb_extent_table_offset},
+    zutr_field{"extent_table_size", &super_v3::sb_extent_table_size},
+    zutr_field{"extent_table_cnt", &super_v3::sb_extent_table_cnt},
+    zutr_field{"hot_table_offset", &super_v3::sb_hot_table_offset},
+    zutr_field{"hot_table_size", &super_v3::sb_hot_table_size},
+    zutr_field{"data_offset", &super_v3::sb_block_area_offset},
+    zutr_field{"data_table_size", &super_v3::sb_block_area_size},
+    zutr_field{"block_size", &super_v3::sb_block_size},
+    zutr_field{"block_cnt", &super_v3::sb_block_cnt},
+};
+
+constexpr auto KEYS = std::tuple{
+    zutr_key{"sb_offset", &super_v3::sb_sb_offset, zutr_to_u64},
+    zutr_key{"super block size", &super_v3::sb_sb_size, zutr_to_u64},
+    zutr_key{"reserved_offset", &super_v3::sb_reserved_offset, zutr_to_u64},
+    zutr_key{"reserved_size", &super_v3::sb_reserved_size, zutr_to_u64},
+    tier_ctime_key(&super_v3::sb_ctime),
+    zutr_key{"uuid", &super_v3::sb_uuid},
+    zutr_key{"ssd_uuid", &super_v3::sb_cdev_uuid},
+    tier_version_key(&super_v3::sb_version, TIER_SB_VERSION_V3),
+    zutr_key{"reserved", &super_v3::sb_reserved, zutr_to_s64},
+    zutr_key{"brick_table_offset", &super_v3::sb_brick_table_offset, zutr_to_u64},
+    zutr_key{"brick_table_size", &super_v3::sb_brick_table_size, zutr_to_u64},
+    zutr_key{"brick_cnt", &super_v3::sb_brick_table_cnt, zutr_to_u64},
+    zutr_key{"inode_table_offset", &super_v3::sb_inode_table_offset, zutr_to_u64},
+    zutr_key{"inode_table_size", &super_v3::sb_inode_table_size, zutr_to_u64},
+    zutr_key{"inode_cnt", &super_v3::sb_inode_table_cnt, zutr_to_u64},
+    zutr_key{"shard_table_offset", &super_v3::sb_shard_table_offset, zutr_to_u64},
+    zutr_key{"shard_table_size", &super_v3::sb_shard_table_size, zutr_to_u64},
+    zutr_key{"shard_table_cnt", &super_v3::sb_shard_table_cnt, zutr_to_u64},
+    zutr_key{"extent_table_offset", &super_v3::sb_extent_table_offset, zutr_to_u64},
+    zutr_key{"extent_table_size", &super_v3::sb_extent_table_size, zutr_to_u64},
+    zutr_key{"extent_table_cnt", &super_v3::sb_extent_table_cnt, zutr_to_u64},
+    zutr_key{"hot_table_offset", &super_v3::sb_hot_table_offset, zutr_to_u64},
+    zutr_key{"hot_table_size", &super_v3::sb_hot_table_size, zutr_to_u64},
+    zutr_key{"data_offset", &super_v3::sb_block_area_offset, zutr_to_u64},
+    zutr_key{"data_table_size", &super_v3::sb_block_area_size, zutr_to_u64},
+    zutr_key{"block_size", &super_v3::sb_block_size, zutr_to_u64},
+    zutr_key{"block_cnt", &super_v3::sb_block_cnt, zutr_to_u64},
+};
+
+/* The limits that tie the size of a table to its count. */
+struct table_limits {
     const char *name;
     const char *size_name; /* in the message, which reuses one */
     uint64_t super_v3::*count;
@@ -22,74 +79,142 @@ struct table_rule {
     uint32_t count_max;
     uint32_t entry_size;
     bool may_be_larger;
-
-    bool holds(const super_v3 &sb) const
-    {
-        if (sb.*count < 1 || sb.*count > count_max) {
-            return false;
-        }
-        const uint64_t needed = sb.*count * entry_size;
-        return sb.*size == needed || (may_be_larger && sb.*size > needed);
-    }
 };
 
-constexpr table_rule TABLE_RULES_V3[] = {
-    {"brick", "brick_table_size", &super_v3::sb_brick_table_cnt, &super_v3::sb_brick_table_size,
-     TIER_BRICK_CNT_MAX_V3, SIZE_4K, true},
-    {"inode", "itable_size", &super_v3::sb_inode_table_cnt, &super_v3::sb_inode_table_size,
-     TIER_INODE_CNT_MAX_V3, SIZE_4K, false},
-    {"shard", "itable_size", &super_v3::sb_shard_table_cnt, &super_v3::sb_shard_table_size,
-     TIER_SHARD_CNT_MAX_V3, TIER_PACKED_SIZE_V3, false},
-    {"extent", "itable_size", &super_v3::sb_extent_table_cnt, &super_v3::sb_extent_table_size,
-     TIER_EXTENT_CNT_MAX_V3, TIER_PACKED_SIZE_V3, false},
+constexpr table_limits BRICKS = {"brick",
+                                 "brick_table_size",
+                                 &super_v3::sb_brick_table_cnt,
+                                 &super_v3::sb_brick_table_size,
+                                 TIER_BRICK_CNT_MAX_V3,
+                                 SIZE_4K,
+                                 true};
+constexpr table_limits INODES = {"inode",
+                                 "itable_size",
+                                 &super_v3::sb_inode_table_cnt,
+                                 &super_v3::sb_inode_table_size,
+                                 TIER_INODE_CNT_MAX_V3,
+                                 SIZE_4K,
+                                 false};
+constexpr table_limits SHARDS = {"shard",
+                                 "itable_size",
+                                 &super_v3::sb_shard_table_cnt,
+                                 &super_v3::sb_shard_table_size,
+                                 TIER_SHARD_CNT_MAX_V3,
+                                 TIER_PACKED_SIZE_V3,
+                                 false};
+constexpr table_limits EXTENTS = {"extent",
+                                  "itable_size",
+                                  &super_v3::sb_extent_table_cnt,
+                                  &super_v3::sb_extent_table_size,
+                                  TIER_EXTENT_CNT_MAX_V3,
+                                  TIER_PACKED_SIZE_V3,
+                                  false};
+
+template <const table_limits &Limits>
+constexpr tier_rule table_rule(std::string_view kind)
+{
+    return {{kind},
+            [](const void *p) {
+                const super_v3 &sb = tier_super_v3(p);
+                const uint64_t count = sb.*Limits.count;
+                const uint64_t needed = count * Limits.entry_size;
+                return count >= 1 && count <= Limits.count_max &&
+                       (sb.*Limits.size == needed ||
+                        (Limits.may_be_larger && sb.*Limits.size > needed));
+            },
+            [](const char *func, const void *p) {
+                const super_v3 &sb = tier_super_v3(p);
+                zutr_error(func, "%s params is invalid. %s_cnt:%lu, %s:%lu, expect %s_cnt:[%u-%u]",
+                           Limits.name, Limits.name, sb.*Limits.count, Limits.size_name,
+                           sb.*Limits.size, Limits.name, 1U, Limits.count_max);
+            },
+            [](const void *p, const tier_kind &of, tier_findings &to) {
+                const super_v3 &sb = tier_super_v3(p);
+                tier_explain_table(of, to, sb.*Limits.count, Limits.count_max, sb.*Limits.size,
+                                   Limits.may_be_larger ? "at least " : "",
+                                   sb.*Limits.count * Limits.entry_size);
+            }};
+}
+
+constexpr tier_rule RULES[] = {
+    {{"bad_super_block_size"},
+     [](const void *sb) { return tier_super_v3(sb).sb_sb_size == TIER_SB_AREA_SIZE_V3; },
+     [](const char *func, const void *sb) {
+         zutr_error(func, "sb size is invalid. expect:%u, real:%lu", TIER_SB_AREA_SIZE_V3,
+                    tier_super_v3(sb).sb_sb_size);
+     },
+     [](const void *sb, const tier_kind &kind, tier_findings &to) {
+         to.add(kind, "the super block area has %lu bytes, expected are %u",
+                tier_super_v3(sb).sb_sb_size, TIER_SB_AREA_SIZE_V3);
+     }},
+    {{"bad_block_size"},
+     [](const void *sb) {
+         const uint64_t size = tier_super_v3(sb).sb_block_size;
+         return size >= TIER_BLOCK_SIZE_MIN_V3 && size <= TIER_BLOCK_SIZE_MAX_V3 &&
+                size % SIZE_4K == 0;
+     },
+     [](const char *func, const void *sb) {
+         zutr_error(
+             func, "block size(%lu) is invalid. expect block_size:[%u-%u] and must 4k aligned",
+             tier_super_v3(sb).sb_block_size, TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3);
+     },
+     [](const void *sb, const tier_kind &kind, tier_findings &to) {
+         tier_explain_block_size(kind, to, tier_super_v3(sb).sb_block_size, TIER_BLOCK_SIZE_MIN_V3,
+                                 TIER_BLOCK_SIZE_MAX_V3);
+     }},
+    table_rule<BRICKS>("bad_brick_table"),
+    table_rule<INODES>("bad_inode_table"),
+    table_rule<SHARDS>("bad_shard_table"),
+    table_rule<EXTENTS>("bad_extent_table"),
+    {{"bad_data_area"},
+     [](const void *p) {
+         const super_v3 &sb = tier_super_v3(p);
+         return sb.sb_block_area_size == sb.sb_block_size * sb.sb_block_cnt;
+     },
+     [](const char *func, const void *p) {
+         zutr_error(func, "data params is invalid. sb_block_size:%lu, sb_block_cnt:%lu",
+                    tier_super_v3(p).sb_block_size, tier_super_v3(p).sb_block_cnt);
+     },
+     [](const void *p, const tier_kind &kind, tier_findings &to) {
+         const super_v3 &sb = tier_super_v3(p);
+         to.add(kind, "the data area has %lu bytes, expected are %lu blocks of %lu",
+                sb.sb_block_area_size, sb.sb_block_cnt, sb.sb_block_size);
+     }},
+    TIER_SSD_UUID_RULE<super_v3, &super_v3::sb_cdev_uuid>,
+
+    /* What the tool does not ask for. From the shards on a table ends, for its repair, where the
+     * next one begins. */
+    {{"areas_out_of_order"},
+     [](const void *p) {
+         const super_v3 &sb = tier_super_v3(p);
+         return sb.sb_shard_table_offset <= sb.sb_hot_table_offset &&
+                sb.sb_hot_table_offset <= sb.sb_extent_table_offset &&
+                sb.sb_extent_table_offset <= sb.sb_block_area_offset;
+     },
+     nullptr,
+     [](const void *, const tier_kind &kind, tier_findings &to) {
+         to.add(kind, "expected is that shard table, hot table, extent table and data area follow "
+                      "one another");
+     }},
 };
 
-void __print_super_v3(const super_v3 *sb, FILE *fp)
+uint32_t crc_super_v3(void *sb, uint32_t length)
+{
+    zutr_assert(sb != nullptr, "sb");
+    return tier_crc(sb, length);
+}
+
+void __print_super_v3(void *sb, const void * /*own*/, int64_t /*offset*/, FILE *fp)
 {
     /* GCOVR_EXCL_BR_START: every caller has both */
     zutr_assert(sb != nullptr && fp != nullptr, "sb && fp");
     /* GCOVR_EXCL_BR_STOP */
-    tier_print_super<TIER_SUPER_FIELDS_V3>(*sb, fp);
+    tier_print_super<FIELDS>(tier_super_v3(sb), fp);
 }
 
-/* Negative errno, or not negative. */
-int32_t __check_sb_params_v3(const super_v3 &sb)
+int32_t __check_sb_params_v3(const void *new_sb)
 {
-    if (sb.sb_sb_size != TIER_SB_AREA_SIZE_V3) {
-        zutr_error(__func__, "sb size is invalid. expect:%u, real:%lu", TIER_SB_AREA_SIZE_V3,
-                   sb.sb_sb_size);
-        return -EINVAL;
-    }
-    if (sb.sb_block_size < TIER_BLOCK_SIZE_MIN_V3 || sb.sb_block_size > TIER_BLOCK_SIZE_MAX_V3 ||
-        sb.sb_block_size % SIZE_4K != 0) {
-        zutr_error(__func__,
-                   "block size(%lu) is invalid. expect block_size:[%u-%u] and must 4k aligned",
-                   sb.sb_block_size, TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3);
-        return -EINVAL;
-    }
-    for (const table_rule &rule : TABLE_RULES_V3) {
-        if (!rule.holds(sb)) {
-            zutr_error(__func__, "%s params is invalid. %s_cnt:%lu, %s:%lu, expect %s_cnt:[%u-%u]",
-                       rule.name, rule.name, sb.*rule.count, rule.size_name, sb.*rule.size,
-                       rule.name, 1U, rule.count_max);
-            return -EINVAL;
-        }
-    }
-    if (sb.sb_block_area_size != sb.sb_block_size * sb.sb_block_cnt) {
-        zutr_error(__func__, "data params is invalid. sb_block_size:%lu, sb_block_cnt:%lu",
-                   sb.sb_block_size, sb.sb_block_cnt);
-        return -EINVAL;
-    }
-    return tier_check_ssd_uuid(__func__, sb.sb_cdev_uuid);
-}
-
-int32_t read_super(const zutr_json_reader &in, zutr_cmd_t cmd, super_v3 *sb)
-{
-    int32_t ret = in.read(TIER_SUPER_AREA_KEYS_V3, sb);
-    ret = ret == 0 ? tier_read_ctime(in, cmd, &sb->sb_ctime) : ret;
-    ret = ret == 0 ? in.read(TIER_SUPER_IDENTITY_KEYS_V3, sb) : ret;
-    ret = ret == 0 ? tier_read_version(in, cmd, TIER_SB_VERSION_V3, &sb->sb_version) : ret;
-    return ret == 0 ? in.read(TIER_SUPER_TABLE_KEYS_V3, sb) : ret;
+    return tier_check_rules(__func__, RULES, new_sb);
 }
 
 int64_t parse_sb_from_json_v3(zutr_params_t *params, const cJSON *sb_cfg, void *m)
@@ -99,23 +224,21 @@ int64_t parse_sb_from_json_v3(zutr_params_t *params, const cJSON *sb_cfg, void *
     /* GCOVR_EXCL_BR_STOP */
     auto *sb = static_cast<super_v3 *>(m);
     sb->sb_magic = TIER_SB_MAGIC_V3;
-    int32_t ret = read_super({__func__, sb_cfg}, params->cmd, sb);
-    if (ret == 0 && params->force == 0) {
-        ret = __check_sb_params_v3(*sb);
-    }
-    if (ret < 0) {
-        return ret;
-    }
-    sb->sb_checksum = zutr_record_crc(*sb);
-    __print_super_v3(sb, stdout);
-    return TIER_SUPER_OFFSET;
+    zutr_json_reader in(__func__, sb_cfg, params->cmd);
+    in.read(KEYS, sb);
+    return tier_finish_super(in, TIER_SUPER_TABLE_V3, params, __check_sb_params_v3, sb);
 }
 
 } // namespace
 
+constinit const tier_table TIER_SUPER_TABLE_V3 = tier_super_table<super_v3>(
+    TIER_SB_MAGIC_V3, crc_super_v3, [] { return tier_make_columns(FIELDS); },
+    [] { return tier_make_columns(KEYS); }, {parse_sb_from_json_v3, __print_super_v3}, RULES);
+
 int32_t __check_super_v3(const void *sb)
 {
-    return tier_check_super(__func__, "v3", *static_cast<const super_v3 *>(sb), TIER_SB_MAGIC_V3,
+    const super_v3 &super = tier_super_v3(sb);
+    return tier_check_super(__func__, "v3", super, tier_crc(sb, sizeof(super)), TIER_SB_MAGIC_V3,
                             TIER_SB_VERSION_V3);
 }
 
@@ -127,7 +250,7 @@ int32_t zutr_dump_super_v3(zutr_params_t *params)
 
 int32_t zutr_repair_super_v3(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_sb_from_json_v3);
+    return zutr_repair_common(params, TIER_SUPER_TABLE_V3.repair);
 }
 
 void tier_assert_super_v3(const zutr_params_t *params)

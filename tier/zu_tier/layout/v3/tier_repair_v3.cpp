@@ -1,124 +1,157 @@
 #include "common/zutr_assert.h"
 #include "zu_tier/driver/dump.h"
-#include "zu_tier/driver/repair.h"
-#include "zu_tier/front/zu_tier.h"
 #include "zu_tier/layout/brick.h"
-#include "zu_tier/layout/v3/extent.h"
-#include "zu_tier/layout/v3/inode.h"
+#include "zu_tier/layout/inode.h"
 #include "zu_tier/layout/v3/packed.h"
-#include "zu_tier/layout/v3/shard.h"
-#include "zu_tier/layout/v3/super.h"
-#include "zu_tier/record/log.h"
-#include "zu_tier/record/record.h"
+#include "zu_tier/layout/v3/v3.h"
 
 #include <cerrno>
 
-/* Layout V3: its brick, inode and hot tables, its command map, its selector. */
+/* Layout V3: its brick, inode and hot tables, the layout itself, its command map, its selector. */
 
 namespace {
 
+extern const tier_table BRICK_TABLE;
+extern const tier_table INODE_TABLE;
+extern const tier_table HOT_TABLE;
+
 /* Brick table */
 
-tier_brick_table brick_table(const zutr_params_t *params)
+uint32_t crc_brick_v3(void *bi, uint32_t length)
 {
-    return {TIER_BRICK_MAGIC_V3, tier_bricks_v3(tier_super_v3(params)), zutr_need::required};
+    zutr_assert(bi != nullptr, "bi");
+    return tier_crc(bi, length);
+}
+
+void __print_brick_v3(void *brick, const void * /*sb*/, int64_t offset, FILE *fp)
+{
+    tier_print_brick(static_cast<tier_brick_info_v3_t *>(brick), offset, fp);
 }
 
 int32_t __dump_brick_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
     zutr_assert_entry(no, meta, delim, params);
-    return tier_dump_brick(__func__, brick_table(params), no, meta, delim, params);
+    return tier_dump_brick(__func__, BRICK_TABLE, no, meta, delim, params);
 }
 
 int32_t zutr_dump_brick_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "bi_no", tier_bricks_v3(tier_super_v3(params)), __dump_brick_v3);
+    return zutr_dump_table(params, "bi_no", tier_bricks_v3(tier_super_v3(params->sb)),
+                           __dump_brick_v3);
 }
 
 int64_t parse_brick_from_json_v3(zutr_params_t *params, const cJSON *brick_cfg, void *m)
 {
     zutr_assert_parse(params, brick_cfg, m, "params && params->sb && brick_cfg && brick");
-    return tier_parse_brick({__func__, brick_cfg}, brick_table(params),
+    return tier_parse_brick({__func__, brick_cfg}, BRICK_TABLE, zutr_need::required, params->sb,
                             static_cast<tier_brick_info_v3_t *>(m));
 }
 
 int32_t zutr_repair_brick_v3(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_brick_from_json_v3);
+    return zutr_repair_common(params, BRICK_TABLE.repair);
 }
+
+constinit const tier_table BRICK_TABLE =
+    tier_brick_table(TIER_BRICK_MAGIC_V3,
+                     [](const void *sb) { return tier_regions{tier_bricks_v3(tier_super_v3(sb))}; },
+                     crc_brick_v3, {parse_brick_from_json_v3, __print_brick_v3});
 
 /* Inode table */
 
-void __print_inode_v3(const tier_inode_v3_t *inode, int64_t offset, FILE *fp)
-{
-    /* GCOVR_EXCL_BR_START: only the stream may be missing */
-    zutr_assert(inode != nullptr && fp != nullptr, "inode && fp");
-    /* GCOVR_EXCL_BR_STOP */
-    zutr_print_entry<TIER_INODE_FIELDS_V2>(*inode, offset, fp);
-}
+constexpr auto INODE_FIELDS =
+    std::tuple_cat(TIER_INODE_HEAD_FIELDS, std::tuple{
+                                               zutr_field{"new_data", &tier_inode_v3_t::new_data},
+                                               zutr_field{"blocks", &tier_inode_v3_t::i_blocks},
+                                           });
+
+constexpr auto INODE_KEYS = std::tuple{
+    zutr_key{"i_no", &tier_inode_v3_t::i_signed_no, zutr_to_s64},
+    zutr_key{"i_use", &tier_inode_v3_t::i_use, zutr_to_u64},
+};
+
+/* Read only for an inode in use. */
+constexpr auto INODE_IN_USE_KEYS = std::tuple_cat(
+    TIER_INODE_FILE_KEYS,
+    std::tuple{
+        zutr_key{"i_priority", &tier_inode_v3_t::i_priority, zutr_to_u64},
+        zutr_key{"i_brick_no", &tier_inode_v3_t::i_brick_no, zutr_to_u64},
+        zutr_key{"i_unlink", &tier_inode_v3_t::i_unlink, zutr_to_u64, zutr_need::optional},
+        zutr_key{"new_data", &tier_inode_v3_t::new_data, zutr_to_u64, zutr_need::optional},
+    });
+
+/* Read after them: without the key the blocks follow from the size. */
+constexpr zutr_key INODE_BLOCKS_KEY = {"i_blocks", &tier_inode_v3_t::i_blocks, zutr_to_u64,
+                                       zutr_need::optional};
+constexpr uint32_t INODE_BLOCK_SHIFT = 17; /* they count units of 128 KiB */
 
 /* The number as this layout has it: signed, of 64 bits. */
-constexpr uint64_t wide_no(uint32_t no)
+constexpr uint64_t wide_no(const tier_inode_v3_t &inode)
 {
-    return static_cast<uint64_t>(int64_t{static_cast<int32_t>(no)});
+    return static_cast<uint64_t>(int64_t{inode.i_signed_no});
 }
 
-int64_t inode_slot(const zutr_params_t *params, uint32_t no)
+uint32_t crc_inode_v3(void *inode, uint32_t length)
 {
-    return tier_inodes_v3(tier_super_v3(params)).slot(wide_no(no));
+    zutr_assert(inode != nullptr, "inode");
+    return tier_crc(inode, length);
 }
 
-constexpr tier_inode_table INODE_TABLE_V3 = {TIER_INODE_MAGIC_V3, __print_inode_v3,
-                                             tier_log_bad_inode, inode_slot};
+void __print_inode_v3(void *inode, const void * /*sb*/, int64_t offset, FILE *fp)
+{
+    tier_print_inode<INODE_FIELDS>(inode, offset, fp);
+}
 
 int32_t __dump_inode_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
     zutr_assert_entry(no, meta, delim, params);
-    return tier_dump_inode(__func__, INODE_TABLE_V3, no, meta, delim, params);
+    return tier_dump_inode(__func__, INODE_TABLE, tier_log_bad_inode, no, meta, delim, params);
 }
 
 int32_t zutr_dump_inode_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "no", tier_inodes_v3(tier_super_v3(params)), __dump_inode_v3);
-}
-
-int32_t read_inode(const zutr_json_reader &in, tier_inode_v3_t *inode)
-{
-    int32_t ret = in.read(TIER_INODE_KEYS_V3, inode);
-    if (ret == 0 && inode->i_use != 0) {
-        ret = in.read(TIER_INODE_IN_USE_KEYS_V3, inode);
-        inode->i_blocks = inode->i_size >> TIER_INODE_BLOCK_SHIFT_V3;
-        ret = ret == 0 ? in.read(TIER_INODE_BLOCKS_KEY, inode) : ret;
-    }
-    return ret;
+    return zutr_dump_table(params, "no", tier_inodes_v3(tier_super_v3(params->sb)),
+                           __dump_inode_v3);
 }
 
 int64_t parse_inode_from_json_v3(zutr_params_t *params, const cJSON *inode_cfg, void *m)
 {
     zutr_assert_parse(params, inode_cfg, m, "params && params->sb && inode_cfg && inode");
-    const tier_super_block_v3_t &sb = tier_super_v3(params);
+    const tier_super_block_v3_t &sb = tier_super_v3(params->sb);
     auto *inode = static_cast<tier_inode_v3_t *>(m);
-    const int32_t ret = read_inode({__func__, inode_cfg}, inode);
-    if (ret != 0) {
-        return ret;
+    inode->i_magic = TIER_INODE_MAGIC_V3;
+    zutr_json_reader in(__func__, inode_cfg);
+    in.read(INODE_KEYS, inode);
+    if (inode->i_use != 0) {
+        in.read(INODE_IN_USE_KEYS, inode);
+        inode->i_blocks = inode->i_size >> INODE_BLOCK_SHIFT;
+        in.read(INODE_BLOCKS_KEY, inode);
     }
-    if (wide_no(inode->i_no) >= sb.sb_inode_table_cnt ||
-        inode->i_brick_no >= sb.sb_brick_table_cnt) {
-        zutr_error(__func__, "i_no %u or brick_no %u is invalid, max i_cnt:%lu, max b_cnt:%lu",
-                   inode->i_no, inode->i_brick_no, sb.sb_inode_table_cnt, sb.sb_brick_table_cnt);
-        return -EINVAL;
+    if (wide_no(*inode) >= sb.sb_inode_table_cnt || inode->i_brick_no >= sb.sb_brick_table_cnt) {
+        in.refuse(__func__, "i_no %u or brick_no %u is invalid, max i_cnt:%lu, max b_cnt:%lu",
+                  inode->i_no, inode->i_brick_no, sb.sb_inode_table_cnt, sb.sb_brick_table_cnt);
     }
-    return tier_finish_inode(__func__, INODE_TABLE_V3, params, inode);
+    return tier_finish(in, INODE_TABLE, &sb, inode, wide_no(*inode));
 }
 
 int32_t zutr_repair_inode_v3(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_inode_from_json_v3);
+    return zutr_repair_common(params, INODE_TABLE.repair);
 }
 
-/* Hot table, whose content is nobody's business here */
+constinit const tier_table INODE_TABLE = tier_inode_table(
+    TIER_INODE_MAGIC_V3,
+    [](const void *sb) { return tier_regions{tier_inodes_v3(tier_super_v3(sb))}; }, crc_inode_v3,
+    [] { return tier_make_columns(INODE_FIELDS); },
+    [] {
+        return tier_make_columns(
+            std::tuple_cat(INODE_KEYS, INODE_IN_USE_KEYS, std::tuple{INODE_BLOCKS_KEY}));
+    },
+    {parse_inode_from_json_v3, __print_inode_v3});
+
+/* Hot table. Its blocks are opaque: they are only listed or cleared. */
 
 int32_t __dump_hot_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
 {
@@ -130,7 +163,7 @@ int32_t __dump_hot_v3(int32_t no, void *meta, const char *delim, zutr_params_t *
     zutr_text out(params->out_fp);
     out.put(delim);
     out.put("{\"meta_offset\":");
-    out.signed_decimal(tier_hot_v3(tier_super_v3(params)).slot(static_cast<uint64_t>(no)));
+    out.signed_decimal(tier_hot_v3(tier_super_v3(params->sb)).slot(static_cast<uint64_t>(no)));
     out.put("}");
     return 0;
 }
@@ -138,27 +171,62 @@ int32_t __dump_hot_v3(int32_t no, void *meta, const char *delim, zutr_params_t *
 int32_t zutr_dump_hot_table_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "hot_no", tier_hot_v3(tier_super_v3(params)), __dump_hot_v3);
+    return zutr_dump_table(params, "hot_no", tier_hot_v3(tier_super_v3(params->sb)), __dump_hot_v3);
 }
 
 /* Leaves the block as it is, zeroed: a hot block is repaired by clearing it. */
 int64_t parse_hot_table_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)
 {
     zutr_assert_parse(params, ext_cfg, m, "params && params->sb && ext_cfg && m");
-    const tier_super_block_v3_t &sb = tier_super_v3(params);
-    int64_t offset = 0;
-    const int32_t ret = tier_read_meta_offset({__func__, ext_cfg}, sb.sb_hot_table_offset,
-                                              sb.sb_extent_table_offset, &offset);
-    if (ret != 0) {
-        return ret;
-    }
-    return tier_check_slot(__func__, offset) ? offset : -EFAULT;
+    const tier_super_block_v3_t &sb = tier_super_v3(params->sb);
+    zutr_json_reader in(__func__, ext_cfg);
+    return tier_finish_block(
+        in, tier_read_meta_offset(in, sb.sb_hot_table_offset, sb.sb_extent_table_offset));
 }
 
 int32_t zutr_repair_hot_table_v3(zutr_params_t *params)
 {
-    return zutr_repair_common(params, parse_hot_table_from_json_v3);
+    return zutr_repair_common(params, HOT_TABLE.repair);
 }
+
+constinit const tier_table HOT_TABLE = {
+    .name = "hot",
+    .number_key = "hot_no",
+    .regions = [](const void *sb) { return tier_regions{tier_hot_v3(tier_super_v3(sb))}; },
+    .record_length = [](const void *) { return uint64_t{SIZE_4K}; },
+    .repair = {parse_hot_table_from_json_v3, nullptr},
+};
+
+/* The layout */
+
+constexpr const tier_table *TABLES[] = {&TIER_SUPER_TABLE_V3, &BRICK_TABLE, &INODE_TABLE,
+                                        &TIER_SHARD_TABLE_V3, &HOT_TABLE,   &TIER_EXTENT_TABLE_V3};
+
+std::vector<tier_area> areas(const void *p)
+{
+    constexpr uint64_t LARGEST = ~uint64_t{0};
+    const tier_super_block_v3_t &sb = tier_super_v3(p);
+    uint64_t blocks = 0;
+    if (__builtin_mul_overflow(sb.sb_block_cnt, sb.sb_block_size, &blocks)) {
+        blocks = LARGEST;
+    }
+    return {{"super block area", TIER_SUPER_OFFSET, sb.sb_sb_size},
+            tier_table_area("brick table", tier_bricks_v3(sb), sb.sb_brick_table_size),
+            tier_table_area("inode table", tier_inodes_v3(sb), sb.sb_inode_table_size),
+            tier_table_area("shard table", tier_shards_v3(sb), sb.sb_shard_table_size),
+            tier_table_area("hot table", tier_hot_v3(sb), sb.sb_hot_table_size),
+            tier_table_area("extent table", tier_extents_v3(sb), sb.sb_extent_table_size),
+            {"data area", sb.sb_block_area_offset, std::max(sb.sb_block_area_size, blocks), false}};
+}
+
+constexpr tier_layout LAYOUT_V3 = {
+    .name = "v3",
+    .version = ZUTR_VER_CODE_V3,
+    .version_number = tier_number_at(offsetof(tier_super_block_v3_t, sb_version), 4),
+    .version_value = TIER_SB_VERSION_V3,
+    .tables = TABLES,
+    .areas = areas,
+};
 
 /* Indexed by zutr_cmd_t. */
 constexpr zutr_cmd_map_t s_cmd_map = {
@@ -188,6 +256,7 @@ int32_t zutr_func_selector_v3(int32_t cmd, const void *sb, zutr_cmd_func_t *func
 [[gnu::constructor]] void zutr_register_func_v3()
 {
     zutr_func_register(ZUTR_VER_CODE_V3, zutr_func_selector_v3);
+    tier_register_layout(&LAYOUT_V3);
 }
 
 } // namespace

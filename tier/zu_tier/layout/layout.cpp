@@ -1,0 +1,82 @@
+#include "zu_tier/layout/layout.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <limits>
+
+namespace {
+
+uint32_t get_head_checksum(const void *record)
+{
+    uint32_t crc = 0;
+    memcpy(&crc, record, sizeof(crc));
+    return crc;
+}
+
+void put_head_checksum(void *record, uint32_t crc)
+{
+    memcpy(record, &crc, sizeof(crc));
+}
+
+} // namespace
+
+const tier_checksum_place TIER_HEAD_CHECKSUM = {get_head_checksum, put_head_checksum};
+
+void tier_findings::add(const tier_kind &kind, const char *format, ...)
+{
+    std::array<char, 512> text;
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(text.data(), text.size(), format, args);
+    va_end(args);
+    take(kind, {text.data(), std::min(static_cast<size_t>(length), text.size() - 1)});
+}
+
+int32_t tier_check_rules(const char *func, std::span<const tier_rule> rules, const void *sb)
+{
+    for (const tier_rule &rule : rules) {
+        if (rule.complain != nullptr && !rule.holds(sb)) {
+            rule.complain(func, sb);
+            return -EINVAL;
+        }
+    }
+    return 0;
+}
+
+tier_area tier_table_area(std::string_view name, const tier_region &region, uint64_t size)
+{
+    constexpr uint64_t LARGEST = std::numeric_limits<uint64_t>::max();
+    const uint64_t needed = region.count > LARGEST / SIZE_4K ? LARGEST : region.count * SIZE_4K;
+    return {name, static_cast<uint64_t>(region.start), std::max(size, needed)};
+}
+
+uint32_t tier_crc(const void *record, uint32_t length)
+{
+    return zutr_crc32(static_cast<const uint8_t *>(record) + TIER_CHECKSUM_SIZE,
+                      length - TIER_CHECKSUM_SIZE);
+}
+
+void tier_seal(const tier_table &table, void *record, uint32_t length)
+{
+    if (table.crc != nullptr) {
+        table.checksum->put(record, table.crc(record, length));
+    }
+}
+
+int64_t tier_slot(const tier_regions &regions, uint64_t no)
+{
+    return no < regions[0].count || regions[1].count == 0 ? regions[0].slot(no)
+                                                          : regions[1].slot(no - regions[0].count);
+}
+
+int64_t tier_finish(const zutr_json_reader &in, const tier_table &table, const void *sb,
+                    void *block, uint64_t no)
+{
+    if (in.failed()) {
+        return -EINVAL;
+    }
+    tier_seal(table, block, static_cast<uint32_t>(table.record_length(sb)));
+    const int64_t offset = tier_slot(table.regions(sb), no);
+    return tier_check_slot(in.func(), offset) ? offset : -EFAULT;
+}

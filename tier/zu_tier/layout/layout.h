@@ -1,0 +1,200 @@
+#pragma once
+
+#include "zu_tier/driver/repair.h"
+#include "zu_tier/format/number.h"
+#include "zu_tier/format/records.h"
+#include "zu_tier/layout/registry.h"
+#include "zu_tier/record/columns.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+/* What a layout is: a constant that says everything that is asked of it. `sb` is always the super
+ * block of the layout, at least as many bytes as its record has; `slot` the 4096 bytes of a slot.
+ */
+
+/* Where a checksum is stored in a record. */
+struct tier_checksum_place {
+    uint32_t (*get)(const void *record);
+    void (*put)(void *record, uint32_t crc);
+};
+
+/* The first four bytes of a record. */
+extern const tier_checksum_place TIER_HEAD_CHECKSUM;
+
+/* What is found about a device when it is checked. */
+
+enum class tier_severity {
+    error,   /* breaks a rule of the layout */
+    warning, /* breaks none, but no device is made like that, or it could not be checked */
+};
+
+struct tier_kind {
+    std::string_view name;
+    tier_severity severity = tier_severity::error;
+};
+
+/* Takes findings, each with a sentence for the operator. */
+class tier_findings {
+public:
+    virtual ~tier_findings() = default;
+    [[gnu::format(printf, 3, 4)]] void add(const tier_kind &kind, const char *format, ...);
+
+private:
+    virtual void take(const tier_kind &kind, std::string_view text) = 0;
+};
+
+/* A rule that ties the values of a super block together. */
+struct tier_rule {
+    tier_kind kind;
+    bool (*holds)(const void *sb);
+    /* The tool's own words on behalf of `func`; null when the tool does not ask. */
+    void (*complain)(const char *func, const void *sb);
+    /* What a check tells. */
+    void (*explain)(const void *sb, const tier_kind &kind, tier_findings &to);
+};
+
+/* Tests those of the rules that the tool asks for, in their order: 0, or -EINVAL after the
+ * complaint of the first that does not hold. */
+int32_t tier_check_rules(const char *func, std::span<const tier_rule> rules, const void *sb);
+
+/* An area of a device, as a super block describes it. It may lie anywhere, and past everything. */
+struct tier_area {
+    std::string_view name;
+    uint64_t start;
+    uint64_t length;
+    bool aligned = true; /* it is read in blocks of 4096 bytes, and begins with one */
+};
+
+/* A table of `size` bytes, or of what its entries need where that is more. */
+tier_area tier_table_area(std::string_view name, const tier_region &region, uint64_t size);
+
+/* The parts that an entry has several of: words of a bitmap, mapped pieces, packed entries. */
+struct tier_parts {
+    std::string_view key{};    /* of all of them in a dump and in a repair file */
+    std::string_view prefix{}; /* of a part's number, as in "sno[517]" */
+    uint32_t size = 0;         /* bytes of a part */
+    uint32_t first = 0;        /* the first word of a slot that is a part; those before are none */
+    uint32_t (*at)(const void *sb) = nullptr; /* byte of the slot where part 0 lies, or would lie */
+    uint32_t (*count)(const void *sb) = nullptr; /* the parts end before this one */
+
+    /* The record of a part as the columns describe it, at most 64 bytes: the stored bytes, `size`
+     * of them, then what is computed. `no` is the number of the entry. */
+    void (*show)(const void *sb, const uint8_t *slot, uint64_t no, uint32_t k,
+                 void *record) = nullptr;
+    /* Whether a dump shows the part, and whether its repair file has it; null: always. */
+    bool (*is_shown)(const void *record) = nullptr;
+    bool (*is_kept)(const void *record) = nullptr;
+
+    tier_columns (*fields)() = nullptr;
+    tier_columns (*keys)() = nullptr;
+};
+
+/* What one entry refers to: an entry of another table. */
+struct tier_owner {
+    std::string_view table; /* empty: it refers to nothing */
+    tier_number no;
+};
+
+/* What no two entries in use may both have: an identity of 16 bytes, or a number within what their
+ * owner has. */
+struct tier_claim {
+    std::string_view what; /* empty: they claim nothing */
+    tier_number number;    /* an identity begins where this would lie */
+    bool is_identity = false;
+};
+
+/* Numbers below `closed` may be referred to by entries of other tables. Those from `missing` on are
+ * no numbers of entries at all, whatever the table's size. */
+struct tier_bounds {
+    uint64_t closed;
+    uint64_t missing;
+};
+
+/* A name for the bytes of a slot from where the one before ends up to, but not at, `end`. */
+struct tier_stretch {
+    std::string_view name;
+    size_t end;
+};
+
+using tier_regions = std::array<tier_region, 2>;
+
+/* A table of 4096-byte slots. Each has a record at its start; the super block is a table of one
+ * slot, and a block of packed entries is a single record. */
+struct tier_table {
+    std::string_view name{};          /* in commands: dump_<name>, repair_<name> */
+    const char *number_key = nullptr; /* of an entry in a dump */
+
+    /* Where it lies, by the super block: the second region is numbered on from the first. */
+    tier_regions (*regions)(const void *sb) = nullptr;
+    /* Bytes of the record, whatever the super block says: it may not fit its slot. */
+    uint64_t (*record_length)(const void *sb) = nullptr;
+
+    /* The checksum of a record of `length` bytes, which must fit its slot; it may clear the stored
+     * one. Null, and no place, when a record has none. */
+    uint32_t (*crc)(void *record, uint32_t length) = nullptr;
+    const tier_checksum_place *checksum = nullptr;
+
+    /* The magic and the entry's own number, if a record has them. */
+    tier_number magic{};
+    uint32_t magic_value = 0;
+    tier_number number{};
+
+    /* What a dump shows and a repair file says of the record, and its parts, if it has any. Without
+     * keys a repair file names its block by "meta_offset". */
+    tier_columns (*fields)() = nullptr;
+    tier_columns (*keys)() = nullptr;
+    const tier_parts *parts = nullptr;
+    /* Names of stretches of a slot that no field shows; null: there are none. */
+    std::vector<tier_stretch> (*stretches)(const void *sb) = nullptr;
+
+    /* Builds the block that a repair file describes, and prints it. */
+    zutr_repair_t repair{};
+
+    /* Of the entry, or of each word of a slot with packed entries. Without `in_use` all are. */
+    tier_number in_use{};
+    tier_owner owner{};
+    tier_claim claim{};
+    tier_bounds (*bounds)(const void *sb) = nullptr; /* null: every entry may be referred to */
+    /* Looks at the entry by itself; null: there is nothing to look at. */
+    void (*check)(const void *sb, const uint8_t *entry, tier_findings &to) = nullptr;
+    /* Of a super block. */
+    std::span<const tier_rule> rules{};
+
+    /* Whether its slots hold packed entries. */
+    bool packed() const { return parts != nullptr && parts->count == nullptr; }
+};
+
+struct tier_layout {
+    std::string_view name{}; /* "v1" */
+    int32_t version = 0;     /* as the option -v takes it */
+    tier_number version_number{};
+    uint32_t version_value = 0;
+    std::span<const tier_table *const> tables{}; /* the super block first, then as on the device */
+    std::vector<tier_area> (*areas)(const void *sb) = nullptr;
+};
+
+/* The super block of a run as the record of its layout. */
+template <class Super>
+const Super &tier_super(const void *sb)
+{
+    return *static_cast<const Super *>(sb);
+}
+
+/* CRC-32 of the bytes 4..`length` - 1 of a record. */
+uint32_t tier_crc(const void *record, uint32_t length);
+
+/* Stores the checksum of a record in it, if its table has one. */
+void tier_seal(const tier_table &table, void *record, uint32_t length);
+
+/* Byte offset of the slot of an entry. */
+int64_t tier_slot(const tier_regions &regions, uint64_t no);
+
+/* What every parser of an entry with a slot of its own ends with: seals the block. Gives the device
+ * offset of the slot of entry `no`, -EINVAL when something was refused, or -EFAULT, logged. */
+int64_t tier_finish(const zutr_json_reader &in, const tier_table &table, const void *sb,
+                    void *block, uint64_t no);
