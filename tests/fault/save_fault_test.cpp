@@ -184,8 +184,8 @@ TEST_F(RevertFaults, AWriteThatIsLostIsAnError)
 {
     const RunResult failed = revert("pwrite=lost");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: inode 2 reads back otherwise than it was written to " +
-                              device.path() + "\n");
+    EXPECT_EQ(failed.err, "zu_tierctl: inode 2 was written to " + device.path() +
+                              ", but reads back differently\n");
 }
 
 TEST_F(RevertFaults, AnUnreadableBlockCanBeWritten)

@@ -58,7 +58,7 @@ std::string in_quotes(const std::string &plain)
     return '"' + plain + '"';
 }
 
-// One bit of an entry, and how its field is told when only that bit differs.
+// One bit of an entry, and how diff shows its field when only that bit differs.
 struct Bit {
     std::string layout;
     std::string table;
@@ -202,7 +202,7 @@ TEST_P(DiffLayouts, EqualDevices)
     EXPECT_TRUE(a.device.bytes() == before);
 }
 
-TEST_P(DiffLayouts, EachBitIsToldInItsField)
+TEST_P(DiffLayouts, EachBitIsShownInItsField)
 {
     const std::string saved = save(a);
     for (const auto &[layout, table, no, at, mask, field] : bits()) {
@@ -384,7 +384,7 @@ TEST(Diff, TextsThatAreNoText)
     expect_entry(
         a.path(), b.path(), table, 0,
         {{"bi_checksum", checksum(plain), checksum(strange)}, {"bi_brickid", "\"plain\"", shown}});
-    // What is shown the same is told by its bytes.
+    // Values that look the same are shown as bytes.
     expect_entry(b.path(), c.path(), table, 0,
                  {{"bi_checksum", checksum(strange), checksum(alike)},
                   {"bytes 41..41", "\"ff\"", "\"fe\""}});

@@ -106,7 +106,7 @@ std::vector<MapTable> map_of(const Cache &cache)
     use("inode", {2});
     if (cache.layout == "v3") {
         use("shard", {512 + 1, 512 + 511});
-        use("hot", {0, 1, 2}); // nobody knows
+        use("hot", {0, 1, 2}); // opaque: always
         use("extent", {1024, 1024 + 100});
     } else {
         use("extent", {1, 3});

@@ -24,7 +24,7 @@ TEST_F(MapUse, UseByBrick)
     add(1, std::uint64_t{5} << 30); // of a brick that is free
     add(4294967295, 7);             // no such brick
     add(3, 0xFFFFFFFFFFFFFFFF);
-    add(3, 0xFFFFFFFFFFFFFFFF); // more than can be told
+    add(3, 0xFFFFFFFFFFFFFFFF); // more than 64 bits can hold
     const SuperV1 sb = super_v1(4, 8, 9);
     std::vector<ExtentV1> extents;
     for (const std::uint32_t inode : {1U, 2U, 2U, 3U, 7U, 100U}) // 7 is free, 100 does not exist

@@ -175,7 +175,7 @@ TEST_P(SaveLayouts, ZeroSlotsAreHoles)
     expect_complete(cache.device.path(), all_tables());
 }
 
-TEST_F(Save, ExpansionInodesLieBehindTheData)
+TEST_F(Save, ExpansionInodesLieAfterTheData)
 {
     SuperV2 sb = super_v2(1, 4, 2);
     set_expansion(sb, EXPANSION_UNIT, true);

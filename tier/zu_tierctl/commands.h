@@ -1,14 +1,19 @@
 #pragma once
 
+#include <string>
+
 namespace CLI {
 class App;
 }
 
 namespace tierctl {
 
-/* Each function adds a subcommand to `app`: its options, and a callback that runs it. When the
- * callback does not throw, the program ends with status 0, or with the one that the callback has
- * stored in `*status`, which has to outlive `app`. */
+/* Adds an operand to a subcommand, which cannot do without it. */
+void add_operand(CLI::App &command, const char *name, std::string &value, const char *help);
+
+/* Each function adds a subcommand to `app`: its options, and a callback that runs it. The program
+ * ends with the status that the callback has stored in `*status`, which has to outlive `app`. When
+ * it has stored none, the status is 0, or 1 after an exception. */
 void add_check(CLI::App &app, int *status);
 void add_diff(CLI::App &app, int *status);
 void add_map(CLI::App &app);

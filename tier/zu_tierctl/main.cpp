@@ -18,23 +18,22 @@ int fail(const std::exception &error, int status)
     return status;
 }
 
-int run(int argc, char *argv[])
+int run(int argc, char *argv[], int *status)
 {
     CLI::App app{"Companion of zu_tier: everything around the repair of a tier-cache device.",
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
-    int status = 0;
-    add_check(app, &status);
-    add_diff(app, &status);
+    add_check(app, status);
+    add_diff(app, status);
     add_map(app);
     add_revert(app);
     add_sample(app);
-    add_save(app, &status);
+    add_save(app, status);
     add_template(app);
     try {
         app.parse(argc, argv);
-        return status;
+        return *status;
     } catch (const CLI::Success &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
@@ -46,16 +45,22 @@ int run(int argc, char *argv[])
 
 } // namespace
 
+void add_operand(CLI::App &command, const char *name, std::string &value, const char *help)
+{
+    command.add_option(name, value, help)->type_name("")->required();
+}
+
 } // namespace tierctl
 
 int main(int argc, char *argv[])
 {
+    int status = 0;
     try {
         if (zutr_secure_streams() != 0) {
             tierctl::throw_errno("cannot open /dev/null");
         }
-        return tierctl::run(argc, argv);
+        return tierctl::run(argc, argv, &status);
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        return tierctl::fail(error, tierctl::STATUS_FAILURE);
+        return tierctl::fail(error, status != 0 ? status : tierctl::STATUS_FAILURE);
     }
 }

@@ -1,6 +1,5 @@
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/commands.h"
-#include "zu_tierctl/device/output.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -22,16 +21,6 @@ constexpr const char CHECK_FOOTER[] =
 constexpr const char TABLE_HELP[] = "Report on this table only; may be repeated\n"
                                     "super, brick, inode, extent; in v3 also shard and hot";
 
-int run(const CheckOptions &options)
-{
-    try {
-        return check(options) ? 0 : STATUS_FINDINGS;
-    } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        complain(error.what());
-        return STATUS_NOT_CHECKED;
-    }
-}
-
 } // namespace
 
 void add_check(CLI::App &app, int *status)
@@ -41,14 +30,15 @@ void add_check(CLI::App &app, int *status)
         app.add_subcommand("check", "Check the metadata of a device, without changing it");
     command->footer(CHECK_FOOTER);
     command->get_formatter()->column_width(32);
-    command->add_option("DEVICE", options->device, "Device, or image of one, to check")
-        ->type_name("")
-        ->required();
+    add_operand(*command, "DEVICE", options->device, "Device, or image of one, to check");
     command->add_flag("--json", options->json, "Report as JSON, not as text");
     command->add_option("--table", options->tables, TABLE_HELP)
         ->type_name("TABLE")
         ->allow_extra_args(false);
-    command->callback([options, status] { *status = run(*options); });
+    command->callback([options, status] {
+        *status = STATUS_NOT_CHECKED; /* if it throws */
+        *status = check(*options) ? 0 : STATUS_FINDINGS;
+    });
 }
 
 } // namespace tierctl

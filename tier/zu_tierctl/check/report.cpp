@@ -41,81 +41,73 @@ void put(const std::string &text)
 
 class TextReport : public Report {
 public:
-    explicit TextReport(const std::string &device) : Report(device) {}
+    using Report::Report;
 
 private:
-    void write(const Finding &finding) override;
-    void write_end() override;
+    void write(const Finding &finding) override
+    {
+        put(fmt::format("{}{}: {}{} {} at {}: {} ({}): {}\n", wipe_,
+                        severity_name(finding.kind.severity), finding.table,
+                        finding.unit == "block" ? " block" : "", finding.no, finding.offset,
+                        finding.text, finding.kind.name, command(finding)));
+    }
+
+    void write_end() override
+    {
+        std::string text = findings() == 0 ? "" : "\n";
+        text += fmt::format("{:<8}", "table");
+        for (const CountColumn &column : COLUMNS) {
+            text += fmt::format(" {:>12}", column.title);
+        }
+        for (const TableCounts &table : counts()) {
+            text += fmt::format("\n{:<8}", table.table);
+            for (const CountColumn &column : COLUMNS) {
+                text += fmt::format(" {:>12}", table.counts.*column.count);
+            }
+        }
+        text += "\n\n";
+        for (const auto &[kind, count] : kinds()) {
+            text += fmt::format("{:<32} {:>12}\n", kind, count);
+        }
+        put(text + fmt::format("{:<32} {:>12}\n", "findings", findings()));
+    }
 
     /* Begins each line of a finding: on a terminal it wipes a progress bar that stands there. */
     const char *wipe_ = isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "";
 };
 
-void TextReport::write(const Finding &finding)
-{
-    put(fmt::format("{}{}: {}{} {} at {}: {} ({}): {}\n", wipe_,
-                    severity_name(finding.kind.severity), finding.table,
-                    finding.unit == "block" ? " block" : "", finding.no, finding.offset,
-                    finding.text, finding.kind.name, command(finding)));
-}
-
-void TextReport::write_end()
-{
-    std::string text = findings() == 0 ? "" : "\n";
-    text += fmt::format("{:<8}", "table");
-    for (const CountColumn &column : COLUMNS) {
-        text += fmt::format(" {:>12}", column.title);
-    }
-    for (const TableCounts &table : counts()) {
-        text += fmt::format("\n{:<8}", table.table);
-        for (const CountColumn &column : COLUMNS) {
-            text += fmt::format(" {:>12}", table.counts.*column.count);
-        }
-    }
-    text += "\n\n";
-    for (const auto &[kind, count] : kinds()) {
-        text += fmt::format("{:<32} {:>12}\n", kind, count);
-    }
-    put(text + fmt::format("{:<32} {:>12}\n", "findings", findings()));
-}
-
 class JsonReport : public Report {
 public:
-    JsonReport(const std::string &device, std::string_view layout);
+    JsonReport(const std::string &device, std::string_view layout) : Report(device)
+    {
+        put(fmt::format(R"({{"device":{},"layout":"{}","findings":[)", json_text(device), layout));
+    }
 
 private:
-    void write(const Finding &finding) override;
-    void write_end() override;
+    void write(const Finding &finding) override
+    {
+        put(fmt::format(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},)"
+                        R"("offset":{},"command":{},"text":{}}})",
+                        delimiter_, finding.kind.name, severity_name(finding.kind.severity),
+                        finding.table, finding.unit, finding.no, finding.offset,
+                        json_text(command(finding)), json_text(finding.text)));
+        delimiter_ = ",\n";
+    }
+
+    void write_end() override
+    {
+        auto tables = nlohmann::ordered_json::object();
+        for (const TableCounts &table : counts()) {
+            for (const CountColumn &column : COLUMNS) {
+                tables[std::string(table.table)][column.key] = table.counts.*column.count;
+            }
+        }
+        put(fmt::format("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
+                        nlohmann::json(kinds()).dump()));
+    }
 
     const char *delimiter_ = "\n";
 };
-
-JsonReport::JsonReport(const std::string &device, std::string_view layout) : Report(device)
-{
-    put(fmt::format(R"({{"device":{},"layout":"{}","findings":[)", json_text(device), layout));
-}
-
-void JsonReport::write(const Finding &finding)
-{
-    put(fmt::format(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},)"
-                    R"("offset":{},"command":{},"text":{}}})",
-                    delimiter_, finding.kind.name, severity_name(finding.kind.severity),
-                    finding.table, finding.unit, finding.no, finding.offset,
-                    json_text(command(finding)), json_text(finding.text)));
-    delimiter_ = ",\n";
-}
-
-void JsonReport::write_end()
-{
-    auto tables = nlohmann::ordered_json::object();
-    for (const TableCounts &table : counts()) {
-        for (const CountColumn &column : COLUMNS) {
-            tables[std::string(table.table)][column.key] = table.counts.*column.count;
-        }
-    }
-    put(fmt::format("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
-                    nlohmann::json(kinds()).dump()));
-}
 
 } // namespace
 

@@ -43,6 +43,7 @@ struct Counts {
 /* Takes what a check finds. Throws when the report cannot be written. */
 class Report {
 public:
+    explicit Report(const std::string &device);
     virtual ~Report() = default;
 
     void add(const Finding &finding);
@@ -55,8 +56,6 @@ public:
     uint64_t findings() const { return findings_; }
 
 protected:
-    explicit Report(const std::string &device);
-
     struct TableCounts {
         std::string_view table;
         Counts counts;

@@ -37,19 +37,6 @@ struct DiffOptions {
     bool json = false;
 };
 
-int run(const DiffOptions &options)
-{
-    try {
-        const auto report = options.json ? make_json_report() : make_text_report();
-        const bool equal = diff(options.a, options.b, *report);
-        finish_output();
-        return equal ? 0 : STATUS_DIFFERENT;
-    } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
-        complain(error.what());
-        return STATUS_TROUBLE;
-    }
-}
-
 } // namespace
 
 void add_diff(CLI::App &app, int *status)
@@ -58,12 +45,16 @@ void add_diff(CLI::App &app, int *status)
     CLI::App *command =
         app.add_subcommand("diff", "Show which entries of two devices or saved files differ");
     command->footer(DIFF_FOOTER);
-    command->add_option("A", options->a, "Block device, image or saved file")
-        ->type_name("")
-        ->required();
-    command->add_option("B", options->b, "The same; both are only read")->type_name("")->required();
+    add_operand(*command, "A", options->a, "Block device, image or saved file");
+    add_operand(*command, "B", options->b, "The same; both are only read");
     command->add_flag("--json", options->json, "JSON lines: one for each difference");
-    command->callback([options, status] { *status = run(*options); });
+    command->callback([options, status] {
+        *status = STATUS_TROUBLE; /* if it throws */
+        const auto report = options->json ? make_json_report() : make_text_report();
+        const bool equal = diff(options->a, options->b, *report);
+        finish_output();
+        *status = equal ? 0 : STATUS_DIFFERENT;
+    });
 }
 
 } // namespace tierctl

@@ -80,9 +80,7 @@ void add_map(CLI::App &app)
     const auto options = std::make_shared<MapOptions>();
     CLI::App *command = app.add_subcommand("map", MAP_DESCRIPTION);
     command->footer(MAP_FOOTER);
-    command->add_option("DEVICE", options->device, "Block device or image, only read")
-        ->type_name("")
-        ->required();
+    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
     const CLI::Option *html =
         command->add_option("--html", options->html, "Draw a page into this new file instead")
             ->type_name("FILE");

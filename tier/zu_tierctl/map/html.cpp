@@ -126,7 +126,7 @@ std::string table_html(const MapTable &table)
 
 std::string number_cell(std::string_view number)
 {
-    return fmt::format("<td class=\"n\">{}</td>", number);
+    return fmt::format(R"(<td class="n">{}</td>)", number);
 }
 
 std::string number_cell(uint64_t number)
@@ -157,7 +157,7 @@ std::string bricks_html(const Map &map)
     std::string rows;
     for (const MapBrick &brick : map.bricks) {
         rows += "<tr>" + number_cell(brick.name) + number_cell(brick.inodes) +
-                fmt::format("<td class=\"n\" title=\"{} bytes\">{}</td>", brick.bytes,
+                fmt::format(R"(<td class="n" title="{} bytes">{}</td>)", brick.bytes,
                             bytes_text(brick.bytes)) +
                 number_cell(brick.extents) + bar_cell(brick.extents, map.bricks.front().extents) +
                 fmt::format("<td class=\"path\">{}</td></tr>\n", escaped(brick.path));

@@ -231,30 +231,30 @@ public:
     explicit MapReport(Map &map) : Report(map.device), map_(map) {}
 
 private:
-    void write(const Finding &finding) override;
+    void write(const Finding &finding) override
+    {
+        map_.findings_count++;
+        MapTable &table = *std::ranges::find(map_.tables, finding.table, &MapTable::name);
+        table.findings++;
+        const Numbering &numbering = table.numbering;
+        const bool is_block = finding.unit == "block";
+        const uint64_t index =
+            is_block ? finding.no * numbering.entries_a_slot() : numbering.index(finding.no);
+        if (!table.cells.empty()) {
+            table.cells[index / table.cell_entries].findings++;
+        }
+        if (map_.findings.size() < Map::FINDINGS_MAX) {
+            map_.findings.push_back(
+                {finding.kind.severity,
+                 fmt::format("{}{} {}", finding.table, is_block ? " block" : "", finding.no),
+                 finding.text, command(finding)});
+        }
+    }
+
     void write_end() override {} /* GCOVR_EXCL_LINE: nothing is printed */
 
     Map &map_;
 };
-
-void MapReport::write(const Finding &finding)
-{
-    map_.findings_count++;
-    MapTable &table = *std::ranges::find(map_.tables, finding.table, &MapTable::name);
-    table.findings++;
-    const Numbering &numbering = table.numbering;
-    const uint64_t index = finding.unit == "block" ? finding.no * numbering.entries_a_slot()
-                                                   : numbering.index(finding.no);
-    if (!table.cells.empty()) {
-        table.cells[index / table.cell_entries].findings++;
-    }
-    if (map_.findings.size() < Map::FINDINGS_MAX) {
-        map_.findings.push_back({finding.kind.severity,
-                                 fmt::format("{}{} {}", finding.table,
-                                             finding.unit == "block" ? " block" : "", finding.no),
-                                 finding.text, command(finding)});
-    }
-}
 
 } // namespace
 

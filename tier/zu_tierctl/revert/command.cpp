@@ -38,14 +38,12 @@ void add_revert(CLI::App &app)
     const auto options = std::make_shared<RevertOptions>();
     CLI::App *command = app.add_subcommand("revert", "Put an entry back from a saved file");
     command->footer(REVERT_FOOTER);
-    const auto add = [command](const char *name, std::string &to, const char *help) {
-        command->add_option(name, to, help)->type_name("")->required();
-    };
-    add("SAVED", options->saved, "Saved file, or any image or device");
-    add("DEVICE", options->device, "Block device or image; written only with --commit");
-    add("TABLE", options->table,
-        "super, brick, inode, extent; in v3 also shard and hot, and an entry\n"
-        "of shard, hot or extent is a block of the table");
+    add_operand(*command, "SAVED", options->saved, "Saved file, or any image or device");
+    add_operand(*command, "DEVICE", options->device,
+                "Block device or image; written only with --commit");
+    add_operand(*command, "TABLE", options->table,
+                "super, brick, inode, extent; in v3 also shard and hot, and an entry\n"
+                "of shard, hot or extent is a block of the table");
     command
         ->add_option_function<std::string>(
             "NO", [options](const std::string &text) { options->no = read_no(text); },

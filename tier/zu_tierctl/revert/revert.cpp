@@ -119,8 +119,8 @@ private:
             throw_errno("cannot read back " + name_ + " from " + device_.path());
         }
         if (now_ != then_) {
-            throw std::runtime_error(name_ + " reads back otherwise than it was written to " +
-                                     device_.path());
+            throw std::runtime_error(fmt::format("{} was written to {}, but reads back differently",
+                                                 name_, device_.path()));
         }
         print("written\n");
         finish_output();

@@ -127,28 +127,11 @@ std::vector<Table> sample_tables(std::string_view layout, const Super &super)
     return tables_of(*find_layout(layout), &super);
 }
 
-/* The brick table, one of `tables`, with the entries that `sample` makes. */
-template <class Sample>
-SampleTable sample_bricks(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)
+/* The table `name`, one of `tables`, with the record that `make` gives for each number. */
+template <class Make>
+SampleTable sample_table(const std::vector<Table> &tables, const char *name, const Make &make)
 {
-    return {find_table(tables, "brick"),
-            [sample](uint64_t no, uint8_t *slot) { put(slot, sample->brick(no)); }};
-}
-
-/* The same for the inode table. */
-template <class Sample>
-SampleTable sample_inodes(const std::shared_ptr<Sample> &sample, const std::vector<Table> &tables)
-{
-    return {find_table(tables, "inode"),
-            [sample](uint64_t no, uint8_t *slot) { put(slot, sample->inode(no)); }};
-}
-
-/* The super block. It has to be written last: a device whose tables are incomplete must not look
- * like a good one. */
-template <class Super>
-SampleTable sample_super(const Super &super, const std::vector<Table> &tables)
-{
-    return {find_table(tables, "super"), [super](uint64_t, uint8_t *slot) { put(slot, super); }};
+    return {find_table(tables, name), [make](uint64_t no, uint8_t *slot) { put(slot, make(no)); }};
 }
 
 /* The plan of a device of V1 or V2 with the super block `super` and the entries that `sample`
@@ -160,11 +143,12 @@ SamplePlan sample_plan(const std::shared_ptr<Sample> &sample, const Super &super
     return {
         device_size,
         {
-            sample_bricks(sample, tables),
-            sample_inodes(sample, tables),
+            sample_table(tables, "brick", [sample](uint64_t no) { return sample->brick(no); }),
+            sample_table(tables, "inode", [sample](uint64_t no) { return sample->inode(no); }),
             {find_table(tables, "extent"),
              [sample](uint64_t no, uint8_t *slot) { sample->fill_extent(no, slot); }},
-            sample_super(super, tables),
+            /* The last: a device whose tables are incomplete must not look like a good one. */
+            sample_table(tables, "super", [super](uint64_t) { return super; }),
         },
     };
 }

@@ -92,9 +92,7 @@ void add_sample(CLI::App &app)
     CLI::App *command = app.add_subcommand("sample", "Write the image of a sample device");
     command->footer(SAMPLE_FOOTER);
     command->get_formatter()->column_width(32);
-    command->add_option("FILE", options->file, "File, or with --force block device, to write")
-        ->type_name("")
-        ->required();
+    add_operand(*command, "FILE", options->file, "File, or with --force block device, to write");
     command->add_option("--layout", options->layout, layout_help())->type_name("NAME")->required();
     command->add_flag("--for-conversion", options->for_conversion, conversion_help());
     for (size_t i = 0; i < SIZES; i++) {

@@ -28,57 +28,31 @@ void flip(uint8_t *slot, uint64_t bit)
     slot[bit / 8] = static_cast<uint8_t>(slot[bit / 8] ^ (1U << (bit % 8)));
 }
 
-bool has_magic(const Table &table)
-{
-    return static_cast<bool>(table.row->magic);
-}
-
-bool has_number(const Table &table)
-{
-    return static_cast<bool>(table.row->number);
-}
-
-void spoil_magic(const Table &table, uint8_t *slot, Random &)
-{
-    flip(slot, table.row->magic.at * 8);
-    table.seal_slot(slot);
-}
-
-void spoil_number(const Table &table, uint8_t *slot, Random &)
-{
-    flip(slot, table.row->number.at * 8);
-    table.seal_slot(slot);
-}
-
-bool is_sealed(const Table &table)
-{
-    return table.row->crc != nullptr;
-}
-
 bool always(const Table &)
 {
     return true;
 }
 
-void spoil_checksum(const Table &, uint8_t *slot, Random &)
-{
-    flip(slot, 0); /* a bit of the checksum in every layout */
-}
-
-void spoil_any_bit(const Table &table, uint8_t *slot, Random &random)
-{
-    flip(slot, random.below(table.record_length * 8));
-}
-
-void spoil_everything(const Table &, uint8_t *slot, Random &)
-{
-    memset(slot, 0, SIZE_4K);
-}
-
 constexpr DamageKind KINDS[] = {
-    {"checksum", is_sealed, spoil_checksum}, {"magic", has_magic, spoil_magic},
-    {"number", has_number, spoil_number},    {"zero", always, spoil_everything},
-    {"bit", always, spoil_any_bit},
+    {"checksum", [](const Table &table) { return table.row->crc != nullptr; },
+     [](const Table &, uint8_t *slot, Random &) {
+         flip(slot, 0); /* a bit of the checksum in every layout */
+     }},
+    {"magic", [](const Table &table) { return static_cast<bool>(table.row->magic); },
+     [](const Table &table, uint8_t *slot, Random &) {
+         flip(slot, table.row->magic.at * 8);
+         table.seal_slot(slot);
+     }},
+    {"number", [](const Table &table) { return static_cast<bool>(table.row->number); },
+     [](const Table &table, uint8_t *slot, Random &) {
+         flip(slot, table.row->number.at * 8);
+         table.seal_slot(slot);
+     }},
+    {"zero", always, [](const Table &, uint8_t *slot, Random &) { memset(slot, 0, SIZE_4K); }},
+    {"bit", always,
+     [](const Table &table, uint8_t *slot, Random &random) {
+         flip(slot, random.below(table.record_length * 8));
+     }},
 };
 
 [[noreturn]] void refuse(std::string_view text, std::string_view why)

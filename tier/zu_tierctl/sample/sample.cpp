@@ -21,8 +21,8 @@ const std::array<SizeOption, SIZES> SIZE_OPTIONS = {{
     {"--extent-size", "Bytes of an extent record with its bitmap, by default a bit\n"
                       "for each 4096-byte page of a block, in words of 64"},
     {"--expansion", "Inodes of the expansion area, which is in use"},
-    {"--shards", "Entries of the shard table, with the first one of each\n"
-                 "block, which is none"},
+    {"--shards", "Entries of the shard table; the first of each block counts,\n"
+                 "but holds no shard"},
     {"--extents", "Entries of the extent table"},
     {"--hot-size", "Bytes of the hot table"},
 }};

@@ -1,6 +1,8 @@
 #include "zu_tier/format/v3.h"
 #include "zu_tierctl/sample/cache.h"
 
+#include <algorithm>
+
 namespace tierctl {
 
 /* Sample devices of layout V3. */
@@ -98,10 +100,9 @@ public:
 
     tier_inode_v3_t inode(uint64_t no);
 
-    /* Each fills a whole block. */
-    void fill_shards(uint64_t no, uint8_t *slot);
-    void fill_hot(uint8_t *slot);
-    void fill_extents(uint64_t no, uint8_t *slot);
+    tier_packed_block_v3_t shard_block(uint64_t no);
+    std::array<uint8_t, SIZE_4K> hot_block();
+    tier_packed_block_v3_t extent_block(uint64_t no);
 
 private:
     struct CachedFile {
@@ -150,12 +151,12 @@ void SampleV3::fill_words(const tier_region &table, uint64_t no, uint32_t first,
     }
 }
 
-void SampleV3::fill_shards(uint64_t no, uint8_t *slot)
+tier_packed_block_v3_t SampleV3::shard_block(uint64_t no)
 {
     tier_packed_block_v3_t block{};
     block.word[0] = SHARD_MAGIC_V3.put(0, TIER_SHARD_MAGIC_V3);
     fill_words(tier_shards_v3(super_), no, 1, &block, [this](uint64_t sno) { return shard(sno); });
-    put(slot, block);
+    return block;
 }
 
 uint64_t SampleV3::shard(uint64_t no)
@@ -166,18 +167,19 @@ uint64_t SampleV3::shard(uint64_t no)
     return SHARD_INDEX_V3.put(word, file.shards++);
 }
 
-void SampleV3::fill_hot(uint8_t *slot)
+std::array<uint8_t, SIZE_4K> SampleV3::hot_block()
 {
-    for (uint32_t i = 0; i < SIZE_4K; i++) {
-        slot[i] = static_cast<uint8_t>(cache_.random().between(1, 256));
-    }
+    std::array<uint8_t, SIZE_4K> block;
+    std::ranges::generate(block,
+                          [this] { return static_cast<uint8_t>(cache_.random().between(1, 256)); });
+    return block;
 }
 
-void SampleV3::fill_extents(uint64_t no, uint8_t *slot)
+tier_packed_block_v3_t SampleV3::extent_block(uint64_t no)
 {
     tier_packed_block_v3_t block{};
     fill_words(tier_extents_v3(super_), no, 0, &block, [this](uint64_t) { return extent(); });
-    put(slot, block);
+    return block;
 }
 
 /* Extents go through all addresses turn by turn. In each turn an address gets another shard, as
@@ -216,15 +218,15 @@ SamplePlan plan_v3(const Sizes &sizes, uint64_t seed)
     return {
         super.sb_block_area_offset + super.sb_block_area_size,
         {
-            sample_bricks(sample, tables),
-            sample_inodes(sample, tables),
-            {find_table(tables, "shard"),
-             [sample](uint64_t no, uint8_t *slot) { sample->fill_shards(no, slot); }},
-            {find_table(tables, "hot"),
-             [sample](uint64_t, uint8_t *slot) { sample->fill_hot(slot); }},
-            {find_table(tables, "extent"),
-             [sample](uint64_t no, uint8_t *slot) { sample->fill_extents(no, slot); }},
-            sample_super(super, tables),
+            sample_table(tables, "brick", [sample](uint64_t no) { return sample->brick(no); }),
+            sample_table(tables, "inode", [sample](uint64_t no) { return sample->inode(no); }),
+            sample_table(tables, "shard",
+                         [sample](uint64_t no) { return sample->shard_block(no); }),
+            sample_table(tables, "hot", [sample](uint64_t) { return sample->hot_block(); }),
+            sample_table(tables, "extent",
+                         [sample](uint64_t no) { return sample->extent_block(no); }),
+            /* The last: a device whose tables are incomplete must not look like a good one. */
+            sample_table(tables, "super", [super](uint64_t) { return super; }),
         },
     };
 }

@@ -36,10 +36,8 @@ void add_save(CLI::App &app, int *status)
     const auto options = std::make_shared<SaveOptions>();
     CLI::App *command = app.add_subcommand("save", SAVE_DESCRIPTION);
     command->footer(SAVE_FOOTER);
-    command->add_option("DEVICE", options->device, "Block device or image, only read")
-        ->type_name("")
-        ->required();
-    command->add_option("FILE", options->file, "File to create")->type_name("")->required();
+    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
+    add_operand(*command, "FILE", options->file, "File to create");
     command->callback([options, status] {
         if (!save(options->device, options->file)) {
             complain(options->file + " is incomplete: see " + unreadable_path(options->file));
