@@ -332,7 +332,7 @@ std::string counts_text(const Counts &counts, uint64_t findings)
 
 std::string shown_text(const std::string &text)
 {
-    std::string shown = quoted(text);
+    std::string shown = tierctl::quoted(text); /* not std::quoted */
     return shown == '"' + text + '"' ? text : shown;
 }
 

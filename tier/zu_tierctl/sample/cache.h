@@ -136,17 +136,17 @@ SampleTable sample_table(const std::vector<Table> &tables, const char *name, con
 
 /* The plan of a device of V1 or V2 with the super block `super` and the entries that `sample`
  * makes. */
-template <class Sample, class Super>
-SamplePlan sample_plan(const std::shared_ptr<Sample> &sample, const Super &super,
+template <class Contents, class Super>
+SamplePlan sample_plan(const std::shared_ptr<Contents> &contents, const Super &super,
                        const std::vector<Table> &tables, uint64_t device_size)
 {
     return {
         device_size,
         {
-            sample_table(tables, "brick", [sample](uint64_t no) { return sample->brick(no); }),
-            sample_table(tables, "inode", [sample](uint64_t no) { return sample->inode(no); }),
+            sample_table(tables, "brick", [contents](uint64_t no) { return contents->brick(no); }),
+            sample_table(tables, "inode", [contents](uint64_t no) { return contents->inode(no); }),
             {find_table(tables, "extent"),
-             [sample](uint64_t no, uint8_t *slot) { sample->fill_extent(no, slot); }},
+             [contents](uint64_t no, uint8_t *slot) { contents->fill_extent(no, slot); }},
             /* The last: a device whose tables are incomplete must not look like a good one. */
             sample_table(tables, "super", [super](uint64_t) { return super; }),
         },

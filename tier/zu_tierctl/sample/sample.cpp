@@ -92,8 +92,8 @@ void sample(const SampleOptions &options)
     const SampleLayout &layout = choose_layout(options);
     const SamplePlan plan = layout.sample(choose_sizes(options, layout), options.seed);
     std::vector<Table> tables;
-    for (const SampleTable &sample : plan.tables) {
-        tables.push_back(sample.table);
+    for (const SampleTable &planned : plan.tables) {
+        tables.push_back(planned.table);
     }
     const std::vector<Damage> damages = parse_damage(options.damage, tables);
 
@@ -102,8 +102,8 @@ void sample(const SampleOptions &options)
         throw std::bad_alloc();
     }
     Image image(options.file, plan.device_size, options.force);
-    for (const SampleTable &sample : plan.tables) {
-        write_table(image, sample, run.get());
+    for (const SampleTable &planned : plan.tables) {
+        write_table(image, planned, run.get());
     }
     apply_damage(image, damages, options.seed);
     image.commit();

@@ -35,9 +35,9 @@ private:
 
 SamplePlan plan_v1(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<SampleV1>(sizes, seed);
-    const tier_super_block_v1_t super = sample->super();
-    return sample_plan(sample, super, sample_tables("v1", super), data_end(super));
+    const auto contents = std::make_shared<SampleV1>(sizes, seed);
+    const tier_super_block_v1_t super = contents->super();
+    return sample_plan(contents, super, sample_tables("v1", super), data_end(super));
 }
 
 } // namespace

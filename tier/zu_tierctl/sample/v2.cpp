@@ -148,23 +148,23 @@ tier_mapped_meta_v2_t SampleV2::piece(uint32_t mapno, const Held &held) const
 
 SamplePlan plan_v2(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<SampleV2>(sizes, seed);
-    const tier_super_block_v2_t &super = sample->super();
+    const auto contents = std::make_shared<SampleV2>(sizes, seed);
+    const tier_super_block_v2_t &super = contents->super();
     const tier_region expansion = tier_exp_inodes_v2(super);
     const uint64_t end = expansion.count == 0
                              ? data_end(super)
                              : static_cast<uint64_t>(expansion.slot(expansion.count));
-    return sample_plan(sample, super, sample_tables("v2", super), end);
+    return sample_plan(contents, super, sample_tables("v2", super), end);
 }
 
 /* The tables of V2 under a super block of V1. */
 SamplePlan plan_for_conversion(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<SampleV2>(sizes, seed);
-    const tier_super_block_v1_t super = sample->super_v1();
-    std::vector<Table> tables = sample_tables("v2", sample->super());
+    const auto contents = std::make_shared<SampleV2>(sizes, seed);
+    const tier_super_block_v1_t super = contents->super_v1();
+    std::vector<Table> tables = sample_tables("v2", contents->super());
     tables.front() = sample_tables("v1", super).front();
-    return sample_plan(sample, super, tables, data_end(super));
+    return sample_plan(contents, super, tables, data_end(super));
 }
 
 constexpr auto BOUNDS_FOR_CONVERSION = [] {

@@ -212,19 +212,19 @@ Sizes with_blocks(Sizes sizes)
 
 SamplePlan plan_v3(const Sizes &sizes, uint64_t seed)
 {
-    const auto sample = std::make_shared<SampleV3>(with_blocks(sizes), seed);
-    const SuperBlock &super = sample->super();
+    const auto contents = std::make_shared<SampleV3>(with_blocks(sizes), seed);
+    const SuperBlock &super = contents->super();
     const std::vector<Table> tables = sample_tables("v3", super);
     return {
         super.sb_block_area_offset + super.sb_block_area_size,
         {
-            sample_table(tables, "brick", [sample](uint64_t no) { return sample->brick(no); }),
-            sample_table(tables, "inode", [sample](uint64_t no) { return sample->inode(no); }),
+            sample_table(tables, "brick", [contents](uint64_t no) { return contents->brick(no); }),
+            sample_table(tables, "inode", [contents](uint64_t no) { return contents->inode(no); }),
             sample_table(tables, "shard",
-                         [sample](uint64_t no) { return sample->shard_block(no); }),
-            sample_table(tables, "hot", [sample](uint64_t) { return sample->hot_block(); }),
+                         [contents](uint64_t no) { return contents->shard_block(no); }),
+            sample_table(tables, "hot", [contents](uint64_t) { return contents->hot_block(); }),
             sample_table(tables, "extent",
-                         [sample](uint64_t no) { return sample->extent_block(no); }),
+                         [contents](uint64_t no) { return contents->extent_block(no); }),
             /* The last: a device whose tables are incomplete must not look like a good one. */
             sample_table(tables, "super", [super](uint64_t) { return super; }),
         },
