@@ -7,5 +7,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-install_packages "${BUILD_PACKAGES[@]}" libgtest-dev mount ninja-build python3 tzdata
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" ninja-build python3
 PYTHONDONTWRITEBYTECODE=1 exec python3 tests/mutation/mutate.py "$@"

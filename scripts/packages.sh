@@ -1,6 +1,8 @@
 # Sourced by the other scripts: installs the Debian packages that they need.
 
-BUILD_PACKAGES=(g++ make cmake pkg-config libcjson-dev uuid-dev libcli11-dev)
+BUILD_PACKAGES=(g++ make cmake pkg-config libcjson-dev uuid-dev libcli11-dev libfmt-dev
+    nlohmann-json3-dev)
+TEST_PACKAGES=(libgtest-dev libpugixml-dev mount tzdata)
 
 # install_packages NAME...: says which of the packages are missing and installs them.
 install_packages() {

@@ -25,7 +25,7 @@ for sweep in "$@"; do
     }
 done
 
-install_packages "${BUILD_PACKAGES[@]}" libgtest-dev mount tzdata
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 cmake --preset test >/dev/null
 cmake --build --preset test --parallel "$(nproc)" --target sweep_tests -- --quiet >/dev/null
 if $sanitize; then

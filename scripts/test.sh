@@ -1,21 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: all of them on the release build, those of
-# functions and programs under the address and undefined-behaviour sanitizers and once more to count
-# what they reach, and every fuzz target for some seconds. The last line counts the tests of the
-# release build and of the sanitizers.
+# functions and programs under the sanitizers, where they count what they reach, and every fuzz target
+# for some seconds. The last line counts the tests of the release build and of the sanitizers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 . scripts/shards.sh
+. scripts/sanitized.sh
 
-build() {
-    step "Build: $1"
-    cmake --preset "$1" >/dev/null
-    cmake --build --preset "$1" --parallel "$(nproc)" -- --quiet
-}
-
-install_packages "${BUILD_PACKAGES[@]}" dpkg-dev git jq libgtest-dev mount pdsh strace \
-    tzdata valgrind
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" dpkg-dev gcovr git jq pdsh strace \
+    valgrind
 
 build test
 cpack --config build/CPackConfig.cmake -B build/package >/dev/null
@@ -24,19 +18,8 @@ for tests in unit cli tierctl fault sweep cost hardening memcheck package runboo
 done
 
 build sanitize
-# All zones of the machine take long, and the same code.
-run_tests "unit, under the sanitizers" build-sanitize/unit_tests \
-    --gtest_filter='-*.EveryZoneOfTheMachine'
-export ZU_TIER_PROGRAMS=$PWD/build-sanitize
-run_tests "fault, under the sanitizers" build/fault_tests
-# The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for them.
-export ASAN_OPTIONS=detect_leaks=0
-run_tests "cli, under the sanitizers" build/cli_tests
-run_tests "tierctl, under the sanitizers" build/tierctl_tests --gtest_filter='-*Large*:Killed*'
-unset ZU_TIER_PROGRAMS ASAN_OPTIONS
-
-step "Coverage"
-scripts/coverage.sh
+run_sanitized_tests
+report_coverage
 
 step "Fuzz"
 scripts/fuzz.sh all 3

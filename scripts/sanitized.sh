@@ -1,0 +1,37 @@
+# Sourced by the other scripts: runs the tests over the programs of the preset sanitize, and says
+# what of the sources they have reached. Sources packages.sh and shards.sh before.
+
+LINES_AT_LEAST=99
+BRANCHES_AT_LEAST=95
+
+# build PRESET [TARGET...]
+build() {
+    step "Build: $1"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1" --parallel "$(nproc)" ${2:+--target "${@:2}"} -- --quiet
+}
+
+# Each test program is that of the test build, but for the tests of functions; what it starts is
+# watched and counted. Runs at the same time add up their counts; who is killed has none.
+run_sanitized_tests() {
+    find build-sanitize -name '*.gcda' -delete
+    # All zones of the machine take long, and the same code.
+    run_tests "unit, under the sanitizers" build-sanitize/unit_tests \
+        --gtest_filter='-*.EveryZoneOfTheMachine'
+    local -x ZU_TIER_PROGRAMS=$PWD/build-sanitize
+    run_tests "fault, under the sanitizers" build/fault_tests
+    # The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for them.
+    local -x ASAN_OPTIONS=detect_leaks=0
+    run_tests "cli, under the sanitizers" build/cli_tests
+    run_tests "tierctl, under the sanitizers" build/tierctl_tests --gtest_filter='-*Large*:Killed*'
+}
+
+# Prints a table of the sources in tier/. Fails if the tests have reached too little.
+report_coverage() {
+    step "Coverage"
+    mkdir -p build-sanitize/html
+    gcovr -j "$(nproc)" --filter tier/ --exclude-throw-branches --exclude-unreachable-branches \
+        --txt - --print-summary --html-details build-sanitize/html/index.html \
+        --fail-under-line "$LINES_AT_LEAST" --fail-under-branch "$BRANCHES_AT_LEAST" \
+        build-sanitize/tier
+}
