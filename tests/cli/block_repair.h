@@ -3,15 +3,11 @@
 // Repairs of whole blocks, which the file puts anywhere between the start of their table and the
 // next area.
 
-#include "json_number.h"
 #include "packed_table.h"
-#include "repair_file.h"
+#include "parsed.h"
 #include "repair_fixture.h"
 
-#include <algorithm>
-#include <iterator>
 #include <string>
-#include <vector>
 
 namespace tier_test {
 
@@ -37,38 +33,27 @@ protected:
         device.write(SUPER_OFFSET, encode(changed));
     }
 
+    const TableModel &format = model(3, table.repair.substr(7));
+
     LogLine error(const std::string &message) const { return error_line(table.parser, message); }
-    LogLine value_line(const std::string &key, std::uint64_t value) const
-    {
-        return debug_line(table.parser, key + ": " + std::to_string(value));
-    }
+    // What the log says of the keys of the file.
+    Log lines_of(const std::string &file) const { return parsed(format, encode(super), file).log; }
 
-    Log lines_behind_offset(const Log &lines) const
+    // The file makes this block. Nothing is printed.
+    void expect_block(const std::string &file, const Block &block)
     {
-        Log log{value_line("meta_offset", static_cast<std::uint64_t>(target))};
-        std::ranges::copy(lines, std::back_inserter(log));
-        return log;
-    }
-
-    // The file makes this block; `lines` follow that of the offset. Nothing is printed.
-    void expect_block(const std::string &file, const Log &lines, const Block &block)
-    {
-        expect_accepted(file, lines_behind_offset(lines), [&](const std::string &) {
+        expect_accepted(file, lines_of(file), [&](const std::string &) {
             return Repaired{target, block, ""};
         });
     }
 
-    // The parse ends with this message behind these lines.
-    void expect_refused_behind(const std::string &file, Log lines, const std::string &message)
+    // The parse ends with this message.
+    void expect_refused_with(const std::string &file, const std::string &message, int status = 22)
     {
-        lines = lines_behind_offset(lines);
-        lines.push_back(error(message));
-        expect_refused(file, lines);
+        const Log lines = lines_of(file);
+        EXPECT_EQ(lines.back(), error(message));
+        expect_refused(file, lines, status);
     }
 };
-
-// Values of every JSON type but a number.
-inline const std::vector<std::string> NO_NUMBERS{"\"5\"", "null", "true",     "false",
-                                                 "[]",    "[5]",  "{\"a\":5}"};
 
 } // namespace tier_test

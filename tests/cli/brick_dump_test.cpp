@@ -1,7 +1,7 @@
 // The brick tables of all layouts as they are shown.
 
+#include "table.h"
 #include "table_dump.h"
-#include "tables.h"
 
 using namespace tier_test;
 

@@ -1,7 +1,7 @@
 // Bricks are the same records in layout versions 1 and 2.
 
 #include "run.h"
-#include "table_v2.h"
+#include "table.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ TEST(BrickV2, EntryWrittenUnderV1IsShownByTheSameLine)
     const SuperV2 new_super = super_v2(4, 2, 2);
     ASSERT_EQ(brick_offset(old_super, 2), brick_offset(new_super, 2));
     const auto slot = static_cast<std::uint64_t>(brick_offset(new_super, 2));
-    const std::string used = repair_file(table<SuperV1, BrickV1>().keys, brick_used(2)).text();
+    const std::string used = table<SuperV1, BrickV1>().file_of({}, brick_used(2)).text();
     for (const std::string &document : {used, std::string(R"({"bi_use":0,"bi_no":2})")}) {
         const Device old_device = make_v1_device(old_super);
         const std::string conf = old_device.directory().write("conf.json", document);

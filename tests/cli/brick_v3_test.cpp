@@ -1,8 +1,8 @@
 // The brick table of V3 where it differs from that of the other layouts.
 
+#include "table.h"
 #include "table_dump.h"
 #include "table_repair.h"
-#include "table_v3.h"
 
 using namespace tier_test;
 
@@ -65,9 +65,9 @@ TEST_F(BrickV3Repair, LastBrickGoesToTheLastSlot)
         BrickV3 brick = table.repairable(last, 0);
         ASSERT_EQ(table.offset(super, last),
                   static_cast<std::int64_t>(super.brick_table_offset + (count - 1) * 4096));
-        expect_entry(repair_file(table.keys, brick).text(), brick);
+        expect_entry(file_text(brick), brick);
         brick.no = static_cast<std::uint32_t>(count);
-        expect_entry_or_bounds_error(repair_file(table.keys, brick).text(), brick);
+        expect_entry_or_bounds_error(file_text(brick), brick);
     }
 }
 

@@ -1,7 +1,7 @@
 // The extent tables of all layouts as they are shown.
 
+#include "table.h"
 #include "table_dump.h"
-#include "tables.h"
 
 using namespace tier_test;
 
@@ -21,10 +21,10 @@ TYPED_TEST_SUITE(ExtentDump, ExtentTables, LayoutNames);
 
 TYPED_TEST(ExtentDump, SamplingLowIsStoredInReverse)
 {
-    Block block = this->table.encode(this->super, this->table.used(1, 2));
+    Block block = this->table.encoded(this->super, this->table.used(1, 2));
     for (std::uint8_t i = 0; i < 4; ++i)
         block[20 + i] = static_cast<std::uint8_t>(0x11 * (i + 1));
-    seal(block, this->table.length(this->super));
+    seal(block, this->table.record_length(this->super));
     this->device.write(static_cast<std::uint64_t>(extent_offset(this->super, 1)), block);
     const LoggedRun run = run_logged(this->device, "dump_extent", {"-n", "1"});
     EXPECT_NE(run.out.find("\"te_sampling_low\":\"11223344\","), std::string::npos) << run;

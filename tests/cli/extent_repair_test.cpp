@@ -1,7 +1,7 @@
 // Repairs of the extent tables of all layouts.
 
+#include "table.h"
 #include "table_repair.h"
-#include "tables.h"
 
 using namespace tier_test;
 
@@ -24,22 +24,10 @@ TYPED_TEST(ExtentRepair, InodeNumberMustBeBelowTheCount)
     for (const std::uint32_t inode_no : {0U, 5U, 6U, 7U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
         SCOPED_TRACE(inode_no);
         const auto extent = this->table.repairable(2, inode_no);
-        this->expect_entry_or_bounds_error(repair_file(this->table.keys, extent).text(), extent);
+        this->expect_entry_or_bounds_error(this->file_text(extent), extent);
     }
     const auto both = this->table.repairable(7, 6);
-    this->expect_entry_or_bounds_error(repair_file(this->table.keys, both).text(), both);
-}
-
-TYPED_TEST(ExtentRepair, InodeNumberIsNarrowedBeforeItIsChecked)
-{
-    for (const JsonNumber &number : boundary_numbers())
-        this->expect_number(this->key("te_inode_no"), number);
-}
-
-TYPED_TEST(ExtentRepair, InodeNumberOfAFreeExtentIsNotRead)
-{
-    this->expect_entry(RepairFile(this->file).number("te_use", 0).number("te_inode_no", 6).text(),
-                       this->freed(this->sample));
+    this->expect_entry_or_bounds_error(this->file_text(both), both);
 }
 
 // The text of the dump, spelt as a number, gives the same bytes back.
@@ -72,10 +60,9 @@ TYPED_TEST(ExtentRepair, OffsetInFrontOfTheDevice)
     this->set_super(changed);
     Log lines = this->key_log(this->table.repairable(1, 0));
     lines.push_back(this->error("entry offset -4096 is invalid"));
-    this->expect_refused(repair_file(this->table.keys, this->table.repairable(1, 0)).text(), lines,
-                         14);
+    this->expect_refused(this->file_text(this->table.repairable(1, 0)), lines, 14);
     const auto first = this->table.repairable(2, 0); // at the very start
-    this->expect_entry(repair_file(this->table.keys, first).text(), first);
+    this->expect_entry(this->file_text(first), first);
 }
 
 } // namespace

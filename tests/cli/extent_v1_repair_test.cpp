@@ -1,5 +1,6 @@
 // What is particular to repairs of the extent table of layout version 1.
 
+#include "dump_text.h"
 #include "table_repair.h"
 
 using namespace tier_test;
@@ -21,6 +22,14 @@ protected:
         for (std::size_t i = 0; i < count; ++i)
             result.push_back(0xFFFF'0000'0000'0001U + i);
         return result;
+    }
+
+    static std::string array(const std::vector<std::uint64_t> &numbers)
+    {
+        std::vector<std::string> items;
+        for (const std::uint64_t number : numbers)
+            items.push_back(std::to_string(number));
+        return joined(items);
     }
 
     std::string with_bitmap(const std::string &bitmap) const
@@ -47,12 +56,12 @@ TEST_F(ExtentV1Repair, BitmapOfEveryRecordSize)
         const std::size_t wanted = (bytes - 56) / 8;
         ExtentV1 extent = sample;
         extent.bitmap = words(wanted);
-        expect_entry(repair_file(table.keys, extent).text(), extent);
+        expect_entry(file_text(extent), extent);
         for (const std::size_t count : {wanted - 1, wanted + 1, 2 * wanted + 2}) {
             if (wanted == 0 && count == wanted - 1)
                 continue;
             SCOPED_TRACE(count);
-            expect_bitmap_refused(with_bitmap(json_value(words(count))), PRESENT, wanted);
+            expect_bitmap_refused(with_bitmap(array(words(count))), PRESENT, wanted);
         }
     }
 }
@@ -77,32 +86,13 @@ TEST_F(ExtentV1Repair, BitmapMissing)
     expect_bitmap_refused(RepairFile(file).erase("te_bitmap").text(), "(nil)", 0);
 }
 
-TEST_F(ExtentV1Repair, BitmapOfAnotherType)
+// No words are wanted, but still an array.
+TEST_F(ExtentV1Repair, EmptyBitmapOfAnotherType)
 {
-    const std::vector<std::string> others{
-        "5",  "\"1 2\"",          "null",  "true",
-        "{}", R"({"a":1,"b":2})", "false", "\"0x0000000000000001 \""};
-    for (const std::string &value : others) {
-        SCOPED_TRACE(value);
-        expect_bitmap_refused(with_bitmap(value), PRESENT, 2);
-    }
-    set_extent_size(56); // no words wanted, but still an array
+    set_extent_size(56);
     for (const std::string value : {"{}", "\"\"", "0", "null"}) {
         SCOPED_TRACE(value);
         expect_bitmap_refused(with_bitmap(value), PRESENT, 0);
-    }
-}
-
-TEST_F(ExtentV1Repair, BitmapItemOfAnotherType)
-{
-    for (const std::string &value : values_of_other_types(true)) {
-        SCOPED_TRACE(value);
-        expect_refused_at("te_bitmap", with_bitmap("[" + value + ",2]"),
-                          "te_bitmap index 0 is invalid, value:<address>");
-        expect_refused_at("te_bitmap", with_bitmap("[1," + value + "]"),
-                          "te_bitmap index 1 is invalid, value:<address>");
-        expect_refused_at("te_bitmap", with_bitmap("[" + value + "," + value + "]"),
-                          "te_bitmap index 0 is invalid, value:<address>");
     }
 }
 

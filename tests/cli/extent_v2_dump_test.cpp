@@ -2,8 +2,8 @@
 // records of every size that a slot can hold.
 
 #include "extent_v2_sizes.h"
+#include "table.h"
 #include "table_dump.h"
-#include "table_v2.h"
 
 using namespace tier_test;
 

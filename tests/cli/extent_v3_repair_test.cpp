@@ -13,18 +13,6 @@ protected:
         EXPECT_EQ(repair(document(items).text(), {"-y"}).status, 0);
         return device.block(static_cast<std::uint64_t>(target));
     }
-
-    // One extent with a number in this key; `stored` is what its field keeps.
-    void expect_cut(const std::string &key, std::uint64_t number, std::uint32_t ExtentV3::*field,
-                    std::uint32_t stored)
-    {
-        SCOPED_TRACE(key + ": " + std::to_string(number));
-        ExtentV3 extent = sample;
-        extent.*field = stored;
-        RepairFile item = file_of({5, sample});
-        item.number(key, number);
-        expect_block(document({item.text()}).text(), log_of({5, extent}), encode(packed({extent})));
-    }
 };
 
 TEST_F(ExtentV3Repair, EmptyBlockHasNothingButItsChecksum)
@@ -67,20 +55,6 @@ TEST_F(ExtentV3Repair, NumberMayBeAMultipleOf512)
     first.slot = 0;
     for (const std::uint64_t no : {0U, 512U, 1024U, 5120U})
         expect_items({{no, first}}, packed({first}));
-}
-
-TEST_F(ExtentV3Repair, FieldsKeepTheirLowBits)
-{
-    expect_cut("lba", 524287, &ExtentV3::lba, 524287);
-    expect_cut("lba", 524288, &ExtentV3::lba, 0);
-    expect_cut("shard", 524289, &ExtentV3::shard, 1);
-    expect_cut("dirty", 2, &ExtentV3::dirty, 0);
-    expect_cut("dirty", 3, &ExtentV3::dirty, 1);
-    expect_cut("bitmap", 65537, &ExtentV3::bitmap, 1);
-    expect_cut("sense", 17, &ExtentV3::sense, 1);
-    expect_cut("demote", 2, &ExtentV3::demote, 0);
-    expect_cut("dm_err", 5, &ExtentV3::dm_err, 1);
-    expect_cut("reserved", 4, &ExtentV3::reserved, 0);
 }
 
 // A dump does not show them.

@@ -14,7 +14,6 @@ protected:
         file.set("meta_offset", std::to_string(target));
         return file;
     }
-    static Log sample_lines() { return {}; }
     static Block sample_block() { return {}; }
 };
 

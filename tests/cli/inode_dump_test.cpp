@@ -1,7 +1,7 @@
 // The inode tables of all layouts as they are shown.
 
+#include "table.h"
 #include "table_dump.h"
-#include "tables.h"
 
 #include <cctype>
 

@@ -1,7 +1,7 @@
 // Repairs of the inode tables of all layouts.
 
+#include "table.h"
 #include "table_repair.h"
-#include "tables.h"
 
 using namespace tier_test;
 
@@ -19,31 +19,17 @@ protected:
     void expect_numbers(const typename T::Entry &inode)
     {
         SCOPED_TRACE(text("inode %u of brick %u", inode.no, inode.brick_no));
-        this->expect_entry_or_bounds_error(repair_file(this->table.keys, inode).text(), inode);
+        this->expect_entry_or_bounds_error(this->file_text(inode), inode);
     }
 };
 
 TYPED_TEST_SUITE(InodeRepair, InodeTables, LayoutNames);
-
-TYPED_TEST(InodeRepair, UuidTexts)
-{
-    this->expect_uuid_rules("i_uuid");
-    auto nil = this->sample;
-    nil.uuid = {};
-    this->expect_entry(repair_file(this->table.keys, nil).text(), nil);
-}
 
 TYPED_TEST(InodeRepair, BrickNumberMustBeBelowTheCount)
 {
     for (const std::uint32_t brick_no : {0U, 4U, 5U, 6U, 0xFFFFFFFFU})
         this->expect_numbers(this->table.repairable(2, brick_no));
     this->expect_numbers(this->table.repairable(6, 5)); // both out of bounds
-}
-
-TYPED_TEST(InodeRepair, BrickNumberIsNarrowedBeforeItIsChecked)
-{
-    for (const JsonNumber &number : boundary_numbers())
-        this->expect_number(this->key("i_brick_no"), number);
 }
 
 TYPED_TEST(InodeRepair, BrickNeedNotBeInUse)
@@ -62,14 +48,6 @@ TYPED_TEST(InodeRepair, FreeInodeHoldsNothingButItsNumber)
     seal(expected, 96);
     EXPECT_EQ(this->device.block(static_cast<std::uint64_t>(inode_offset(this->super, 2))),
               expected);
-}
-
-TYPED_TEST(InodeRepair, TimesAreNumbersAndNotTheTextsOfTheDump)
-{
-    for (const std::string name : {"i_atime", "i_ctime", "i_mtime", "i_dtime"})
-        this->expect_refused_at(name,
-                                RepairFile(this->file).string(name, "2017-07-14 02:40:00").text(),
-                                "parse " + name + " failed");
 }
 
 TYPED_TEST(InodeRepair, DumpedInodeIsNoRepairFile)

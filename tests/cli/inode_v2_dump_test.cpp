@@ -2,8 +2,8 @@
 // the expansion area.
 
 #include "dump_text.h"
+#include "table.h"
 #include "table_dump.h"
-#include "table_v2.h"
 
 using namespace tier_test;
 
@@ -137,14 +137,10 @@ TEST_F(InodeV2Dump, FaultyInodeOfTheExpansionArea)
     never_written.magic = 0;
     never_written.checksum = 0;
     for (const InodeV2 &inode : {misplaced, damaged, never_written}) {
-        const Block block = encode(inode);
-        device.write(static_cast<std::uint64_t>(expansion_offset(super, 0)), block);
+        device.write(static_cast<std::uint64_t>(expansion_offset(super, 0)), encode(inode));
         expect_number(6, {.status = 14,
                           .out = "",
-                          .log = {error_line(table.formatter,
-                                             table.fault(6, inode, get_u32(block, 0),
-                                                         record_crc(block, InodeV2::LENGTH))),
-                                  raw_text(json(inode, 0))}});
+                          .log = {table.faulty(6, super, inode), raw_text(json(inode, 0))}});
     }
 }
 
@@ -262,8 +258,8 @@ TEST_F(InodeV2Expansion, FiltersHoldInBothRegions)
     std::vector<std::string> expansion;
     Log log = log_head<SuperV2>(device, "dump_inode", filter);
     for (const InodeV2 &inode : inodes()) {
-        if (table.skips(filter, inode))
-            log.push_back(debug_line(table.formatter, table.ignored(inode.no, inode)));
+        if (table.hides(filter, super, inode))
+            log.push_back(table.hidden(inode.no, super, inode));
         else
             (inode.no < REGULAR ? regular : expansion).push_back(shown(inode));
     }
@@ -288,12 +284,11 @@ TEST_F(InodeV2Expansion, FaultyInodesHaveTheirNumberAndOffset)
         const InodeV2 &inode = all[no];
         std::vector<std::string> &items = no < REGULAR ? regular : expansion;
         if (inode.no != no) {
-            const std::uint32_t crc = get_u32(encode(inode), 0);
-            log.push_back(error_line(table.formatter, table.fault(no, inode, crc, crc)));
+            log.push_back(table.faulty(no, super, inode));
             log.push_back(raw_text(json(inode, 0)));
             items.push_back(error_record(14, "no", no, inode_offset(super, no)));
         } else if (inode.use == 0) {
-            log.push_back(debug_line(table.formatter, table.ignored(no, inode)));
+            log.push_back(table.hidden(no, super, inode));
         } else {
             items.push_back(shown(inode));
         }

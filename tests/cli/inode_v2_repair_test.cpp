@@ -1,8 +1,8 @@
 // What is particular to repairs of the inode table of layout version 2: which numbers it admits,
 // and where expansion inodes go.
 
+#include "table.h"
 #include "table_repair.h"
-#include "table_v2.h"
 
 using namespace tier_test;
 
@@ -26,36 +26,21 @@ protected:
         return inode;
     }
 
-    std::string file_of(const InodeV2 &inode) const
-    {
-        return repair_file(table.keys, inode).text();
-    }
-
     // A dry run: the slot may lie far behind the end of the image.
     void expect_admitted(std::uint32_t no)
     {
         SCOPED_TRACE(no);
         const InodeV2 inode = numbered(no);
-        expect_run(repair(file_of(inode)), {.status = 0,
-                                            .out = json(inode, inode_offset(super, no)),
-                                            .log = log_with(key_log(inode), {dry_run_line()})});
+        expect_run(repair(file_text(inode)), {.status = 0,
+                                              .out = json(inode, inode_offset(super, no)),
+                                              .log = log_with(key_log(inode), {dry_run_line()})});
     }
 
     void expect_not_admitted(std::uint32_t no)
     {
         SCOPED_TRACE(no);
-        const InodeV2 inode = numbered(no);
-        Log lines = key_log(inode);
-        lines.push_back(inode_number_message(no));
-        lines.push_back(inode_refused(super, inode));
-        expect_refused(file_of(inode), lines);
-    }
-
-    LogLine inode_number_message(std::uint32_t no) const
-    {
-        const Log errors = inode_number_errors(super, no);
-        EXPECT_EQ(errors.size(), 1U) << "the test expects too much";
-        return errors.empty() ? LogLine{} : errors.front();
+        EXPECT_EQ(table.bounds_errors(super, numbered(no)).size(), 2U);
+        expect_entry_or_bounds_error(file_text(numbered(no)), numbered(no));
     }
 };
 
@@ -68,16 +53,15 @@ TEST_F(InodeV2Repair, MessagesOfAnInodeThatIsNotAdmitted)
                                "inode_sum:179206 exp_magic: 0x4558 exp_inuse: 0x52"));
     lines.push_back(error("repiar_file i_no 6 input ino: -1 or brick_no 1 is invalid, exp_magic "
                           ":0x4558 exp exp_inuse: 0x52max i_cnt:6, max b_cnt:5"));
-    expect_refused(file_of(numbered(6)), lines);
+    expect_refused(file_text(numbered(6)), lines);
 }
 
 TEST_F(InodeV2Repair, MessageNamesTheNumberOfTheCommandLine)
 {
     const InodeV2 inode = numbered(6);
-    const LoggedRun run = repair(file_of(inode), {"-n", "3", "-y"});
+    const LoggedRun run = repair(file_text(inode), {"-n", "3", "-y"});
     Log lines = key_log(inode);
-    lines.push_back(inode_number_message(6));
-    lines.push_back(inode_refused(super, inode, 3));
+    std::ranges::copy(table.bounds_errors(super, inode, 3), std::back_inserter(lines));
     lines.push_back(parse_failure_line(22));
     expect_run(run, {.status = 22,
                      .out = "",
@@ -89,9 +73,8 @@ TEST_F(InodeV2Repair, BrickNumberIsLookedAtFirst)
 {
     InodeV2 inode = numbered(6);
     inode.brick_no = super.brick_cnt;
-    Log lines = key_log(inode);
-    lines.push_back(inode_refused(super, inode)); // and not a word about the inode's number
-    expect_refused(file_of(inode), lines);
+    ASSERT_EQ(table.bounds_errors(super, inode).size(), 1U); // not a word about the inode's number
+    expect_entry_or_bounds_error(file_text(inode), inode);
 }
 
 TEST_F(InodeV2Repair, TableWithoutAnExpansionArea)
@@ -171,15 +154,15 @@ TEST_F(InodeV2RepairExpansion, IsWrittenBehindTheDataArea)
     ASSERT_EQ(inode_offset(super, 6), static_cast<std::int64_t>(super.data_offset) +
                                           std::int64_t{262144} * super.block_cnt + 1048576);
     for (const std::uint32_t no : {6U, 7U, 9U}) {
-        expect_entry(file_of(numbered(no)), numbered(no));
-        expect_entry(file_of(freed(numbered(no))), freed(numbered(no)));
+        expect_entry(file_text(numbered(no)), numbered(no));
+        expect_entry(file_text(freed(numbered(no))), freed(numbered(no)));
     }
 }
 
 TEST_F(InodeV2RepairExpansion, IsShownWhereItWasWritten)
 {
     EXPECT_EQ(run_logged(device, "dump_inode", {"-n", "6"}).status, 14);
-    ASSERT_EQ(repair(file_of(numbered(6)), {"-y"}).status, 0);
+    ASSERT_EQ(repair(file_text(numbered(6)), {"-y"}).status, 0);
     EXPECT_EQ(run_logged(device, "dump_inode", {"-n", "6"}).out,
               json(numbered(6), expansion_offset(super, 0)));
     EXPECT_EQ(device.block(static_cast<std::uint64_t>(expansion_offset(super, 0))),
@@ -189,7 +172,7 @@ TEST_F(InodeV2RepairExpansion, IsShownWhereItWasWritten)
 TEST_F(InodeV2RepairExpansion, BehindTheEndOfTheDeviceTheSlotIsStillTheRightOne)
 {
     const std::uint32_t last = 6 + 153600 - 1;
-    ASSERT_EQ(repair(file_of(numbered(last)), {"-y"}).status, 0); // the image grows
+    ASSERT_EQ(repair(file_text(numbered(last)), {"-y"}).status, 0); // the image grows
     EXPECT_EQ(device.block(static_cast<std::uint64_t>(expansion_offset(super, 153599))),
               encode(numbered(last)));
     EXPECT_EQ(device.size(), static_cast<std::uint64_t>(expansion_offset(super, 153600)));
@@ -214,7 +197,7 @@ TEST_F(InodeV2RepairExpansion, OffsetInFrontOfTheDevice)
     set_super(changed);
     Log lines = key_log(numbered(6));
     lines.push_back(error("entry offset -4096 is invalid"));
-    expect_refused(file_of(numbered(6)), lines, 14);
+    expect_refused(file_text(numbered(6)), lines, 14);
     expect_admitted(7); // at the very start
     expect_admitted(5);
 }

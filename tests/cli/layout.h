@@ -38,6 +38,7 @@ struct Layout<SuperV1> {
     {
         return super_v1(bricks, inodes, blocks);
     }
+    static SuperV1 decoded(const Block &block) { return decode_super(block); }
     static Device device(const SuperV1 &super) { return make_v1_device(super); }
     static std::vector<SuperV1> displaced(const SuperV1 &usual) { return displaced_heads(usual); }
 };
@@ -51,6 +52,7 @@ struct Layout<SuperV2> {
     {
         return super_v2(bricks, inodes, blocks);
     }
+    static SuperV2 decoded(const Block &block) { return decode_super_v2(block); }
     static Device device(const SuperV2 &super) { return make_v2_device(super); }
     static std::vector<SuperV2> displaced(const SuperV2 &usual) { return displaced_heads(usual); }
 };
@@ -64,6 +66,7 @@ struct Layout<SuperV3> {
     {
         return super_v3(bricks, inodes, blocks);
     }
+    static SuperV3 decoded(const Block &block) { return decode_super_v3(block); }
     static Device device(const SuperV3 &super) { return make_v3_device(super); }
     static std::vector<SuperV3> displaced(const SuperV3 &usual)
     {

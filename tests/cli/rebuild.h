@@ -2,6 +2,7 @@
 
 // Devices whose every entry is repaired from its own content.
 
+#include "dump_text.h"
 #include "expect.h"
 #include "loop_device.h"
 #include "table.h"
@@ -74,7 +75,7 @@ protected:
     {
         const Table<Super, Entry> &shown = table<Super, Entry>();
         EXPECT_EQ(run(shown.dump).out,
-                  shown.before_walk + json_array(items(entries)) + shown.behind_walk);
+                  shown.before_walk + joined(items(entries)) + shown.after_walk);
     }
 
     // `shown` is what comes of the entries.
@@ -83,7 +84,7 @@ protected:
     {
         const Table<Super, Entry> &repaired = table<Super, Entry>();
         for (std::size_t i = 0; i < entries.size(); ++i)
-            expect_repair(repaired.repair, repair_file(repaired.keys, entries[i]).text(),
+            expect_repair(repaired.repair, repaired.file_of(super, entries[i]).text(),
                           item(shown[i]));
     }
 

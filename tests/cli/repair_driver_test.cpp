@@ -39,7 +39,7 @@ protected:
     void expect_same(const std::string &text)
     {
         SCOPED_TRACE(text.substr(0, 200));
-        expect_entry(text, entry);
+        expect_spelt(text, entry);
     }
 
     void expect_invalid(const std::string &text)

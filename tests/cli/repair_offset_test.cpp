@@ -2,6 +2,7 @@
 // which no block can be written.
 
 #include "hot_repair.h"
+#include "json_number.h"
 #include "loop_device.h"
 #include "packed_repair.h"
 
@@ -32,15 +33,14 @@ protected:
     {
         SCOPED_TRACE(number);
         this->target = static_cast<std::int64_t>(value);
-        this->expect_block(at(number), this->sample_lines(), this->sample_block());
+        this->expect_block(at(number), this->sample_block());
     }
 
     void expect_out_of_bounds(const std::string &number, std::uint64_t value)
     {
         SCOPED_TRACE(number);
-        this->expect_refused(at(number), {this->value_line("meta_offset", value),
-                                          this->error(text("meta_offset: %ld invalid",
-                                                           static_cast<std::int64_t>(value)))});
+        this->expect_refused_with(
+            at(number), text("meta_offset: %ld invalid", static_cast<std::int64_t>(value)));
     }
     void expect_out_of_bounds(std::uint64_t value)
     {
@@ -53,7 +53,7 @@ protected:
         SCOPED_TRACE(value);
         const std::string file = at(std::to_string(value));
         this->target = static_cast<std::int64_t>(value);
-        const Log parsed = this->lines_behind_offset(this->sample_lines());
+        const Log parsed = this->lines_of(file);
         const std::vector<std::uint8_t> before = this->device.bytes();
         expect_run(this->repair(file),
                    {.status = 0, .out = "", .log = this->log_with(parsed, {this->dry_run_line()})});
@@ -165,26 +165,17 @@ TYPED_TEST(RepairOffset, BehindAllOffsetsOfADevice)
     this->set_bounds(0, ~std::uint64_t{0});
     for (const std::uint64_t offset : {TWO_TO_63, TWO_TO_63 + 4096, ~std::uint64_t{0} - 1}) {
         SCOPED_TRACE(offset);
-        Log log{this->value_line("meta_offset", offset)};
-        std::ranges::copy(this->sample_lines(), std::back_inserter(log));
-        log.push_back(
-            this->error(text("entry offset %ld is invalid", static_cast<std::int64_t>(offset))));
-        this->expect_refused(this->at(std::to_string(offset)), log, 14);
+        this->expect_refused_with(
+            this->at(std::to_string(offset)),
+            text("entry offset %ld is invalid", static_cast<std::int64_t>(offset)), 14);
     }
     this->expect_out_of_bounds(~std::uint64_t{0});
     this->expect_unwritable(TWO_TO_63 - 4096);
 }
 
-TYPED_TEST(RepairOffset, MissingOrOfAnotherType)
+TYPED_TEST(RepairOffset, DocumentThatIsNoObject)
 {
     const std::vector<LogLine> failure{this->error("parse meta_offset failed")};
-    // Before anything else is looked at.
-    this->expect_refused("{}", failure);
-    this->expect_refused(this->sample_file().erase("meta_offset").text(), failure);
-    for (const std::string &value : NO_NUMBERS) {
-        SCOPED_TRACE(value);
-        this->expect_refused(this->at(value), failure);
-    }
     for (const std::string document :
          {"[]", "17", "\"meta_offset\"", "null", "true", "[{\"meta_offset\":0}]"}) {
         SCOPED_TRACE(document);
@@ -196,7 +187,7 @@ TYPED_TEST(RepairOffset, ForcedVersionAborts)
 {
     const std::vector<std::uint8_t> before = this->device.bytes();
     expect_abort(this->repair(this->sample_file().text(), {"-v", "3", "-y"}),
-                 this->table.assertion_without_super);
+                 this->table.without_super);
     EXPECT_EQ(this->device.bytes(), before);
 }
 

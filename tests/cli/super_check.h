@@ -11,16 +11,9 @@
 namespace tier_test {
 
 template <class Super>
-struct Passing {
+struct Change {
     std::string name;
-    std::function<void(Super &)> change;
-};
-
-template <class Super>
-struct Failing {
-    std::string name;
-    std::function<void(Super &)> change;
-    std::string (*message)(const Super &);
+    std::function<void(Super &)> apply;
 };
 
 // Counts are changed together with the geometry that belongs to them.
@@ -34,35 +27,11 @@ std::function<void(Super &)> counts(void (*change)(Super &))
 }
 
 // What holds where the geometry follows from the counts.
-extern const std::vector<Passing<SuperHead>> PASSING_HEADS;
-extern const std::vector<Failing<SuperHead>> FAILING_HEADS;
-
-std::string size_message(const SuperHead &sb);
-std::string brick_message(const SuperHead &sb);
-std::string inode_message(const SuperHead &sb);
-std::string block_message(const SuperHead &sb);
-std::string extent_table_message(const SuperHead &sb);
-std::string data_offset_message(const SuperHead &sb);
-std::string ssd_uuid_message(const SuperHead &sb);
-std::string message_of_ssd_uuid(const std::string &given);
-
-// A failing check, and what puts it right.
-template <class Super>
-struct Step {
-    std::function<std::string(const Super &)> message;
-    std::function<void(Super &)> put_right;
-};
+extern const std::vector<Change<SuperHead>> PASSING_HEADS;
+extern const std::vector<Change<SuperHead>> FAILING_HEADS;
 
 // Makes every check of the head fail.
 void spoil(SuperHead &sb);
-
-extern const Step<SuperHead> SIZE_STEP;
-extern const Step<SuperHead> BRICK_STEP;
-extern const Step<SuperHead> INODE_STEP;
-extern const Step<SuperHead> BLOCK_STEP;
-extern const Step<SuperHead> EXTENT_TABLE_STEP;
-extern const Step<SuperHead> DATA_OFFSET_STEP;
-extern const Step<SuperHead> SSD_UUID_STEP;
 
 template <class Super>
 class SuperCheck : public SuperRepair<Super> {
@@ -76,54 +45,66 @@ protected:
     }
 
     template <class Part>
-    void expect_passing(const std::vector<Passing<Part>> &cases)
+    void expect_passing(const std::vector<Change<Part>> &cases)
     {
-        for (const auto &[name, change] : cases) {
+        for (const auto &[name, apply] : cases) {
             SCOPED_TRACE(name);
-            const Super sb = changed(change);
+            const Super sb = changed(apply);
             this->expect_accepted(repair_file(sb).text(), sb);
         }
     }
 
     template <class Part>
-    void expect_failing(const std::vector<Failing<Part>> &cases)
+    void expect_failing(const std::vector<Change<Part>> &cases)
     {
-        for (const auto &[name, change, message] : cases) {
+        for (const auto &[name, apply] : cases) {
             SCOPED_TRACE(name);
-            const Super sb = changed(change);
-            this->expect_out_of_bounds(sb, message(sb));
+            const Super sb = changed(apply);
+            this->expect_rule_broken(sb);
         }
     }
 
     template <class Part>
-    void expect_forced(const std::vector<Failing<Part>> &cases)
+    void expect_forced(const std::vector<Change<Part>> &cases)
     {
-        for (const auto &[name, change, message] : cases) {
+        for (const auto &[name, apply] : cases) {
             SCOPED_TRACE(name);
-            const Super sb = changed(change);
+            const Super sb = changed(apply);
             Super stored = sb;
             stored.ssd_uuid = sb.ssd_uuid.substr(0, 47);
             this->expect_accepted(repair_file(sb).text(), stored, {"-F"});
         }
     }
 
-    static Step<Super> of_head(const Step<SuperHead> &step)
+    // The rule that the super block breaks, and which the tool names.
+    std::size_t expect_rule_broken(const Super &sb)
     {
-        return {step.message, step.put_right};
+        Super stored = sb;
+        stored.ssd_uuid = sb.ssd_uuid.substr(0, 47);
+        const std::size_t broken = broken_rule(table, encode(stored));
+        EXPECT_LT(broken, table.rules.size());
+        if (broken < table.rules.size())
+            this->expect_out_of_bounds(sb, table.rules[broken].sentence(encode(stored)));
+        return broken;
     }
 
-    // From a super block that fails every check, each step is put right in turn, and the next one
-    // reports.
-    void expect_order(Super sb, const std::vector<Step<Super>> &steps)
+    // From a super block that breaks every rule, each step puts the first of them right.
+    void expect_order(Super sb, const std::vector<std::function<void(Super &)>> &steps)
     {
-        for (const auto &[message, put_right] : steps) {
-            SCOPED_TRACE(message(sb));
-            this->expect_out_of_bounds(sb, message(sb));
+        std::size_t next = 0; // rule
+        for (const auto &put_right : steps) {
+            const std::size_t broken = expect_rule_broken(sb);
+            EXPECT_TRUE(broken == next || broken + 1 == next) << broken;
+            next = broken + 1;
             put_right(sb);
             derive(sb);
         }
+        EXPECT_EQ(next, table.rules.size());
         this->expect_accepted(repair_file(sb).text(), sb);
     }
+
+private:
+    const TableModel &table = model(std::stoi(Layout<Super>::VERSION), "super");
 };
 
 } // namespace tier_test

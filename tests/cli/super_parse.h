@@ -22,19 +22,6 @@ protected:
                               {error_line(this->parser, message), this->rejected()}),
             args);
     }
-
-    // Forced, the file is accepted and the log says this of the key.
-    void expect_logged(const std::string &key, const std::string &value, const Super &stored,
-                       const std::string &logged)
-    {
-        SCOPED_TRACE(key + ": " + value);
-        RepairFile changed = file;
-        changed.set(key, value);
-        Log expected = this->log_of_keys(super, keys.size(), {});
-        const std::size_t line = expected.size() - keys.size() + keys_before(keys, key);
-        expected.at(line).text = key + ": " + logged;
-        EXPECT_EQ(this->expect_accepted(changed.text(), stored, {"-F"}), expected);
-    }
 };
 
 } // namespace tier_test

@@ -6,21 +6,16 @@ using namespace tier_test;
 
 namespace {
 
-std::string extent_message_v1(const SuperV1 &sb)
-{
-    return text("extent size(%u) is invalid. expect size:[56-4096]", sb.extent_size);
-}
-
-const std::vector<Passing<SuperV1>> PASSING_V1{
+const std::vector<Change<SuperV1>> PASSING_V1{
     {"smallest extent", [](SuperV1 &sb) { sb.extent_size = 56; }},
     {"extent off the word boundary", [](SuperV1 &sb) { sb.extent_size = 61; }},
     {"largest extent", [](SuperV1 &sb) { sb.extent_size = 4096; }},
 };
 
-const std::vector<Failing<SuperV1>> FAILING_V1{
-    {"extent below the smallest", [](SuperV1 &sb) { sb.extent_size = 55; }, extent_message_v1},
-    {"extent above the largest", [](SuperV1 &sb) { sb.extent_size = 4097; }, extent_message_v1},
-    {"no extent size", [](SuperV1 &sb) { sb.extent_size = 0; }, extent_message_v1},
+const std::vector<Change<SuperV1>> FAILING_V1{
+    {"extent below the smallest", [](SuperV1 &sb) { sb.extent_size = 55; }},
+    {"extent above the largest", [](SuperV1 &sb) { sb.extent_size = 4097; }},
+    {"no extent size", [](SuperV1 &sb) { sb.extent_size = 0; }},
 };
 
 using SuperV1Check = SuperCheck<SuperV1>;
@@ -41,14 +36,20 @@ TEST_F(SuperV1Check, FirstFailureInOrderIsTheOneReported)
     SuperV1 sb;
     spoil(sb);
     sb.extent_size = 1;
-    expect_order(sb, {of_head(SIZE_STEP),
-                      of_head(BRICK_STEP),
-                      of_head(INODE_STEP),
-                      of_head(BLOCK_STEP),
-                      {extent_message_v1, [](SuperV1 &it) { it.extent_size = 72; }},
-                      of_head(EXTENT_TABLE_STEP),
-                      of_head(DATA_OFFSET_STEP),
-                      of_head(SSD_UUID_STEP)});
+    expect_order(sb, {[](SuperV1 &it) { it.size = 1048576; },
+                      [](SuperV1 &it) {
+                          it.brick_cnt = 1;
+                          it.brick_table_size = 4096;
+                      },
+                      [](SuperV1 &it) {
+                          it.inode_cnt = 1;
+                          it.inode_table_size = 1040384;
+                      },
+                      [](SuperV1 &it) { it.block_size = 1048576; },
+                      [](SuperV1 &it) { it.extent_size = 72; },
+                      [](SuperV1 &it) { it.extent_table_size = 0; },
+                      [](SuperV1 &it) { it.data_offset = 0x400000; },
+                      [](SuperV1 &it) { it.ssd_uuid.resize(38, 'x'); }});
 }
 
 } // namespace

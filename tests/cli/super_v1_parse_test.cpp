@@ -8,15 +8,6 @@ namespace {
 
 using SuperV1Parse = SuperParseFixture<SuperV1>;
 
-TEST_F(SuperV1Parse, ChecksumMagicAndReservedAreIgnored)
-{
-    for (const std::string value : {"1", "\"0x1\"", "[]", "null"}) {
-        RepairFile more = file;
-        more.set("checksum", value).set("magic", value).set("sb_reserved", value);
-        expect_accepted(more.text(), super);
-    }
-}
-
 TEST_F(SuperV1Parse, ReservedOfADumpedLineBecomesZero)
 {
     SuperV1 dumped = super;

@@ -6,56 +6,6 @@ using namespace tier_test;
 
 namespace {
 
-std::string v3_size_message(const SuperV3 &sb)
-{
-    return text("sb size is invalid. expect:1048576, real:%lu", sb.size);
-}
-
-std::string v3_block_message(const SuperV3 &sb)
-{
-    return text("block size(%lu) is invalid. expect block_size:[8192-65536] and must 4k aligned",
-                sb.block_size);
-}
-
-std::string v3_brick_message(const SuperV3 &sb)
-{
-    return text("brick params is invalid. brick_cnt:%lu, brick_table_size:%lu, expect "
-                "brick_cnt:[1-300]",
-                sb.brick_cnt, sb.brick_table_size);
-}
-
-std::string v3_inode_message(const SuperV3 &sb)
-{
-    return text("inode params is invalid. inode_cnt:%lu, itable_size:%lu, expect "
-                "inode_cnt:[1-262144]",
-                sb.inode_cnt, sb.inode_table_size);
-}
-
-std::string v3_shard_message(const SuperV3 &sb)
-{
-    return text("shard params is invalid. shard_cnt:%lu, itable_size:%lu, expect "
-                "shard_cnt:[1-524288]",
-                sb.shard_cnt, sb.shard_table_size);
-}
-
-std::string v3_extent_message(const SuperV3 &sb)
-{
-    return text("extent params is invalid. extent_cnt:%lu, itable_size:%lu, expect "
-                "extent_cnt:[1-1073741824]",
-                sb.extent_cnt, sb.extent_table_size);
-}
-
-std::string v3_data_message(const SuperV3 &sb)
-{
-    return text("data params is invalid. sb_block_size:%lu, sb_block_cnt:%lu", sb.block_size,
-                sb.block_cnt);
-}
-
-std::string v3_ssd_uuid_message(const SuperV3 &sb)
-{
-    return message_of_ssd_uuid(sb.ssd_uuid);
-}
-
 // A value of one field, the others as they belong to the counts before.
 auto field(std::uint64_t SuperV3::*member, std::uint64_t value)
 {
@@ -87,9 +37,9 @@ auto blocks(std::uint64_t size, std::uint64_t number, std::uint64_t area)
 }
 
 // The offsets, the hot table and the reserved area can be anything.
-std::vector<Passing<SuperV3>> unchecked_fields()
+std::vector<Change<SuperV3>> unchecked_fields()
 {
-    std::vector<Passing<SuperV3>> cases;
+    std::vector<Change<SuperV3>> cases;
     for (const auto member :
          {&SuperV3::sb_offset, &SuperV3::reserved_offset, &SuperV3::reserved_size,
           &SuperV3::brick_table_offset, &SuperV3::inode_table_offset, &SuperV3::shard_table_offset,
@@ -100,7 +50,7 @@ std::vector<Passing<SuperV3>> unchecked_fields()
     return cases;
 }
 
-const std::vector<Passing<SuperV3>> PASSING_V3{
+const std::vector<Change<SuperV3>> PASSING_V3{
     {"as built", [](SuperV3 &) {}},
     {"one brick", count(&SuperV3::brick_cnt, 1)},
     {"300 bricks", count(&SuperV3::brick_cnt, 300)},
@@ -129,59 +79,52 @@ const std::vector<Passing<SuperV3>> PASSING_V3{
     {"reserved word", [](SuperV3 &sb) { sb.reserved = 0xFFFFFFFF; }},
 };
 
-const std::vector<Failing<SuperV3>> FAILING_V3{
-    {"size below 1 MiB", field(&SuperV3::size, 1048575), v3_size_message},
-    {"size above 1 MiB", field(&SuperV3::size, 1048577), v3_size_message},
-    {"no size", field(&SuperV3::size, 0), v3_size_message},
-    {"size right in its low half", field(&SuperV3::size, BIT_32 + 1048576), v3_size_message},
-    {"block of one page", count(&SuperV3::block_size, 4096), v3_block_message},
-    {"block a byte below the smallest", count(&SuperV3::block_size, 8191), v3_block_message},
-    {"block off the page", count(&SuperV3::block_size, 12289), v3_block_message},
-    {"block of sectors", count(&SuperV3::block_size, 8704), v3_block_message},
-    {"block of half pages", count(&SuperV3::block_size, 14336), v3_block_message},
-    {"block a byte above the largest", count(&SuperV3::block_size, 65537), v3_block_message},
-    {"block a page above the largest", count(&SuperV3::block_size, 69632), v3_block_message},
-    {"no block size", count(&SuperV3::block_size, 0), v3_block_message},
-    {"block right in its low half", count(&SuperV3::block_size, BIT_32 + 8192), v3_block_message},
-    {"no bricks", count(&SuperV3::brick_cnt, 0), v3_brick_message},
-    {"301 bricks", count(&SuperV3::brick_cnt, 301), v3_brick_message},
-    {"bricks right in their low half", count(&SuperV3::brick_cnt, BIT_32 + 1), v3_brick_message},
-    {"brick table a byte short", grown(&SuperV3::brick_table_size, std::uint64_t(-1)),
-     v3_brick_message},
-    {"no brick table", field(&SuperV3::brick_table_size, 0), v3_brick_message},
-    {"no inodes", count(&SuperV3::inode_cnt, 0), v3_inode_message},
-    {"262145 inodes", count(&SuperV3::inode_cnt, 262145), v3_inode_message},
-    {"inodes right in their low half", count(&SuperV3::inode_cnt, BIT_32 + 1), v3_inode_message},
-    {"inode table a byte short", grown(&SuperV3::inode_table_size, std::uint64_t(-1)),
-     v3_inode_message},
-    {"inode table a byte long", grown(&SuperV3::inode_table_size, 1), v3_inode_message},
-    {"inode table a page long", grown(&SuperV3::inode_table_size, 4096), v3_inode_message},
-    {"inode table right in its low half", grown(&SuperV3::inode_table_size, BIT_32),
-     v3_inode_message},
-    {"no shards", count(&SuperV3::shard_cnt, 0), v3_shard_message},
-    {"524289 shards", count(&SuperV3::shard_cnt, 524289), v3_shard_message},
-    {"shards right in their low half", count(&SuperV3::shard_cnt, BIT_32 + 512), v3_shard_message},
-    {"shard table a byte short", grown(&SuperV3::shard_table_size, std::uint64_t(-1)),
-     v3_shard_message},
-    {"shard table a byte long", grown(&SuperV3::shard_table_size, 1), v3_shard_message},
-    {"shard table of pages", field(&SuperV3::shard_table_size, 1536 * 4096), v3_shard_message},
-    {"no extents", count(&SuperV3::extent_cnt, 0), v3_extent_message},
-    {"1073741825 extents", count(&SuperV3::extent_cnt, 1073741825), v3_extent_message},
-    {"extents right in their low half", count(&SuperV3::extent_cnt, BIT_32 + 512),
-     v3_extent_message},
-    {"extent table a byte short", grown(&SuperV3::extent_table_size, std::uint64_t(-1)),
-     v3_extent_message},
-    {"extent table a byte long", grown(&SuperV3::extent_table_size, 1), v3_extent_message},
-    {"extent table right in its low half", grown(&SuperV3::extent_table_size, BIT_32),
-     v3_extent_message},
-    {"data area a byte short", grown(&SuperV3::data_size, std::uint64_t(-1)), v3_data_message},
-    {"data area a byte long", grown(&SuperV3::data_size, 1), v3_data_message},
-    {"data area right in its low half", grown(&SuperV3::data_size, BIT_32), v3_data_message},
-    {"one block more", grown(&SuperV3::block_cnt, 1), v3_data_message},
-    {"37 characters", [](SuperV3 &sb) { sb.ssd_uuid.pop_back(); }, v3_ssd_uuid_message},
-    {"39 characters", [](SuperV3 &sb) { sb.ssd_uuid += 'x'; }, v3_ssd_uuid_message},
-    {"no characters", [](SuperV3 &sb) { sb.ssd_uuid = ""; }, v3_ssd_uuid_message},
-    {"60 characters", [](SuperV3 &sb) { sb.ssd_uuid.resize(60, 'z'); }, v3_ssd_uuid_message},
+const std::vector<Change<SuperV3>> FAILING_V3{
+    {"size below 1 MiB", field(&SuperV3::size, 1048575)},
+    {"size above 1 MiB", field(&SuperV3::size, 1048577)},
+    {"no size", field(&SuperV3::size, 0)},
+    {"size right in its low half", field(&SuperV3::size, BIT_32 + 1048576)},
+    {"block of one page", count(&SuperV3::block_size, 4096)},
+    {"block a byte below the smallest", count(&SuperV3::block_size, 8191)},
+    {"block off the page", count(&SuperV3::block_size, 12289)},
+    {"block of sectors", count(&SuperV3::block_size, 8704)},
+    {"block of half pages", count(&SuperV3::block_size, 14336)},
+    {"block a byte above the largest", count(&SuperV3::block_size, 65537)},
+    {"block a page above the largest", count(&SuperV3::block_size, 69632)},
+    {"no block size", count(&SuperV3::block_size, 0)},
+    {"block right in its low half", count(&SuperV3::block_size, BIT_32 + 8192)},
+    {"no bricks", count(&SuperV3::brick_cnt, 0)},
+    {"301 bricks", count(&SuperV3::brick_cnt, 301)},
+    {"bricks right in their low half", count(&SuperV3::brick_cnt, BIT_32 + 1)},
+    {"brick table a byte short", grown(&SuperV3::brick_table_size, std::uint64_t(-1))},
+    {"no brick table", field(&SuperV3::brick_table_size, 0)},
+    {"no inodes", count(&SuperV3::inode_cnt, 0)},
+    {"262145 inodes", count(&SuperV3::inode_cnt, 262145)},
+    {"inodes right in their low half", count(&SuperV3::inode_cnt, BIT_32 + 1)},
+    {"inode table a byte short", grown(&SuperV3::inode_table_size, std::uint64_t(-1))},
+    {"inode table a byte long", grown(&SuperV3::inode_table_size, 1)},
+    {"inode table a page long", grown(&SuperV3::inode_table_size, 4096)},
+    {"inode table right in its low half", grown(&SuperV3::inode_table_size, BIT_32)},
+    {"no shards", count(&SuperV3::shard_cnt, 0)},
+    {"524289 shards", count(&SuperV3::shard_cnt, 524289)},
+    {"shards right in their low half", count(&SuperV3::shard_cnt, BIT_32 + 512)},
+    {"shard table a byte short", grown(&SuperV3::shard_table_size, std::uint64_t(-1))},
+    {"shard table a byte long", grown(&SuperV3::shard_table_size, 1)},
+    {"shard table of pages", field(&SuperV3::shard_table_size, 1536 * 4096)},
+    {"no extents", count(&SuperV3::extent_cnt, 0)},
+    {"1073741825 extents", count(&SuperV3::extent_cnt, 1073741825)},
+    {"extents right in their low half", count(&SuperV3::extent_cnt, BIT_32 + 512)},
+    {"extent table a byte short", grown(&SuperV3::extent_table_size, std::uint64_t(-1))},
+    {"extent table a byte long", grown(&SuperV3::extent_table_size, 1)},
+    {"extent table right in its low half", grown(&SuperV3::extent_table_size, BIT_32)},
+    {"data area a byte short", grown(&SuperV3::data_size, std::uint64_t(-1))},
+    {"data area a byte long", grown(&SuperV3::data_size, 1)},
+    {"data area right in its low half", grown(&SuperV3::data_size, BIT_32)},
+    {"one block more", grown(&SuperV3::block_cnt, 1)},
+    {"37 characters", [](SuperV3 &sb) { sb.ssd_uuid.pop_back(); }},
+    {"39 characters", [](SuperV3 &sb) { sb.ssd_uuid += 'x'; }},
+    {"no characters", [](SuperV3 &sb) { sb.ssd_uuid = ""; }},
+    {"60 characters", [](SuperV3 &sb) { sb.ssd_uuid.resize(60, 'z'); }},
 };
 
 using SuperV3Check = SuperCheck<SuperV3>;
@@ -214,18 +157,13 @@ TEST_F(SuperV3Check, FirstFailureInOrderIsTheOneReported)
     SuperV3 sb;
     sb.size = sb.block_size = sb.data_size = 1;
     sb.ssd_uuid = "short";
-    expect_order(sb, {{v3_size_message, field(&SuperV3::size, 1048576)},
-                      {v3_block_message, field(&SuperV3::block_size, 8192)},
-                      {v3_brick_message, field(&SuperV3::brick_cnt, 1)},
-                      {v3_brick_message, field(&SuperV3::brick_table_size, 4096)},
-                      {v3_inode_message, field(&SuperV3::inode_cnt, 1)},
-                      {v3_inode_message, field(&SuperV3::inode_table_size, 4096)},
-                      {v3_shard_message, field(&SuperV3::shard_cnt, 1)},
-                      {v3_shard_message, field(&SuperV3::shard_table_size, 8)},
-                      {v3_extent_message, field(&SuperV3::extent_cnt, 1)},
-                      {v3_extent_message, field(&SuperV3::extent_table_size, 8)},
-                      {v3_data_message, field(&SuperV3::data_size, 0)},
-                      {v3_ssd_uuid_message, [](SuperV3 &it) { it.ssd_uuid.resize(38, 'x'); }}});
+    expect_order(sb,
+                 {field(&SuperV3::size, 1048576), field(&SuperV3::block_size, 8192),
+                  field(&SuperV3::brick_cnt, 1), field(&SuperV3::brick_table_size, 4096),
+                  field(&SuperV3::inode_cnt, 1), field(&SuperV3::inode_table_size, 4096),
+                  field(&SuperV3::shard_cnt, 1), field(&SuperV3::shard_table_size, 8),
+                  field(&SuperV3::extent_cnt, 1), field(&SuperV3::extent_table_size, 8),
+                  field(&SuperV3::data_size, 0), [](SuperV3 &it) { it.ssd_uuid.resize(38, 'x'); }});
 }
 
 } // namespace

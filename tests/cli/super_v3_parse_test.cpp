@@ -8,15 +8,6 @@ namespace {
 
 using SuperV3Parse = SuperParseFixture<SuperV3>;
 
-TEST_F(SuperV3Parse, ChecksumAndMagicAreIgnored)
-{
-    for (const std::string value : {"1", "\"0x1\"", "[]", "null"}) {
-        RepairFile more = file;
-        more.set("checksum", value).set("magic", value);
-        EXPECT_EQ(expect_accepted(more.text(), super), log_of_keys(super, keys.size(), {}));
-    }
-}
-
 TEST_F(SuperV3Parse, ReservedOfADumpedLineIsKept)
 {
     super.reserved = 0xFFFFFFFF;
@@ -41,20 +32,6 @@ TEST_F(SuperV3Parse, KeysOfTheOtherLayoutsStandForNothing)
         renamed.rename(key, other);
         expect_refused_at(key, renamed.text(), std::string("parse ") + key + " failed");
     }
-}
-
-// Of several wrong keys the first in reading order is the one that is named.
-TEST_F(SuperV3Parse, NothingIsReadBehindAWrongKey)
-{
-    RepairFile wrong;
-    for (const SuperKey &key : keys)
-        wrong.set(key.name, "null");
-    for (const SuperKey &key : keys) {
-        SCOPED_TRACE(key.name);
-        expect_refused_at(key.name, wrong.text(), "parse " + key.name + " failed");
-        wrong.set(key.name, key.value);
-    }
-    expect_accepted(wrong.text(), super);
 }
 
 TEST_F(SuperV3Parse, SizeAbove2To63KeepsItsWholeValue)

@@ -13,9 +13,6 @@ using Supers = testing::Types<SuperV1, SuperV2, SuperV3>;
 // Those of the layouts in which the geometry follows from the counts.
 using HeadSupers = testing::Types<SuperV1, SuperV2>;
 
-// Those whose repair files can name no other version.
-using ExactVersionSupers = testing::Types<SuperV1, SuperV3>;
-
 // Names the cases of a typed test after their layouts.
 struct SuperNames {
     template <class Super>
@@ -25,29 +22,53 @@ struct SuperNames {
     }
 };
 
-template <class Super>
-using WideFields = std::vector<std::pair<std::string, std::uint64_t Super::*>>;
-template <class Super>
-using WordFields = std::vector<std::pair<std::string, std::uint32_t Super::*>>;
+// What a repair makes of the fields that no key fills.
+inline void derive(SuperV1 &sb)
+{
+    sb.reserved = 0;
+}
+inline void derive(SuperV2 &sb)
+{
+    sb.total_extent_size = sb.extent_size + sb.total_map_size + sb.hot_size; // in 32 bits
+}
+inline void derive(SuperV3 &) {}
 
-// The fields that a repair file's numbers fill, by their keys.
-WideFields<SuperHead> wide_fields(const SuperHead &);
-WideFields<SuperV3> wide_fields(const SuperV3 &);
-WordFields<SuperV1> word_fields(const SuperV1 &);
-WordFields<SuperV2> word_fields(const SuperV2 &);
-WordFields<SuperV3> word_fields(const SuperV3 &);
-
-// What a repair makes of the other fields.
-void derive(SuperV1 &sb);
-void derive(SuperV2 &sb);
-void derive(SuperV3 &sb);
+// Every number but magic and version is what `next` gives for it.
+template <class Super, class Next>
+Super filled_super(const Next &next)
+{
+    const TableModel &table = model(std::stoi(Layout<Super>::VERSION), "super");
+    Block block = encode(Super());
+    for (const Field &field : table.fields)
+        if (field.is_number() && field.form != FieldForm::UNITS && field.name != "checksum" &&
+            field.name != "magic" && field.name != "version")
+            put_number(block, field, next());
+    return Layout<Super>::decoded(block);
+}
 
 // All fields with all bits set, with none, and each with a value of its own.
 template <class Super>
-Super largest_super();
+Super largest_super()
+{
+    auto sb = filled_super<Super>([] { return ~std::uint64_t{0}; });
+    sb.uuid.fill(0xFF);
+    return sb;
+}
+
 template <class Super>
-Super smallest_super();
+Super smallest_super()
+{
+    auto sb = filled_super<Super>([] { return std::uint64_t{0}; });
+    sb.uuid.fill(0);
+    sb.ssd_uuid = "";
+    return sb;
+}
+
 template <class Super>
-Super numbered_super();
+Super numbered_super()
+{
+    std::uint64_t last = 10;
+    return filled_super<Super>([&last] { return ++last; });
+}
 
 } // namespace tier_test

@@ -3,6 +3,7 @@
 // The rules that the dumps of all tables share. The test file of each kind of table instantiates
 // them with its tables.
 
+#include "dump_text.h"
 #include "expect.h"
 #include "filter_args.h"
 #include "table.h"
@@ -42,7 +43,7 @@ protected:
     {
         slots[slot] = {entry, faulty};
         device.write(static_cast<std::uint64_t>(table.offset(super, slot)),
-                     table.encode(super, entry));
+                     table.encoded(super, entry));
     }
 
     std::string item(std::uint32_t slot) const
@@ -59,21 +60,18 @@ protected:
     // A message, then the entry at offset 0 without a line end.
     Log fault_log(std::uint32_t slot) const
     {
-        const Entry &entry = slots[slot].entry;
-        const Block block = table.encode(super, entry);
-        return {error_line(table.formatter, table.fault(slot, entry, get_u32(block, 0),
-                                                        record_crc(block, table.length(super)))),
-                raw_text(table.json(super, entry, 0))};
+        return {table.faulty(slot, super, slots[slot].entry),
+                raw_text(table.json(super, slots[slot].entry, 0))};
     }
 
     LogLine ignored(std::uint32_t slot) const
     {
-        return debug_line(table.formatter, table.ignored(slot, slots[slot].entry));
+        return table.hidden(slot, super, slots[slot].entry);
     }
 
     std::string walked(const std::vector<std::string> &items) const
     {
-        return table.before_walk + json_array(items) + table.behind_walk;
+        return table.before_walk + joined(items) + table.after_walk;
     }
 
     Expected walk(const Settings &filter = {}) const
@@ -85,7 +83,7 @@ protected:
                 std::ranges::copy(fault_log(slot), std::back_inserter(expected.log));
                 if (filter.error != 0)
                     items.push_back(error_record(slot, table.offset(super, slot)));
-            } else if (table.skips(filter, slots[slot].entry)) {
+            } else if (table.hides(filter, super, slots[slot].entry)) {
                 expected.log.push_back(ignored(slot));
             } else {
                 items.push_back(item(slot));
@@ -116,7 +114,7 @@ protected:
 
     std::uint32_t good_checksum(const Entry &entry) const
     {
-        return record_crc(table.encode(super, entry), table.length(super));
+        return record_crc(table.encoded(super, entry), table.record_length(super));
     }
 
     // Entries that must not stand in this slot, each wrong in one respect.
@@ -179,11 +177,11 @@ TYPED_TEST_P(TableDump, FaultyEntryWithoutALogFileAborts)
     faulty.checksum = 1;
     this->put(1, faulty, true);
     const std::vector<std::string> args{"-p", this->device.path(), "-c", this->table.dump};
-    expect_abort(run_tool(args), this->table.assertion_without_log);
+    expect_abort(run_tool(args), this->table.without_log);
 
     std::vector<std::string> single = args;
     single.insert(single.end(), {"-n", "1"});
-    expect_abort(run_tool(single), this->table.assertion_without_log);
+    expect_abort(run_tool(single), this->table.without_log);
 
     single.back() = "0";
     EXPECT_EQ(run_tool(single).out, this->item(0));
@@ -192,14 +190,14 @@ TYPED_TEST_P(TableDump, FaultyEntryWithoutALogFileAborts)
 // One bit flipped in every byte of the record, then in the bytes behind it.
 TYPED_TEST_P(TableDump, ChecksumCoversTheRecordAndNothingBehindIt)
 {
-    const auto length = static_cast<std::uint32_t>(this->table.length(this->super));
+    const auto length = static_cast<std::uint32_t>(this->table.record_length(this->super));
     const auto large = Layout<typename TypeParam::Super>::super(length + 2, length + 2, length + 2);
     Device flipped = Layout<typename TypeParam::Super>::device(large);
     std::vector<std::string> items;
     for (std::uint32_t slot = 0; slot < length + 2; ++slot) {
         const auto entry = this->table.used(slot, slot);
         const std::int64_t offset = this->table.offset(large, slot);
-        Block block = this->table.encode(large, entry);
+        Block block = this->table.encoded(large, entry);
         block[slot <= length ? slot : BLOCK_SIZE - 1] ^= 0x10;
         flipped.write(static_cast<std::uint64_t>(offset), block);
         items.push_back(slot >= length ? this->table.json(large, entry, offset)
@@ -220,7 +218,10 @@ TYPED_TEST_P(TableDump, FiltersAloneAndCombined)
     this->put(2, used_twice);
     this->put(3, this->faulty_entries(3).front().second, true);
     this->put(5, this->table.used(5, 0));
-    const std::string id = this->table.id(this->slots[1].entry);
+    const std::string id =
+        this->table.id.empty()
+            ? "anything"
+            : id_of(this->table, this->table.encoded(this->super, this->slots[1].entry));
 
     std::vector<Settings> filters;
     for (const int use : {-1, 0, 1, 2})
@@ -255,7 +256,7 @@ TYPED_TEST_P(TableDump, TableStartFollowsTheSuperBlock)
             const std::int64_t offset = this->table.offset(moved, no);
             SCOPED_TRACE(offset);
             this->device.write(static_cast<std::uint64_t>(offset),
-                               this->table.encode(moved, entry));
+                               this->table.encoded(moved, entry));
             EXPECT_EQ(run_logged(this->device, this->table.dump, {"-n", std::to_string(no)}).out,
                       this->table.json(moved, entry, offset));
         }
@@ -276,11 +277,11 @@ TYPED_TEST_P(TableDump, EntryBehind4GiB)
 {
     constexpr std::uint32_t NO = 0x180000;
     auto changed = this->super;
-    changed.*this->table.count = NO + 1;
+    changed.*this->table.counter = NO + 1;
     const auto entry = this->table.used(NO, 1);
     const std::int64_t offset = this->table.offset(changed, NO);
     this->device.write(SUPER_OFFSET, encode(changed));
-    this->device.write(static_cast<std::uint64_t>(offset), this->table.encode(changed, entry));
+    this->device.write(static_cast<std::uint64_t>(offset), this->table.encoded(changed, entry));
     EXPECT_EQ(run_logged(this->device, this->table.dump, {"-n", std::to_string(NO)}).out,
               this->table.json(changed, entry, offset));
 }
@@ -291,7 +292,7 @@ TYPED_TEST_P(TableDump, EmptyOrOverlargeTableAborts)
     for (const std::uint32_t count : {0U, 0x80000000U, 0xFFFFFFFFU}) {
         SCOPED_TRACE(count);
         auto changed = this->super;
-        changed.*this->table.count = count;
+        changed.*this->table.counter = count;
         this->device.write(SUPER_OFFSET, encode(changed));
         expect_abort(run_logged(this->device, this->table.dump),
                      "params && meta_type && max_cnt > 0 && format_func");

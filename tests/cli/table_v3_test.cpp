@@ -1,8 +1,8 @@
 // Places and counts of the brick and inode tables of V3 that only a sealed super block can give.
 
+#include "table.h"
 #include "table_dump.h"
 #include "table_repair.h"
-#include "table_v3.h"
 
 using namespace tier_test;
 
@@ -35,7 +35,7 @@ protected:
     void set_count(std::uint64_t count)
     {
         SuperV3 changed = this->super;
-        changed.*this->table.count = count;
+        changed.*this->table.counter = count;
         set_super(changed);
     }
     void set_start(std::uint64_t offset)
@@ -126,7 +126,7 @@ TYPED_TEST(TableDumpV3, StartThatIsNegativeAsASignedOffsetCannotBeRead)
                              start + std::int64_t{no} * 4096));
     }
     expect_run(run_logged(this->device, this->table.dump),
-               {.status = 0, .out = json_array(items), .log = this->log_of({}, log)});
+               {.status = 0, .out = joined(items), .log = this->log_of({}, log)});
 
     const LogLine failure =
         error_line("zutr_dump_common", text("read %s 2 failed:-1, offset:%ld", key.c_str(),
@@ -155,7 +155,7 @@ protected:
     {
         this->set_super(changed);
         const std::vector<std::uint8_t> before = this->device.bytes();
-        const LoggedRun run = this->repair(repair_file(this->table.keys, entry).text());
+        const LoggedRun run = this->repair(this->file_text(entry));
         expect_run(run, {.status = 0,
                          .out = this->repaired(entry, run.out).json,
                          .log = this->log_with(this->key_log(entry), {this->dry_run_line()})});
@@ -168,7 +168,7 @@ protected:
         Log lines = this->key_log(entry);
         lines.push_back(this->error(
             text("entry offset %ld is invalid", this->table.offset(this->super, entry.no))));
-        this->expect_refused(repair_file(this->table.keys, entry).text(), lines, 14);
+        this->expect_refused(this->file_text(entry), lines, 14);
     }
 };
 
@@ -178,7 +178,7 @@ TYPED_TEST(TableRepairV3, NumberIsComparedWithAllBitsOfTheCount)
 {
     for (const std::uint64_t count : {BIT_32, BIT_32 + 1, BIT_63, ~std::uint64_t{0} - BIT_32}) {
         SCOPED_TRACE(count);
-        this->changed.*this->table.count = count;
+        this->changed.*this->table.counter = count;
         this->expect_dry_run(this->sample);
         auto entry = this->sample;
         entry.no = 0x7FFFFFFF;
@@ -221,7 +221,7 @@ TYPED_TEST(TableRepairV3, NumberIsCheckedBeforeTheOffset)
     this->set_super(this->changed);
     auto entry = this->sample;
     entry.no = this->count();
-    this->expect_entry_or_bounds_error(repair_file(this->table.keys, entry).text(), entry);
+    this->expect_entry_or_bounds_error(this->file_text(entry), entry);
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 // and what no repair file carries.
 
 #include "rebuild.h"
-#include "table_v2.h"
+#include "table.h"
 
 using namespace tier_test;
 

@@ -60,7 +60,7 @@ struct PackedTable {
     std::string repair;
     int repair_code;
     std::string parser;
-    std::string assertion_without_super;
+    std::string without_super;
     std::string entries_key;
     std::string item; // an entry in the messages
     std::string number_key;
@@ -86,7 +86,7 @@ struct HotTable {
     std::string repair = "repair_hot";
     int repair_code = 14;
     std::string parser = "parse_hot_table_from_json_v3";
-    std::string assertion_without_super = "params && params->sb && ext_cfg && m";
+    std::string without_super = "params && params->sb && ext_cfg && m";
 };
 
 template <class Table>

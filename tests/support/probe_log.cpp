@@ -1,5 +1,7 @@
 #include "probe_log.h"
 
+#include "model.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -7,7 +9,7 @@ namespace tier_test {
 
 LogLine refused_by(int version, const Block &block)
 {
-    const std::size_t length = version == 1 ? 144 : version == 2 ? 168 : 264;
+    const std::size_t length = model(version, "super").length({});
     return debug_line("__check_super_v" + std::to_string(version),
                       text("v%d check super block failed. magic:0x%x, ver:0x%x, cksum:0x%x:0x%x",
                            version, get_u32(block, 4), get_u32(block, 112), get_u32(block, 0),

@@ -1,34 +1,55 @@
 #include "v1_device.h"
 
-#include <bit>
+#include "records.h"
 
 namespace tier_test {
 
 namespace {
 
-std::uint64_t tables_start(const SuperHead &sb)
-{
-    return sb.size + 4096U; // formed in 32 bits
-}
+const RecordMembers<SuperHead> HEAD_MEMBERS{
+    &SuperHead::magic,
+    &SuperHead::brick_table_size,
+    &SuperHead::inode_table_size,
+    &SuperHead::extent_table_size,
+    &SuperHead::data_offset,
+    &SuperHead::ctime,
+    &SuperHead::uuid,
+    &SuperHead::ssd_uuid,
+    &SuperHead::version,
+    &SuperHead::size,
+    &SuperHead::brick_cnt,
+    &SuperHead::inode_cnt,
+    &SuperHead::block_size,
+    &SuperHead::block_cnt,
+    &SuperHead::extent_size,
+};
 
-std::uint64_t bitmap_words(std::uint32_t extent_size)
+const RecordMembers<BrickV1> BRICK_MEMBERS{&BrickV1::magic,   &BrickV1::use,     &BrickV1::no,
+                                           &BrickV1::uuid,    &BrickV1::brickid, &BrickV1::unlink,
+                                           &BrickV1::reserved};
+
+const RecordMembers<InodeV1> INODE_MEMBERS{
+    &InodeV1::magic,  &InodeV1::atime, &InodeV1::ctime,     &InodeV1::mtime,    &InodeV1::dtime,
+    &InodeV1::uuid,   &InodeV1::size,  &InodeV1::priority,  &InodeV1::no,       &InodeV1::brick_no,
+    &InodeV1::unlink, &InodeV1::use,   &InodeV1::reserved1, &InodeV1::reserved2};
+
+const RecordMembers<ExtentV1> EXTENT_MEMBERS{
+    &ExtentV1::block,        &ExtentV1::size,          &ExtentV1::inode_no, &ExtentV1::sampling_low,
+    &ExtentV1::sampling_mid, &ExtentV1::sampling_high, &ExtentV1::use,      &ExtentV1::clean,
+    &ExtentV1::ntime,        &ExtentV1::hot,           &ExtentV1::no};
+
+// All that a V1 extent's text depends on.
+Block super_of(std::uint32_t extent_size)
 {
-    return extent_size < ExtentV1::HEAD_LENGTH ? 0 : (extent_size - ExtentV1::HEAD_LENGTH) / 8;
+    return encode_head(SuperHead{.extent_size = extent_size});
 }
 
 } // namespace
 
-void store_checksum(Block &block, std::size_t length, const StoredChecksum &checksum)
-{
-    seal(block, length);
-    if (checksum)
-        put_u32(block, 0, *checksum);
-}
-
 void set_geometry(SuperHead &sb)
 {
     sb.brick_table_size = std::uint64_t{sb.brick_cnt} * 4096;
-    const std::uint64_t inodes_start = tables_start(sb) + sb.brick_table_size;
+    const auto inodes_start = static_cast<std::uint64_t>(inode_offset(sb, 0));
     sb.inode_table_size =
         round_up(inodes_start + std::uint64_t{sb.inode_cnt} * 4096, MIB) - inodes_start;
     sb.extent_table_size = std::uint64_t{sb.block_cnt} * 4096;
@@ -100,84 +121,66 @@ ExtentV1 extent_used(std::uint64_t no, std::uint32_t inode_no)
 Block encode_head(const SuperHead &sb)
 {
     Block block{};
-    put_u32(block, 4, sb.magic);
-    put_u64(block, 8, sb.brick_table_size);
-    put_u64(block, 16, sb.inode_table_size);
-    put_u64(block, 24, sb.extent_table_size);
-    put_u64(block, 32, sb.data_offset);
-    put_u64(block, 40, sb.ctime);
-    put_bytes(block, 48, sb.uuid);
-    put_text(block, 64, sb.ssd_uuid);
-    put_u32(block, 112, sb.version);
-    put_u32(block, 116, sb.size);
-    put_u32(block, 120, sb.brick_cnt);
-    put_u32(block, 124, sb.inode_cnt);
-    put_u32(block, 128, sb.block_size);
-    put_u32(block, 132, sb.block_cnt);
-    put_u32(block, 136, sb.extent_size);
+    put_fields(block, model(1, "super"), HEAD_MEMBERS, sb);
     return block;
+}
+
+void decode_head(const Block &block, SuperHead &sb)
+{
+    get_fields(block, model(1, "super"), HEAD_MEMBERS, sb);
 }
 
 Block encode(const SuperV1 &sb)
 {
     Block block = encode_head(sb);
-    put_u32(block, 140, sb.reserved);
-    store_checksum(block, SuperV1::LENGTH, sb.checksum);
+    put_number(block, model(1, "super").field("sb_reserved"), sb.reserved);
+    seal(model(1, "super"), block, SuperV1::LENGTH, sb.checksum);
     return block;
+}
+
+SuperV1 decode_super(const Block &block)
+{
+    SuperV1 sb;
+    decode_head(block, sb);
+    sb.reserved = get_u32(block, 140);
+    return sb;
 }
 
 Block encode(const BrickV1 &brick)
 {
     Block block{};
-    put_u32(block, 4, brick.magic);
-    put_u32(block, 8, brick.use);
-    put_u32(block, 12, brick.no);
-    put_bytes(block, 16, brick.uuid);
-    put_text(block, 32, brick.brickid);
-    put_u32(block, 160, brick.unlink);
-    put_u32(block, 164, brick.reserved);
-    store_checksum(block, BrickV1::LENGTH, brick.checksum);
+    put_fields(block, model(1, "brick"), BRICK_MEMBERS, brick);
+    seal(model(1, "brick"), block, BrickV1::LENGTH, brick.checksum);
     return block;
+}
+
+BrickV1 decode_brick(const Block &block)
+{
+    BrickV1 brick;
+    get_fields(block, model(1, "brick"), BRICK_MEMBERS, brick);
+    return brick;
 }
 
 Block encode(const InodeV1 &inode)
 {
     Block block{};
-    put_u32(block, 4, inode.magic);
-    put_u64(block, 8, inode.atime);
-    put_u64(block, 16, inode.ctime);
-    put_u64(block, 24, inode.mtime);
-    put_u64(block, 32, inode.dtime);
-    put_bytes(block, 40, inode.uuid);
-    put_u64(block, 56, inode.size);
-    put_u32(block, 64, inode.priority);
-    put_u32(block, 68, inode.no);
-    put_u32(block, 72, inode.brick_no);
-    put_u16(block, 76, inode.unlink);
-    put_u16(block, 78, inode.use);
-    put_u64(block, 80, inode.reserved1);
-    put_u64(block, 88, inode.reserved2);
-    store_checksum(block, InodeV1::LENGTH, inode.checksum);
+    put_fields(block, model(1, "inode"), INODE_MEMBERS, inode);
+    seal(model(1, "inode"), block, InodeV1::LENGTH, inode.checksum);
     return block;
+}
+
+InodeV1 decode_inode(const Block &block)
+{
+    InodeV1 inode;
+    get_fields(block, model(1, "inode"), INODE_MEMBERS, inode);
+    return inode;
 }
 
 Block encode_head(const ExtentV1 &extent, std::uint32_t extent_size)
 {
     Block block{};
-    put_u32(block, 4, extent.block);
-    put_u64(block, 8, extent.size);
-    put_u32(block, 16, extent.inode_no);
-    put_u32(block, 20,
-            std::rotl(extent.sampling_low & 0x00FF'00FFU, 24) |
-                std::rotl(extent.sampling_low & 0xFF00'FF00U, 8));
-    put_u32(block, 24, extent.sampling_mid);
-    put_u32(block, 28, extent.sampling_high);
-    put_u16(block, 32, extent.use);
-    put_u16(block, 34, extent.clean);
-    put_u32(block, 36, extent.ntime);
-    put_u64(block, 40, extent.hot);
-    put_u64(block, 48, extent.no);
-    for (std::size_t i = 0; i < extent.bitmap.size() && i < bitmap_words(extent_size); ++i)
+    put_fields(block, model(1, "extent"), EXTENT_MEMBERS, extent);
+    for (std::size_t i = 0; i < extent.bitmap.size() && 64 + 8 * i <= extent_size; ++i)
         put_u64(block, 56 + 8 * i, extent.bitmap[i]);
     return block;
 }
@@ -185,88 +188,53 @@ Block encode_head(const ExtentV1 &extent, std::uint32_t extent_size)
 Block encode(const ExtentV1 &extent, std::uint32_t extent_size)
 {
     Block block = encode_head(extent, extent_size);
-    store_checksum(block, extent_size, extent.checksum);
+    seal(model(1, "extent"), block, extent_size, extent.checksum);
     return block;
+}
+
+ExtentV1 decode_extent(const Block &block, std::uint32_t extent_size)
+{
+    ExtentV1 extent;
+    get_fields(block, model(1, "extent"), EXTENT_MEMBERS, extent);
+    for (std::size_t at = 56; at + 8 <= extent_size; at += 8)
+        extent.bitmap.push_back(get_u64(block, at));
+    return extent;
 }
 
 std::int64_t brick_offset(const SuperHead &sb, std::uint64_t no)
 {
-    return static_cast<std::int64_t>(tables_start(sb) + no * 4096);
+    return slot_offset(model(1, "brick"), encode_head(sb), no);
 }
 
 std::int64_t inode_offset(const SuperHead &sb, std::uint64_t no)
 {
-    return brick_offset(sb, no) + static_cast<std::int64_t>(sb.brick_table_size);
+    return slot_offset(model(1, "inode"), encode_head(sb), no);
 }
 
 std::int64_t extent_offset(const SuperHead &sb, std::uint64_t no)
 {
-    return inode_offset(sb, no) + static_cast<std::int64_t>(sb.inode_table_size);
-}
-
-std::string json_head(const SuperHead &sb, std::uint32_t checksum, const std::string &rest)
-{
-    return text("{\"checksum\":\"0x%x\",\"magic\":\"0x%x\",\"brick_table_size\":%lu,"
-                "\"inode_table_size\":%lu,\"extent_table_size\":%lu,\"data_offset\":%lu,"
-                "\"ctime\":\"0x%lx(%s)\",\"uuid\":\"%s\",\"ssd_uuid\":\"%s\",\"version\":\"0x%x\","
-                "\"super block size\":%u,\"brick_cnt\":%u,\"inode_cnt\":%u,\"block_size\":%u,"
-                "\"block_cnt\":%u,\"extent_size\":%u,%s",
-                checksum, sb.magic, sb.brick_table_size, sb.inode_table_size, sb.extent_table_size,
-                sb.data_offset, sb.ctime, time_text(sb.ctime).c_str(), uuid_text(sb.uuid).c_str(),
-                sb.ssd_uuid.c_str(), sb.version, sb.size, sb.brick_cnt, sb.inode_cnt, sb.block_size,
-                sb.block_cnt, sb.extent_size, rest.c_str());
+    return slot_offset(model(1, "extent"), encode_head(sb), no);
 }
 
 std::string json(const SuperV1 &sb)
 {
-    return json_head(sb, get_u32(encode(sb), 0), text("\"sb_reserved\":%u}", sb.reserved));
+    return entry_text(model(1, "super"), {}, encode(sb), 0);
 }
 
 std::string json(const BrickV1 &brick, std::int64_t offset)
 {
-    return text("{\"bi_checksum\":\"0x%x\",\"bi_magic\":\"0x%x\",\"bi_use\":%u,\"bi_no\":%u,"
-                "\"bi_uuid\":\"%s\",\"bi_brickid\":\"%s\",\"bi_unlink\":%u,\"bi_reserved\":%u,"
-                "\"meta_offset\":%ld}",
-                get_u32(encode(brick), 0), brick.magic, brick.use, brick.no,
-                uuid_text(brick.uuid).c_str(), brick.brickid.substr(0, 127).c_str(), brick.unlink,
-                brick.reserved, offset);
-}
-
-std::string json_head(const InodeV1 &inode, std::uint32_t checksum, const std::string &rest)
-{
-    return text("{\"checksum\":\"0x%x\",\"magic\":\"0x%x\",\"atime\":\"%s\",\"ctime\":\"%s\","
-                "\"mtime\":\"%s\",\"dtime\":\"%s\",\"uuid\":\"%s\",\"size\":%lu,\"priority\":%u,"
-                "\"no\":%u,\"brick_no\":%u,\"unlink\":%hu,\"use\":%hu,%s",
-                checksum, inode.magic, time_text(inode.atime).c_str(),
-                time_text(inode.ctime).c_str(), time_text(inode.mtime).c_str(),
-                time_text(inode.dtime).c_str(), uuid_text(inode.uuid).c_str(), inode.size,
-                inode.priority, inode.no, inode.brick_no, inode.unlink, inode.use, rest.c_str());
+    return entry_text(model(1, "brick"), {}, encode(brick), offset);
 }
 
 std::string json(const InodeV1 &inode, std::int64_t offset)
 {
-    return json_head(inode, get_u32(encode(inode), 0),
-                     text("\"reserved1\":%lu,\"reserved2\":%lu,\"meta_offset\":%ld}",
-                          inode.reserved1, inode.reserved2, offset));
-}
-
-std::string json_head(const ExtentV1 &extent, std::uint32_t checksum)
-{
-    return text("{\"te_checksum\":\"0x%x\",\"te_block\":%u,\"te_size\":%lu,\"te_inode_no\":%u,"
-                "\"te_sampling_low\":\"%08x\",\"te_sampling_mid\":%u,\"te_sampling_high\":%u,"
-                "\"te_use\":%hu,\"te_clean\":%hu,\"te_ntime\":%u,\"te_hot\":%lu,\"te_no\":%lu,",
-                checksum, extent.block, extent.size, extent.inode_no, extent.sampling_low,
-                extent.sampling_mid, extent.sampling_high, extent.use, extent.clean, extent.ntime,
-                extent.hot, extent.no);
+    return entry_text(model(1, "inode"), {}, encode(inode), offset);
 }
 
 std::string json(const ExtentV1 &extent, std::uint32_t extent_size, std::int64_t offset)
 {
-    std::string bitmap;
-    for (std::size_t i = 0; i < bitmap_words(extent_size); ++i)
-        bitmap += text("0x%016lx ", i < extent.bitmap.size() ? extent.bitmap[i] : 0);
-    return json_head(extent, get_u32(encode(extent, extent_size), 0)) +
-           text("\"meta_offset\":%ld,\"te_bitmap\":\"%s\"}", offset, bitmap.c_str());
+    return entry_text(model(1, "extent"), super_of(extent_size), encode(extent, extent_size),
+                      offset);
 }
 
 void put_block(Device &device, std::int64_t offset, const Block &block)

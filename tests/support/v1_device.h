@@ -1,9 +1,9 @@
 #pragma once
 
-// Devices of layout version 1, made from the field tables of the layout by numeric offsets.
+// Devices of layout version 1, and their entries as structures.
 
-#include "bytes.h"
 #include "device.h"
+#include "model.h"
 
 #include <cstdint>
 #include <optional>
@@ -11,8 +11,6 @@
 #include <vector>
 
 namespace tier_test {
-
-constexpr std::uint64_t SUPER_OFFSET = 4096;
 
 // A checksum given here is stored in place of the right one.
 using StoredChecksum = std::optional<std::uint32_t>;
@@ -128,21 +126,21 @@ Device make_v1_device(const SuperV1 &sb, const std::vector<BrickV1> &bricks = {}
                       const std::vector<InodeV1> &inodes = {},
                       const std::vector<ExtentV1> &extents = {});
 
-// What records, lines and images of layout version 2 have in common with those of version 1.
+void put_block(Device &device, std::int64_t offset, const Block &block);
+
+// Whatever its checksum is.
+SuperV1 decode_super(const Block &block);
+BrickV1 decode_brick(const Block &block);
+InodeV1 decode_inode(const Block &block);
+ExtentV1 decode_extent(const Block &block, std::uint32_t extent_size);
+
+// What devices of layout version 2 have in common with those of version 1.
 
 // Without a checksum.
 Block encode_head(const SuperHead &sb);
 Block encode_head(const ExtentV1 &extent, std::uint32_t extent_size);
+void decode_head(const Block &block, SuperHead &sb);
 
-// Stores the checksum of a record of that length, or the one that is given for it.
-void store_checksum(Block &block, std::size_t length, const StoredChecksum &checksum);
-
-// The members of a line up to those that differ, then the rest of it.
-std::string json_head(const SuperHead &sb, std::uint32_t checksum, const std::string &rest);
-std::string json_head(const InodeV1 &inode, std::uint32_t checksum, const std::string &rest);
-std::string json_head(const ExtentV1 &extent, std::uint32_t checksum);
-
-void put_block(Device &device, std::int64_t offset, const Block &block);
 void put_bricks(Device &device, const SuperHead &sb, const std::vector<BrickV1> &bricks);
 
 } // namespace tier_test

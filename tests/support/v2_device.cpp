@@ -1,5 +1,7 @@
 #include "v2_device.h"
 
+#include "records.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -7,7 +9,20 @@ namespace tier_test {
 
 namespace {
 
-constexpr std::size_t MAP_LENGTH = 16;
+// Of the fields after the head, and of an inode's last two.
+const RecordMembers<SuperV2> SUPER_MEMBERS{&SuperV2::exp_magic,      std::monostate(),
+                                           &SuperV2::exp_inuse,      &SuperV2::exp_area,
+                                           &SuperV2::min_alloc_size, &SuperV2::total_map_size,
+                                           &SuperV2::map_cnt,        &SuperV2::size_mapped_meta,
+                                           &SuperV2::hot_size,       &SuperV2::total_extent_size};
+
+// The table without the fields that V1 has too.
+TableModel rest_of_super()
+{
+    TableModel rest = model(2, "super");
+    rest.fields.erase(rest.fields.begin() + 1, rest.fields.begin() + 16);
+    return rest;
+}
 
 std::uint64_t image_end(const SuperV2 &sb)
 {
@@ -91,18 +106,19 @@ ExtentV2 extent_v2_used(std::uint64_t no, std::uint32_t inode_no)
 
 Block encode(const SuperV2 &sb)
 {
+    static const TableModel REST = rest_of_super();
     Block block = encode_head(sb);
-    put_u16(block, 140, sb.exp_magic);
-    put_u8(block, 142, sb.exp_area);
-    put_u8(block, 143, sb.exp_inuse);
-    put_u32(block, 144, sb.min_alloc_size);
-    put_u32(block, 148, sb.total_map_size);
-    put_u32(block, 152, sb.map_cnt);
-    put_u32(block, 156, sb.size_mapped_meta);
-    put_u32(block, 160, sb.hot_size);
-    put_u32(block, 164, sb.total_extent_size);
-    store_checksum(block, SuperV2::LENGTH, sb.checksum);
+    put_fields(block, REST, SUPER_MEMBERS, sb);
+    seal(REST, block, SuperV2::LENGTH, sb.checksum);
     return block;
+}
+
+SuperV2 decode_super_v2(const Block &block)
+{
+    SuperV2 sb;
+    decode_head(block, sb);
+    get_fields(block, rest_of_super(), SUPER_MEMBERS, sb);
+    return sb;
 }
 
 Block encode(const InodeV2 &inode)
@@ -110,70 +126,71 @@ Block encode(const InodeV2 &inode)
     Block block = encode(static_cast<const InodeV1 &>(inode));
     put_u64(block, 80, inode.new_data);
     put_u64(block, 88, inode.blocks);
-    store_checksum(block, InodeV2::LENGTH, inode.checksum);
+    seal(model(2, "inode"), block, InodeV2::LENGTH, inode.checksum);
     return block;
+}
+
+InodeV2 decode_inode_v2(const Block &block)
+{
+    InodeV2 inode{decode_inode(block)};
+    inode.new_data = inode.reserved1;
+    inode.blocks = inode.reserved2;
+    return inode;
 }
 
 Block encode(const ExtentV2 &extent, const SuperV2 &sb)
 {
     Block block = encode_head(extent, sb.extent_size);
     for (const auto &[mapno, meta] : extent.maps) {
-        const std::size_t at = sb.extent_size + MAP_LENGTH * mapno;
+        const std::size_t at = sb.extent_size + PIECE_LENGTH * mapno;
         put_u64(block, at, meta.offset);
         put_u32(block, at + 8, (meta.clean & 1U) | meta.orig_len << 1);
         put_u16(block, at + 12, meta.begin);
         put_u16(block, at + 14, meta.cnt);
     }
     put_bytes(block, sb.extent_size + sb.total_map_size, extent.hot_area);
-    store_checksum(block, sb.total_extent_size, extent.checksum);
+    seal(model(2, "extent"), block, sb.total_extent_size, extent.checksum);
     return block;
+}
+
+ExtentV2 decode_extent_v2(const Block &block, const SuperV2 &sb)
+{
+    ExtentV2 extent{decode_extent(block, sb.extent_size)};
+    for (std::uint32_t mapno = 0; mapno < sb.map_cnt; ++mapno) {
+        const std::size_t at = sb.extent_size + PIECE_LENGTH * mapno;
+        const std::uint32_t word = get_u32(block, at + 8);
+        if (word > 1)
+            extent.maps[mapno] = {get_u64(block, at), word & 1U, word >> 1, get_u16(block, at + 12),
+                                  get_u16(block, at + 14)};
+    }
+    const auto hot = block.begin() + sb.extent_size + sb.total_map_size;
+    extent.hot_area.assign(hot, hot + sb.hot_size);
+    return extent;
 }
 
 std::int64_t inode_offset(const SuperV2 &sb, std::uint32_t no)
 {
-    if (no >= sb.inode_cnt)
-        return expansion_offset(sb, no - sb.inode_cnt);
-    return inode_offset(static_cast<const SuperHead &>(sb), no);
+    return slot_offset(model(2, "inode"), encode(sb), no);
 }
 
 std::int64_t expansion_offset(const SuperV2 &sb, std::uint64_t slot)
 {
-    return static_cast<std::int64_t>(sb.data_offset + std::uint64_t{sb.block_size} * sb.block_cnt +
-                                     MIB + slot * BLOCK_SIZE);
+    return expansion_start(encode(sb)) + static_cast<std::int64_t>(slot * BLOCK_SIZE);
 }
 
 std::string json(const SuperV2 &sb)
 {
-    return json_head(
-        sb, get_u32(encode(sb), 0),
-        text("\"exp_inode_magic\":\"0x%x\",\"exp_inode_cnt\":%u,\"exp_inode_inuse\":\"0x%x\","
-             "\"sb_inode_exp_area\":%u,\"min_alloc_size\":%u,\"total_map_size\":%u,"
-             "\"map_cnt\":%u,\"size_mapped_meta\":%u,\"hot_size\":%u,\"total_extent_size\":%u}",
-             sb.exp_magic, expansion_count(sb), sb.exp_inuse, sb.exp_area, sb.min_alloc_size,
-             sb.total_map_size, sb.map_cnt, sb.size_mapped_meta, sb.hot_size,
-             sb.total_extent_size));
+    return entry_text(model(2, "super"), {}, encode(sb), 0);
 }
 
 std::string json(const InodeV2 &inode, std::int64_t offset)
 {
-    return json_head(inode, get_u32(encode(inode), 0),
-                     text("\"new_data\":%lu,\"blocks\":%lu,\"meta_offset\":%ld}", inode.new_data,
-                          inode.blocks, offset));
+    return entry_text(model(2, "inode"), {}, encode(inode), offset);
 }
 
 std::string json(const ExtentV2 &extent, const SuperV2 &sb, std::int64_t offset)
 {
-    std::string maps;
-    for (const auto &[mapno, meta] : extent.maps)
-        if (meta.orig_len != 0)
-            maps +=
-                text("%s{\"offset\":%lu,\"clean\":%u,\"orig_len\":%u,\"begin\":%hu,"
-                     "\"cnt\":%hu,\"mapno\":%u,\"data_phy_offset\":%lu}",
-                     maps.empty() ? "" : ",", meta.offset, meta.clean & 1U, meta.orig_len,
-                     meta.begin, meta.cnt, mapno,
-                     sb.data_offset + extent.no * sb.block_size + std::uint64_t{meta.begin} * 4096);
-    return json_head(extent, get_u32(encode(extent, sb), 0)) +
-           text("\"meta_offset\": %ld,\"te_mapped_meta\":[%s]}", offset, maps.c_str());
+    return entry_text(model(2, "extent"), encode(sb), encode(extent, sb), offset);
 }
 
 Device make_v2_device(const SuperV2 &sb, const std::vector<BrickV2> &bricks,

@@ -1,6 +1,6 @@
 #pragma once
 
-// Devices of layout version 2, made from the field tables of the layout by numeric offsets.
+// Devices of layout version 2, and their entries as structures.
 
 #include "v1_device.h"
 
@@ -31,7 +31,6 @@ SuperV2 super_v2(std::uint32_t bricks, std::uint32_t inodes, std::uint32_t block
 void set_maps(SuperV2 &sb, std::uint32_t map_cnt);
 
 // An expansion inode area of so many inodes, a multiple of EXPANSION_UNIT.
-constexpr std::uint32_t EXPANSION_UNIT = 25600;
 void set_expansion(SuperV2 &sb, std::uint32_t inodes, bool in_use);
 std::uint32_t expansion_count(const SuperV2 &sb);
 
@@ -68,6 +67,11 @@ ExtentV2 extent_v2_used(std::uint64_t no, std::uint32_t inode_no);
 Block encode(const SuperV2 &sb);
 Block encode(const InodeV2 &inode);
 Block encode(const ExtentV2 &extent, const SuperV2 &sb);
+
+// Whatever its checksum is.
+SuperV2 decode_super_v2(const Block &block);
+InodeV2 decode_inode_v2(const Block &block);
+ExtentV2 decode_extent_v2(const Block &block, const SuperV2 &sb);
 
 // The place of a regular or an expansion inode; bricks and extents lie as in version 1.
 std::int64_t inode_offset(const SuperV2 &sb, std::uint32_t no);

@@ -1,23 +1,60 @@
-#include "v3_device.h"
+#include "packed_table.h"
+#include "records.h"
 
 namespace tier_test {
 
 namespace {
 
-constexpr std::uint32_t CRC_BITS = 32;
 constexpr std::uint64_t WORD = 8;
 
-// The low bits of a field, at its place in a word.
-std::uint64_t bits(std::uint64_t value, unsigned width, unsigned shift)
+const RecordMembers<SuperV3> SUPER_MEMBERS{
+    &SuperV3::magic,
+    &SuperV3::sb_offset,
+    &SuperV3::size,
+    &SuperV3::reserved_offset,
+    &SuperV3::reserved_size,
+    &SuperV3::ctime,
+    &SuperV3::uuid,
+    &SuperV3::ssd_uuid,
+    &SuperV3::version,
+    &SuperV3::reserved,
+    &SuperV3::brick_table_offset,
+    &SuperV3::brick_table_size,
+    &SuperV3::brick_cnt,
+    &SuperV3::inode_table_offset,
+    &SuperV3::inode_table_size,
+    &SuperV3::inode_cnt,
+    &SuperV3::shard_table_offset,
+    &SuperV3::shard_table_size,
+    &SuperV3::shard_cnt,
+    &SuperV3::extent_table_offset,
+    &SuperV3::extent_table_size,
+    &SuperV3::extent_cnt,
+    &SuperV3::hot_table_offset,
+    &SuperV3::hot_table_size,
+    &SuperV3::data_offset,
+    &SuperV3::data_size,
+    &SuperV3::block_size,
+    &SuperV3::block_cnt,
+};
+
+template <class Entry, class Packed>
+void put_words(Block &block, const PackedTable<Packed, Entry> &table, const Packed &packed)
 {
-    return (value & ((std::uint64_t{1} << width) - 1)) << shift;
+    for (const Entry &entry : packed.*table.entries)
+        for (const PackedField<Entry> &field : table.fields)
+            put_number(block, {field.name, 0, field.width, FieldForm::DECIMAL, field.shift},
+                       entry.*field.value, WORD * entry.slot);
 }
 
-std::uint64_t word(const ExtentV3 &extent)
+// The lowest bit of an extent's word is the checksum's.
+template <class Packed, class Entry>
+void get_words(const Block &block, const PackedTable<Packed, Entry> &table,
+               std::uint64_t empty_below, Packed &packed)
 {
-    return bits(extent.lba, 19, 1) | bits(extent.shard, 19, 20) | bits(extent.dirty, 1, 39) |
-           bits(extent.bitmap, 16, 40) | bits(extent.in_use, 1, 56) | bits(extent.sense, 4, 57) |
-           bits(extent.demote, 1, 61) | bits(extent.dm_err, 1, 62) | bits(extent.reserved, 1, 63);
+    for (std::uint32_t slot = table.first_slot; slot < SLOTS_V3; ++slot)
+        if (const std::uint64_t word = get_u64(block, WORD * slot); word >= empty_below)
+            (packed.*table.entries).push_back(entry_of(table, slot, word));
 }
 
 std::int64_t block_offset(std::uint64_t table, std::uint64_t no)
@@ -100,75 +137,57 @@ InodeV3 inode_v3_used(std::uint32_t no, std::uint32_t brick_no)
 Block encode(const SuperV3 &sb)
 {
     Block block{};
-    put_u32(block, 4, sb.magic);
-    put_u64(block, 8, sb.sb_offset);
-    put_u64(block, 16, sb.size);
-    put_u64(block, 24, sb.reserved_offset);
-    put_u64(block, 32, sb.reserved_size);
-    put_u64(block, 40, sb.ctime);
-    put_bytes(block, 48, sb.uuid);
-    put_text(block, 64, sb.ssd_uuid);
-    put_u32(block, 112, sb.version);
-    put_u32(block, 116, sb.reserved);
-    put_u64(block, 120, sb.brick_table_offset);
-    put_u64(block, 128, sb.brick_table_size);
-    put_u64(block, 136, sb.brick_cnt);
-    put_u64(block, 144, sb.inode_table_offset);
-    put_u64(block, 152, sb.inode_table_size);
-    put_u64(block, 160, sb.inode_cnt);
-    put_u64(block, 168, sb.shard_table_offset);
-    put_u64(block, 176, sb.shard_table_size);
-    put_u64(block, 184, sb.shard_cnt);
-    put_u64(block, 192, sb.extent_table_offset);
-    put_u64(block, 200, sb.extent_table_size);
-    put_u64(block, 208, sb.extent_cnt);
-    put_u64(block, 216, sb.hot_table_offset);
-    put_u64(block, 224, sb.hot_table_size);
-    put_u64(block, 232, sb.data_offset);
-    put_u64(block, 240, sb.data_size);
-    put_u64(block, 248, sb.block_size);
-    put_u64(block, 256, sb.block_cnt);
-    store_checksum(block, SuperV3::LENGTH, sb.checksum);
+    put_fields(block, model(3, "super"), SUPER_MEMBERS, sb);
+    seal(model(3, "super"), block, SuperV3::LENGTH, sb.checksum);
     return block;
+}
+
+SuperV3 decode_super_v3(const Block &block)
+{
+    SuperV3 sb;
+    get_fields(block, model(3, "super"), SUPER_MEMBERS, sb);
+    return sb;
 }
 
 Block encode(const ShardBlockV3 &packed)
 {
     Block block{};
     put_u32(block, 4, packed.magic);
-    for (const ShardV3 &shard : packed.shards)
-        put_u64(block, WORD * shard.slot,
-                bits(shard.ino, 18, 0) | bits(shard.in_use, 1, 18) | bits(shard.reserved, 13, 19) |
-                    bits(shard.index, 32, 32));
-    store_checksum(block, BLOCK_SIZE, packed.checksum);
+    put_words(block, block_table<ShardTable>(), packed);
+    seal(model(3, "shard"), block, BLOCK_SIZE, packed.checksum);
     return block;
+}
+
+ShardBlockV3 decode_shards(const Block &block)
+{
+    ShardBlockV3 packed{.magic = get_u32(block, 4)};
+    get_words(block, block_table<ShardTable>(), 1, packed);
+    return packed;
 }
 
 Block encode(const ExtentBlockV3 &packed)
 {
     Block block{};
-    for (const ExtentV3 &extent : packed.extents)
-        put_u64(block, WORD * extent.slot, word(extent));
-    const std::uint32_t checksum = packed.checksum.value_or(crc32(block));
-    for (std::uint32_t bit = 0; bit < CRC_BITS; ++bit)
-        block[WORD * bit] = static_cast<std::uint8_t>(block[WORD * bit] | (checksum >> bit & 1U));
+    put_words(block, block_table<ExtentTable>(), packed);
+    seal(model(3, "extent"), block, BLOCK_SIZE, packed.checksum);
     return block;
+}
+
+ExtentBlockV3 decode_extents(const Block &block)
+{
+    ExtentBlockV3 packed;
+    get_words(block, block_table<ExtentTable>(), 2, packed);
+    return packed;
 }
 
 std::uint32_t extent_block_crc(const Block &block)
 {
-    Block bare = block;
-    for (std::uint32_t bit = 0; bit < CRC_BITS; ++bit)
-        bare[WORD * bit] &= 0xFE;
-    return crc32(bare);
+    return computed_checksum(model(3, "extent"), block, BLOCK_SIZE);
 }
 
 std::uint32_t extent_block_checksum(const Block &block)
 {
-    std::uint32_t checksum = 0;
-    for (std::uint32_t bit = 0; bit < CRC_BITS; ++bit)
-        checksum |= (block[WORD * bit] & 1U) << bit;
-    return checksum;
+    return stored_checksum(model(3, "extent"), block);
 }
 
 std::int64_t brick_offset(const SuperV3 &sb, std::uint64_t no)
@@ -198,23 +217,7 @@ std::int64_t hot_offset(const SuperV3 &sb, std::uint64_t block)
 
 std::string json(const SuperV3 &sb)
 {
-    return text(
-        "{\"checksum\":\"0x%x\",\"magic\":\"0x%x\",\"sb_offset\":%lu,\"super block size\":%lu,"
-        "\"reserved_offset\":%lu,\"reserved_size\":%lu,\"ctime\":\"0x%lx(%s)\",\"uuid\":\"%s\","
-        "\"ssd_uuid\":\"%s\",\"version\":\"0x%x\",\"reserved\":%u,\"brick_table_offset\":%lu,"
-        "\"brick_table_size\":%lu,\"brick_cnt\":%lu,\"inode_table_offset\":%lu,"
-        "\"inode_table_size\":%lu,\"inode_cnt\":%lu,\"shard_table_offset\":%lu,"
-        "\"shard_table_size\":%lu,\"shard_table_cnt\":%lu,\"extent_table_offset\":%lu,"
-        "\"extent_table_size\":%lu,\"extent_table_cnt\":%lu,\"hot_table_offset\":%lu,"
-        "\"hot_table_size\":%lu,\"data_offset\":%lu,\"data_table_size\":%lu,\"block_size\":%lu,"
-        "\"block_cnt\":%lu}",
-        get_u32(encode(sb), 0), sb.magic, sb.sb_offset, sb.size, sb.reserved_offset,
-        sb.reserved_size, sb.ctime, time_text(sb.ctime).c_str(), uuid_text(sb.uuid).c_str(),
-        sb.ssd_uuid.c_str(), sb.version, sb.reserved, sb.brick_table_offset, sb.brick_table_size,
-        sb.brick_cnt, sb.inode_table_offset, sb.inode_table_size, sb.inode_cnt,
-        sb.shard_table_offset, sb.shard_table_size, sb.shard_cnt, sb.extent_table_offset,
-        sb.extent_table_size, sb.extent_cnt, sb.hot_table_offset, sb.hot_table_size, sb.data_offset,
-        sb.data_size, sb.block_size, sb.block_cnt);
+    return entry_text(model(3, "super"), {}, encode(sb), 0);
 }
 
 Device make_v3_device(const SuperV3 &sb, const std::vector<BrickV3> &bricks,

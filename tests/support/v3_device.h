@@ -1,6 +1,6 @@
 #pragma once
 
-// Devices of layout version 3, made from the field tables of the layout by numeric offsets.
+// Devices of layout version 3, and their entries as structures.
 
 #include "v2_device.h"
 
@@ -43,9 +43,6 @@ struct SuperV3 {
     std::uint64_t block_cnt = 0;
     StoredChecksum checksum{};
 };
-
-// The words of a shard block or an extent block, its head included.
-constexpr std::uint32_t SLOTS_V3 = 512;
 
 // Three blocks of shards, three of the hot table and four of extents.
 SuperV3 super_v3(std::uint32_t bricks, std::uint32_t inodes, std::uint32_t blocks = 4);
@@ -108,6 +105,12 @@ InodeV3 inode_v3_used(std::uint32_t no, std::uint32_t brick_no);
 Block encode(const SuperV3 &sb);
 Block encode(const ShardBlockV3 &block);
 Block encode(const ExtentBlockV3 &block);
+
+// Whatever its checksum is. Bricks and inodes are read as those of V1 and V2. Of packed blocks the
+// words that are not zero are given.
+SuperV3 decode_super_v3(const Block &block);
+ShardBlockV3 decode_shards(const Block &block);
+ExtentBlockV3 decode_extents(const Block &block);
 
 // The checksum that belongs to the content of a block of extents, and the one that its words carry
 // in their lowest bits.

@@ -2,6 +2,7 @@
 
 // What every run of the tool keeps to, whatever it meets.
 
+#include "assertions.h"
 #include "run.h"
 #include "snapshot.h"
 
@@ -9,15 +10,8 @@
 
 namespace tier_test {
 
-// The situations in which a run may end in a failed assertion, as bits.
-enum Situation : unsigned {
-    NO_LOG = 1,          // no log file could be opened, and an entry is damaged
-    NO_MEMORY = 2,       // an allocation was refused
-    FORCED = 4,          // option -v: no super block was read
-    GEOMETRY = 8,        // a sealed super block with absurd counts or offsets
-    DESCRIPTION = 16,    // convert_super of a super block that cannot be one
-    UNREADABLE_FILE = 32 // convert_super of a file that cannot be loaded
-};
+// A super block whose numbers can be anything.
+constexpr unsigned ABSURD_SUPER = GEOMETRY | NO_SIZE | MANY_ENTRIES;
 
 struct Terms {
     bool commit = false;     // -y was given to a repair

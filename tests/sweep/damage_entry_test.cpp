@@ -49,7 +49,7 @@ protected:
 
     std::string walk_of(const DamagedTable &table, const std::vector<std::string> &shown) const
     {
-        return table.before_walk + joined(shown) + table.behind_walk;
+        return table.before_walk + joined(shown) + table.after_walk;
     }
 
     void expect_walk(const DamagedTable &table, const std::vector<std::string> &args,
@@ -89,13 +89,13 @@ protected:
                 EXPECT_EQ(device.run(table.dump, {}, {}, options).out, usual.at(table.dump));
             }
             const std::vector<std::string> args{"-f",
-                                                device.file("conf", sound_file(*table.repair))};
-            EXPECT_EQ(device.run(table.repair->command, args, {}, options).status, 0);
+                                                device.file("conf", table.sample->document())};
+            EXPECT_EQ(device.run(table.repair, args, {}, options).status, 0);
             EXPECT_EQ(device
-                          .run(table.repair->command, {args[0], args[1], "-y"},
+                          .run(table.repair, {args[0], args[1], "-y"},
                                {.commit = true,
                                 .place = table.place(super, table.entry),
-                                .block = table.repair->sample.block},
+                                .block = table.sample->block()},
                                options)
                           .status,
                       0);
@@ -150,8 +150,8 @@ TEST_P(DamagedEntries, WithoutALog)
              {std::vector<std::string>{}, {"-n", "1"}, {"-g", "error=0"}}) {
             SCOPED_TRACE(table.dump);
             const RunResult run = device.run_without_log(table.dump, args);
-            if (!table.assertion.empty())
-                expect_abort(run, table.assertion);
+            if (!table.without_log.empty())
+                expect_abort(run, table.without_log);
             else
                 EXPECT_EQ(run.status,
                           is_checked(table) && args.size() == 2 && args[0] == "-n" ? 14 : 0);
@@ -221,7 +221,8 @@ const SuperKind SUPER_KINDS[] = {
     {"ones", [](const DamagedLayout &, Block &super) { super.fill(0xFF); }},
     {"torn",
      [](const DamagedLayout &layout, Block &super) {
-         std::copy_n(layout.super->sample.block.begin(), 140, super.begin());
+         const Block other = layout.super->block();
+         std::copy_n(other.begin(), 140, super.begin());
          super[139] ^= 1;
      }},
 };
@@ -231,14 +232,14 @@ TEST_P(DamagedEntries, SuperBlock)
 {
     std::vector<std::vector<std::string>> commands{
         {"dump_super"},
-        {"convert_super", "-f", device.file("super", sound_file(*layout.super))},
-        {"repair_super", "-y", "-f", device.file("super", sound_file(*layout.super))}};
+        {"convert_super", "-f", device.file("super", layout.super->document())},
+        {"repair_super", "-y", "-f", device.file("super", layout.super->document())}};
     for (const DamagedTable &table : layout.tables) {
-        const std::string conf = device.file(table.repair->name, sound_file(*table.repair));
+        const std::string conf = device.file(table.sample->name, table.sample->document());
         commands.push_back({table.dump});
         commands.push_back({table.dump, "-n", "0"});
-        commands.push_back({table.repair->command, "-f", conf});
-        commands.push_back({table.repair->command, "-f", conf, "-y"});
+        commands.push_back({table.repair, "-f", conf});
+        commands.push_back({table.repair, "-f", conf, "-y"});
     }
     const auto expect_all = [&](int status, const std::string &message, const RunOptions &options) {
         for (const std::vector<std::string> &command : commands) {

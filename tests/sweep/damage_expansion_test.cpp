@@ -76,7 +76,8 @@ protected:
 
     void expect_walk()
     {
-        const RunResult run = device.run("dump_inode", {"-g", "error=0"}, {.situations = GEOMETRY});
+        const RunResult run =
+            device.run("dump_inode", {"-g", "error=0"}, {.situations = ABSURD_SUPER});
         EXPECT_TRUE(run.status == 0 || run.signal == SIGABRT) << run;
     }
 
@@ -85,7 +86,7 @@ protected:
         SCOPED_TRACE(text("-n %u", no));
         const Area area(super);
         const RunResult run =
-            device.run("dump_inode", {"-n", std::to_string(no)}, {.situations = GEOMETRY});
+            device.run("dump_inode", {"-n", std::to_string(no)}, {.situations = ABSURD_SUPER});
         const bool regular = no < area.regular;
         const std::uint32_t count = regular ? area.regular : area.all;
         const std::uint64_t place = area.place(super, no);
@@ -114,7 +115,7 @@ protected:
             if (commit)
                 args.emplace_back("-y");
             const RunResult run =
-                device.run("repair_inode", args, {.commit = commit, .situations = GEOMETRY});
+                device.run("repair_inode", args, {.commit = commit, .situations = ABSURD_SUPER});
             if (!area.admits(EXPANSION_INODE))
                 EXPECT_EQ(run.status, 22) << run;
             else if (static_cast<std::int64_t>(place) < 0)

@@ -13,25 +13,31 @@ bool always(const DamagedTable &)
     return true;
 }
 
-template <std::size_t DamagedTable::*Field>
-bool has(const DamagedTable &table)
+bool has_magic(const DamagedTable &table)
 {
-    return table.*Field != 0;
+    return table.magic != 0;
+}
+
+bool has_number(const DamagedTable &table)
+{
+    return !table.number.empty();
 }
 
 // The checksum is made right again.
-template <std::size_t DamagedTable::*Field>
-void spoil_field(const DamagedTable &table, Block &slot)
+void spoil(const DamagedTable &table, Block &slot, std::size_t byte)
 {
-    slot[table.*Field] ^= 0x10;
-    table.repair->seal(slot);
+    slot[byte] ^= 0x10;
+    seal(table, table.sample->super, slot);
 }
 
 const std::vector<DamageKind> KINDS{
     {"checksum", always, [](const DamagedTable &, Block &slot) { slot[0] ^= 1; }},
     {"bit", always, [](const DamagedTable &, Block &slot) { slot[51] ^= 0x80; }},
-    {"magic", has<&DamagedTable::magic_at>, spoil_field<&DamagedTable::magic_at>},
-    {"number", has<&DamagedTable::number_at>, spoil_field<&DamagedTable::number_at>},
+    {"magic", has_magic, [](const DamagedTable &table, Block &slot) { spoil(table, slot, 4); }},
+    {"number", has_number,
+     [](const DamagedTable &table, Block &slot) {
+         spoil(table, slot, table.field(table.number).byte);
+     }},
     {"zero", always, [](const DamagedTable &, Block &slot) { slot.fill(0); }},
     {"ones", always, [](const DamagedTable &, Block &slot) { slot.fill(0xFF); }},
     {"noise", always,
@@ -42,7 +48,8 @@ const std::vector<DamageKind> KINDS{
      }},
     {"torn", always, // the first bytes are those of another entry, with its checksum
      [](const DamagedTable &table, Block &slot) {
-         std::copy_n(table.repair->sample.block.begin(), 40, slot.begin());
+         const Block other = table.sample->block();
+         std::copy_n(other.begin(), 40, slot.begin());
      }},
     {"a super block", always,
      [](const DamagedTable &, Block &slot) { slot = encode(super_v1(1, 1, 1)); }},

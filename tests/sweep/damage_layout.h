@@ -2,7 +2,7 @@
 
 // The layouts as the damage sweep goes over them: super block fields, tables and commands.
 
-#include "configuration.h"
+#include "key_sweep.h"
 
 #include <functional>
 #include <iosfwd>
@@ -20,18 +20,9 @@ struct SuperField {
 // Names of super block fields.
 using FieldNames = std::vector<std::string>;
 
-struct DamagedTable {
-    std::string dump;
-    const ConfigTable *repair; // with the file of one sound entry
-    std::string number_key;    // in error records
-    std::uint64_t entry;       // the block that the file repairs
-    std::size_t magic_at = 0;  // 0 if there is none
-    std::size_t number_at = 0; // the same
-    std::string assertion{};   // without a log, on a damaged entry; empty if there is none
-
-    // By the super block that is in force.
-    std::function<std::uint64_t(const Block &super)> start;
-    std::function<std::uint64_t(const Block &super)> count; // of blocks; the low 32 bits are walked
+struct DamagedTable : TableModel {
+    const RepairSample *sample; // the file of one sound entry
+    std::uint64_t entry;        // the block that the file repairs
 
     // Why a dump ends before it reads an entry: the size of a record, a failed assertion.
     std::function<bool(const Block &super)> refuses = [](const Block &) { return false; };
@@ -41,11 +32,8 @@ struct DamagedTable {
     bool bounds_first = false; // the number of an entry is looked at before the table is
 
     // What the commands depend on: where the other fields change, nothing does.
-    FieldNames dump_uses;
-    FieldNames repair_uses;
-
-    std::string before_walk{}; // around the array of a walk
-    std::string behind_walk{};
+    FieldNames dump_uses{};
+    FieldNames repair_uses{};
 
     std::uint64_t place(const Block &super_block, std::uint64_t no) const
     {
@@ -56,7 +44,7 @@ struct DamagedTable {
 struct DamagedLayout {
     std::string name;
     Device (*device)();
-    const ConfigTable *super;
+    const RepairSample *super;
     std::size_t length;             // of the super block's record
     std::vector<SuperField> fields; // every number in it, its checksum excepted
     std::vector<DamagedTable> tables;
@@ -65,9 +53,6 @@ struct DamagedLayout {
 
 // The parameters of the tests.
 std::vector<const DamagedLayout *> layouts_to_damage();
-
-// The file of a table's sound entry.
-std::string sound_file(const ConfigTable &table);
 
 std::ostream &operator<<(std::ostream &out, const SuperField &field);
 std::ostream &operator<<(std::ostream &out, const DamagedLayout *layout);

@@ -42,7 +42,7 @@ protected:
     {
         std::vector<Command> commands;
         const Command walk{.name = table.dump,
-                           .terms = {.situations = GEOMETRY},
+                           .terms = {.situations = ABSURD_SUPER},
                            .uses = &table.dump_uses,
                            .table = &table,
                            .is_walk = true};
@@ -54,13 +54,13 @@ protected:
             commands.back().args = {"-n", std::to_string(entry)};
         }
         const auto repair = [&](bool commit) {
-            Command command{.name = table.repair->command,
-                            .args = {"-f", file(*table.repair)},
-                            .terms = {.commit = commit, .situations = GEOMETRY},
+            Command command{.name = table.repair,
+                            .args = {"-f", file(*table.sample)},
+                            .terms = {.commit = commit, .situations = ABSURD_SUPER},
                             .uses = &table.repair_uses,
                             .table = &table};
-            if (table.repair->checksum_key.empty())
-                command.terms.place = table.repair->sample.target;
+            if (table.takes_place)
+                command.terms.place = static_cast<std::uint64_t>(table.sample->parsed().place);
             if (commit)
                 command.args.emplace_back("-y");
             commands.push_back(command);
@@ -109,9 +109,9 @@ protected:
     }
 
 private:
-    std::string file(const ConfigTable &table) const
+    std::string file(const RepairSample &sample) const
     {
-        return device.file(table.name + ".json", sound_file(table));
+        return device.file(sample.name + ".json", sample.document());
     }
 };
 

@@ -1,7 +1,7 @@
 // The tables of entries that have a block each.
 
 #include "scenarios.h"
-#include "tables.h"
+#include "table.h"
 
 namespace tier_test {
 
@@ -13,9 +13,9 @@ Device spoilt_device(const typename T::Super &super)
 {
     const T &table = tier_test::table<typename T::Super, typename T::Entry>();
     Device device = Layout<typename T::Super>::device(super);
-    put_block(device, table.offset(super, 0), table.encode(super, table.used(0, 0)));
-    const auto last = static_cast<std::uint32_t>(super.*table.count) - 1;
-    Block damaged = table.encode(super, free_entry<typename T::Entry>(last));
+    put_block(device, table.offset(super, 0), table.encoded(super, table.used(0, 0)));
+    const auto last = static_cast<std::uint32_t>(super.*table.counter) - 1;
+    Block damaged = table.encoded(super, free_entry<typename T::Entry>(last));
     damaged[0] ^= 1;
     put_block(device, table.offset(super, last), damaged);
     return device;
@@ -27,13 +27,13 @@ void add_entries(std::vector<SweptCommand> &commands)
     using L = Layout<typename T::Super>;
     const T &table = tier_test::table<typename T::Super, typename T::Entry>();
     const auto super = L::super(2, 3, 3);
-    const auto count = static_cast<std::uint32_t>(super.*table.count);
+    const auto count = static_cast<std::uint32_t>(super.*table.counter);
     const auto device = [=] { return spoilt_device<T>(super); };
     std::vector<std::int64_t> offsets;
     for (std::uint32_t no = 0; no < count; ++no)
         offsets.push_back(table.offset(super, no));
     const std::string unreadable =
-        table.before_walk + unreadable_table(table.number_key.c_str(), offsets) + table.behind_walk;
+        table.before_walk + unreadable_table(table.number_key.c_str(), offsets) + table.after_walk;
     const auto number = [](std::uint32_t no) { return std::to_string(no); };
     const std::vector<std::string> dump{"-c", table.dump};
     commands.push_back({std::string(L::NAME) + '_' + table.dump,
@@ -64,18 +64,18 @@ void add_entries(std::vector<SweptCommand> &commands)
     SweptCommand repairs{std::string(L::NAME) + '_' + table.repair, device, {}};
     add_repair(repairs, {.name = "in use",
                          .args = repair,
-                         .conf = repair_file(table.keys, entry).text(),
+                         .conf = table.file_of(super, entry).text(),
                          .place = place,
-                         .block = table.encode(super, entry)});
+                         .block = table.encoded(super, entry)});
     add_commit(repairs,
                {.name = "freed",
                 .args = repair,
-                .conf = repair_file(table.keys, free_entry<typename T::Entry>(count - 1)).text(),
+                .conf = table.file_of(super, free_entry<typename T::Entry>(count - 1)).text(),
                 .makes_uuid = table.repair == "repair_brick",
                 .place = place});
     add_commit(repairs, {.name = "refused",
                          .args = repair,
-                         .conf = repair_file(table.keys, foreign).text(),
+                         .conf = table.file_of(super, foreign).text(),
                          .status = 22});
     commands.push_back(repairs);
 }

@@ -32,21 +32,6 @@ struct SizeBounds {
 };
 void expect_sizes_refused(const std::vector<SizeBounds> &sizes, const std::string &layout = "v1");
 
-SuperV1 decode_super(const Block &block);
-BrickV1 decode_brick(const Block &block);
-InodeV1 decode_inode(const Block &block);
-ExtentV1 decode_extent(const Block &block, std::uint32_t extent_size);
-
-SuperV2 decode_super_v2(const Block &block);
-InodeV2 decode_inode_v2(const Block &block);
-ExtentV2 decode_extent_v2(const Block &block, const SuperV2 &sb);
-
-// Bricks and inodes of V3 are read as those of V1 and V2. Of packed blocks the words that are not
-// zero are given.
-SuperV3 decode_super_v3(const Block &block);
-ShardBlockV3 decode_shards(const Block &block);
-ExtentBlockV3 decode_extents(const Block &block);
-
 // A table of an image by its name on the command line. Its entries are slots of 4096 bytes.
 struct SampleTable {
     std::string name;

@@ -1,8 +1,6 @@
 #include "layouts.h"
 
-#include "zu_tier/format/v1.h"
-#include "zu_tier/format/v2.h"
-#include "zu_tier/format/v3.h"
+#include "../../support/model.h"
 
 #include <array>
 #include <string_view>
@@ -24,154 +22,100 @@ constexpr std::array<std::uint32_t, 256> CRC_OF_BYTE = [] {
     return table;
 }();
 
-template <class Super>
-Super super_as(View bytes)
+constexpr std::string_view IDENTITY = "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P2";
+constexpr std::uint64_t MIB = tier_test::MIB;
+
+const tier_test::TableModel &model_of(Place place)
 {
-    Super super{};
-    std::memcpy(&super, bytes.data(), std::min(bytes.size(), sizeof(super)));
-    return super;
+    constexpr const char *NAMES[] = {"super", "brick", "inode", "inode", "extent", "shard", "hot"};
+    return tier_test::model(place.layout, NAMES[static_cast<std::size_t>(place.table)]);
 }
 
-template <class Super>
-Bytes as_bytes(const Super &super)
+tier_test::Block block_of(View super)
 {
-    Bytes bytes(sizeof(super));
-    std::memcpy(bytes.data(), &super, sizeof(super));
-    return bytes;
+    tier_test::Block block{};
+    std::ranges::copy(super.first(std::min(super.size(), BLOCK)), block.begin());
+    return block;
 }
 
-void set_identity(char (&field)[48])
-{
-    std::string_view("Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P2").copy(field, sizeof(field) - 1);
-}
+// A super block in the making, field by field.
+class Sample {
+public:
+    explicit Sample(int layout) : table_(model_of({layout, Table::super}))
+    {
+        tier_test::put_text(block_, table_.field("ssd_uuid").byte, IDENTITY);
+    }
+
+    void set(const std::string &field, std::uint64_t value)
+    {
+        tier_test::put_number(block_, table_.field(field), value);
+    }
+    Bytes bytes() const { return {block_.begin(), block_.end()}; }
+
+private:
+    const tier_test::TableModel &table_;
+    tier_test::Block block_{};
+};
 
 // The fields that V1 and V2 begin with.
-template <class Super>
-Super sample_head()
+Sample sample_head(int layout)
 {
-    Super sb{};
-    set_identity(sb.sb_ssd_uuid);
-    sb.sb_size = SIZE_1M;
-    sb.sb_brick_cnt = SAMPLE_ENTRIES;
-    sb.sb_inode_cnt = SAMPLE_ENTRIES;
-    sb.sb_block_size = 262144;
-    sb.sb_block_cnt = SAMPLE_ENTRIES;
-    sb.sb_extent_size = 64;
-    sb.sb_brick_table_size = std::uint64_t{sb.sb_brick_cnt} * SIZE_4K;
-    sb.sb_inode_table_size = tier_inode_table_size(sb);
-    sb.sb_extent_table_size = std::uint64_t{sb.sb_block_cnt} * SIZE_4K;
-    sb.sb_data_offset = tier_data_offset(sb);
+    Sample sb(layout);
+    constexpr std::uint64_t TABLE = SAMPLE_ENTRIES * BLOCK;
+    constexpr std::uint64_t INODES = MIB + BLOCK + TABLE;
+    const std::uint64_t extents = tier_test::round_up(INODES + TABLE, MIB);
+    sb.set("super block size", MIB);
+    sb.set("brick_cnt", SAMPLE_ENTRIES);
+    sb.set("inode_cnt", SAMPLE_ENTRIES);
+    sb.set("block_size", 262144);
+    sb.set("block_cnt", SAMPLE_ENTRIES);
+    sb.set("extent_size", 64);
+    sb.set("brick_table_size", TABLE);
+    sb.set("inode_table_size", extents - INODES);
+    sb.set("extent_table_size", TABLE);
+    sb.set("data_offset", tier_test::round_up(extents + TABLE + 2 * MIB, MIB));
     return sb;
 }
 
-Bytes sample_v2()
+Sample sample_v2()
 {
-    auto sb = sample_head<tier_super_block_v2_t>();
-    sb.sb_inode_exp_magic = 0x4558;
-    sb.sb_inode_exp_area = 6;
-    sb.sb_inode_exp_inuse = 0x53;
-    sb.sb_min_alloc_size = 16384;
-    sb.sb_map_cnt = 16;
-    sb.sb_size_mapped_meta = 16;
-    sb.sb_total_map_size = sb.sb_map_cnt * sb.sb_size_mapped_meta;
-    sb.sb_hot_size = 64;
-    sb.sb_total_extent_size = sb.sb_extent_size + sb.sb_total_map_size + sb.sb_hot_size;
-    return as_bytes(sb);
+    Sample sb = sample_head(2);
+    sb.set("exp_inode_magic", 0x4558);
+    sb.set("sb_inode_exp_area", 6);
+    sb.set("exp_inode_inuse", 0x53);
+    sb.set("min_alloc_size", 16384);
+    sb.set("map_cnt", 16);
+    sb.set("size_mapped_meta", 16);
+    sb.set("total_map_size", 16 * 16);
+    sb.set("hot_size", 64);
+    sb.set("total_extent_size", 64 + 16 * 16 + 64);
+    return sb;
 }
 
-Bytes sample_v3()
+Sample sample_v3()
 {
-    tier_super_block_v3_t sb{};
-    set_identity(sb.sb_cdev_uuid);
-    std::uint64_t at = SIZE_1M;
-    const auto lay = [&at](std::uint64_t size) {
-        return std::exchange(at, tier_round_up(at + size, SIZE_1M));
+    Sample sb(3);
+    std::uint64_t at = 2 * MIB;
+    // The areas begin at whole MiB.
+    const auto lay = [&](const std::string &area, std::uint64_t size) {
+        sb.set(area + "_size", size);
+        sb.set(area == "data_table" ? "data_offset" : area + "_offset", at);
+        at = tier_test::round_up(at + size, MIB);
     };
-    sb.sb_sb_size = SIZE_1M;
-    sb.sb_sb_offset = SIZE_4K;
-    lay(sb.sb_sb_size);
-    sb.sb_brick_table_cnt = SAMPLE_ENTRIES;
-    sb.sb_brick_table_size = sb.sb_brick_table_cnt * SIZE_4K;
-    sb.sb_brick_table_offset = lay(sb.sb_brick_table_size);
-    sb.sb_inode_table_cnt = SAMPLE_ENTRIES;
-    sb.sb_inode_table_size = sb.sb_inode_table_cnt * SIZE_4K;
-    sb.sb_inode_table_offset = lay(sb.sb_inode_table_size);
-    sb.sb_shard_table_cnt = SAMPLE_ENTRIES * 512;
-    sb.sb_shard_table_size = sb.sb_shard_table_cnt * 8;
-    sb.sb_shard_table_offset = lay(sb.sb_shard_table_size);
-    sb.sb_hot_table_size = SAMPLE_ENTRIES * SIZE_4K;
-    sb.sb_hot_table_offset = lay(sb.sb_hot_table_size);
-    sb.sb_extent_table_cnt = SAMPLE_ENTRIES * 512;
-    sb.sb_extent_table_size = sb.sb_extent_table_cnt * 8;
-    sb.sb_extent_table_offset = lay(sb.sb_extent_table_size);
-    sb.sb_block_size = 8192;
-    sb.sb_block_cnt = SAMPLE_ENTRIES;
-    sb.sb_block_area_size = sb.sb_block_size * sb.sb_block_cnt;
-    sb.sb_block_area_offset = lay(sb.sb_block_area_size);
-    return as_bytes(sb);
-}
-
-template <class Super>
-tier_region region_of(Table table, const Super &sb)
-{
-    switch (table) {
-    case Table::super:
-        return {TIER_SUPER_OFFSET, 1};
-    case Table::brick:
-        return tier_bricks(sb);
-    case Table::inode:
-        return tier_inodes(sb);
-    default:
-        return tier_extents(sb);
+    sb.set("sb_offset", BLOCK);
+    sb.set("super block size", MIB);
+    for (const std::string name : {"brick", "inode", "shard", "hot", "extent"}) {
+        lay(name + "_table", SAMPLE_ENTRIES * BLOCK);
+        if (name == "brick" || name == "inode")
+            sb.set(name + "_cnt", SAMPLE_ENTRIES);
+        else if (name != "hot")
+            sb.set(name + "_table_cnt", SAMPLE_ENTRIES * 512);
     }
+    sb.set("block_size", 8192);
+    sb.set("block_cnt", SAMPLE_ENTRIES);
+    lay("data_table", SAMPLE_ENTRIES * 8192);
+    return sb;
 }
-
-tier_region region_of(Table table, const tier_super_block_v3_t &sb)
-{
-    switch (table) {
-    case Table::super:
-        return {TIER_SUPER_OFFSET, 1};
-    case Table::brick:
-        return tier_bricks_v3(sb);
-    case Table::inode:
-        return tier_inodes_v3(sb);
-    case Table::shard:
-        return tier_shards_v3(sb);
-    case Table::hot:
-        return tier_hot_v3(sb);
-    default:
-        return tier_extents_v3(sb);
-    }
-}
-
-tier_region region_of(Place place, View super)
-{
-    switch (place.layout) {
-    case 1:
-        return region_of(place.table, super_as<tier_super_block_v1_t>(super));
-    case 2: {
-        const auto sb = super_as<tier_super_block_v2_t>(super);
-        return place.table == Table::exp_inode ? tier_exp_inodes_v2(sb)
-                                               : region_of(place.table, sb);
-    }
-    default:
-        return region_of(place.table, super_as<tier_super_block_v3_t>(super));
-    }
-}
-
-// The number that an entry carries.
-std::uint32_t stored_no(Place place, View super, std::uint32_t no)
-{
-    return place.table == Table::exp_inode
-               ? no + super_as<tier_super_block_v2_t>(super).sb_inode_cnt
-               : no;
-}
-
-constexpr std::uint32_t BRICK_MAGICS[] = {0, 0x42524B49, 0x42524B49, 0x42584B69};
-constexpr std::uint32_t INODE_MAGICS[] = {0, 0x494E4F44, 0x494E4F44, 0x498E4F54};
-constexpr std::uint32_t SUPER_MAGICS[] = {0, 0xCACBCCCD, 0xCACBCCCD, 0xCACBDCBD};
-constexpr std::uint32_t SHARD_MAGIC = 0x2183BA9D;
-constexpr std::size_t VERSION_AT = 112;
 
 // The block of V3 extents without its checksum, which is spread over the lowest bits of 32 words.
 Bytes without_bits(View block)
@@ -219,81 +163,67 @@ zutr_cmd_t repair_command(Table table)
 
 Bytes sample_super(int layout)
 {
-    Bytes super = layout == 1   ? as_bytes(sample_head<tier_super_block_v1_t>())
-                  : layout == 2 ? sample_v2()
-                                : sample_v3();
-    super.resize(BLOCK);
+    Bytes super = (layout == 1 ? sample_head(1) : layout == 2 ? sample_v2() : sample_v3()).bytes();
     seal_super(layout, super);
     return super;
 }
 
 std::int64_t entry_offset(Place place, View super, std::uint32_t no)
 {
-    return region_of(place, super).slot(no);
+    const tier_test::Block block = block_of(super);
+    const std::int64_t start = place.table == Table::exp_inode
+                                   ? tier_test::expansion_start(block)
+                                   : static_cast<std::int64_t>(model_of(place).start(block));
+    return start + std::int64_t{no} * static_cast<std::int64_t>(BLOCK);
 }
 
 std::uint64_t entry_count(Place place, View super)
 {
-    return region_of(place, super).count;
+    if (place.table == Table::exp_inode) {
+        return get<std::uint8_t>(super, 142) * std::uint64_t{tier_test::EXPANSION_UNIT};
+    }
+    return model_of(place).count(block_of(super));
 }
 
 std::size_t record_size(Place place, View super)
 {
-    switch (place.table) {
-    case Table::super:
-        return super_size(place.layout);
-    case Table::brick:
-        return 168;
-    case Table::inode:
-    case Table::exp_inode:
-        return 96;
-    case Table::extent:
-        if (place.layout < 3) {
-            const std::size_t size_at = place.layout == 1 ? 136 : 164;
-            return std::clamp<std::size_t>(get<std::uint32_t>(super, size_at), 4, BLOCK);
-        }
-        return BLOCK;
-    default:
-        return BLOCK;
-    }
+    const std::size_t size = model_of(place).length(block_of(super));
+    return std::clamp<std::size_t>(size, 4, BLOCK);
 }
 
 void seal_super(int layout, std::span<std::uint8_t> block)
 {
-    put(block, VERSION_AT, static_cast<std::uint32_t>(layout) << 16);
-    put(block, 4, SUPER_MAGICS[layout]);
+    const tier_test::TableModel &table = model_of({layout, Table::super});
+    put(block, table.field("version").byte, static_cast<std::uint32_t>(layout) << 16);
+    put(block, 4, table.magic);
     put(block, 0, crc32(block.subspan(4, super_size(layout) - 4)));
 }
 
 void seal(Place place, View super, std::uint32_t no, std::span<std::uint8_t> block)
 {
-    switch (place.table) {
-    case Table::super:
-        seal_super(place.layout, block);
-        return;
-    case Table::hot:
-        return;
-    case Table::brick:
-        put(block, 4, BRICK_MAGICS[place.layout]);
-        put(block, 12, no);
-        break;
-    case Table::inode:
-    case Table::exp_inode:
-        put(block, 4, INODE_MAGICS[place.layout]);
-        put(block, 68, stored_no(place, super, no));
-        break;
-    case Table::shard:
-        put(block, 4, SHARD_MAGIC);
-        break;
-    case Table::extent:
-        if (place.layout == 3) {
-            seal_bits(block);
-            return;
-        }
-        put(block, 48, std::uint64_t{no});
-        break;
+    const tier_test::TableModel &table = model_of(place);
+    if (place.table == Table::super) {
+        return seal_super(place.layout, block);
     }
-    put(block, 0, crc32(block.subspan(4, record_size(place, super) - 4)));
+    if (table.magic != 0) {
+        put(block, 4, table.magic);
+    }
+    if (place.table == Table::exp_inode) {
+        no += get<std::uint32_t>(super, 124);
+    }
+    if (!table.number.empty()) {
+        const tier_test::Field &number = table.field(table.number);
+        if (number.width == 64) {
+            put(block, number.byte, std::uint64_t{no});
+        } else {
+            put(block, number.byte, no);
+        }
+    }
+    if (table.checksum == tier_test::Checksum::SPREAD) {
+        seal_bits(block);
+    } else if (table.checksum == tier_test::Checksum::HEAD) {
+        put(block, 0, crc32(block.subspan(4, record_size(place, super) - 4)));
+    }
 }
 
 bool is_sound(Place place, View super, std::uint32_t no, View block)

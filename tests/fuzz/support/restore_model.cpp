@@ -15,39 +15,35 @@ constexpr std::uint64_t MIB = 1U << 20;
 constexpr std::uint32_t INODE_MAGIC = 0x494E4F44;
 constexpr std::size_t INODE_SIZE = 96;
 
-// Both layouts begin with these fields, and V2 has those of its expansion area behind them.
+// What the restore reads of the super block.
 struct Geometry {
-    explicit Geometry(View super)
-        : bricks(get<std::uint64_t>(super, 8)), inodes(get<std::uint64_t>(super, 16)),
-          extents(get<std::uint64_t>(super, 24)), data_offset(get<std::uint64_t>(super, 32)),
-          size(get<std::uint32_t>(super, 116)), inode_cnt(get<std::uint32_t>(super, 124)),
-          block_size(get<std::uint32_t>(super, 128)), block_cnt(get<std::uint32_t>(super, 132)),
-          extent_size(get<std::uint32_t>(super, 136)), exp_magic(get<std::uint16_t>(super, 140)),
-          exp_area(get<std::uint8_t>(super, 142)), exp_inuse(get<std::uint8_t>(super, 143))
+    explicit Geometry(const RestoreCall &call)
+        : inode_table(table(call, Table::inode)), extent_table(table(call, Table::extent)),
+          expansion(static_cast<std::uint64_t>(entry_offset({2, Table::exp_inode}, call.super, 0))),
+          extents(get<std::uint64_t>(call.super, 24)),
+          inode_cnt(get<std::uint32_t>(call.super, 124)),
+          block_cnt(get<std::uint32_t>(call.super, 132)),
+          extent_size(get<std::uint32_t>(call.super, 136)),
+          exp_magic(get<std::uint16_t>(call.super, 140)),
+          exp_area(get<std::uint8_t>(call.super, 142)),
+          exp_inuse(get<std::uint8_t>(call.super, 143))
     {
     }
 
-    std::uint64_t inode_table() const
+    static std::uint64_t table(const RestoreCall &call, Table table)
     {
-        const std::uint32_t first = size + BLOCK;
-        return first + bricks;
+        return static_cast<std::uint64_t>(entry_offset({call.layout, table}, call.super, 0));
     }
-    std::uint64_t extent_table() const { return inode_table() + inodes; }
-    std::uint64_t expansion() const
-    {
-        return data_offset + std::uint64_t{block_size} * block_cnt + MIB;
-    }
+
     // V2 counts the expansion inodes in 32 bits.
     std::uint32_t inode_sum() const { return inode_cnt + exp_area * 25600U; }
 
-    // Bytes of the tables.
-    std::uint64_t bricks;
-    std::uint64_t inodes;
+    // Where the areas begin, and the bytes of the extent table.
+    std::uint64_t inode_table;
+    std::uint64_t extent_table;
+    std::uint64_t expansion;
     std::uint64_t extents;
-    std::uint64_t data_offset;
-    std::uint32_t size;
     std::uint32_t inode_cnt;
-    std::uint32_t block_size;
     std::uint32_t block_cnt;
     std::uint32_t extent_size;
     std::uint16_t exp_magic;
@@ -134,8 +130,8 @@ struct Claims {
 void look_at(View extent, std::uint32_t i, const RestoreCall &call, Claims &claims,
              std::string &printed)
 {
-    const Geometry at(call.super);
-    const auto offset = static_cast<long>(at.extent_table() + std::uint32_t{i * 4096});
+    const Geometry at(call);
+    const auto offset = static_cast<long>(at.extent_table + std::uint32_t{i * 4096});
     const auto checksum = get<std::uint32_t>(extent, 0);
     const std::uint32_t crc = crc32(extent.subspan(4, at.extent_size - 4));
     const auto identity = get<std::uint32_t>(extent, 20);
@@ -172,7 +168,7 @@ std::int64_t rewrite(const RestoreCall &call, Device &device, std::span<std::uin
 
 std::int64_t restore_sound(const RestoreCall &call, Device &device, std::string &printed)
 {
-    const Geometry at(call.super);
+    const Geometry at(call);
     if (!is_restored(call, at)) {
         return -EINVAL;
     }
@@ -197,7 +193,7 @@ std::int64_t restore_sound(const RestoreCall &call, Device &device, std::string 
     }
     const std::span<std::uint8_t> extents(memory + BLOCK, bytes);
     std::ranges::fill(extents, 0);
-    read_tolerantly(device, extents, at.extent_table());
+    read_tolerantly(device, extents, at.extent_table);
     Claims claims;
     for (std::uint32_t i = 0; i < at.block_cnt; i++) {
         look_at(extents.subspan(i * BLOCK, BLOCK), i, call, claims, printed);
@@ -217,14 +213,14 @@ std::int64_t restore_sound(const RestoreCall &call, Device &device, std::string 
 
 std::int64_t restored_offset(const RestoreCall &call)
 {
-    const Geometry at(call.super);
+    const Geometry at(call);
     const auto no = static_cast<std::uint32_t>(call.no);
     if (call.layout == 1 || no < at.inode_cnt) {
         const auto distance = static_cast<std::int32_t>(no * 4096);
-        return static_cast<std::int64_t>(at.inode_table() +
+        return static_cast<std::int64_t>(at.inode_table +
                                          static_cast<std::uint64_t>(std::int64_t{distance}));
     }
-    return static_cast<std::int64_t>(at.expansion() + std::uint64_t{no - at.inode_cnt} * BLOCK);
+    return static_cast<std::int64_t>(at.expansion + std::uint64_t{no - at.inode_cnt} * BLOCK);
 }
 
 Outcome restore(const RestoreCall &call, Device &device, std::string &printed)

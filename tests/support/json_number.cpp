@@ -1,33 +1,8 @@
 #include "json_number.h"
 
-#include "bytes.h"
-
-#include <cmath>
 #include <limits>
 
 namespace tier_test {
-
-namespace {
-
-std::uint64_t to_signed(long double value, int bits)
-{
-    const long double bound = std::ldexp(1.0L, bits - 1);
-    const long double whole = std::trunc(value);
-    if (whole >= -bound && whole < bound)
-        return static_cast<std::uint64_t>(static_cast<std::int64_t>(whole));
-    return std::uint64_t{1} << (bits - 1);
-}
-
-} // namespace
-
-std::uint64_t convert(Conversion conversion, long double value)
-{
-    if (conversion == Conversion::SIGNED_32)
-        return to_signed(value, 32);
-    if (conversion == Conversion::UNSIGNED_64 && value >= 0x1p63L)
-        return to_signed(value - 0x1p63L, 64) | BIT_63;
-    return to_signed(value, 64);
-}
 
 const std::vector<JsonNumber> &boundary_numbers()
 {
