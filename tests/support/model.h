@@ -5,7 +5,7 @@
 
 #include "bytes.h"
 #include "log.h"
-#include "run.h"
+#include "settings.h"
 
 #include <cstdint>
 #include <functional>

@@ -2,6 +2,7 @@
 
 #include "device.h"
 #include "log.h"
+#include "settings.h"
 
 #include <chrono>
 #include <iosfwd>
@@ -52,18 +53,6 @@ LoggedRun run_with_log(const TempDir &directory, const std::vector<std::string> 
 // -c <command>".
 LoggedRun run_logged(const Device &device, const std::string &command,
                      const std::vector<std::string> &args = {}, const RunOptions &options = {});
-
-// The settings with which every accepted command line ends, in the order in which they are logged.
-struct Settings {
-    int spec_ver = 0;
-    int meta_no = -1;
-    std::string repair_conf = "(null)";
-    std::string out_path = "(null)";
-    int use = -1;
-    int error = -1;
-    int owner = -1;
-    std::string id{};
-};
 
 LogLine settings_line(const Device &device, const std::string &command,
                       const Settings &settings = {});
