@@ -1,6 +1,7 @@
 #include "common/zutr_crc32.h"
-#include "zu_tier/layout/v3/extent.h"
+#include "zu_tier/format/v3.h"
 #include "zu_tier/record/digits.h"
+#include "zu_tier/record/record.h"
 #include "zu_tier/record/time.h"
 
 #include <benchmark/benchmark.h>
@@ -29,20 +30,38 @@ uint64_t scatter(uint64_t n)
     return (n + 1) * 0x9E3779B97F4A7C15;
 }
 
+struct entry {
+    uint64_t word;
+    uint64_t no;
+};
+
+constexpr auto FIELDS = std::tuple{
+    zutr_bits{EXTENT_LBA_V3, &entry::word},
+    zutr_bits{EXTENT_SHARD_V3, &entry::word},
+    zutr_bits{EXTENT_DIRTY_V3, &entry::word},
+    zutr_bits{EXTENT_IN_USE_V3, &entry::word},
+    zutr_bits{EXTENT_SENSE_V3, &entry::word},
+    zutr_bits{EXTENT_DEMOTE_V3, &entry::word},
+    zutr_bits{EXTENT_DM_ERR_V3, &entry::word},
+    zutr_bits{EXTENT_RESERVED_V3, &entry::word},
+    zutr_field{"eno", &entry::no},
+    zutr_bits{EXTENT_BITMAP_V3, &entry::word},
+};
+
 void packed_entry(benchmark::State &state)
 {
-    std::vector<char> text(ZUTR_FIELDS_ROOM<TIER_EXTENT_FIELDS_V3>);
+    std::vector<char> text(ZUTR_FIELDS_ROOM<FIELDS>);
     uint64_t no = 0;
     for ([[maybe_unused]] auto turn : state) {
-        const tier_packed_entry_v3 entry = {scatter(no), no};
-        benchmark::DoNotOptimize(zutr_put_members<TIER_EXTENT_FIELDS_V3>(text.data(), entry));
+        const entry shown = {scatter(no), no};
+        benchmark::DoNotOptimize(zutr_put_members<FIELDS>(text.data(), shown));
         no++;
     }
 }
 
 void packed_entry_by_snprintf(benchmark::State &state)
 {
-    std::vector<char> text(ZUTR_FIELDS_ROOM<TIER_EXTENT_FIELDS_V3>);
+    std::vector<char> text(ZUTR_FIELDS_ROOM<FIELDS>);
     uint64_t no = 0;
     for ([[maybe_unused]] auto turn : state) {
         const uint64_t word = scatter(no);

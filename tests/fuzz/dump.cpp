@@ -6,6 +6,7 @@
 #include "layouts.h"
 #include "mutation.h"
 #include "run.h"
+#include "zu_tier/layout/registry.h"
 #include "zu_tier/record/json.h"
 #include "zu_tier/record/log.h"
 

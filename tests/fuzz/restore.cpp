@@ -7,6 +7,7 @@
 #include "entries.h"
 #include "input.h"
 #include "restore_model.h"
+#include "zu_tier/layout/registry.h"
 
 #include <string_view>
 

@@ -133,7 +133,7 @@ public:
             if (const cJSON *node = number(key.name, key.need)) {
                 member = static_cast<Member>(key.convert(zutr_json_number(node)));
                 accepted(key.name, static_cast<uint64_t>(member));
-                if constexpr (sizeof(Member) == sizeof(uint32_t)) {
+                if constexpr (std::is_same_v<Member, uint32_t>) {
                     member = key.swapped ? __builtin_bswap32(member) : member;
                 }
             }

@@ -1,24 +1,9 @@
 #include "zu_tierctl/device/text.h"
 
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <fmt/core.h>
 
 namespace tierctl {
-
-std::string format_text(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    /* NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is, by the line above */
-    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, arguments)), '\0');
-    va_end(arguments);
-    va_start(arguments, format);
-    vsnprintf(text.data(), text.size() + 1, format, arguments);
-    va_end(arguments);
-    return text;
-}
 
 std::string shell_word(std::string_view text)
 {

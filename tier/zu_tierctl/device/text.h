@@ -5,9 +5,6 @@
 
 namespace tierctl {
 
-/* printf into a string. */
-[[gnu::format(printf, 1, 2)]] std::string format_text(const char *format, ...);
-
 /* The text as one word of a shell's command line, quoted only where it has to be. */
 std::string shell_word(std::string_view text);
 
