@@ -35,4 +35,10 @@ std::string quoted(std::string_view text)
     return quoted + '"';
 }
 
+std::string shown_text(const std::string &text)
+{
+    std::string shown = quoted(text);
+    return shown == '"' + text + '"' ? text : shown;
+}
+
 } // namespace tierctl

@@ -11,4 +11,7 @@ std::string shell_word(std::string_view text);
 /* The text in quotation marks, for people: every byte that is not printable ASCII as \x1b. */
 std::string quoted(std::string_view text);
 
+/* The text as it is when all of it can be printed, otherwise quoted. */
+std::string shown_text(const std::string &text);
+
 } // namespace tierctl

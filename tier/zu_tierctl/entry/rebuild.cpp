@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <sstream>
 
 namespace tierctl {
 
@@ -47,17 +48,18 @@ public:
     LogCapture &operator=(const LogCapture &) = delete;
     ~LogCapture() { zutr_redirect_log(nullptr, nullptr); }
 
-    /* The messages of the lines "[ERROR] [function:line] message". */
+    /* The messages of what was written, "[ERROR] [function:line] message"; the text of a message
+     * may go on in other lines. */
     std::vector<std::string> messages() const
     {
         std::vector<std::string> messages;
-        const std::string text = errors_.text();
-        for (size_t at = 0; at < text.size();) {
-            const size_t end = text.find('\n', at);
-            const std::string line = text.substr(at, end - at);
-            const size_t begin = line.find("] ", line.find("] ") + 2) + 2;
-            messages.push_back(line.substr(begin));
-            at = end + 1;
+        std::istringstream lines(errors_.text());
+        for (std::string line; std::getline(lines, line);) {
+            if (line.starts_with("[ERROR] [")) {
+                messages.push_back(line.substr(line.find("] ", line.find("] ") + 2) + 2));
+            } else {
+                messages.back() += '\n' + line;
+            }
         }
         return messages;
     }

@@ -330,10 +330,4 @@ std::string counts_text(const Counts &counts, uint64_t findings)
     return text.empty() ? "nothing" : text;
 }
 
-std::string shown_text(const std::string &text)
-{
-    std::string shown = tierctl::quoted(text); /* not std::quoted */
-    return shown == '"' + text + '"' ? text : shown;
-}
-
 } // namespace tierctl

@@ -92,9 +92,6 @@ std::string bytes_text(uint64_t bytes);
 /* "30 in use, 19 free, 1 damaged, 2 findings", without zeros; "nothing" when all are 0. */
 std::string counts_text(const Counts &counts, uint64_t findings);
 
-/* The text as it is when all of it can be printed, otherwise quoted. */
-std::string shown_text(const std::string &text);
-
 /* The map as text, in lines of at most `width` characters, 1 or more. */
 std::string draw_terminal(const Map &map, size_t width, bool colours);
 

@@ -208,7 +208,7 @@ private:
             note_changes(*forced.block, text, true);
         }
         for (const std::string &message : rebuilt.messages) {
-            note("zu_tier refuses this file as it stands: " + message);
+            note("zu_tier refuses this file as it stands: " + shown_text(message));
         }
     }
 
