@@ -1,6 +1,7 @@
 // The command line of zu_tierctl template, and output that gets lost.
 
 #include "template_run.h"
+#include "v3_device.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>

@@ -1,53 +1,85 @@
 #include "template_run.h"
 
 #include <algorithm>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <regex>
 
 namespace tier_test {
 
 namespace {
 
-// Changes of an entry may come in any order, everything else has its place.
-std::vector<std::string> expected_lines(const Device &device, const TemplateCase &entry,
-                                        const ExpectedTemplate &expected)
+constexpr char REFUSED[] = "zu_tier refuses this file as it stands: ";
+constexpr char CHANGED[] = "a repair changes ";
+constexpr char MADE_UP[] = "a new one each time";
+
+// The text after a prefix; empty when it begins otherwise.
+std::string after(const std::string &line, const std::string &prefix)
 {
-    std::vector<std::string> notes = entry.before;
-    notes.insert(notes.end(), expected.changes.begin(), expected.changes.end());
-    for (const std::string &refusal : entry.refusals)
-        notes.push_back("zu_tier refuses this file as it stands: " + refusal);
-    notes.push_back("to repair it, with this file as FILE: zu_tier -p " + device.path() +
-                    " -c repair_" + entry.table + entry.version + " -f FILE; with -y it writes");
-    for (std::string &note : notes)
-        note = text("zu_tierctl: %s %lu: ", entry.table.c_str(), entry.no) + note;
-    return notes;
+    return line.starts_with(prefix) ? line.substr(prefix.size()) : "";
 }
 
-void sort_changes(std::vector<std::string> &lines)
+// As people are shown it: quoted when not all of it can be printed.
+std::string shown(const std::string &message)
 {
-    const auto is_change = [](const std::string &line) {
-        return line.find(": a repair changes ") != std::string::npos;
-    };
-    const auto begin = std::ranges::find_if(lines, is_change);
-    std::sort(begin, std::find_if_not(begin, lines.end(), is_change));
+    std::string quoted;
+    for (const char byte : message) {
+        if (byte == '"' || byte == '\\')
+            quoted += '\\';
+        quoted += byte >= ' ' && byte <= '~' ? std::string(1, byte)
+                                             : text("\\x%02x", static_cast<unsigned char>(byte));
+    }
+    return quoted == message ? message : '"' + quoted + '"';
 }
 
-LoggedRun repair(const Device &device, const TemplateCase &entry, const std::string &file)
+// What the parser said on standard error, which repeats bytes of the file: a message may have
+// several lines.
+std::vector<std::string> parser_messages(const Log &errors)
 {
-    std::vector<std::string> args{"-f", device.directory().write("template.json", file), "-y"};
-    if (!entry.version.empty())
-        args.insert(args.end(), {"-v", entry.version.substr(4)});
-    return run_logged(device, "repair_" + entry.table, args);
+    std::vector<std::string> messages;
+    for (const LogLine &line : errors) {
+        if (line.level.empty())
+            messages.back() += '\n' + line.text.substr(0, line.text.find('\n'));
+        else if (line.func != "zutr_repair_common")
+            messages.push_back(line.text);
+    }
+    std::ranges::transform(messages, messages.begin(), shown);
+    return messages;
 }
 
-// A new identity of version 4 under the right checksum, in place of which the block gets what it
-// had.
-void expect_random_uuid(Block &block, const Block &before)
+// The names of all values of a document, in its order.
+void add_keys(const nlohmann::ordered_json &value, std::vector<std::string> &keys)
 {
-    EXPECT_NE(get_uuid(block, 16), get_uuid(before, 16));
-    EXPECT_EQ(block[22] >> 4, 4);
-    EXPECT_EQ(get_u32(block, 0), record_crc(block, BrickV1::LENGTH));
-    put_bytes(block, 16, get_uuid(before, 16));
-    put_u32(block, 0, get_u32(before, 0));
+    for (const auto &[key, member] : value.items()) {
+        if (member.is_structured())
+            add_keys(member, keys);
+        else if (value.is_object())
+            keys.push_back(key);
+    }
+}
+
+// The parser read its keys in the order of the file.
+void expect_order(const std::string &file, const Log &log)
+{
+    std::vector<std::string> keys;
+    add_keys(nlohmann::ordered_json::parse(file), keys);
+    auto next = keys.begin();
+    for (const LogLine &line : log) {
+        const std::string key = line.text.substr(0, line.text.find(": "));
+        if (line.level != "DEBUG" || std::ranges::find(keys, key) == keys.end())
+            continue;
+        next = std::find(next, keys.end(), key);
+        ASSERT_NE(next, keys.end()) << key << " is read elsewhere than it stands";
+        ++next;
+    }
+}
+
+// A line of a difference without the name of a stretch of bytes.
+std::string without_stretch(const std::string &change)
+{
+    static const std::regex STRETCH(R"(^(bytes \d+\.\.\d+) \([a-z ]+\): )");
+    return std::regex_replace(change, STRETCH, "$1: ");
 }
 
 } // namespace
@@ -60,7 +92,42 @@ RunResult run_template(const Device &device, const std::vector<std::string> &arg
     return run_program(ZU_TIERCTL, all, options);
 }
 
-void expect_template_failure(Device &device, const std::vector<std::string> &args, int status,
+Template read_template(const Device &device, const std::vector<std::string> &args)
+{
+    const RunResult run = run_template(device, args);
+    EXPECT_EQ(run.status, 0) << run;
+    Template made{.file = run.out};
+    std::vector<std::string> lines = lines_of(run.err);
+    if (lines.empty()) {
+        ADD_FAILURE() << run;
+        return made;
+    }
+    const std::string prefix = "zu_tierctl: " + args[0] + ' ' + args[1] + ": ";
+    const std::string command = prefix + "to repair it, with this file as FILE: zu_tier -p " +
+                                device.path() + " -c repair_" + args[0];
+    const std::string rest = after(lines.back(), command);
+    const std::size_t end = rest.find(" -f FILE; with -y it writes");
+    EXPECT_EQ(rest.substr(end), " -f FILE; with -y it writes") << run;
+    made.option = rest.substr(0, end);
+    std::erase(made.option, ' ');
+    lines.pop_back();
+    for (const std::string &line : lines) {
+        const std::string note = after(line, prefix);
+        EXPECT_NE(note, "") << line;
+        const std::string change = after(note, CHANGED);
+        const std::string refusal = after(note, REFUSED);
+        std::vector<std::string> &list = !change.empty()    ? made.changes
+                                         : !refusal.empty() ? made.refusals
+                                                            : made.flaws;
+        list.push_back(!change.empty() ? change : !refusal.empty() ? refusal : note);
+        // First what is wrong, then what changes, then what is refused.
+        EXPECT_TRUE(made.refusals.empty() || !refusal.empty()) << run;
+        EXPECT_TRUE(made.changes.empty() || &list != &made.flaws) << run;
+    }
+    return made;
+}
+
+void expect_template_failure(const Device &device, const std::vector<std::string> &args, int status,
                              const std::string &complaint)
 {
     const RunResult run = run_template(device, args);
@@ -69,33 +136,116 @@ void expect_template_failure(Device &device, const std::vector<std::string> &arg
     EXPECT_EQ(run.err, "zu_tierctl: " + complaint + "\n");
 }
 
-void expect_template(Device &device, const TemplateCase &entry, const ExpectedTemplate &expected)
+TemplateProof::TemplateProof(const Device &device) : device_(device)
 {
-    SCOPED_TRACE(entry.table + " " + std::to_string(entry.no));
-    const Block before = device.block(entry.offset);
-    std::vector<std::string> args{entry.table, std::to_string(entry.no)};
-    args.insert(args.end(), entry.args.begin(), entry.args.end());
-    const RunResult run = run_template(device, args);
+    const RunResult run = run_program("/bin/cp", {"--sparse=always", device.path(), copy_});
     EXPECT_EQ(run.status, 0) << run;
-    EXPECT_EQ(run.out, expected.file);
-    std::vector<std::string> said = lines_of(run.err);
-    std::vector<std::string> to_say = expected_lines(device, entry, expected);
-    sort_changes(said);
-    sort_changes(to_say);
-    EXPECT_EQ(said, to_say);
-    EXPECT_EQ(device.block(entry.offset), before);
+}
 
-    const LoggedRun repaired = repair(device, entry, run.out);
-    Block after = device.block(entry.offset);
-    if (!entry.refusals.empty()) {
-        EXPECT_EQ(repaired.status, 22) << repaired;
-        EXPECT_EQ(after, before);
-        return;
+Template TemplateProof::check(const std::string &table, std::uint64_t no,
+                              const std::vector<std::string> &args)
+{
+    SCOPED_TRACE(table + ' ' + std::to_string(no));
+    std::vector<std::string> all{table, std::to_string(no)};
+    all.insert(all.end(), args.begin(), args.end());
+    Template made = read_template(device_, all);
+    directory_.write("template.json", made.file);
+
+    LoggedRun run = repair(table, made, "");
+    expect_order(made.file, run.log);
+    if (!made.refusals.empty()) {
+        expect_refused(run, made);
+        run = repair(table, made, "-F");
+        if (made.changes.empty() && run.status != 0) {
+            expect_refused(run, made);
+            return made;
+        }
     }
-    EXPECT_EQ(repaired.status, 0) << repaired;
-    if (expected.random_uuid)
-        expect_random_uuid(after, before);
-    EXPECT_EQ(after, expected.repaired);
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.err, "");
+    expect_changes(table, no, made);
+    return made;
+}
+
+void TemplateProof::finish() const
+{
+    const RunResult run = run_program("/usr/bin/cmp", {device_.path(), copy_});
+    EXPECT_EQ(run.status, 0) << run;
+}
+
+LoggedRun TemplateProof::repair(const std::string &table, const Template &made,
+                                const std::string &more) const
+{
+    std::vector<std::string> args{
+        "-p", copy_, "-c", "repair_" + table, "-f", directory_.path("template.json"), "-y"};
+    for (const std::string &option : {made.option, more})
+        if (!option.empty())
+            args.push_back(option);
+    return run_with_log(directory_, args);
+}
+
+void TemplateProof::expect_refused(const LoggedRun &run, const Template &made) const
+{
+    EXPECT_NE(run.status, 0) << run;
+    EXPECT_EQ(parser_messages(run.errors), made.refusals) << run;
+}
+
+void TemplateProof::expect_changes(const std::string &table, std::uint64_t no,
+                                   const Template &made) const
+{
+    const std::vector<std::string> changes = take_changes(table, no);
+    ASSERT_EQ(changes.size(), made.changes.size())
+        << testing::PrintToString(changes) << testing::PrintToString(made.changes);
+    std::vector<std::string> others;
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const std::string told = without_stretch(made.changes[i]);
+        if (!told.ends_with(MADE_UP)) {
+            EXPECT_EQ(told, changes[i]);
+            continue;
+        }
+        if (others.empty()) {
+            EXPECT_EQ(repair(table, made, "").status, 0);
+            others = take_changes(table, no);
+            ASSERT_EQ(others.size(), changes.size());
+        }
+        const std::string fixed = told.substr(0, told.size() - sizeof(MADE_UP) + 1);
+        EXPECT_TRUE(changes[i].starts_with(fixed)) << changes[i];
+        EXPECT_TRUE(others[i].starts_with(fixed)) << others[i];
+        EXPECT_NE(others[i], changes[i]);
+    }
+}
+
+// What the last repair has changed, in the words of the companion; undoes it.
+std::vector<std::string> TemplateProof::take_changes(const std::string &table,
+                                                     std::uint64_t no) const
+{
+    const RunResult run =
+        run_program(ZU_TIERCTL, {"revert", copy_, device_.path(), table, std::to_string(no)});
+    EXPECT_EQ(run.status, 0) << run;
+    std::vector<std::string> lines = lines_of(run.out);
+    const std::string place = after(lines.at(0), table + ' ' + std::to_string(no) + " at byte ");
+    if (place.empty()) {
+        EXPECT_EQ(run.out, text("%s %lu is the same in both: nothing to do\n", table.c_str(), no));
+        return {};
+    }
+    lines.erase(lines.begin(), lines.begin() + 3);
+    for (std::string &line : lines)
+        line = after(line, "  ");
+    const Block block = device_.block(std::stoull(place));
+    std::fstream copy(copy_, std::ios::in | std::ios::out | std::ios::binary);
+    copy.seekp(std::stoll(place));
+    copy.write(reinterpret_cast<const char *>(block.data()), BLOCK_SIZE);
+    EXPECT_TRUE(copy.flush());
+    return lines;
+}
+
+std::vector<Template> check_table(TemplateProof &proof, const std::string &table,
+                                  std::uint64_t count)
+{
+    std::vector<Template> all;
+    for (std::uint64_t no = 0; no < count; ++no)
+        all.push_back(proof.check(table, no));
+    return all;
 }
 
 } // namespace tier_test
