@@ -1,0 +1,242 @@
+// A layout that joins the others needs nothing in the companion: every command works on it.
+
+#include "fourth_layout.h"
+#include "run.h"
+#include "zu_tierctl/check/check.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/diff/report.h"
+#include "zu_tierctl/map/map.h"
+#include "zu_tierctl/revert/revert.h"
+#include "zu_tierctl/save/save.h"
+#include "zu_tierctl/template/template.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace tier_test;
+using nlohmann::ordered_json;
+
+namespace {
+
+using Notes = std::vector<std::string>;
+
+class FourthLayout : public testing::Test {
+protected:
+    static void SetUpTestSuite() { tier_register_layout(&DEPOT_LAYOUT); }
+
+    Device device = make_depot();
+
+    static std::string printed(const std::function<void()> &function)
+    {
+        testing::internal::CaptureStdout();
+        function();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    ordered_json check() const
+    {
+        return ordered_json::parse(
+            printed([this] { tierctl::check({.device = device.path(), .json = true}); }));
+    }
+
+    // "bad_magic: shelf 1"
+    Notes findings() const
+    {
+        const ordered_json report = check();
+        Notes found;
+        for (const auto &finding : report["findings"])
+            found.push_back(text("%s: %s %lu", finding["kind"].get<std::string>().c_str(),
+                                 finding["table"].get<std::string>().c_str(),
+                                 finding["no"].get<std::uint64_t>()));
+        return found;
+    }
+
+    tierctl::Template make_template(const std::string &table, std::uint64_t no,
+                                    const std::string &layout = "") const
+    {
+        const tierctl::Device opened(device.path(), tierctl::Access::read_only);
+        return tierctl::make_template(opened, table, no, layout);
+    }
+
+    std::string save() const
+    {
+        const std::string saved = device.directory().path("saved");
+        EXPECT_TRUE(tierctl::save(device.path(), saved));
+        return saved;
+    }
+
+    void change_shelf(std::uint64_t no, std::size_t at, std::uint64_t value)
+    {
+        const std::uint64_t offset = DEPOT.shelves_at + no * BLOCK_SIZE;
+        Block block = device.block(offset);
+        put_u64(block, at, value);
+        device.write(offset, block);
+    }
+
+    // Of a map, but for its findings.
+    static std::string tables_of(const tierctl::Map &map)
+    {
+        std::string tables;
+        for (const tierctl::MapTable &table : map.tables)
+            tables += text("%s: %s; ", table.name.data(),
+                           tierctl::counts_text(table.counts, table.findings).c_str());
+        return tables;
+    }
+};
+
+TEST_F(FourthLayout, CheckOfASoundDevice)
+{
+    const ordered_json report = check();
+    EXPECT_EQ(report["layout"], "depot");
+    EXPECT_EQ(report["findings"], ordered_json::array());
+    EXPECT_EQ(report["tables"]["shelf"]["in_use"], 2);
+    EXPECT_EQ(report["tables"]["shelf"]["free"], 2);
+    EXPECT_EQ(report["tables"]["box"]["entries"], 2 * 511);
+    EXPECT_EQ(report["tables"]["box"]["in_use"], 3);
+}
+
+TEST_F(FourthLayout, CheckOfOwnersAndClaims)
+{
+    put_box(device, 0, 2, box_word(1, 1, 0));   // a free shelf
+    put_box(device, 0, 3, box_word(900, 1, 0)); // none
+    put_box(device, 1, 6, box_word(0, 8, 0));   // where box 511 stands
+    EXPECT_EQ(findings(), (Notes{"box_of_free_shelf: box 2", "box_of_missing_shelf: box 3",
+                                 "duplicate_box: box 518"}));
+    change_shelf(2, 60, 0xFF); // one of its levels
+    EXPECT_EQ(findings(), (Notes{"bad_checksum: shelf 2", "box_of_free_shelf: box 2",
+                                 "box_of_missing_shelf: box 3", "duplicate_box: box 518",
+                                 "box_of_unknown_shelf: box 517"}));
+}
+
+TEST_F(FourthLayout, CheckOfRecords)
+{
+    change_shelf(1, 4, 0x100000001); // magic and number 1
+    Block shelf = device.block(DEPOT.shelves_at);
+    put_u8(shelf, offsetof(DepotShelf, label), 0);
+    seal(shelf, sizeof(DepotShelf) + 8 * DEPOT_LEVELS);
+    device.write(DEPOT.shelves_at + 2 * BLOCK_SIZE, shelf); // the identity and the number of 0
+    device.write(DEPOT.boxes_at, Block{});
+    Block super = device.block(TIER_SUPER_OFFSET);
+    put_u32(super, offsetof(DepotSuper, spare), 5);
+    seal(super, sizeof(DepotSuper));
+    device.write(TIER_SUPER_OFFSET, super);
+    EXPECT_EQ(findings(), (Notes{"odd_spare: super 0", "bad_magic: shelf 1",
+                                 "bad_checksum: shelf 1", "bad_number: shelf 2", "bad_magic: box 0",
+                                 "bad_checksum: box 0", "box_of_unknown_shelf: box 517"}));
+    put_u32(super, offsetof(DepotSuper, shelf_cnt), 101);
+    seal(super, sizeof(DepotSuper));
+    device.write(TIER_SUPER_OFFSET, super);
+    const Notes found = findings();
+    EXPECT_NE(std::ranges::find(found, "bad_shelf_table: super 0"), found.end());
+    EXPECT_NE(std::ranges::find(found, "area_past_end: super 0"), found.end());
+    EXPECT_NE(std::ranges::find(found, "areas_overlap: super 0"), found.end());
+}
+
+TEST_F(FourthLayout, CheckOfIdentitiesAndLabels)
+{
+    Block shelf = device.block(DEPOT.shelves_at);
+    put_u32(shelf, offsetof(DepotShelf, no), 2);
+    put_u8(shelf, offsetof(DepotShelf, label), 0);
+    seal(shelf, sizeof(DepotShelf) + 8 * DEPOT_LEVELS);
+    device.write(DEPOT.shelves_at + 2 * BLOCK_SIZE, shelf);
+    EXPECT_EQ(findings(), (Notes{"no_label: shelf 2", "duplicate_shelf: shelf 2"}));
+}
+
+TEST_F(FourthLayout, SaveDiffAndRevert)
+{
+    const std::string saved = save();
+    const auto differences = [&] {
+        return printed([&] {
+            const auto report = tierctl::make_text_report();
+            tierctl::diff(saved, device.path(), *report);
+        });
+    };
+    EXPECT_EQ(differences(), "");
+    const Block good = device.block(DEPOT.shelves_at + BLOCK_SIZE);
+    change_shelf(1, sizeof(DepotShelf), 0x12);
+    change_shelf(1, sizeof(DepotShelf) + 8 * DEPOT_LEVELS, 1);
+    put_box(device, 1, 5, box_word(2, 9, 102));
+    const std::string shelf = "  level[0]: \"0x0000000000000011\" -> \"0x0000000000000012\"\n"
+                              "  bytes 72..72: \"00\" -> \"01\"\n";
+    const std::string out = differences();
+    EXPECT_TRUE(out.starts_with("shelf 1\n" + shelf + "box 1\n  checksum: ")) << out;
+    EXPECT_TRUE(out.ends_with("  box[517].place: 7 -> 9\n")) << out;
+
+    const std::string told = printed([&] {
+        tierctl::revert({saved, device.path(), "shelf", 1, true});
+    });
+    const std::string then =
+        "then: {\"checksum\":\"" + text("0x%x", get_u32(good, 0)) +
+        R"(","magic":"0xd3907002","no":1,"use":0,"uuid":"02000000-0000-0000-0000-000000000000",)"
+        R"("label":"by the door","meta_offset":20480,"levels":"0x0000000000000011 )"
+        R"(0x0000000000000000 "})";
+    EXPECT_NE(told.find(then), std::string::npos) << told;
+    EXPECT_TRUE(told.ends_with("written\n")) << told;
+    EXPECT_EQ(device.block(DEPOT.shelves_at + BLOCK_SIZE), good);
+    printed([&] { tierctl::revert({saved, device.path(), "box", 1, true}); });
+    EXPECT_EQ(differences(), "");
+}
+
+TEST_F(FourthLayout, Map)
+{
+    change_shelf(1, 4, 0);
+    const tierctl::Map map = tierctl::read_map(device.path(), [](std::uint64_t) { return 20U; });
+    EXPECT_EQ(map.layout, "depot");
+    EXPECT_EQ(map.identity, "d3000000-0000-0000-0000-000000000000");
+    EXPECT_EQ(map.created, time_text(DEPOT.made));
+    EXPECT_EQ(tables_of(map), "super: 1 in use; shelf: 2 in use, 1 free, 1 damaged, 3 findings; "
+                              "box: 3 in use, 1019 free; ");
+    ASSERT_EQ(map.bricks.size(), 2U); // those that boxes stand on, by their labels
+    EXPECT_EQ(map.bricks[0].path, "by the door");
+    EXPECT_EQ(map.bricks[0].inodes, 2U);
+
+    const std::string drawn = tierctl::draw_terminal(map, 80, false);
+    const std::string page = tierctl::draw_page(map);
+    for (const std::string word : {"depot", "shelf", "box", "by the door"}) {
+        EXPECT_NE(drawn.find(word), std::string::npos) << word;
+        EXPECT_NE(page.find(word), std::string::npos) << word;
+    }
+}
+
+TEST_F(FourthLayout, Templates)
+{
+    const tierctl::Template shelf = make_template("shelf", 1);
+    EXPECT_EQ(shelf.file, "{\n  \"no\": 1,\n  \"use\": 0,\n"
+                          "  \"uuid\": \"02000000-0000-0000-0000-000000000000\",\n"
+                          "  \"label\": \"by the door\",\n  \"levels\": [17, 0]\n}\n");
+    const auto command = [this](const std::string &table, const std::string &option) {
+        return "to repair it, with this file as FILE: zu_tier -p " + device.path() + " -c repair_" +
+               table + option + " -f FILE; with -y it writes";
+    };
+    EXPECT_EQ(shelf.notes, Notes{command("shelf", "")});
+    EXPECT_EQ(make_template("box", 1).file,
+              "{\n  \"meta_offset\": 36864,\n  \"boxes\": [\n    {\n      \"no\": 517,\n"
+              "      \"shelf\": 2,\n      \"place\": 7,\n      \"weight\": 102\n    }\n  ]\n}\n");
+    EXPECT_EQ(make_template("box", 1).notes, Notes{command("box", "")});
+    EXPECT_EQ(make_template("super", 0).notes, Notes{command("super", "")});
+
+    change_shelf(0, offsetof(DepotShelf, label), 0);
+    EXPECT_EQ(
+        make_template("shelf", 0).notes,
+        (Notes{"damaged: checksum", "zu_tier refuses this file as it stands: shelf 0 has no label",
+               command("shelf", "")}));
+}
+
+TEST_F(FourthLayout, TemplateOfADamagedSuperBlock)
+{
+    Block super = device.block(TIER_SUPER_OFFSET);
+    put_u32(super, offsetof(DepotSuper, magic), 0);
+    put_u32(super, offsetof(DepotSuper, shelf_cnt), 0);
+    device.write(TIER_SUPER_OFFSET, super);
+    EXPECT_THROW(make_template("super", 0), tierctl::UsageError);
+    const Notes notes = make_template("super", 0, "depot").notes;
+    ASSERT_EQ(notes.size(), 5U);
+    EXPECT_EQ(notes[0], "damaged: magic, checksum");
+    EXPECT_TRUE(notes[1].starts_with("a repair changes checksum: ")) << notes[1];
+    EXPECT_EQ(notes[2], "a repair changes magic: \"0x0\" -> \"0xd3907001\"");
+    EXPECT_EQ(notes[3], "zu_tier refuses this file as it stands: a depot of 0 shelves");
+    EXPECT_NE(notes[4].find("-c repair_super -v 9 -f FILE"), std::string::npos);
+}
+
+} // namespace
