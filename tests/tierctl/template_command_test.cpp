@@ -67,7 +67,8 @@ TEST_F(TemplateCommand, Help)
 {
     const RunResult run = run_program(ZU_TIERCTL, {"template", "--help"});
     EXPECT_EQ(run.status, 0) << run;
-    for (const std::string word : {"DEVICE", "TABLE", "NO", "--layout", "repair_inode -f"})
+    for (const std::string word :
+         {"DEVICE", "TABLE", "NO", "--layout", "v1, v2, v3", "repair_inode -f"})
         EXPECT_NE(run.out.find(word), std::string::npos) << word;
 }
 

@@ -23,6 +23,7 @@ struct Table {
 
 struct Sample {
     std::string layout;
+    std::size_t super_length;
     std::vector<std::string> sizes;
     std::vector<Table> tables; // without the super block
 };
@@ -33,9 +34,10 @@ const Table EXTENTS{"extent", 12, {"checksum", "number", "zero", "bit"}};
 const std::vector<std::string> SIZES{"--bricks", "6",  "--inodes",     "9",
                                      "--blocks", "12", "--block-size", "262144"};
 const std::vector<Sample> SAMPLES{
-    {"v1", SIZES, {BRICKS, INODES, EXTENTS}},
-    {"v2", SIZES, {BRICKS, INODES, EXTENTS}},
+    {"v1", SuperV1::LENGTH, SIZES, {BRICKS, INODES, EXTENTS}},
+    {"v2", SuperV2::LENGTH, SIZES, {BRICKS, INODES, EXTENTS}},
     {"v3",
+     SuperV3::LENGTH,
      {"--bricks", "6", "--inodes", "9", "--blocks", "1", "--block-size", "8192", "--shards", "3072",
       "--hot-size", "24576", "--extents", "3072"},
      {BRICKS,
@@ -87,13 +89,17 @@ TEST_P(TemplateOfSample, SoundEntries)
     for (const std::string seed : {"1", "18446744073709551615"}) {
         const Device device = make(seed);
         TemplateProof proof(device);
-        const Template super = proof.check("super", 0);
-        EXPECT_EQ(super.changes, Notes{});
-        EXPECT_EQ(super.refusals, Notes{});
+        for (const Notes &args : {Notes{}, Notes{"--layout", sample.layout}}) {
+            const Template super = proof.check("super", 0, args);
+            EXPECT_EQ(super.changes, Notes{});
+            EXPECT_EQ(super.refusals, Notes{});
+            EXPECT_EQ(super.option, "");
+        }
         for (const Table &table : sample.tables) {
             for (const Template &made : check_table(proof, table.name, table.count)) {
                 EXPECT_EQ(made.flaws, Notes{});
                 EXPECT_EQ(made.refusals, Notes{});
+                EXPECT_EQ(made.option, "");
                 for (const std::string &change : made.changes)
                     EXPECT_TRUE(is_change_of_all(sample.layout, table.name, change)) << change;
                 const bool free = made.file.find("_use\": 0,") != std::string::npos;
@@ -134,13 +140,19 @@ TEST_P(TemplateOfSample, DamagedEntries)
 
 TEST_P(TemplateOfSample, DamagedSuperBlocks)
 {
-    for (const std::string kind : {"checksum", "magic", "zero", "bit"}) {
+    for (const std::string kind : {"checksum", "magic", "zero", "bit", "version"}) {
         SCOPED_TRACE(kind);
-        const Device device = make("1", {"super:0:" + kind});
+        Device device = kind == "version" ? make("1") : make("1", {"super:0:" + kind});
+        if (kind == "version") { // under the right checksum
+            Block super = device.block(SUPER_OFFSET);
+            put_u32(super, 112, 0x40000);
+            seal(super, sample.super_length);
+            device.write(SUPER_OFFSET, super);
+        }
         TemplateProof proof(device);
         const Template made = proof.check("super", 0, {"--layout", sample.layout});
         EXPECT_EQ(made.option, "-v" + sample.layout.substr(1));
-        EXPECT_TRUE(made.flaws.at(0).starts_with("damaged: "));
+        EXPECT_EQ(made.flaws.empty(), kind == "version");
         if (kind != "bit") { // it may be any
             EXPECT_EQ(made.refusals.empty(), kind != "zero");
         }
@@ -154,6 +166,98 @@ TEST_P(TemplateOfSample, DamagedSuperBlocks)
         expect_template_failure(device, {"inode", "0"}, 1,
                                 device.path() + " has no super block of a known layout");
     }
+}
+
+// Entries with a value in every field, and free ones that still have them: what no repair keeps.
+
+struct Kept {
+    std::string table;
+    std::uint64_t no;
+    Notes lost; // the keys that a repair changes
+};
+
+void expect_lost(const Device &device, const std::vector<Kept> &entries)
+{
+    TemplateProof proof(device);
+    for (const auto &[table, no, lost] : entries) {
+        SCOPED_TRACE(table + ' ' + std::to_string(no));
+        Notes keys;
+        for (const std::string &change : proof.check(table, no).changes)
+            keys.push_back(change.substr(0, change.find(": ")));
+        EXPECT_EQ(keys, lost);
+    }
+    proof.finish();
+}
+
+TEST(TemplateOfFullEntries, V1)
+{
+    SuperV1 sb = super_v1(2, 2, 2);
+    sb.reserved = 5;
+    BrickV1 brick = brick_used(1);
+    InodeV1 inode = inode_used(1, 1);
+    ExtentV1 extent = extent_used(1, 1);
+    expect_lost(make_v1_device(sb, {brick}, {inode}, {extent}),
+                {{"super", 0, {"checksum", "sb_reserved"}},
+                 {"brick", 1, {"bi_checksum", "bi_reserved"}},
+                 {"inode", 1, {"checksum", "reserved1", "reserved2"}},
+                 {"extent", 1, {}}});
+    brick.use = inode.use = extent.use = 0;
+    expect_lost(make_v1_device(sb, {brick}, {inode}, {extent}),
+                {{"brick", 1, {"bi_checksum", "bi_uuid", "bi_brickid", "bi_unlink", "bi_reserved"}},
+                 {"inode",
+                  1,
+                  {"checksum", "atime", "ctime", "mtime", "dtime", "uuid", "size", "priority",
+                   "brick_no", "unlink", "reserved1", "reserved2"}},
+                 {"extent",
+                  1,
+                  {"te_checksum", "te_block", "te_size", "te_inode_no", "te_sampling_low",
+                   "te_sampling_mid", "te_sampling_high", "te_clean", "te_ntime", "te_hot",
+                   "te_bitmap[0]", "te_bitmap[1]"}}});
+}
+
+TEST(TemplateOfFullEntries, V2)
+{
+    expect_lost(make_v2_device(super_v2(2, 2, 2), {brick_used(1)}, {inode_v2_used(1, 1)},
+                               {extent_v2_used(1, 1)}),
+                {{"super", 0, {}},
+                 {"brick", 1, {"bi_checksum", "bi_reserved"}},
+                 {"inode", 1, {}},
+                 {"extent",
+                  1,
+                  {"te_checksum", "te_block", "te_size", "te_clean", "te_ntime", "te_hot",
+                   "bytes 56..64 (bitmap)", "bytes 584..647 (hot area)"}}});
+}
+
+TEST(TemplateOfFullEntries, V3)
+{
+    ShardBlockV3 shards;
+    ExtentBlockV3 extents;
+    for (std::uint32_t slot = 1; slot < SLOTS_V3; ++slot) {
+        const std::uint32_t use = slot == 7 ? 0 : 1;
+        shards.shards.push_back(
+            {.slot = slot, .ino = slot, .in_use = use, .reserved = slot, .index = ~slot});
+        extents.extents.push_back({.slot = slot,
+                                   .lba = slot,
+                                   .shard = slot + 1,
+                                   .dirty = 1,
+                                   .bitmap = slot + 2,
+                                   .in_use = use,
+                                   .sense = slot % 15 + 1,
+                                   .demote = 1,
+                                   .dm_err = 1,
+                                   .reserved = 1});
+    }
+    expect_lost(make_v3_device(super_v3(2, 2), {brick_v3_used(1)}, {inode_v3_used(1, 1)},
+                               {{1, shards}}, {{1, extents}}),
+                {{"super", 0, {}},
+                 {"brick", 1, {"bi_checksum", "bi_reserved"}},
+                 {"inode", 1, {}},
+                 {"shard", 1, {"checksum", "sno[519].ino", "sno[519].reserved", "sno[519].index"}},
+                 {"hot", 1, {"bytes 0..4095"}},
+                 {"extent",
+                  1,
+                  {"checksum", "eno[519].lba", "eno[519].shard", "eno[519].dirty", "eno[519].sense",
+                   "eno[519].demote", "eno[519].dm_err", "eno[519].reserved", "eno[519].bitmap"}}});
 }
 
 // Blocks that hold, from some byte on, anything.

@@ -58,7 +58,7 @@ std::string layout_help()
     for (const SampleLayout *layout : sample_layouts()) {
         names += fmt::format("{}{}", names.empty() ? "" : ", ", layout->name);
     }
-    return "SampleLayout of the device: " + names;
+    return "Layout of the device: " + names;
 }
 
 std::string seed_help()

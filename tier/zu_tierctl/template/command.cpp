@@ -1,3 +1,4 @@
+#include "zu_tier/layout/layout.h"
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
@@ -5,9 +6,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace tierctl {
 
@@ -31,6 +36,15 @@ struct template_options {
     std::string no;
     std::string layout;
 };
+
+std::vector<std::string_view> layout_names()
+{
+    std::vector<std::string_view> names;
+    for (const tier_layout *layout : tier_layouts()) {
+        names.push_back(layout->name);
+    }
+    return names;
+}
 
 void run(const template_options &options)
 {
@@ -73,7 +87,8 @@ void add_template(CLI::App &app)
         ->required();
     command
         ->add_option("--layout", options->layout,
-                     "v1, v2 or v3: layout of a super block that does not say so")
+                     fmt::format("Layout of a super block that does not say so: {}",
+                                 fmt::join(layout_names(), ", ")))
         ->type_name("NAME");
     command->callback([options] { run(*options); });
 }
