@@ -301,6 +301,7 @@ TEST(SampleHelp, NamesEveryOptionAndAnExample)
     for (const auto &words : {options, texts})
         for (const std::string &word : words)
             EXPECT_NE(run.out.find(word), std::string::npos) << word;
+    EXPECT_NE(run.out.find(" Layout of the device: v1, v2, v3\n"), std::string::npos) << run;
     const RunResult top = run_program(ZU_TIERCTL, {"--help"});
     EXPECT_EQ(top.status, 0);
     EXPECT_NE(top.out.find("sample"), std::string::npos);
