@@ -20,10 +20,10 @@ protected:
         expect_template_failure(device, args, status, complaint);
     }
 
-    RunResult shell(const std::string &redirection) const
+    RunResult shell(const std::string &before, const std::string &redirection) const
     {
-        return run_program("/bin/bash", {"-c", "exec \"$0\" template \"$1\" inode 0 " + redirection,
-                                         ZU_TIERCTL, device.path()});
+        const std::string script = before + "exec \"$0\" template \"$1\" inode 0 " + redirection;
+        return run_program("/bin/bash", {"-c", script, ZU_TIERCTL, device.path()});
     }
 };
 
@@ -131,14 +131,19 @@ TEST_F(TemplateCommand, PathsThatAShellWouldTakeApart)
 
 TEST_F(TemplateCommand, LostOutput)
 {
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {">/dev/full", "No space left on device"},
-        {">&-", "Bad file descriptor"},
-        {"> >(exec <&-; exec sleep 0.2)", "Broken pipe"},
+    struct Loss {
+        std::string before;
+        std::string redirection;
+        std::string reason;
     };
-    for (const auto &[redirection, reason] : cases) {
+    const std::vector<Loss> losses{
+        {"", ">/dev/full", "No space left on device"},
+        {"", ">&-", "Bad file descriptor"},
+        {"exec 3> >(:); wait $!; ", ">&3", "Broken pipe"}, // the reader has gone
+    };
+    for (const auto &[before, redirection, reason] : losses) {
         SCOPED_TRACE(redirection);
-        const RunResult run = shell(redirection);
+        const RunResult run = shell(before, redirection);
         EXPECT_EQ(run.status, 1) << run;
         EXPECT_EQ(run.err, "zu_tierctl: cannot write to standard output: " + reason + "\n");
     }
