@@ -199,6 +199,8 @@ void check_words(Device device, const std::string &layout)
             for (const std::uint64_t value :
                  {UINT64_MAX, TOP, TOP - 1, TOP - 512, TOP + 1025, (std::uint64_t{1} << 53) + 1,
                   std::uint64_t{0x8000800080008000}, std::uint64_t{0}}) {
+                if (8 * word >= table.record_length && value != UINT64_MAX)
+                    break; // nobody reads it
                 SCOPED_TRACE(text("%s, word %zu: 0x%lx", table.row->name.data(), word, value));
                 Block bad = good;
                 put_u64(bad, 8 * word, value);
