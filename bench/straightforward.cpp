@@ -354,7 +354,7 @@ void show_extents_v3(uint64_t no, uint8_t *slot)
 struct table {
     const char *name;
     const char *before;
-    const char *behind;
+    const char *after;
     tier_region (*region)();
     void (*show)(uint64_t no, uint8_t *slot);
 };
@@ -393,7 +393,7 @@ void walk_table(const table &t)
             t.show(no++, static_cast<uint8_t *>(buffer) + at);
         }
     }
-    fprintf(stdout, "%s", t.behind);
+    fprintf(stdout, "%s", t.after);
     free(buffer);
 }
 

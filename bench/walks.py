@@ -44,7 +44,7 @@ class Bench:
             self.devices[name] = self.attach(image)
 
     def attach(self, image):
-        """As a block device where that is possible; else the file."""
+        """A block device over the file where that is possible, else the file."""
         try:
             loop = subprocess.run(["losetup", "--find", "--show", "--read-only", image], check=True,
                                   capture_output=True, text=True).stdout.strip()
@@ -81,12 +81,12 @@ class Bench:
         equal = subprocess.run(["cmp", "-s", *outputs]).returncode == 0
         for output in outputs:
             os.remove(output)
-        time.sleep(0.5)  # the memory of the outputs is freed behind the scenes
+        time.sleep(0.5)  # the memory of the outputs is freed in the background
         return equal
 
     def pair(self, yardstick, command, output, env):
         """The medians of both, run in turn. A run that is not timed goes before each, so that memory and
-        caches are as warm for the one as for the other."""
+        caches are equally warm for both."""
         times = [[], []]
         for _ in range(self.pairs):
             for i, one in enumerate((yardstick, command)):
@@ -141,7 +141,7 @@ class Bench:
                         self.tool("v2", "dump_" + table, "-l", NOTHING))
 
     def filtered_walks(self):
-        """An owner of whom nearly every block holds a little: a line for each of the other entries."""
+        """An owner with a few entries in nearly every block: each of the others makes a line."""
         owner = "1"
         log, other_log = self.path("walk.log"), self.path("straightforward.log")
         command = self.tool("few", "dump_extent", "-g", "owner=" + owner)
@@ -188,7 +188,7 @@ class Bench:
                  cost[26] / cost[20] <= 1.2, {"ns_an_extent": {f"2^{p}": round(c, 1) for p, c in cost.items()}})
 
     def memory(self):
-        """Of a table of 1 MiB and one of 4 GiB."""
+        """The peak memory over a table of 1 MiB and one of 4 GiB."""
         peaks = []
         for extents in (1 << 17, 1 << 29):
             with self.extents(extents) as command, open(NOTHING, "wb") as out:

@@ -11,7 +11,7 @@ install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev mount python3 time tzda
 cmake --preset bench >/dev/null
 cmake --build --preset bench --parallel "$(nproc)" -- --quiet
 
-# In memory, where there is room for the images; the largest has 4 GiB.
+# In memory if there is room for the images; the largest has 4 GiB.
 parent=/tmp
 if [ "$(df --output=avail -B1M /dev/shm 2>/dev/null | tail -n 1)" -gt 8192 ]; then parent=/dev/shm; fi
 work=$(mktemp -d "$parent/zu_tier_bench.XXXXXX")

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, runs the tests over the programs under the sanitizers, which count
-# the lines and branches they take, and prints a table of the sources in tier/; line by line it is
-# written to build-sanitize/html/index.html. Fails below 99 % of the lines or 95 % of the branches.
+# Installs what is missing, builds, runs the tests over the programs under the sanitizers, which
+# count the lines and branches they take, and prints a table of the sources in tier/;
+# build-sanitize/html/index.html shows them line by line. Fails below 99 % of the lines or 95 % of
+# the branches.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh

@@ -42,7 +42,7 @@ run() {
     eval "$1"
 }
 
-# finds COMMAND: the same with a command whose status 1 says that there is something to be found.
+# finds COMMAND: the same for a command whose status 1 means findings.
 finds() {
     printf '\n$ %s\n' "$1"
     ! eval "$1"
@@ -82,7 +82,7 @@ run "zu_tierctl check $device"
 say "What it looks like"
 run "zu_tierctl map $device"
 
-say "Layout V2 has room for more inodes behind the data; one of these is damaged"
+say "Layout V2 has room for more inodes after the data; one of these is damaged"
 run "zu_tierctl sample --layout v2 --inodes 48 --blocks 64 --expansion 153600 --damage inode:99 v2.img"
 attach v2.img
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the fuzz targets, makes their first inputs and runs them: every
-# target, or one, for SECONDS each (default 60), as many at a time as there are processors. Then says
-# in a table what came of it. With 0 SECONDS only replays what there is: first inputs, the corpus of
-# earlier runs and the regressions. Exit status 1 on a finding.
+# target, or one, for SECONDS each (default 60), as many at a time as there are processors. Then
+# prints a table of the results. With 0 SECONDS only replays what there is: first inputs, the corpus
+# of earlier runs and the regressions. Exit status 1 on a finding.
 #
 #   scripts/fuzz.sh [TARGET|all] [SECONDS]
 set -euo pipefail
@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
 TARGETS=(options json repair dump probe restore main_v1 main_v2 main_v3)
-# Bytes of an input, at most.
+# The most bytes of an input.
 export small=4608 large=20480
 export seconds=${2:-60} build=build-fuzz
 [ "${1:-all}" = all ] || TARGETS=("$1")
@@ -29,7 +29,7 @@ rm -rf "$build/seeds"
 mkdir -p "$build"/{corpus,findings,logs,seeds}
 python3 scripts/fuzz_seeds.py "$programs" "$build/seeds"
 
-# fuzz TARGET: one run; its log tells the rest.
+# fuzz TARGET: one run; its log has the result.
 fuzz() {
     local effort=(-runs=0)
     [ "$seconds" -eq 0 ] || effort=("-max_total_time=$seconds")
@@ -45,7 +45,7 @@ fuzz() {
 export -f fuzz
 printf '%s\n' "${TARGETS[@]}" | xargs -P "$(nproc)" -I{} bash -c 'fuzz {}'
 
-# last PATTERN FILE: the last number behind PATTERN.
+# last PATTERN FILE: the last number after PATTERN.
 last() { grep -oE "$1[[:space:]]*[0-9]+" "$2" | tail -n 1 | grep -oE '[0-9]+$' || echo -; }
 
 findings=0

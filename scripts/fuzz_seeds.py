@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes the first inputs of the fuzz targets, from sample devices and what the tool says of them.
+"""Makes the first inputs of the fuzz targets, from sample devices and their dumps.
 
     fuzz_seeds.py PROGRAMS CORPUS
 
@@ -88,7 +88,7 @@ def sealed_super(layout, record, fields):
 
 
 def full_extents():
-    """A V3 block in which every bit of every extent is set that is not of the checksum."""
+    """A V3 block with every bit of every extent set but those of the checksum."""
     words = [(1 << 64) - 2] * 32 + [(1 << 64) - 1] * 480
     crc = zlib.crc32(struct.pack("<512Q", *words))
     return struct.pack("<512Q", *(word | crc >> at & 1 if at < 32 else word
@@ -96,7 +96,7 @@ def full_extents():
 
 
 def repair_file(layout, table, entry):
-    """What a repair file says of an entry as it was dumped."""
+    """The repair file of a dumped entry."""
     if table == "inode" or table == "exp_inode":
         stamps = {f"i_{name}time": 1764664463000000000 for name in "acmd"}
         same = {"i_" + key: entry[key]

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing and checks the sources without running them: their format, the manual
-# pages, and what clang-tidy and cppcheck have to say.
+# pages, and the warnings of clang-tidy and cppcheck.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -11,7 +11,7 @@ cmake --preset release -B build-lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON >/dev
 
 git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 mandoc -Tlint -Wwarning docs/*.8
-# What takes longest comes first.
+# The slowest come first.
 git ls-files 'tier/*.cpp' | tac |
     xargs -P "$(nproc)" -n 1 clang-tidy -p build-lint --quiet 2>/dev/null
 cppcheck -j "$(nproc)" --quiet --std=c++20 --enable=warning,performance,portability,style \

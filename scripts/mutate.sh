@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, and tries small changes of the sources against the tests: which of them
-# does no test notice? The arguments go to tests/mutation/mutate.py.
+# Installs what is missing, and changes the sources in small ways to see which change no test
+# notices. The arguments go to tests/mutation/mutate.py.
 #
 #   scripts/mutate.sh [--count N] [--seed S] [FILE...]
 set -euo pipefail

@@ -1,5 +1,5 @@
-# Sourced by the other scripts: runs the tests over the programs of the preset sanitize, and says
-# what of the sources they have reached. Sources packages.sh and shards.sh before.
+# Sourced by the other scripts, after packages.sh and shards.sh: runs the tests over the programs of
+# the preset sanitize, and reports which part of the sources they have reached.
 
 LINES_AT_LEAST=99
 BRANCHES_AT_LEAST=95
@@ -11,17 +11,17 @@ build() {
     cmake --build --preset "$1" --parallel "$(nproc)" ${2:+--target "${@:2}"} -- --quiet
 }
 
-# Each test program is that of the test build, but for the tests of functions; what it starts is
-# watched and counted. Runs at the same time add up their counts; who is killed has none.
+# Each test program is that of the test build, but for the tests of functions; the programs that it
+# starts are watched and counted. Runs at the same time add up their counts; a killed one has none.
 run_sanitized_tests() {
     find build-sanitize -name '*.gcda' -delete
-    # All zones of the machine take long, and the same code.
+    # All zones of the machine take long, and reach the same code.
     run_tests "unit, under the sanitizers" build-sanitize/unit_tests \
         --gtest_filter='-*.EveryZoneOfTheMachine'
     local -x ZU_TIER_PROGRAMS=$PWD/build-sanitize
     run_tests "fault, under the sanitizers" build/fault_tests
-    # The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for them.
-    # To keep where each block was allocated takes a sixth more.
+    # The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for
+    # them. Keeping the place of each allocation takes another sixth.
     local -x ASAN_OPTIONS=detect_leaks=0:malloc_context_size=1
     run_tests "cli, under the sanitizers" build/cli_tests
     run_tests "tierctl, under the sanitizers" build/tierctl_tests --gtest_filter='-*Large*:Killed*'

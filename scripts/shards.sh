@@ -3,11 +3,11 @@
 passed=0 failed=0 skipped=0
 runs=0 # of the tool, as far as the tests record them
 
-# step TITLE: what comes next, and the time since the start.
+# step TITLE: prints the next step and the time since the start.
 step() { printf '\n== %s [%d:%02d]\n' "$1" $((SECONDS / 60)) $((SECONDS % 60)); }
 
-# run_shard RESULTS PROGRAM ARGUMENT...: a part of a program's tests, named by the environment.
-# Says only what went wrong.
+# run_shard RESULTS PROGRAM ARGUMENT...: runs a part of a program's tests, chosen by the
+# environment. Prints only failures.
 run_shard() {
     local file=$1/$GTEST_SHARD_INDEX
     shift
@@ -16,7 +16,7 @@ run_shard() {
 }
 export -f run_shard
 
-# sum PATTERN FILE: of all numbers that the pattern leaves.
+# sum PATTERN FILE: the sum of all numbers that match.
 sum() { { grep -oP "$1" "$2" || true; } | awk '{ sum += $1 } END { print sum + 0 }'; }
 
 # run_tests TITLE PROGRAM ARGUMENT...: runs a GoogleTest program's tests on every processor and adds

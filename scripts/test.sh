@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: all of them on the release build, those of
-# functions and programs under the sanitizers, where they count what they reach, and every fuzz target
+# functions and programs under the sanitizers, where they measure coverage, and every fuzz target
 # for some seconds. The last line counts the tests of the release build and of the sanitizers.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -43,8 +43,8 @@ protected:
         return run_logged(device, table.dump, args);
     }
 
-    // The table has so many blocks. It is walked only if its number of blocks is the right one: the
-    // walk of a table that is too large would not end.
+    // The table has this number of blocks. It is walked only if that is right: the walk of a table
+    // that is too large would not end.
     void expect_blocks(std::uint64_t count) const
     {
         const LogLine refusal =
@@ -155,7 +155,7 @@ TYPED_TEST(BlockGeometry, BlocksBehindAllOffsetsCannotBeRead)
     EXPECT_EQ(this->run({"-n", "0"}).status, 5);
 }
 
-// Those behind the end of the device. The filter by use hides nothing that cannot be read.
+// Those past the end of the device. The filter by use does not hide unreadable blocks.
 TYPED_TEST(BlockGeometry, BlocksThatCannotBeRead)
 {
     const char *key = this->table.block_key.c_str();

@@ -59,7 +59,7 @@ TYPED_TEST(BrickRepair, FreeBrickGetsARandomUuid)
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(this->repair(document, {"-y"}).status, 0);
         const Uuid uuid = get_uuid(this->device.block(offset), 16);
-        EXPECT_EQ(uuid[6] >> 4, 4) << uuid_text(uuid); // made of random numbers
+        EXPECT_EQ(uuid[6] >> 4, 4) << uuid_text(uuid); // random
         EXPECT_EQ(uuid[8] >> 6, 2) << uuid_text(uuid);
         EXPECT_EQ(std::ranges::count(seen, uuid), 0) << uuid_text(uuid);
         seen.push_back(uuid);
@@ -68,7 +68,7 @@ TYPED_TEST(BrickRepair, FreeBrickGetsARandomUuid)
 
 TYPED_TEST(BrickRepair, DumpedBrickIsARepairFile)
 {
-    const auto dumped = this->table.used(3, 0); // its reserved field is not taken over
+    const auto dumped = this->table.used(3, 0); // its reserved field is not copied
     this->expect_entry(json(dumped, 0), this->table.repairable(3, 0));
 }
 

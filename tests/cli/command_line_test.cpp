@@ -168,7 +168,7 @@ TEST_F(CommandLine, DebugModeRepeatsDebugLinesOnStandardError)
     }
 }
 
-// A running program cannot be opened for writing: used as the device, it tells how it was opened.
+// A running program cannot be opened for writing: used as the device, it shows how it was opened.
 TEST_F(CommandLine, CommitOpensTheDeviceReadWriteEvenForDumps)
 {
     const std::string self = ZU_TIER;

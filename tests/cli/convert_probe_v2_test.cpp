@@ -59,7 +59,7 @@ const std::vector<MapSize> MAP_SIZES{
     {262144, 16777217, 131072},
     {14449, 304384145, 131072},
     {262144, 0xFFFFFFFF, 131072},
-    // no cache at all
+    // no cache
     {262144, 0, 16384},
     {1, 1, 16384},
     {16384, 1, 16384},
@@ -152,7 +152,7 @@ TEST_F(ConvertProbeV2, FewerRecordsThanTheStartOrMoreThan64AreNotFound)
 
 TEST_F(ConvertProbeV2, StartIsRoundedUp)
 {
-    // 16 whole pieces and one byte: the 16 records on the device are not looked for.
+    // 16 whole pieces and one byte: the 16 records on the device are not tried.
     SuperV2 sb = super;
     sb.block_size = 262145;
     Log lines{probe_read(table())};
@@ -197,7 +197,7 @@ TEST_F(ConvertProbeV2, NumbersOfTheExtentsDoNotCount)
     expect_found(super, {probe_read(table()), map_cnt_found(16)});
 }
 
-// A shorter table than a MiB is read together with what lies behind it.
+// A table shorter than a MiB is read together with what follows it.
 TEST_F(ConvertProbeV2, UnwrittenSlotsSpoilTheMiB)
 {
     const SuperV2 sb = cache(262144, 16384, 200);
@@ -242,7 +242,7 @@ TEST_F(ConvertProbeV2, CandidateSizeIsFormedIn32Bits)
     put_table(bytes);
     expect_found(sb, {probe_read(table()), map_cnt_found(16)});
 
-    sb.extent_size -= 100; // no bytes at all
+    sb.extent_size -= 100; // no bytes
     expect_abort(convert(old_file(sb).text(), {"-F"}), "ex && ex_size");
 }
 

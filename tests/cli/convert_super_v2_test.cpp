@@ -1,4 +1,4 @@
-// convert_super: what becomes of the description of an older super block, and what is refused.
+// convert_super: how the description of an older super block is converted, and what is refused.
 
 #include "conversion.h"
 
@@ -37,7 +37,7 @@ TEST_F(ConvertSuperV2, OlderSuperBlockOfEveryBlockSize)
         cache(524288, 16384),       // 32
         cache(1044480, 16384),      // 64, the last one not whole
         cache(1048576, 32768),      // 32
-        cache(1048576, 32768, 300), // extents behind the probed ones
+        cache(1048576, 32768, 300), // extents after the probed ones
         cache(1081344, 32768),      // 33
         cache(2097152, 32768),      // 64
         cache(4194304, 65536),      // 64

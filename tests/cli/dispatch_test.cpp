@@ -1,4 +1,4 @@
-// Which layout takes a device, which handler runs, and what becomes of its result.
+// Which layout accepts a device, which handler runs, and how its result ends the run.
 
 #include "expect.h"
 #include "probe_log.h"

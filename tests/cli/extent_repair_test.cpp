@@ -50,7 +50,7 @@ TYPED_TEST(ExtentRepair, DumpedExtentIsNoRepairFile)
     this->expect_refused_at("te_sampling_low", dumped, "parse te_sampling_low failed");
 }
 
-// A place in front of the device is refused, whatever brought it about.
+// A place before the start of the device is refused, whatever the cause.
 TYPED_TEST(ExtentRepair, OffsetInFrontOfTheDevice)
 {
     auto changed = this->super;

@@ -141,7 +141,7 @@ TEST_F(ExtentV2Dump, PieceWithinTheHead)
                           0x1122334455667788UL, super.data_offset + 3 * MIB));
 }
 
-// The pieces lie behind the record, whatever the other sizes say of them.
+// The pieces lie after the record, whatever the other sizes say of them.
 TEST_F(ExtentV2Dump, SizesThatPlaceNoPiece)
 {
     ExtentV2 extent = extent_v2_used(1, 2);

@@ -1,5 +1,5 @@
-// What is particular to the dump of the hot table: it shows where the blocks lie, whatever they
-// hold.
+// What is particular to the dump of the hot table: it shows the places of the blocks, whatever
+// their content.
 
 #include "expect.h"
 #include "packed_table.h"

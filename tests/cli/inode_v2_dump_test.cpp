@@ -17,7 +17,7 @@ protected:
         device.write(SUPER_OFFSET, encode(super));
     }
 
-    // An area of so many inodes, none of which was ever written.
+    // An area of that many inodes, none of which was ever written.
     void expand(std::uint32_t inodes, bool in_use = false)
     {
         set_expansion(super, inodes, in_use);
@@ -268,7 +268,7 @@ TEST_F(InodeV2Expansion, FiltersHoldInBothRegions)
                {.status = 0, .out = framed(regular, expansion), .log = log});
 }
 
-// Numbers run on from the regular table, offsets begin anew behind the data area.
+// Numbers continue those of the regular table, offsets begin anew after the data area.
 TEST_F(InodeV2Expansion, FaultyInodesHaveTheirNumberAndOffset)
 {
     Log log = log_head<SuperV2>(device, "dump_inode", {.use = 1});

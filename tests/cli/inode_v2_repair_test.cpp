@@ -26,7 +26,7 @@ protected:
         return inode;
     }
 
-    // A dry run: the slot may lie far behind the end of the image.
+    // A dry run: the slot may lie far past the end of the image.
     void expect_admitted(std::uint32_t no)
     {
         SCOPED_TRACE(no);
@@ -73,7 +73,7 @@ TEST_F(InodeV2Repair, BrickNumberIsLookedAtFirst)
 {
     InodeV2 inode = numbered(6);
     inode.brick_no = super.brick_cnt;
-    ASSERT_EQ(table.bounds_errors(super, inode).size(), 1U); // not a word about the inode's number
+    ASSERT_EQ(table.bounds_errors(super, inode).size(), 1U); // nothing about the inode's number
     expect_entry_or_bounds_error(file_text(inode), inode);
 }
 
@@ -136,7 +136,7 @@ TEST_F(InodeV2Repair, NoNumberFrom500000OnIsAdmitted)
     }
 }
 
-// Small data blocks, and an image that ends behind the first slots of the area.
+// Small data blocks, and an image that ends after the first slots of the area.
 class InodeV2RepairExpansion : public InodeV2Repair {
 protected:
     void SetUp() override
@@ -188,7 +188,7 @@ TEST_F(InodeV2RepairExpansion, OffsetBehind4GiB)
     expect_admitted(6 + 153599);
 }
 
-// A place in front of the device is refused, whatever brought it about.
+// A place before the start of the device is refused, whatever the cause.
 TEST_F(InodeV2RepairExpansion, OffsetInFrontOfTheDevice)
 {
     SuperV2 changed = super;

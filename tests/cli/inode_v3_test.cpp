@@ -131,7 +131,7 @@ TEST_F(InodeV3Repair, NegativeNumberIsAboveEveryCountThatLeavesOutItsHighBits)
             expect_bounds_error(inode);
         }
     }
-    // Below such a count it stands for a slot in front of the table.
+    // Below such a count its slot lies before the table.
     changed.inode_cnt = 0xFFFFFFFFFFFFFFFF;
     inode.no = 0xFFFFFFFE; // -2
     expect_shown(inode, changed.inode_table_offset - 2 * BLOCK_SIZE);

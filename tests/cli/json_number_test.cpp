@@ -8,7 +8,7 @@ using namespace tier_test;
 
 namespace {
 
-// Integers that only more than 53 bits tell from their neighbours.
+// Integers that differ from their neighbours only beyond 53 bits.
 constexpr std::uint64_t ABOVE_2_53 = 9007199254740993U;
 constexpr std::uint64_t LARGEST = 18446744073709551615U;
 
@@ -104,7 +104,7 @@ TEST_F(JsonNumbers, FormsThatAreNoNumbers)
         expect_no_json(number);
 }
 
-// Whatever stands in front of a key, the key gets its own number with all its digits.
+// Whatever stands before a key, the key gets its own number with all its digits.
 TEST_F(JsonNumbers, TextInFrontOfTheKeys)
 {
     ExtentV1 extent = sample;

@@ -1,5 +1,5 @@
-// Every key of every repair file: missing, of another type, with every number and text at which
-// its meaning changes, in any order and case. What each file comes to is computed from the model.
+// Every key of every repair file: missing, of another type, with every number and text at which its
+// meaning changes, in any order and case. The result of each file is computed from the model.
 
 #include "json_number.h"
 #include "key_sweep.h"

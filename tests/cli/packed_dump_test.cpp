@@ -24,7 +24,7 @@ TYPED_TEST(PackedDump, EntriesAreNumberedThroughTheTable)
 // Every bit of the word belongs to the field that the layout gives it to, and to no other.
 TYPED_TEST(PackedDump, BitsOfAnEntry)
 {
-    std::map<std::uint32_t, std::uint64_t> words; // by slot, behind those with a checksum's bits
+    std::map<std::uint32_t, std::uint64_t> words; // by slot, after those with a checksum's bits
     for (const auto &field : this->table.fields) {
         const std::uint64_t ones = ((std::uint64_t{1} << field.width) - 1) << field.shift;
         words.emplace(64 + words.size(), ones);
@@ -107,7 +107,7 @@ TYPED_TEST(PackedDump, OutputFileTakesTheArray)
     EXPECT_EQ(read_file(path), this->walk().out);
 }
 
-// Entries number 2^32 and above, in blocks behind 4 GiB.
+// Entries number 2^32 and above, in blocks after 4 GiB.
 TYPED_TEST(PackedDump, NumbersAndOffsetsOf64Bits)
 {
     constexpr std::uint64_t NO = 0x800001;

@@ -1,4 +1,4 @@
-// Files that repairs of shards and of extents refuse, and what they say of them.
+// Files that repairs of shards and of extents refuse, and their messages.
 
 #include "packed_repair.h"
 
@@ -62,7 +62,7 @@ TYPED_TEST(PackedParse, PlaceIsLookedAtBeforeTheItems)
                               "meta_offset: " + before + " invalid");
 }
 
-// An offset that only the bounds of a strange super block admit is refused behind the items.
+// An offset that only the bounds of a strange super block admit is refused after the items.
 TYPED_TEST(PackedParse, OffsetBehindAllDevicesIsLookedAtAfterTheItems)
 {
     SuperV3 changed = this->super;

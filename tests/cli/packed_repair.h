@@ -57,7 +57,7 @@ protected:
         return file;
     }
 
-    // A file with one entry, and what comes of it.
+    // A file with one entry, and its result.
     RepairFile sample_file() const { return document({file_of({5, sample}).text()}); }
     Block sample_block() const { return encode(packed({sample})); }
 

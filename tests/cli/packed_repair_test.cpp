@@ -1,4 +1,4 @@
-// What repairs of shards and of extents make of their items.
+// How repairs of shards and of extents store their items.
 
 #include "packed_repair.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Devices whose every entry is repaired from its own content.
+// Devices of which every entry is repaired from its own content.
 
 #include "dump_text.h"
 #include "expect.h"

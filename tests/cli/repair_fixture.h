@@ -10,7 +10,7 @@
 
 namespace tier_test {
 
-// What a repair makes of its file.
+// The result of a repair.
 struct Repaired {
     std::int64_t offset;
     Block block;

@@ -1,5 +1,5 @@
-// The place that a repair file gives to its block: where it may lie, and what comes of places to
-// which no block can be written.
+// The place that a repair file gives to its block: where it may lie, and how a run ends when no
+// block can be written there.
 
 #include "hot_repair.h"
 #include "json_number.h"
@@ -82,7 +82,7 @@ TYPED_TEST_SUITE(RepairOffset, Repairs, RepairNames);
 TYPED_TEST(RepairOffset, FromTheTableUpToTheNextArea)
 {
     const std::uint64_t table_end = this->start() + 4 * 4096;
-    ASSERT_LT(table_end + 4096, this->end()); // there is a gap behind the table
+    ASSERT_LT(table_end + 4096, this->end()); // there is a gap after the table
     for (const std::uint64_t offset :
          {this->start(), this->start() + 4096, table_end - 4096, table_end, this->end() - 4096})
         this->expect_written(std::to_string(offset), offset);

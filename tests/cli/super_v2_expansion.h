@@ -13,7 +13,7 @@ constexpr std::uint32_t SMALLEST_EXPANSION = 153600;
 constexpr const char *EXPANSION_PARSER = "__repair_super_exp_inode";
 
 // Repairs of a V2 super block from files with keys of the expansion area. The devices are sparse
-// and hundreds of MiB long, so only the blocks in question are looked at.
+// and hundreds of MiB long, so only the blocks in question are compared.
 class SuperV2Expansion : public testing::Test {
 protected:
     // The new super block has another geometry than the one on the device.

@@ -187,7 +187,7 @@ TYPED_TEST_P(TableDump, FaultyEntryWithoutALogFileAborts)
     EXPECT_EQ(run_tool(single).out, this->item(0));
 }
 
-// One bit flipped in every byte of the record, then in the bytes behind it.
+// One bit flipped in every byte of the record, then in the bytes after it.
 TYPED_TEST_P(TableDump, ChecksumCoversTheRecordAndNothingBehindIt)
 {
     const auto length = static_cast<std::uint32_t>(this->table.record_length(this->super));

@@ -61,7 +61,7 @@ protected:
         return log;
     }
 
-    // A free brick has an identity that the tool has made up.
+    // The tool makes up the identity of a free brick.
     Repaired repaired(Entry entry, const std::string &out) const
     {
         if constexpr (requires { entry.brickid; })
@@ -78,14 +78,14 @@ protected:
                         [&](const std::string &out) { return repaired(entry, out); });
     }
 
-    // The same, of a document that says it in a way that the model does not read.
+    // The same for a document in a form that the model does not read.
     void expect_spelt(const std::string &document, const Entry &entry)
     {
         expect_accepted(document, key_log(entry),
                         [&](const std::string &out) { return repaired(entry, out); });
     }
 
-    // The keys in front of `key` are accepted, then the parse ends with this message.
+    // The keys before `key` are accepted, then the parse ends with this message.
     void expect_refused_at(const std::string &key, const std::string &document,
                            const std::string &message)
     {

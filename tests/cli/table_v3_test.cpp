@@ -150,7 +150,7 @@ class TableRepairV3 : public TableRepair<T> {
 protected:
     SuperV3 changed = this->super;
 
-    // The entry lies so far behind the end of the device that nobody writes it.
+    // The entry lies so far past the end of the device that it is not written.
     void expect_dry_run(const typename T::Entry &entry)
     {
         this->set_super(changed);

@@ -61,7 +61,7 @@ protected:
         return used;
     }
 
-    // It ends behind the first slots of the expansion area.
+    // It ends after the first slots of the expansion area.
     Device image(const Content &content) const
     {
         std::vector<InodeV2> inodes = content.inodes;

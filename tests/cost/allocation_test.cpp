@@ -12,7 +12,7 @@ struct Filter {
     Args args;
 };
 
-// Everything is shown; entries are passed over with nowhere to say so; the same with a log file.
+// Everything is shown; entries are hidden without a log; the same with a log file.
 std::vector<Filter> filters()
 {
     return {{"all", {}},

@@ -1,6 +1,6 @@
 // Processor instructions for each entry of a table, counted by valgrind: the same on every run and,
-// but for the C library's choice of functions, on every machine. A change of more than a tenth is a
-// change of what the tool costs, for which a figure is to be written down anew.
+// but for the C library's choice of functions, on every machine. After a change of more than a
+// tenth the figure must be recorded anew.
 
 #include "tables.h"
 
@@ -23,7 +23,7 @@ const CostRow COST_ROWS[] = {
     {EXTENTS_V2, 500, {}, 7560},
     {EXTENTS_V3, 16, {}, 152},
     {SHARDS_V3, 16, {}, 104.5},
-    // What is not in use is spoken of in the log.
+    // Entries that are not in use are logged.
     {EXTENTS_V3, 16, {"-g", "use=1", "-l", "/dev/null"}, 146},
 };
 

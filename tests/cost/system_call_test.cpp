@@ -1,5 +1,5 @@
-// The system calls of a walk: a table is read by the mebibyte, and what is written goes out in
-// whole buffers.
+// The system calls of a walk: a table is read by the mebibyte, and output is written in whole
+// buffers.
 
 #include "tables.h"
 
@@ -86,7 +86,7 @@ struct CallRow {
     std::uint64_t writes_for_64k; // of output
 };
 
-// The tables end within, at and just behind a mebibyte.
+// The tables end within, at and just after a mebibyte.
 constexpr CallRow CALL_ROWS[] = {
     {INODES_V1, 256, 16},  {INODES_V1, 300, 16}, {EXTENTS_V1, 513, 16}, {INODES_V2, 512, 16},
     {EXTENTS_V2, 257, 16}, {SHARDS_V3, 300, 5},  {EXTENTS_V3, 600, 4},

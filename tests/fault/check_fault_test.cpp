@@ -46,7 +46,7 @@ protected:
     std::string duplicate() const
     {
         return finding("error", "extent 517", extent_offset(sb, 1) + 40,
-                       "address 1 of shard 513 is that of extent 5, too (duplicate_extent)",
+                       "address 1 of shard 513 is also that of extent 5 (duplicate_extent)",
                        "dump_extent -n 1");
     }
 };
@@ -65,30 +65,30 @@ TEST_F(CheckFaults, BlockOfShards)
                             "dump_shard -n 1") +
                         duplicate() +
                         finding("warning", "extent 5", extent_offset(sb, 0) + 40,
-                                "it and 1 other name shard 513, which cannot be read "
+                                "it and 1 other refer to shard 513, which cannot be read "
                                 "(extent_of_unknown_shard)",
                                 "dump_extent -n 0"));
 }
 
 TEST_F(CheckFaults, InodeAmongOthers)
 {
-    expect_findings(check(text("pread@%ld+4096=EIO", inode_offset(sb, 1))),
-                    finding("error", "inode 1", inode_offset(sb, 1),
-                            "it cannot be read: Input/output error (unreadable)",
-                            "dump_inode -n 1") +
-                        finding("warning", "shard 1025", shard_offset(sb, 2) + 8,
-                                "it names inode 1, which cannot be read (shard_of_unknown_inode)",
-                                "dump_shard -n 2") +
-                        duplicate());
+    expect_findings(
+        check(text("pread@%ld+4096=EIO", inode_offset(sb, 1))),
+        finding("error", "inode 1", inode_offset(sb, 1),
+                "it cannot be read: Input/output error (unreadable)", "dump_inode -n 1") +
+            finding("warning", "shard 1025", shard_offset(sb, 2) + 8,
+                    "it refers to inode 1, which cannot be read (shard_of_unknown_inode)",
+                    "dump_shard -n 2") +
+            duplicate());
 }
 
-// The second time, when those who claim are told, the block of one cannot be read.
+// The second reading, which reports the claimants, cannot read the block of one.
 TEST_F(CheckFaults, BlockThatCannotBeReadAgain)
 {
     const RunResult run = check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0)));
     EXPECT_EQ(run.status, 2) << run;
     EXPECT_EQ(run.err, "zu_tierctl: " + device.path() +
-                           ": table extent is not what it was when it was read first\n");
+                           ": table extent has changed since it was first read\n");
 }
 
 TEST_F(CheckFaults, SuperBlock)

@@ -123,7 +123,7 @@ TEST_F(ConversionFaults, BufferThatWasGivenBackIsAskedForAgain)
             error_line(PROBE, text("all extent area read failed:-1, offset:%ld, end:%lu",
                                    mib(reads), super.data_offset)));
     }
-    // The extents have 16 records: the third candidate and those behind it do not fit.
+    // The extents have 16 records: the third candidate and those after it do not fit.
     lines.push_back(probe_read(mib(0)));
     std::ranges::copy(mismatches(18, 65), std::back_inserter(lines));
     expect_run(run(text("pread#1-%d=EIO", 2 * reads)),

@@ -16,7 +16,7 @@
 // @o+l     only device calls that touch one of the `length` bytes from `offset` of the device
 // #n       only the n-th of the calls that the item takes otherwise, counted from 1; #n-m, #n-
 //
-// The first item that takes a call decides; those behind it do not count the call. An error fails
+// The first item that takes a call decides; those after it do not count the call. An error fails
 // the call without an effect, except that close and fclose close all the same. "short:" moves at
 // most that many bytes, so "short:0" is the end of the device for a read, and a write that moved
 // nothing. "lost" moves nothing and says that it moved all. "pass" changes nothing. With "trace:"

@@ -19,7 +19,7 @@ using namespace zutr_faults;
 
 namespace {
 
-// The function of that name behind this library.
+// The function of that name that this library hides.
 template <class Function>
 Function *behind(const char *name)
 {
@@ -36,7 +36,7 @@ bool fails(const char *call, std::uint64_t size = 0)
     return true;
 }
 
-// What is left of a request that came up short is not aligned any more.
+// The rest of a request that came up short is no longer aligned.
 void leave_direct_mode(int fd)
 {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_DIRECT);

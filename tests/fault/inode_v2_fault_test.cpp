@@ -200,7 +200,7 @@ TEST_F(ExpansionCheckFaults, UnreadableSlot)
     }
 }
 
-// Behind the buffers of the super block and of the repair.
+// After the buffers of the super block and of the repair.
 TEST_F(ExpansionCheckFaults, MemoryIsRefused)
 {
     for (const int slot : {1, 2})

@@ -1,4 +1,4 @@
-// Output that does not reach its place: a run must not look successful then.
+// Output that is lost: the run must not look successful.
 
 #include "dump_text.h"
 #include "expect.h"
@@ -113,7 +113,7 @@ TEST_F(OutputFaults, StandardOutputCountsBesideAnOutputFile)
     EXPECT_EQ(read_file(path), "");
 }
 
-// Whether the output file is the device is asked of what can be asked.
+// The output file is compared with the device as far as both can be examined.
 TEST_F(OutputFaults, DeviceThatTellsNothingOfItself)
 {
     const std::string path = device.directory().write("out", "before");
@@ -180,13 +180,13 @@ TEST_F(PipeFaults, FullLogDoesNotExplainAFailedOutput)
     EXPECT_EQ(run.status, 5) << run;
     ASSERT_EQ(parse_log(run.err).size(), 21U);
     EXPECT_EQ(parse_log(run.err).back(), write_failed("Broken pipe"));
-    // By itself it is no reason to fail.
+    // By itself it is no failure.
     run = run_tool(args);
     EXPECT_EQ(run.status, 0) << run;
     EXPECT_EQ(parse_log(run.err).size(), 20U);
 }
 
-// Runs behind a line of shell, which sets limits or closes descriptors.
+// Runs after a line of shell, which sets limits or closes descriptors.
 class ShellFaults : public OutputFaults {
 protected:
     LoggedRun run_behind(const std::string &line, const std::string &command,
@@ -248,7 +248,7 @@ TEST_F(ShellFaults, ClosedStandardStreamsLeaveTheDeviceAlone)
     }
 }
 
-// Nothing is opened, then, that could take the place of a standard stream.
+// Then nothing is opened that could replace a standard stream.
 TEST_F(ShellFaults, ClosedStandardStreamsWithoutANullDevice)
 {
     const std::vector<std::uint8_t> bytes = device.bytes();

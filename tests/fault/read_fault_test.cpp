@@ -47,7 +47,7 @@ protected:
         return debug_line(DUMP_DRIVER, text("read bi_no %u failed:-1, offset:%ld", no, table));
     }
 
-    // The walk under these faults succeeds with these items and lines behind the settings.
+    // The walk under these faults succeeds with these items and lines after the settings.
     void expect_walk(const std::string &faults, const std::vector<std::string> &shown,
                      const Log &lines, const std::vector<std::string> &taken) const
     {

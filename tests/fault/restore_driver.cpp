@@ -1,6 +1,6 @@
 // restore_driver <options of the tool>: restores the inode that -n names, which no command of
 // the tool does. -c only has to name some command, -y opens the device for writing. Prints the
-// handler's result behind its own output.
+// handler's result after its own output.
 
 #include "zu_tier/front/zu_tier.h"
 #include "zu_tier/layout/registry.h"

@@ -33,7 +33,7 @@ protected:
     struct Outcome {
         int result = 0;
         std::string out{};
-        Log lines{};                      // behind the settings
+        Log lines{};                      // after the settings
         std::vector<std::uint8_t> slot{}; // as the device holds it, when it changes
     };
 

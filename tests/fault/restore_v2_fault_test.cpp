@@ -12,7 +12,7 @@ namespace {
 
 class RestoreV2Faults : public testing::Test {
 protected:
-    static constexpr std::uint32_t NO = 4; // the first behind the regular table
+    static constexpr std::uint32_t NO = 4; // the first after the regular table
 
     const SuperV2 super = without_maps();
     Device device = make_v2_device(super);

@@ -13,7 +13,7 @@ protected:
     const TempDir directory;
     const std::string path = directory.path("image");
 
-    // Under this fault, which takes one call, the run leaves nothing but the trace behind.
+    // Under this fault, which takes one call, the run leaves nothing but the trace.
     void expect_failure(const std::string &fault, const std::string &complaint) const
     {
         SCOPED_TRACE(fault);

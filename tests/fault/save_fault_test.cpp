@@ -31,7 +31,7 @@ protected:
         return run({"save", device.path(), file}, faults);
     }
 
-    // Under this fault the run leaves nothing behind.
+    // Under this fault the run leaves no file.
     void expect_failure(const std::string &fault, const std::string &complaint) const
     {
         SCOPED_TRACE(fault);

@@ -133,7 +133,7 @@ TYPED_TEST(BlockFaults, Repairs)
 }
 
 // Each block of extents is copied to find its checksum: the second allocation of that size and all
-// behind it.
+// after it.
 class ExtentCopyFaults : public BlockFaults<ExtentTable> {
 protected:
     // What is said of a block whose copy was refused.

@@ -1,4 +1,4 @@
-// Repairs on devices that take the block late, in pieces or not at all.
+// Repairs on devices that accept the block late, in pieces or never.
 
 #include "expect.h"
 #include "faulty_run.h"

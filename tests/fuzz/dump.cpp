@@ -88,7 +88,7 @@ zutr_params_t params_of(const Place &place, View head, std::uint32_t no, Bytes &
 // Longer ones take longer to parse than to print.
 constexpr std::size_t MOST_PARSED = 8192;
 
-// Texts are printed as they are stored, so that only without these the output is sure to be JSON.
+// Texts are printed as they are stored, so the output is certain to be JSON only without these.
 bool is_plain(View block)
 {
     return std::ranges::none_of(block, [](std::uint8_t byte) {

@@ -43,7 +43,7 @@ void check_conversions(long double number)
     require(zutr_to_u64(number) == expected, "an unsigned number of 64 bits");
 }
 
-// Every number carries its literal, found in the text behind the one before.
+// Every number carries its literal, found in the text after the one before.
 void check_numbers(const cJSON *first, std::string_view &text)
 {
     for (const cJSON *node = first; node != nullptr; node = node->next) {

@@ -1,5 +1,5 @@
-// The whole tool over a device of the layout FUZZ_LAYOUT with a super block that may say anything.
-// Parts of an input: the super block, then the records of some entries, each behind its number in
+// The whole tool over a device of the layout FUZZ_LAYOUT with a super block that may hold anything.
+// Parts of an input: the super block, then the records of some entries, each after its number in
 // two bytes; the rest is the repair file. The entries lie where the super block has the table of
 // the command.
 

@@ -46,7 +46,7 @@ std::vector<std::string> arguments_of(View data)
     return arguments;
 }
 
-// What holds of the parameters behind a command line that was accepted.
+// What holds of the parameters after a command line that was accepted.
 void check_accepted(const zutr_params_t &params)
 {
     require(ZUTR_CMD_VALID(params.cmd) && s_command_name[params.cmd] != nullptr, "a command");

@@ -53,7 +53,7 @@ Place table_at(const Place &place, View super, std::int64_t offset)
     return offset >= entry_offset(EXPANSION, super, 0) ? EXPANSION : Place{2, Table::inode};
 }
 
-// Tables of V3 whose blocks are placed by their offset, also behind the end of the table.
+// Tables of V3 whose blocks are placed by their offset, also past the end of the table.
 bool is_packed(const Place &place)
 {
     return place.layout == 3 && place.table >= Table::extent;

@@ -1,7 +1,7 @@
-// The restore of an inode in V1 and V2, which no command names: its handlers over a device whose
-// super block may say anything, against a model of what they shall do. Parts of an input: the super
-// block, the inode, then extents, each behind its number in two bytes. The first of them stands in
-// every slot that no other takes.
+// The restore of an inode in V1 and V2, which no command calls: its handlers over a device whose
+// super block may hold anything, compared with a model. Parts of an input: the super block, the
+// inode, then extents, each after its number in two bytes. The first of them stands in every slot
+// that no other takes.
 
 #include "contract.h"
 #include "entries.h"
@@ -22,7 +22,7 @@ enum HeadByte : std::uint8_t { LAYOUT, FLAGS, FAULT, TURN, NUMBER };
 
 // FLAGS
 constexpr std::uint8_t FORCE = 1;
-constexpr std::uint8_t COMMIT = 2; // has no say
+constexpr std::uint8_t COMMIT = 2; // has no effect
 constexpr std::uint8_t HOLES = 4;  // can be read
 constexpr std::uint8_t NO_PARAMS = 8;
 constexpr std::uint8_t NO_SUPER = 16;
@@ -34,7 +34,7 @@ constexpr std::size_t PARTS = EXTENTS + 3;
 constexpr std::size_t EXTENT_OWNER = 16;
 constexpr std::size_t EXTENT_USE = 32;
 
-// A restore takes the extents of V2 for such, too: its checksum ends before the mapped pieces.
+// A restore reads the extents of V2 in the same way: its checksum ends before the mapped pieces.
 constexpr Place EXTENT = {1, Table::extent};
 
 RestoreCall call_of(const Input &input, View super)

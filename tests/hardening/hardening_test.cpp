@@ -1,4 +1,4 @@
-// What the programs were built with against the exploitation of a flaw, read off the executables.
+// The hardening of the programs, read from the executables.
 
 #include "elf_file.h"
 #include "run.h"

@@ -1,5 +1,4 @@
-// Whole runs under valgrind: no use of memory that is not the program's or was never written, and
-// none that is lost.
+// Whole runs under valgrind: no invalid or uninitialised memory is used, and none is lost.
 
 #include "conversion.h"
 #include "run.h"

@@ -53,11 +53,11 @@ class Mutant:
     after: tuple
 
     def key(self):
-        """What it is known by, wherever its lines have gone."""
+        """Identifies it wherever its lines have moved."""
         return self.path, flat(self.before), flat(self.after)
 
     def place(self, lines):
-        """Where among the lines it belongs, or None where its own are gone."""
+        """Its place among the lines, or None if its own are gone."""
         size = len(self.before)
         places = [i for i in range(len(lines)) if tuple(lines[i:i + size]) == self.before]
         return min(places, key=lambda i: abs(i + 1 - self.line), default=None)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes one small change after the other in a copy of the tool's sources, and sees whether a test
+"""Makes one small change after another in a copy of the tool's sources, and sees whether a test
 fails.
 
     mutate.py [OPTION...] [FILE...]
@@ -43,7 +43,7 @@ def weight(path, text):
 
 
 def draw(paths, count, seed):
-    """`count` mutants: by file as their weights ask, within a file evenly over the kinds."""
+    """`count` mutants: by file as the weights say, within a file evenly over the kinds."""
     rng = random.Random(seed)
     kinds, weights = {}, {}
     for path in sorted(paths):
@@ -133,7 +133,7 @@ def write_report(path, results):
 
 
 def summarise(results):
-    """Prints the totals; whether they are good enough."""
+    """Prints the totals; returns whether they are good enough."""
     columns = ["tried", "refused", "same", "gone", "caught", "explained", "survived"]
     totals = collections.defaultdict(collections.Counter)
     for mutant, outcome in results:
@@ -162,7 +162,7 @@ def main():
     parser.add_argument("--work", help="a directory for the copy, kept for the next time")
     parser.add_argument("--known-good", action="store_true",
                         help="spare the tests of the unchanged tree")
-    parser.add_argument("--json", metavar="REPORT", help="write what came of each change")
+    parser.add_argument("--json", metavar="REPORT", help="write the outcome of each change")
     parser.add_argument("--only", metavar="REPORT", help="try what survived according to REPORT")
     options = parser.parse_args()
     paths = [os.path.relpath(os.path.abspath(path), CHECKOUT) for path in options.files]

@@ -47,7 +47,7 @@ std::vector<std::string> libraries(const std::string &path)
     return found;
 }
 
-// A system that has nothing but a package manager's empty book.
+// A system with nothing but the package manager's empty database.
 class Package : public testing::Test {
 protected:
     void SetUp() override
@@ -87,7 +87,7 @@ protected:
         return run_program("/usr/sbin/chroot", all);
     }
 
-    // Everything but the books of the package manager and what was copied for the programs.
+    // Everything but the database of the package manager and what was copied for the programs.
     std::set<std::string> files() const
     {
         std::set<std::string> found;

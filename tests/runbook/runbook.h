@@ -12,8 +12,8 @@ struct Step {
     std::string output;
 };
 
-// The commands of one section of a page: those in its ```console blocks, each behind "$ " and
-// continued behind "> ".
+// The commands of one section of a page: those in its ```console blocks, each after "$ " and
+// continued after "> ".
 struct Section {
     std::string title;
     std::vector<Step> steps;

@@ -17,7 +17,7 @@ bool is_installed(const std::string &name)
     return run_program("/bin/sh", {"-c", "command -v " + name}).status == 0;
 }
 
-// What the commands of a section need that not every machine has.
+// What the commands of a section need and not every machine has.
 std::string missing(const Section &section)
 {
     for (const Step &step : section.steps)

@@ -1,7 +1,8 @@
 #pragma once
 
 // Bytes of on-disk records as the tests see them: little-endian fields at numeric offsets. Nothing
-// here comes from the tool, so a wrong offset or checksum in the tool cannot hide behind its twin.
+// here comes from the tool, so a wrong offset or checksum in the tool cannot hide behind a copy of
+// it.
 
 #include <array>
 #include <cstddef>
@@ -36,10 +37,10 @@ std::uint64_t get_u64(ConstByteSpan bytes, std::size_t offset);
 std::string get_text(ConstByteSpan bytes, std::size_t offset); // up to its terminator
 Uuid get_uuid(ConstByteSpan bytes, std::size_t offset);
 
-// Bit by bit, with the reflected polynomial 0xEDB88320.
+// CRC-32 bit by bit, with the reflected polynomial 0xEDB88320.
 std::uint32_t crc32(ConstByteSpan bytes);
 
-// The checksum of a record of `length` bytes: it covers everything behind its own four bytes.
+// The checksum of a record of `length` bytes: it covers everything after its own four bytes.
 std::uint32_t record_crc(ConstByteSpan record, std::size_t length);
 
 // Stores record_crc in the first four bytes.
@@ -56,7 +57,7 @@ Uuid numbered_uuid(std::uint8_t number);
 // Local time of a nanosecond stamp, "%Y-%m-%d %H:%M:%S".
 std::string time_text(std::uint64_t nanoseconds);
 
-// printf into a string.
+// The text that printf would write.
 [[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...);
 
 } // namespace tier_test

@@ -11,8 +11,8 @@ namespace tier_test {
 
 constexpr std::uint32_t PROBED_EXTENTS = 256; // the extents in one MiB
 
-// The V2 super block that belongs to so many blocks of this size. The count of its map records
-// follows from the sizes.
+// The V2 super block of a cache with this number of blocks of this size. The count of its map
+// records follows from the sizes.
 SuperV2 cache(std::uint32_t block_size, std::uint32_t min_alloc_size,
               std::uint32_t blocks = PROBED_EXTENTS);
 

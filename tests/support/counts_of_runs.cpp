@@ -1,5 +1,5 @@
-// Linked into the programs of the coverage build: runs that a failed assertion ends or that may not
-// write large files leave their counts behind like any other.
+// Linked into the programs of the coverage build: runs that end in a failed assertion or may not
+// write large files save their counts like any other.
 
 #include <csignal>
 #include <sys/resource.h>
@@ -13,7 +13,7 @@ namespace {
     std::signal(SIGABRT, [](int) { __gcov_dump(); });
 }
 
-// Before the counts are written, but behind all that the program writes by itself.
+// Before the counts are written, but after all that the program writes by itself.
 [[gnu::destructor]] void lift_the_file_size_limit()
 {
     rlimit limit{};

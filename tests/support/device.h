@@ -23,7 +23,7 @@ public:
     void write(std::uint64_t offset, ConstByteSpan bytes);
     void truncate(std::uint64_t size);
 
-    // Whole, as far as the image reaches: reading past its end throws.
+    // All of it; reading past the end of the image throws.
     Block block(std::uint64_t offset) const;
     std::vector<std::uint8_t> bytes() const;
 

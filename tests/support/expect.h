@@ -13,8 +13,8 @@ struct Expected {
     Log log{};
 };
 
-// The run ended by itself with this status, standard output and log file, and standard error
-// repeats the ERROR lines of the log and nothing else.
+// The run ended by itself with this status, standard output and log file, and standard error has
+// only the ERROR lines of the log.
 void expect_run(const LoggedRun &run, const Expected &expected);
 
 // The run ended in a failed assertion about `condition`.

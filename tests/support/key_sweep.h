@@ -1,6 +1,6 @@
 #pragma once
 
-// Repair files changed key by key, and runs that must do with each of them what the model says.
+// Repair files changed key by key, and runs that must treat each as the model does.
 
 #include "device.h"
 #include "expect.h"
@@ -33,7 +33,7 @@ struct RepairSample {
     Block super;
     Members members;            // of the object whose keys are changed
     std::vector<SweptKey> keys; // in reading order
-    std::string before{};       // the text of the file in front of the object
+    std::string before{};       // the text of the file before the object
     std::string after{};
 
     std::string document(const Members &changed) const;
@@ -42,7 +42,7 @@ struct RepairSample {
     Parsed parsed() const { return tier_test::parsed(*table, super, document()); }
 };
 
-// Of all tables of all layouts, and of the items of their arrays.
+// The samples of all tables of all layouts, and of the items of their arrays.
 const std::vector<RepairSample> &repair_samples();
 const RepairSample &repair_sample(const std::string &name);
 

@@ -7,9 +7,9 @@
 
 namespace tier_test {
 
-// One message of the tool without its source line number, which no test may depend on. Text that
-// carries no message head (the JSON of a damaged entry, the option reader's own complaints) has
-// an empty level and function, and keeps its line end where it has one.
+// One message of the tool without its source line number, which no test may depend on. Text without
+// a message head (the JSON of a damaged entry, the option reader's own complaints) has an empty
+// level and function, and keeps its line end where it has one.
 struct LogLine {
     std::string level;
     std::string func;
@@ -28,7 +28,7 @@ LogLine raw_text(std::string text);
 // written without a line end, so a message may begin in the middle of a line.
 Log parse_log(std::string_view content);
 
-// What reaches standard error: messages only, without DEBUG lines unless in debug mode.
+// The lines that reach standard error: messages only, without DEBUG lines unless in debug mode.
 Log errors_of(const Log &log);
 Log messages_of(const Log &log);
 

@@ -180,7 +180,7 @@ bool filter_hides(const TableModel &table, const Settings &filter, const Block &
     };
     return filter.error == 1 || differs(filter.use, use) ||
            (!table.id.empty() && !filter.id.empty() && filter.id != id_of(table, block)) ||
-           // Of a free entry it tells nothing.
+           // An owner filter hides free entries.
            (!table.owner.empty() && filter.owner >= 0 &&
             (use == 0 || differs(filter.owner, get_number(block, table.field(table.owner)))));
 }

@@ -50,7 +50,7 @@ std::string get_text(const Block &block, const Field &field);
 // The value as a dump shows it: the last byte of a text is its end, whatever it holds.
 std::string shown_value(const Block &block, const Field &field);
 
-// What a number of a repair file becomes before its field keeps the low bits.
+// The integer that a number of a repair file becomes before its field keeps the low bits.
 enum class Conversion { SIGNED_32, SIGNED_64, UNSIGNED_64 };
 
 // Truncates toward zero. A number out of the range of the conversion becomes the smallest signed
@@ -86,7 +86,7 @@ struct Key {
     }
 };
 
-// An array of a repair file: objects whose first key tells the place in the block.
+// An array of a repair file: objects whose first key gives the place in the block.
 struct Items {
     std::string name;
     std::vector<Key> keys{};
@@ -121,7 +121,7 @@ struct TableModel {
     std::vector<Field> fields{}; // in the order of a dump; of a packed table those of a word
     std::uint32_t magic = 0;     // at byte 4; 0 if there is none
     Checksum checksum = Checksum::HEAD;
-    std::string number{}; // the fields that tell an entry's number, whether it is in use, whose
+    std::string number{}; // the fields with an entry's number, whether it is in use, whose
     std::string use{};    // it is, and its name; empty if there is none
     std::string owner{};
     std::string id{};
@@ -139,9 +139,9 @@ struct TableModel {
     std::string without_log{}; // the assertion that ends a dump of a damaged entry without a log
     std::string before_walk{}; // around the array of a walk
     std::string after_walk{};
-    // What the line of a dump ends with.
+    // The end of the line of a dump.
     std::function<std::string(const Block &super, const Block &, std::int64_t offset)> tail{};
-    // What the log says of a damaged entry, and of one that the filter hides.
+    // The log lines of a damaged entry, and of one that the filter hides.
     std::function<std::string(std::uint64_t slot, const Block &, std::uint32_t stored,
                               std::uint32_t crc)>
         fault{};
@@ -155,12 +155,12 @@ struct TableModel {
     std::optional<Items> items{};
     std::vector<std::string> unread_keys{};
     bool makes_uuid = false;  // of a free entry
-    bool takes_place = false; // the file tells the place, by "meta_offset"
-    // What the parser says at the end of an entry that does not belong on the device. `meta_no` is
+    bool takes_place = false; // the file gives the place, by "meta_offset"
+    // The parser's message at the end of an entry that does not belong on the device. `meta_no` is
     // the number that the command line named.
     std::function<Log(const Block &super, const Block &, int meta_no)> bounds{};
     std::vector<SuperRule> rules{}; // of a super block, in order; -F leaves them out
-    std::string checker{};          // the function that tells of them
+    std::string checker{};          // the function that reports them
 
     const Field &field(const std::string &of) const;
     bool is_packed() const { return takes_place && items; }

@@ -152,7 +152,7 @@ Log inode_bounds(int version, const Block &super, const Block &b)
                             brick, inodes, bricks))};
 }
 
-// What is said of an inode number that a V2 super block does not admit: nothing if it does.
+// The message about an inode number that a V2 super block does not admit; empty if it does.
 Log inode_number_errors(const Block &super, std::uint32_t no)
 {
     const std::uint32_t inodes = get_u32(super, 124);

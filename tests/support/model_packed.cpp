@@ -1,4 +1,4 @@
-// The tables of V3 whose blocks hold words, and the hot table, whose blocks hold what nobody reads.
+// The tables of V3 whose blocks hold words, and the hot table, whose blocks are opaque.
 
 #include "model_tables.h"
 

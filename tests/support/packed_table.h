@@ -1,7 +1,7 @@
 #pragma once
 
 // The tables of layout version 3 that are dumped and repaired by blocks: shards and extents, packed
-// into words, and the hot table. What a test must know of each, from the tables of the layout.
+// into words, and the hot table. What a test must know of each table.
 
 #include "dump_text.h"
 #include "run.h"
@@ -53,7 +53,7 @@ struct PackedTable {
     std::string (*block_text)(std::uint32_t checksum, std::int64_t offset,
                               const std::string &entries);
     std::string (*line)(const Entry &, std::uint64_t no);
-    // What is said of a damaged block, and of an entry that the filter hides.
+    // The log lines of a damaged block, and of an entry that the filter hides.
     std::string (*fault)(std::uint64_t block_no, const Block &);
     std::string (*ignored)(std::uint64_t block_no, const Entry &);
 
@@ -161,7 +161,7 @@ bool passes(const PackedTable<Packed, Entry> &table, const Settings &filter, con
            (filter.owner < 0 || (entry.in_use == 1 && equals(filter.owner, entry.*table.owner)));
 }
 
-// A block as a dump shows it, and what the log says meanwhile.
+// A block as a dump shows it, and its log lines.
 struct ShownBlock {
     std::string text;
     Log log{};

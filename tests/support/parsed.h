@@ -1,6 +1,6 @@
 #pragma once
 
-// What becomes of a repair file, by the tables of the model.
+// The result of a repair file, by the tables of the model.
 
 #include "model.h"
 #include "repair_file.h"

@@ -1,16 +1,16 @@
 #pragma once
 
-// How the layouts are asked in turn whether a device is theirs.
+// The log of the search for the layout of a device.
 
 #include "run.h"
 
 namespace tier_test {
 
-// What a layout's check of the super block says about a block that it refuses.
+// The line with which a layout's check refuses a super block.
 LogLine refused_by(int version, const Block &block);
 
-// The head of a command's log: its settings, then the refusals of the layouts that are asked before
-// `accepted` about the super block of the device. A forced version asks nobody.
+// The head of a command's log: its settings, then the refusals of the layouts before `accepted`. A
+// forced version checks no layout.
 Log probe_log(const Device &device, const std::string &command, int accepted,
               const Settings &settings = {});
 

@@ -16,7 +16,7 @@ const RecordMembers<SuperV2> SUPER_MEMBERS{&SuperV2::exp_magic,      std::monost
                                            &SuperV2::map_cnt,        &SuperV2::size_mapped_meta,
                                            &SuperV2::hot_size,       &SuperV2::total_extent_size};
 
-// The table without the fields that V1 has too.
+// The table without the fields that V1 also has.
 TableModel rest_of_super()
 {
     TableModel rest = model(2, "super");

@@ -47,8 +47,8 @@ struct SuperV3 {
 // Three blocks of shards, three of the hot table and four of extents.
 SuperV3 super_v3(std::uint32_t bricks, std::uint32_t inodes, std::uint32_t blocks = 4);
 
-// The sizes that belong to the counts of `sb`, and offsets at which the areas lie one behind the
-// other: bricks, inodes, shards, hot table, extents, data, with GAP_V3 bytes in front of each.
+// The sizes that belong to the counts of `sb`, and offsets at which the areas lie one after the
+// other: bricks, inodes, shards, hot table, extents, data, with GAP_V3 bytes before each.
 constexpr std::uint64_t GAP_V3 = 2 * BLOCK_SIZE;
 void set_geometry(SuperV3 &sb);
 

@@ -1,5 +1,5 @@
 // Every key of every repair file: missing, twice, in another case, of every other type and with
-// every number that is of interest. What each file comes to is computed from the model.
+// every number that is of interest. The result of each file is computed from the model.
 
 #include "fault_sweep.h"
 #include "key_sweep.h"

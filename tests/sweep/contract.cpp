@@ -33,7 +33,7 @@ bool has_error(const Log &errors, std::string_view func, std::string_view start)
     });
 }
 
-// As far as it shows in a text with strings of any content: a JSON value from its first to its last
+// As far as a text with strings of any content shows it: a JSON value from its first to its last
 // character, or the usage.
 bool is_complete(std::string_view out)
 {
@@ -88,7 +88,7 @@ void expect_contract(const RunResult &run, const Snapshot &before, const Snapsho
     ASSERT_EQ(run.signal, 0) << clipped(run);
     ASSERT_NE(std::ranges::find(STATUSES, run.status), std::end(STATUSES)) << clipped(run);
     EXPECT_TRUE(run.status != 0 || is_complete(run.out)) << clipped(run);
-    // Without a super block some handlers have nothing to say.
+    // Without a super block some handlers log nothing.
     EXPECT_TRUE(run.status == 0 || (terms.situations & FORCED) != 0 || has_error(errors, "", ""))
         << "fails without a word: " << clipped(run);
 

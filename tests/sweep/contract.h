@@ -1,6 +1,6 @@
 #pragma once
 
-// What every run of the tool keeps to, whatever it meets.
+// The contract of every run of the tool.
 
 #include "assertions.h"
 #include "run.h"

@@ -13,7 +13,7 @@ using namespace tier_test;
 
 namespace {
 
-// The tables whose blocks can be told to be damaged.
+// The tables in whose blocks damage can be detected.
 bool is_checked(const DamagedTable &table)
 {
     return table.dump != "dump_hot";
@@ -176,7 +176,7 @@ TEST_P(DamagedEntries, Unreadable)
     }
 }
 
-// The device ends within the table, or in front of it.
+// The device ends within the table, or before it.
 TEST_P(DamagedEntries, BehindTheEnd)
 {
     for (const DamagedTable &table : layout.tables) {
@@ -227,7 +227,7 @@ const SuperKind SUPER_KINDS[] = {
      }},
 };
 
-// No layout knows the super block: no command does anything.
+// No layout knows the super block: every command does nothing.
 TEST_P(DamagedEntries, SuperBlock)
 {
     std::vector<std::vector<std::string>> commands{

@@ -22,7 +22,7 @@ SuperV2 super_with_area()
     return super;
 }
 
-// It ends behind the first two inodes of the area.
+// It ends after the first two inodes of the area.
 Device device_with_area()
 {
     const SuperV2 super = super_with_area();

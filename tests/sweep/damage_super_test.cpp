@@ -15,9 +15,9 @@ using namespace tier_test;
 
 namespace {
 
-// A walk goes over as many slots as the super block counts, far behind the end of the device, and
-// says that it cannot read them. It is right that it takes its time: so many slots are walked here,
-// longer tables are asked for single entries only.
+// A walk goes over as many slots as the super block counts, far past the end of the device, and
+// reports that it cannot read them. That is right, but slow: so many slots are walked here, of
+// longer tables only single entries are dumped.
 constexpr std::int32_t LONGEST_SUPER_WALK = 4096;
 
 struct Command {
@@ -197,7 +197,7 @@ TEST_P(DamagedSuper, EveryFieldUnderEveryCommand)
                 const bool used =
                     all[i].uses != nullptr && std::ranges::count(*all[i].uses, field.name) != 0;
                 if (used ? all[i].is_walk && walked(all[i], super) > LONGEST_SUPER_WALK
-                         : all[i].entry != 0) // behind its table as it was
+                         : all[i].entry != 0) // after its table as it was
                     continue;
                 const RunResult result = run(all[i]);
                 if (!used)

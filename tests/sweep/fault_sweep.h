@@ -10,7 +10,7 @@
 
 namespace tier_test {
 
-// Tells how many runs a sweep has made: each test its own number, the program the sum.
+// Records how many runs a sweep has made: each test its own number, the program the sum.
 class SweepRuns {
 public:
     explicit SweepRuns(const char *sweep) : sweep_(sweep) {}
@@ -41,7 +41,7 @@ protected:
     // A run in which this happens.
     void disturbed(const Scenario &scenario, const std::string &fault);
 
-    // Runs the scenario with this fault for as long as it wants or may.
+    // Runs the scenario with this fault until it ends or is killed.
     struct Outcome : RunResult {
         std::string taken; // the calls that a fault took
     };

@@ -57,7 +57,7 @@ std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args
     if (child == 0)
         become_traced(program, args);
 
-    int state = wait_for(child); // behind the start of the program
+    int state = wait_for(child); // after the start of the program
     ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
     std::size_t reached = 0;
     while (WIFSTOPPED(state)) {

@@ -1,5 +1,5 @@
 // Commits killed where they enter and leave every system call: the device has the old block or the
-// new one. A run gets no chance to keep that from happening, whenever the power may fail.
+// new one. A killed run can do nothing more, as when the power fails.
 
 #include "fault_sweep.h"
 #include "kill_run.h"
@@ -37,7 +37,7 @@ class KillSweep : public testing::TestWithParam<SweptCommand> {
 protected:
     void TearDown() override { kill_runs.record_test(); }
 
-    // The image lies behind the device that the run is given.
+    // The image lies under the device that the run is given.
     void sweep(const Scenario &scenario, const std::string &path)
     {
         SCOPED_TRACE(scenario.name);

@@ -1,7 +1,7 @@
 #pragma once
 
-// Command lines that between them take every road of the tool, for sweeps that let every call of a
-// run fail in turn.
+// Command lines that together take every path of the tool, for sweeps that let every call of a run
+// fail in turn.
 
 #include "contract.h"
 #include "device.h"
@@ -15,7 +15,7 @@ namespace tier_test {
 
 struct Scenario {
     std::string name;
-    std::vector<std::string> args;        // behind the log file and the device
+    std::vector<std::string> args;        // after the log file and the device
     std::string conf{};                   // the content of the repair file; empty: there is none
     int status = 0;                       // -1: a failed assertion
     unsigned situations = 0;              // that allow one, when nothing fails
@@ -46,7 +46,7 @@ std::vector<SweptCommand> super_commands();
 std::vector<SweptCommand> entry_commands();
 std::vector<SweptCommand> packed_commands();
 
-// The scenario as a commit, and as a dry run too.
+// The scenario as a commit and as a dry run.
 void add_commit(SweptCommand &command, Scenario repair);
 void add_repair(SweptCommand &command, const Scenario &repair);
 

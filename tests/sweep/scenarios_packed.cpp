@@ -52,7 +52,7 @@ SweptCommand dumps(const T &table)
 }
 
 // The copy that is made of a block of extents may be refused, and then the block is: any one, or
-// one and all behind it. `records` and `blocks` are what the filter lets through.
+// one and all after it. `records` and `blocks` are what the filter lets through.
 void add_refused_blocks(Scenario &walk, const ExtentTable &table, bool records, bool blocks)
 {
     const SuperV3 super = packed_super(PACKED_BLOCKS);

@@ -80,7 +80,7 @@ SweptCommand conversions()
     return command;
 }
 
-// The super block tells of an expansion area, whose first and last inode are there.
+// The super block has an expansion area, whose first and last inode are there.
 SweptCommand expansion()
 {
     constexpr std::uint32_t SLOTS = 153600;

@@ -21,7 +21,7 @@ CacheTable table_at(const std::string &name, std::uint64_t count, std::int64_t s
     return {name, count, offset, "dump_" + name};
 }
 
-// With data behind the tables.
+// With data after the tables.
 Cache cache_of(const std::string &layout, Device device, std::vector<CacheTable> tables,
                std::uint64_t data_offset)
 {

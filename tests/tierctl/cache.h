@@ -40,7 +40,7 @@ void flip(const Device &device, std::int64_t offset, std::uint8_t mask = 0xFF);
 // zu_tierctl <args>
 RunResult run_ctl(const std::vector<std::string> &args, const RunOptions &options = {});
 
-// A run that says nothing on standard output and that on standard error.
+// A run with an empty standard output and that text on standard error.
 void expect_complaint(const RunResult &run, int status, const std::string &complaint);
 
 // What the run of a zu_tier command on an image puts out; it must succeed.

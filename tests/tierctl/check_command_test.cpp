@@ -73,7 +73,7 @@ void expect_damage(const std::string &layout, const SampleTable &table, const st
     const std::uint64_t words = table.name == "shard" ? 511 : packed ? 512 : 1;
     EXPECT_EQ(report.tables.at(table.name).damaged, words);
 
-    // The command shows what is damaged: to the tool, too, it is that.
+    // The command shows the entry, which the tool finds damaged as well.
     for (const Finding &finding : report.findings) {
         EXPECT_EQ(finding.command,
                   "zu_tier -p " + device.path() + " -c " + table.command + " -n 1");
@@ -128,7 +128,7 @@ TEST(CheckCommand, CommandsOfPackedEntries)
     const Report report = run_check(device.path());
     ASSERT_EQ(report.findings.size(), 1U);
     EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_extent -n 3");
-    EXPECT_EQ(report.findings[0].text, "it names shard 2, which is free");
+    EXPECT_EQ(report.findings[0].text, "it refers to shard 2, which is free");
     EXPECT_NE(run_logged(device, "dump_extent", {"-n", "3"}).out.find("{\"lba\":77,\"shard\":2,"),
               std::string::npos);
 }
@@ -145,18 +145,19 @@ TEST(CheckCommand, Text)
     EXPECT_EQ(run.err, "");
     const std::string show = "): zu_tier -p " + device.path() + " -c ";
     std::string expected;
-    expected += text("error: brick 1 at %ld: its checksum is not that of its content (bad_checksum",
+    expected += text("error: brick 1 at %ld: its checksum does not match its content (bad_checksum",
                      brick_offset(world.sb, 1)) +
                 show + "dump_brick -n 1\n";
-    expected += text("error: inode 2 at %ld: it names brick 2, which is free (inode_of_free_brick",
-                     inode_offset(world.sb, 2)) +
-                show + "dump_inode -n 2\n";
-    expected += text("warning: inode 1 at %ld: it names brick 1, which is damaged "
+    expected +=
+        text("error: inode 2 at %ld: it refers to brick 2, which is free (inode_of_free_brick",
+             inode_offset(world.sb, 2)) +
+        show + "dump_inode -n 2\n";
+    expected += text("warning: inode 1 at %ld: it refers to brick 1, which is damaged "
                      "(inode_of_unknown_brick",
                      inode_offset(world.sb, 1)) +
                 show + "dump_inode -n 1\n";
     expected +=
-        text("error: extent 1 at %ld: its checksum is not that of its content (bad_checksum",
+        text("error: extent 1 at %ld: its checksum does not match its content (bad_checksum",
              extent_offset(world.sb, 1)) +
         show + "dump_extent -n 1\n";
     expected += "\n"
@@ -180,7 +181,7 @@ TEST(CheckCommand, TextOfPackedAndClean)
     const Device damaged = world.device();
     const RunResult run = run_program(ZU_TIERCTL, {"check", "--table", "shard", damaged.path()});
     EXPECT_EQ(run.out,
-              text("error: shard block 2 at %ld: its checksum is not that of its content "
+              text("error: shard block 2 at %ld: its checksum does not match its content "
                    "(bad_checksum): zu_tier -p %s -c dump_shard -n 2\n\n",
                    shard_offset(world.sb, 2), damaged.path().c_str()) +
                   "table         entries       in use         free      damaged   unreadable\n"

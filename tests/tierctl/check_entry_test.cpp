@@ -1,4 +1,4 @@
-// What zu_tierctl check finds wrong with entries, and with what they say of one another.
+// What zu_tierctl check finds wrong with entries, and with their references to one another.
 
 #include "check_run.h"
 
@@ -105,7 +105,7 @@ TYPED_TEST(CheckEntries, Identities)
     EXPECT_EQ(summary(report.findings[1]), error("duplicate_inode", "inode", 1, this->inode_at(1)));
     EXPECT_EQ(summary(report.findings[2]), error("duplicate_inode", "inode", 2, this->inode_at(2)));
     EXPECT_EQ(report.findings[1].text,
-              "identity " + uuid_text(this->world.inodes[0].uuid) + " is that of inode 0, too");
+              "identity " + uuid_text(this->world.inodes[0].uuid) + " is also that of inode 0");
     EXPECT_EQ(report.findings[2].text, report.findings[1].text);
 }
 
@@ -181,7 +181,7 @@ TEST_F(CheckV2, Pieces)
         {31, {0, 0, 1, 199, 0}, {}},
         {31, {0, 0, 1, 0, 202}, {"pieces_overlap", "pieces_overlap", "pieces_overlap"}},
         {31, {0, 0, 0, 200, 1}, {}}, // empty
-        {32, {0, 0, 1, 200, 1}, {}}, // behind the last piece lies the hot area
+        {32, {0, 0, 1, 200, 1}, {}}, // after the last piece lies the hot area
     };
     for (const auto &[mapno, piece, kinds] : cases) {
         SCOPED_TRACE(text("%u: %hu, %hu", mapno, piece.begin, piece.cnt));
@@ -204,7 +204,7 @@ TEST_F(CheckV2, PiecesOfAFreeExtent)
     expect({});
 }
 
-// One device for all that there is to say, because its area is large.
+// One device for all findings, because its area is large.
 TEST_F(CheckV2, ExpansionInodes)
 {
     set_expansion(world.sb, EXPANSION_UNIT, true);
@@ -232,7 +232,7 @@ TEST_F(CheckV2, ExpansionInodes)
     EXPECT_EQ(run_logged(device, "dump_inode", {"-n", no}).out,
               json(world.inodes.back(), report.findings[0].offset));
 
-    // Not in use: no extent may be of its inodes.
+    // Not in use: no extent may refer to its inodes.
     set_expansion(world.sb, EXPANSION_UNIT, false);
     put_block(device, SUPER_OFFSET, encode(world.sb));
     expect_findings(device,
@@ -300,7 +300,7 @@ TEST_F(CheckV3, BlockOfShardsThatIsDamaged)
 TEST_F(CheckV3, BlockOfExtentsThatIsDamaged)
 {
     world.extents[0].checksum = 1;
-    world.extents[0].extents[0].shard = 2; // of a damaged block nothing is known
+    world.extents[0].extents[0].shard = 2; // the content of a damaged block is unknown
     const Device device = world.device();
     expect_findings(device,
                     {error("bad_checksum", "extent", 0, extent_offset(world.sb, 0), "block")});
@@ -322,10 +322,10 @@ TEST_F(CheckV3, ClaimsOfPackedEntries)
     ASSERT_EQ(report.findings.size(), 3U);
     EXPECT_EQ(summary(report.findings[0]),
               error("duplicate_shard", "shard", 1029, word_offset(shard_offset(world.sb, 2), 5)));
-    EXPECT_EQ(report.findings[0].text, "index 4294967295 of inode 0 is that of shard 515, too");
+    EXPECT_EQ(report.findings[0].text, "index 4294967295 of inode 0 is also that of shard 515");
     EXPECT_EQ(summary(report.findings[1]),
               error("duplicate_extent", "extent", 515, word_offset(block, 3)));
-    EXPECT_EQ(report.findings[1].text, "address 1 of shard 1 is that of extent 511, too");
+    EXPECT_EQ(report.findings[1].text, "address 1 of shard 1 is also that of extent 511");
     EXPECT_EQ(summary(report.findings[2]),
               error("duplicate_extent", "extent", 516, word_offset(block, 4)));
     EXPECT_EQ(report.findings[2].text, report.findings[1].text);

@@ -1,4 +1,4 @@
-// What zu_tierctl check says of entries with a wrong magic, number or checksum.
+// The findings of zu_tierctl check about entries with a wrong magic, number or checksum.
 
 #include "check_run.h"
 #include "sample_image.h"
@@ -22,7 +22,7 @@ protected:
     }
 };
 
-const std::string WRONG_CHECKSUM = ": its checksum is not that of its content";
+const std::string WRONG_CHECKSUM = ": its checksum does not match its content";
 
 template <class World>
 class CheckFlaws : public CheckFlawsOf<World> {
@@ -51,9 +51,9 @@ TYPED_TEST(CheckFlaws, MagicAndNumber)
                       text(": its magic is 0x%x, not 0x%x", magic, magic - 1),
                   error("bad_number", "inode", 3, this->inode_at(3)) + ": its number is 4",
                   error("duplicate_inode", "inode", 4, this->inode_at(4)) + ": identity " +
-                      uuid_text(this->world.inodes[2].uuid) + " is that of inode 2, too",
+                      uuid_text(this->world.inodes[2].uuid) + " is also that of inode 2",
                   warning("inode_of_unknown_brick", "inode", 0, this->inode_at(0)) +
-                      ": it and 2 others name brick 0, which is damaged"}));
+                      ": it and 2 others refer to brick 0, which is damaged"}));
 }
 
 TYPED_TEST(CheckFlaws, ZeroedEntry)

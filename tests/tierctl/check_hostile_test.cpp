@@ -29,7 +29,7 @@ TEST(CheckHostile, BlocksPastTheEnd)
 
 TEST(CheckHostile, OwnersPastTheEnd)
 {
-    WorldV3 world; // inodes behind everything else
+    WorldV3 world; // inodes after everything else
     world.sb.inode_table_offset = world.sb.data_offset + world.sb.data_size;
     Device device = world.device();
     device.truncate(world.sb.inode_table_offset + 2 * BLOCK_SIZE);
@@ -58,7 +58,7 @@ TEST(CheckHostile, HugeCounts)
     EXPECT_EQ(report.tables.at("extent").entries, 4294967295U);
 }
 
-// It ends, whatever it finds.
+// The check ends, whatever it finds.
 void expect_end(const Device &device)
 {
     const RunResult run = run_program(ZU_TIERCTL, {"check", device.path()});

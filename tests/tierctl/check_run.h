@@ -47,7 +47,7 @@ struct Report {
 };
 
 // zu_tierctl check --json <args> <device>: a well-formed document, whose counts add up and fit the
-// exit status, and not a word beside it.
+// exit status, and nothing else.
 Report run_check(const std::string &device, const std::vector<std::string> &args = {});
 
 // "error bad_magic: inode entry 7 at 1073152"

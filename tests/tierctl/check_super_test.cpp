@@ -1,4 +1,4 @@
-// What zu_tierctl check finds wrong with a super block: each rule broken for itself.
+// What zu_tierctl check finds wrong with a super block: each rule broken by itself.
 
 #include "check_run.h"
 
@@ -169,7 +169,7 @@ TEST(CheckSuper, ExtentsOfV2)
     });
 }
 
-// The area may be missing from the device, which is no matter of its parameters.
+// The area may be missing from the device, which its parameters do not show.
 TEST(CheckSuper, ExpansionOfV2)
 {
     struct {

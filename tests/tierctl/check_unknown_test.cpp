@@ -1,5 +1,5 @@
-// What zu_tierctl check says of entries that name damaged or unreadable ones: one warning for each
-// of these, however many name it.
+// The findings of zu_tierctl check about references to damaged or unreadable entries: one warning
+// for each of these, however many refer to it.
 
 #include "check_run.h"
 #include "sample_image.h"
@@ -13,7 +13,7 @@ using namespace tier_test;
 
 namespace {
 
-// What is expected, and with which text: "" for those that are not about names.
+// The expected finding and its text: "" if it is not about a reference.
 struct Expected {
     std::string summary;
     std::string text;
@@ -32,14 +32,14 @@ void expect_told(const Device &device, const std::vector<Expected> &expected,
     }
 }
 
-// "it names inode 7, which is damaged", for so many that name it.
+// "it refers to inode 7, which is damaged", for so many that refer to it.
 std::string naming(std::uint64_t count, const std::string &what, const std::string &which)
 {
-    std::string who = "it names ";
+    std::string who = "it refers to ";
     if (count == 2)
-        who = "it and 1 other name ";
+        who = "it and 1 other refer to ";
     else if (count > 2)
-        who = "it and " + std::to_string(count - 1) + " others name ";
+        who = "it and " + std::to_string(count - 1) + " others refer to ";
     return who + what + ", which " + which;
 }
 
@@ -94,7 +94,7 @@ TYPED_TEST(CheckUnknown, BehindWhatElseIsFoundInTheTable)
     const std::int64_t twin = inode_offset(this->world.sb, 2);
     expect_told(this->world.device(), {this->damaged_brick(0),
                                        {error("inode_of_free_brick", "inode", 1, inode),
-                                        "it names brick 2, which is free"},
+                                        "it refers to brick 2, which is free"},
                                        {error("duplicate_inode", "inode", 2, twin), {}},
                                        this->inodes_name(0, 2, 0)});
 }
@@ -105,18 +105,18 @@ TYPED_TEST(CheckUnknown, TableThatIsNotAskedFor)
     expect_told(this->world.device(), {}, {"--table", "extent"});
 }
 
-// What is known to be wrong is told of every entry.
+// A known error is reported for every entry.
 TYPED_TEST(CheckUnknown, FreeAndMissingAreToldOfEach)
 {
     for (const std::uint32_t no : {0U, 1U})
         this->world.inodes[no].brick_no = 2;
     this->world.inodes[2].brick_no = 3;
-    const std::string text = "it names brick 2, which is free";
+    const std::string text = "it refers to brick 2, which is free";
     const auto at = [this](std::uint32_t no) { return inode_offset(this->world.sb, no); };
     expect_told(this->world.device(), {{error("inode_of_free_brick", "inode", 0, at(0)), text},
                                        {error("inode_of_free_brick", "inode", 1, at(1)), text},
                                        {error("inode_of_missing_brick", "inode", 2, at(2)),
-                                        "it names brick 3, which does not exist"}});
+                                        "it refers to brick 3, which does not exist"}});
 }
 
 TEST(CheckUnknownOwners, ManyExtentsOfAnInode)
@@ -165,7 +165,7 @@ TEST(CheckUnknownOwners, BlockOfShardsNamedInSeveralBlocks)
 
 TEST(CheckUnknownOwners, InodesThatCannotBeRead)
 {
-    WorldV3 world; // inodes behind everything else
+    WorldV3 world; // inodes after everything else
     world.sb.inode_table_offset = world.sb.data_offset + world.sb.data_size;
     world.shards[0].shards.push_back({.slot = 8, .ino = 4});
     world.shards[0].shards.push_back({.slot = 9, .ino = 2});

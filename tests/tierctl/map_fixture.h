@@ -21,7 +21,7 @@ protected:
         return run_ctl({"map", device, "--html", file}, options);
     }
 
-    // The text of a page that needs nothing else; it must be written without a word.
+    // The text of a page that needs nothing else; nothing else may be printed.
     std::string page_text(const Device &device) const
     {
         std::filesystem::remove(file);

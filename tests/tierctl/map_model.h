@@ -26,7 +26,7 @@ struct MapTable {
 
     CountsByWord counts() const;
 
-    // Cut into at most so many cells of the same length, but for the last.
+    // Cut into cells of the same length, but for the last, at most that many.
     std::vector<Cell> cells(std::uint64_t most) const;
 };
 

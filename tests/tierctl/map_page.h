@@ -17,7 +17,7 @@ pugi::xml_document parse_page(const std::string &page);
 // The texts of the nodes that an XPath expression selects, each with all elements in it.
 std::vector<std::string> texts_of(const pugi::xml_node &node, const char *path);
 
-// How many entries are what, by the words of the page ("in use", "free", "findings" ...).
+// The number of entries by state, in the words of the page ("in use", "free", "findings" ...).
 using CountsByWord = std::map<std::string, std::uint64_t>;
 
 // "3 in use, 1 finding"

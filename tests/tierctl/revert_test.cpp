@@ -69,7 +69,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Layout, Revert, testing::ValuesIn(LAYOUTS),
                          [](const auto &layout) { return layout.param; });
 
-// The lines of what was told.
+// The lines that were printed.
 std::vector<std::string> lines(const std::string &out)
 {
     std::vector<std::string> result;

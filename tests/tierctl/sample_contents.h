@@ -83,7 +83,7 @@ void expect_inodes(const std::vector<Inode> &inodes, const std::vector<BrickV1> 
     EXPECT_GE(sizes.size(), std::min<std::size_t>(used, 2));
 }
 
-// The heads of extents in use, of a cache of so large blocks.
+// The heads of extents in use, of a cache with blocks of that size.
 void expect_extent_in_use(const ExtentV1 &extent, const InodeV1 &owner, std::uint32_t block_size);
 
 template <class Extent, class Inode>

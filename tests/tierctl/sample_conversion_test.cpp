@@ -27,7 +27,7 @@ std::vector<std::string> for_conversion(std::vector<std::string> args)
     return args;
 }
 
-// All that lies in front of the data blocks.
+// All that lies before the data blocks.
 std::vector<Block> metadata(const Device &device)
 {
     std::vector<Block> blocks;
@@ -116,8 +116,8 @@ TEST(SampleConversionNeeds, RefusedRequests)
         std::string complaint;
     };
     const std::vector<Row> rows{
-        {"v2", {}, "--for-conversion: layout v2 is not converted"},
-        {"v3", {}, "--for-conversion: layout v3 is not converted"},
+        {"v2", {}, "--for-conversion: layout v2 cannot be converted"},
+        {"v3", {}, "--for-conversion: layout v3 cannot be converted"},
         {"v1", {"--expansion", "153600"}, "--expansion 153600: expected none"},
         {"v1", {"--blocks", "255"}, "--blocks 255: expected 256..1048576"},
         {"v1", {"--extent-size", "3009"}, "--extent-size 3009: expected 56..3008"},

@@ -1,4 +1,4 @@
-// The file that zu_tierctl sample writes: what it refuses, what it replaces, what it leaves behind.
+// The file that zu_tierctl sample writes: what it refuses, replaces and leaves behind.
 
 #include "loop_device.h"
 #include "sample_image.h"

@@ -17,14 +17,14 @@ namespace tier_test {
 RunResult run_sample(const std::string &path, const std::vector<std::string> &args = {},
                      const std::string &layout = "v1");
 
-// The image of a run that must succeed without a word.
+// The image of a run that must succeed and print nothing.
 Device make_sample(const std::vector<std::string> &args = {}, const std::string &layout = "v1");
 
 // A run that is refused with that complaint and writes nothing.
 void expect_refused(const std::vector<std::string> &args, const std::string &complaint,
                     const std::string &layout = "v1");
 
-// What a layout takes as a size, as it is told, and values that it does not take.
+// The sizes that a layout takes, in the words of the message, and values that it does not take.
 struct SizeBounds {
     std::string option;
     std::string expected;

@@ -1,4 +1,4 @@
-// Arguments that no caller has: an assertion ends the process, or the call is refused.
+// Arguments that no caller passes: an assertion ends the process, or the call is refused.
 
 #include "in_process.h"
 #include "v2_device.h"

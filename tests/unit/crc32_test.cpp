@@ -1,4 +1,4 @@
-// Every way to compute a checksum, and the choice among them. What they shall give is computed here
+// Every way to compute a checksum, and the choice among them. The expected values are computed here
 // bit by bit.
 
 #include "bytes.h"

@@ -1,4 +1,4 @@
-// Lines whose message the compiler takes apart, against the same lines by the C library.
+// Lines whose message the compiler splits, compared with the same lines by the C library.
 
 #include "bytes.h"
 #include "temp_dir.h"
@@ -32,7 +32,7 @@ std::ostream &operator<<(std::ostream &out, const Written &written)
     return out << "log: " << written.log << "\nstandard error: " << written.err;
 }
 
-// What the call writes. It has a process of its own: debug mode has no end.
+// What the call writes. It has a process of its own: debug mode cannot be left.
 Written written(const Sinks &sinks, const std::function<void()> &call)
 {
     const TempDir directory;

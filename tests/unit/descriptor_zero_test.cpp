@@ -1,4 +1,4 @@
-// A device behind descriptor 0, which is as good as any other.
+// A device with descriptor 0, which is as good as any other.
 
 #include "common/zutr_utils.h"
 #include "in_process.h"

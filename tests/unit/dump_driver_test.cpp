@@ -1,4 +1,4 @@
-// The dump driver over tables whose blocks say what their formatter shall give.
+// The dump driver over tables whose blocks hold the result of their formatter.
 
 #include "dump_text.h"
 #include "in_process.h"
@@ -11,7 +11,7 @@ using namespace tier_test;
 namespace {
 
 constexpr const char *DUMP_COMMON = "zutr_dump_common";
-constexpr std::int64_t TABLE_START = 3 * 4096; // so there are blocks in front of the table
+constexpr std::int64_t TABLE_START = 3 * 4096; // so there are blocks before the table
 constexpr std::int32_t INT_LARGEST = std::numeric_limits<std::int32_t>::max();
 
 struct Visit {
@@ -57,7 +57,7 @@ protected:
     std::int32_t base_no = 0;
     std::int32_t error = -1;
 
-    // Blocks numbered from 100 in front of the table, from 0 inside it.
+    // Blocks numbered from 100 before the table, from 0 inside it.
     void make_table(const std::vector<std::int32_t> &results)
     {
         device.truncate(0);
@@ -86,7 +86,7 @@ protected:
         return walk;
     }
 
-    // What becomes of block `index` of the table when it cannot be read or checked.
+    // The output for block `index` of the table when it cannot be read or checked.
     std::string bad_item(std::int32_t errno_value, std::int64_t index) const
     {
         return error_record(errno_value, "key", base_no + index, TABLE_START + index * 4096);
@@ -277,7 +277,7 @@ TEST_F(DumpDriverEntry, LiesBehindTheBaseOfItsRegion)
     base_no = 1000;
     expect_entry(1000, 1003, 0, 0, item(1000));
     expect_entry(1002, 1003, 2, 0, item(1002));
-    // The distance is signed: in front of the base lies what lies in front of the region.
+    // The distance is signed: before the base lies what lies before the region.
     expect_entry(999, 1003, 102, 0, item(999));
     expect_entry(997, 1003, 100, 0, item(997));
     base_no = INT_LARGEST - 1;
@@ -289,7 +289,7 @@ TEST_F(DumpDriverEntry, MustLieBelowTheBound)
     make_table({0, 0, 0});
     for (const std::int32_t meta_no : {3, 4, INT_LARGEST})
         expect_failure(meta_no, 3, -22, text("invalid key %d, max cnt:3", meta_no));
-    // The bound is one of the number itself, whatever the base.
+    // The bound applies to the number itself, whatever the base.
     base_no = 2;
     expect_failure(3, 3, -22, "invalid key 3, max cnt:3");
     expect_entry(2, 3, 0, 0, item(2));

@@ -1,4 +1,4 @@
-// From a JSON number to an integer field: truncation, and what becomes of numbers out of range.
+// From a JSON number to an integer field: truncation, and numbers out of range.
 
 #include "zu_tier/record/json.h"
 

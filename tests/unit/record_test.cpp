@@ -187,7 +187,7 @@ TEST(Record, RecordsMayLieAnywhereInTheText)
     std::string expected;
     for (const Record &record : all)
         expected += expected_members(record) + ";";
-    // Whatever the text in front, some record meets the end of the buffer.
+    // Whatever the text before it, some record meets the end of the buffer.
     for (std::size_t front = 0; front < 5000; front += 37) {
         const std::string before(126'000 + front, 'b');
         const MemoryStream stream;

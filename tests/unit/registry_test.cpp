@@ -1,4 +1,4 @@
-// The registry of layout versions.
+// The registry of layouts.
 
 #include "in_process.h"
 

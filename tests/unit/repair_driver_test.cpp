@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char *REPAIR_COMMON = "zutr_repair_common";
 
-// What the parse function shall give, and what it was handed.
+// The result of the parse function, and its arguments.
 struct Parse {
     std::int64_t result = 0;
     int calls = 0;

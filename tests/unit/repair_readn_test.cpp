@@ -45,7 +45,7 @@ protected:
 
     Call read() const
     {
-        // Not direct: a direct read may clear the buffer behind the end of the image.
+        // Not direct: a direct read may clear the buffer past the end of the image.
         const OpenDevice open(device, O_RDONLY);
         return captured(
             [&] { return zutr_repair_readn(open.fd(), memory.get(), size, RANGE_START); });

@@ -1,7 +1,7 @@
 #pragma once
 
 // The rules of restoring an inode that the layouts share, through the handlers in the registry.
-// Each layout's test file instantiates them with what is its own.
+// Each layout's test file instantiates them.
 
 #include "in_process.h"
 #include "v1_device.h"
@@ -90,7 +90,7 @@ protected:
         EXPECT_EQ(device->bytes(), bytes);
     }
 
-    // What a restore gives and logs: first what is said of the inode's number.
+    // The result and log of a restore: first the line about the inode's number.
     Call gives(std::int64_t result, const std::string &out, const Log &lines = {}) const
     {
         Call call{.result = result,
@@ -162,7 +162,7 @@ TYPED_TEST_P(Restore, HealthyInodeIsLeftAlone)
     typename TypeParam::Inode unused;
     unused.no = this->NO;
     for (const auto &inode : {used, unused, misplaced}) {
-        // Whatever the extents say: they are not looked at.
+        // Whatever the extents hold: they are not read.
         for (const Block &extent : {this->free_extent(0), Block{}, this->owned(0, 1)}) {
             this->make_device(encode(inode), {extent});
             for (const bool forced : {false, true}) {
@@ -224,7 +224,7 @@ TYPED_TEST_P(Restore, InodeThatCannotBeWritten)
                          false);
 }
 
-// What the extents say: lines in the order of the slots, then the decision.
+// The lines about the extents, in the order of the slots, then the decision.
 template <class T>
 class RestoreExtents : public Restore<T> {
 protected:
@@ -321,7 +321,7 @@ TYPED_TEST_P(RestoreExtents, WrongChecksumBlocksTheRestore)
 {
     this->expect_unsure({this->free_extent(0), this->bad_extent(1)},
                         this->bad_line(1, this->bad_extent(1)));
-    // One byte behind the record is enough for a slot not to be zero.
+    // One byte after the record is enough for a slot not to be zero.
     Block almost_zero{};
     almost_zero[4095] = 1;
     this->expect_unsure({almost_zero}, this->bad_line(0, almost_zero));

@@ -16,7 +16,7 @@ struct InRestoreV2 {
     static constexpr std::int32_t VERSION = ZUTR_VER_CODE_V2;
     static constexpr const char *FUNC = "zutr_restore_inode_v2";
     static constexpr const char *SUPER_CHECK = "!__check_super_v2(params->sb)";
-    static constexpr std::uint32_t NO = 12; // slot 4 behind the data area
+    static constexpr std::uint32_t NO = 12; // slot 4 after the data area
 
     static SuperV2 super(std::uint32_t blocks)
     {
@@ -94,7 +94,7 @@ protected:
                                              static_cast<int>(no), offset)));
     }
 
-    // A number that the super block admits: not a word, and nothing is touched.
+    // A number that the super block admits: nothing is printed or changed.
     void expect_not_restored(std::uint32_t no)
     {
         SCOPED_TRACE(no);

@@ -81,7 +81,7 @@ TEST(Text, NothingIsLostHoweverItIsCutIntoPieces)
 
 TEST(Text, RoomAtTheEndOfTheBuffer)
 {
-    // The buffer has 131072 bytes; text before, at and behind its end.
+    // The buffer has 131072 bytes; text before, at and past its end.
     for (const std::size_t size : {std::size_t{1}, std::size_t{24}, ZUTR_TEXT_ROOM}) {
         for (std::size_t left = 0; left <= size + 1; left += left + 3 < size ? size / 24 + 1 : 1) {
             const std::string before(131072 - left, 'b');

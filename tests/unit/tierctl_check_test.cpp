@@ -71,7 +71,8 @@ TEST(CheckMemory, TellsOnceOfALostShard)
         SCOPED_TRACE(memory);
         const std::string out = check_in(device, memory).out;
         EXPECT_EQ(count_of(out, "\"kind\":\"extent_of_unknown_shard\""), 1U) << out;
-        EXPECT_EQ(count_of(out, "it and 1999 others name shard 1, which is damaged"), 1U) << out;
+        EXPECT_EQ(count_of(out, "it and 1999 others refer to shard 1, which is damaged"), 1U)
+            << out;
         EXPECT_EQ(count_of(out, "\"kind\":\"duplicate_extent\""), 4U) << out;
     }
 }

@@ -1,4 +1,4 @@
-// Who claims what others claim, too: found in memory that holds but a few of the claims at a time.
+// Repeated claims, found in memory that holds only a few of the claims at a time.
 
 #include "zu_tierctl/check/claims.h"
 #include "zu_tierctl/check/sort.h"

@@ -1,4 +1,4 @@
-// Comparing entries: no bit is left out, and none is told twice.
+// Comparing entries: no bit is left out, and none is reported twice.
 
 #include "zu_tierctl/entry/entry.h"
 
@@ -34,7 +34,7 @@ bool is_json(const std::string &text)
     return item != nullptr;
 }
 
-// Every bit of every 7th byte, in both directions: it makes a difference, in one place at least.
+// Every bit of every 7th byte, in both directions, makes at least one difference.
 void expect_every_bit_told(const Device &device)
 {
     const Opened opened(device);

@@ -47,10 +47,10 @@ std::int64_t ahead(std::int64_t seconds)
 // The first second in (first, last] with the offset of `last`, which is not that of `first`.
 std::int64_t transition(std::int64_t first, std::int64_t last)
 {
-    const std::int64_t behind = ahead(last);
+    const std::int64_t offset_after = ahead(last);
     while (last - first > 1) {
         const std::int64_t middle = first + (last - first) / 2;
-        (ahead(middle) == behind ? last : first) = middle;
+        (ahead(middle) == offset_after ? last : first) = middle;
     }
     return last;
 }
@@ -125,7 +125,7 @@ private:
     }
 };
 
-// Checks zones in parallel; a null pointer is no zone at all.
+// Checks zones in parallel; a null pointer is no zone.
 class ZoneChecks {
 public:
     void start(const char *zone)
@@ -235,7 +235,7 @@ TEST(TimeZonesDeathTest, ZonesAsText)
     EXPECT_RIGHT(zones);
 }
 
-// The checks see a change of the clock for what it is.
+// The checks recognise a change of the clock.
 TEST(TimeZones, ChangesAreFoundToTheSecond)
 {
     const Zone zone("EST5EDT,M3.2.0,M11.1.0");

@@ -53,7 +53,7 @@ TEST(Crc32, WholeBlocks)
     EXPECT_EQ(zutr_crc32(zeros.data(), zeros.size()), crc32(zeros));
 }
 
-// An image of 5 blocks of noise behind an ordinary descriptor, so that any offset may be used.
+// An image of 5 blocks of noise with an ordinary descriptor, so that any offset may be used.
 class WholeAccess : public testing::Test {
 protected:
     static constexpr std::size_t SIZE = 5 * BLOCK_SIZE;

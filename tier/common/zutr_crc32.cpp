@@ -16,7 +16,7 @@ constexpr size_t SLICES = 16;
 
 using crc_table = std::array<uint32_t, 256>;
 
-/* TABLES[0] takes one byte; TABLES[n] takes one byte with n zero bytes behind it. */
+/* TABLES[0] takes one byte; TABLES[n] takes one byte followed by n zero bytes. */
 constexpr std::array<crc_table, SLICES> TABLES = [] {
     std::array<crc_table, SLICES> tables{};
     for (uint32_t byte = 0; byte < 256; byte++) {
@@ -93,7 +93,7 @@ constexpr int64_t power(uint32_t n)
 
 using block = __m128i;
 constexpr size_t BLOCK = sizeof(block);
-constexpr size_t LANES = 4; /* as many multiplications as the processor has under way */
+constexpr size_t LANES = 4; /* multiplications that the processor runs at once */
 
 [[gnu::target("pclmul,sse2")]] block load(const uint8_t *data)
 {
@@ -156,7 +156,7 @@ constexpr zutr_crc32_way WAYS[] = {
     {"table", always, update_by_table},
 };
 
-/* Long enough for every loop of every way, over an end that fills no block. */
+/* Long enough for every loop of every way, with an end that fills no block. */
 constexpr size_t PROBE_LENGTH = 300;
 
 bool answers_right(const zutr_crc32_way &way)

@@ -12,8 +12,8 @@
 constexpr uint32_t SIZE_4K = 4096;
 constexpr uint32_t SIZE_1M = 1048576;
 
-/* A device offset `by` bytes further on. Wraps where the sum leaves 64 bits: the terms come from a
- * super block that may hold anything, and the device refuses an offset that it does not have. */
+/* The device offset `by` bytes after `offset`. Wraps at 64 bits: the terms come from a super block
+ * that may hold anything, and the device refuses an offset that it does not have. */
 constexpr int64_t zutr_advance(int64_t offset, int64_t by)
 {
     return static_cast<int64_t>(static_cast<uint64_t>(offset) + static_cast<uint64_t>(by));
@@ -52,7 +52,7 @@ using zutr_buffer = zutr_owned<uint8_t[]>;
  * number. */
 int32_t zutr_alloc_aligned(size_t nbyte, zutr_buffer *buf);
 
-/* Readies the process for failing output, which shall be an error and not a signal, and opens the
- * standard streams that the caller closed: none must be given the descriptor of a device, which
- * would then be written to. Gives 0, or -1 with errno. */
+/* Turns SIGPIPE and SIGXFSZ into write errors, and opens the standard streams that the caller
+ * closed: otherwise a device could get the descriptor of one and be written to. Gives 0, or -1 with
+ * errno. */
 int32_t zutr_secure_streams();

@@ -8,12 +8,12 @@ class App;
 
 namespace tierctl {
 
-/* Adds an operand to a subcommand, which cannot do without it. */
+/* Adds a required operand to a subcommand. */
 void add_operand(CLI::App &command, const char *name, std::string &value, const char *help);
 
-/* Each function adds a subcommand to `app`: its options, and a callback that runs it. The program
- * ends with the status that the callback has stored in `*status`, which has to outlive `app`. When
- * it has stored none, the status is 0, or 1 after an exception. */
+/* Each function adds a subcommand to `app`: its options, and a callback that runs it. The callback
+ * may store the program's exit status in `*status`, which must outlive `app`; by default it is 0,
+ * or 1 after an exception. */
 void add_check(CLI::App &app, int *status);
 void add_diff(CLI::App &app, int *status);
 void add_map(CLI::App &app);

@@ -6,7 +6,7 @@ namespace tier_fuzz {
 
 struct Outcome;
 
-// Ends the process with `rule` on standard error where it does not hold: that is a finding.
+// Ends the process, with `rule` on standard error, when it does not hold: that is a finding.
 void require(bool holds, const char *rule);
 
 // What the contract of a run depends on.
@@ -18,7 +18,7 @@ struct Situation {
 };
 
 // The result is one that a run may have, or an assertion that is there for such a situation. The
-// device is as it was, or a committed repair wrote one block; what was opened is closed.
+// device is as it was, or a committed repair wrote one block; everything opened is closed.
 void check_contract(const Outcome &outcome, const Situation &situation);
 
 } // namespace tier_fuzz

@@ -6,8 +6,8 @@
 
 namespace tier_fuzz {
 
-// A run that asked for more than a device in memory should be asked for: it is cut short there,
-// where the tool would go on over a table whose count says so.
+// Thrown to cut short a run that asks for more than a device in memory should serve: the tool would
+// go on to the end of the table.
 struct CutShort {};
 
 // What goes wrong with the device, at the call `turn` (from 0) of its kind.
@@ -35,7 +35,7 @@ public:
     };
     const std::vector<Write> &writes() const { return writes_; }
 
-    // Whether both hold the same and have been asked for as much.
+    // Whether both hold the same and have served the same number of blocks.
     bool operator==(const Device &) const = default;
 
 private:

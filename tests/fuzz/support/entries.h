@@ -7,7 +7,7 @@
 namespace tier_fuzz {
 
 // Super blocks and entries as the parts of an input hold them. An entry is its number in two bytes
-// and its record behind that, either of which may be missing.
+// and its record after that, either of which may be missing.
 
 View record_of(View entry);
 

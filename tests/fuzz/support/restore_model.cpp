@@ -15,7 +15,7 @@ constexpr std::uint64_t MIB = 1U << 20;
 constexpr std::uint32_t INODE_MAGIC = 0x494E4F44;
 constexpr std::size_t INODE_SIZE = 96;
 
-// What the restore reads of the super block.
+// The part of the super block that the restore reads.
 struct Geometry {
     explicit Geometry(const RestoreCall &call)
         : inode_table(table(call, Table::inode)), extent_table(table(call, Table::extent)),
@@ -85,7 +85,7 @@ bool is_healthy(View inode)
     printed += line;
 }
 
-// Memory for direct access, for the inode and behind it the extents.
+// Memory for direct access, for the inode and after it the extents.
 alignas(BLOCK) std::uint8_t memory[BLOCK + MOST_MEMORY];
 
 bool read_all(Device &device, std::span<std::uint8_t> to, std::uint64_t offset)
@@ -102,8 +102,8 @@ bool read_all(Device &device, std::span<std::uint8_t> to, std::uint64_t offset)
     return true;
 }
 
-// A MiB that cannot be read keeps what came of it. Its first block is tried again, as often as it
-// has blocks, and cleared when it cannot be read either.
+// A MiB that cannot be read keeps the bytes that arrived. Its first block is tried again, as often
+// as it has blocks, and cleared when it cannot be read either.
 void read_tolerantly(Device &device, std::span<std::uint8_t> to, std::uint64_t offset)
 {
     for (; !to.empty(); offset += MIB) {
@@ -120,7 +120,7 @@ void read_tolerantly(Device &device, std::span<std::uint8_t> to, std::uint64_t o
     }
 }
 
-// What the extents say of an inode.
+// The extents that keep an inode from being restored.
 struct Claims {
     int bad = 0;
     int owned = 0;

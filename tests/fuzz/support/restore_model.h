@@ -19,8 +19,8 @@ struct RestoreCall {
 // Where the inode lies.
 std::int64_t restored_offset(const RestoreCall &call);
 
-// What comes of the call. Reads and writes a device as the restore shall, and says in `printed`
-// what it shall print.
+// The result of the call. Reads and writes a device as the restore must, and puts into `printed`
+// what it must print.
 Outcome restore(const RestoreCall &call, Device &device, std::string &printed);
 
 } // namespace tier_fuzz

@@ -22,7 +22,7 @@ Outcome call_tool(const std::function<std::int64_t()> &call)
     }
 }
 
-// What the end of a process would have taken with it.
+// Releases what the end of a process would release.
 void free_what_is_left()
 {
     for (void *memory : world.aligned_memory) {

@@ -15,8 +15,8 @@ struct Outcome {
     const char *assertion = nullptr; // that failed
 };
 
-// Makes a call into the tool, in `world`, as a process of its own would: afterwards nothing is left
-// of it but its outcome, the device and what it printed.
+// Makes a call into the tool, in `world`, as a process of its own would: it leaves only its
+// outcome, the device and what it printed.
 Outcome run(const std::function<std::int64_t()> &call);
 
 // The whole tool; the first argument is its name.

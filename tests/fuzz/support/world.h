@@ -20,7 +20,7 @@ constexpr std::size_t MOST_MEMORY = 3U << 20;
 constexpr int DEVICE_FD = 1000;
 constexpr int REPAIR_FD = 1001;
 
-// What a run finds around it: nothing of it is real.
+// The simulated environment of a run.
 struct World {
     bool running = false; // else the wrapped calls are those of the C library
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 /* Shows one entry: `meta` are the 4096 bytes of its block, `delim` goes to the output before it.
- * Gives 0 when it was printed, 1 when the filter passed it over, or a negative errno when it is
- * bad; then its ERROR line is written and the output untouched. */
+ * Gives 0 when it was printed, 1 when the filter hides it, or a negative errno when it is bad: then
+ * its ERROR line is written and the output untouched. */
 using meta_format_func_t = int32_t (*)(int32_t no, void *meta, const char *delim,
                                        zutr_params_t *params);
 
@@ -23,8 +23,8 @@ int32_t zutr_dump_common(zutr_params_t *params, const char *meta_type, int64_t m
 int32_t zutr_dump_table(zutr_params_t *params, const char *meta_type, const tier_region &table,
                         meta_format_func_t format_func);
 
-/* What a formatter, and a command that needs the device's super block, rely on; `super_text` is the
- * layout's condition on its super block. */
+/* The preconditions of a formatter, and of a command that needs the device's super block;
+ * `super_text` is the layout's condition on it. */
 void zutr_assert_entry(int32_t no, const void *meta, const char *delim,
                        const zutr_params_t *params);
 void zutr_assert_super(const zutr_params_t *params, zutr_super_check_t check,

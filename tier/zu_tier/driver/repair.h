@@ -13,7 +13,7 @@
 using zutr_parse_func_t = int64_t (*)(zutr_params_t *params, const cJSON *document, void *m);
 
 /* Prints the entry at the start of a block as a JSON object; `sb` is the super block, `offset` the
- * device offset of the block. It may change what lies in no field of the entry. */
+ * device offset of the block. It may change bytes that belong to no field. */
 using zutr_print_func_t = void (*)(void *entry, const void *sb, int64_t offset, FILE *fp);
 
 /* How a table is repaired. */
@@ -38,10 +38,10 @@ int32_t zutr_repair_common(zutr_params_t *params, const zutr_repair_t &repair);
  */
 ssize_t zutr_repair_readn(int32_t fd, void *buf, size_t nbyte, int64_t offset);
 
-/* Whether a slot lies where a device can have one; if not, says so on behalf of `func`. The sizes
- * of a sealed super block may still add up to anything. */
+/* Whether a device can have a slot at `offset`; logs an error on behalf of `func` if not. The sizes
+ * in a sealed super block may add up to anything. */
 bool tier_check_slot(const char *func, int64_t offset);
 
-/* What a parser of table entries relies on, in the words `text`. */
+/* The preconditions of a parser of table entries; `text` states them. */
 void zutr_assert_parse(const zutr_params_t *params, const cJSON *document, const void *m,
                        const char *text);

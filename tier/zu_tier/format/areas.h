@@ -50,7 +50,7 @@ constexpr uint64_t tier_inode_table_size(const Super &sb)
     return tier_round_up(start + uint64_t{sb.sb_inode_cnt} * SIZE_4K, SIZE_1M) - start;
 }
 
-/* The data offset that leaves at least the gap behind the extent table. */
+/* The data offset that leaves at least the gap after the extent table. */
 template <class Super>
 constexpr uint64_t tier_data_offset(const Super &sb)
 {

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
-/* A number that lies in an entry: bits of the eight bytes from byte `at` on. Of such a number there
- * is none when the mask is 0. The eight bytes must lie in the entry's slot. */
+/* A number in an entry: bits of the eight bytes from byte `at` on. With a mask of 0 there is no
+ * number. The eight bytes must lie in the entry's slot. */
 struct tier_number {
     uint32_t at = 0;
     uint64_t mask = 0;

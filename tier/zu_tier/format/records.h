@@ -28,7 +28,7 @@ constexpr uint64_t tier_round_up(uint64_t value, uint64_t unit)
     return (value + unit - 1) / unit * unit;
 }
 
-/* An identity of the SSD has the length of this sample; its characters are never looked at. */
+/* An identity of the SSD has the length of this sample; its characters do not matter. */
 constexpr const char TIER_SSD_UUID_SAMPLE[] = "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P2";
 constexpr size_t TIER_SSD_UUID_LEN = sizeof(TIER_SSD_UUID_SAMPLE) - 1;
 static_assert(TIER_SSD_UUID_LEN == 38);
@@ -80,11 +80,11 @@ struct tier_inode_t {
     uint16_t i_unlink;   /*  76  nonzero: the file has been unlinked */
     uint16_t i_use;      /*  78  nonzero: the slot holds a file */
     union {
-        uint64_t i_reserved1; /*  80  V1; later new_data, kept by the cache for the file */
+        uint64_t i_reserved1; /*  80  V2, V3: new_data, kept by the cache for the file */
         uint64_t new_data;
     };
     union {
-        uint64_t i_reserved2; /*  88  V1; later i_blocks, block count of the file */
+        uint64_t i_reserved2; /*  88  V2, V3: i_blocks, block count of the file */
         uint64_t i_blocks;
     };
 };

@@ -2,7 +2,7 @@
 
 #include "zu_tier/format/areas.h"
 
-/* Layout V1. tier_areas.h draws where its tables lie. */
+/* Layout V1. areas.h draws where its tables lie. */
 
 constexpr uint32_t TIER_SB_MAGIC_V1 = 0xCACBCCCD;
 constexpr uint32_t TIER_SB_VERSION_V1 = 0x10000;
@@ -57,8 +57,8 @@ using tier_inode_v1_t = tier_inode_t;
  * fill a last word are checksummed and otherwise unused. */
 using tier_extent_v1_t = tier_extent_t;
 
-/* Whole 64-bit words in the bitmap of an extent of `extent_size` bytes; fewer than none of one
- * without a size. */
+/* Whole 64-bit words in the bitmap of an extent of `extent_size` bytes; negative for one without a
+ * size. */
 constexpr int32_t tier_bitmap_words_v1(uint32_t extent_size)
 {
     return (static_cast<int32_t>(extent_size) - static_cast<int32_t>(TIER_EXTENT_SIZE_MIN)) / 8;

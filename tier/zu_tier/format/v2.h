@@ -3,8 +3,8 @@
 #include "zu_tier/format/areas.h"
 #include "zu_tier/format/bits.h"
 
-/* Layout V2. tier_areas.h draws where its first tables lie; behind the data blocks follows, 1 MiB
- * further on, the expansion inode area, whose inodes are numbered on from the regular ones. */
+/* Layout V2. areas.h draws where its first tables lie. The expansion inode area begins 1 MiB after
+ * the data blocks; its numbers continue those of the regular inodes. */
 
 constexpr uint32_t TIER_SB_MAGIC_V2 = 0xCACBCCCD;
 constexpr uint32_t TIER_SB_VERSION_V2 = 0x20000;

@@ -21,7 +21,7 @@ constexpr int64_t SUPER_OFFSET = SIZE_4K;
 
 constexpr const char *SHORT_OPTIONS = "hFDc:p:n:f:v:o:g:yl:";
 
-/* "commit" takes an argument although "-y" takes none, so it cannot be given by a slip. */
+/* "commit" takes an argument although "-y" takes none, so it is not given by accident. */
 constexpr std::array<option, 13> longopts = {{
     {"help", no_argument, nullptr, 'h'},
     {"force", no_argument, nullptr, 'F'},
@@ -98,7 +98,7 @@ int32_t apply_option(int option_char, int argc, char *argv[], zutr_params_t *par
     }
 }
 
-/* Whether the files are one, or the same volume. */
+/* Whether both are the same file or the same volume. */
 bool is_same(const struct stat &one, const struct stat &other)
 {
     const bool same_file = one.st_dev == other.st_dev && one.st_ino == other.st_ino;
@@ -114,7 +114,7 @@ bool is_same_path(const char *one, const char *other)
     return stat(one, &first) == 0 && stat(other, &second) == 0 && is_same(first, second);
 }
 
-/* A log must never be written to the device. Nothing has been yet. */
+/* A log must never be written to the device; nothing has been written yet. */
 int32_t refuse_log(const char *path)
 {
     zutr_close_log();
@@ -150,7 +150,7 @@ int32_t open_device(zutr_params_t *params)
     return 0;
 }
 
-/* With a forced version nobody asks the super block, which may be what has to be repaired. */
+/* A forced version needs no super block: it may be what has to be repaired. */
 int32_t read_super(zutr_params_t *params)
 {
     if (params->spec_ver != 0) {
@@ -232,7 +232,7 @@ void zutr_filter_parse(zutr_filter_t *filter, char *str)
         char *rest = nullptr;
         const char *key = strtok_r(pair, "=", &rest);
         if (key == nullptr) { /* GCOVR_EXCL_BR_LINE: see below */
-            continue; /* GCOVR_EXCL_LINE: for ever, and who ends it ends the counts as well */
+            continue;         /* GCOVR_EXCL_LINE: endless, and a kill loses the counts */
         }
         const char *text = strtok_r(nullptr, "", &rest); /* all of it: a path may hold one */
         const char *value = text != nullptr ? text + strspn(text, "=") : "";

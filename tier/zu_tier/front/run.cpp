@@ -35,7 +35,7 @@ int32_t select_forced(const zutr_params_t &params, zutr_cmd_func_t *handler)
     return 0;
 }
 
-/* The handler of the first version that takes the device's super block for its own. */
+/* The handler of the first version that accepts the device's super block. */
 int32_t select_probed(const zutr_params_t &params, zutr_cmd_func_t *handler)
 {
     zutr_assert(params.sb != nullptr, "params.sb");
@@ -57,7 +57,7 @@ int32_t run_command(zutr_params_t *params)
     return ret == 0 ? handler(params) : ret;
 }
 
-/* Hands on what `stream` still holds: the cause of the first write that failed, or 0. */
+/* Flushes `stream`. Gives the error number of its first failed write, or 0. */
 int32_t finish_stream(FILE *stream)
 {
     if (ferror(stream) != 0) {
@@ -78,7 +78,7 @@ int32_t judge_output(int32_t cause)
     return -EIO;
 }
 
-/* Makes sure that the output is where it belongs. */
+/* Flushes the outputs and closes the output file. Gives 0 or -EIO. */
 int32_t finish_output(zutr_params_t *params)
 {
     int32_t cause = finish_stream(stdout);
@@ -106,7 +106,7 @@ int zutr_run(int argc, char *argv[])
         if (ret == 0) {
             ret = finish_output(&params);
         }
-    } else if (ret > 0) { /* the usage is out, and nothing else is to be done */
+    } else if (ret > 0) { /* only the usage was asked for */
         ret = judge_output(finish_stream(stdout));
     }
     zutr_params_fini(&params);

@@ -44,7 +44,7 @@ void tier_check_brick(const void * /*sb*/, const uint8_t *entry, tier_findings &
     const auto *brick = reinterpret_cast<const tier_brick_info_t *>(entry);
     const size_t length = zutr_bounded(brick->bi_brickid).size();
     if (length != TIER_BRICKID_LEN) {
-        to.add({"bad_brick_path"}, "its path has %zu characters, expected are %zu", length,
+        to.add({"bad_brick_path"}, "its path has %zu characters, expected %zu", length,
                TIER_BRICKID_LEN);
     }
 }

@@ -68,7 +68,7 @@ void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp);
 int32_t tier_dump_brick(const char *func, const tier_table &table, int32_t no, void *meta,
                         const char *delim, zutr_params_t *params);
 
-/* Fills the zeroed `brick` from a repair file, in which `unlink` says whether "bi_unlink" must
- * stand. Gives the device offset of its slot, or -EINVAL or -EFAULT, logged. */
+/* Fills the zeroed `brick` from a repair file; `unlink` says whether "bi_unlink" is required. Gives
+ * the device offset of its slot, or -EINVAL or -EFAULT, logged. */
 int64_t tier_parse_brick(zutr_json_reader in, const tier_table &table, zutr_need unlink,
                          const void *sb, tier_brick_info_t *brick);

@@ -37,7 +37,7 @@ constexpr auto TIER_EXTENT_OWNER_KEYS = std::tuple{
 
 tier_columns tier_extent_fields();
 
-/* A layout's extent table but for what it does not share. */
+/* A layout's extent table, with what is not shared as arguments. */
 constexpr tier_table tier_extent_table(tier_regions (*regions)(const void *sb),
                                        uint64_t (*record_length)(const void *sb),
                                        uint32_t (*crc)(void *record, uint32_t length),
@@ -79,7 +79,7 @@ uint32_t tier_extent_crc(const void *ex, uint32_t ex_size);
 int32_t tier_dump_extent(const char *func, const tier_table &table, int32_t no, void *meta,
                          const char *delim, const zutr_params_t *params);
 
-/* What a parser says of an extent whose number or inode its super block does not have. */
+/* Refuses an extent whose number or inode the super block does not have. */
 template <class Super>
 void tier_refuse_extent_numbers(zutr_json_reader &in, const Super &sb, const tier_extent_t &extent)
 {

@@ -46,7 +46,7 @@ constexpr auto TIER_INODE_IN_USE_KEYS = std::tuple_cat(
         zutr_key{"i_unlink", &tier_inode_t::i_unlink, zutr_to_s32, zutr_need::optional},
     });
 
-/* A layout's inode table; its `bounds` are set by the layout that has some. */
+/* A layout's inode table; a layout with `bounds` sets them. */
 constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(const void *sb),
                                       uint32_t (*crc)(void *record, uint32_t length),
                                       tier_columns (*fields)(), tier_columns (*keys)(),
@@ -71,11 +71,11 @@ constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(co
     };
 }
 
-/* What a layout says of a bad inode that was found at number `no`. */
+/* Logs a bad inode, found at number `no`, in the layout's words. */
 using tier_bad_inode_t = void (*)(const char *func, const tier_inode_t &inode, int32_t no,
                                   uint32_t crc);
 
-/* What V1 and V3 say. */
+/* The words of V1 and V3. */
 void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc);
 
 /* Prints the inode as a JSON object by the table `Fields`; `offset` is shown as "meta_offset". */

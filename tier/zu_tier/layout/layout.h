@@ -26,11 +26,11 @@ struct tier_checksum_place {
 /* The first four bytes of a record. */
 extern const tier_checksum_place TIER_HEAD_CHECKSUM;
 
-/* What is found about a device when it is checked. */
+/* The findings of a check. */
 
 enum class tier_severity {
     error,   /* breaks a rule of the layout */
-    warning, /* breaks none, but no device is made like that, or it could not be checked */
+    warning, /* breaks none, but is unusual, or could not be checked */
 };
 
 struct tier_kind {
@@ -52,14 +52,14 @@ private:
 struct tier_rule {
     tier_kind kind;
     bool (*holds)(const void *sb);
-    /* The tool's own words on behalf of `func`; null when the tool does not ask. */
+    /* Logs the tool's own sentence on behalf of `func`; null: the tool does not test the rule. */
     void (*complain)(const char *func, const void *sb);
-    /* What a check tells. */
+    /* Adds the finding of a check. */
     void (*explain)(const void *sb, const tier_kind &kind, tier_findings &to);
 };
 
-/* Tests those of the rules that the tool asks for, in their order: 0, or -EINVAL after the
- * complaint of the first that does not hold. */
+/* Tests the rules of the tool in order: 0, or -EINVAL after the sentence of the first that does not
+ * hold. */
 int32_t tier_check_rules(const char *func, std::span<const tier_rule> rules, const void *sb);
 
 /* An area of a device, as a super block describes it. It may lie anywhere, and past everything. */
@@ -67,15 +67,15 @@ struct tier_area {
     std::string_view name;
     uint64_t start;
     uint64_t length;
-    bool aligned = true; /* it is read in blocks of 4096 bytes, and begins with one */
+    bool aligned = true; /* it must begin at a multiple of 4096 */
 };
 
-/* A table of `size` bytes, or of what its entries need where that is more. */
+/* A table of `size` bytes, or more if its entries need more. */
 tier_area tier_table_area(std::string_view name, const tier_region &region, uint64_t size);
 
-/* The parts that an entry has several of: words of a bitmap, mapped pieces, packed entries. */
+/* The repeated parts of an entry: words of a bitmap, mapped pieces, packed entries. */
 struct tier_parts {
-    std::string_view key{};    /* of all of them in a dump and in a repair file */
+    std::string_view key{};    /* of their array in a dump and in a repair file */
     std::string_view prefix{}; /* of a part's number, as in "sno[517]" */
     uint32_t size = 0;         /* bytes of a part */
     uint32_t first = 0;        /* the first word of a slot that is a part; those before are none */
@@ -100,22 +100,22 @@ struct tier_owner {
     tier_number no;
 };
 
-/* What no two entries in use may both have: an identity of 16 bytes, or a number within what their
- * owner has. */
+/* What no two entries in use may both have: an identity of 16 bytes, or a number among the entries
+ * of one owner. */
 struct tier_claim {
     std::string_view what; /* empty: they claim nothing */
     tier_number number;    /* an identity begins where this would lie */
     bool is_identity = false;
 };
 
-/* Numbers below `closed` may be referred to by entries of other tables. Those from `missing` on are
- * no numbers of entries at all, whatever the table's size. */
+/* Entries of other tables may refer to numbers below `closed`. From `missing` on no entry exists,
+ * whatever the table's size. */
 struct tier_bounds {
     uint64_t closed;
     uint64_t missing;
 };
 
-/* A name for the bytes of a slot from where the one before ends up to, but not at, `end`. */
+/* A name for the bytes of a slot from the end of the stretch before it up to `end`, exclusive. */
 struct tier_stretch {
     std::string_view name;
     size_t end;
@@ -129,7 +129,8 @@ struct tier_table {
     std::string_view name{};          /* in commands: dump_<name>, repair_<name> */
     const char *number_key = nullptr; /* of an entry in a dump */
 
-    /* Where it lies, by the super block: the second region is numbered on from the first. */
+    /* Where the super block places it. The numbers of the second region continue those of the
+     * first. */
     tier_regions (*regions)(const void *sb) = nullptr;
     /* Bytes of the record, whatever the super block says: it may not fit its slot. */
     uint64_t (*record_length)(const void *sb) = nullptr;
@@ -155,12 +156,13 @@ struct tier_table {
     /* Builds the block that a repair file describes, and prints it. */
     zutr_repair_t repair{};
 
-    /* Of the entry, or of each word of a slot with packed entries. Without `in_use` all are. */
+    /* Of the entry, or of each word of a slot with packed entries. Without `in_use` all are in use.
+     */
     tier_number in_use{};
     tier_owner owner{};
     tier_claim claim{};
     tier_bounds (*bounds)(const void *sb) = nullptr; /* null: every entry may be referred to */
-    /* Looks at the entry by itself; null: there is nothing to look at. */
+    /* Checks the entry by itself; null: there is nothing to check. */
     void (*check)(const void *sb, const uint8_t *entry, tier_findings &to) = nullptr;
     /* Of a super block. */
     std::span<const tier_rule> rules{};
@@ -194,7 +196,8 @@ void tier_seal(const tier_table &table, void *record, uint32_t length);
 /* Byte offset of the slot of an entry. */
 int64_t tier_slot(const tier_regions &regions, uint64_t no);
 
-/* What every parser of an entry with a slot of its own ends with: seals the block. Gives the device
- * offset of the slot of entry `no`, -EINVAL when something was refused, or -EFAULT, logged. */
+/* The last step of every parser of an entry with a slot of its own: seals the block. Gives the
+ * device offset of the slot of entry `no`, -EINVAL when something was refused, or -EFAULT, logged.
+ */
 int64_t tier_finish(const zutr_json_reader &in, const tier_table &table, const void *sb,
                     void *block, uint64_t no);

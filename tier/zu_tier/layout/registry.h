@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-/* The layouts that there are, and how a run finds the one of its device. */
+/* The layouts, and how a run finds the one of its device. */
 
 struct tier_layout;
 
@@ -40,7 +40,7 @@ void zutr_func_register(int32_t ver, zutr_func_selector_t selector);
 /* The registered selector of `ver`, or null; any number may be asked for. */
 zutr_func_selector_t zutr_get_selector(int32_t ver);
 
-/* Registers a layout for who treats all layouts alike, once, before main. */
+/* Adds a layout to those of tier_layouts(), once, before main. */
 void tier_register_layout(const tier_layout *layout);
 
 /* The registered layouts, in order of registration. */

@@ -14,7 +14,7 @@
 
 namespace {
 
-/* What the extent table says of one inode. */
+/* The extents that keep an inode from being restored. */
 struct inode_claims {
     int32_t doubtful; /* extents that are blank or fail their check */
     int32_t owned;
@@ -44,7 +44,7 @@ inode_claims scan_claims(const tier_restore &plan, int32_t inode_no, const uint8
         if (extent->te_use == 0 || extent->te_inode_no != static_cast<uint32_t>(inode_no)) {
             continue;
         }
-        /* A run of extents of one file is told once, at its first. */
+        /* Of consecutive extents of one file only the first is printed. */
         if (claims.owned == 0 || extent->te_sampling_low != last_identity) {
             last_identity = extent->te_sampling_low;
             printf("inode no:%d uuid:%x extent no:%d offset:%ld\n", inode_no, hton32(last_identity),
@@ -55,8 +55,9 @@ inode_claims scan_claims(const tier_restore &plan, int32_t inode_no, const uint8
     return claims;
 }
 
-/* Reads the extent table and looks for claims to the inode. 0, -EIO, -EFAULT where the super block
- * gives the table fewer bytes than its entries need, or the allocator's positive error number. */
+/* Reads the extent table and counts the extents of the inode. 0, -EIO, -EFAULT where the super
+ * block gives the table fewer bytes than its entries need, or the allocator's positive error
+ * number. */
 int32_t read_claims(const tier_restore &plan, const zutr_params_t *params, inode_claims *claims)
 {
     const uint64_t bytes = plan.extents.count * SIZE_4K;

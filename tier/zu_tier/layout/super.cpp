@@ -29,14 +29,13 @@ int64_t tier_finish_super(const zutr_json_reader &in, const tier_table &table,
 void tier_explain_table(const tier_kind &kind, tier_findings &to, uint64_t count, uint64_t most,
                         uint64_t size, const char *expected, uint64_t expected_size)
 {
-    to.add(kind,
-           "the table has %lu entries in %lu bytes, expected are 1..%lu entries and %s%lu bytes",
+    to.add(kind, "the table has %lu entries in %lu bytes, expected 1..%lu entries and %s%lu bytes",
            count, size, most, expected, expected_size);
 }
 
 void tier_explain_block_size(const tier_kind &kind, tier_findings &to, uint64_t size,
                              uint64_t least, uint64_t most)
 {
-    to.add(kind, "blocks have %lu bytes, expected is a multiple of 4096 from %lu to %lu", size,
-           least, most);
+    to.add(kind, "blocks have %lu bytes, expected a multiple of 4096 from %lu to %lu", size, least,
+           most);
 }

@@ -115,8 +115,8 @@ int32_t tier_check_super(const char *func, const char *layout, const Super &sb, 
 int32_t tier_dump_super(const zutr_params_t *params, zutr_super_check_t check,
                         zutr_print_func_t print);
 
-/* What the parser of every super block ends with: tests the rules, unless the force flag is set, on
- * behalf of `check`, and seals the block. Gives its device offset, or -EINVAL. */
+/* The last step of the parser of every super block: tests the rules, unless the force flag is set,
+ * on behalf of `check`, and seals the block. Gives its device offset, or -EINVAL. */
 int64_t tier_finish_super(const zutr_json_reader &in, const tier_table &table,
                           const zutr_params_t *params, int32_t (*check)(const void *new_sb),
                           void *sb);
@@ -141,11 +141,11 @@ constexpr tier_rule TIER_SSD_UUID_RULE = {
                    static_cast<int64_t>(TIER_SSD_UUID_LEN));
     },
     [](const void *sb, const tier_kind &kind, tier_findings &to) {
-        to.add(kind, "the identity of the SSD has %zu characters, expected are %zu",
+        to.add(kind, "the identity of the SSD has %zu characters, expected %zu",
                tier_ssd_uuid_length(sb, SsdUuid), TIER_SSD_UUID_LEN);
     }};
 
-/* What a check tells of a table whose count or size is wrong, and of a block size that is. */
+/* The findings about a table with a wrong count or size, and about a wrong block size. */
 void tier_explain_table(const tier_kind &kind, tier_findings &to, uint64_t count, uint64_t most,
                         uint64_t size, const char *expected, uint64_t expected_size);
 void tier_explain_block_size(const tier_kind &kind, tier_findings &to, uint64_t size,
@@ -162,8 +162,8 @@ constexpr tier_rule TIER_SUPER_SIZE_RULE = {
                    tier_super<Super>(p).sb_size);
     },
     [](const void *p, const tier_kind &kind, tier_findings &to) {
-        to.add(kind, "the super block area has %u bytes, expected are %u",
-               tier_super<Super>(p).sb_size, TIER_SB_AREA_SIZE);
+        to.add(kind, "the super block area has %u bytes, expected %u", tier_super<Super>(p).sb_size,
+               TIER_SB_AREA_SIZE);
     }};
 
 template <class Super>
@@ -234,8 +234,8 @@ bool tier_extent_size_holds(const Super &sb)
 template <class Super>
 void tier_explain_extent_size(const tier_kind &kind, tier_findings &to, const Super &sb)
 {
-    to.add(kind, "extents have %u bytes, expected are %u..%u", sb.sb_extent_size,
-           TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX);
+    to.add(kind, "extents have %u bytes, expected %u..%u", sb.sb_extent_size, TIER_EXTENT_SIZE_MIN,
+           TIER_EXTENT_SIZE_MAX);
 }
 
 template <class Super>
@@ -252,8 +252,8 @@ constexpr tier_rule TIER_EXTENTS_RULE = {
     },
     [](const void *p, const tier_kind &kind, tier_findings &to) {
         const auto &sb = tier_super<Super>(p);
-        to.add(kind, "the table has %u entries in %lu bytes, expected are %lu bytes",
-               sb.sb_block_cnt, sb.sb_extent_table_size, uint64_t{sb.sb_block_cnt} * SIZE_4K);
+        to.add(kind, "the table has %u entries in %lu bytes, expected %lu bytes", sb.sb_block_cnt,
+               sb.sb_extent_table_size, uint64_t{sb.sb_block_cnt} * SIZE_4K);
     }};
 
 template <class Super>
@@ -270,7 +270,7 @@ constexpr tier_rule TIER_DATA_OFFSET_RULE = {
     },
     [](const void *p, const tier_kind &kind, tier_findings &to) {
         const auto &sb = tier_super<Super>(p);
-        to.add(kind, "the data area begins at %lu, expected is %lu", sb.sb_data_offset,
+        to.add(kind, "the data area begins at %lu, expected %lu", sb.sb_data_offset,
                tier_data_offset(sb));
     }};
 

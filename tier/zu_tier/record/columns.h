@@ -18,8 +18,8 @@ struct tier_column {
     tier_column_type type;
     zutr_form form;
 
-    /* Where it lies: bytes of the record, and which bits of each eight of them. Nowhere when it is
-     * computed alone. */
+    /* Where it lies: bytes of the record, and which bits of each eight of them. Zeros when it is
+     * only computed. */
     uint32_t at;
     uint32_t size;
     uint64_t bits;

@@ -9,11 +9,11 @@
 #include <string_view>
 #include <utility>
 
-/* DEBUG lines that come by the million: the compiler takes the message apart. */
+/* DEBUG lines written by the million: the compiler splits the message. */
 
 namespace zutr_message {
 
-/* The text before the conversion `index` of a message, or behind the last. Conversions are "%d" and
+/* The text before the conversion `index` of a message, or after the last. Conversions are "%d" and
  * "%s". */
 constexpr std::string_view piece(std::string_view message, size_t index)
 {

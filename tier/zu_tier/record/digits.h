@@ -9,7 +9,7 @@
 #include <string_view>
 
 /* Numbers as text. Each function writes at `to` and gives the end of the text. It may use up to
- * ZUTR_DIGITS_ROOM bytes; what it leaves behind the end means nothing. */
+ * ZUTR_DIGITS_ROOM bytes; bytes after the end mean nothing. */
 
 constexpr size_t ZUTR_DIGITS_ROOM = 24;
 

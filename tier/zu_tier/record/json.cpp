@@ -39,8 +39,7 @@ public:
                 at_++;
             }
         }
-        /* cJSON ends a number where none of its characters follow, strtold knows hexadecimal, too.
-         */
+        /* cJSON ends a number at the first other character; strtold also reads hexadecimal. */
         const size_t length = strspn(at_, "0123456789+-.eE");
         auto *copy = static_cast<char *>(cJSON_malloc(length + 1));
         if (copy != nullptr) {
@@ -68,9 +67,9 @@ private:
     const char *at_;
 };
 
-/* Numbers stand in the text in the order in which a walk of the tree meets them; should the library
- * ever see a text in another way, the values tell. cJSON bounds the depth of what it parses, and so
- * the depth of this recursion. 0, -ENOMEM or -EINVAL. */
+/* Numbers stand in the text in the order in which a walk of the tree meets them; if the library
+ * read a text differently, the values would differ. cJSON bounds the depth of what it parses, and
+ * so the depth of this recursion. 0, -ENOMEM or -EINVAL. */
 /* NOLINTNEXTLINE(misc-no-recursion): see above */
 int32_t attach_literals(cJSON *first, number_scanner &scanner)
 {
@@ -81,7 +80,7 @@ int32_t attach_literals(cJSON *first, number_scanner &scanner)
             if (node->valuestring == nullptr) {
                 return -ENOMEM;
             }
-            /* GCOVR_EXCL_START: the library sees every text as it is seen here */
+            /* GCOVR_EXCL_START: the library reads every text as it is read here */
             if (strtod(node->valuestring, nullptr) != node->valuedouble) {
                 return -EINVAL;
             }
@@ -125,7 +124,7 @@ int32_t load(const char *path, zutr_json *document)
     return ret;
 }
 
-/* Truncates toward zero; what does not fit, as the processor has it, becomes the smallest number.
+/* Truncates toward zero; a number that does not fit becomes the smallest one, as in the processor.
  */
 int64_t to_signed(long double number, long double limit)
 {

@@ -78,7 +78,7 @@ struct zutr_hex_key {
     const char *name;
     Member Record::*member;
     size_t limit;
-    const char *label;    /* of the key, in the message about a text that is no such number */
+    const char *label;    /* of the key, in the message about an invalid text */
     Member expected = {}; /* 0: any number */
 };
 template <class Record, class Member>
@@ -89,10 +89,10 @@ zutr_hex_key(const char *, Member Record::*, size_t, const char *, Member)
 
 /* Reads the keys of JSON objects on behalf of the parser `func`, whose name its messages carry:
  * ERROR when a key cannot be read, DEBUG with the value that was stored. It remembers its first
- * error; after that it reads nothing and says nothing. */
+ * error; after that it reads and logs nothing. */
 class zutr_json_reader {
 public:
-    /* `cmd`, the command's number, is for messages alone. */
+    /* `cmd`, the command's number, only appears in messages. */
     zutr_json_reader(const char *func, const cJSON *object, int32_t cmd = 0)
         : func_(func), object_(object), cmd_(cmd)
     {
@@ -100,8 +100,7 @@ public:
 
     bool failed() const { return failed_; }
 
-    /* What has been read is not accepted, for a reason that is logged unless there was an error
-     * already. */
+    /* Refuses what has been read. Logs the reason unless there was an error already. */
     [[gnu::format(printf, 3, 4)]] void refuse(zutr_log_site site, const char *format, ...);
 
     const char *func() const { return func_; }
@@ -122,7 +121,7 @@ public:
         object_ = outer;
     }
 
-    /* What it reads from. */
+    /* The object it reads from. */
     const cJSON *object() const { return object_; }
 
     template <class Record, class Member, class Target>

@@ -85,7 +85,7 @@ zutr_log_sinks zutr_debug_sinks()
 
 char *zutr_put_log_prefix(char *to, const char *level, const zutr_log_site &site)
 {
-    /* Most lines come from where the line before came from. */
+    /* Most lines come from the same place as the line before. */
     static std::array<char, ZUTR_LOG_PREFIX_ROOM> prefix;
     static int length = 0;
     static const char *last_level = nullptr;
@@ -118,7 +118,7 @@ FILE *zutr_get_logger()
     if (g_redirected.log != nullptr) {
         return g_redirected.log;
     }
-    /* Comes with every message, and costs least where the directory is missing. */
+    /* Tried at every message: a missing directory costs least. */
     struct stat directory;
     if (g_log_fp == nullptr && stat(DEFAULT_LOG_DIRECTORY, &directory) == 0) {
         g_log_fp = fopen(DEFAULT_LOG_FILE, "a");

@@ -13,8 +13,8 @@
 #include <type_traits>
 #include <utility>
 
-/* A record is printed from a table of its fields: key, member, form, in output order. All that is
- * the same in every record is worked out by the compiler, which sees the table as a constant. */
+/* A record is printed from a table of its fields: key, member, form, in output order. The compiler,
+ * which sees the table as a constant, works out what is the same in every record. */
 
 enum class zutr_form {
     plain,        /* number: decimal; char[]: text; 16 bytes: UUID */
@@ -79,8 +79,8 @@ constexpr std::string_view zutr_opening(const Field &field)
 template <const auto &Fields>
 constexpr size_t ZUTR_FIELD_COUNT = std::tuple_size_v<std::remove_cvref_t<decltype(Fields)>>;
 
-/* From the end of the value before the field `I` of a table to the beginning of its own; beyond the
- * last field what closes that. */
+/* The text between the value before field `I` of a table and its own; after the last field, the
+ * text that closes its value. */
 template <const auto &Fields, size_t I>
 constexpr zutr_literal zutr_between()
 {

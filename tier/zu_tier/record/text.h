@@ -46,7 +46,7 @@ public:
         }
         return buffer_.data() + used_;
     }
-    /* The same for one who has written up to `end` and goes on: mostly that is the place. */
+    /* The same for a writer that has written up to `end`: usually it goes on there. */
     char *room(char *end, size_t size)
     {
         if (size <= static_cast<size_t>(buffer_.data() + buffer_.size() - end)) {
@@ -57,7 +57,7 @@ public:
     }
     void advance(const char *end) { used_ = static_cast<size_t>(end - buffer_.data()); }
 
-    /* Hands over what has been collected. */
+    /* Writes the collected text to the stream. */
     void flush();
 
 private:

@@ -20,7 +20,7 @@ struct zone_day {
     int64_t ahead = 0;
 };
 
-/* Of a day that has been asked for once, or on which the zone sets its clock. */
+/* Of a day that has been asked for once, or on which the zone's clock changes. */
 constexpr int64_t UNKNOWN = std::numeric_limits<int64_t>::min();
 constexpr int64_t CHANGES = std::numeric_limits<int64_t>::max();
 
@@ -49,7 +49,7 @@ int64_t ahead_on(int64_t day)
 {
     zone_day &known = g_days[static_cast<size_t>(day) % DAYS];
     if (known.number != day) {
-        known = {day, UNKNOWN}; /* stamps of all times would only replace one another */
+        known = {day, UNKNOWN}; /* one stamp of a day is not worth it */
     } else if (known.ahead == UNKNOWN) {
         const int64_t first = ahead_at(day * SECONDS_PER_DAY);
         const int64_t last = ahead_at((day + 1) * SECONDS_PER_DAY - 1);
@@ -58,11 +58,11 @@ int64_t ahead_on(int64_t day)
     return known.ahead;
 }
 
-/* Two digits and the character behind them. */
-char *put_pair(char *to, uint32_t value, char behind)
+/* Two digits and the character after them. */
+char *put_pair(char *to, uint32_t value, char after)
 {
     memcpy(to, &ZUTR_FULL_DIGITS[value].text[1], 2);
-    to[2] = behind;
+    to[2] = after;
     return to + 3;
 }
 

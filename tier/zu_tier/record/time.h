@@ -11,5 +11,5 @@ void zutr_time_format(uint64_t t_ns, char *buf, uint32_t size);
 constexpr size_t ZUTR_TIME_ROOM = 64;
 
 /* The same at `to`, which has room for ZUTR_TIME_ROOM bytes; gives the end of the text. Asks the C
- * library only for the first stamps of a day, and on a day on which the zone sets its clock. */
+ * library only for the first stamps of a day, and on a day on which the zone's clock changes. */
 char *zutr_put_time(char *to, uint64_t t_ns);

@@ -16,7 +16,7 @@ struct CheckOptions {
     bool json = false;
     std::vector<std::string> tables{}; /* to report on; empty: all */
 
-    /* For what entries claim, by far most of what a check takes. */
+    /* Bytes for the duplicate search, most of a check's memory. */
     size_t claims_memory = size_t{400} << 20;
 };
 
@@ -24,8 +24,8 @@ struct CheckOptions {
  * layout. True when nothing does; throws when it cannot be checked. */
 bool check(const CheckOptions &options);
 
-/* The same for a device that has been opened, to another report, which is not finished then.
- * `watcher`, unless it is null, sees the tables that are read. */
+/* The same for an open device, to another report, which it does not finish. `watcher`, unless it is
+ * null, sees the tables that are read. */
 void check_metadata(const CheckOptions &options, const Device &device, const Metadata &metadata,
                     Report &report, Watcher *watcher);
 

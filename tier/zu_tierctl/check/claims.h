@@ -18,8 +18,8 @@ namespace tierctl {
 using Identity = std::array<uint64_t, 2>;
 
 /* Finds the keys that more than one number claims, in memory of a fixed size and therefore, if need
- * be, in several rounds: each takes the keys of a range of which all fit. A round goes twice over
- * all claims, the second time only if some key was claimed repeatedly:
+ * be, in several rounds, one for each range of keys that fits. A round goes twice over all claims,
+ * the second time only if some key was claimed repeatedly:
  *
  *   do {
  *       add(key) for every claim
@@ -31,10 +31,10 @@ using Identity = std::array<uint64_t, 2>;
 template <class Key>
 class Claims {
 public:
-    /* Keys that are held at a time, 2 or more. */
+    /* Keys held at a time, 2 or more. */
     explicit Claims(size_t capacity) : capacity_(capacity) { keys_.reserve(capacity); }
 
-    /* The largest that takes no more than so many bytes. */
+    /* The largest that takes at most so many bytes. */
     static constexpr size_t capacity(size_t bytes)
     {
         constexpr size_t REPEATED_SIZE = 2 * sizeof(Key) + sizeof(uint64_t);
@@ -82,13 +82,13 @@ public:
         return first;
     }
 
-    /* Turns to the keys behind those of this round. False when there are none. */
+    /* Goes on to the keys after those of this round. False when there are none. */
     bool next_round()
     {
         if (!last_) {
             return false;
         }
-        behind_ = std::exchange(last_, std::nullopt);
+        after_ = std::exchange(last_, std::nullopt);
         repeated_.clear();
         return true;
     }
@@ -99,10 +99,10 @@ private:
 
     bool in_range(const Key &key) const
     {
-        return (!behind_ || *behind_ < key) && (!last_ || !(*last_ < key));
+        return (!after_ || *after_ < key) && (!last_ || !(*last_ < key));
     }
 
-    /* Ends the range at `last`: what lies behind is left to the next round. */
+    /* Ends the range at `last`: later keys are left to the next round. */
     void end_range(const Key &last)
     {
         last_ = last;
@@ -110,7 +110,7 @@ private:
         std::erase_if(repeated_, [&last](const Key &key) { return last < key; });
     }
 
-    /* Half of the range, unless it is enough to keep each key only once. */
+    /* Drops half of the range, unless keeping each key only once is enough. */
     void make_room()
     {
         gather();
@@ -149,7 +149,7 @@ private:
     std::vector<Key> keys_;       /* of the range, claimed at least once */
     std::vector<Key> repeated_;   /* of the range, claimed repeatedly; sorted */
     std::vector<uint64_t> first_; /* who claimed each of these first */
-    std::optional<Key> behind_;   /* the range begins behind this key, */
+    std::optional<Key> after_;    /* the range begins after this key, */
     std::optional<Key> last_;     /* and ends with this one */
 };
 

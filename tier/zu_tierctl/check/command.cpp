@@ -13,7 +13,7 @@ constexpr int STATUS_NOT_CHECKED = 2;
 
 constexpr const char CHECK_FOOTER[] =
     "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked.\n"
-    "A warning is found, too: it breaks no rule, but something is odd or could not be checked.\n"
+    "A warning counts as found: it breaks no rule, but is odd, or something could not be checked.\n"
     "\n"
     "Example, what is wrong with the extents, and how often:\n"
     "  zu_tierctl check --json --table extent tier.img | jq .kinds";

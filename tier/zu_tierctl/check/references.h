@@ -11,11 +11,10 @@ namespace tierctl {
  * MiB while it grows. */
 class References {
 public:
-    /* No layout lets entries refer to higher numbers than those below, only a super block that
-     * breaks the rules does. */
+    /* Only a super block that breaks the rules lets entries refer to higher numbers. */
     static constexpr size_t NUMBERS_MAX = size_t{1} << 19;
 
-    /* Entry `no` refers to `target`; false when that is too high to be kept. */
+    /* Entry `no` refers to `target`; false when that is too high to keep. */
     bool add(uint64_t target, uint64_t no)
     {
         if (target >= NUMBERS_MAX) {

@@ -72,7 +72,7 @@ private:
         put(text + fmt::format("{:<32} {:>12}\n", "findings", findings()));
     }
 
-    /* Begins each line of a finding: on a terminal it wipes a progress bar that stands there. */
+    /* Begins the line of each finding: on a terminal it wipes the progress bar. */
     const char *wipe_ = isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "";
 };
 

@@ -49,10 +49,10 @@ public:
     void add(const Finding &finding);
     void add_counts(std::string_view table, const Counts &counts);
 
-    /* To be called last. */
+    /* Must be called last. */
     void finish();
 
-    /* How many were added. */
+    /* The number of findings added. */
     uint64_t findings() const { return findings_; }
 
 protected:
@@ -64,7 +64,7 @@ protected:
     const std::vector<TableCounts> &counts() const { return counts_; }
     const std::map<std::string, uint64_t> &kinds() const { return kinds_; }
 
-    /* The command that shows what the finding is about. */
+    /* The command that shows the entry of the finding. */
     std::string command(const Finding &finding) const;
 
 private:

@@ -19,18 +19,18 @@ struct SortPart {
     unsigned bits;
 };
 
-constexpr unsigned SORT_DIGIT = 8; /* bits that are looked at at a time */
+constexpr unsigned SORT_DIGIT = 8; /* bits sorted by at a time */
 constexpr size_t SORT_FEW = 256;   /* are compared */
 
-/* Puts the keys of a part in order of their highest digit. What the digit leaves to be sorted
- * follows the other parts. */
+/* Puts the keys of a part in order of their highest digit. The parts that the digit leaves unsorted
+ * are appended to the others. */
 inline void split_part(const SortPart &part, std::vector<SortPart> &parts)
 {
     const std::span<uint64_t> keys = part.keys;
     const unsigned shift = part.bits > SORT_DIGIT ? part.bits - SORT_DIGIT : 0;
     const auto digit = [shift](uint64_t key) { return key >> shift & ((1U << SORT_DIGIT) - 1); };
 
-    /* Where the keys of each digit end, and where the next of them is to go. */
+    /* Where the keys of each digit end, and where the next one goes. */
     std::array<size_t, size_t{1} << SORT_DIGIT> ends{};
     for (const uint64_t key : keys) {
         ends[digit(key)]++;

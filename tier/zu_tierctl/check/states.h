@@ -17,14 +17,14 @@ enum class State : uint8_t {
     closed,  /* no entry may refer to it */
 };
 
-/* What the entries of a table are, for the entries that refer to them. */
+/* The states of a table's entries, for the entries that refer to them. */
 class States {
 public:
-    /* More than a layout has entries that others can refer to: only a super block that breaks the
-     * rules counts more, and those are taken for unreadable. */
+    /* More than any layout has: only a super block that breaks the rules counts more, and those
+     * entries are taken as unreadable. */
     static constexpr size_t ENTRIES_MAX = size_t{1} << 24;
 
-    /* Of a table of so many entries, all of them unreadable so far. */
+    /* A table of so many entries, all unreadable so far. */
     explicit States(uint64_t count = 0) : count_(count) {}
 
     /* Memory is taken only up to the last number that is set. */

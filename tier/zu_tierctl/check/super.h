@@ -7,8 +7,8 @@
 
 namespace tierctl {
 
-/* What the super block of the layout says that cannot be so: each of its parameters, and how the
- * areas lie on a device of so many bytes. */
+/* Reports what is wrong in the super block: its parameters, and the places of its areas on a device
+ * of so many bytes. */
 void check_super(const Metadata &metadata, uint64_t device_size, Report &report);
 
 } // namespace tierctl

@@ -27,7 +27,7 @@ std::string number_text(const tier_table &row, const uint8_t *content)
 
 std::string checksum_text(const tier_table & /*row*/, const uint8_t * /*content*/)
 {
-    return "its checksum is not that of its content";
+    return "its checksum does not match its content";
 }
 
 struct FlawKind {
@@ -42,8 +42,8 @@ constexpr FlawKind FLAWS[] = {
     {BAD_CHECKSUM, "bad_checksum", checksum_text},
 };
 
-/* What is said of an owner that is not in use; of the kind's name {0} is the table, {1} the owner's
- * table. */
+/* The finding about an owner that is not in use; in the kind's name {0} is the table, {1} the
+ * owner's table. */
 struct OwnerState {
     State state;
     const char *kind;
@@ -79,16 +79,17 @@ Unread reason(const Slots &slots, uint64_t device_size)
     return {{"unreadable"}, strerror(slots.error)};
 }
 
-/* The entry and so many others as the subject of a sentence. */
+/* The entry and so many others as the start of a sentence. */
 std::string referrers_text(uint64_t others)
 {
     if (others == 0) {
-        return "it names";
+        return "it refers to";
     }
-    return others == 1 ? "it and 1 other name" : fmt::format("it and {} others name", others);
+    return others == 1 ? "it and 1 other refer to"
+                       : fmt::format("it and {} others refer to", others);
 }
 
-/* Slots of the table that can lie on a device of that size. */
+/* Slots of the table that fit on a device of that size. */
 uint64_t slots_present(const Table &table, uint64_t device_size)
 {
     uint64_t slots = 0;
@@ -222,7 +223,7 @@ private:
         });
     }
 
-    /* Visits again what is in use; throws when that is not what it was. */
+    /* Visits again what is in use; throws when that has changed. */
     template <class Visit>
     void later_pass(const Visit &visit) const
     {
@@ -244,9 +245,8 @@ private:
             }
         });
         if (visited != outcome_.counts.in_use) {
-            throw std::runtime_error(
-                fmt::format("{}: table {} is not what it was when it was read first",
-                            context_.device.path(), table_.name));
+            throw std::runtime_error(fmt::format("{}: table {} has changed since it was first read",
+                                                 context_.device.path(), table_.name));
         }
     }
 
@@ -322,7 +322,7 @@ private:
         }
     }
 
-    /* Millions may refer to one damaged block: what is not known is told once, at the end. */
+    /* Millions may refer to one damaged block: it is reported once, at the end. */
     void check_owner(uint64_t owner, State state, const EntryPlace &place)
     {
         const bool known = state != State::damaged && state != State::unreadable;
@@ -341,7 +341,7 @@ private:
         });
     }
 
-    /* The layout may let nobody refer to some numbers, whatever lies there. */
+    /* The layout may forbid references to some numbers, whatever lies there. */
     void set_bounds()
     {
         if (row_.bounds != nullptr) {
@@ -420,7 +420,7 @@ void TableFindings::add_claim(const uint8_t *entry, uint64_t first, const EntryP
             : fmt::format("{} {} of {} {}", row.claim.what, row.claim.number.get(entry),
                           row.owner.table, row.owner.no.get(entry));
     add({fmt::format("duplicate_{}", table_->name)}, place,
-        fmt::format("{} is that of {} {}, too", claim, table_->name, first));
+        fmt::format("{} is also that of {} {}", claim, table_->name, first));
 }
 
 void TableFindings::add_unfit() const

@@ -32,20 +32,20 @@ public:
 
     void add(const Kind &kind, const EntryPlace &place, const std::string &text) const;
 
-    /* The flaws of the slot at `content`. */
+    /* Reports the flaws of the slot at `content`. */
     void add_flaws(uint32_t flaws, uint64_t slot, int64_t offset, const uint8_t *content) const;
 
-    /* That these slots could not be read. */
+    /* Reports that these slots could not be read. */
     void add_unread(const Slots &slots, uint64_t device_size) const;
 
-    /* That the entry, and so many others, refers to an owner that is not in use. */
+    /* Reports that the entry, and so many others, refers to an owner that is not in use. */
     void add_owner(uint64_t owner_no, State state, const EntryPlace &place,
                    uint64_t others = 0) const;
 
-    /* That another entry claims the same as the one at `entry`. */
+    /* Reports that another entry claims the same as the one at `entry`. */
     void add_claim(const uint8_t *entry, uint64_t first, const EntryPlace &place) const;
 
-    /* That nothing of the table can be checked: its records do not fit their slots. */
+    /* Reports that the table cannot be checked: its records do not fit their slots. */
     void add_unfit() const;
 
 private:
@@ -62,7 +62,7 @@ struct TableContext {
     const Metadata &metadata;
     const Table &table;
     const TableFindings &findings;
-    const States &owners; /* of the table that the entries refer to, if they do */
+    const States &owners; /* of the table that the entries refer to, if any */
     Watcher *watcher;     /* may be null */
 };
 
@@ -71,8 +71,9 @@ struct TableOutcome {
     States states; /* empty unless other tables refer to this one */
 };
 
-/* Checks the entries of a table, which fits. Goes once over the table, and once more when something
- * is claimed repeatedly; more often when the claims do not fit in `claims_memory` bytes. */
+/* Checks the entries of a table whose records fit their slots. Reads the table once, once more when
+ * something is claimed repeatedly, and more often when the claims do not fit in `claims_memory`
+ * bytes. */
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
 
 } // namespace tierctl

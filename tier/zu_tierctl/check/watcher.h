@@ -30,7 +30,7 @@ struct Numbering {
 struct EntryInUse {
     uint64_t no;
     const uint8_t *slot;
-    std::optional<uint64_t> owner; /* number of the entry that it refers to, if to any */
+    std::optional<uint64_t> owner; /* number of the entry that it refers to, if any */
 };
 
 /* Sees every entry of a device once while the device is checked: table by table, by number. */
@@ -38,10 +38,10 @@ class Watcher {
 public:
     virtual ~Watcher() = default;
 
-    /* The table that its entries refer to, if to any, was seen before. */
+    /* The table that its entries refer to, if any, comes before it. */
     virtual void begin_table(const Table &table, const Numbering &numbering) = 0;
 
-    /* The entries of so many slots, all damaged or all unreadable. */
+    /* Sees the entries of so many slots, all damaged or all unreadable. */
     virtual void add_lost(uint64_t first_slot, uint64_t slots, State state) = 0;
 
     virtual void add_free(uint64_t no) = 0;

@@ -59,7 +59,7 @@ bool Device::read(int64_t offset, void *data, size_t length) const
         errno = ENXIO;
         return false;
     }
-    errno = EIO; /* the reason when the file has become shorter meanwhile */
+    errno = EIO; /* the reason when the file has been cut short meanwhile */
     return zutr_readn(fd_.get(), data, length, offset) >= 0;
 }
 

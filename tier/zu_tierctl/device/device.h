@@ -14,11 +14,11 @@ namespace tierctl {
 
 enum class Access {
     read_only,
-    exclusive, /* for writing; a block device that something else holds is refused */
+    exclusive, /* for writing; a block device that is in use is refused */
 };
 
-/* A device or an image of one: a block device or a regular file, read past the page cache where
- * that is possible. The constructor throws when there is neither. */
+/* A device or an image of one: a block device or a regular file, read with direct I/O where
+ * possible. The constructor throws for anything else. */
 class Device {
 public:
     Device(const std::string &path, Access access);
@@ -31,7 +31,8 @@ public:
      * read or lies outside the device, or when `offset` is no multiple of 4096. */
     bool read(int64_t offset, void *data, size_t length) const;
 
-    /* Writes one 4096-byte block and returns when it is on the device; throws when that fails. */
+    /* Writes one 4096-byte block to the device and waits until it is there; throws when that fails.
+     */
     void write_block(int64_t offset, const void *block);
 
 private:
@@ -53,12 +54,13 @@ struct Slots {
 
 /* Reads a table from its first slot to its last and gives every slot exactly once: in runs of up to
  * 1 MiB where the device can be read, slot by slot around an error, and as a single run whatever
- * lies outside the device. Device and regions have to outlive the reader. */
+ * lies outside the device. Device and regions must outlive the reader. */
 class TableReader {
 public:
     TableReader(const Device &device, std::span<const tier_region> regions);
 
-    /* Gives the next run, whose data last until the next call; false at the end of the table. */
+    /* Gives the next run, whose data are valid until the next call; false at the end of the table.
+     */
     bool next(Slots *slots);
 
 private:

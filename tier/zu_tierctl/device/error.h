@@ -7,8 +7,7 @@
 
 namespace tierctl {
 
-/* The command line asks for something that makes no sense. All other failures are other
- * exceptions. */
+/* The command line is wrong. All other failures are other exceptions. */
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -18,8 +18,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/* A new name lasts only when its directory has reached the disk, too. A directory that cannot be
- * opened or synced gets there in its own time. */
+/* A new name lasts only once its directory is on the disk. One that cannot be opened or synced is
+ * left to the system. */
 void sync_directory_of(const std::string &path)
 {
     const std::string directory = fs::path(path).replace_filename(".");

@@ -32,7 +32,7 @@ public:
     void resize(uint64_t size);
     void write(int64_t offset, const void *data, size_t length);
 
-    /* To be called when the file is complete: brings it to the disk and gives it its name. */
+    /* Must be called when the file is complete: syncs it and gives it its name. */
     void commit(Naming naming);
 
 private:

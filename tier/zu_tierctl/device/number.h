@@ -7,8 +7,8 @@
 
 namespace tierctl {
 
-/* The number that `text` spells in decimal digits; nothing when it holds anything else, or when the
- * number has more than 64 bits. */
+/* The decimal number in `text`; nothing when it holds anything else, or a number of more than 64
+ * bits. */
 inline std::optional<uint64_t> parse_number(std::string_view text)
 {
     uint64_t value = 0;

@@ -6,8 +6,7 @@
 
 namespace tierctl {
 
-/* Writes the text to standard output. Throws when writing fails, which may also be about text
- * written before. */
+/* Writes the text to standard output. Throws when writing fails, perhaps of text written before. */
 void print_text(std::string_view text);
 
 /* The same for what fmt::format makes of the arguments. */
@@ -20,8 +19,8 @@ void print(fmt::format_string<Args...> format, Args &&...args)
 /* Writes what is still in the buffer of standard output; throws when that fails. */
 void finish_output();
 
-/* Writes the line "zu_tierctl: <message>" to standard error. A failure is ignored: there is nowhere
- * left to report it. */
+/* Writes the line "zu_tierctl: <message>" to standard error. A failure is ignored: it cannot be
+ * reported. */
 void complain(std::string_view message);
 
 } // namespace tierctl

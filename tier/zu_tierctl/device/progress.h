@@ -6,8 +6,8 @@
 
 namespace tierctl {
 
-/* A bar on standard error that shows how far a walk has come. It is drawn only on a terminal, and
- * wiped when its owner goes. */
+/* A bar on standard error that shows the progress of a walk. Drawn only on a terminal, and wiped at
+ * destruction. */
 class Progress {
 public:
     /* `total`: the sum of all that will be added. */

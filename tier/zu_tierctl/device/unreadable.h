@@ -12,8 +12,8 @@
 
 namespace tierctl {
 
-/* The blocks that a saved file lacks because they could not be read from the device. They are
- * listed in a file beside it, which exists only when there are any. */
+/* The blocks that a saved file lacks because they could not be read from the device. A file beside
+ * it lists them; without such blocks there is none. */
 
 std::string unreadable_path(const std::string &saved);
 
@@ -25,14 +25,14 @@ public:
     void add(std::string_view table, const Slots &slots);
     bool empty() const { return !file_; }
 
-    /* To be called when the list is complete. */
+    /* Must be called when the list is complete. */
     void commit();
 
 private:
     void flush();
 
     std::string path_;
-    std::optional<NewFile> file_; /* none before the first block */
+    std::optional<NewFile> file_; /* empty before the first block */
     std::string text_;            /* not yet written */
     int64_t offset_ = 0;          /* of that text in the file */
 };

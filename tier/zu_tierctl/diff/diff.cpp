@@ -12,7 +12,7 @@ namespace tierctl {
 
 namespace {
 
-/* One of the two that are compared. */
+/* One of the two devices. */
 struct Side {
     explicit Side(const std::string &path)
         : device(path, Access::read_only), metadata(read_metadata(device)), unreadable(path)
@@ -32,7 +32,7 @@ public:
     {
     }
 
-    /* What is left of the run that was read last; count 0 at the end of the table. */
+    /* The rest of the run that was read last; count 0 at the end of the table. */
     const Slots &run()
     {
         if (run_.count == 0) {
@@ -41,8 +41,8 @@ public:
         return run_;
     }
 
-    /* The error number that says why the run's first slot cannot be read; 0: it can. A block that a
-     * saved file lacks reads as zeros. */
+    /* Why the run's first slot cannot be read, as an error number; 0: it can. A block that a saved
+     * file lacks reads as zeros. */
     int error() const
     {
         if (run_.data != nullptr && side_.unreadable.holds(name_, run_.first_no)) {

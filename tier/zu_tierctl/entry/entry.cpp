@@ -14,12 +14,12 @@ namespace {
 
 constexpr size_t BYTES_SHOWN = 32;
 
-/* Runs of bytes with no more than so many equal ones between them are told as one. */
+/* Runs of different bytes with at most so many equal bytes between them are shown as one. */
 constexpr size_t BYTES_JOINED = 8;
 
 constexpr const char ABSENT[] = "null";
 
-/* One of the parts that an entry has several of. */
+/* One of the repeated parts of an entry. */
 struct Part {
     uint64_t no;
     std::vector<Field> fields; /* a word of a bitmap is a single one, without a key */
@@ -110,7 +110,7 @@ std::vector<Field> flatten(const Entry &entry, Content content)
     return fields;
 }
 
-/* The comparison of two slots: which of their bits no difference has told yet. */
+/* The comparison of two slots: which of their bits are in no difference yet. */
 class Comparison {
 public:
     Comparison(const Entry &a, const Entry &b) : slots_{a.slot, b.slot}
@@ -182,7 +182,7 @@ private:
     std::vector<Difference> found_;
 };
 
-/* The field of that key, which is mostly at `hint`; null: there is none. */
+/* The field of that key, usually at `hint`; null: there is none. */
 const Field *find_field(const std::vector<Field> &fields, const std::string &key, size_t hint)
 {
     if (hint < fields.size() && fields[hint].key == key) {
@@ -200,7 +200,7 @@ void each_part(const Entry &entry, const std::function<void(uint32_t, const void
     const void *sb = entry.metadata.super();
     const uint32_t count = parts.count != nullptr ? parts.count(sb) : SIZE_4K / parts.size;
     for (uint32_t k = parts.first; k < count; k++) {
-        if (part_offset(entry, k) + parts.size > SIZE_4K) { /* the super block may say anything */
+        if (part_offset(entry, k) + parts.size > SIZE_4K) { /* the super block may hold anything */
             return;
         }
         alignas(uint64_t) std::array<uint8_t, 64> record;

@@ -27,8 +27,8 @@ std::string entry_text(const Entry &entry);
  * the parts describe it. `use` must not keep the record. */
 void each_part(const Entry &entry, const std::function<void(uint32_t k, const void *record)> &use);
 
-/* A field in which two entries differ. A part that entries have several of bears its number:
- * "te_bitmap[2]", "te_mapped_meta[3].begin", "sno[517].ino". */
+/* A field in which two entries differ. A repeated part bears its number: "te_bitmap[2]",
+ * "te_mapped_meta[3].begin", "sno[517].ino". */
 struct Difference {
     std::string key; /* or "bytes 170..4095" for what is in no field */
     std::string a;   /* JSON; bytes as a text of hexadecimal digits, the first 32 of them; */
@@ -36,8 +36,8 @@ struct Difference {
     std::optional<size_t> first_byte{}; /* of bytes in no field */
 };
 
-/* What makes two entries of the same table and layout differ: nothing is left out, and without
- * differences the slots are equal. */
+/* All differences of two entries of the same table and layout: none means that the slots are equal.
+ */
 std::vector<Difference> entry_differences(const Entry &a, const Entry &b);
 
 /* For people: a line for each, "  size: 1 -> 2". */

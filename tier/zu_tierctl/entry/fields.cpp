@@ -23,7 +23,7 @@ std::string time_text(uint64_t t_ns)
     return {text.data(), zutr_put_time(text.data(), t_ns)};
 }
 
-/* A time is printed without its fraction of a second, and in a zone that sets its clock. */
+/* A time is printed without its fraction of a second, and in a zone whose clock may change. */
 zutr_form exact_form(zutr_form form)
 {
     return form == zutr_form::time ? zutr_form::hex_and_time : form;

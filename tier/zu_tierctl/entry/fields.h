@@ -21,13 +21,13 @@ struct Field {
     uint64_t bits;
 };
 
-/* The number that a column shows of a record. */
+/* The number in a column of a record. */
 uint64_t column_number(const tier_column &column, const void *record);
 
 /* A number as JSON in one of the tool's forms. */
 std::string number_text(zutr_form form, uint64_t value);
 
-/* What a column shows of a record, as JSON. */
+/* The value in a column of a record, as JSON. */
 std::string column_text(const tier_column &column, const void *record);
 
 /* The fields of a record of which `stored` bytes lie at byte `at` of their slot. */

@@ -12,8 +12,7 @@ namespace tierctl {
 /* The block in which the super block lies. */
 struct alignas(uint64_t) Block : std::array<uint8_t, SIZE_4K> {};
 
-/* What a device says of itself: the layout of its super block, and the tables that this describes.
- */
+/* The layout of a device's super block, and the tables that it describes. */
 struct Metadata {
     const tier_layout *layout;
     Block super_block;
@@ -31,8 +30,8 @@ bool is_super(const tier_layout &layout, const Block &block);
 /* Reads the block in which the super block lies, whatever it holds. Throws. */
 Block read_super(const Device &device);
 
-/* Reads the super block and asks each layout, as the tool does, whether it is one of its own.
- * Throws when it cannot be read or is none. */
+/* Reads the super block and finds its layout as the tool does. Throws when it cannot be read or is
+ * of none. */
 Metadata read_metadata(const Device &device);
 
 } // namespace tierctl

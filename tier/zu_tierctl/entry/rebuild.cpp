@@ -40,7 +40,7 @@ private:
     FILE *stream_;
 };
 
-/* The tool's log goes to memory as long as this lives. */
+/* Sends the tool's log to memory during its lifetime. */
 class LogCapture {
 public:
     LogCapture() { zutr_redirect_log(log_.get(), errors_.get()); }

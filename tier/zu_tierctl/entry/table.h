@@ -19,11 +19,11 @@ enum Flaw : uint32_t {
 /* The name of the super block's table. */
 inline constexpr std::string_view SUPER_TABLE = "super";
 
-/* A table of a device: what its layout says of it, with the numbers of the device's super block. */
+/* A table of a device: its row in the layout, with the numbers of the device's super block. */
 struct Table {
     const tier_table *row;
     std::string_view name;
-    std::vector<tier_region> regions; /* each is numbered on from the one before */
+    std::vector<tier_region> regions; /* the numbers of each continue those of the one before */
     uint64_t record_length;
 
     Table(const tier_table &table, const void *sb);
@@ -43,11 +43,11 @@ struct Table {
     }
     bool in_use(const uint8_t *entry) const { return !row->in_use || row->in_use.get(entry) != 0; }
 
-    /* Whether a record fits its slot; a super block may be sealed and say otherwise. Of a table
-     * whose records do not fit nothing but the slots is known. */
+    /* Whether a record fits its slot; a sealed super block may say otherwise. Of a table whose
+     * records do not fit only the slots are known. */
     bool fits() const { return record_length >= TIER_CHECKSUM_SIZE && record_length <= SIZE_4K; }
 
-    /* Whether it also has all that identifies an entry. */
+    /* Whether magic, number and use also lie within a record. */
     bool identifies() const;
 
     /* Byte offset of the slot of entry `no`, which exists. */
@@ -63,7 +63,7 @@ struct Table {
 /* All tables of a device by its super block, in the order of the device. */
 std::vector<Table> tables_of(const tier_layout &layout, const void *sb);
 
-/* The one of that name; a usage error that lists those that there are when it is none of them. */
+/* The table of that name; throws a usage error, which lists the tables, when there is none. */
 const Table &find_table(const std::vector<Table> &tables, std::string_view name);
 
 /* The layout of that name; null when there is none. */

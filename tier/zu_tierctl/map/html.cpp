@@ -69,7 +69,7 @@ std::string element(std::string_view name, std::string_view content)
     return fmt::format("<{0}>{1}</{0}>", name, content);
 }
 
-/* Name and value stay together. */
+/* Name and value stay on one line. */
 std::string fact(const char *name, std::string_view value)
 {
     return value.empty() ? "" : element("div", element("dt", name) + element("dd", value)) + '\n';

@@ -27,7 +27,7 @@ constexpr MapAge AGES[] = {
     {"month", 30 * DAY}, {"year", 365 * DAY}, {"older", ANY},
 };
 
-/* No layout has more bricks; whatever refers to another number is counted together. */
+/* No layout has more bricks; references to other numbers are counted together. */
 constexpr size_t BRICKS = 300;
 constexpr uint16_t OTHER_BRICK = uint16_t{BRICKS};
 
@@ -37,7 +37,7 @@ std::string time_text(uint64_t nanoseconds)
     return {text.data(), zutr_put_time(text.data(), nanoseconds)};
 }
 
-/* For each entry of a table the brick for which it is in use. */
+/* For each entry of a table the brick that uses it. */
 class BrickNumbers {
 public:
     void set(uint64_t no, uint16_t brick)
@@ -74,7 +74,7 @@ public:
     void add_free(uint64_t no) override { add(no, &Counts::free); }
     void add_in_use(const EntryInUse &entry) override;
 
-    /* To be called when all tables have been read. */
+    /* Must be called when all tables have been read. */
     void finish();
 
 private:
@@ -105,9 +105,9 @@ private:
     const BrickNumbers *owners_ = nullptr;             /* of the table that this one refers to */
     BrickNumbers *own_ = nullptr;                      /* of this table */
     const tier_table *row_ = nullptr;                  /* this table */
-    const tier_table *bricks_row_ = nullptr; /* the table that refers to none, but is referred to */
-    tier_columns columns_;                   /* of this table */
-    bool is_owner_ = false;                  /* whether other tables refer to this one */
+    const tier_table *bricks_row_ = nullptr;           /* it refers to none; others refer to it */
+    tier_columns columns_;                             /* of this table */
+    bool is_owner_ = false;                            /* whether other tables refer to this one */
     std::vector<uint64_t> accesses_;
 };
 
@@ -164,7 +164,7 @@ void TableBuilder::add_in_use(const EntryInUse &entry)
     }
     uint16_t brick = owners_->get(*entry.owner);
     if (bricks_row_ != nullptr && row_->owner.table == bricks_row_->name) {
-        /* A brick that is not in use counts, too. */
+        /* A brick that is not in use counts as well. */
         brick = static_cast<uint16_t>(std::min<uint64_t>(*entry.owner, OTHER_BRICK));
         add_file(entry, bricks_[brick]);
     }

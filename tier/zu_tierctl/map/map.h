@@ -13,7 +13,7 @@
 
 namespace tierctl {
 
-/* What is drawn of a device. Its size does not grow with that of the device. */
+/* The content of a map. Its size does not grow with that of the device. */
 
 /* What a cell shows: the first of these that applies. */
 enum class Look { unreadable, damaged, finding, in_use, free };
@@ -28,7 +28,7 @@ struct MapCell {
 
     Look look() const;
 
-    /* How much of the cell is in use: 0 nothing, 1..7 more and more of it, 8 all. */
+    /* How much of the cell is in use: 0 nothing, 1..7 a part of it, 8 all. */
     unsigned level() const;
 };
 
@@ -41,10 +41,10 @@ struct MapTable {
     std::vector<MapCell> cells{};
 };
 
-/* What is in use for a brick. */
+/* What a brick uses. */
 struct MapBrick {
     std::string name; /* its number, or "other" */
-    std::string path; /* made printable; or why there is none */
+    std::string path; /* printable; or why there is none */
     bool in_use = false;
     uint64_t inodes = 0;
     uint64_t bytes = 0; /* sum of the sizes of these files, at most 2^64 - 1 */

@@ -214,7 +214,7 @@ void draw_table(const MapTable &table, Lines &lines)
     }
 }
 
-/* The end of a path says more than its start. */
+/* The end of a path tells more than its start. */
 std::string path_end(const std::string &path, size_t width)
 {
     return path.size() <= width ? path : "…" + path.substr(path.size() - width + 1);

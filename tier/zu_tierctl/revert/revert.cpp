@@ -14,7 +14,7 @@ namespace tierctl {
 
 namespace {
 
-/* Memory of one block, aligned for direct access. */
+/* One block of memory, aligned for direct access. */
 class Block {
 public:
     Block()
@@ -63,7 +63,8 @@ public:
     }
 
 private:
-    /* A super block that is to be put back may be damaged now: then only the sizes are compared. */
+    /* The super block on the device may be damaged when it is put back: then only the sizes are
+     * compared. */
     void require_same_device() const
     {
         const bool is_super = table_.name == SUPER_TABLE;
@@ -89,7 +90,7 @@ private:
         }
     }
 
-    /* A block that cannot be read now can perhaps be written. One outside the device cannot. */
+    /* A block that cannot be read may still be writable, unless it lies outside the device. */
     void load_now()
     {
         now_is_read_ = device_.read(offset_, now_.data(), SIZE_4K);
@@ -109,7 +110,7 @@ private:
         if (now_is_read_) {
             print_text(differences_text(entry_differences(now, then)));
         }
-        finish_output(); /* nothing is written before the operator could see what it replaces */
+        finish_output(); /* the operator must see what is replaced before it is written */
     }
 
     void write()

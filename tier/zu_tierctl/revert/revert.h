@@ -14,7 +14,7 @@ struct RevertOptions {
 };
 
 /* Shows an entry as it is on the device and as it was in a saved file and, with `commit`, puts its
- * block back. Throws, with nothing written, when the block must not be put back. */
+ * block back. Throws, without writing, when the block must not be put back. */
 void revert(const RevertOptions &options);
 
 } // namespace tierctl

@@ -48,7 +48,7 @@ tier_brick_info_t SampleCache::brick(uint32_t magic, uint64_t no)
     tier_brick_info_t brick{};
     brick.bi_magic = magic;
     brick.bi_no = static_cast<uint32_t>(no);
-    random_.uuid(brick.bi_uuid); /* a free brick has one, too */
+    random_.uuid(brick.bi_uuid); /* a free brick also has one */
     if (random_.in_use(no, sizes_[BRICKS])) {
         use_brick(&brick);
     }
@@ -88,7 +88,7 @@ void SampleCache::use_inode(tier_inode_t *inode)
     random_.uuid(inode->i_uuid);
     inode->i_priority = static_cast<uint32_t>(random_.below(8));
     inode->i_brick_no = bricks_[random_.below(bricks_.size())];
-    /* On average, the files in use then need about as many blocks as there are extents in use. */
+    /* On average, the files in use then need as many blocks as there are extents in use. */
     const uint64_t blocks = std::max(1U, sizes_[BLOCKS] / inode_sum_);
     inode->i_size = 1 + random_.below(2 * blocks * sizes_[BLOCK_SIZE]);
 

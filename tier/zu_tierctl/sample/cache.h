@@ -16,8 +16,7 @@
 
 namespace tierctl {
 
-/* What the samples of all layouts have in common: which files are cached and, in V1 and V2, where.
- */
+/* What the samples of all layouts share: which files are cached and, in V1 and V2, where. */
 
 constexpr uint64_t SAMPLE_CTIME = SAMPLE_YEAR_START * NANOSECONDS;
 

@@ -13,8 +13,8 @@
 
 namespace tierctl {
 
-/* Every kind but "zero" flips a single bit, which every checksum notices. After a flip in the magic
- * or in the number the slot is sealed again, so that nothing else is wrong. */
+/* Every kind but "zero" flips a single bit, which every checksum detects. After a flip in the magic
+ * or the number the slot is sealed again, so that nothing else is wrong. */
 struct DamageKind {
     std::string_view name;
     bool (*applies)(const Table &table);
@@ -74,8 +74,8 @@ std::vector<std::string_view> split(std::string_view text)
     }
 }
 
-/* The item called `name` among those of `list` that apply. `what` names the list in the complaint
- * about `text` when there is none. */
+/* The item called `name` among those of `list` that apply. If there is none, throws a complaint
+ * about `text` in which `what` names the list. */
 template <class List, class Applies>
 const auto &find(const List &list, std::string_view name, const std::string &text, const char *what,
                  const Applies &applies)

@@ -30,7 +30,7 @@ Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
         open_device(size);
         return;
     }
-    path_ = fs::canonical(path); /* a link stays: the file it leads to is replaced */
+    path_ = fs::canonical(path); /* the file that a link leads to is replaced, not the link */
     create(size, Naming::replace);
 }
 
@@ -77,7 +77,7 @@ void Image::commit()
 {
     if (file_) {
         file_->commit(naming_);
-    } else if (fsync(device_.get()) != 0) { /* a device reports failed writes only now */
+    } else if (fsync(device_.get()) != 0) { /* a device may report failed writes only now */
         throw_errno("cannot write " + path_);
     }
 }

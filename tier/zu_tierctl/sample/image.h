@@ -21,7 +21,7 @@ public:
     void read(int64_t offset, void *data, size_t length) const;
     void write(int64_t offset, const void *data, size_t length);
 
-    /* To be called when the image is complete. */
+    /* Must be called when the image is complete. */
     void commit();
 
 private:

@@ -80,7 +80,7 @@ const SampleLayout &choose_layout(const SampleOptions &options)
         return layout;
     }
     if (layout.for_conversion == nullptr) {
-        throw UsageError("--for-conversion: layout " + options.layout + " is not converted");
+        throw UsageError("--for-conversion: layout " + options.layout + " cannot be converted");
     }
     return *layout.for_conversion;
 }

@@ -42,7 +42,7 @@ SamplePlan plan_v1(const Sizes &sizes, uint64_t seed)
 
 } // namespace
 
-/* NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): the compiler sees to the order */
+/* NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): constinit needs no order */
 constinit const SampleLayout SAMPLE_LAYOUT_V1 = {"v1", CACHE_BOUNDS, plan_v1,
                                                  &SAMPLE_LAYOUT_FOR_CONVERSION};
 

@@ -19,7 +19,7 @@ constexpr uint64_t TIB = uint64_t{1} << 40;
 /* convert_super reads 1 MiB of extents. */
 constexpr uint32_t CONVERSION_BLOCKS_MIN = SIZE_1M / SIZE_4K;
 
-/* What a slot has room for besides the hot area and the largest number of mapped pieces. */
+/* The room that the hot area and the largest number of mapped pieces leave in a slot. */
 constexpr uint32_t EXTENT_SIZE_MAX =
     SIZE_4K - EXTENT_HOT_LEN * sizeof(tier_mapped_meta_v2_t) - TIER_HOT_SIZE_V2;
 
@@ -109,7 +109,7 @@ void SampleV2::fill_extent(uint64_t no, uint8_t *slot)
     put(slot, extent);
 }
 
-/* Lets the extent hold pieces of `held`: always the first, and most of the others. The first piece
+/* Puts pieces of `held` into the extent: always the first, and most of the others. The first piece
  * of an extent that is not clean is not clean either. */
 void SampleV2::fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t *slot)
 {
@@ -131,8 +131,8 @@ void SampleV2::fill_pieces(tier_extent_v2_t *extent, const Held &held, uint8_t *
     }
 }
 
-/* The part of `held` that lies in the piece `mapno`, with its offset within the block; without
- * pages when nothing does. */
+/* The part of `held` in the piece `mapno`, with its offset within the block; without pages when
+ * there is none. */
 tier_mapped_meta_v2_t SampleV2::piece(uint32_t mapno, const Held &held) const
 {
     const uint64_t pages = super_.sb_min_alloc_size / SIZE_4K;

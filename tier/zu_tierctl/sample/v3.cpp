@@ -182,8 +182,8 @@ tier_packed_block_v3_t SampleV3::extent_block(uint64_t no)
     return block;
 }
 
-/* Extents go through all addresses turn by turn. In each turn an address gets another shard, as
- * long as there are others: no two extents have the same address of the same shard. */
+/* Extents go through all addresses turn by turn. In each turn an address gets another shard, while
+ * there are others: no two extents have the same address of the same shard. */
 uint64_t SampleV3::extent()
 {
     Random &random = cache_.random();

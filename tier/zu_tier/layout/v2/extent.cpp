@@ -120,7 +120,7 @@ void __print_extent_v2(void *extent, const void *sb, int64_t offset, FILE *fp)
 
 int32_t __dump_extent_v2(int32_t no, void *obj, const char *delim, zutr_params_t *params)
 {
-    /* The entry goes by another name here than in the other tables. */
+    /* The entry has another name here than in the other tables. */
     /* GCOVR_EXCL_BR_START: the dump driver has them all */
     zutr_assert(no >= 0 && obj != nullptr && delim != nullptr && params != nullptr,
                 "no >= 0 && obj && delim && params");
@@ -189,8 +189,8 @@ int64_t parse_extent_from_json_v2(zutr_params_t *params, const cJSON *ext_cfg, v
     return tier_finish(in, TIER_EXTENT_TABLE_V2, &sb, extent, extent->te_reserved1);
 }
 
-/* Whether all pieces lie after the head and within the checksummed bytes: else nobody knows where
- * they are. */
+/* Whether all pieces lie after the head and within the checksummed bytes: otherwise their places
+ * are not known. */
 bool pieces_are_known(const tier_super_block_v2_t &sb)
 {
     const uint64_t end =

@@ -45,8 +45,8 @@ int32_t __dump_inode_v2(int32_t no, void *meta, const char *delim, zutr_params_t
     return tier_dump_inode(__func__, TIER_INODE_TABLE_V2, log_bad_inode, no, meta, delim, params);
 }
 
-/* The expansion inodes, numbered on from the regular ones. For a walk the driver takes their count,
- * for one entry the bound of its number. */
+/* The expansion inodes, whose numbers continue the regular ones. For a walk the driver takes their
+ * count, for one entry the bound of its number. */
 int32_t dump_exp_inodes(zutr_params_t *params, uint32_t count)
 {
     const tier_super_block_v2_t &sb = tier_super_v2(params->sb);

@@ -21,12 +21,12 @@ struct map_size_step {
 constexpr map_size_step MAP_SIZES[] = {
     {480 * GIB, 16384}, {1 * TIB, 32768}, {4 * TIB, 65536}, {UINT64_MAX, 131072}};
 
-/* The first readable MiB between the start of the extent table and the data: 256 slots, against
- * which every candidate is held. */
+/* The first readable MiB between the start of the extent table and the data: 256 slots, on which
+ * every candidate is tried. */
 zutr_buffer s_ext_buff;
 
-/* How often the probe reads on: over the whole extent table and 1 GiB more. The data offset, which
- * ends it, has not been checked yet and may be anything. */
+/* The most reads of the probe: over the whole extent table and 1 GiB more. The data offset, where
+ * it ends, has not been checked yet and may be anything. */
 uint64_t most_reads(const tier_super_block_v2_t &sb)
 {
     return (uint64_t{sb.sb_block_cnt} * SIZE_4K + GIB) / SIZE_1M;
@@ -61,8 +61,8 @@ int32_t read_extents(const tier_super_block_v2_t &sb, int32_t dev_fd)
     return -EIO;
 }
 
-/* The checksum of the slot at `at` of s_ext_buff under a record size that nobody has checked: it
- * covers what of the record lies in the buffer. */
+/* The checksum of the slot at `at` of s_ext_buff for an unchecked record size: it covers the part
+ * of the record that lies in the buffer. */
 uint32_t candidate_crc(uint32_t at, uint32_t size)
 {
     zutr_assert(size != 0, "ex && ex_size");

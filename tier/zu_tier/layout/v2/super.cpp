@@ -32,7 +32,7 @@ constexpr auto FIELDS =
                        zutr_field{"total_extent_size", &super_v2::sb_total_extent_size},
                    });
 
-/* A file of any version is read; which one it may be, the command decides. */
+/* A file of any version is read; the command decides which is allowed. */
 constexpr auto KEYS = tier_super_head_keys<super_v2>(0);
 
 /* Read from a description of a V2 super block, computed for an older one. */
@@ -55,7 +55,7 @@ constexpr zutr_key EXP_CNT_KEY = {"exp_inode_cnt", &exp_config::cnt, zutr_to_s64
 constexpr zutr_key EXP_MAGIC_KEY = {"exp_inode_magic", &exp_config::magic};
 constexpr zutr_key EXP_INUSE_KEY = {"exp_inode_inuse", &exp_config::inuse};
 
-/* What of the dump a repair file repeats as it is shown. */
+/* The fields of the dump that a repair file repeats as shown. */
 constexpr auto EXP_FIELDS = std::tuple{
     zutr_computed<super_v2>{EXP_CNT_KEY.name, exp_inode_cnt},
     zutr_field{EXP_MAGIC_KEY.name, &super_v2::sb_inode_exp_magic, zutr_form::hex},
@@ -84,7 +84,7 @@ constexpr tier_rule RULES[] = {
              tier_explain_extent_size(kind, to, sb);
          }
          if (sb.sb_total_extent_size > TIER_EXTENT_SIZE_MAX) {
-             to.add(kind, "extents have %u bytes in all, expected are up to %u",
+             to.add(kind, "extents have %u bytes in all, expected up to %u",
                     sb.sb_total_extent_size, TIER_EXTENT_SIZE_MAX);
          }
      }},
@@ -98,7 +98,7 @@ constexpr tier_rule RULES[] = {
                     tier_super_v2(p).sb_min_alloc_size, tier_super_v2(p).sb_block_size);
      },
      [](const void *p, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "mapped pieces are for %u bytes, expected are up to the %u of a block",
+         to.add(kind, "mapped pieces are for %u bytes, expected up to the %u of a block",
                 tier_super_v2(p).sb_min_alloc_size, tier_super_v2(p).sb_block_size);
      }},
     {{"bad_map"},
@@ -115,14 +115,14 @@ constexpr tier_rule RULES[] = {
      [](const void *p, const tier_kind &kind, tier_findings &to) {
          const super_v2 &sb = tier_super_v2(p);
          to.add(kind,
-                "an extent has %u mapped pieces of %u bytes in %u bytes, expected are up to %u "
+                "an extent has %u mapped pieces of %u bytes in %u bytes, expected up to %u "
                 "pieces and the product",
                 sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size, EXTENT_HOT_LEN);
      }},
     TIER_DATA_OFFSET_RULE<super_v2>,
     TIER_SSD_UUID_RULE<super_v2, &super_v2::sb_ssd_uuid>,
 
-    /* What the tool does not ask for. */
+    /* Rules that the tool does not test. */
     {{"odd_extent_length", tier_severity::warning},
      [](const void *p) {
          const super_v2 &sb = tier_super_v2(p);
@@ -142,7 +142,7 @@ constexpr tier_rule RULES[] = {
      },
      nullptr,
      [](const void *p, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "mapped pieces have %u bytes, usual are %zu: they are not checked",
+         to.add(kind, "mapped pieces have %u bytes, not %zu: they are not checked",
                 tier_super_v2(p).sb_size_mapped_meta, sizeof(tier_mapped_meta_v2_t));
      }},
     {{"odd_expansion", tier_severity::warning},
@@ -158,7 +158,7 @@ constexpr tier_rule RULES[] = {
      [](const void *p, const tier_kind &kind, tier_findings &to) {
          const super_v2 &sb = tier_super_v2(p);
          to.add(kind,
-                "the expansion inode area has magic 0x%x, size %u and use 0x%x, usual are 0x%x, a "
+                "the expansion inode area has magic 0x%x, size %u and use 0x%x, expected 0x%x, a "
                 "size and 0x%x or 0, or three zeros",
                 sb.sb_inode_exp_magic, sb.sb_inode_exp_area, sb.sb_inode_exp_inuse,
                 TIER_EXP_MAGIC_V2, TIER_EXP_INUSE_V2);

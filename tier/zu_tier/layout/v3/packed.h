@@ -26,7 +26,7 @@ struct tier_packed_entry_v3 {
     uint64_t no;
 };
 
-/* The filter as a question to a word: an entry passes when its bits under the mask are these. */
+/* The filter as a test of a word: an entry passes when its bits under the mask are these. */
 struct tier_packed_filter {
     uint64_t mask = 0;
     uint64_t bits = 0;
@@ -73,7 +73,7 @@ int32_t tier_dump_packed(const char *func, int32_t no, const tier_packed_block_v
             *to++ = '}';
             separator = 2;
         } else {
-            out.advance(to); /* the line comes after what precedes it */
+            out.advance(to); /* the log line follows the text before it */
             out.flush();
             to = out.room(ROOM);
             /* The number is the block's. */
@@ -86,11 +86,11 @@ int32_t tier_dump_packed(const char *func, int32_t no, const tier_packed_block_v
     return 0;
 }
 
-/* Reads where a block goes, which must be from byte `begin` of the device up to, but not at, `end`.
- */
+/* Reads the place of a block, which must lie from byte `begin` of the device up to `end`,
+ * exclusive. */
 int64_t tier_read_meta_offset(zutr_json_reader &in, uint64_t begin, uint64_t end);
 
-/* Reads the entries of a block, one after the other: has `read` read each entry into its word. */
+/* Reads the entries of a block in order: `read` reads each into its word. */
 using tier_read_packed_entry = void (*)(zutr_json_reader &in, tier_packed_entry_v3 *entry);
 void tier_read_packed(zutr_json_reader &in, const tier_packed_table_v3 &table,
                       tier_read_packed_entry read, tier_packed_block_v3_t *block);

@@ -144,7 +144,7 @@ constexpr tier_rule RULES[] = {
                     tier_super_v3(sb).sb_sb_size);
      },
      [](const void *sb, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "the super block area has %lu bytes, expected are %u",
+         to.add(kind, "the super block area has %lu bytes, expected %u",
                 tier_super_v3(sb).sb_sb_size, TIER_SB_AREA_SIZE_V3);
      }},
     {{"bad_block_size"},
@@ -177,12 +177,12 @@ constexpr tier_rule RULES[] = {
      },
      [](const void *p, const tier_kind &kind, tier_findings &to) {
          const super_v3 &sb = tier_super_v3(p);
-         to.add(kind, "the data area has %lu bytes, expected are %lu blocks of %lu",
+         to.add(kind, "the data area has %lu bytes, expected %lu blocks of %lu",
                 sb.sb_block_area_size, sb.sb_block_cnt, sb.sb_block_size);
      }},
     TIER_SSD_UUID_RULE<super_v3, &super_v3::sb_cdev_uuid>,
 
-    /* What the tool does not ask for. From the shards on a table ends, for its repair, where the
+    /* Rules that the tool does not test. For a repair, a table from the shards on ends where the
      * next one begins. */
     {{"areas_out_of_order"},
      [](const void *p) {
@@ -193,8 +193,7 @@ constexpr tier_rule RULES[] = {
      },
      nullptr,
      [](const void *, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "expected is that shard table, hot table, extent table and data area follow "
-                      "one another");
+         to.add(kind, "shard table, hot table, extent table and data area are not in this order");
      }},
 };
 
