@@ -34,9 +34,11 @@ uint64_t slots_on_device(const tier_region &region, uint64_t size)
 
 } // namespace
 
+/* A FIFO is refused like all else that is no device, without waiting for its other end. */
 Device::Device(const std::string &path, Access access)
-    : path_(path), fd_(open_direct(path, access == Access::exclusive ? O_RDWR | O_EXCL | O_CLOEXEC
-                                                                     : O_RDONLY | O_CLOEXEC))
+    : path_(path),
+      fd_(open_direct(path, (access == Access::exclusive ? O_RDWR | O_EXCL : O_RDONLY) |
+                                O_NONBLOCK | O_CLOEXEC))
 {
     struct stat status {};
     if (fd_.get() < 0 || fstat(fd_.get(), &status) != 0) {
