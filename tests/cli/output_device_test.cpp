@@ -1,15 +1,52 @@
-// Output to block devices: never to the one that is read, whatever name it goes by.
+// Output and log never go to the device itself, whatever name it goes by.
 
 #include "expect.h"
 #include "loop_device.h"
 #include "v1_device.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 using namespace tier_test;
 
 namespace {
+
+// A run with the device as its log, which stands before or after it, is refused.
+void expect_log_refused(const std::string &device, const std::string &log, const TempDir &directory)
+{
+    ASSERT_TRUE(default_log_is_missing());
+    const std::string conf = directory.write("conf", R"({"bi_use":0,"bi_no":0})");
+    const LogLine refusal = error_line("zutr_prepare_param", "cannot open log file " + log +
+                                                                 ", error:Device or resource busy");
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"-c", "dump_super"}, {"-c", "repair_brick", "-f", conf, "-y"}}) {
+        for (const std::vector<std::string> &files :
+             {std::vector<std::string>{"-p", device, "-l", log}, {"-l", log, "-p", device}}) {
+            for (const bool first : {false, true}) {
+                std::vector<std::string> args = files;
+                args.insert(first ? args.begin() : args.end(), command.begin(), command.end());
+                SCOPED_TRACE(testing::PrintToString(args));
+                const RunResult run = run_tool(args);
+                EXPECT_EQ(run.status, 22) << run;
+                EXPECT_EQ(run.out, "");
+                EXPECT_EQ(parse_log(run.err), Log{refusal});
+            }
+        }
+    }
+}
+
+TEST(LogDevice, ImageUnderAnyName)
+{
+    const Device device = make_v1_device(super_v1(1, 1, 1), {brick_used(0)});
+    const TempDir &directory = device.directory();
+    const std::vector<std::uint8_t> before = device.bytes();
+    std::filesystem::create_hard_link(device.path(), directory.path("link"));
+    std::filesystem::create_symlink(device.path(), directory.path("symlink"));
+    for (const std::string name : {"device", "link", "symlink"})
+        expect_log_refused(device.path(), directory.path(name), directory);
+    EXPECT_EQ(device.bytes(), before);
+}
 
 class OutputDevice : public testing::Test {
 protected:
@@ -39,11 +76,13 @@ TEST_F(OutputDevice, DeviceUnderAnotherName)
     const std::string node = device.directory().path("node");
     ASSERT_EQ(mknod(node.c_str(), S_IFBLK | 0600, status.st_rdev), 0);
     const std::vector<std::uint8_t> before = device.bytes();
-    for (const std::string &out : {loop->path(), node})
+    for (const std::string &out : {loop->path(), node}) {
         expect_run(dump_to(out),
                    {.status = 22,
                     .log = {error_line("zutr_prepare_param",
                                        "open path " + out + " failed:Device or resource busy")}});
+        expect_log_refused(loop->path(), out, device.directory());
+    }
     EXPECT_EQ(device.bytes(), before);
 }
 

@@ -167,15 +167,6 @@ TEST_P(MapTerminal, ColumnsBeforeTheSizeOfTheTerminal)
               map_of_width(cache.device.path(), 1000));
 }
 
-TEST_P(MapTerminal, OutputThatCannotBeWritten)
-{
-    RunOptions options;
-    options.stdout_path = "/dev/full";
-    const RunResult run = run_ctl({"map", cache.device.path()}, options);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, "zu_tierctl: cannot write standard output: No space left on device\n");
-}
-
 class MapPicture : public MapTerminal {};
 
 INSTANTIATE_TEST_SUITE_P(Layout, MapPicture, testing::Values("v1"),

@@ -211,14 +211,6 @@ TEST_F(SampleFile, BlockDeviceIsWrittenInPlace)
     }
 }
 
-TEST_F(SampleFile, MissingDirectory)
-{
-    const std::string target = directory.path("none/image");
-    expect_failure(run_sample(target, SMALL_FILE), 1,
-                   "cannot create " + target + ": No such file or directory");
-    EXPECT_EQ(names(), std::vector<std::string>{});
-}
-
 TEST_F(SampleFile, FailureLeavesNothingBehind)
 {
     const std::string limited = "trap '' XFSZ; ulimit -S -f 100; exec \"$@\"";

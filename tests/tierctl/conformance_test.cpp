@@ -1,0 +1,225 @@
+// What every command of the companion stands: bad command lines, and inputs and outputs that are
+// none. It ends with the status that the manual gives, says why, and leaves every file as it was.
+
+#include "cache.h"
+#include "conformance.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+
+using namespace tier_test;
+
+namespace {
+
+constexpr char OUT[] = "out"; // names a file to be created
+
+// Runs on two images, "device" and "saved", of which the first has a damaged inode 2.
+struct Command {
+    std::vector<std::string> args;
+    std::string last; // the operand that is missing without the last argument
+    int failed = 1;
+    int done = 0;
+    bool prints = true;
+    bool writes = false; // the device
+};
+
+const std::vector<Command> COMMANDS{
+    {{"check", "device"}, "DEVICE", 2, 1},
+    {{"check", "--json", "device"}, "DEVICE", 2, 1},
+    {{"save", "device", OUT}, "FILE", 1, 0, false},
+    {{"template", "device", "inode", "2"}, "NO"},
+    {{"revert", "saved", "device", "inode", "2"}, "NO"},
+    {{"revert", "--commit", "saved", "device", "inode", "2"}, "NO", 1, 0, true, true},
+    {{"diff", "saved", "device"}, "B", 2, 1},
+    {{"diff", "--json", "saved", "device"}, "B", 2, 1},
+    {{"map", "device"}, "DEVICE"},
+    {{"map", "--html", OUT, "device"}, "DEVICE", 1, 0, false},
+    {{"sample", "--layout", "v1", OUT}, "FILE", 1, 0, false},
+};
+
+// An input, and what is said of the path.
+struct Input {
+    std::string kind;
+    std::string complaint; // empty: none
+    std::string complaint_of_writing = complaint;
+};
+
+const std::string NONE = "cannot read the super block of %: No such device or address";
+const std::string NEITHER = "% is neither a regular file nor a block device";
+
+const std::vector<Input> INPUTS{
+    {"missing", "cannot open %: No such file or directory"},
+    {"unreadable", "cannot open %: Permission denied"},
+    {"tiny", NONE},
+    {"empty", NONE},
+    {"random", "% has no super block of a known layout"},
+    {"read-only", "", "cannot open %: Permission denied"},
+    {"directory", NEITHER, "cannot open %: Is a directory"},
+    {"fifo", NEITHER},
+    {"/dev/null", NEITHER},
+    {"/dev/zero", NEITHER},
+};
+
+std::string of_path(std::string complaint, const std::string &path)
+{
+    return "zu_tierctl: " + complaint.replace(complaint.find('%'), 1, path) + "\n";
+}
+
+class Conformance : public testing::Test {
+protected:
+    const Cache cache = make_cache("v1");
+    const TempDir &directory = cache.device.directory();
+    const std::string bad = directory.path("bad");
+
+    void SetUp() override
+    {
+        std::filesystem::copy_file(path("device"), path("saved"));
+        damage();
+    }
+
+    void damage() const { flip(cache.device, cache.offset("inode", 2) + 60); }
+    std::string path(const std::string &name) const { return directory.path(name); }
+
+    // The arguments with the paths of the files, the one at `place` replaced by the bad one.
+    std::vector<std::string> args_of(const Command &command, std::size_t place = 0) const
+    {
+        std::vector<std::string> args = command.args;
+        for (std::string &arg : args)
+            if (arg == "device" || arg == "saved" || arg == OUT)
+                arg = path(arg);
+        if (place != 0)
+            args[place] = bad;
+        return args;
+    }
+
+    // A run that fails leaves every file as it was. One that is done leaves its output, which is
+    // removed, or what it has committed, which is undone.
+    RunResult run(const std::vector<std::string> &args, int status, bool failed = true,
+                  const std::string &output = {}) const
+    {
+        SCOPED_TRACE(testing::PrintToString(args) + output);
+        const auto before = files_in(directory);
+        RunResult run = run_as_user(ZU_TIERCTL, args, output);
+        EXPECT_FALSE(run.timed_out);
+        EXPECT_EQ(run.status, status) << run;
+        auto after = files_in(directory);
+        if (failed) {
+            EXPECT_EQ(run.out, "");
+            EXPECT_TRUE(run.err.starts_with("zu_tierctl: ")) << run;
+        } else {
+            EXPECT_EQ(std::filesystem::remove(path(OUT)), std::ranges::count(args, path(OUT)) == 1);
+            if (std::ranges::count(args, "--commit") != 0) {
+                EXPECT_EQ(after.at("device"), after.at("saved"));
+                damage();
+            }
+            after = files_in(directory);
+        }
+        EXPECT_TRUE(after == before);
+        return run;
+    }
+};
+
+TEST_F(Conformance, CoversEveryCommand)
+{
+    std::set<std::string> covered;
+    for (const Command &command : COMMANDS)
+        covered.insert(command.args.front());
+    std::set<std::string> helped;
+    const std::string help = run({"--help"}, 0, false).out;
+    for (const std::string &line : lines_of(help.substr(help.find("Subcommands:") + 13)))
+        if (line.starts_with("  "))
+            helped.insert(line.substr(2, line.find(' ', 2) - 2));
+    EXPECT_EQ(covered, helped);
+    const std::string manual = read_file(MANUALS "/zu_tierctl.8");
+    std::set<std::string> described;
+    const std::regex section("\n\\.Ss (\\w+)\n");
+    for (std::sregex_iterator at(manual.begin(), manual.end(), section), none; at != none; ++at)
+        described.insert(at->str(1));
+    EXPECT_EQ(covered, described);
+}
+
+TEST_F(Conformance, CommandLines)
+{
+    EXPECT_TRUE(run({"--version"}, 0, false).out.starts_with("zu_tierctl "));
+    expect_complaint(run({}, 2), 2, "A subcommand is required");
+    for (const Command &command : COMMANDS) {
+        const std::string &name = command.args.front();
+        const std::string help = run({name, "--help"}, 0, false).out;
+        EXPECT_NE(help.find("\nUsage: zu_tierctl " + name + " "), std::string::npos) << help;
+        run({name}, 2);
+        std::vector<std::string> args = args_of(command);
+        args.emplace_back("--bogus");
+        EXPECT_NE(run(args, 2).err.find("--bogus"), std::string::npos);
+        args.back() = "superfluous";
+        EXPECT_NE(run(args, 2).err.find("superfluous"), std::string::npos);
+        args.resize(args.size() - 2);
+        expect_complaint(run(args, 2), 2, command.last + " is required");
+    }
+}
+
+TEST_F(Conformance, Inputs)
+{
+    for (const Command &command : COMMANDS) {
+        for (std::size_t i = 1; i < command.args.size(); ++i) {
+            const std::string &good = command.args[i];
+            if (good != "device" && good != "saved")
+                continue;
+            const bool written = command.writes && good == "device";
+            for (const Input &input : INPUTS) {
+                lay(input.kind, path(good), bad);
+                const auto &complaint = written ? input.complaint_of_writing : input.complaint;
+                const bool failed = !complaint.empty();
+                const RunResult ended =
+                    run(args_of(command, i), failed ? command.failed : command.done, failed);
+                if (failed) {
+                    EXPECT_EQ(ended.err, of_path(complaint, bad));
+                }
+            }
+        }
+    }
+}
+
+// Nothing that is there is replaced.
+TEST_F(Conformance, OutputFiles)
+{
+    for (const Command &command : COMMANDS) {
+        const auto out = std::ranges::find(command.args, OUT) - command.args.begin();
+        if (out == std::ssize(command.args))
+            continue;
+        const auto place = static_cast<std::size_t>(out);
+        for (const Input &input : INPUTS) {
+            lay(input.kind, path("device"), bad);
+            if (input.kind != "missing") {
+                EXPECT_NE(run(args_of(command, place), 1).err.find(bad), std::string::npos);
+            }
+        }
+        std::vector<std::string> args = args_of(command);
+        for (const std::string &target : {path("none/out"), std::string("/proc/out")}) {
+            args[place] = target;
+            expect_complaint(run(args, 1), 1,
+                             "cannot create " + target + ": No such file or directory");
+        }
+    }
+}
+
+TEST_F(Conformance, StandardOutput)
+{
+    for (const Command &command : COMMANDS) {
+        EXPECT_EQ(run(args_of(command), command.done, false).out.empty(), !command.prints);
+        for (const auto &[output, reason] : BAD_OUTPUTS) {
+            const int status = command.prints ? command.failed : command.done;
+            const RunResult ended = run(args_of(command), status, command.prints, output);
+            if (command.prints) {
+                EXPECT_TRUE(std::regex_match(
+                    ended.err,
+                    std::regex("zu_tierctl: cannot write (to )?standard output: " + reason + "\n")))
+                    << ended;
+            }
+        }
+    }
+}
+
+} // namespace
