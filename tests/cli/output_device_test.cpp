@@ -19,10 +19,12 @@ void expect_log_refused(const std::string &device, const std::string &log, const
     const std::string conf = directory.write("conf", R"({"bi_use":0,"bi_no":0})");
     const LogLine refusal = error_line("zutr_prepare_param", "cannot open log file " + log +
                                                                  ", error:Device or resource busy");
-    for (const std::vector<std::string> &command :
-         {std::vector<std::string>{"-c", "dump_super"}, {"-c", "repair_brick", "-f", conf, "-y"}}) {
-        for (const std::vector<std::string> &files :
-             {std::vector<std::string>{"-p", device, "-l", log}, {"-l", log, "-p", device}}) {
+    using Args = std::vector<std::string>;
+    for (const Args &command :
+         {Args{"-c", "dump_super"}, Args{"-c", "repair_brick", "-f", conf, "-y"}}) {
+        /* What stands between them must not be logged into the device either. */
+        for (const Args &files : {Args{"-p", device, "-l", log}, Args{"-l", log, "-p", device},
+                                  Args{"-l", log, "-c", "unknown", "-p", device}}) {
             for (const bool first : {false, true}) {
                 std::vector<std::string> args = files;
                 args.insert(first ? args.begin() : args.end(), command.begin(), command.end());

@@ -45,8 +45,35 @@ int32_t parse_int32(const char *text)
     return static_cast<int32_t>(strtoul(text, nullptr, 0));
 }
 
-/* Takes one option; 0, USAGE_PRINTED or a negative errno. */
-int32_t apply_option(int option_char, int argc, char *argv[], zutr_params_t *params)
+/* Whether both are the same file or the same volume. */
+bool is_same(const struct stat &one, const struct stat &other)
+{
+    const bool same_file = one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+    const bool same_volume =
+        S_ISBLK(one.st_mode) && S_ISBLK(other.st_mode) && one.st_rdev == other.st_rdev;
+    return same_file || same_volume;
+}
+
+bool is_same_path(const char *one, const char *other)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return stat(one, &first) == 0 && stat(other, &second) == 0 && is_same(first, second);
+}
+
+/* A log must never be written to the device. */
+bool open_log(const char *path, const char *device)
+{
+    if (device != nullptr && is_same_path(path, device)) {
+        errno = EBUSY;
+        return false;
+    }
+    return zutr_set_log_file(path);
+}
+
+/* Takes one option of a command line that names `device`; 0, USAGE_PRINTED or a negative errno. */
+int32_t apply_option(int option_char, int argc, char *argv[], const char *device,
+                     zutr_params_t *params)
 {
     switch (option_char) {
     case 'h':
@@ -87,7 +114,7 @@ int32_t apply_option(int option_char, int argc, char *argv[], zutr_params_t *par
         params->commit = 1;
         return 0;
     case 'l':
-        if (!zutr_set_log_file(optarg)) {
+        if (!open_log(optarg, device)) {
             zutr_error(FUNC, "cannot open log file %s, error:%s", optarg, strerror(errno));
             return -EINVAL;
         }
@@ -98,44 +125,29 @@ int32_t apply_option(int option_char, int argc, char *argv[], zutr_params_t *par
     }
 }
 
-/* Whether both are the same file or the same volume. */
-bool is_same(const struct stat &one, const struct stat &other)
+/* The device that the command line names, wherever its option stands; null: none. */
+const char *find_device(int argc, char *argv[])
 {
-    const bool same_file = one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-    const bool same_volume =
-        S_ISBLK(one.st_mode) && S_ISBLK(other.st_mode) && one.st_rdev == other.st_rdev;
-    return same_file || same_volume;
-}
-
-bool is_same_path(const char *one, const char *other)
-{
-    struct stat first = {};
-    struct stat second = {};
-    return stat(one, &first) == 0 && stat(other, &second) == 0 && is_same(first, second);
-}
-
-/* A log must never be written to the device; nothing has been written yet. */
-int32_t refuse_log(const char *path)
-{
-    zutr_close_log();
-    zutr_error(FUNC, "cannot open log file %s, error:%s", path, strerror(EBUSY));
-    return -EINVAL;
+    const char *path = nullptr;
+    int option_char = 0;
+    optind = 0; /* start over, so that one process may parse several command lines */
+    opterr = 0; /* the next reading complains */
+    while ((option_char = getopt_long(argc, argv, SHORT_OPTIONS, longopts.data(), nullptr)) != -1) {
+        path = option_char == 'p' ? optarg : path;
+    }
+    optind = 0;
+    opterr = 1;
+    return path;
 }
 
 int32_t read_options(int argc, char *argv[], zutr_params_t *params)
 {
-    optind = 0; /* start over, so that one process may parse several command lines */
+    const char *device = find_device(argc, argv);
     int32_t ret = 0;
     int option_char = 0;
-    const char *log_path = nullptr;
     while (ret == 0 &&
            (option_char = getopt_long(argc, argv, SHORT_OPTIONS, longopts.data(), nullptr)) != -1) {
-        ret = apply_option(option_char, argc, argv, params);
-        log_path = option_char == 'l' ? optarg : log_path;
-        if (ret == 0 && log_path != nullptr && params->dev_path != nullptr &&
-            is_same_path(log_path, params->dev_path)) {
-            ret = refuse_log(log_path);
-        }
+        ret = apply_option(option_char, argc, argv, device, params);
     }
     return ret;
 }

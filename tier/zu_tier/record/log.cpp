@@ -128,17 +128,11 @@ FILE *zutr_get_logger()
 
 bool zutr_set_log_file(const char *path)
 {
-    zutr_close_log();
-    g_log_fp = fopen(path, "a");
-    return g_log_fp != nullptr;
-}
-
-void zutr_close_log()
-{
     if (g_log_fp != nullptr) {
         fclose(g_log_fp);
-        g_log_fp = nullptr;
     }
+    g_log_fp = fopen(path, "a");
+    return g_log_fp != nullptr;
 }
 
 void zutr_redirect_log(FILE *log, FILE *errors)

@@ -52,9 +52,6 @@ FILE *zutr_get_logger();
  * opened; then the default log file is tried again. */
 bool zutr_set_log_file(const char *path);
 
-/* Closes the log file; the default log file is tried again. */
-void zutr_close_log();
-
 /* Sends what is meant for the log to `log`, and what is meant for standard error to `errors`, until
  * it is called with null for both. The caller owns the streams. */
 void zutr_redirect_log(FILE *log, FILE *errors);
