@@ -22,7 +22,7 @@ void expect_log_refused(const std::string &device, const std::string &log, const
     using Args = std::vector<std::string>;
     for (const Args &command :
          {Args{"-c", "dump_super"}, Args{"-c", "repair_brick", "-f", conf, "-y"}}) {
-        /* What stands between them must not be logged into the device either. */
+        // What stands between them must not be logged into the device either.
         for (const Args &files : {Args{"-p", device, "-l", log}, Args{"-l", log, "-p", device},
                                   Args{"-l", log, "-c", "unknown", "-p", device}}) {
             for (const bool first : {false, true}) {
