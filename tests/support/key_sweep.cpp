@@ -349,12 +349,16 @@ void KeySweep::expect_document(const std::string &document)
 
 void KeySweep::expect_parsed(const std::string &document, const Parsed &expected, bool forced)
 {
-    // Of a free brick the identity is known once it is written. Direct writing takes no place
-    // within a sector.
+    // Of a free brick the identity is known once it is written.
     const bool dry_too = expected.block && !(table.makes_uuid && expected.is_free);
     if (dry_too)
         expect_run_of(document, expected, forced, false);
     expect_run_of(document, expected, forced, true);
+}
+
+bool KeySweep::is_writable(std::int64_t place) const
+{
+    return place % 512 == 0 && static_cast<std::uint64_t>(place) < device.size();
 }
 
 Log KeySweep::log_of(const Parsed &expected, bool commit) const
@@ -364,13 +368,14 @@ Log KeySweep::log_of(const Parsed &expected, bool commit) const
         text(", cmd:%d, dev:%s, conf:%s", table.repair_code, device.path().c_str(), conf.c_str());
     Log log = probe_log(device, table.repair, table.version, {.repair_conf = conf}, expected.log);
     if (!expected.block)
-        log.push_back(error_line("zutr_repair_common", "parse meta info failed:-22" + where));
+        log.push_back(error_line("zutr_repair_common",
+                                 text("parse meta info failed:-%d", expected.status) + where));
     else if (!commit)
         log.push_back(
             debug_line("zutr_repair_common", text("'commit' flag not set, won't write dev. cmd:%d, "
                                                   "conf:%s",
                                                   table.repair_code, conf.c_str())));
-    else if (expected.place % 512 != 0)
+    else if (!is_writable(expected.place))
         log.push_back(
             error_line("zutr_repair_common",
                        text("write meta on offset %ld failed:-1", expected.place) + where));
@@ -386,7 +391,7 @@ void KeySweep::expect_run_of(const std::string &document, const Parsed &expected
         args.emplace_back("-F");
     if (commit)
         args.emplace_back("-y");
-    const bool written = commit && expected.block && expected.place % 512 == 0;
+    const bool written = commit && expected.block && is_writable(expected.place);
     const auto place = static_cast<std::uint64_t>(expected.place);
     Block old{};
     if (written) { // nothing of what the slot held may stay
@@ -410,7 +415,7 @@ void KeySweep::expect_run_of(const std::string &document, const Parsed &expected
         seal(table, sample.super, block);
     }
     if (!expected.block)
-        wanted.status = 22;
+        wanted.status = expected.status;
     else if (commit && !written)
         wanted.status = 5;
     else if (!table.takes_place)

@@ -51,7 +51,7 @@ std::vector<std::string> values_of_other_types(SweptKey::Type type);
 
 class KeySweep : public testing::TestWithParam<const RepairSample *> {
 protected:
-    const RepairSample &sample = *GetParam();
+    RepairSample sample = *GetParam();
     const TableModel &table = *sample.table;
     Device device = sample.device();
 
@@ -74,8 +74,12 @@ protected:
     void expect_any_case();
     void expect_numbers(const std::vector<std::string> &numbers);
 
-private:
+    // The same of a text that the model does not read.
     void expect_parsed(const std::string &document, const Parsed &expected, bool forced);
+
+private:
+    // The device has that place, and direct writing takes it.
+    bool is_writable(std::int64_t place) const;
     void expect_run_of(const std::string &document, const Parsed &expected, bool forced,
                        bool commit);
     Log log_of(const Parsed &expected, bool commit) const;

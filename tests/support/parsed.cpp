@@ -168,8 +168,10 @@ private:
             result_.place = SUPER_OFFSET;
         else if (!table_.takes_place)
             result_.place = entry_place();
-        if (result_.place < 0)
+        if (result_.place < 0) {
+            result_.status = 14;
             throw Refusal{text("entry offset %ld is invalid", result_.place)};
+        }
         seal(table_, super_, block_);
         result_.block = block_;
     }

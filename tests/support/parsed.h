@@ -18,6 +18,7 @@ std::vector<std::string> json_items(std::string_view array);
 Uuid shown_uuid(const std::string &line);
 
 struct Parsed {
+    int status = 22; // of a file that is refused
     Log log{}; // of the parser: a line for each key that is accepted, and why the file is refused
     // What is written, and where; without the identity that the tool makes up itself.
     std::optional<Block> block{};
