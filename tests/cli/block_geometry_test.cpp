@@ -26,7 +26,7 @@ protected:
     void set_start(std::uint64_t start)
     {
         SuperV3 changed = super;
-        changed.*table.start = start;
+        changed.*table.start_at = start;
         set_super(changed);
     }
 
@@ -34,7 +34,7 @@ protected:
     void set_count(std::uint64_t count)
     {
         SuperV3 changed = super;
-        changed.*table.count = count;
+        changed.*table.count_at = count;
         set_super(changed);
     }
 
@@ -49,7 +49,7 @@ protected:
     {
         const LogLine refusal =
             error_line("zutr_dump_common",
-                       text("invalid %s %lu, max cnt:%lu", table.block_key.c_str(), count, count));
+                       text("invalid %s %lu, max cnt:%lu", table.number_key.c_str(), count, count));
         expect_run(run({"-n", std::to_string(count)}),
                    {.status = 22,
                     .out = "",
@@ -117,7 +117,7 @@ TYPED_TEST(BlockGeometry, NoBlocksOrTooManyAbort)
 
 TYPED_TEST(BlockGeometry, StartFollowsTheSuperBlock)
 {
-    this->set_start(this->super.*this->table.start + 4096);
+    this->set_start(this->super.*this->table.start_at + 4096);
     this->set_count(3 * TypeParam::PER_BLOCK);
     this->expect_blocks(3);
 }
@@ -126,14 +126,14 @@ TYPED_TEST(BlockGeometry, SizesAndPlacesOfTheOtherAreasDoNotMatter)
 {
     SuperV3 changed = this->super;
     changed.shard_table_size = changed.extent_table_size = 1;
-    changed.*this->table.end = 0;
+    changed.*this->table.end_at = 0;
     this->set_super(changed);
     this->expect_blocks(4);
 }
 
 TYPED_TEST(BlockGeometry, StartOffTheBlockBoundaryAborts)
 {
-    const std::uint64_t start = this->super.*this->table.start;
+    const std::uint64_t start = this->super.*this->table.start_at;
     for (const std::uint64_t by : {1U, 512U, 4095U}) {
         SCOPED_TRACE(by);
         this->set_start(start + by);
@@ -147,7 +147,7 @@ TYPED_TEST(BlockGeometry, BlocksBehindAllOffsetsCannotBeRead)
     this->set_start(std::uint64_t{1} << 63);
     std::vector<std::string> records;
     for (const int no : {0, 1, 2, 3})
-        records.push_back(error_record(5, this->table.block_key.c_str(), no,
+        records.push_back(error_record(5, this->table.number_key.c_str(), no,
                                        std::numeric_limits<std::int64_t>::min() + no * 4096));
     const LoggedRun walk = this->run();
     EXPECT_EQ(walk.status, 0);
@@ -158,7 +158,7 @@ TYPED_TEST(BlockGeometry, BlocksBehindAllOffsetsCannotBeRead)
 // Those past the end of the device. The filter by use does not hide unreadable blocks.
 TYPED_TEST(BlockGeometry, BlocksThatCannotBeRead)
 {
-    const char *key = this->table.block_key.c_str();
+    const char *key = this->table.number_key.c_str();
     const auto offset = [&](std::uint64_t no) { return this->table.offset(this->super, no); };
     this->device.truncate(static_cast<std::uint64_t>(offset(2)));
     Log log{debug_line("zutr_dump_common",

@@ -70,16 +70,13 @@ protected:
         Entry result;
         result.slot = slot;
         result.in_use = in_use;
-        result.*table.owner = owner;
+        result.*table.owner_at = owner;
         return result;
     }
 
     std::int64_t offset(std::uint64_t no) const { return table.offset(super, no); }
 
-    LogLine fault(std::uint64_t no) const
-    {
-        return error_line(table.formatter, table.fault(no, damaged.at(no)));
-    }
+    LogLine fault(std::uint64_t no) const { return table.faulty(no, damaged.at(no)); }
 
     ShownBlock shown(std::uint64_t no, const Settings &filter = {}) const
     {

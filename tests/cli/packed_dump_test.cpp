@@ -35,7 +35,7 @@ TYPED_TEST(PackedDump, BitsOfAnEntry)
 
     std::vector<typename TypeParam::Entry> entries;
     for (const auto &[slot, word] : words)
-        entries.push_back(entry_of(this->table, slot, word));
+        entries.push_back(this->table.entry_of(slot, word));
     const auto packed = this->packed(entries);
     const Block block = encode(packed);
     for (const auto &[slot, word] : words)
@@ -112,14 +112,14 @@ TYPED_TEST(PackedDump, NumbersAndOffsetsOf64Bits)
 {
     constexpr std::uint64_t NO = 0x800001;
     SuperV3 changed = this->super;
-    changed.*this->table.count = (NO + 1) * SLOTS_V3;
+    changed.*this->table.count_at = (NO + 1) * SLOTS_V3;
     this->set_super(changed);
     const auto packed = this->full_block();
     put_block(this->device, this->offset(NO), encode(packed));
     const LoggedRun run = this->run({"-n", std::to_string(NO)});
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, shown_block(this->table, this->super, NO, packed).text);
-    EXPECT_NE(run.out.find(text("\"%s\":4294967809,", this->table.number_key.c_str())),
+    EXPECT_NE(run.out.find(text("\"%s\":4294967809,", this->table.entry_number().c_str())),
               std::string::npos);
 }
 
@@ -201,9 +201,7 @@ TYPED_TEST(PackedFilter, BlockAskedForByNumberIsAlwaysShown)
 
 TYPED_TEST(PackedFilter, LineOfAHiddenEntryShowsTheWholeOwner)
 {
-    const unsigned width = std::ranges::find(this->table.fields, this->table.owner,
-                                             &PackedField<typename TypeParam::Entry>::value)
-                               ->width;
+    const unsigned width = this->table.field(this->table.owner).width;
     this->put(2, this->packed({this->entry(9, 1, (1U << width) - 1), this->entry(10, 0, 5)}));
     this->expect_walk({.owner = 9});
     this->expect_single(2, {.owner = 9});

@@ -48,7 +48,7 @@ TYPED_TEST(BlockFaults, TableIsReadWithOneCall)
 
 TYPED_TEST(BlockFaults, UnreadableBlockBecomesAnErrorRecord)
 {
-    const char *key = this->table.block_key.c_str();
+    const char *key = this->table.number_key.c_str();
     const std::string fault = text("pread@%ld+1=EIO", this->offset(2));
     expect_run(
         this->dump(fault),
@@ -79,7 +79,7 @@ TYPED_TEST(BlockFaults, NoMemoryForTheBuffer)
             {.status = 12,
              .out = "",
              .log = this->log({error_line(DUMP_DRIVER, text("posix memalign failed:12, %s:%d",
-                                                            this->table.block_key.c_str(), no))},
+                                                            this->table.number_key.c_str(), no))},
                               {.meta_no = no})});
     }
 }
@@ -91,7 +91,7 @@ std::string empty_entries(const HotTable &)
 template <class Packed, class Entry>
 std::string empty_entries(const PackedTable<Packed, Entry> &table)
 {
-    return ",\"" + table.entries_key + "\":[]";
+    return ",\"" + table.items->name + "\":[]";
 }
 
 // A repair reads nothing but the super block, and writes one block or nothing.

@@ -61,7 +61,7 @@ protected:
     std::string item(std::uint64_t no) const
     {
         const auto shown = entry(no);
-        return table.block_text(table.stored_checksum(blocks[no]), offset(no),
+        return table.block_text(blocks[no], offset(no),
                                 joined({table.line(shown, no * SLOTS_V3 + shown.slot)}));
     }
 
@@ -73,7 +73,7 @@ protected:
         for (std::uint64_t no = 0; no < count; ++no) {
             const bool readable = !unreadable(no);
             if (readable && is_damaged(no))
-                errors.push_back(error_line(table.formatter, table.fault(no, blocks[no])));
+                errors.push_back(table.faulty(no, blocks[no]));
             if (!readable || is_damaged(no)) {
                 if (error_filter != 0)
                     items.push_back(block_record(table, super, readable ? 14 : 5, no));

@@ -63,6 +63,18 @@ Items items(const TableModel &table, const std::string &array, const std::string
     };
 }
 
+// Of an entry whose word stands at the start. Its fields are shown as signed numbers.
+std::function<std::string(std::uint64_t, const Block &)> ignored(const TableModel &table,
+                                                                 const std::string &owner)
+{
+    return [=, name = table.name, use = table.field(table.use),
+            of = table.field(table.owner)](std::uint64_t no, const Block &word) {
+        return text("ignore %s:%lu, in_use:%d, %s:%d", name.c_str(), no,
+                    static_cast<int>(get_number(word, use)), owner.c_str(),
+                    static_cast<int>(get_number(word, of)));
+    };
+}
+
 TableModel shard_table()
 {
     TableModel table = block_table("shard", 168, 216, 184, SLOTS_V3);
@@ -74,6 +86,12 @@ TableModel shard_table()
     table.use = "in_use";
     table.owner = "ino";
     table.first_slot = 1;
+    table.fault = [magic = table.magic](std::uint64_t no, const Block &block, std::uint32_t stored,
+                                        std::uint32_t crc) {
+        return text("shard no: %lu, magic_ondisk: 0x%x magic: 0x%x, crc_ondisk: 0x%x crc: 0x%x", no,
+                    get_u32(block, 4), magic, stored, crc);
+    };
+    table.ignored = ignored(table, "inode_no");
     table.repair_code = 13;
     table.parser = "parse_shard_from_json_v3";
     table.without_super = "params && params->sb && ext_cfg && shards && shard";
@@ -95,6 +113,10 @@ TableModel extent_table()
     table.checksum = Checksum::SPREAD;
     table.use = "in_use";
     table.owner = "shard";
+    table.fault = [](std::uint64_t no, const Block &, std::uint32_t stored, std::uint32_t crc) {
+        return text("extent no: %lu, crc_ondisk: 0x%x crc: 0x%x", no, stored, crc);
+    };
+    table.ignored = ignored(table, "shard_no");
     table.repair_code = 12;
     table.parser = "parse_extent_from_json_v3";
     table.without_super = "params && params->sb && ext_cfg && extent";

@@ -1,9 +1,10 @@
 #pragma once
 
-// The tables of layout version 3 that are dumped and repaired by blocks: shards and extents, packed
-// into words, and the hot table. What a test must know of each table.
+// The tables of layout version 3 that are dumped and repaired by blocks, with their entries as
+// structures: shards and extents, packed into words, and the hot table.
 
 #include "dump_text.h"
+#include "model.h"
 #include "run.h"
 #include "v3_device.h"
 
@@ -13,80 +14,92 @@
 
 namespace tier_test {
 
-enum class InRepair {
-    REQUIRED,
-    OPTIONAL, // may be missing
-    UNREAD,
-};
+// What the model says of the table, and the fields that place it.
+struct BlockTable : TableModel {
+    std::uint64_t SuperV3::*start_at;
+    std::uint64_t SuperV3::*end_at; // where the next area begins
+    std::uint64_t SuperV3::*count_at;
 
-// The bits of an entry that hold one number.
-template <class Entry>
-struct PackedField {
-    std::string name;
-    std::uint32_t Entry::*value;
-    unsigned shift;
-    unsigned width;
-    InRepair in_repair = InRepair::REQUIRED;
+    std::int64_t offset(const SuperV3 &super, std::uint64_t no) const
+    {
+        return static_cast<std::int64_t>(super.*start_at + no * BLOCK_SIZE);
+    }
 };
 
 template <class P, class E>
-struct PackedTable {
+struct PackedTable : BlockTable {
     using Packed = P; // a block
     using Entry = E;
     static constexpr std::uint64_t PER_BLOCK = SLOTS_V3; // of what the super block counts
 
-    const char *name;
-    std::uint32_t first_slot; // that holds an entry
     std::vector<Entry> Packed::*entries;
-    std::uint32_t Entry::*owner;
-    std::vector<PackedField<Entry>> fields; // in the order of a repair
+    std::uint32_t Entry::*owner_at;
+    std::vector<std::uint32_t Entry::*> members; // that the fields fill, in their order
 
-    std::uint64_t SuperV3::*start;
-    std::uint64_t SuperV3::*end; // where the next area begins
-    std::uint64_t SuperV3::*count;
-    std::int64_t (*offset)(const SuperV3 &, std::uint64_t block);
+    const std::string &entry_number() const { return items->keys.front().name; }
 
-    std::string dump;
-    std::string formatter;
-    std::string block_key;
-    std::uint32_t (*stored_checksum)(const Block &);
-    std::string (*block_text)(std::uint32_t checksum, std::int64_t offset,
-                              const std::string &entries);
-    std::string (*line)(const Entry &, std::uint64_t no);
-    // The log lines of a damaged block, and of an entry that the filter hides.
-    std::string (*fault)(std::uint64_t block_no, const Block &);
-    std::string (*ignored)(std::uint64_t block_no, const Entry &);
+    // The entry whose fields lie in this word.
+    Entry entry_of(std::uint32_t slot, std::uint64_t word) const
+    {
+        Block block{};
+        put_u64(block, 0, word);
+        Entry entry;
+        entry.slot = slot;
+        for (std::size_t i = 0; i < fields.size(); ++i)
+            entry.*members[i] = static_cast<std::uint32_t>(get_number(block, fields[i]));
+        return entry;
+    }
 
-    std::string repair;
-    int repair_code;
-    std::string parser;
-    std::string without_super;
-    std::string entries_key;
-    std::string item; // an entry in the messages
-    std::string number_key;
+    void put(Block &block, const Entry &entry, std::size_t base) const
+    {
+        for (std::size_t i = 0; i < fields.size(); ++i)
+            put_number(block, fields[i], entry.*members[i], base);
+    }
+    Block word_of(const Entry &entry) const
+    {
+        Block block{};
+        put(block, entry, 0);
+        return block;
+    }
+
+    // The line of a dumped entry, whose number stands in front of the last field.
+    std::string line(const Entry &entry, std::uint64_t no) const
+    {
+        std::string line;
+        for (std::size_t i = 0; i < fields.size(); ++i) {
+            if (i + 1 == fields.size())
+                line += text(",\"%s\":%lu", entry_number().c_str(), no);
+            line +=
+                text("%c\"%s\":%u", i == 0 ? '{' : ',', fields[i].name.c_str(), entry.*members[i]);
+        }
+        return line + "}";
+    }
+    std::string block_text(const Block &block, std::int64_t offset, const std::string &lines) const
+    {
+        const std::string magic_text = magic == 0 ? "" : text("\"magic\":\"0x%x\",", magic);
+        return text("{\"checksum\":\"0x%x\",%s\"meta_offset\": %ld,\"%s\":%s}",
+                    stored_checksum(*this, block), magic_text.c_str(), offset, items->name.c_str(),
+                    lines.c_str());
+    }
+
+    // What is said of a damaged block, and of an entry that the filter hides.
+    LogLine faulty(std::uint64_t no, const Block &block) const
+    {
+        return error_line(formatter, fault(no, block, stored_checksum(*this, block),
+                                           computed_checksum(*this, block, BLOCK_SIZE)));
+    }
+    LogLine hidden(std::uint64_t no, const Entry &entry) const
+    {
+        return debug_line(formatter, ignored(no, word_of(entry)));
+    }
 };
 
 using ShardTable = PackedTable<ShardBlockV3, ShardV3>;
 using ExtentTable = PackedTable<ExtentBlockV3, ExtentV3>;
 
 // Its blocks have a place and no more.
-struct HotTable {
+struct HotTable : BlockTable {
     static constexpr std::uint64_t PER_BLOCK = BLOCK_SIZE;
-
-    const char *name = "Hot";
-    std::uint64_t SuperV3::*start = &SuperV3::hot_table_offset;
-    std::uint64_t SuperV3::*end = &SuperV3::extent_table_offset;
-    std::uint64_t SuperV3::*count = &SuperV3::hot_table_size;
-    std::int64_t (*offset)(const SuperV3 &, std::uint64_t block) = hot_offset;
-
-    std::string dump = "dump_hot";
-    std::string formatter = "__dump_hot_v3";
-    std::string block_key = "hot_no";
-
-    std::string repair = "repair_hot";
-    int repair_code = 14;
-    std::string parser = "parse_hot_table_from_json_v3";
-    std::string without_super = "params && params->sb && ext_cfg && m";
 };
 
 template <class Table>
@@ -101,39 +114,23 @@ const HotTable &block_table();
 using PackedTables = testing::Types<ShardTable, ExtentTable>;
 using BlockTables = testing::Types<ShardTable, ExtentTable, HotTable>;
 
-// Names the cases of a typed test.
+// Names the cases of a typed test, before the model can be asked.
 struct BlockTableNames {
     template <class Table>
-    static std::string GetName(int)
+    static std::string GetName(int index)
     {
-        return block_table<Table>().name;
+        return std::vector<std::string>{"Shards", "Extents", "Hot"}.at(std::size_t(index));
     }
 };
 
 // A super block with that many blocks in each of these tables.
 SuperV3 packed_super(std::uint64_t blocks);
 
-inline std::uint32_t low_bits(std::uint64_t value, unsigned width)
-{
-    return static_cast<std::uint32_t>(value & ((std::uint64_t{1} << width) - 1));
-}
-
-// The entry whose fields lie in this word.
-template <class Entry, class Packed>
-Entry entry_of(const PackedTable<Packed, Entry> &table, std::uint32_t slot, std::uint64_t word)
-{
-    Entry entry;
-    entry.slot = slot;
-    for (const PackedField<Entry> &field : table.fields)
-        entry.*field.value = low_bits(word >> field.shift, field.width);
-    return entry;
-}
-
 // One in use that differs from that of any other slot, in some field or in all.
 template <class Entry, class Packed>
 Entry sample_entry(const PackedTable<Packed, Entry> &table, std::uint32_t slot)
 {
-    Entry entry = entry_of(table, slot, (slot + 1) * 0x9E3779B97F4A7C15U);
+    Entry entry = table.entry_of(slot, (slot + 1) * 0x9E3779B97F4A7C15U);
     entry.in_use = 1;
     return entry;
 }
@@ -144,24 +141,14 @@ std::vector<Entry> all_entries(const PackedTable<Packed, Entry> &table, const Pa
 {
     std::vector<Entry> all;
     for (std::uint32_t slot = 0; slot < SLOTS_V3; ++slot)
-        all.push_back(entry_of(table, slot, 0));
+        all.push_back(Entry{.slot = slot, .in_use = 0});
     for (const Entry &entry : packed.*table.entries)
         all[entry.slot] = entry;
     all.erase(all.begin(), all.begin() + table.first_slot);
     return all;
 }
 
-template <class Entry, class Packed>
-bool passes(const PackedTable<Packed, Entry> &table, const Settings &filter, const Entry &entry)
-{
-    const auto equals = [](int wanted, std::uint32_t value) {
-        return static_cast<std::uint32_t>(wanted) == value;
-    };
-    return filter.error != 1 && (filter.use < 0 || equals(filter.use, entry.in_use)) &&
-           (filter.owner < 0 || (entry.in_use == 1 && equals(filter.owner, entry.*table.owner)));
-}
-
-// A block as a dump shows it, and its log lines.
+// A block as a dump shows it, and what the log says meanwhile.
 struct ShownBlock {
     std::string text;
     Log log{};
@@ -175,21 +162,20 @@ ShownBlock shown_block(const PackedTable<Packed, Entry> &table, const SuperV3 &s
     ShownBlock shown;
     std::vector<std::string> lines;
     for (const Entry &entry : all_entries(table, packed)) {
-        if (passes(table, filter, entry))
-            lines.push_back(table.line(entry, no * SLOTS_V3 + entry.slot));
+        if (filter_hides(table, filter, table.word_of(entry)))
+            shown.log.push_back(table.hidden(no, entry));
         else
-            shown.log.push_back(debug_line(table.formatter, table.ignored(no, entry)));
+            lines.push_back(table.line(entry, no * SLOTS_V3 + entry.slot));
     }
     shown.empty = lines.empty();
-    shown.text = table.block_text(table.stored_checksum(encode(packed)), table.offset(super, no),
-                                  joined(lines));
+    shown.text = table.block_text(encode(packed), table.offset(super, no), joined(lines));
     return shown;
 }
 
-template <class Table>
-std::string block_record(const Table &table, const SuperV3 &super, int error, std::uint64_t no)
+inline std::string block_record(const BlockTable &table, const SuperV3 &super, int error,
+                                std::uint64_t no)
 {
-    return error_record(error, table.block_key.c_str(), static_cast<std::int64_t>(no),
+    return error_record(error, table.number_key.c_str(), static_cast<std::int64_t>(no),
                         table.offset(super, no));
 }
 

@@ -42,9 +42,7 @@ template <class Entry, class Packed>
 void put_words(Block &block, const PackedTable<Packed, Entry> &table, const Packed &packed)
 {
     for (const Entry &entry : packed.*table.entries)
-        for (const PackedField<Entry> &field : table.fields)
-            put_number(block, {field.name, 0, field.width, FieldForm::DECIMAL, field.shift},
-                       entry.*field.value, WORD * entry.slot);
+        table.put(block, entry, WORD * entry.slot);
 }
 
 // The lowest bit of an extent's word is the checksum's.
@@ -54,7 +52,7 @@ void get_words(const Block &block, const PackedTable<Packed, Entry> &table,
 {
     for (std::uint32_t slot = table.first_slot; slot < SLOTS_V3; ++slot)
         if (const std::uint64_t word = get_u64(block, WORD * slot); word >= empty_below)
-            (packed.*table.entries).push_back(entry_of(table, slot, word));
+            (packed.*table.entries).push_back(table.entry_of(slot, word));
 }
 
 std::int64_t block_offset(std::uint64_t table, std::uint64_t no)

@@ -1,7 +1,7 @@
 // The tables of version 3 that are dumped and repaired by blocks.
 
 #include "packed_table.h"
-#include "repair_file.h"
+#include "parsed.h"
 #include "scenarios.h"
 
 namespace tier_test {
@@ -33,7 +33,7 @@ SweptCommand dumps(const T &table)
     std::vector<std::int64_t> offsets;
     for (std::uint64_t no = 0; no < PACKED_BLOCKS; ++no)
         offsets.push_back(table.offset(packed_super(PACKED_BLOCKS), no));
-    const std::string unreadable = unreadable_table(table.block_key.c_str(), offsets);
+    const std::string unreadable = unreadable_table(table.number_key.c_str(), offsets);
     return {"V3_" + table.dump,
             spoilt_device<T>,
             {{.name = "walk", .args = {"-c", table.dump}, .degraded = {unreadable}},
@@ -71,22 +71,21 @@ void add_refused_blocks(Scenario &walk, const ExtentTable &table, bool records, 
 }
 
 template <class T>
-void add_repairs(std::vector<SweptCommand> &commands, const T &table, const std::string &content,
-                 const Block &block)
+void add_repairs(std::vector<SweptCommand> &commands, const T &table, const Block &block)
 {
+    const SuperV3 super = packed_super(PACKED_BLOCKS);
     const std::uint64_t place = place_of(table, 1);
+    const auto file = [&](std::uint64_t at) {
+        return repair_file(table, encode(super), block, static_cast<std::int64_t>(at)).text();
+    };
     const std::vector<std::string> repair{"-c", table.repair};
     SweptCommand command{"V3_" + table.repair, spoilt_device<T>, {}};
-    add_repair(command, {.name = "accepted",
-                         .args = repair,
-                         .conf = text("{\"meta_offset\":%lu%s}", place, content.c_str()),
-                         .place = place,
-                         .block = block});
-    add_commit(command, {.name = "refused",
-                         .args = repair,
-                         .conf = text("{\"meta_offset\":%lu%s}",
-                                      packed_super(PACKED_BLOCKS).*table.end, content.c_str()),
-                         .status = 22});
+    add_repair(
+        command,
+        {.name = "accepted", .args = repair, .conf = file(place), .place = place, .block = block});
+    add_commit(
+        command,
+        {.name = "refused", .args = repair, .conf = file(super.*table.end_at), .status = 22});
     commands.push_back(command);
 }
 
@@ -95,19 +94,9 @@ template <class T>
 void add_packed(std::vector<SweptCommand> &commands, const T &table)
 {
     typename T::Packed packed;
-    std::vector<std::string> items;
-    for (const std::uint32_t slot : {1U, 511U}) {
-        const auto entry = sample_entry(table, slot);
-        RepairFile item;
-        item.number(table.number_key, slot);
-        for (const auto &field : table.fields)
-            if (field.in_repair != InRepair::UNREAD)
-                item.number(field.name, entry.*field.value);
-        items.push_back(item.text());
-        (packed.*table.entries).push_back(entry);
-    }
-    const std::string content = ",\"" + table.entries_key + "\":" + joined(items);
-    add_repairs(commands, table, content, encode(packed));
+    for (const std::uint32_t slot : {1U, 511U})
+        (packed.*table.entries).push_back(sample_entry(table, slot));
+    add_repairs(commands, table, encode(packed));
 }
 
 } // namespace
@@ -124,7 +113,7 @@ std::vector<SweptCommand> packed_commands()
     add_refused_blocks(walks[2], extents, false, true); // error=0
     add_packed(commands, shards);
     add_packed(commands, extents);
-    add_repairs(commands, hot, "", Block{});
+    add_repairs(commands, hot, Block{});
     return commands;
 }
 
