@@ -1,6 +1,6 @@
 // Repairs from the files of super blocks: what is logged, printed and written.
 
-#include "super_parse.h"
+#include "super_repair.h"
 #include "super_values.h"
 
 using namespace tier_test;
@@ -8,27 +8,28 @@ using namespace tier_test;
 namespace {
 
 template <class Super>
-class SuperParse : public SuperParseFixture<Super> {
+class SuperParse : public SuperRepair<Super> {
+protected:
+    Super super = Layout<Super>::super(3, 3, 3);
+    RepairFile file = repair_file(super);
+
+    // The parse ends with this message.
+    void expect_refused_with(const std::string &conf_text, const std::string &message,
+                             const std::vector<std::string> &args = {})
+    {
+        const bool is_object = conf_text.front() == '{';
+        const Log lines = parsed(super_table(super), {}, is_object ? conf_text : "{}").log;
+        EXPECT_EQ(lines.back(), error_line(this->parser, message));
+        this->expect_refused(conf_text, this->log_with(lines, {this->rejected()}), args);
+    }
 };
 
 TYPED_TEST_SUITE(SuperParse, Supers, SuperNames);
 
-TYPED_TEST(SuperParse, AcceptedKeysAreLoggedInOrder)
-{
-    const std::size_t count = this->keys.size();
-    expect_run(this->repair(this->file.text(), {}),
-               {.status = 0,
-                .out = json(this->super),
-                .log = this->log_of_keys(this->super, count, {this->not_written()})});
-    expect_run(
-        this->repair(this->file.text(), {"-y"}),
-        {.status = 0, .out = json(this->super), .log = this->log_of_keys(this->super, count, {})});
-}
-
 TYPED_TEST(SuperParse, DebugModeShowsTheKeysOnStandardError)
 {
     const LoggedRun run = this->repair(this->file.text(), {"-D"});
-    EXPECT_EQ(run.log, this->log_of_keys(this->super, this->keys.size(), {this->not_written()}));
+    EXPECT_EQ(run.log, this->log_with(key_log(this->super), {this->not_written()}));
     EXPECT_EQ(run.errors, run.log);
 }
 
@@ -43,8 +44,8 @@ TYPED_TEST(SuperParse, TopLevelWithoutKeys)
 {
     for (const std::string document : {"{}", "[]", "[1,2]", "17", "\"text\"", "null"}) {
         SCOPED_TRACE(document);
-        const std::string &first = this->keys.front().name;
-        this->expect_refused_at(first, document, "parse " + first + " failed");
+        const std::string &first = super_table(this->super).keys.front().name;
+        this->expect_refused_with(document, "parse " + first + " failed");
     }
 }
 
@@ -69,6 +70,32 @@ TYPED_TEST(SuperParse, BlankDeviceIsRepairedWithTheVersionForced)
     EXPECT_EQ(this->repair(this->file.text(), {"-y"}).status, 14);
     EXPECT_EQ(this->device.block(SUPER_OFFSET), Block{});
     this->expect_accepted(this->file.text(), this->super, {"-v", this->version});
+}
+
+using SuperV2Parse = SuperParse<SuperV2>;
+
+TEST_F(SuperV2Parse, NothingIsReadAfterAnotherVersion)
+{
+    file.string("version", "0x10000").set("exp_inode_cnt", "\"none\"").erase("min_alloc_size");
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{}, std::vector<std::string>{"-F"}})
+        expect_refused_with(file.text(), "version 65536 is invalid, cmd:9", args);
+}
+
+using SuperV3Parse = SuperParse<SuperV3>;
+
+TEST_F(SuperV3Parse, KeysOfTheOtherLayoutsStandForNothing)
+{
+    for (const auto &[key, other] :
+         {std::pair{"shard_table_cnt", "shard_cnt"}, std::pair{"extent_table_cnt", "extent_cnt"},
+          std::pair{"brick_cnt", "brick_table_cnt"}, std::pair{"inode_cnt", "inode_table_cnt"},
+          std::pair{"data_table_size", "data_size"}, std::pair{"reserved", "sb_reserved"},
+          std::pair{"super block size", "sb_size"}}) {
+        SCOPED_TRACE(other);
+        RepairFile renamed = file;
+        renamed.rename(key, other);
+        expect_refused_with(renamed.text(), std::string("parse ") + key + " failed");
+    }
 }
 
 } // namespace

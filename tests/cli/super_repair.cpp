@@ -13,10 +13,9 @@ LoggedRun SuperRepair<Super>::repair(const std::string &conf_text,
 }
 
 template <class Super>
-Log SuperRepair<Super>::log_of_keys(const Super &sb, std::size_t keys, const Log &rest) const
+Log SuperRepair<Super>::log_with(const Log &lines, const Log &rest) const
 {
-    Log log = probe_log(device, "repair_super", std::stoi(version), {.repair_conf = conf()},
-                        key_log(super_keys(sb), keys));
+    Log log = probe_log(device, "repair_super", std::stoi(version), {.repair_conf = conf()}, lines);
     log.insert(log.end(), rest.begin(), rest.end());
     return log;
 }
@@ -77,8 +76,8 @@ void SuperRepair<Super>::expect_refused(const std::string &conf_text, const Log 
 template <class Super>
 void SuperRepair<Super>::expect_out_of_bounds(const Super &sb, const std::string &message)
 {
-    expect_refused(repair_file(sb).text(), log_of_keys(sb, super_keys(sb).size(),
-                                                       {error_line(checker, message), rejected()}));
+    expect_refused(repair_file(sb).text(),
+                   log_with(key_log(sb), {error_line(checker, message), rejected()}));
 }
 
 template class SuperRepair<SuperV1>;

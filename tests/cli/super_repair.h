@@ -25,8 +25,8 @@ protected:
 
     LoggedRun repair(const std::string &conf_text, const std::vector<std::string> &args);
 
-    // The log of a run that reads the keys of `sb` up to `keys` of them, then what follows.
-    Log log_of_keys(const Super &sb, std::size_t keys, const Log &rest) const;
+    // The log of a run whose parser wrote `lines`, then what follows.
+    Log log_with(const Log &lines, const Log &rest) const;
 
     LogLine rejected() const;
     LogLine not_written() const;

@@ -11,6 +11,7 @@ namespace tier_test {
 
 constexpr std::uint32_t SMALLEST_EXPANSION = 153600;
 constexpr const char *EXPANSION_PARSER = "__repair_super_exp_inode";
+constexpr std::ptrdiff_t MAP_KEYS = 5; // the last ones of the file
 
 // Repairs of a V2 super block from files with keys of the expansion area. The devices are sparse
 // and hundreds of MiB long, so only the blocks in question are compared.
@@ -72,8 +73,8 @@ protected:
     // The keys of the head, then these lines.
     Log log_with(const Log &lines) const
     {
-        Log log = probe_log(device, "repair_super", 2, {.repair_conf = conf()},
-                            key_log(super_keys(super), 14));
+        Log log = probe_log(device, "repair_super", 2, {.repair_conf = conf()}, key_log(super));
+        log.erase(log.end() - MAP_KEYS, log.end());
         log.insert(log.end(), lines.begin(), lines.end());
         return log;
     }
@@ -89,9 +90,8 @@ protected:
     void expect_accepted(const RepairFile &file, const SuperV2 &sb, Log lines,
                          std::vector<std::string> args = {})
     {
-        const std::vector<SuperKey> keys = super_keys(super);
-        const Log maps = key_log({keys.begin() + 14, keys.end()}, keys.size() - 14);
-        lines.insert(lines.end(), maps.begin(), maps.end());
+        const Log keys = key_log(super);
+        lines.insert(lines.end(), keys.end() - MAP_KEYS, keys.end());
         const Block before = device.block(SUPER_OFFSET);
         args.emplace_back("-y");
         const Log log = log_with(lines);

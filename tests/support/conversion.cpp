@@ -14,18 +14,15 @@ SuperV2 cache(std::uint32_t block_size, std::uint32_t min_alloc_size, std::uint3
     return sb;
 }
 
-std::vector<SuperKey> old_keys(const SuperV2 &sb)
+RepairFile old_file(const SuperV2 &sb)
 {
     SuperV2 old = sb;
     old.version = 0x10000;
-    std::vector<SuperKey> keys = super_keys(old);
-    keys.resize(keys.size() - 5); // those of the maps
-    return keys;
-}
-
-RepairFile old_file(const SuperV2 &sb)
-{
-    return file_of(old_keys(sb));
+    RepairFile file = repair_file(old);
+    for (const char *key :
+         {"min_alloc_size", "total_map_size", "map_cnt", "size_mapped_meta", "hot_size"})
+        file.erase(key);
+    return file;
 }
 
 std::uint32_t candidate_size(const SuperV2 &sb, std::uint32_t map_cnt)
@@ -87,8 +84,9 @@ LoggedRun SuperConversion::convert(const std::string &document,
 Log SuperConversion::log_with(const SuperV2 &described, const Log &lines) const
 {
     Log log{settings_line(device, "convert_super", {.spec_ver = 2, .repair_conf = conf()})};
-    const std::vector<SuperKey> keys = old_keys(described);
-    std::ranges::copy(key_log(keys, keys.size()), std::back_inserter(log));
+    // A repair would refuse the version at last.
+    const Log keys = parsed(model(2, "super"), {}, old_file(described).text()).log;
+    std::copy(keys.begin(), keys.end() - 1, std::back_inserter(log));
     std::ranges::copy(lines, std::back_inserter(log));
     return log;
 }

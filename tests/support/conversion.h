@@ -16,8 +16,7 @@ constexpr std::uint32_t PROBED_EXTENTS = 256; // the extents in one MiB
 SuperV2 cache(std::uint32_t block_size, std::uint32_t min_alloc_size,
               std::uint32_t blocks = PROBED_EXTENTS);
 
-// The keys with which the older super block of the same cache is described.
-std::vector<SuperKey> old_keys(const SuperV2 &sb);
+// Describes the older super block of the same cache.
 RepairFile old_file(const SuperV2 &sb);
 
 // Why an extent entry does not fit `map_cnt` records.

@@ -2,37 +2,39 @@
 
 // The keys of a super block's repair file.
 
-#include "log.h"
-#include "repair_file.h"
+#include "parsed.h"
 #include "v3_device.h"
 
 namespace tier_test {
 
-// One key of a super block's repair file, in reading order, with its value and what the log says of
-// it once it is accepted.
-struct SuperKey {
-    std::string name;
-    std::string value;
-    std::string logged;
-    std::string func;
-};
+inline const TableModel &super_table(const SuperV1 &)
+{
+    return model(1, "super");
+}
+inline const TableModel &super_table(const SuperV2 &)
+{
+    return model(2, "super");
+}
+inline const TableModel &super_table(const SuperV3 &)
+{
+    return model(3, "super");
+}
 
-// The expansion keys of V2 belong to a super block with an expansion area only.
-std::vector<SuperKey> super_keys(const SuperV1 &sb);
-std::vector<SuperKey> super_keys(const SuperV2 &sb);
-std::vector<SuperKey> super_keys(const SuperV3 &sb);
-
-RepairFile file_of(const std::vector<SuperKey> &keys);
-
+// The expansion keys of V2 belong to a super block with an expansion area only. The file may give
+// more of the identity of the volume than the block keeps.
 template <class Super>
 RepairFile repair_file(const Super &sb)
 {
-    return file_of(super_keys(sb));
+    const Block block = encode(sb);
+    return repair_file(super_table(sb), block, block).string("ssd_uuid", sb.ssd_uuid);
 }
 
-std::size_t keys_before(const std::vector<SuperKey> &keys, const std::string &name);
-
-// The log of the first `count` keys.
-Log key_log(const std::vector<SuperKey> &keys, std::size_t count);
+// What the log says of this file, in which each key is accepted. Of a super block without an
+// expansion area.
+template <class Super>
+Log key_log(const Super &sb)
+{
+    return parsed(super_table(sb), encode(sb), repair_file(sb).text(), {.forced = true}).log;
+}
 
 } // namespace tier_test
