@@ -3,6 +3,7 @@
 // What the tables of a sample image hold in every layout: bricks, files of the bricks in use,
 // blocks of the files in use.
 
+#include "layout.h"
 #include "sample_image.h"
 
 #include <algorithm>
@@ -34,6 +35,29 @@ auto read_entries(const Device &device, const SampleTable &table, std::uint64_t 
     }
     return entries;
 }
+
+// A sample image of that geometry, and its entries.
+template <class Geometry, class Super>
+class SampleOf : public testing::TestWithParam<Geometry> {
+protected:
+    const Device device =
+        make_sample(this->GetParam().args, std::string("v") + Layout<Super>::VERSION);
+    const Super sb = Layout<Super>::decoded(device.block(SUPER_OFFSET));
+    const std::vector<SampleTable> tables = sample_tables(sb);
+
+    template <class Entry>
+    std::vector<Entry> entries(std::size_t table, std::uint64_t count,
+                               Entry (*decode)(const Block &)) const
+    {
+        return read_entries(device, tables[table], count, decode,
+                            [](const Entry &entry) { return encode(entry); });
+    }
+
+    std::vector<BrickV1> bricks() const
+    {
+        return entries(0, this->GetParam().bricks, decode_brick);
+    }
+};
 
 // Something is in use, and something is free where there is room for both.
 template <class Entry>

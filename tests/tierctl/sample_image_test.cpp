@@ -46,24 +46,9 @@ const std::vector<GeometryV1> GEOMETRIES_V1{
     {.args = {"--inodes", "3", "--blocks", "500"}, .inodes = 3, .blocks = 500},
 };
 
-class SampleImage : public testing::TestWithParam<GeometryV1> {
+class SampleImage : public SampleOf<GeometryV1, SuperV1> {
 protected:
-    const Device device = make_sample(GetParam().args);
-    const SuperV1 sb = decode_super(device.block(4096));
-
-    const std::vector<SampleTable> tables = sample_tables(sb);
-
-    std::vector<BrickV1> bricks() const
-    {
-        return read_entries(device, tables[0], GetParam().bricks, decode_brick,
-                            [](const BrickV1 &brick) { return encode(brick); });
-    }
-
-    std::vector<InodeV1> inodes() const
-    {
-        return read_entries(device, tables[1], GetParam().inodes, decode_inode,
-                            [](const InodeV1 &inode) { return encode(inode); });
-    }
+    std::vector<InodeV1> inodes() const { return entries(1, GetParam().inodes, decode_inode); }
 
     std::vector<ExtentV1> extents() const
     {

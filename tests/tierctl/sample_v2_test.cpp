@@ -58,23 +58,9 @@ const std::vector<GeometryV2> GEOMETRIES_V2{
      .map_cnt = 64},
 };
 
-class SampleV2 : public testing::TestWithParam<GeometryV2> {
+class SampleV2 : public SampleOf<GeometryV2, SuperV2> {
 protected:
-    const Device device = make_sample(GetParam().args, "v2");
-    const SuperV2 sb = decode_super_v2(device.block(4096));
-    const std::vector<SampleTable> tables = sample_tables(sb);
-
-    std::vector<BrickV2> bricks() const
-    {
-        return read_entries(device, tables[0], GetParam().bricks, decode_brick,
-                            [](const BrickV2 &brick) { return encode(brick); });
-    }
-
-    std::vector<InodeV2> inodes() const
-    {
-        return read_entries(device, tables[1], GetParam().inodes, decode_inode_v2,
-                            [](const InodeV2 &inode) { return encode(inode); });
-    }
+    std::vector<InodeV2> inodes() const { return entries(1, GetParam().inodes, decode_inode_v2); }
 
     std::vector<ExtentV2> extents() const
     {

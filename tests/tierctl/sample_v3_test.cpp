@@ -117,23 +117,9 @@ void expect_places(const Extents &extents, const Shards &shards)
     EXPECT_EQ(places.size(), extents.size());
 }
 
-class SampleV3 : public testing::TestWithParam<GeometryV3> {
+class SampleV3 : public SampleOf<GeometryV3, SuperV3> {
 protected:
-    const Device device = make_sample(GetParam().args, "v3");
-    const SuperV3 sb = decode_super_v3(device.block(4096));
-    const std::vector<SampleTable> tables = sample_tables(sb);
-
-    std::vector<BrickV1> bricks() const
-    {
-        return read_entries(device, tables[0], GetParam().bricks, decode_brick,
-                            [](const BrickV1 &brick) { return encode(brick); });
-    }
-
-    std::vector<InodeV2> inodes() const
-    {
-        return read_entries(device, tables[1], GetParam().inodes, decode_inode_v2,
-                            [](const InodeV2 &inode) { return encode(inode); });
-    }
+    std::vector<InodeV2> inodes() const { return entries(1, GetParam().inodes, decode_inode_v2); }
 };
 
 INSTANTIATE_TEST_SUITE_P(Geometry, SampleV3, testing::ValuesIn(GEOMETRIES_V3));
