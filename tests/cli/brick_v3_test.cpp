@@ -38,13 +38,6 @@ protected:
     }
 };
 
-TEST_F(BrickV3Repair, UnlinkedMarkIsRequiredOfABrickInUse)
-{
-    expect_refused_at("bi_unlink", RepairFile(file).erase("bi_unlink").text(),
-                      "parse bi_unlink failed");
-    expect_entry(R"({"bi_use":0,"bi_no":4})", free_entry<BrickV3>(4));
-}
-
 TEST_F(BrickV3Repair, CountIsShownWhole)
 {
     for (const std::uint64_t count : {std::uint64_t{5}, std::uint64_t{0}}) {

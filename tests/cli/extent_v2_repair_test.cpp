@@ -174,15 +174,6 @@ TEST_F(ExtentV2Repair, RecordsOfEverySize)
     }
 }
 
-TEST_F(ExtentV2Repair, FreeExtentHoldsNothingButItsNumber)
-{
-    ASSERT_EQ(repair(RepairFile(file).number("te_use", 0).text(), {"-y"}).status, 0);
-    Block expected{};
-    put_u64(expected, 48, 2);
-    seal(expected, super.total_extent_size);
-    EXPECT_EQ(device.block(static_cast<std::uint64_t>(extent_offset(super, 2))), expected);
-}
-
 // Whatever the file and the slot say of them.
 TEST_F(ExtentV2Repair, FieldsThatNoRepairFills)
 {

@@ -52,13 +52,6 @@ TEST_F(HotDump, BlocksWithTheirOffsets)
                                                      .log = log({.meta_no = no})});
 }
 
-TEST_F(HotDump, TableOf10000Bytes)
-{
-    super.hot_table_size = 10000;
-    device.write(SUPER_OFFSET, encode(super));
-    expect_run(run(), {.status = 0, .out = items(2), .log = log()});
-}
-
 TEST_F(HotDump, WhatTheBlocksHoldDoesNotMatter)
 {
     std::vector<std::uint8_t> content(4 * BLOCK_SIZE);

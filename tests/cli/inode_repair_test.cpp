@@ -38,18 +38,6 @@ TYPED_TEST(InodeRepair, BrickNeedNotBeInUse)
     this->expect_numbers(this->table.repairable(2, 1));
 }
 
-TYPED_TEST(InodeRepair, FreeInodeHoldsNothingButItsNumber)
-{
-    const std::string document = RepairFile(this->file).number("i_use", 0).text();
-    ASSERT_EQ(this->repair(document, {"-y"}).status, 0);
-    Block expected{};
-    put_u32(expected, 4, typename TypeParam::Entry().magic);
-    put_u32(expected, 68, 2);
-    seal(expected, 96);
-    EXPECT_EQ(this->device.block(static_cast<std::uint64_t>(inode_offset(this->super, 2))),
-              expected);
-}
-
 TYPED_TEST(InodeRepair, DumpedInodeIsNoRepairFile)
 {
     this->expect_refused_at("i_no", json(this->sample, 0), "parse i_no failed");

@@ -97,11 +97,6 @@ TEST_F(InodeV3Repair, BlocksOfTheFileGoBeforeThoseOfTheSize)
                       "parse i_blocks failed");
 }
 
-TEST_F(InodeV3Repair, FreeInodeHasNoBlocks)
-{
-    expect_entry(R"({"i_no":5,"i_use":0,"i_size":1048576,"i_blocks":3})", free_entry<InodeV3>(5));
-}
-
 // The number has a sign, which the log shows as the high bits and the message does not.
 TEST_F(InodeV3Repair, NegativeNumberIsRefused)
 {
