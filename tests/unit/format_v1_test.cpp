@@ -47,15 +47,6 @@ TEST(GeometryV1, TablesOfEveryShape)
     }
 }
 
-TEST(GeometryV1, SmallestTables)
-{
-    const tier_super_block_v1_t record = record_of(super_v1(1, 1, 0));
-    EXPECT_EQ(tier_inodes(record).start, 0x102000);
-    EXPECT_EQ(tier_inode_table_size(record), 1040384U);
-    EXPECT_EQ(tier_extents(record).start, 0x200000);
-    EXPECT_EQ(tier_data_offset(record), 0x400000U);
-}
-
 TEST(GeometryV1, SuperBlockAreaIsA32BitSum)
 {
     const std::vector<std::pair<std::uint32_t, std::int64_t>> starts{
@@ -89,14 +80,6 @@ TEST(GeometryV1, RoundUpToAUnit)
     EXPECT_EQ(tier_round_up(1, MIB), MIB);
     EXPECT_EQ(tier_round_up(MIB, MIB), MIB);
     EXPECT_EQ(tier_round_up(MIB + 1, MIB), 2 * MIB);
-}
-
-TEST(GeometryV1, BitmapHoldsWholeWords)
-{
-    const std::vector<std::pair<std::uint32_t, std::uint32_t>> words{
-        {56, 0}, {60, 0}, {63, 0}, {64, 1}, {71, 1}, {72, 2}, {4095, 504}, {4096, 505}};
-    for (const auto &[extent_size, expected] : words)
-        EXPECT_EQ(tier_bitmap_words_v1(extent_size), expected) << extent_size;
 }
 
 } // namespace
