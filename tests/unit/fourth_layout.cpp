@@ -73,7 +73,7 @@ std::int64_t parse_super(zutr_params_t *params, const cJSON *document, void *m)
     return tier_finish(in, SUPER, sb, sb, 0);
 }
 
-constinit const tier_table SUPER = {
+constexpr tier_table SUPER = {
     .name = "super",
     .regions =
         [](const void *) {
@@ -148,7 +148,7 @@ void check_shelf(const void *, const std::uint8_t *entry, tier_findings &to)
         to.add({"no_label"}, "shelf %u has no label", shelf->no);
 }
 
-constinit const tier_table SHELVES = {
+constexpr tier_table SHELVES = {
     .name = "shelf",
     .number_key = "no",
     .regions =
@@ -238,7 +238,7 @@ std::int64_t parse_boxes(zutr_params_t *, const cJSON *document, void *m)
     return in.failed() ? -EINVAL : static_cast<std::int64_t>(place.offset);
 }
 
-constinit const tier_table BOXES = {
+constexpr tier_table BOXES = {
     .name = "box",
     .number_key = "box_no",
     .regions =

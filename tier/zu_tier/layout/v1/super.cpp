@@ -57,7 +57,7 @@ int64_t parse_sb_from_json_v1(zutr_params_t *params, const cJSON *sb_cfg, void *
 
 } // namespace
 
-constinit const tier_table TIER_SUPER_TABLE_V1 = tier_super_table<super_v1>(
+constexpr tier_table TIER_SUPER_TABLE_V1 = tier_super_table<super_v1>(
     TIER_SB_MAGIC_V1, crc_super_v1, [] { return tier_make_columns(FIELDS); },
     [] { return tier_make_columns(KEYS); }, {parse_sb_from_json_v1, __print_super_v1}, RULES);
 

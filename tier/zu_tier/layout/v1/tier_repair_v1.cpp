@@ -53,7 +53,7 @@ int32_t zutr_repair_brick_v1(zutr_params_t *params)
     return zutr_repair_common(params, BRICK_TABLE.repair);
 }
 
-constinit const tier_table BRICK_TABLE =
+constexpr tier_table BRICK_TABLE =
     tier_brick_table(TIER_BRICK_MAGIC_V1,
                      [](const void *sb) { return tier_regions{tier_bricks(tier_super_v1(sb))}; },
                      crc_brick_v1, {parse_brick_from_json_v1, __print_brick_v1});
@@ -107,7 +107,7 @@ int32_t zutr_repair_inode_v1(zutr_params_t *params)
     return zutr_repair_common(params, INODE_TABLE.repair);
 }
 
-constinit const tier_table INODE_TABLE = tier_inode_table(
+constexpr tier_table INODE_TABLE = tier_inode_table(
     TIER_INODE_MAGIC_V1,
     [](const void *sb) { return tier_regions{tier_inodes(tier_super_v1(sb))}; }, crc_inode_v1,
     [] { return tier_make_columns(INODE_FIELDS); },

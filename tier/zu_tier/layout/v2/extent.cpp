@@ -310,7 +310,7 @@ constexpr tier_table extent_table()
 
 } // namespace
 
-constinit const tier_table TIER_EXTENT_TABLE_V2 = extent_table();
+constexpr tier_table TIER_EXTENT_TABLE_V2 = extent_table();
 
 int32_t zutr_dump_extent_v2(zutr_params_t *params)
 {

@@ -154,7 +154,7 @@ constexpr bool is_usable(const tier_super_block_v2_t &sb, uint32_t no)
 
 } // namespace
 
-constinit const tier_table TIER_INODE_TABLE_V2 = inode_table();
+constexpr tier_table TIER_INODE_TABLE_V2 = inode_table();
 
 int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino)
 {

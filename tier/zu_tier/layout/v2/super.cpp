@@ -263,7 +263,7 @@ int64_t parse_sb_from_json_v2(zutr_params_t *params, const cJSON *sb_cfg, void *
 
 } // namespace
 
-constinit const tier_table TIER_SUPER_TABLE_V2 = tier_super_table<super_v2>(
+constexpr tier_table TIER_SUPER_TABLE_V2 = tier_super_table<super_v2>(
     TIER_SB_MAGIC_V2, crc_super_v2, [] { return tier_make_columns(FIELDS); },
     [] { return tier_make_columns(std::tuple_cat(KEYS, EXP_FIELDS, MAP_KEYS)); },
     {parse_sb_from_json_v2, __printf_super_v2}, RULES);

@@ -50,7 +50,7 @@ int32_t zutr_repair_brick_v2(zutr_params_t *params)
     return zutr_repair_common(params, BRICK_TABLE.repair);
 }
 
-constinit const tier_table BRICK_TABLE =
+constexpr tier_table BRICK_TABLE =
     tier_brick_table(TIER_BRICK_MAGIC_V2,
                      [](const void *sb) { return tier_regions{tier_bricks(tier_super_v2(sb))}; },
                      crc_brick_v2, {parse_brick_from_json_v2, __print_brick_v2});

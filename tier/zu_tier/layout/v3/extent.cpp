@@ -142,7 +142,7 @@ constexpr tier_parts PARTS = tier_packed_parts(
 
 } // namespace
 
-constinit const tier_table TIER_EXTENT_TABLE_V3 = {
+constexpr tier_table TIER_EXTENT_TABLE_V3 = {
     .name = "extent",
     .number_key = "extent_no",
     .regions = [](const void *sb) { return tier_regions{tier_extents_v3(tier_super_v3(sb))}; },

@@ -98,7 +98,7 @@ constexpr tier_parts PARTS = tier_packed_parts(
 
 } // namespace
 
-constinit const tier_table TIER_SHARD_TABLE_V3 = {
+constexpr tier_table TIER_SHARD_TABLE_V3 = {
     .name = "shard",
     .number_key = "shard_no",
     .regions = [](const void *sb) { return tier_regions{tier_shards_v3(tier_super_v3(sb))}; },

@@ -230,7 +230,7 @@ int64_t parse_sb_from_json_v3(zutr_params_t *params, const cJSON *sb_cfg, void *
 
 } // namespace
 
-constinit const tier_table TIER_SUPER_TABLE_V3 = tier_super_table<super_v3>(
+constexpr tier_table TIER_SUPER_TABLE_V3 = tier_super_table<super_v3>(
     TIER_SB_MAGIC_V3, crc_super_v3, [] { return tier_make_columns(FIELDS); },
     [] { return tier_make_columns(KEYS); }, {parse_sb_from_json_v3, __print_super_v3}, RULES);
 

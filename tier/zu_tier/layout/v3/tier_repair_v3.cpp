@@ -53,7 +53,7 @@ int32_t zutr_repair_brick_v3(zutr_params_t *params)
     return zutr_repair_common(params, BRICK_TABLE.repair);
 }
 
-constinit const tier_table BRICK_TABLE =
+constexpr tier_table BRICK_TABLE =
     tier_brick_table(TIER_BRICK_MAGIC_V3,
                      [](const void *sb) { return tier_regions{tier_bricks_v3(tier_super_v3(sb))}; },
                      crc_brick_v3, {parse_brick_from_json_v3, __print_brick_v3});
@@ -141,7 +141,7 @@ int32_t zutr_repair_inode_v3(zutr_params_t *params)
     return zutr_repair_common(params, INODE_TABLE.repair);
 }
 
-constinit const tier_table INODE_TABLE = tier_inode_table(
+constexpr tier_table INODE_TABLE = tier_inode_table(
     TIER_INODE_MAGIC_V3,
     [](const void *sb) { return tier_regions{tier_inodes_v3(tier_super_v3(sb))}; }, crc_inode_v3,
     [] { return tier_make_columns(INODE_FIELDS); },
@@ -189,7 +189,7 @@ int32_t zutr_repair_hot_table_v3(zutr_params_t *params)
     return zutr_repair_common(params, HOT_TABLE.repair);
 }
 
-constinit const tier_table HOT_TABLE = {
+constexpr tier_table HOT_TABLE = {
     .name = "hot",
     .number_key = "hot_no",
     .regions = [](const void *sb) { return tier_regions{tier_hot_v3(tier_super_v3(sb))}; },
