@@ -1,6 +1,6 @@
 // Texts of any bytes as JSON.
 
-#include "zu_tierctl/device/json.h"
+#include "zu_tierctl/device/text.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>

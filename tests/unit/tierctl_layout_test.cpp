@@ -4,7 +4,7 @@
 #include "run.h"
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/device/error.h"
-#include "zu_tierctl/diff/report.h"
+#include "zu_tierctl/diff/diff.h"
 #include "zu_tierctl/map/map.h"
 #include "zu_tierctl/revert/revert.h"
 #include "zu_tierctl/save/save.h"

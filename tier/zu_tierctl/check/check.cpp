@@ -1,6 +1,5 @@
 #include "zu_tierctl/check/check.h"
 
-#include "zu_tierctl/check/super.h"
 #include "zu_tierctl/check/table.h"
 #include "zu_tierctl/entry/metadata.h"
 
@@ -49,10 +48,10 @@ private:
     {
         begin_table(table);
         if (watcher_ != nullptr) {
-            watcher_->add_in_use({0, metadata_.super_block.data(), std::nullopt});
+            watcher_->add_in_use(0, metadata_.super_block.data());
         }
         if (wanted(table)) {
-            check_super(metadata_, device_.size(), report_);
+            check_super(metadata_, device_.size(), TableFindings(&report_, table));
             report_.add_counts(table.name, {.entries = 1, .in_use = 1});
         }
     }
@@ -65,7 +64,7 @@ private:
             findings.add_unfit();
             add_counts(table, {.entries = table.count(), .damaged = table.count()});
             if (watcher_ != nullptr) {
-                watcher_->add_lost(0, table.count(), State::damaged);
+                watcher_->add_lost(0, table.count(), &Counts::damaged);
             }
             return;
         }
@@ -79,7 +78,7 @@ private:
     void begin_table(const Table &table) const
     {
         if (watcher_ != nullptr) {
-            watcher_->begin_table(table, {table.count(), table.first_word(), table.end_word()});
+            watcher_->begin_table(table);
         }
     }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "zu_tierctl/check/report.h"
-#include "zu_tierctl/check/watcher.h"
 #include "zu_tierctl/device/device.h"
 #include "zu_tierctl/entry/metadata.h"
 

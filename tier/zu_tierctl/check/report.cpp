@@ -1,7 +1,6 @@
 #include "zu_tierctl/check/report.h"
 
 #include "zu_tierctl/device/error.h"
-#include "zu_tierctl/device/json.h"
 #include "zu_tierctl/device/text.h"
 
 #include <cstdio>
@@ -59,10 +58,10 @@ private:
         for (const CountColumn &column : COLUMNS) {
             text += fmt::format(" {:>12}", column.title);
         }
-        for (const TableCounts &table : counts()) {
-            text += fmt::format("\n{:<8}", table.table);
+        for (const auto &[table, counts] : counts()) {
+            text += fmt::format("\n{:<8}", table);
             for (const CountColumn &column : COLUMNS) {
-                text += fmt::format(" {:>12}", table.counts.*column.count);
+                text += fmt::format(" {:>12}", counts.*column.count);
             }
         }
         text += "\n\n";
@@ -97,9 +96,9 @@ private:
     void write_end() override
     {
         auto tables = nlohmann::ordered_json::object();
-        for (const TableCounts &table : counts()) {
+        for (const auto &[table, counts] : counts()) {
             for (const CountColumn &column : COLUMNS) {
-                tables[std::string(table.table)][column.key] = table.counts.*column.count;
+                tables[std::string(table)][column.key] = counts.*column.count;
             }
         }
         put(fmt::format("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
@@ -122,7 +121,7 @@ void Report::add(const Finding &finding)
 
 void Report::add_counts(std::string_view table, const Counts &counts)
 {
-    counts_.push_back({table, counts});
+    counts_.emplace_back(table, counts);
 }
 
 void Report::finish()

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tierctl {
@@ -40,6 +41,21 @@ struct Counts {
     uint64_t unreadable = 0;
 };
 
+/* Sees every entry of a device once while the device is checked: table by table, by number. */
+class Watcher {
+public:
+    virtual ~Watcher() = default;
+
+    /* The table that its entries refer to, if any, comes before it. */
+    virtual void begin_table(const Table &table) = 0;
+
+    /* Sees the entries of so many slots, all damaged or all unreadable, as which they count. */
+    virtual void add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count) = 0;
+
+    virtual void add_free(uint64_t no) = 0;
+    virtual void add_in_use(uint64_t no, const uint8_t *entry) = 0;
+};
+
 /* Takes what a check finds. Throws when the report cannot be written. */
 class Report {
 public:
@@ -56,12 +72,7 @@ public:
     uint64_t findings() const { return findings_; }
 
 protected:
-    struct TableCounts {
-        std::string_view table;
-        Counts counts;
-    };
-
-    const std::vector<TableCounts> &counts() const { return counts_; }
+    const std::vector<std::pair<std::string_view, Counts>> &counts() const { return counts_; }
     const std::map<std::string, uint64_t> &kinds() const { return kinds_; }
 
     /* The command that shows the entry of the finding. */
@@ -73,8 +84,8 @@ private:
 
     std::string shown_device_; /* as one word of a command line */
     uint64_t findings_ = 0;
-    std::vector<TableCounts> counts_;
-    std::map<std::string, uint64_t> kinds_; /* number of findings by kind */
+    std::vector<std::pair<std::string_view, Counts>> counts_; /* by table */
+    std::map<std::string, uint64_t> kinds_;                   /* number of findings by kind */
 };
 
 /* Writes to standard output for people: a line for each finding, then tables of counts. */

@@ -1,4 +1,4 @@
-#include "zu_tierctl/check/super.h"
+#include "zu_tierctl/check/table.h"
 
 #include <fmt/format.h>
 #include <limits>
@@ -7,23 +7,7 @@ namespace tierctl {
 
 namespace {
 
-class SuperFindings : public tier_findings {
-public:
-    explicit SuperFindings(Report &report) : report_(report) {}
-
-    void add_text(const Kind &kind, const std::string &text)
-    {
-        report_.add({kind, SUPER_TABLE, "entry", 0, TIER_SUPER_OFFSET, 0, text});
-    }
-
-private:
-    void take(const tier_kind &kind, std::string_view text) override
-    {
-        add_text({std::string(kind.name), kind.severity}, std::string(text));
-    }
-
-    Report &report_;
-};
+constexpr EntryPlace SUPER_PLACE = {0, 0, TIER_SUPER_OFFSET};
 
 /* Where an area ends; the largest number when that is no offset. */
 uint64_t end_of(const tier_area &area)
@@ -37,15 +21,16 @@ std::string area_text(const tier_area &area)
     return fmt::format("the {} ({} bytes from {} on)", area.name, area.length, area.start);
 }
 
-void check_area(const tier_area &area, uint64_t device_size, SuperFindings &findings)
+void check_area(const tier_area &area, uint64_t device_size, const TableFindings &findings)
 {
     if (area.length != 0 && end_of(area) > device_size) {
-        findings.add_text({"area_past_end"}, fmt::format("{} reaches past the device's end at {}",
-                                                         area_text(area), device_size));
+        findings.add(
+            {"area_past_end"}, SUPER_PLACE,
+            fmt::format("{} reaches past the device's end at {}", area_text(area), device_size));
     }
     if (area.aligned && area.start % SIZE_4K != 0) {
-        findings.add_text({"area_misaligned"},
-                          area_text(area) + " does not begin at a multiple of 4096");
+        findings.add({"area_misaligned"}, SUPER_PLACE,
+                     area_text(area) + " does not begin at a multiple of 4096");
     }
 }
 
@@ -55,14 +40,15 @@ bool overlap(const tier_area &one, const tier_area &other)
            other.start < end_of(one);
 }
 
-void check_areas(const std::vector<tier_area> &areas, uint64_t device_size, SuperFindings &findings)
+void check_areas(const std::vector<tier_area> &areas, uint64_t device_size,
+                 const TableFindings &findings)
 {
     for (auto area = areas.begin(); area != areas.end(); ++area) {
         check_area(*area, device_size, findings);
         for (auto other = areas.begin(); other != area; ++other) {
             if (overlap(*other, *area)) {
-                findings.add_text({"areas_overlap"},
-                                  area_text(*area) + " overlaps " + area_text(*other));
+                findings.add({"areas_overlap"}, SUPER_PLACE,
+                             area_text(*area) + " overlaps " + area_text(*other));
             }
         }
     }
@@ -70,13 +56,13 @@ void check_areas(const std::vector<tier_area> &areas, uint64_t device_size, Supe
 
 } // namespace
 
-void check_super(const Metadata &metadata, uint64_t device_size, Report &report)
+void check_super(const Metadata &metadata, uint64_t device_size, const TableFindings &findings)
 {
-    SuperFindings findings(report);
+    EntryFindings rule_findings(findings, SUPER_PLACE);
     const void *sb = metadata.super();
     for (const tier_rule &rule : metadata.tables.front().row->rules) {
         if (!rule.holds(sb)) {
-            rule.explain(sb, rule.kind, findings);
+            rule.explain(sb, rule.kind, rule_findings);
         }
     }
     check_areas(metadata.layout->areas(sb), device_size, findings);

@@ -1,7 +1,6 @@
 #include "zu_tierctl/check/table.h"
 
 #include "zu_tierctl/check/claims.h"
-#include "zu_tierctl/check/references.h"
 #include "zu_tierctl/device/progress.h"
 
 #include <algorithm>
@@ -14,33 +13,6 @@
 namespace tierctl {
 
 namespace {
-
-std::string magic_text(const tier_table &row, const uint8_t *content)
-{
-    return fmt::format("its magic is {:#x}, not {:#x}", row.magic.get(content), row.magic_value);
-}
-
-std::string number_text(const tier_table &row, const uint8_t *content)
-{
-    return fmt::format("its number is {}", row.number.get(content));
-}
-
-std::string checksum_text(const tier_table & /*row*/, const uint8_t * /*content*/)
-{
-    return "its checksum does not match its content";
-}
-
-struct FlawKind {
-    Flaw bit;
-    const char *kind;
-    std::string (*text)(const tier_table &row, const uint8_t *content);
-};
-
-constexpr FlawKind FLAWS[] = {
-    {BAD_MAGIC, "bad_magic", magic_text},
-    {BAD_NUMBER, "bad_number", number_text},
-    {BAD_CHECKSUM, "bad_checksum", checksum_text},
-};
 
 /* The finding about an owner that is not in use; in the kind's name {0} is the table, {1} the
  * owner's table. */
@@ -61,13 +33,8 @@ constexpr OwnerState OWNER_STATES[] = {
      "lies in the expansion inode area, which is not in use"},
 };
 
-/* Why a run of slots could not be read. */
-struct Unread {
-    Kind kind;
-    std::string text;
-};
-
-Unread reason(const Slots &slots, uint64_t device_size)
+/* Why a run of slots could not be read: the kind of finding, and the text. */
+std::pair<Kind, std::string> reason(const Slots &slots, uint64_t device_size)
 {
     const auto start = static_cast<uint64_t>(slots.offset);
     if (start % SIZE_4K != 0) {
@@ -78,6 +45,15 @@ Unread reason(const Slots &slots, uint64_t device_size)
     }
     return {{"unreadable"}, strerror(slots.error)};
 }
+
+/* Only a super block that breaks the rules lets entries refer to higher numbers. */
+constexpr uint64_t OWNERS_MAX = uint64_t{1} << 19;
+
+/* Entries that refer to the same one. */
+struct Referrers {
+    uint64_t first = 0;
+    uint64_t count = 0;
+};
 
 /* The entry and so many others as the start of a sentence. */
 std::string referrers_text(uint64_t others)
@@ -113,36 +89,15 @@ Key claim_key(const tier_table &row, const uint8_t *entry)
     }
 }
 
-/* Findings about an entry by itself. */
-class EntryFindings : public tier_findings {
-public:
-    EntryFindings(const TableFindings &findings, const EntryPlace &place)
-        : findings_(findings), place_(place)
-    {
-    }
-
-private:
-    void take(const tier_kind &kind, std::string_view text) override
-    {
-        findings_.add({std::string(kind.name), kind.severity}, place_, std::string(text));
-    }
-
-    const TableFindings &findings_;
-    const EntryPlace &place_;
-};
-
 class TableCheck {
 public:
     explicit TableCheck(const TableContext &context)
         : context_(context), table_(context.table), row_(*context.table.row),
-          first_(context.table.first_word()), end_(context.table.end_word()),
-          is_owner_(
-              std::ranges::any_of(context.metadata.layout->tables, [this](const tier_table *other) {
-                  return other->owner.table == row_.name;
-              }))
+          first_(context.table.first_word), end_(context.table.end_word),
+          is_owner_(is_referred_to(*context.metadata.layout, row_))
     {
         outcome_.states = States(table_.count() * end_);
-        outcome_.counts.entries = table_.count() * entries_a_slot();
+        outcome_.counts.entries = table_.entries();
     }
 
     TableOutcome run(size_t claims_memory)
@@ -160,8 +115,6 @@ public:
     }
 
 private:
-    uint64_t entries_a_slot() const { return end_ - first_; }
-
     EntryPlace place(uint64_t slot, int64_t offset, uint32_t k) const
     {
         return {slot * end_ + k, slot, offset + k * int64_t{sizeof(uint64_t)}};
@@ -170,7 +123,8 @@ private:
     template <class Key>
     void check_with_claims(size_t claims_memory)
     {
-        const uint64_t present = slots_present(table_, context_.device.size()) * entries_a_slot();
+        const uint64_t present =
+            slots_present(table_, context_.device.size()) * table_.entries_a_slot();
         Claims<Key> claims(std::max<uint64_t>(
             2, std::min<uint64_t>(present, Claims<Key>::capacity(claims_memory))));
         const auto add = [&](const EntryPlace &, const uint8_t *entry) {
@@ -212,8 +166,7 @@ private:
         walk([this, &visit](const Slots &slots) {
             if (slots.data == nullptr) {
                 context_.findings.add_unread(slots, context_.device.size());
-                outcome_.counts.unreadable += slots.count * entries_a_slot();
-                watch_lost(slots.first_no, slots.count, State::unreadable);
+                add_lost(slots.first_no, slots.count, &Counts::unreadable);
                 return;
             }
             for (uint64_t i = 0; i < slots.count; i++) {
@@ -257,9 +210,8 @@ private:
         const uint32_t flaws = table_.flaws(no, slot);
         if (flaws != 0) {
             context_.findings.add_flaws(flaws, no, offset, slot);
-            outcome_.counts.damaged += entries_a_slot();
             set_states(no, first_, end_, State::damaged);
-            watch_lost(no, 1, State::damaged);
+            add_lost(no, 1, &Counts::damaged);
             return;
         }
         for (uint32_t k = first_; k < end_; k++) {
@@ -274,7 +226,9 @@ private:
             }
             set_states(no, k, k + 1, State::in_use);
             outcome_.counts.in_use++;
-            watch_in_use(no * end_ + k, entry);
+            if (context_.watcher != nullptr) {
+                context_.watcher->add_in_use(no * end_ + k, entry);
+            }
             check_entry(place(no, offset, k), entry);
             visit(place(no, offset, k), entry);
         }
@@ -288,23 +242,12 @@ private:
         }
     }
 
-    void watch_lost(uint64_t first_slot, uint64_t slots, State state) const
+    void add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count)
     {
+        outcome_.counts.*count += slots * table_.entries_a_slot();
         if (context_.watcher != nullptr) {
-            context_.watcher->add_lost(first_slot, slots, state);
+            context_.watcher->add_lost(first_slot, slots, count);
         }
-    }
-
-    void watch_in_use(uint64_t no, const uint8_t *entry) const
-    {
-        if (context_.watcher == nullptr) {
-            return;
-        }
-        EntryInUse seen = {no, entry, std::nullopt};
-        if (!row_.owner.table.empty()) {
-            seen.owner = row_.owner.no.get(entry);
-        }
-        context_.watcher->add_in_use(seen);
     }
 
     void check_entry(const EntryPlace &place, const uint8_t *entry)
@@ -326,19 +269,30 @@ private:
     void check_owner(uint64_t owner, State state, const EntryPlace &place)
     {
         const bool known = state != State::damaged && state != State::unreadable;
-        if (known || !unknown_owners_.add(owner, place.no)) {
+        if (known || owner >= OWNERS_MAX) {
             context_.findings.add_owner(owner, state, place);
+            return;
+        }
+        if (owner >= unknown_owners_.size()) {
+            unknown_owners_.resize(owner + 1);
+        }
+        Referrers &referrers = unknown_owners_[owner];
+        if (referrers.count++ == 0) {
+            referrers.first = place.no;
         }
     }
 
     void add_unknown_owners() const
     {
-        unknown_owners_.each([this](uint64_t owner, uint64_t first, uint64_t count) {
-            const uint64_t slot = first / end_;
-            context_.findings.add_owner(
-                owner, context_.owners.get(owner),
-                place(slot, table_.slot(slot), static_cast<uint32_t>(first % end_)), count - 1);
-        });
+        for (uint64_t owner = 0; owner < unknown_owners_.size(); owner++) {
+            const auto [first, count] = unknown_owners_[owner];
+            if (count != 0) {
+                const uint64_t slot = first / end_;
+                context_.findings.add_owner(
+                    owner, context_.owners.get(owner),
+                    place(slot, table_.slot(slot), static_cast<uint32_t>(first % end_)), count - 1);
+            }
+        }
     }
 
     /* The layout may forbid references to some numbers, whatever lies there. */
@@ -357,7 +311,7 @@ private:
     const uint32_t first_;
     const uint32_t end_;
     const bool is_owner_;
-    References unknown_owners_; /* damaged or unreadable, but referred to */
+    std::vector<Referrers> unknown_owners_; /* by number: damaged or unreadable, but referred to */
     TableOutcome outcome_;
 };
 
@@ -381,10 +335,18 @@ void TableFindings::add_slot(const Kind &kind, uint64_t slot, int64_t offset,
 void TableFindings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
                               const uint8_t *content) const
 {
-    for (const FlawKind &flaw : FLAWS) {
-        if ((flaws & flaw.bit) != 0) {
-            add_slot({flaw.kind}, slot, offset, flaw.text(*table_->row, content));
-        }
+    const tier_table &row = *table_->row;
+    if ((flaws & BAD_MAGIC) != 0) {
+        add_slot(
+            {"bad_magic"}, slot, offset,
+            fmt::format("its magic is {:#x}, not {:#x}", row.magic.get(content), row.magic_value));
+    }
+    if ((flaws & BAD_NUMBER) != 0) {
+        add_slot({"bad_number"}, slot, offset,
+                 fmt::format("its number is {}", row.number.get(content)));
+    }
+    if ((flaws & BAD_CHECKSUM) != 0) {
+        add_slot({"bad_checksum"}, slot, offset, "its checksum does not match its content");
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include "zu_tierctl/check/report.h"
 #include "zu_tierctl/check/states.h"
-#include "zu_tierctl/check/watcher.h"
 #include "zu_tierctl/device/device.h"
 #include "zu_tierctl/entry/metadata.h"
 
@@ -56,6 +55,24 @@ private:
     std::string_view slot_unit_;
 };
 
+/* Findings about an entry by itself. */
+class EntryFindings : public tier_findings {
+public:
+    EntryFindings(const TableFindings &findings, const EntryPlace &place)
+        : findings_(findings), place_(place)
+    {
+    }
+
+private:
+    void take(const tier_kind &kind, std::string_view text) override
+    {
+        findings_.add({std::string(kind.name), kind.severity}, place_, std::string(text));
+    }
+
+    const TableFindings &findings_;
+    const EntryPlace &place_;
+};
+
 /* What the check of a table needs to know. */
 struct TableContext {
     const Device &device;
@@ -75,5 +92,9 @@ struct TableOutcome {
  * something is claimed repeatedly, and more often when the claims do not fit in `claims_memory`
  * bytes. */
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
+
+/* Reports what is wrong in the super block: its parameters, and the places of its areas on a device
+ * of so many bytes. */
+void check_super(const Metadata &metadata, uint64_t device_size, const TableFindings &findings);
 
 } // namespace tierctl

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "zu_tierctl/device/error.h"
+
 #include <charconv>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace tierctl {
@@ -18,6 +21,16 @@ inline std::optional<uint64_t> parse_number(std::string_view text)
         return std::nullopt;
     }
     return value;
+}
+
+/* The same for the argument `name` of the command line; a usage error when it is no such number. */
+inline uint64_t read_number(const std::string &name, const std::string &text)
+{
+    const std::optional<uint64_t> value = parse_number(text);
+    if (!value) {
+        throw UsageError(name + " " + text + ": expected a number of up to 64 bits");
+    }
+    return *value;
 }
 
 } // namespace tierctl

@@ -1,9 +1,61 @@
 #include "zu_tierctl/device/text.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <fmt/core.h>
 
 namespace tierctl {
+
+namespace {
+
+constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD"; /* U+FFFD */
+
+/* The bytes of one character: the range of the first and of the second byte, and the number of
+ * bytes. The others are 0x80..0xBF. Surrogates, overlong forms and everything past U+10FFFF are in
+ * no row. */
+struct Utf8Sequence {
+    uint8_t first_min;
+    uint8_t first_max;
+    uint8_t second_min;
+    uint8_t second_max;
+    size_t length;
+};
+
+constexpr Utf8Sequence UTF8_SEQUENCES[] = {
+    {0x00, 0x7F, 0x00, 0xFF, 1}, {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
+    {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
+    {0xF0, 0xF0, 0x90, 0xBF, 4}, {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
+};
+
+bool is_between(char byte, uint8_t min, uint8_t max)
+{
+    const auto value = static_cast<uint8_t>(byte);
+    return value >= min && value <= max;
+}
+
+bool begins_with(std::string_view text, const Utf8Sequence &sequence)
+{
+    if (text.size() < sequence.length ||
+        !is_between(text[0], sequence.first_min, sequence.first_max)) {
+        return false;
+    }
+    const std::string_view rest = text.substr(1, sequence.length - 1);
+    return rest.empty() || (is_between(rest[0], sequence.second_min, sequence.second_max) &&
+                            std::ranges::all_of(rest.substr(1), [](char byte) {
+                                return is_between(byte, 0x80, 0xBF);
+                            }));
+}
+
+/* Length of the valid sequence that the text begins with; 0 when there is none. */
+size_t sequence_length(std::string_view text)
+{
+    const auto *sequence = std::ranges::find_if(
+        UTF8_SEQUENCES, [text](const auto &known) { return begins_with(text, known); });
+    return sequence == std::end(UTF8_SEQUENCES) ? 0 : sequence->length;
+}
+
+} // namespace
 
 std::string shell_word(std::string_view text)
 {
@@ -39,6 +91,33 @@ std::string shown_text(const std::string &text)
 {
     std::string shown = quoted(text);
     return shown == '"' + text + '"' ? text : shown;
+}
+
+std::string valid_utf8(std::string_view text)
+{
+    std::string valid;
+    while (!text.empty()) {
+        const size_t length = sequence_length(text);
+        valid += length > 0 ? text.substr(0, length) : REPLACEMENT;
+        text.remove_prefix(std::max(length, size_t{1}));
+    }
+    return valid;
+}
+
+std::string json_text(std::string_view text)
+{
+    std::string json = "\"";
+    for (const char byte : valid_utf8(text)) {
+        if (is_between(byte, 0, 0x1F) || byte == 0x7F) {
+            json += fmt::format("\\u{:04x}", byte);
+            continue;
+        }
+        if (byte == '"' || byte == '\\') {
+            json += '\\';
+        }
+        json += byte;
+    }
+    return json + '"';
 }
 
 } // namespace tierctl

@@ -1,7 +1,7 @@
 #include "zu_tierctl/device/unreadable.h"
 
 #include "zu_tierctl/device/error.h"
-#include "zu_tierctl/device/json.h"
+#include "zu_tierctl/device/text.h"
 
 #include <cstdio>
 #include <cstring>
@@ -22,21 +22,18 @@ struct CloseFile {
     void operator()(FILE *file) const { fclose(file); }
 };
 
-/* The text of the list; "[]" when there is no such file. */
-std::string read_list(const std::string &path)
+/* The list; an empty one when there is no such file, and no array when it is no JSON. */
+Json read_list(const std::string &path)
 {
     const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "re"));
     if (file == nullptr && errno == ENOENT) {
-        return "[]";
+        return Json::array();
     }
-    std::string text;
-    for (int byte = 0; file != nullptr && (byte = getc(file.get())) != EOF;) {
-        text += static_cast<char>(byte);
-    }
+    const Json list = file != nullptr ? Json::parse(file.get(), nullptr, false) : Json();
     if (file == nullptr || ferror(file.get()) != 0) {
         throw_errno("cannot read " + path);
     }
-    return text;
+    return list;
 }
 
 } // namespace
@@ -82,7 +79,7 @@ UnreadableList::UnreadableList(const std::string &saved)
 {
     const std::string path = unreadable_path(saved);
     const std::string complaint = path + " is no list of unreadable blocks";
-    const auto list = Json::parse(read_list(path), nullptr, false);
+    const Json list = read_list(path);
     if (!list.is_array()) {
         throw std::runtime_error(complaint);
     }

@@ -1,7 +1,6 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/diff/diff.h"
-#include "zu_tierctl/diff/report.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>

@@ -3,9 +3,9 @@
 #include "zu_tierctl/entry/entry.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace tierctl {
 
@@ -19,9 +19,6 @@ struct EntryRange {
 /* Takes the differences of A and B, table by table. */
 class DiffReport {
 public:
-    DiffReport() = default;
-    DiffReport(const DiffReport &) = delete;
-    DiffReport &operator=(const DiffReport &) = delete;
     virtual ~DiffReport() = default;
 
     virtual void layouts(std::string_view a, std::string_view b) = 0;
@@ -33,6 +30,10 @@ public:
     /* `side`: "a" or "b". */
     virtual void only_in(std::string_view side, const EntryRange &range) = 0;
 };
+
+/* Reports on standard output: as text for people, or as JSON, a line for each difference. */
+std::unique_ptr<DiffReport> make_text_report();
+std::unique_ptr<DiffReport> make_json_report();
 
 /* Compares two devices or saved files entry by entry; returns whether they are equal. */
 bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report);

@@ -1,7 +1,7 @@
-#include "zu_tierctl/diff/report.h"
+#include "zu_tierctl/diff/diff.h"
 
-#include "zu_tierctl/device/json.h"
 #include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/text.h"
 
 #include <cerrno>
 #include <cstring>

@@ -34,7 +34,7 @@ struct Content {
 /* Packed entries are numbered through the table, other parts within their entry. */
 uint64_t part_number(const Entry &entry, uint32_t k)
 {
-    return entry.table.row->packed() ? entry.no * entry.table.end_word() + k : k;
+    return entry.table.row->packed() ? entry.no * entry.table.end_word + k : k;
 }
 
 /* Where part `k` lies in its slot. */

@@ -1,7 +1,7 @@
 #include "zu_tierctl/entry/fields.h"
 
 #include "zu_tier/record/time.h"
-#include "zu_tierctl/device/json.h"
+#include "zu_tierctl/device/text.h"
 
 #include <array>
 #include <bit>
@@ -15,12 +15,6 @@ namespace {
 const char *place(const tier_column &column, const void *record)
 {
     return static_cast<const char *>(record) + column.at;
-}
-
-std::string time_text(uint64_t t_ns)
-{
-    std::array<char, ZUTR_TIME_ROOM> text;
-    return {text.data(), zutr_put_time(text.data(), t_ns)};
 }
 
 /* A time is printed without its fraction of a second, and in a zone whose clock may change. */
@@ -72,6 +66,12 @@ std::string number_text(zutr_form form, uint64_t value)
     default:
         return std::to_string(value);
     }
+}
+
+std::string time_text(uint64_t nanoseconds)
+{
+    std::array<char, ZUTR_TIME_ROOM> text;
+    return {text.data(), zutr_put_time(text.data(), nanoseconds)};
 }
 
 std::string column_text(const tier_column &column, const void *record)

@@ -27,6 +27,9 @@ uint64_t column_number(const tier_column &column, const void *record);
 /* A number as JSON in one of the tool's forms. */
 std::string number_text(zutr_form form, uint64_t value);
 
+/* A time in nanoseconds since the epoch, as the tool prints it. */
+std::string time_text(uint64_t nanoseconds);
+
 /* The value in a column of a record, as JSON. */
 std::string column_text(const tier_column &column, const void *record);
 

@@ -22,7 +22,9 @@ size_t end_of(const tier_number &number)
 } // namespace
 
 Table::Table(const tier_table &table, const void *sb)
-    : row(&table), name(table.name), record_length(table.record_length(sb))
+    : row(&table), name(table.name), record_length(table.record_length(sb)),
+      first_word(table.packed() ? table.parts->first : 0),
+      end_word(table.packed() ? SIZE_4K / table.parts->size : 1)
 {
     const tier_regions all = table.regions(sb);
     regions.push_back(all[0]);
@@ -101,6 +103,13 @@ const Table &find_table(const std::vector<Table> &tables, std::string_view name)
         known.push_back(other.name);
     }
     throw UsageError(fmt::format("there is no table {}, but {}", name, fmt::join(known, ", ")));
+}
+
+bool is_referred_to(const tier_layout &layout, const tier_table &table)
+{
+    return std::ranges::any_of(layout.tables, [&table](const tier_table *other) {
+        return other->owner.table == table.name;
+    });
 }
 
 const tier_layout *find_layout(std::string_view name)

@@ -26,15 +26,29 @@ struct Table {
     std::vector<tier_region> regions; /* the numbers of each continue those of the one before */
     uint64_t record_length;
 
+    /* Words of a slot that are entries: from the first up to, but not at, the end. A slot with a
+     * single entry has word 0 only. Word k of slot i is number i * end + k. */
+    uint32_t first_word;
+    uint32_t end_word;
+
     Table(const tier_table &table, const void *sb);
 
     /* Of slots. */
     uint64_t count() const;
 
-    /* Words of a slot that are entries: from the first up to, but not at, the end. A slot with a
-     * single entry has word 0 only. */
-    uint32_t first_word() const { return row->packed() ? row->parts->first : 0; }
-    uint32_t end_word() const { return row->packed() ? SIZE_4K / row->parts->size : 1; }
+    /* Entries of each slot, and of all. */
+    uint64_t entries_a_slot() const { return end_word - first_word; }
+    uint64_t entries() const { return count() * entries_a_slot(); }
+
+    /* Entries counted from 0, without the words that are none. */
+    uint64_t index(uint64_t no) const
+    {
+        return no / end_word * entries_a_slot() + no % end_word - first_word;
+    }
+    uint64_t number(uint64_t index) const
+    {
+        return index / entries_a_slot() * end_word + first_word + index % entries_a_slot();
+    }
 
     /* Where the entry at word `k` of a slot begins. */
     const uint8_t *entry(const uint8_t *slot, uint32_t k) const
@@ -65,6 +79,9 @@ std::vector<Table> tables_of(const tier_layout &layout, const void *sb);
 
 /* The table of that name; throws a usage error, which lists the tables, when there is none. */
 const Table &find_table(const std::vector<Table> &tables, std::string_view name);
+
+/* Whether entries of the layout refer to those of the table. */
+bool is_referred_to(const tier_layout &layout, const tier_table &table);
 
 /* The layout of that name; null when there is none. */
 const tier_layout *find_layout(std::string_view name);

@@ -1,7 +1,5 @@
-#include "zu_tierctl/device/json.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/map/map.h"
-#include "zu_tierctl/map/page.h"
 
 #include <algorithm>
 #include <fmt/core.h>

@@ -1,8 +1,8 @@
 #include "zu_tierctl/map/map.h"
 
 #include "zu_tier/record/text.h"
-#include "zu_tier/record/time.h"
 #include "zu_tierctl/check/check.h"
+#include "zu_tierctl/check/states.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/fields.h"
 
@@ -30,12 +30,6 @@ constexpr MapAge AGES[] = {
 /* No layout has more bricks; references to other numbers are counted together. */
 constexpr size_t BRICKS = 300;
 constexpr uint16_t OTHER_BRICK = uint16_t{BRICKS};
-
-std::string time_text(uint64_t nanoseconds)
-{
-    std::array<char, ZUTR_TIME_ROOM> text;
-    return {text.data(), zutr_put_time(text.data(), nanoseconds)};
-}
 
 /* For each entry of a table the brick that uses it. */
 class BrickNumbers {
@@ -69,10 +63,10 @@ public:
         bricks_.push_back({"other", "not known"});
     }
 
-    void begin_table(const Table &table, const Numbering &numbering) override;
-    void add_lost(uint64_t first_slot, uint64_t slots, State state) override;
+    void begin_table(const Table &table) override;
+    void add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count) override;
     void add_free(uint64_t no) override { add(no, &Counts::free); }
-    void add_in_use(const EntryInUse &entry) override;
+    void add_in_use(uint64_t no, const uint8_t *entry) override;
 
     /* Must be called when all tables have been read. */
     void finish();
@@ -80,22 +74,15 @@ public:
 private:
     MapTable &table() { return map_.tables.back(); }
 
-    bool is_owner(const tier_table &row) const
-    {
-        return std::ranges::any_of(layout_.tables, [&row](const tier_table *other) {
-            return other->owner.table == row.name;
-        });
-    }
-
     void add(uint64_t no, uint64_t Counts::*count)
     {
-        const uint64_t cell = table().numbering.index(no) / table().cell_entries;
+        const uint64_t cell = table_read_->index(no) / table().cell_entries;
         (table().cells[cell].counts.*count)++;
         (table().counts.*count)++;
     }
 
-    void add_brick(const EntryInUse &entry);
-    void add_file(const EntryInUse &entry, MapBrick &brick);
+    void add_brick(uint64_t no, const uint8_t *entry);
+    void add_file(const uint8_t *entry, MapBrick &brick);
 
     Map &map_;
     const tier_layout &layout_;
@@ -104,43 +91,44 @@ private:
     std::map<std::string_view, BrickNumbers> numbers_; /* by table */
     const BrickNumbers *owners_ = nullptr;             /* of the table that this one refers to */
     BrickNumbers *own_ = nullptr;                      /* of this table */
-    const tier_table *row_ = nullptr;                  /* this table */
+    const Table *table_read_ = nullptr;                /* this table */
+    const tier_table *row_ = nullptr;                  /* and its row */
     const tier_table *bricks_row_ = nullptr;           /* it refers to none; others refer to it */
     tier_columns columns_;                             /* of this table */
     bool is_owner_ = false;                            /* whether other tables refer to this one */
     std::vector<uint64_t> accesses_;
 };
 
-void TableBuilder::begin_table(const Table &table_read, const Numbering &numbering)
+void TableBuilder::begin_table(const Table &table_read)
 {
+    table_read_ = &table_read;
     row_ = table_read.row;
     owners_ = &numbers_[row_->owner.table];
     own_ = &numbers_[row_->name];
     columns_ = row_->fields != nullptr ? row_->fields() : tier_columns{};
-    is_owner_ = is_owner(*row_);
+    is_owner_ = is_referred_to(layout_, *row_);
     if (row_->owner.table.empty() && is_owner_) {
         bricks_row_ = row_;
     }
-    const uint64_t entries = numbering.entries();
-    map_.tables.push_back({row_->name, numbering, 1, {.entries = entries}});
+    const uint64_t entries = table_read.entries();
+    map_.tables.push_back({row_->name, 1, {.entries = entries}});
     if (entries == 0) {
         return;
     }
-    const uint64_t cells = cells_max_(numbering.number(entries - 1));
+    const uint64_t cells = cells_max_(table_read.number(entries - 1));
     table().cell_entries = (entries - 1) / cells + 1;
     for (uint64_t first = 0, left = entries; left > 0;) {
         const uint64_t count = std::min(left, table().cell_entries);
         table().cells.push_back(
-            {numbering.number(first), numbering.number(first + count - 1), {.entries = count}});
+            {table_read.number(first), table_read.number(first + count - 1), {.entries = count}});
         first += count;
         left -= count;
     }
 }
 
-void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, State state)
+void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count)
 {
-    const auto count = state == State::damaged ? &Counts::damaged : &Counts::unreadable;
-    const uint64_t a_slot = table().numbering.entries_a_slot();
+    const uint64_t a_slot = table_read_->entries_a_slot();
     uint64_t first = first_slot * a_slot;
     table().counts.*count += slots * a_slot;
     for (uint64_t left = slots * a_slot; left > 0;) {
@@ -152,51 +140,52 @@ void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, State state)
     }
 }
 
-void TableBuilder::add_in_use(const EntryInUse &entry)
+void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry)
 {
-    add(entry.no, &Counts::in_use);
+    add(no, &Counts::in_use);
     if (row_ == bricks_row_) {
-        add_brick(entry);
+        add_brick(no, entry);
         return;
     }
-    if (!entry.owner) {
+    if (row_->owner.table.empty()) {
         return;
     }
-    uint16_t brick = owners_->get(*entry.owner);
+    const uint64_t owner = row_->owner.no.get(entry);
+    uint16_t brick = owners_->get(owner);
     if (bricks_row_ != nullptr && row_->owner.table == bricks_row_->name) {
         /* A brick that is not in use counts as well. */
-        brick = static_cast<uint16_t>(std::min<uint64_t>(*entry.owner, OTHER_BRICK));
+        brick = static_cast<uint16_t>(std::min<uint64_t>(owner, OTHER_BRICK));
         add_file(entry, bricks_[brick]);
     }
     if (is_owner_) {
-        own_->set(entry.no, brick);
+        own_->set(no, brick);
     } else {
         bricks_[brick].extents++;
     }
 }
 
-void TableBuilder::add_brick(const EntryInUse &entry)
+void TableBuilder::add_brick(uint64_t no, const uint8_t *entry)
 {
-    if (entry.no >= BRICKS) {
+    if (no >= BRICKS) {
         return;
     }
-    own_->set(entry.no, static_cast<uint16_t>(entry.no));
-    bricks_[entry.no].in_use = true;
+    own_->set(no, static_cast<uint16_t>(no));
+    bricks_[no].in_use = true;
     const auto path = std::ranges::find(columns_, tier_column_type::text, &tier_column::type);
     if (path != columns_.end()) {
-        const auto *text = reinterpret_cast<const char *>(entry.slot) + path->at;
-        bricks_[entry.no].path = shown_text(std::string(zutr_bounded(text, path->size)));
+        const auto *text = reinterpret_cast<const char *>(entry) + path->at;
+        bricks_[no].path = shown_text(std::string(zutr_bounded(text, path->size)));
     }
 }
 
-void TableBuilder::add_file(const EntryInUse &entry, MapBrick &brick)
+void TableBuilder::add_file(const uint8_t *entry, MapBrick &brick)
 {
     brick.inodes++;
     for (const tier_column &column : columns_) {
         if (column.key == "size") {
-            brick.bytes += std::min(column_number(column, entry.slot), ANY - brick.bytes);
+            brick.bytes += std::min(column_number(column, entry), ANY - brick.bytes);
         } else if (column.key == "atime" && accesses_.size() < States::ENTRIES_MAX) {
-            accesses_.push_back(column_number(column, entry.slot));
+            accesses_.push_back(column_number(column, entry));
         }
     }
 }
@@ -228,7 +217,10 @@ void TableBuilder::finish()
 /* Adds the findings of a check to a map. */
 class MapReport : public Report {
 public:
-    explicit MapReport(Map &map) : Report(map.device), map_(map) {}
+    MapReport(Map &map, const Metadata &metadata)
+        : Report(map.device), map_(map), metadata_(metadata)
+    {
+    }
 
 private:
     void write(const Finding &finding) override
@@ -236,10 +228,10 @@ private:
         map_.findings_count++;
         MapTable &table = *std::ranges::find(map_.tables, finding.table, &MapTable::name);
         table.findings++;
-        const Numbering &numbering = table.numbering;
+        const Table &checked = find_table(metadata_.tables, finding.table);
         const bool is_block = finding.unit == "block";
         const uint64_t index =
-            is_block ? finding.no * numbering.entries_a_slot() : numbering.index(finding.no);
+            is_block ? finding.no * checked.entries_a_slot() : checked.index(finding.no);
         if (!table.cells.empty()) {
             table.cells[index / table.cell_entries].findings++;
         }
@@ -254,6 +246,7 @@ private:
     void write_end() override {} /* GCOVR_EXCL_LINE: nothing is printed */
 
     Map &map_;
+    const Metadata &metadata_;
 };
 
 } // namespace
@@ -295,7 +288,7 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max)
         }
     }
     TableBuilder tables(map, *metadata.layout, cells_max);
-    MapReport report(map);
+    MapReport report(map, metadata);
     check_metadata({.device = device_path}, device, metadata, report, &tables);
     tables.finish();
     return map;

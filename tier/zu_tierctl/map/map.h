@@ -1,7 +1,6 @@
 #pragma once
 
 #include "zu_tierctl/check/report.h"
-#include "zu_tierctl/check/watcher.h"
 
 #include <array>
 #include <cstddef>
@@ -34,7 +33,6 @@ struct MapCell {
 
 struct MapTable {
     std::string_view name;
-    Numbering numbering;
     uint64_t cell_entries; /* entries in each cell; the last may have fewer */
     Counts counts;
     uint64_t findings = 0;
@@ -97,6 +95,11 @@ std::string draw_terminal(const Map &map, size_t width, bool colours);
 
 /* How many cells the grid of a table has room for in that text; `last` as for CellsMax. */
 size_t terminal_cells(size_t width, uint64_t last);
+
+/* Style and script of every page: page.css and page.js. Both are free of '<' and '&', so that the
+ * page is well-formed XML, too. */
+extern const char MAP_STYLE[];
+extern const char MAP_SCRIPT[];
 
 /* The map as an HTML page that needs no other file. */
 std::string draw_page(const Map &map);

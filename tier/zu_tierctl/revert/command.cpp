@@ -1,11 +1,9 @@
 #include "zu_tierctl/commands.h"
-#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
 #include "zu_tierctl/revert/revert.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace tierctl {
@@ -22,15 +20,6 @@ constexpr const char REVERT_FOOTER[] =
     "  zu_tierctl revert before.img /dev/nvme0n1 inode 7\n"
     "  zu_tierctl revert before.img /dev/nvme0n1 inode 7 --commit";
 
-uint64_t read_no(const std::string &text)
-{
-    const std::optional<uint64_t> no = parse_number(text);
-    if (!no) {
-        throw UsageError("NO " + text + ": expected a number of up to 64 bits");
-    }
-    return *no;
-}
-
 } // namespace
 
 void add_revert(CLI::App &app)
@@ -46,7 +35,7 @@ void add_revert(CLI::App &app)
                 "of shard, hot or extent is a block of the table");
     command
         ->add_option_function<std::string>(
-            "NO", [options](const std::string &text) { options->no = read_no(text); },
+            "NO", [options](const std::string &text) { options->no = read_number("NO", text); },
             "Number of the entry")
         ->type_name("")
         ->required();

@@ -1,6 +1,5 @@
 #include "zu_tierctl/revert/revert.h"
 
-#include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/unreadable.h"
@@ -8,27 +7,10 @@
 
 #include <cstring>
 #include <fmt/core.h>
-#include <new>
 
 namespace tierctl {
 
 namespace {
-
-/* One block of memory, aligned for direct access. */
-class Block {
-public:
-    Block()
-    {
-        if (zutr_alloc_aligned(SIZE_4K, &memory_) != 0) {
-            throw std::bad_alloc();
-        }
-    }
-    uint8_t *data() const { return memory_.get(); }
-    bool operator==(const Block &other) const { return memcmp(data(), other.data(), SIZE_4K) == 0; }
-
-private:
-    zutr_buffer memory_;
-};
 
 class Revert {
 public:
@@ -76,7 +58,7 @@ private:
         }
     }
 
-    void load_saved() const
+    void load_saved()
     {
         if (UnreadableList(saved_.path()).holds(options_.table, options_.no)) {
             throw std::runtime_error(name_ + " is missing in " + saved_.path() +
@@ -134,8 +116,8 @@ private:
     const Table &table_;
     std::string name_;
     int64_t offset_ = 0;
-    Block then_;
-    Block now_;
+    alignas(SIZE_4K) Block then_; /* aligned for direct access */
+    alignas(SIZE_4K) Block now_;
     bool now_is_read_ = false;
     int error_ = 0; /* error number that says why not */
 };

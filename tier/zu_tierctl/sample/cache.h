@@ -1,7 +1,6 @@
 #pragma once
 
 #include "zu_tier/format/areas.h"
-#include "zu_tierctl/sample/layout.h"
 #include "zu_tierctl/sample/random.h"
 #include "zu_tierctl/sample/sample.h"
 

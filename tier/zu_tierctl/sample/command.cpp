@@ -1,5 +1,4 @@
 #include "zu_tierctl/commands.h"
-#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
 #include "zu_tierctl/sample/sample.h"
 
@@ -7,7 +6,6 @@
 #include <fmt/core.h>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace tierctl {
@@ -73,13 +71,7 @@ std::string seed_help()
 void add_number(CLI::App *command, const std::string &name,
                 const std::function<void(uint64_t)> &store, const std::string &help)
 {
-    const auto read = [name, store](const std::string &text) {
-        const std::optional<uint64_t> value = parse_number(text);
-        if (!value) {
-            throw UsageError(name + " " + text + ": expected a number of up to 64 bits");
-        }
-        store(*value);
-    };
+    const auto read = [name, store](const std::string &text) { store(read_number(name, text)); };
     command->add_option_function<std::string>(name, read, help)->type_name("N");
 }
 

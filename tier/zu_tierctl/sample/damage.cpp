@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fmt/core.h>
 #include <optional>
+#include <ranges>
 #include <string_view>
 
 namespace tierctl {
@@ -64,14 +65,10 @@ constexpr DamageKind KINDS[] = {
 std::vector<std::string_view> split(std::string_view text)
 {
     std::vector<std::string_view> parts;
-    while (true) {
-        const size_t end = text.find(':');
-        parts.push_back(text.substr(0, end));
-        if (end == std::string_view::npos) {
-            return parts;
-        }
-        text.remove_prefix(end + 1);
+    for (const auto part : std::views::split(text, ':')) {
+        parts.emplace_back(part.begin(), part.end());
     }
+    return parts;
 }
 
 /* The item called `name` among those of `list` that apply. If there is none, throws a complaint

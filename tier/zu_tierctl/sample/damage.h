@@ -1,7 +1,7 @@
 #pragma once
 
+#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/sample/image.h"
-#include "zu_tierctl/sample/layout.h"
 
 #include <cstdint>
 #include <span>

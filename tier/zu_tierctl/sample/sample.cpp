@@ -1,6 +1,5 @@
 #include "zu_tierctl/sample/sample.h"
 
-#include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/sample/damage.h"
 #include "zu_tierctl/sample/image.h"
@@ -8,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/core.h>
-#include <new>
 
 namespace tierctl {
 
@@ -28,6 +26,8 @@ const std::array<SizeOption, SIZES> SIZE_OPTIONS = {{
 }};
 
 namespace {
+
+constexpr const SampleLayout *LAYOUTS[] = {&SAMPLE_LAYOUT_V1, &SAMPLE_LAYOUT_V2, &SAMPLE_LAYOUT_V3};
 
 constexpr uint64_t SLOTS_A_WRITE = SIZE_1M / SIZE_4K;
 
@@ -75,17 +75,34 @@ void write_table(Image &image, const SampleTable &sample, uint8_t *run)
 
 const SampleLayout &choose_layout(const SampleOptions &options)
 {
-    const SampleLayout &layout = find_sample_layout(options.layout);
-    if (!options.for_conversion) {
-        return layout;
+    const auto *layout = std::ranges::find(LAYOUTS, options.layout, &SampleLayout::name);
+    if (layout == std::end(LAYOUTS)) {
+        throw UsageError("unknown layout " + options.layout);
     }
-    if (layout.for_conversion == nullptr) {
+    if (!options.for_conversion) {
+        return **layout;
+    }
+    if ((*layout)->for_conversion == nullptr) {
         throw UsageError("--for-conversion: layout " + options.layout + " cannot be converted");
     }
-    return *layout.for_conversion;
+    return *(*layout)->for_conversion;
 }
 
 } // namespace
+
+std::string bounds_text(const Bounds &bounds)
+{
+    if (bounds.max == NO_BOUNDS.max) {
+        return "none";
+    }
+    return fmt::format("{}..{}", bounds.min, bounds.max) +
+           (bounds.unit == 1 ? "" : fmt::format(" in steps of {}", bounds.unit));
+}
+
+std::span<const SampleLayout *const> sample_layouts()
+{
+    return LAYOUTS;
+}
 
 void sample(const SampleOptions &options)
 {
@@ -97,13 +114,10 @@ void sample(const SampleOptions &options)
     }
     const std::vector<Damage> damages = parse_damage(options.damage, tables);
 
-    zutr_buffer run;
-    if (zutr_alloc_aligned(SLOTS_A_WRITE * SIZE_4K, &run) != 0) {
-        throw std::bad_alloc();
-    }
+    std::vector<uint8_t> run(SLOTS_A_WRITE * SIZE_4K);
     Image image(options.file, plan.device_size, options.force);
     for (const SampleTable &planned : plan.tables) {
-        write_table(image, planned, run.get());
+        write_table(image, planned, run.data());
     }
     apply_damage(image, damages, options.seed);
     image.commit();

@@ -1,7 +1,6 @@
 #include "zu_tierctl/template/template.h"
 
 #include "zu_tierctl/device/error.h"
-#include "zu_tierctl/device/json.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/fields.h"
