@@ -18,18 +18,18 @@ namespace {
  * owner's table. */
 struct OwnerState {
     State state;
-    const char *kind;
     Severity severity;
+    const char *kind;
     const char *text;
 };
 
 constexpr OwnerState OWNER_STATES[] = {
-    {State::free, "{}_of_free_{}", Severity::error, "is free"},
-    {State::damaged, "{}_of_unknown_{}", Severity::warning, "is damaged"},
-    {State::unreadable, "{}_of_unknown_{}", Severity::warning, "cannot be read"},
-    {State::missing, "{}_of_missing_{}", Severity::error, "does not exist"},
-    {State::head, "{}_of_{}_head", Severity::error, "is the head of a block and no entry"},
-    {State::closed, "{}_of_unused_expansion", Severity::error,
+    {State::free, Severity::error, "{}_of_free_{}", "is free"},
+    {State::damaged, Severity::warning, "{}_of_unknown_{}", "is damaged"},
+    {State::unreadable, Severity::warning, "{}_of_unknown_{}", "cannot be read"},
+    {State::missing, Severity::error, "{}_of_missing_{}", "does not exist"},
+    {State::head, Severity::error, "{}_of_{}_head", "is the head of a block and no entry"},
+    {State::closed, Severity::error, "{}_of_unused_expansion",
      "lies in the expansion inode area, which is not in use"},
 };
 
@@ -188,7 +188,7 @@ private:
                     continue;
                 }
                 for (uint32_t k = first_; k < end_; k++) {
-                    const uint8_t *entry = table_.entry(slots.slot(i), k);
+                    const uint8_t *entry = Table::entry(slots.slot(i), k);
                     if (table_.in_use(entry)) {
                         visited++;
                         visit(place(no, slots.offset + static_cast<int64_t>(i * SIZE_4K), k),
@@ -215,7 +215,7 @@ private:
             return;
         }
         for (uint32_t k = first_; k < end_; k++) {
-            const uint8_t *entry = table_.entry(slot, k);
+            const uint8_t *entry = Table::entry(slot, k);
             if (!table_.in_use(entry)) {
                 set_states(no, k, k + 1, State::free);
                 outcome_.counts.free++;

@@ -98,10 +98,8 @@ const Table &find_table(const std::vector<Table> &tables, std::string_view name)
     if (table != tables.end()) {
         return *table;
     }
-    std::vector<std::string_view> known;
-    for (const Table &other : tables) {
-        known.push_back(other.name);
-    }
+    std::vector<std::string_view> known(tables.size());
+    std::ranges::transform(tables, known.begin(), &Table::name);
     throw UsageError(fmt::format("there is no table {}, but {}", name, fmt::join(known, ", ")));
 }
 

@@ -51,7 +51,7 @@ struct Table {
     }
 
     /* Where the entry at word `k` of a slot begins. */
-    const uint8_t *entry(const uint8_t *slot, uint32_t k) const
+    static const uint8_t *entry(const uint8_t *slot, uint32_t k)
     {
         return slot + size_t{k} * sizeof(uint64_t);
     }
