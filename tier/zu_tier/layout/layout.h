@@ -79,7 +79,8 @@ struct tier_parts {
     std::string_view prefix{}; /* of a part's number, as in "sno[517]" */
     uint32_t size = 0;         /* bytes of a part */
     uint32_t first = 0;        /* the first word of a slot that is a part; those before are none */
-    uint32_t (*at)(const void *sb) = nullptr; /* byte of the slot where part 0 lies, or would lie */
+    uint32_t (*at)(const void *sb) =
+        nullptr; /* byte of the slot where its first lies, or would lie */
     uint32_t (*count)(const void *sb) = nullptr; /* the parts end before this one */
 
     /* The record of a part as the columns describe it, at most 64 bytes: the stored bytes, `size`
