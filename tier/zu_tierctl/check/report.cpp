@@ -1,6 +1,6 @@
 #include "zu_tierctl/check/report.h"
 
-#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/text.h"
 
 #include <cstdio>
@@ -31,13 +31,6 @@ const char *severity_name(Severity severity)
     return severity == Severity::error ? "error" : "warning";
 }
 
-void put(const std::string &text)
-{
-    if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-        throw_errno("cannot write to standard output");
-    }
-}
-
 class TextReport : public Report {
 public:
     using Report::Report;
@@ -45,10 +38,9 @@ public:
 private:
     void write(const Finding &finding) override
     {
-        put(fmt::format("{}{}: {}{} {} at {}: {} ({}): {}\n", wipe_,
-                        severity_name(finding.kind.severity), finding.table,
-                        finding.unit == "block" ? " block" : "", finding.no, finding.offset,
-                        finding.text, finding.kind.name, command(finding)));
+        print("{}{}: {}{} {} at {}: {} ({}): {}\n", wipe_, severity_name(finding.kind.severity),
+              finding.table, finding.unit == "block" ? " block" : "", finding.no, finding.offset,
+              finding.text, finding.kind.name, command(finding));
     }
 
     void write_end() override
@@ -68,7 +60,7 @@ private:
         for (const auto &[kind, count] : kinds()) {
             text += fmt::format("{:<32} {:>12}\n", kind, count);
         }
-        put(text + fmt::format("{:<32} {:>12}\n", "findings", findings()));
+        print("{}{:<32} {:>12}\n", text, "findings", findings());
     }
 
     /* Begins the line of each finding: on a terminal it wipes the progress bar. */
@@ -79,17 +71,17 @@ class JsonReport : public Report {
 public:
     JsonReport(const std::string &device, std::string_view layout) : Report(device)
     {
-        put(fmt::format(R"({{"device":{},"layout":"{}","findings":[)", json_text(device), layout));
+        print(R"({{"device":{},"layout":"{}","findings":[)", json_text(device), layout);
     }
 
 private:
     void write(const Finding &finding) override
     {
-        put(fmt::format(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},)"
-                        R"("offset":{},"command":{},"text":{}}})",
-                        delimiter_, finding.kind.name, severity_name(finding.kind.severity),
-                        finding.table, finding.unit, finding.no, finding.offset,
-                        json_text(command(finding)), json_text(finding.text)));
+        print(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},)"
+              R"("offset":{},"command":{},"text":{}}})",
+              delimiter_, finding.kind.name, severity_name(finding.kind.severity), finding.table,
+              finding.unit, finding.no, finding.offset, json_text(command(finding)),
+              json_text(finding.text));
         delimiter_ = ",\n";
     }
 
@@ -101,8 +93,8 @@ private:
                 tables[std::string(table)][column.key] = counts.*column.count;
             }
         }
-        put(fmt::format("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
-                        nlohmann::json(kinds()).dump()));
+        print("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
+              nlohmann::json(kinds()).dump());
     }
 
     const char *delimiter_ = "\n";
@@ -127,9 +119,7 @@ void Report::add_counts(std::string_view table, const Counts &counts)
 void Report::finish()
 {
     write_end();
-    if (fflush(stdout) != 0) {
-        throw_errno("cannot write to standard output");
-    }
+    finish_output();
 }
 
 std::string Report::command(const Finding &finding) const

@@ -12,7 +12,7 @@ namespace {
 void require(bool written)
 {
     if (!written) {
-        throw_errno("cannot write standard output");
+        throw_errno("cannot write to standard output");
     }
 }
 

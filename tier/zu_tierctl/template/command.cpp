@@ -1,15 +1,13 @@
 #include "zu_tier/layout/layout.h"
 #include "zu_tierctl/commands.h"
-#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
+#include "zu_tierctl/device/output.h"
 #include "zu_tierctl/template/template.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,18 +46,13 @@ std::vector<std::string_view> layout_names()
 
 void run(const template_options &options)
 {
-    const std::optional<uint64_t> no = parse_number(options.no);
-    if (!no) {
-        throw UsageError("NO " + options.no + ": expected a number of up to 64 bits");
-    }
+    const uint64_t no = read_number("NO", options.no);
     const Device device(options.device, Access::read_only);
-    const Template made = make_template(device, options.table, *no, options.layout);
-    if (fputs(made.file.c_str(), stdout) < 0 || fflush(stdout) != 0) {
-        throw_errno("cannot write to standard output");
-    }
+    const Template made = make_template(device, options.table, no, options.layout);
+    print_text(made.file);
+    finish_output();
     for (const std::string &note : made.notes) {
-        fprintf(stderr, "zu_tierctl: %s %s: %s\n", options.table.c_str(), options.no.c_str(),
-                note.c_str());
+        complain(fmt::format("{} {}: {}", options.table, options.no, note));
     }
 }
 
