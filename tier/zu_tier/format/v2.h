@@ -79,7 +79,7 @@ static_assert(offsetof(tier_super_block_v2_t, sb_total_extent_size) == 164);
 
 using tier_brick_info_v2_t = tier_brick_info_t;
 
-using tier_inode_v2_t = tier_inode_t;
+using tier_inode_v2_t = tier_inode_t; /* no byte of it is free */
 
 /* Extent: the head and its bitmap, sb_extent_size bytes; then sb_map_cnt mapped pieces, piece i for
  * map number i; then the hot area. */

@@ -113,14 +113,15 @@ constexpr tier_bits SHARD_INDEX_V3 = {"index", 32, 32}; /* position within the i
 static_assert((SHARD_INO_V3.mask() ^ SHARD_IN_USE_V3.mask() ^ SHARD_RESERVED_V3.mask() ^
                SHARD_INDEX_V3.mask()) == ~uint64_t{0});
 
-/* Extent: cache space. The CRC-32 of a block, taken with all its checksum bits zero, is spread over
- * the checksum bits of the extents 0..31: bit i lies in extent i. In the others they are zero. */
+/* Extent: cache space. The checksum of a block is the CRC-32 of all its bytes, computed with the
+ * checksum bits of the extents 0..31 zero; its bit i is that of extent i. In the other extents the
+ * checksum bit is zero, and counted as it is stored. */
 constexpr uint32_t TIER_EXTENT_CRC_BITS_V3 = 32;
 
-constexpr tier_bits EXTENT_CHECKSUM_V3 = {"checksum", 0, 1};
-constexpr tier_bits EXTENT_LBA_V3 = {"lba", 1, 19};      /* logical block address */
-constexpr tier_bits EXTENT_SHARD_V3 = {"shard", 20, 19}; /* number of the owning shard */
-constexpr tier_bits EXTENT_DIRTY_V3 = {"dirty", 39, 1};  /* not yet written back */
+constexpr tier_bits EXTENT_CHECKSUM_V3 = {"checksum", 0, 1}; /* one bit of the block's checksum */
+constexpr tier_bits EXTENT_LBA_V3 = {"lba", 1, 19};          /* logical block address */
+constexpr tier_bits EXTENT_SHARD_V3 = {"shard", 20, 19};     /* number of the owning shard */
+constexpr tier_bits EXTENT_DIRTY_V3 = {"dirty", 39, 1};      /* not yet written back */
 constexpr tier_bits EXTENT_BITMAP_V3 = {"bitmap", 40, 16};
 constexpr tier_bits EXTENT_IN_USE_V3 = {"in_use", 56, 1};
 constexpr tier_bits EXTENT_SENSE_V3 = {"sense", 57, 4};
