@@ -21,7 +21,7 @@ namespace {
 
 // The function of that name that this library hides.
 template <class Function>
-Function *behind(const char *name)
+Function *hidden(const char *name)
 {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
@@ -64,9 +64,9 @@ ssize_t transfer(const char *call, Transfer<Buffer> *real, int fd, Buffer *buffe
 
 // A stream to write to, over the one that the program asked for. It writes as that would, to the
 // end or to the first error.
-ssize_t write_stream(void *behind_it, const char *bytes, size_t size)
+ssize_t write_stream(void *stream, const char *bytes, size_t size)
 {
-    const int fd = fileno(static_cast<FILE *>(behind_it));
+    const int fd = fileno(static_cast<FILE *>(stream));
     size_t done = 0;
     while (done < size) {
         const Item *item = take("write", size - done);
@@ -83,10 +83,10 @@ ssize_t write_stream(void *behind_it, const char *bytes, size_t size)
     return static_cast<ssize_t>(done);
 }
 
-int close_stream(void *behind_it)
+int close_stream(void *stream)
 {
-    static auto *const real = behind<int(FILE *)>("fclose");
-    return real(static_cast<FILE *>(behind_it));
+    static auto *const real = hidden<int(FILE *)>("fclose");
+    return real(static_cast<FILE *>(stream));
 }
 
 FILE *watched(FILE *stream)
@@ -128,67 +128,67 @@ extern "C" {
 
 ssize_t pread(int fd, void *buffer, size_t size, off_t offset)
 {
-    static auto *const real = behind<Transfer<void>>("pread");
+    static auto *const real = hidden<Transfer<void>>("pread");
     return transfer("pread", real, fd, buffer, size, offset);
 }
 
 ssize_t pread64(int fd, void *buffer, size_t size, off64_t offset)
 {
-    static auto *const real = behind<Transfer<void>>("pread64");
+    static auto *const real = hidden<Transfer<void>>("pread64");
     return transfer("pread", real, fd, buffer, size, offset);
 }
 
 ssize_t pwrite(int fd, const void *buffer, size_t size, off_t offset)
 {
-    static auto *const real = behind<Transfer<const void>>("pwrite");
+    static auto *const real = hidden<Transfer<const void>>("pwrite");
     return transfer("pwrite", real, fd, buffer, size, offset);
 }
 
 ssize_t pwrite64(int fd, const void *buffer, size_t size, off64_t offset)
 {
-    static auto *const real = behind<Transfer<const void>>("pwrite64");
+    static auto *const real = hidden<Transfer<const void>>("pwrite64");
     return transfer("pwrite", real, fd, buffer, size, offset);
 }
 
 int fsync(int fd)
 {
-    static auto *const real = behind<int(int)>("fsync");
+    static auto *const real = hidden<int(int)>("fsync");
     return fails("fsync") ? -1 : real(fd);
 }
 
 int posix_memalign(void **memory, size_t alignment, size_t size) noexcept
 {
-    static auto *const real = behind<int(void **, size_t, size_t)>("posix_memalign");
+    static auto *const real = hidden<int(void **, size_t, size_t)>("posix_memalign");
     return fails("posix_memalign", size) ? errno : real(memory, alignment, size);
 }
 
 void *malloc(size_t size) noexcept
 {
-    static auto *const real = behind<void *(size_t)>("malloc");
+    static auto *const real = hidden<void *(size_t)>("malloc");
     return fails("malloc", size) ? nullptr : real(size);
 }
 
 void *calloc(size_t count, size_t size) noexcept
 {
-    static auto *const real = behind<void *(size_t, size_t)>("calloc");
+    static auto *const real = hidden<void *(size_t, size_t)>("calloc");
     return fails("calloc", count * size) ? nullptr : real(count, size);
 }
 
 void *realloc(void *memory, size_t size) noexcept
 {
-    static auto *const real = behind<void *(void *, size_t)>("realloc");
+    static auto *const real = hidden<void *(void *, size_t)>("realloc");
     return fails("realloc", size) ? nullptr : real(memory, size);
 }
 
 void *aligned_alloc(size_t alignment, size_t size) noexcept
 {
-    static auto *const real = behind<void *(size_t, size_t)>("aligned_alloc");
+    static auto *const real = hidden<void *(size_t, size_t)>("aligned_alloc");
     return fails("aligned_alloc", size) ? nullptr : real(alignment, size);
 }
 
 size_t fread(void *buffer, size_t size, size_t count, FILE *stream)
 {
-    static auto *const real = behind<size_t(void *, size_t, size_t, FILE *)>("fread");
+    static auto *const real = hidden<size_t(void *, size_t, size_t, FILE *)>("fread");
     const Item *item = take("fread", size * count);
     if (item == nullptr || (item->error == 0 && item->at_most >= size * count))
         return real(buffer, size, count, stream);
@@ -201,7 +201,7 @@ size_t fread(void *buffer, size_t size, size_t count, FILE *stream)
 
 int fclose(FILE *stream)
 {
-    static auto *const real = behind<int(FILE *)>("fclose");
+    static auto *const real = hidden<int(FILE *)>("fclose");
     const Item *item = take("fclose", 0);
     const int result = real(stream);
     if (item == nullptr || item->error == 0)
@@ -212,7 +212,7 @@ int fclose(FILE *stream)
 
 int close(int fd)
 {
-    static auto *const real = behind<int(int)>("close");
+    static auto *const real = hidden<int(int)>("close");
     const bool failed = fails("close");
     const int reason = errno;
     const int result = real(fd);
@@ -224,20 +224,20 @@ int close(int fd)
 
 FILE *fopen(const char *path, const char *mode)
 {
-    static auto *const real = behind<FILE *(const char *, const char *)>("fopen");
+    static auto *const real = hidden<FILE *(const char *, const char *)>("fopen");
     return open_stream(real, path, mode);
 }
 
 FILE *fopen64(const char *path, const char *mode)
 {
-    static auto *const real = behind<FILE *(const char *, const char *)>("fopen64");
+    static auto *const real = hidden<FILE *(const char *, const char *)>("fopen64");
     return open_stream(real, path, mode);
 }
 
 // Also without a mode: then it is not looked at.
 int open(const char *path, int flags, ...)
 {
-    static auto *const real = behind<Open>("open");
+    static auto *const real = hidden<Open>("open");
     va_list mode;
     va_start(mode, flags);
     const int fd = open_file(real, path, flags, va_arg(mode, mode_t));
@@ -247,7 +247,7 @@ int open(const char *path, int flags, ...)
 
 int open64(const char *path, int flags, ...)
 {
-    static auto *const real = behind<Open>("open64");
+    static auto *const real = hidden<Open>("open64");
     va_list mode;
     va_start(mode, flags);
     const int fd = open_file(real, path, flags, va_arg(mode, mode_t));
@@ -258,31 +258,31 @@ int open64(const char *path, int flags, ...)
 // What a fortified program calls where there is no mode.
 int __open64_2(const char *path, int flags)
 {
-    static auto *const real = behind<Open>("open64");
+    static auto *const real = hidden<Open>("open64");
     return open_file(real, path, flags, 0);
 }
 
 int stat(const char *path, struct stat *stat)
 {
-    static auto *const real = behind<int(const char *, struct stat *)>("stat");
+    static auto *const real = hidden<int(const char *, struct stat *)>("stat");
     return get_stat("stat", real, path, stat);
 }
 
 int stat64(const char *path, struct stat64 *stat)
 {
-    static auto *const real = behind<int(const char *, struct stat64 *)>("stat64");
+    static auto *const real = hidden<int(const char *, struct stat64 *)>("stat64");
     return get_stat("stat", real, path, stat);
 }
 
 int fstat(int fd, struct stat *stat)
 {
-    static auto *const real = behind<int(int, struct stat *)>("fstat");
+    static auto *const real = hidden<int(int, struct stat *)>("fstat");
     return get_stat("fstat", real, fd, stat);
 }
 
 int fstat64(int fd, struct stat64 *stat)
 {
-    static auto *const real = behind<int(int, struct stat64 *)>("fstat64");
+    static auto *const real = hidden<int(int, struct stat64 *)>("fstat64");
     return get_stat("fstat", real, fd, stat);
 }
 

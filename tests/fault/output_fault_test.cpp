@@ -189,8 +189,8 @@ TEST_F(PipeFaults, FullLogDoesNotExplainAFailedOutput)
 // Runs after a line of shell, which sets limits or closes descriptors.
 class ShellFaults : public OutputFaults {
 protected:
-    LoggedRun run_behind(const std::string &line, const std::string &command,
-                         const std::vector<std::string> &args) const
+    LoggedRun run_after(const std::string &line, const std::string &command,
+                        const std::vector<std::string> &args) const
     {
         const std::string log = device.directory().write("log", "");
         std::vector<std::string> all{
@@ -208,18 +208,18 @@ TEST_F(ShellFaults, OutputThatOutgrowsTheFileSizeLimit)
 {
     const std::string path = device.directory().path("out");
     const LogLine failure = write_failed("File too large");
-    LoggedRun run = run_behind("ulimit -S -f 64", "dump_inode", {"-o", path});
+    LoggedRun run = run_after("ulimit -S -f 64", "dump_inode", {"-o", path});
     EXPECT_EQ(run.status, 5) << run;
     EXPECT_EQ(run.log, (Log{settings_line(device, "dump_inode", {.out_path = path}), failure}));
     EXPECT_EQ(read_file(path), expected_out("dump_inode").substr(0, 64 * 512));
-    run = run_behind("ulimit -S -f 64", "dump_inode", {});
+    run = run_after("ulimit -S -f 64", "dump_inode", {});
     EXPECT_EQ(run.status, 5);
     EXPECT_EQ(run.log, (Log{settings_line(device, "dump_inode"), failure}));
 }
 
 TEST_F(ShellFaults, StandardInputIsNotNeeded)
 {
-    const LoggedRun run = run_behind("exec <&-", "dump_super", {"-y"});
+    const LoggedRun run = run_after("exec <&-", "dump_super", {"-y"});
     EXPECT_EQ(run.status, 0) << run;
     EXPECT_EQ(run.out, json(super));
     EXPECT_EQ(run.log, Log{settings_line(device, "dump_super")});
@@ -231,7 +231,7 @@ TEST_F(ShellFaults, ClosedStandardStreamsLeaveTheDeviceAlone)
     const std::vector<std::uint8_t> bytes = device.bytes();
     for (const std::string closed : {"exec >&-", "exec <&- >&-", "exec <&- >&- 2>&-"}) {
         SCOPED_TRACE(closed);
-        const LoggedRun run = run_behind(closed, "dump_super", {"-y"});
+        const LoggedRun run = run_after(closed, "dump_super", {"-y"});
         EXPECT_EQ(run.status, 5) << run;
         EXPECT_EQ(run.log,
                   (Log{settings_line(device, "dump_super"), write_failed("Bad file descriptor")}));
@@ -239,7 +239,7 @@ TEST_F(ShellFaults, ClosedStandardStreamsLeaveTheDeviceAlone)
     }
     for (const std::string closed : {"exec 2>&-", "exec <&- 2>&-", "exec <&- >&- 2>&-"}) {
         SCOPED_TRACE(closed);
-        const LoggedRun run = run_behind(closed, "dump_inode", {"-y", "-n", "300"});
+        const LoggedRun run = run_after(closed, "dump_inode", {"-y", "-n", "300"});
         EXPECT_EQ(run.status, 22) << run;
         EXPECT_EQ(run.err, "");
         EXPECT_EQ(run.log, (Log{settings_line(device, "dump_inode", {.meta_no = 300}),
@@ -256,7 +256,7 @@ TEST_F(ShellFaults, ClosedStandardStreamsWithoutANullDevice)
         std::string("export ZUTR_FAULTS='open#1-=EIO' LD_PRELOAD='") + ZUTR_FAULTS_LIB + "'; ";
     for (const std::string closed : {"exec >&-", "exec <&-", "exec <&- >&-"}) {
         SCOPED_TRACE(closed);
-        const LoggedRun run = run_behind(faults + closed, "dump_inode", {"-y"});
+        const LoggedRun run = run_after(faults + closed, "dump_inode", {"-y"});
         EXPECT_EQ(run.status, 5) << run;
         EXPECT_EQ(run.out, "");
         EXPECT_EQ(run.errors, Log{error_line("main", "open /dev/null failed:Input/output error")});

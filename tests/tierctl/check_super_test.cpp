@@ -260,7 +260,7 @@ TEST(CheckSuper, V3)
         {"last byte of the super block area",
          [](WorldV3 &world) { world.sb.brick_table_offset = MIB; },
          {"areas_overlap"}},
-        {"right behind the super block area",
+        {"right after the super block area",
          [](WorldV3 &world) { world.sb.brick_table_offset = MIB + KIB4; }},
         {"other order",
          [](WorldV3 &world) {

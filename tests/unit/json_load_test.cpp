@@ -80,9 +80,9 @@ TEST_F(JsonLoad, TextThatIsNotJson)
 
 TEST_F(JsonLoad, TextBehindTheDocumentIsAccepted)
 {
-    for (const std::string behind : {"", "\n", " {\"a\":2}", " and more", "]"}) {
-        const zutr_json document = load(text("{\"a\":1}%s", behind.c_str()));
-        ASSERT_NE(document, nullptr) << behind;
+    for (const std::string rest : {"", "\n", " {\"a\":2}", " and more", "]"}) {
+        const zutr_json document = load(text("{\"a\":1}%s", rest.c_str()));
+        ASSERT_NE(document, nullptr) << rest;
         EXPECT_EQ(number(cJSON_GetObjectItem(document.get(), "a")), 1U);
     }
     EXPECT_NE(load(std::string("{\"a\":1}\0 \xFF", 10)), nullptr);

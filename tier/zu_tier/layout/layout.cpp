@@ -1,8 +1,13 @@
 #include "zu_tier/layout/layout.h"
 
+#include "common/zutr_crc32.h"
+#include "common/zutr_utils.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 
 namespace {

@@ -5,6 +5,7 @@
 #include "zu_tier/layout/v3/packed.h"
 #include "zu_tier/layout/v3/v3.h"
 
+#include <algorithm>
 #include <cerrno>
 
 /* Layout V3: its brick, inode and hot tables, the layout itself, its command map, its selector. */
