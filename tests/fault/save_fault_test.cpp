@@ -200,11 +200,4 @@ TEST_F(RevertFaults, AnUnreadableBlockCanBeWritten)
     EXPECT_EQ(run({"diff", file, device.path()}, "pread#99=pass").status, 0);
 }
 
-TEST_F(RevertFaults, NoMemory)
-{
-    const RunResult failed = revert("posix_memalign=ENOMEM");
-    EXPECT_EQ(failed.status, 1);
-    EXPECT_EQ(failed.err, "zu_tierctl: std::bad_alloc\n");
-}
-
 } // namespace
