@@ -50,6 +50,14 @@ TEST(LogDevice, ImageUnderAnyName)
     EXPECT_EQ(device.bytes(), before);
 }
 
+TEST(LogDevice, MissingDevice)
+{
+    const TempDir directory;
+    const std::string path = directory.path("missing");
+    expect_log_refused(path, path, directory);
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
 class OutputDevice : public testing::Test {
 protected:
     const SuperV1 super = super_v1(1, 1, 1);

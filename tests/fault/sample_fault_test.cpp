@@ -34,7 +34,7 @@ protected:
 
 TEST_F(SampleFaults, NoMemory)
 {
-    expect_failure("malloc(1048576)=ENOMEM", "std::bad_alloc");
+    expect_failure("posix_memalign=ENOMEM", "std::bad_alloc");
 }
 
 TEST_F(SampleFaults, EntryThatCannotBeReadBack)

@@ -61,10 +61,10 @@ bool is_same_path(const char *one, const char *other)
     return stat(one, &first) == 0 && stat(other, &second) == 0 && is_same(first, second);
 }
 
-/* A log must never be written to the device. */
+/* A log must never be written to the device, nor made in place of one that is missing. */
 bool open_log(const char *path, const char *device)
 {
-    if (device != nullptr && is_same_path(path, device)) {
+    if (device != nullptr && (strcmp(path, device) == 0 || is_same_path(path, device))) {
         errno = EBUSY;
         return false;
     }

@@ -1,5 +1,6 @@
 #include "zu_tierctl/sample/sample.h"
 
+#include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/sample/damage.h"
 #include "zu_tierctl/sample/image.h"
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/core.h>
+#include <new>
 
 namespace tierctl {
 
@@ -114,10 +116,13 @@ void sample(const SampleOptions &options)
     }
     const std::vector<Damage> damages = parse_damage(options.damage, tables);
 
-    std::vector<uint8_t> run(SLOTS_A_WRITE * SIZE_4K);
+    zutr_buffer run;
+    if (zutr_alloc_aligned(SLOTS_A_WRITE * SIZE_4K, &run) != 0) {
+        throw std::bad_alloc();
+    }
     Image image(options.file, plan.device_size, options.force);
     for (const SampleTable &planned : plan.tables) {
-        write_table(image, planned, run.data());
+        write_table(image, planned, run.get());
     }
     apply_damage(image, damages, options.seed);
     image.commit();
