@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs sweeps, on the release build or on the programs of the sanitizer build, and counts their runs
 # of the tool: every failure of input, output and allocation, every moment to be killed, every kind
-# of damage, every value of every key of a repair file.
+# of damage, every number of a repair file.
 #
 #   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration]...
 set -euo pipefail
