@@ -25,10 +25,7 @@ void checksum(benchmark::State &state, const zutr_crc32_way &way)
 }
 
 /* Different words, so that the processor cannot learn the lengths of their numbers. */
-uint64_t scatter(uint64_t n)
-{
-    return (n + 1) * 0x9E3779B97F4A7C15;
-}
+uint64_t scatter(uint64_t n) { return (n + 1) * 0x9E3779B97F4A7C15; }
 
 struct entry {
     uint64_t word;

@@ -17,10 +17,7 @@ namespace {
 const std::string PROGRAM = ZU_TIER;
 const std::string FOR_HELP = ". <" + PROGRAM + " -h> for help";
 
-LogLine refusal(const std::string &message)
-{
-    return error_line("zutr_prepare_param", message);
-}
+LogLine refusal(const std::string &message) { return error_line("zutr_prepare_param", message); }
 
 std::string open_error(const std::string &path, int flags)
 {

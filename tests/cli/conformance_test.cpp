@@ -21,10 +21,7 @@ struct Command {
 
 const std::string CONVERSION = "convert_super"; // works on a device that still says V1
 
-SuperV3 super_block()
-{
-    return super_v3(2, 3);
-}
+SuperV3 super_block() { return super_v3(2, 3); }
 
 std::map<std::string, Command> commands()
 {

@@ -80,10 +80,7 @@ protected:
     }
 };
 
-TEST_F(ExtentV2Repair, NoPiecesAtAll)
-{
-    expect_pieces({}, {});
-}
+TEST_F(ExtentV2Repair, NoPiecesAtAll) { expect_pieces({}, {}); }
 
 TEST_F(ExtentV2Repair, PieceInEveryPlace)
 {

@@ -36,15 +36,9 @@ TEST_P(Keys, Missing)
     expect(required);
 }
 
-TEST_P(Keys, OfOtherTypes)
-{
-    expect_other_types();
-}
+TEST_P(Keys, OfOtherTypes) { expect_other_types(); }
 
-TEST_P(Keys, WithTextsAndNumbersOfTheirOwn)
-{
-    expect_own_values();
-}
+TEST_P(Keys, WithTextsAndNumbersOfTheirOwn) { expect_own_values(); }
 
 // In all keys at once, where it does not decide what is read and where it goes.
 TEST_P(Keys, NumbersAreCutToTheirFields)
@@ -88,10 +82,7 @@ TEST_P(Keys, InReverseOrder)
     expect(reversed);
 }
 
-TEST_P(Keys, InAnyCaseAndTheFirstOfTwoCounts)
-{
-    expect_any_case();
-}
+TEST_P(Keys, InAnyCaseAndTheFirstOfTwoCounts) { expect_any_case(); }
 
 // Of several wrong keys the first in reading order is named.
 TEST_P(Keys, NothingIsReadAfterAWrongOne)

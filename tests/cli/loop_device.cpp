@@ -46,9 +46,6 @@ std::unique_ptr<LoopDevice> LoopDevice::attach(const std::string &image)
     return fd < 0 ? nullptr : std::unique_ptr<LoopDevice>(new LoopDevice(path, fd));
 }
 
-LoopDevice::~LoopDevice()
-{
-    close(fd_);
-}
+LoopDevice::~LoopDevice() { close(fd_); }
 
 } // namespace tier_test

@@ -60,10 +60,7 @@ protected:
     }
 };
 
-TEST_F(RepairDriver, DryRunSucceedsAndCommitWritesOneBlock)
-{
-    expect_same(document);
-}
+TEST_F(RepairDriver, DryRunSucceedsAndCommitWritesOneBlock) { expect_same(document); }
 
 TEST_F(RepairDriver, BlockIsTheWholeRecordAndZeroBehindIt)
 {
@@ -208,10 +205,7 @@ TEST_F(RepairDriver, TextEndsAtAZeroByte)
     expect_invalid(zero + document);
 }
 
-TEST_F(RepairDriver, ByteOrderMarkIsSkipped)
-{
-    expect_same("\xef\xbb\xbf" + document);
-}
+TEST_F(RepairDriver, ByteOrderMarkIsSkipped) { expect_same("\xef\xbb\xbf" + document); }
 
 TEST_F(RepairDriver, InvalidUtf8InStringsIsKept)
 {
@@ -266,10 +260,7 @@ TEST_F(RepairDriver, Nesting)
     }
 }
 
-TEST_F(RepairDriver, LargeFileOfBrackets)
-{
-    expect_invalid(std::string(64 * MIB, '['));
-}
+TEST_F(RepairDriver, LargeFileOfBrackets) { expect_invalid(std::string(64 * MIB, '[')); }
 
 TEST_F(RepairDriver, LargeFileOfNumbersAndText)
 {

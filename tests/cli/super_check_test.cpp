@@ -17,10 +17,7 @@ TYPED_TEST(SuperCheck, GeometryOfTheSmallestDevice)
     this->expect_accepted(repair_file(sb).text(), sb);
 }
 
-TYPED_TEST(SuperCheck, ValuesWithinTheBoundsPass)
-{
-    this->expect_passing(PASSING_HEADS);
-}
+TYPED_TEST(SuperCheck, ValuesWithinTheBoundsPass) { this->expect_passing(PASSING_HEADS); }
 
 TYPED_TEST(SuperCheck, ValuesBeyondTheBoundsFailWithTheirMessage)
 {

@@ -52,10 +52,7 @@ TYPED_TEST(SuperDump, LargestAndSmallestFields)
     this->expect_dump(smallest_super<TypeParam>());
 }
 
-TYPED_TEST(SuperDump, EveryFieldHasItsOwnPlace)
-{
-    this->expect_dump(numbered_super<TypeParam>());
-}
+TYPED_TEST(SuperDump, EveryFieldHasItsOwnPlace) { this->expect_dump(numbered_super<TypeParam>()); }
 
 TYPED_TEST(SuperDump, SsdUuidIsShownAsStored)
 {

@@ -20,10 +20,7 @@ const std::vector<Change<SuperV1>> FAILING_V1{
 
 using SuperV1Check = SuperCheck<SuperV1>;
 
-TEST_F(SuperV1Check, ExtentSizesWithinTheBoundsPass)
-{
-    expect_passing(PASSING_V1);
-}
+TEST_F(SuperV1Check, ExtentSizesWithinTheBoundsPass) { expect_passing(PASSING_V1); }
 
 TEST_F(SuperV1Check, ExtentSizesBeyondTheBoundsFailWithTheirMessage)
 {

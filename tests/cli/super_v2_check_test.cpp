@@ -65,10 +65,7 @@ const std::vector<Change<SuperV2>> FAILING_V2{
 
 using SuperV2Check = SuperCheck<SuperV2>;
 
-TEST_F(SuperV2Check, MapAndExtentSizesWithinTheBoundsPass)
-{
-    expect_passing(PASSING_V2);
-}
+TEST_F(SuperV2Check, MapAndExtentSizesWithinTheBoundsPass) { expect_passing(PASSING_V2); }
 
 TEST_F(SuperV2Check, MapAndExtentSizesBeyondTheBoundsFailWithTheirMessage)
 {

@@ -129,20 +129,11 @@ const std::vector<Change<SuperV3>> FAILING_V3{
 
 using SuperV3Check = SuperCheck<SuperV3>;
 
-TEST_F(SuperV3Check, ValuesWithinTheBoundsPass)
-{
-    expect_passing(PASSING_V3);
-}
+TEST_F(SuperV3Check, ValuesWithinTheBoundsPass) { expect_passing(PASSING_V3); }
 
-TEST_F(SuperV3Check, OffsetsAndTheHotTableAreNotChecked)
-{
-    expect_passing(unchecked_fields());
-}
+TEST_F(SuperV3Check, OffsetsAndTheHotTableAreNotChecked) { expect_passing(unchecked_fields()); }
 
-TEST_F(SuperV3Check, ValuesBeyondTheBoundsFailWithTheirMessage)
-{
-    expect_failing(FAILING_V3);
-}
+TEST_F(SuperV3Check, ValuesBeyondTheBoundsFailWithTheirMessage) { expect_failing(FAILING_V3); }
 
 TEST_F(SuperV3Check, ForceAcceptsAnyValue)
 {

@@ -23,10 +23,7 @@ struct SuperNames {
 };
 
 // What a repair makes of the fields that no key fills.
-inline void derive(SuperV1 &sb)
-{
-    sb.reserved = 0;
-}
+inline void derive(SuperV1 &sb) { sb.reserved = 0; }
 inline void derive(SuperV2 &sb)
 {
     sb.total_extent_size = sb.extent_size + sb.total_map_size + sb.hot_size; // in 32 bits

@@ -28,10 +28,7 @@ constexpr Table EXTENTS_V2 = {"extents of V2", "v2", "--blocks", "dump_extent"};
 constexpr Table SHARDS_V3 = {"shards of V3", "v3", "--shards", "dump_shard", 512};
 constexpr Table EXTENTS_V3 = {"extents of V3", "v3", "--extents", "dump_extent", 512};
 
-inline std::ostream &operator<<(std::ostream &out, const Table &table)
-{
-    return out << table.name;
-}
+inline std::ostream &operator<<(std::ostream &out, const Table &table) { return out << table.name; }
 
 // A sample device whose table has so many blocks.
 inline Device table_of(const Table &table, std::uint64_t blocks)

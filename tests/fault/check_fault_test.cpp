@@ -51,10 +51,7 @@ protected:
     }
 };
 
-TEST_F(CheckFaults, NoFault)
-{
-    expect_findings(check("pread#1=pass"), duplicate());
-}
+TEST_F(CheckFaults, NoFault) { expect_findings(check("pread#1=pass"), duplicate()); }
 
 TEST_F(CheckFaults, BlockOfShards)
 {

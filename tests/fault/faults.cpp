@@ -37,10 +37,7 @@ bool fails(const char *call, std::uint64_t size = 0)
 }
 
 // The rest of a request that came up short is no longer aligned.
-void leave_direct_mode(int fd)
-{
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_DIRECT);
-}
+void leave_direct_mode(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_DIRECT); }
 
 template <class Buffer>
 using Transfer = ssize_t(int, Buffer *, std::size_t, off64_t);

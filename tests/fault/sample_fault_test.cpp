@@ -32,10 +32,7 @@ protected:
     }
 };
 
-TEST_F(SampleFaults, NoMemory)
-{
-    expect_failure("posix_memalign=ENOMEM", "std::bad_alloc");
-}
+TEST_F(SampleFaults, NoMemory) { expect_failure("posix_memalign=ENOMEM", "std::bad_alloc"); }
 
 TEST_F(SampleFaults, EntryThatCannotBeReadBack)
 {

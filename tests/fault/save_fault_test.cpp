@@ -90,10 +90,7 @@ TEST_F(SaveFaults, SuperBlockThatCannotBeRead)
                    "cannot read the super block of " + device.path() + ": Input/output error");
 }
 
-TEST_F(SaveFaults, NoMemory)
-{
-    expect_failure("posix_memalign=ENOMEM", "std::bad_alloc");
-}
+TEST_F(SaveFaults, NoMemory) { expect_failure("posix_memalign=ENOMEM", "std::bad_alloc"); }
 
 TEST_F(SaveFaults, NoRoomOnTheDisk)
 {

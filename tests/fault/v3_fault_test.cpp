@@ -84,10 +84,7 @@ TYPED_TEST(BlockFaults, NoMemoryForTheBuffer)
     }
 }
 
-std::string empty_entries(const HotTable &)
-{
-    return "";
-}
+std::string empty_entries(const HotTable &) { return ""; }
 template <class Packed, class Entry>
 std::string empty_entries(const PackedTable<Packed, Entry> &table)
 {

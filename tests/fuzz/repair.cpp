@@ -54,10 +54,7 @@ Place table_at(const Place &place, View super, std::int64_t offset)
 }
 
 // Tables of V3 whose blocks are placed by their offset, also past the end of the table.
-bool is_packed(const Place &place)
-{
-    return place.layout == 3 && place.table >= Table::extent;
-}
+bool is_packed(const Place &place) { return place.layout == 3 && place.table >= Table::extent; }
 
 // What was written can be read again: it is sound, and its table has it.
 void check_written(const Place &place, Bytes &super)

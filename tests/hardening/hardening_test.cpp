@@ -59,10 +59,7 @@ TEST_P(Hardening, NothingIsWritableAndExecutable)
         EXPECT_NE(segment.p_flags & (PF_W | PF_X), PF_W | PF_X) << std::hex << segment.p_vaddr;
 }
 
-TEST_P(Hardening, StackIsProtected)
-{
-    EXPECT_TRUE(imports().contains("__stack_chk_fail"));
-}
+TEST_P(Hardening, StackIsProtected) { EXPECT_TRUE(imports().contains("__stack_chk_fail")); }
 
 TEST_P(Hardening, LibraryCallsAreChecked)
 {

@@ -5,10 +5,7 @@
 
 namespace tier_test {
 
-std::ostream &operator<<(std::ostream &out, const Section &section)
-{
-    return out << section.title;
-}
+std::ostream &operator<<(std::ostream &out, const Section &section) { return out << section.title; }
 
 std::vector<Section> sections_of(const std::string &page)
 {

@@ -119,10 +119,7 @@ std::uint32_t record_crc(ConstByteSpan record, std::size_t length)
     return crc32(record.subspan(4, length - 4));
 }
 
-void seal(ByteSpan record, std::size_t length)
-{
-    put_u32(record, 0, record_crc(record, length));
-}
+void seal(ByteSpan record, std::size_t length) { put_u32(record, 0, record_crc(record, length)); }
 
 std::uint64_t round_up(std::uint64_t value, std::uint64_t unit)
 {

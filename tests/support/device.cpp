@@ -14,10 +14,7 @@ Device::Device(std::uint64_t size)
     truncate(size);
 }
 
-std::uint64_t Device::size() const
-{
-    return std::filesystem::file_size(path());
-}
+std::uint64_t Device::size() const { return std::filesystem::file_size(path()); }
 
 void Device::write(std::uint64_t offset, ConstByteSpan bytes)
 {
@@ -29,10 +26,7 @@ void Device::write(std::uint64_t offset, ConstByteSpan bytes)
         throw std::system_error(EIO, std::generic_category(), path());
 }
 
-void Device::truncate(std::uint64_t size)
-{
-    std::filesystem::resize_file(path(), size);
-}
+void Device::truncate(std::uint64_t size) { std::filesystem::resize_file(path(), size); }
 
 Block Device::block(std::uint64_t offset) const
 {
@@ -42,10 +36,7 @@ Block Device::block(std::uint64_t offset) const
     return result;
 }
 
-std::vector<std::uint8_t> Device::bytes() const
-{
-    return read(0, size());
-}
+std::vector<std::uint8_t> Device::bytes() const { return read(0, size()); }
 
 std::vector<std::uint8_t> Device::read(std::uint64_t offset, std::uint64_t length) const
 {

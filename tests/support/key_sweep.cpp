@@ -20,30 +20,12 @@ constexpr std::uint32_t SLOT = 5; // of the samples in packed blocks
 
 using Type = SweptKey::Type;
 
-Device device_v1()
-{
-    return make_v1_device(super_v1(3, 4, 3));
-}
-Device device_v2()
-{
-    return make_v2_device(super_v2(3, 4, 3));
-}
-Device device_v3()
-{
-    return make_v3_device(super_v3(3, 4));
-}
-Device other_device_v1()
-{
-    return make_v1_device(super_v1(1, 1, 1));
-}
-Device other_device_v2()
-{
-    return make_v2_device(super_v2(1, 1, 1));
-}
-Device other_device_v3()
-{
-    return make_v3_device(super_v3(1, 1));
-}
+Device device_v1() { return make_v1_device(super_v1(3, 4, 3)); }
+Device device_v2() { return make_v2_device(super_v2(3, 4, 3)); }
+Device device_v3() { return make_v3_device(super_v3(3, 4)); }
+Device other_device_v1() { return make_v1_device(super_v1(1, 1, 1)); }
+Device other_device_v2() { return make_v2_device(super_v2(1, 1, 1)); }
+Device other_device_v3() { return make_v3_device(super_v3(1, 1)); }
 
 std::vector<std::string> strings(const std::vector<std::string> &plain)
 {

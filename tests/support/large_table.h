@@ -15,14 +15,8 @@ namespace tier_test {
 
 // As many blocks of shards as there can be, and of extents so many that the walk needs a dozen
 // chunks.
-inline std::uint64_t large_count(const ShardTable &)
-{
-    return 524288 / SLOTS_V3;
-}
-inline std::uint64_t large_count(const ExtentTable &)
-{
-    return 3000;
-}
+inline std::uint64_t large_count(const ShardTable &) { return 524288 / SLOTS_V3; }
+inline std::uint64_t large_count(const ExtentTable &) { return 3000; }
 
 template <class T>
 class LargeTable : public testing::Test {

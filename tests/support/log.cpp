@@ -17,10 +17,7 @@ LogLine debug_line(std::string func, std::string text)
     return {"DEBUG", std::move(func), std::move(text)};
 }
 
-LogLine raw_text(std::string text)
-{
-    return {"", "", std::move(text)};
-}
+LogLine raw_text(std::string text) { return {"", "", std::move(text)}; }
 
 Log parse_log(std::string_view content)
 {

@@ -28,10 +28,7 @@ std::uint64_t to_signed(long double value, int bits)
     return std::uint64_t{1} << (bits - 1);
 }
 
-std::string quoted(const std::string &plain)
-{
-    return '"' + plain + '"';
-}
+std::string quoted(const std::string &plain) { return '"' + plain + '"'; }
 
 // A V3 extent block without its checksum.
 Block without_checksum(Block block)

@@ -11,10 +11,7 @@ using enum Need;
 
 constexpr std::uint32_t INODE_MAX = 500'000; // of V2
 
-int as_int(std::uint32_t value)
-{
-    return static_cast<int>(value);
-}
+int as_int(std::uint32_t value) { return static_cast<int>(value); }
 
 // A count of the super block: V1 and V2 have words where V3 has 64 bits.
 auto count_at(int version, std::size_t head, std::size_t wide)
@@ -34,18 +31,9 @@ std::uint64_t inode_count(int version, const Block &super)
 }
 
 // The head of V1 and V2: the super block area's size and its first block are added in 32 bits.
-std::uint64_t bricks_start(const Block &super)
-{
-    return get_u32(super, 116) + 4096U;
-}
-std::uint64_t inodes_start(const Block &super)
-{
-    return bricks_start(super) + get_u64(super, 8);
-}
-std::uint64_t extents_start(const Block &super)
-{
-    return inodes_start(super) + get_u64(super, 16);
-}
+std::uint64_t bricks_start(const Block &super) { return get_u32(super, 116) + 4096U; }
+std::uint64_t inodes_start(const Block &super) { return bricks_start(super) + get_u64(super, 8); }
+std::uint64_t extents_start(const Block &super) { return inodes_start(super) + get_u64(super, 16); }
 
 std::string plain_tail(const Block &, const Block &, std::int64_t offset)
 {

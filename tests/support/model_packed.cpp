@@ -146,10 +146,7 @@ TableModel hot_table()
 
 } // namespace
 
-std::vector<TableModel> packed_tables()
-{
-    return {shard_table(), hot_table(), extent_table()};
-}
+std::vector<TableModel> packed_tables() { return {shard_table(), hot_table(), extent_table()}; }
 
 const std::vector<const TableModel *> &models()
 {

@@ -13,10 +13,7 @@ bool within(std::uint64_t value, std::uint64_t first, std::uint64_t last)
 
 // The head of V1 and V2.
 
-std::uint64_t inodes_start(const Block &b)
-{
-    return get_u32(b, 116) + 4096U + get_u64(b, 8);
-}
+std::uint64_t inodes_start(const Block &b) { return get_u32(b, 116) + 4096U + get_u64(b, 8); }
 
 std::uint64_t padded_inodes(const Block &b)
 {

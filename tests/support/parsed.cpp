@@ -62,10 +62,7 @@ std::string between_brackets(const std::string &json, char open)
     return json.substr(1, json.size() - 2);
 }
 
-std::string unquoted(const std::string &json)
-{
-    return between_brackets(json, '"');
-}
+std::string unquoted(const std::string &json) { return between_brackets(json, '"'); }
 
 bool is_number(const std::string &json)
 {

@@ -7,18 +7,9 @@
 
 namespace tier_test {
 
-inline const TableModel &super_table(const SuperV1 &)
-{
-    return model(1, "super");
-}
-inline const TableModel &super_table(const SuperV2 &)
-{
-    return model(2, "super");
-}
-inline const TableModel &super_table(const SuperV3 &)
-{
-    return model(3, "super");
-}
+inline const TableModel &super_table(const SuperV1 &) { return model(1, "super"); }
+inline const TableModel &super_table(const SuperV2 &) { return model(2, "super"); }
+inline const TableModel &super_table(const SuperV3 &) { return model(3, "super"); }
 
 // The expansion keys of V2 belong to a super block with an expansion area only. The file may give
 // more of the identity of the volume than the block keeps.

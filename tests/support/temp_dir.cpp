@@ -27,10 +27,7 @@ TempDir::~TempDir()
         std::filesystem::remove_all(root_, ignored);
 }
 
-TempDir::TempDir(TempDir &&other) noexcept : root_(std::move(other.root_))
-{
-    other.root_.clear();
-}
+TempDir::TempDir(TempDir &&other) noexcept : root_(std::move(other.root_)) { other.root_.clear(); }
 
 std::string TempDir::write(std::string_view name, std::string_view content) const
 {
@@ -41,10 +38,7 @@ std::string TempDir::write(std::string_view name, std::string_view content) cons
     return path(name);
 }
 
-std::string TempDir::read(std::string_view name) const
-{
-    return read_file(path(name));
-}
+std::string TempDir::read(std::string_view name) const { return read_file(path(name)); }
 
 std::string read_file(const std::string &path)
 {

@@ -216,10 +216,7 @@ std::int64_t extent_offset(const SuperHead &sb, std::uint64_t no)
     return slot_offset(model(1, "extent"), encode_head(sb), no);
 }
 
-std::string json(const SuperV1 &sb)
-{
-    return entry_text(model(1, "super"), {}, encode(sb), 0);
-}
+std::string json(const SuperV1 &sb) { return entry_text(model(1, "super"), {}, encode(sb), 0); }
 
 std::string json(const BrickV1 &brick, std::int64_t offset)
 {

@@ -70,20 +70,11 @@ void set_expansion(SuperV2 &sb, std::uint32_t inodes, bool in_use)
     sb.exp_inuse = in_use ? 0x53 : 0;
 }
 
-std::uint32_t expansion_count(const SuperV2 &sb)
-{
-    return sb.exp_area * EXPANSION_UNIT;
-}
+std::uint32_t expansion_count(const SuperV2 &sb) { return sb.exp_area * EXPANSION_UNIT; }
 
-InodeV2 inode_v2(std::uint32_t no)
-{
-    return {{.no = no}};
-}
+InodeV2 inode_v2(std::uint32_t no) { return {{.no = no}}; }
 
-ExtentV2 extent_v2(std::uint64_t no)
-{
-    return {{.no = no}};
-}
+ExtentV2 extent_v2(std::uint64_t no) { return {{.no = no}}; }
 
 InodeV2 inode_v2_used(std::uint32_t no, std::uint32_t brick_no)
 {
@@ -178,10 +169,7 @@ std::int64_t expansion_offset(const SuperV2 &sb, std::uint64_t slot)
     return expansion_start(encode(sb)) + static_cast<std::int64_t>(slot * BLOCK_SIZE);
 }
 
-std::string json(const SuperV2 &sb)
-{
-    return entry_text(model(2, "super"), {}, encode(sb), 0);
-}
+std::string json(const SuperV2 &sb) { return entry_text(model(2, "super"), {}, encode(sb), 0); }
 
 std::string json(const InodeV2 &inode, std::int64_t offset)
 {

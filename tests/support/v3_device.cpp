@@ -213,10 +213,7 @@ std::int64_t hot_offset(const SuperV3 &sb, std::uint64_t block)
     return block_offset(sb.hot_table_offset, block);
 }
 
-std::string json(const SuperV3 &sb)
-{
-    return entry_text(model(3, "super"), {}, encode(sb), 0);
-}
+std::string json(const SuperV3 &sb) { return entry_text(model(3, "super"), {}, encode(sb), 0); }
 
 Device make_v3_device(const SuperV3 &sb, const std::vector<BrickV3> &bricks,
                       const std::vector<InodeV3> &inodes,

@@ -13,10 +13,7 @@ namespace {
 
 constexpr std::uint32_t PROBED = 256;
 
-const DamagedTable &extent_table()
-{
-    return layouts_to_damage()[1]->tables.back();
-}
+const DamagedTable &extent_table() { return layouts_to_damage()[1]->tables.back(); }
 
 class DamagedConversion : public testing::Test {
 protected:

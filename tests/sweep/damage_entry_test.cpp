@@ -14,10 +14,7 @@ using namespace tier_test;
 namespace {
 
 // The tables in whose blocks damage can be detected.
-bool is_checked(const DamagedTable &table)
-{
-    return table.dump != "dump_hot";
-}
+bool is_checked(const DamagedTable &table) { return table.dump != "dump_hot"; }
 
 class DamagedEntries : public testing::TestWithParam<const DamagedLayout *> {
 protected:

@@ -8,20 +8,11 @@ namespace tier_test {
 
 namespace {
 
-bool always(const DamagedTable &)
-{
-    return true;
-}
+bool always(const DamagedTable &) { return true; }
 
-bool has_magic(const DamagedTable &table)
-{
-    return table.magic != 0;
-}
+bool has_magic(const DamagedTable &table) { return table.magic != 0; }
 
-bool has_number(const DamagedTable &table)
-{
-    return !table.number.empty();
-}
+bool has_number(const DamagedTable &table) { return !table.number.empty(); }
 
 // The checksum is made right again.
 void spoil(const DamagedTable &table, Block &slot, std::size_t byte)
@@ -57,9 +48,6 @@ const std::vector<DamageKind> KINDS{
 
 } // namespace
 
-const std::vector<DamageKind> &damage_kinds()
-{
-    return KINDS;
-}
+const std::vector<DamageKind> &damage_kinds() { return KINDS; }
 
 } // namespace tier_test

@@ -35,14 +35,8 @@ bool is_no_extent_v2(const Block &super)
 }
 
 // Without a size there is no checksum.
-bool has_no_size_v1(const Block &super)
-{
-    return get_u32(super, 136) == 0;
-}
-bool has_no_size_v2(const Block &super)
-{
-    return get_u32(super, 164) == 0;
-}
+bool has_no_size_v1(const Block &super) { return get_u32(super, 136) == 0; }
+bool has_no_size_v2(const Block &super) { return get_u32(super, 164) == 0; }
 
 bool has_no_expansion_start(const Block &super)
 {
@@ -176,10 +170,7 @@ std::vector<const DamagedLayout *> layouts_to_damage()
     return {&V1, &V2, &V3};
 }
 
-std::ostream &operator<<(std::ostream &out, const SuperField &field)
-{
-    return out << field.name;
-}
+std::ostream &operator<<(std::ostream &out, const SuperField &field) { return out << field.name; }
 
 std::ostream &operator<<(std::ostream &out, const DamagedLayout *layout)
 {

@@ -36,10 +36,7 @@ SweptCommand front_end()
 
 } // namespace
 
-bool Scenario::commits() const
-{
-    return place && std::ranges::count(args, "-y") != 0;
-}
+bool Scenario::commits() const { return place && std::ranges::count(args, "-y") != 0; }
 
 void add_commit(SweptCommand &command, Scenario repair)
 {

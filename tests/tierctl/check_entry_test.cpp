@@ -30,10 +30,7 @@ TYPED_TEST_SUITE(CheckExtents, OldWorlds);
 using CheckV2 = CheckOf<WorldV2>;
 using CheckV3 = CheckOf<WorldV3>;
 
-TYPED_TEST(CheckEntries, NothingIsWrong)
-{
-    this->expect({});
-}
+TYPED_TEST(CheckEntries, NothingIsWrong) { this->expect({}); }
 
 TYPED_TEST(CheckEntries, Counts)
 {

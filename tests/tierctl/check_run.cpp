@@ -132,10 +132,7 @@ void expect_findings(const Device &device, const std::vector<std::string> &expec
     EXPECT_EQ(found, expected);
 }
 
-Device WorldV1::device() const
-{
-    return whole(make_v1_device(sb, bricks, inodes, extents), sb);
-}
+Device WorldV1::device() const { return whole(make_v1_device(sb, bricks, inodes, extents), sb); }
 
 WorldV2::WorldV2()
 {
@@ -144,9 +141,6 @@ WorldV2::WorldV2()
     extents[0].maps[3] = {4096, 1, sb.block_size, 8, 192};
 }
 
-Device WorldV2::device() const
-{
-    return whole(make_v2_device(sb, bricks, inodes, extents), sb);
-}
+Device WorldV2::device() const { return whole(make_v2_device(sb, bricks, inodes, extents), sb); }
 
 } // namespace tier_test

@@ -28,10 +28,7 @@ Device super_only(const Super &sb)
     return device;
 }
 
-bool is_odd(const std::string &kind)
-{
-    return kind.compare(0, 4, "odd_") == 0;
-}
+bool is_odd(const std::string &kind) { return kind.compare(0, 4, "odd_") == 0; }
 
 std::string super_finding(const std::string &kind)
 {
@@ -111,15 +108,9 @@ std::vector<SuperCase<World>> head_cases()
     };
 }
 
-TEST(CheckSuper, HeadOfV1)
-{
-    expect_cases(head_cases<WorldV1>());
-}
+TEST(CheckSuper, HeadOfV1) { expect_cases(head_cases<WorldV1>()); }
 
-TEST(CheckSuper, HeadOfV2)
-{
-    expect_cases(head_cases<WorldV2>());
-}
+TEST(CheckSuper, HeadOfV2) { expect_cases(head_cases<WorldV2>()); }
 
 TEST(CheckSuper, ExtentsOfV1)
 {

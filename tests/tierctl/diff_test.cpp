@@ -53,10 +53,7 @@ void expect_entry(const std::string &a, const std::string &b, const CacheTable &
     expect_differences(diff(a, b, {"--json"}), head + "\"fields\":[" + json + "]}\n");
 }
 
-std::string in_quotes(const std::string &plain)
-{
-    return '"' + plain + '"';
-}
+std::string in_quotes(const std::string &plain) { return '"' + plain + '"'; }
 
 // One bit of an entry, and how diff shows its field when only that bit differs.
 struct Bit {
@@ -73,10 +70,7 @@ std::string time_value(std::uint64_t nanoseconds)
     return in_quotes(text("0x%lx(%s)", nanoseconds, time_text(nanoseconds).c_str()));
 }
 
-std::string number(std::uint64_t value)
-{
-    return std::to_string(value);
-}
+std::string number(std::uint64_t value) { return std::to_string(value); }
 
 std::vector<Bit> bits()
 {

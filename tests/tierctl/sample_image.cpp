@@ -83,20 +83,11 @@ void expect_sizes_refused(const std::vector<SizeBounds> &sizes, const std::strin
                            size.option + " " + value + ": expected " + size.expected, layout);
 }
 
-std::vector<SampleTable> sample_tables(const SuperV1 &sb)
-{
-    return sample_tables(1, encode(sb));
-}
+std::vector<SampleTable> sample_tables(const SuperV1 &sb) { return sample_tables(1, encode(sb)); }
 
-std::vector<SampleTable> sample_tables(const SuperV2 &sb)
-{
-    return sample_tables(2, encode(sb));
-}
+std::vector<SampleTable> sample_tables(const SuperV2 &sb) { return sample_tables(2, encode(sb)); }
 
-std::vector<SampleTable> sample_tables(const SuperV3 &sb)
-{
-    return sample_tables(3, encode(sb));
-}
+std::vector<SampleTable> sample_tables(const SuperV3 &sb) { return sample_tables(3, encode(sb)); }
 
 SampleTable sample_super(std::size_t length)
 {

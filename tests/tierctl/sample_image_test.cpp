@@ -81,10 +81,7 @@ TEST_P(SampleImage, SuperBlockDescribesTheDevice)
               expected.data_offset + std::uint64_t{geometry.blocks} * geometry.block_size);
 }
 
-TEST_P(SampleImage, Bricks)
-{
-    expect_bricks(bricks());
-}
+TEST_P(SampleImage, Bricks) { expect_bricks(bricks()); }
 
 TEST_P(SampleImage, InodesBelongToBricksInUse)
 {

@@ -96,10 +96,7 @@ TEST_P(SampleV2, SuperBlockDescribesTheDevice)
               expected.data_offset + std::uint64_t{geometry.blocks} * geometry.block_size);
 }
 
-TEST_P(SampleV2, Bricks)
-{
-    expect_bricks(bricks());
-}
+TEST_P(SampleV2, Bricks) { expect_bricks(bricks()); }
 
 TEST_P(SampleV2, InodesBelongToBricksInUse)
 {

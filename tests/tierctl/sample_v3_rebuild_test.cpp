@@ -66,15 +66,9 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(Sample, SampleV3Rebuild, testing::ValuesIn(SAMPLES));
 
-TEST_P(SampleV3Rebuild, ShardBlocks)
-{
-    rebuild("shard", sb.shard_table_offset, sb.shard_cnt);
-}
+TEST_P(SampleV3Rebuild, ShardBlocks) { rebuild("shard", sb.shard_table_offset, sb.shard_cnt); }
 
-TEST_P(SampleV3Rebuild, ExtentBlocks)
-{
-    rebuild("extent", sb.extent_table_offset, sb.extent_cnt);
-}
+TEST_P(SampleV3Rebuild, ExtentBlocks) { rebuild("extent", sb.extent_table_offset, sb.extent_cnt); }
 
 TEST_P(SampleV3Rebuild, SuperBlock)
 {

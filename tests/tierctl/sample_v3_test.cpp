@@ -173,10 +173,7 @@ TEST_P(SampleV3, AreasFollowOneAnother)
     EXPECT_EQ(device.size(), end);
 }
 
-TEST_P(SampleV3, Bricks)
-{
-    expect_bricks(bricks(), BrickV3{}.magic);
-}
+TEST_P(SampleV3, Bricks) { expect_bricks(bricks(), BrickV3{}.magic); }
 
 TEST_P(SampleV3, InodesBelongToBricksInUse)
 {

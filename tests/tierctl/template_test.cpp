@@ -48,10 +48,7 @@ const std::vector<Sample> SAMPLES{
 };
 
 // As the name of a test.
-std::ostream &operator<<(std::ostream &out, const Sample &sample)
-{
-    return out << sample.layout;
-}
+std::ostream &operator<<(std::ostream &out, const Sample &sample) { return out << sample.layout; }
 
 class TemplateOfSample : public testing::TestWithParam<Sample> {
 protected:

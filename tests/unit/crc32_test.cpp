@@ -106,15 +106,9 @@ TEST(Crc32Ways, TheLastIsAlwaysThere)
     EXPECT_TRUE(ZUTR_CRC32_WAYS.back().available());
 }
 
-bool yes()
-{
-    return true;
-}
+bool yes() { return true; }
 
-bool no()
-{
-    return false;
-}
+bool no() { return false; }
 
 // Wrong for the ranges that `Wrong` picks.
 template <bool (*Wrong)(std::size_t length)>
@@ -123,25 +117,13 @@ std::uint32_t partly_wrong(std::uint32_t state, const std::uint8_t *data, std::s
     return right(state, data, length) ^ (Wrong(length) ? 0x10U : 0U);
 }
 
-bool any_length(std::size_t)
-{
-    return true;
-}
+bool any_length(std::size_t) { return true; }
 
-bool short_only(std::size_t length)
-{
-    return length < 16;
-}
+bool short_only(std::size_t length) { return length < 16; }
 
-bool long_only(std::size_t length)
-{
-    return length >= 128;
-}
+bool long_only(std::size_t length) { return length >= 128; }
 
-bool broken_block(std::size_t length)
-{
-    return length > 16 && length % 16 != 0;
-}
+bool broken_block(std::size_t length) { return length > 16 && length % 16 != 0; }
 
 // Stands for an instruction that the processor does not have.
 std::uint32_t refused(std::uint32_t, const std::uint8_t *, std::size_t)
@@ -161,10 +143,7 @@ constexpr zutr_crc32_way WRONG_WAYS[] = {
     {"wrong at the end", yes, partly_wrong<broken_block>},
 };
 
-std::string chosen(const std::vector<zutr_crc32_way> &ways)
-{
-    return zutr_crc32_choose(ways).name;
-}
+std::string chosen(const std::vector<zutr_crc32_way> &ways) { return zutr_crc32_choose(ways).name; }
 
 TEST(Crc32Choice, FirstThatIsRight)
 {

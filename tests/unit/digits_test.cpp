@@ -46,10 +46,7 @@ constexpr auto PUT_DECIMAL = []<std::size_t... I>(std::index_sequence<I...>)
 }
 (std::make_index_sequence<64>());
 
-constexpr std::uint64_t largest(std::size_t bits)
-{
-    return ~std::uint64_t{0} >> (64 - bits);
-}
+constexpr std::uint64_t largest(std::size_t bits) { return ~std::uint64_t{0} >> (64 - bits); }
 
 // Powers of ten and two and what is next to them.
 std::vector<std::uint64_t> special_values()
@@ -130,14 +127,8 @@ void expect_hexadecimals()
     }
 }
 
-TEST(Digits, HexadecimalsOf32Bits)
-{
-    expect_hexadecimals<32>();
-}
+TEST(Digits, HexadecimalsOf32Bits) { expect_hexadecimals<32>(); }
 
-TEST(Digits, HexadecimalsOf64Bits)
-{
-    expect_hexadecimals<64>();
-}
+TEST(Digits, HexadecimalsOf64Bits) { expect_hexadecimals<64>(); }
 
 } // namespace

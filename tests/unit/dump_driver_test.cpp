@@ -29,10 +29,7 @@ std::ostream &operator<<(std::ostream &out, const Visit &visit)
 
 std::vector<Visit> visits;
 
-std::string item(std::int64_t no)
-{
-    return text("{%ld}", no);
-}
+std::string item(std::int64_t no) { return text("{%ld}", no); }
 
 // The formatter: bytes 0..3 of a block are its number, bytes 4..7 the result it asks for.
 std::int32_t format_block(std::int32_t no, void *meta, const char *delim, zutr_params_t *params)

@@ -10,15 +10,9 @@ extern const tier_table SUPER;
 extern const tier_table SHELVES;
 extern const tier_table BOXES;
 
-const DepotSuper &depot(const void *sb)
-{
-    return tier_super<DepotSuper>(sb);
-}
+const DepotSuper &depot(const void *sb) { return tier_super<DepotSuper>(sb); }
 
-std::uint32_t crc_of_record(void *record, std::uint32_t length)
-{
-    return tier_crc(record, length);
-}
+std::uint32_t crc_of_record(void *record, std::uint32_t length) { return tier_crc(record, length); }
 
 // The super block
 

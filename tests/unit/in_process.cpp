@@ -67,10 +67,7 @@ OpenDevice::OpenDevice(const Device &device, int flags)
 {
 }
 
-OpenDevice::~OpenDevice()
-{
-    close(fd_);
-}
+OpenDevice::~OpenDevice() { close(fd_); }
 
 MemoryStream::MemoryStream() : stream_(open_memstream(&data_, &size_))
 {

@@ -42,10 +42,7 @@ protected:
     static std::uint64_t number(const cJSON *node) { return zutr_to_u64(zutr_json_number(node)); }
 };
 
-TEST_F(JsonLoad, NoPath)
-{
-    expect_refused(nullptr, EINVAL, {});
-}
+TEST_F(JsonLoad, NoPath) { expect_refused(nullptr, EINVAL, {}); }
 
 TEST_F(JsonLoad, FileThatCannotBeOpened)
 {

@@ -98,10 +98,7 @@ TEST(JsonNumber, Signed64)
     expect_rows<std::uint64_t>(zutr_to_s64, {SMALL, WIDE, SIGNED_64_TOP});
 }
 
-TEST(JsonNumber, Signed32)
-{
-    expect_rows<std::uint32_t>(zutr_to_s32, {SMALL, SIGNED_32_BEYOND});
-}
+TEST(JsonNumber, Signed32) { expect_rows<std::uint32_t>(zutr_to_s32, {SMALL, SIGNED_32_BEYOND}); }
 
 TEST(JsonNumber, NarrowFieldsOfNumbersOutOfRangeAreZero)
 {

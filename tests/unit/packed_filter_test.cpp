@@ -34,10 +34,7 @@ struct FilterRow {
     }
 };
 
-std::ostream &operator<<(std::ostream &out, const FilterRow &row)
-{
-    return out << row.name;
-}
+std::ostream &operator<<(std::ostream &out, const FilterRow &row) { return out << row.name; }
 
 class PackedFilter : public testing::TestWithParam<FilterRow> {
 protected:

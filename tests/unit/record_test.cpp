@@ -28,10 +28,7 @@ struct Record {
     char mark[1];
 };
 
-std::uint64_t doubled(const void *record)
-{
-    return static_cast<const Record *>(record)->u64 * 2;
-}
+std::uint64_t doubled(const void *record) { return static_cast<const Record *>(record)->u64 * 2; }
 
 constexpr auto FIELDS = std::tuple{
     zutr_field{"u64", &Record::u64},
@@ -62,10 +59,7 @@ constexpr auto ONE_FIELD = std::tuple{zutr_field{"u8", &Record::u8}};
 constexpr auto TEXT_FIRST =
     std::tuple{zutr_field{"label", &Record::label}, zutr_field{"x8", &Record::u8, zutr_form::hex}};
 
-std::string bounded(const char *field, std::size_t size)
-{
-    return {field, strnlen(field, size)};
-}
+std::string bounded(const char *field, std::size_t size) { return {field, strnlen(field, size)}; }
 
 std::string expected_members(const Record &r)
 {

@@ -8,10 +8,7 @@ using namespace tier_test;
 
 namespace {
 
-int32_t refuse_everything(int32_t, const void *, zutr_cmd_func_t *)
-{
-    return -14;
-}
+int32_t refuse_everything(int32_t, const void *, zutr_cmd_func_t *) { return -14; }
 
 TEST(Registry, VersionsAreRegisteredBeforeMain)
 {

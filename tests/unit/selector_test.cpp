@@ -47,10 +47,7 @@ struct SuperNames {
     }
 };
 
-int32_t some_handler(zutr_params_t *)
-{
-    return 0;
-}
+int32_t some_handler(zutr_params_t *) { return 0; }
 
 template <class Super>
 class Selector : public testing::Test {

@@ -26,10 +26,7 @@ std::string utf8(std::uint32_t c)
 }
 
 // What a reader makes of it.
-std::string parsed(const std::string &json)
-{
-    return nlohmann::json::parse(json);
-}
+std::string parsed(const std::string &json) { return nlohmann::json::parse(json); }
 
 TEST(TierctlJson, PlainTextStaysAsItIs)
 {

@@ -162,15 +162,9 @@ void check_bits(Device device, const std::string &layout)
     EXPECT_LT(foresight.refused(), 8 * Super::LENGTH * 7 / 8);
 }
 
-TEST(TemplateOfEveryBit, V1)
-{
-    check_bits<SuperV1>(make_v1_device(super_v1(2, 3, 4)), "v1");
-}
+TEST(TemplateOfEveryBit, V1) { check_bits<SuperV1>(make_v1_device(super_v1(2, 3, 4)), "v1"); }
 
-TEST(TemplateOfEveryBit, V2)
-{
-    check_bits<SuperV2>(make_v2_device(super_v2(2, 3, 4)), "v2");
-}
+TEST(TemplateOfEveryBit, V2) { check_bits<SuperV2>(make_v2_device(super_v2(2, 3, 4)), "v2"); }
 
 TEST(TemplateOfEveryBit, V2WithAnExpansionArea)
 {
@@ -179,10 +173,7 @@ TEST(TemplateOfEveryBit, V2WithAnExpansionArea)
     check_bits<SuperV2>(make_v2_device(sb, {}, {inode_v2(3), inode_v2(153602)}), "v2");
 }
 
-TEST(TemplateOfEveryBit, V3)
-{
-    check_bits<SuperV3>(make_v3_device(super_v3(2, 3)), "v3");
-}
+TEST(TemplateOfEveryBit, V3) { check_bits<SuperV3>(make_v3_device(super_v3(2, 3)), "v3"); }
 
 // Each word of entry 1 of every table, and its halves and quarters, at the ends of their ranges.
 void check_words(Device device, const std::string &layout)

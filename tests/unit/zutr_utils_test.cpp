@@ -15,10 +15,7 @@ using namespace tier_test;
 
 namespace {
 
-TEST(Crc32, CheckValue)
-{
-    EXPECT_EQ(zutr_crc32("123456789", 9), 0xCBF43926U);
-}
+TEST(Crc32, CheckValue) { EXPECT_EQ(zutr_crc32("123456789", 9), 0xCBF43926U); }
 
 TEST(Crc32, EmptyRangeIsZero)
 {

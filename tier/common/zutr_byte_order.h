@@ -45,15 +45,6 @@ constexpr uint64_t htole64(uint64_t value)
     return ZUTR_HOST_IS_LITTLE ? value : __builtin_bswap64(value);
 }
 
-constexpr uint16_t hton16(uint16_t value)
-{
-    return htobe16(value);
-}
-constexpr uint32_t hton32(uint32_t value)
-{
-    return htobe32(value);
-}
-constexpr uint64_t hton64(uint64_t value)
-{
-    return htobe64(value);
-}
+constexpr uint16_t hton16(uint16_t value) { return htobe16(value); }
+constexpr uint32_t hton32(uint32_t value) { return htobe32(value); }
+constexpr uint64_t hton64(uint64_t value) { return htobe64(value); }

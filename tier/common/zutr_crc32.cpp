@@ -61,10 +61,7 @@ uint32_t update_by_slices(uint32_t state, const uint8_t *data, size_t len)
     return update_by_table(state, data, len);
 }
 
-bool always()
-{
-    return true;
-}
+bool always() { return true; }
 
 #ifdef __x86_64__
 
@@ -141,10 +138,7 @@ constexpr size_t LANES = 4; /* multiplications that the processor runs at once *
     return update_by_table(update_by_slices(0, rest.data(), BLOCK), data, len);
 }
 
-bool can_multiply()
-{
-    return static_cast<bool>(__builtin_cpu_supports("pclmul"));
-}
+bool can_multiply() { return static_cast<bool>(__builtin_cpu_supports("pclmul")); }
 
 #endif
 

@@ -11,10 +11,7 @@ namespace {
 
 char s_uuid_buf[40];
 
-bool should_retry()
-{
-    return errno == EAGAIN || errno == EINTR;
-}
+bool should_retry() { return errno == EAGAIN || errno == EINTR; }
 
 } // namespace
 

@@ -12,10 +12,7 @@ constexpr std::align_val_t ALIGNMENT{4096};
 
 } // namespace
 
-Arena::Arena() : memory_(operator new(SIZE, ALIGNMENT))
-{
-    release();
-}
+Arena::Arena() : memory_(operator new(SIZE, ALIGNMENT)) { release(); }
 
 bool Arena::take(void **memory, std::size_t size)
 {
@@ -38,9 +35,6 @@ bool Arena::give_back(void *memory)
     return true;
 }
 
-void Arena::release()
-{
-    give_back(memory_);
-}
+void Arena::release() { give_back(memory_); }
 
 } // namespace tier_fuzz

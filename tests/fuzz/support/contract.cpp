@@ -13,10 +13,7 @@ namespace tier_fuzz {
 
 namespace {
 
-bool converts(const Situation &situation)
-{
-    return situation.command == ZUTR_CMD_CONVERT_SUPER;
-}
+bool converts(const Situation &situation) { return situation.command == ZUTR_CMD_CONVERT_SUPER; }
 
 bool takes_extents(const Situation &situation)
 {

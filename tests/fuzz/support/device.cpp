@@ -52,10 +52,7 @@ void Device::fail(Fault fault, std::uint32_t turn)
     turn_ = turn;
 }
 
-bool Device::strikes(Fault fault)
-{
-    return fault_ == fault && turn_-- == 0;
-}
+bool Device::strikes(Fault fault) { return fault_ == fault && turn_-- == 0; }
 
 const std::uint8_t *Device::find(std::int64_t offset) const
 {

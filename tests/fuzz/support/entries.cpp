@@ -28,10 +28,7 @@ void make_small(Mutation &mutation, int layout, std::span<std::uint8_t> super)
 
 } // namespace
 
-View record_of(View entry)
-{
-    return entry.subspan(std::min(NUMBER_SIZE, entry.size()));
-}
+View record_of(View entry) { return entry.subspan(std::min(NUMBER_SIZE, entry.size())); }
 
 void put_entries(Device &device, Place place, View super, std::span<const Bytes> entries)
 {

@@ -26,10 +26,7 @@ enum zutr_cmd_t : int32_t {
     ZUTR_CMD_MAXVALUE,
 };
 
-constexpr bool ZUTR_CMD_VALID(int32_t cmd)
-{
-    return cmd >= 0 && cmd < ZUTR_CMD_MAXVALUE;
-}
+constexpr bool ZUTR_CMD_VALID(int32_t cmd) { return cmd >= 0 && cmd < ZUTR_CMD_MAXVALUE; }
 
 /* Which entries a dump shows. */
 struct zutr_filter_t {

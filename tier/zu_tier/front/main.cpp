@@ -1,6 +1,3 @@
 #include "zu_tier/front/zu_tier.h"
 
-int main(int argc, char *argv[])
-{
-    return zutr_run(argc, argv);
-}
+int main(int argc, char *argv[]) { return zutr_run(argc, argv); }

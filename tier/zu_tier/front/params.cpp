@@ -40,10 +40,7 @@ constexpr std::array<option, 13> longopts = {{
 
 constexpr int32_t USAGE_PRINTED = 1;
 
-int32_t parse_int32(const char *text)
-{
-    return static_cast<int32_t>(strtoul(text, nullptr, 0));
-}
+int32_t parse_int32(const char *text) { return static_cast<int32_t>(strtoul(text, nullptr, 0)); }
 
 /* Whether both are the same file or the same volume. */
 bool is_same(const struct stat &one, const struct stat &other)

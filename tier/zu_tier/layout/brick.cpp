@@ -27,10 +27,7 @@ void read_brick_in_use(zutr_json_reader &in, zutr_need unlink, tier_brick_info_t
 
 } // namespace
 
-tier_columns tier_brick_fields()
-{
-    return tier_make_columns(TIER_BRICK_FIELDS);
-}
+tier_columns tier_brick_fields() { return tier_make_columns(TIER_BRICK_FIELDS); }
 
 tier_columns tier_brick_keys()
 {

@@ -19,10 +19,7 @@ uint32_t get_head_checksum(const void *record)
     return crc;
 }
 
-void put_head_checksum(void *record, uint32_t crc)
-{
-    memcpy(record, &crc, sizeof(crc));
-}
+void put_head_checksum(void *record, uint32_t crc) { memcpy(record, &crc, sizeof(crc)); }
 
 } // namespace
 

@@ -26,15 +26,9 @@ constexpr std::string_view piece(std::string_view message, size_t index)
 template <const auto &Message, size_t Index>
 constexpr zutr_literal PIECE = zutr_literal(piece(Message, Index));
 
-inline char *put(char *to, int32_t value)
-{
-    return zutr_put_signed_decimal(to, value);
-}
+inline char *put(char *to, int32_t value) { return zutr_put_signed_decimal(to, value); }
 
-inline char *put(char *to, std::string_view text)
-{
-    return to + text.copy(to, zutr_literal::MAX);
-}
+inline char *put(char *to, std::string_view text) { return to + text.copy(to, zutr_literal::MAX); }
 
 } // namespace zutr_message
 

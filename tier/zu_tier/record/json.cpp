@@ -176,10 +176,7 @@ uint64_t zutr_to_s32(long double number)
     return static_cast<uint64_t>(to_signed(number, TWO_TO_31));
 }
 
-long double zutr_json_number(const cJSON *node)
-{
-    return strtold(node->valuestring, nullptr);
-}
+long double zutr_json_number(const cJSON *node) { return strtold(node->valuestring, nullptr); }
 
 void zutr_json_reader::refuse(zutr_log_site site, const char *format, ...)
 {

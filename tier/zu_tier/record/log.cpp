@@ -16,10 +16,7 @@ bool g_debug_mode = false;
 FILE *g_log_fp = nullptr;
 zutr_log_sinks g_redirected = {nullptr, nullptr};
 
-FILE *error_stream()
-{
-    return g_redirected.err != nullptr ? g_redirected.err : stderr;
-}
+FILE *error_stream() { return g_redirected.err != nullptr ? g_redirected.err : stderr; }
 
 void write_line(const char *level, const zutr_log_site &site, const char *format, va_list args,
                 const zutr_log_sinks &sinks)
@@ -103,15 +100,9 @@ char *zutr_put_log_prefix(char *to, const char *level, const zutr_log_site &site
     return to + length;
 }
 
-bool zutr_is_debug_mode()
-{
-    return g_debug_mode;
-}
+bool zutr_is_debug_mode() { return g_debug_mode; }
 
-void zutr_set_debug_mode()
-{
-    g_debug_mode = true;
-}
+void zutr_set_debug_mode() { g_debug_mode = true; }
 
 FILE *zutr_get_logger()
 {
@@ -135,12 +126,6 @@ bool zutr_set_log_file(const char *path)
     return g_log_fp != nullptr;
 }
 
-void zutr_redirect_log(FILE *log, FILE *errors)
-{
-    g_redirected = {log, errors};
-}
+void zutr_redirect_log(FILE *log, FILE *errors) { g_redirected = {log, errors}; }
 
-bool zutr_is_log(const FILE *stream)
-{
-    return stream == g_log_fp;
-}
+bool zutr_is_log(const FILE *stream) { return stream == g_log_fp; }

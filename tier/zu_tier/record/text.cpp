@@ -59,15 +59,9 @@ void zutr_text::hex_digits(uint64_t value, uint32_t width)
     advance(zutr_put_hex<64>(room(ZUTR_DIGITS_ROOM), value, width));
 }
 
-void zutr_text::uuid(const uint8_t *uu)
-{
-    put({zutr_uuid_utoa(uu), ZUTR_UUID_TEXT_LEN});
-}
+void zutr_text::uuid(const uint8_t *uu) { put({zutr_uuid_utoa(uu), ZUTR_UUID_TEXT_LEN}); }
 
-void zutr_text::time(uint64_t t_ns)
-{
-    advance(zutr_put_time(room(ZUTR_TIME_ROOM), t_ns));
-}
+void zutr_text::time(uint64_t t_ns) { advance(zutr_put_time(room(ZUTR_TIME_ROOM), t_ns)); }
 
 void zutr_text::flush()
 {
@@ -75,7 +69,4 @@ void zutr_text::flush()
     used_ = 0;
 }
 
-int32_t zutr_output_errno()
-{
-    return g_output_errno;
-}
+int32_t zutr_output_errno() { return g_output_errno; }

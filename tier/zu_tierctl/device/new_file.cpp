@@ -49,10 +49,7 @@ NewFile::NewFile(std::string path)
     fchmod(fd_.get(), 0666 & ~mask); /* cannot fail: we own the file */
 }
 
-NewFile::~NewFile()
-{
-    unlink(scratch_path_.c_str()); /* no longer there when it was renamed */
-}
+NewFile::~NewFile() { unlink(scratch_path_.c_str()); /* no longer there when it was renamed */ }
 
 void NewFile::resize(uint64_t size)
 {
@@ -81,9 +78,6 @@ void NewFile::commit(Naming naming)
     sync_directory_of(path_);
 }
 
-void NewFile::fail(const char *what) const
-{
-    throw_errno(what + path_);
-}
+void NewFile::fail(const char *what) const { throw_errno(what + path_); }
 
 } // namespace tierctl

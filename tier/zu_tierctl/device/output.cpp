@@ -23,10 +23,7 @@ void print_text(std::string_view text)
     require(fwrite(text.data(), 1, text.size(), stdout) == text.size());
 }
 
-void finish_output()
-{
-    require(fflush(stdout) == 0);
-}
+void finish_output() { require(fflush(stdout) == 0); }
 
 void complain(std::string_view message)
 {

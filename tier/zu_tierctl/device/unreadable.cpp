@@ -38,10 +38,7 @@ Json read_list(const std::string &path)
 
 } // namespace
 
-std::string unreadable_path(const std::string &saved)
-{
-    return saved + ".unreadable.json";
-}
+std::string unreadable_path(const std::string &saved) { return saved + ".unreadable.json"; }
 
 UnreadableWriter::UnreadableWriter(const std::string &saved) : path_(unreadable_path(saved)) {}
 

@@ -61,10 +61,7 @@ std::string json_head(const char *kind, const EntryRange &range)
                        range.first, range.count);
 }
 
-std::string json_error(int error)
-{
-    return error == 0 ? "null" : json_text(error_text(error));
-}
+std::string json_error(int error) { return error == 0 ? "null" : json_text(error_text(error)); }
 
 class JsonReport : public DiffReport {
 public:
@@ -105,14 +102,8 @@ public:
 
 } // namespace
 
-std::unique_ptr<DiffReport> make_text_report()
-{
-    return std::make_unique<TextReport>();
-}
+std::unique_ptr<DiffReport> make_text_report() { return std::make_unique<TextReport>(); }
 
-std::unique_ptr<DiffReport> make_json_report()
-{
-    return std::make_unique<JsonReport>();
-}
+std::unique_ptr<DiffReport> make_json_report() { return std::make_unique<JsonReport>(); }
 
 } // namespace tierctl

@@ -128,10 +128,7 @@ std::string number_cell(std::string_view number)
     return fmt::format(R"(<td class="n">{}</td>)", number);
 }
 
-std::string number_cell(uint64_t number)
-{
-    return number_cell(fmt::format("{}", number));
-}
+std::string number_cell(uint64_t number) { return number_cell(fmt::format("{}", number)); }
 
 std::string bar_cell(uint64_t part, uint64_t whole)
 {

@@ -46,10 +46,7 @@ constexpr LookMarks LOOKS[] = {
 constexpr const char *RISING[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr const char *ADVANCING[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
 
-bool begins_character(char byte)
-{
-    return (static_cast<uint8_t>(byte) & 0xC0) != 0x80;
-}
+bool begins_character(char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }
 
 size_t columns(std::string_view text)
 {

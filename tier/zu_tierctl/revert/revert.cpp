@@ -124,9 +124,6 @@ private:
 
 } // namespace
 
-void revert(const RevertOptions &options)
-{
-    Revert(options).run();
-}
+void revert(const RevertOptions &options) { Revert(options).run(); }
 
 } // namespace tierctl

@@ -29,10 +29,7 @@ void flip(uint8_t *slot, uint64_t bit)
     slot[bit / 8] = static_cast<uint8_t>(slot[bit / 8] ^ (1U << (bit % 8)));
 }
 
-bool always(const Table &)
-{
-    return true;
-}
+bool always(const Table &) { return true; }
 
 constexpr DamageKind KINDS[] = {
     {"checksum", [](const Table &table) { return table.row->crc != nullptr; },

@@ -101,10 +101,7 @@ std::string bounds_text(const Bounds &bounds)
            (bounds.unit == 1 ? "" : fmt::format(" in steps of {}", bounds.unit));
 }
 
-std::span<const SampleLayout *const> sample_layouts()
-{
-    return LAYOUTS;
-}
+std::span<const SampleLayout *const> sample_layouts() { return LAYOUTS; }
 
 void sample(const SampleOptions &options)
 {

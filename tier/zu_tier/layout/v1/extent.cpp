@@ -60,10 +60,7 @@ std::string_view print_bitmap_v1(const tier_extent_v1_t *extent, const tier_supe
     return {text, static_cast<size_t>(to - text)};
 }
 
-uint32_t crc_extent_v1(void *ex, uint32_t ex_size)
-{
-    return tier_extent_crc(ex, ex_size);
-}
+uint32_t crc_extent_v1(void *ex, uint32_t ex_size) { return tier_extent_crc(ex, ex_size); }
 
 void __print_extent_v1(void *extent, const void *sb, int64_t offset, FILE *fp)
 {

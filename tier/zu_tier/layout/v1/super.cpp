@@ -31,10 +31,7 @@ constexpr tier_rule RULES[] = {
     TIER_SSD_UUID_RULE<super_v1, &super_v1::sb_ssd_uuid>,
 };
 
-uint32_t crc_super_v1(void *sb, uint32_t length)
-{
-    return tier_crc(sb, length);
-}
+uint32_t crc_super_v1(void *sb, uint32_t length) { return tier_crc(sb, length); }
 
 void __print_super_v1(void *sb, const void * /*own*/, int64_t /*offset*/, FILE *fp)
 {

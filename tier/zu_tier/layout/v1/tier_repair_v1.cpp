@@ -18,10 +18,7 @@ extern const tier_table INODE_TABLE;
 
 /* Brick table */
 
-uint32_t crc_brick_v1(void *bi, uint32_t length)
-{
-    return tier_crc(bi, length);
-}
+uint32_t crc_brick_v1(void *bi, uint32_t length) { return tier_crc(bi, length); }
 
 void __print_brick_v1(void *brick, const void * /*sb*/, int64_t offset, FILE *fp)
 {
@@ -65,10 +62,7 @@ constexpr auto INODE_FIELDS = std::tuple_cat(
     TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"reserved1", &tier_inode_v1_t::i_reserved1},
                                        zutr_field{"reserved2", &tier_inode_v1_t::i_reserved2}});
 
-uint32_t crc_inode_v1(void *inode, uint32_t length)
-{
-    return tier_crc(inode, length);
-}
+uint32_t crc_inode_v1(void *inode, uint32_t length) { return tier_crc(inode, length); }
 
 void __print_inode_v1(void *inode, const void * /*sb*/, int64_t offset, FILE *fp)
 {

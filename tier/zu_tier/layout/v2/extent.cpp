@@ -97,10 +97,7 @@ void print_pieces(zutr_text &out, const tier_extent_v2_t *extent, const tier_sup
     }
 }
 
-uint32_t crc_extent_v2(void *ex, uint32_t ex_size)
-{
-    return tier_extent_crc(ex, ex_size);
-}
+uint32_t crc_extent_v2(void *ex, uint32_t ex_size) { return tier_extent_crc(ex, ex_size); }
 
 void __print_extent_v2(void *extent, const void *sb, int64_t offset, FILE *fp)
 {

@@ -23,10 +23,7 @@ constexpr auto IN_USE_KEYS = std::tuple_cat(
         zutr_key{"i_blocks", &tier_inode_v2_t::i_blocks, zutr_to_u64, zutr_need::optional},
     });
 
-uint32_t crc_inode_v2(void *inode, uint32_t length)
-{
-    return tier_crc(inode, length);
-}
+uint32_t crc_inode_v2(void *inode, uint32_t length) { return tier_crc(inode, length); }
 
 void __print_inode_v2(void *inode, const void * /*sb*/, int64_t offset, FILE *fp)
 {

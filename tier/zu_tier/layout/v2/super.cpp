@@ -12,10 +12,7 @@ namespace {
 
 using super_v2 = tier_super_block_v2_t;
 
-uint64_t exp_inode_cnt(const void *sb)
-{
-    return tier_exp_cnt_v2(tier_super_v2(sb));
-}
+uint64_t exp_inode_cnt(const void *sb) { return tier_exp_cnt_v2(tier_super_v2(sb)); }
 
 constexpr auto FIELDS =
     std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v2>,

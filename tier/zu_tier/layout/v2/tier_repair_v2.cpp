@@ -15,10 +15,7 @@ extern const tier_table BRICK_TABLE;
 
 /* Brick table */
 
-uint32_t crc_brick_v2(void *bi, uint32_t length)
-{
-    return tier_crc(bi, length);
-}
+uint32_t crc_brick_v2(void *bi, uint32_t length) { return tier_crc(bi, length); }
 
 void __print_brick_v2(void *brick, const void * /*sb*/, int64_t offset, FILE *fp)
 {

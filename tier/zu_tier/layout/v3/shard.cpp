@@ -62,10 +62,7 @@ int32_t __dump_shard_v3(int32_t no, void *meta, const char *delim, zutr_params_t
         __func__, no, block, checksum, shards.slot(static_cast<uint64_t>(no)), delim, params);
 }
 
-void read_entry(zutr_json_reader &in, tier_packed_entry_v3 *entry)
-{
-    in.read(KEYS, entry);
-}
+void read_entry(zutr_json_reader &in, tier_packed_entry_v3 *entry) { in.read(KEYS, entry); }
 
 int64_t parse_shard_from_json_v3(zutr_params_t *params, const cJSON *ext_cfg, void *m)
 {
