@@ -1,7 +1,6 @@
 // Repeated claims, found in memory that holds only a few of the claims at a time.
 
 #include "zu_tierctl/check/claims.h"
-#include "zu_tierctl/check/sort.h"
 
 #include <gtest/gtest.h>
 #include <map>
@@ -113,19 +112,6 @@ TEST(Claims, CapacityKeepsWithinMemory)
         const std::size_t capacity = Claims<std::uint64_t>::capacity(bytes);
         EXPECT_LE(capacity * 8 + capacity / 16 * 24, bytes);
         EXPECT_GE(capacity * 8, bytes / 2);
-    }
-}
-
-TEST(Sort, AsTheLibrary)
-{
-    for (const std::uint64_t bound : BOUNDS) {
-        for (const std::size_t count : {0, 1, 2, 256, 257, 1000, 70'000}) {
-            std::vector<std::uint64_t> keys = random_keys(count, bound);
-            std::vector<std::uint64_t> expected = keys;
-            std::ranges::sort(expected);
-            sort_keys(std::span(keys));
-            EXPECT_EQ(keys, expected) << bound << ", " << count;
-        }
     }
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "zu_tierctl/check/sort.h"
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -123,7 +121,7 @@ private:
      * where there are too many of these. */
     void gather()
     {
-        sort_keys(std::span(keys_));
+        std::ranges::sort(keys_);
         const size_t repeated_max = std::max<size_t>(1, capacity_ / REPEATED_PART);
         const size_t repeated_full = repeated_.size() + repeated_max;
         size_t kept = 0;
