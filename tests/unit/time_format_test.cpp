@@ -2,7 +2,7 @@
 
 #include "bytes.h"
 #include "time_zone.h"
-#include "zu_tier/record/text.h"
+#include "zu_tier/record/time.h"
 
 #include <chrono>
 #include <gtest/gtest.h>

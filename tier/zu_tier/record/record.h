@@ -4,6 +4,7 @@
 #include "zu_tier/format/bits.h"
 #include "zu_tier/record/literal.h"
 #include "zu_tier/record/text.h"
+#include "zu_tier/record/time.h"
 
 #include <array>
 #include <cstdint>

@@ -38,11 +38,6 @@ void zutr_text::put(std::string_view text)
     used_ += text.size();
 }
 
-void zutr_text::decimal(uint64_t value)
-{
-    advance(zutr_put_decimal<64>(room(ZUTR_DIGITS_ROOM), value));
-}
-
 void zutr_text::signed_decimal(int64_t value)
 {
     advance(zutr_put_signed_decimal(room(ZUTR_DIGITS_ROOM), value));
@@ -51,17 +46,8 @@ void zutr_text::signed_decimal(int64_t value)
 void zutr_text::hex(uint64_t value)
 {
     put("0x");
-    hex_digits(value, 1);
+    advance(zutr_put_hex<64>(room(ZUTR_DIGITS_ROOM), value));
 }
-
-void zutr_text::hex_digits(uint64_t value, uint32_t width)
-{
-    advance(zutr_put_hex<64>(room(ZUTR_DIGITS_ROOM), value, width));
-}
-
-void zutr_text::uuid(const uint8_t *uu) { put({zutr_uuid_utoa(uu), ZUTR_UUID_TEXT_LEN}); }
-
-void zutr_text::time(uint64_t t_ns) { advance(zutr_put_time(room(ZUTR_TIME_ROOM), t_ns)); }
 
 void zutr_text::flush()
 {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "zu_tier/record/digits.h"
-#include "zu_tier/record/time.h"
 
 #include <array>
 #include <cstdint>
@@ -30,12 +29,8 @@ public:
     ~zutr_text() { flush(); }
 
     void put(std::string_view text);
-    void decimal(uint64_t value);
     void signed_decimal(int64_t value);
-    void hex(uint64_t value);                        /* "0x" and the digits */
-    void hex_digits(uint64_t value, uint32_t width); /* zero-padded, no prefix */
-    void uuid(const uint8_t *uu);
-    void time(uint64_t t_ns);
+    void hex(uint64_t value); /* "0x" and the digits */
 
     /* Where the next text goes, with room for `size` bytes, at most ZUTR_TEXT_ROOM; `advance` takes
      * the end of what has been written there. */
