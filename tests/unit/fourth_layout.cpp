@@ -30,12 +30,12 @@ constexpr auto SUPER_FIELDS = std::tuple{
 };
 
 constexpr auto SUPER_KEYS = std::tuple{
-    zutr_hex_key{"version", &DepotSuper::version, 31, "version"},
+    zutr_hex_key{"version", &DepotSuper::version, zutr_form::hex, 31, "version"},
     zutr_key{"shelf_cnt", &DepotSuper::shelf_cnt, zutr_to_u64},
     zutr_key{"box_blocks", &DepotSuper::box_blocks, zutr_to_u64},
     zutr_key{"shelves_at", &DepotSuper::shelves_at, zutr_to_u64},
     zutr_key{"boxes_at", &DepotSuper::boxes_at, zutr_to_u64},
-    zutr_hex_key{"made", &DepotSuper::made, 18, "made"},
+    zutr_hex_key{"made", &DepotSuper::made, zutr_form::hex_and_time, 18, "made"},
     zutr_key{"uuid", &DepotSuper::uuid},
 };
 

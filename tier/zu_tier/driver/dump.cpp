@@ -134,13 +134,6 @@ int32_t zutr_dump_common(zutr_params_t *params, const char *meta_type, int64_t m
     return params->meta_no >= 0 ? dump.entry() : dump.walk();
 }
 
-int32_t zutr_dump_table(zutr_params_t *params, const char *meta_type, const tier_region &table,
-                        meta_format_func_t format_func)
-{
-    return zutr_dump_common(params, meta_type, table.start, static_cast<int32_t>(table.count),
-                            format_func);
-}
-
 void zutr_assert_entry(int32_t no, const void *meta, const char *delim, const zutr_params_t *params)
 {
     zutr_assert(no >= 0 && meta != nullptr && delim != nullptr && params != nullptr,

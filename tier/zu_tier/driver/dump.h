@@ -19,10 +19,6 @@ using meta_format_func_t = int32_t (*)(int32_t no, void *meta, const char *delim
 int32_t zutr_dump_common(zutr_params_t *params, const char *meta_type, int64_t meta_start,
                          int32_t max_cnt, meta_format_func_t format_func);
 
-/* zutr_dump_common over a table of a super block, whose count is cut to 32 bits. */
-int32_t zutr_dump_table(zutr_params_t *params, const char *meta_type, const tier_region &table,
-                        meta_format_func_t format_func);
-
 /* The preconditions of a formatter, and of a command that needs the device's super block;
  * `super_text` is the layout's condition on it. */
 void zutr_assert_entry(int32_t no, const void *meta, const char *delim,

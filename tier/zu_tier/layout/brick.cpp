@@ -27,15 +27,6 @@ void read_brick_in_use(zutr_json_reader &in, zutr_need unlink, tier_brick_info_t
 
 } // namespace
 
-tier_columns tier_brick_fields() { return tier_make_columns(TIER_BRICK_FIELDS); }
-
-tier_columns tier_brick_keys()
-{
-    return tier_make_columns(
-        std::tuple_cat(TIER_BRICK_KEYS, TIER_BRICK_IN_USE_KEYS,
-                       std::tuple{tier_brick_unlink_key(zutr_need::required)}));
-}
-
 void tier_check_brick(const void * /*sb*/, const uint8_t *entry, tier_findings &to)
 {
     const auto *brick = reinterpret_cast<const tier_brick_info_t *>(entry);
@@ -77,8 +68,9 @@ int32_t tier_dump_brick(const char *func, const tier_table &table, int32_t no, v
 }
 
 int64_t tier_parse_brick(zutr_json_reader in, const tier_table &table, zutr_need unlink,
-                         const void *sb, tier_brick_info_t *brick)
+                         const void *sb, void *m)
 {
+    auto *brick = static_cast<tier_brick_info_t *>(m);
     brick->bi_magic = table.magic_value;
     in.read(TIER_BRICK_KEYS, brick);
     if (brick->bi_use != 0) {

@@ -32,8 +32,6 @@ constexpr auto tier_brick_unlink_key(zutr_need need)
     return zutr_key{"bi_unlink", &tier_brick_info_t::bi_unlink, zutr_to_u64, need};
 }
 
-tier_columns tier_brick_fields();
-tier_columns tier_brick_keys();
 void tier_check_brick(const void *sb, const uint8_t *entry, tier_findings &to);
 
 /* A layout's brick table. */
@@ -51,8 +49,13 @@ constexpr tier_table tier_brick_table(uint32_t magic, tier_regions (*regions)(co
         .magic = tier_number_at(offsetof(tier_brick_info_t, bi_magic), 4),
         .magic_value = magic,
         .number = tier_number_at(offsetof(tier_brick_info_t, bi_no), 4),
-        .fields = tier_brick_fields,
-        .keys = tier_brick_keys,
+        .fields = [] { return tier_make_columns(TIER_BRICK_FIELDS); },
+        .keys =
+            [] {
+                return tier_make_columns(
+                    std::tuple_cat(TIER_BRICK_KEYS, TIER_BRICK_IN_USE_KEYS,
+                                   std::tuple{tier_brick_unlink_key(zutr_need::required)}));
+            },
         .repair = repair,
         .in_use = tier_number_at(offsetof(tier_brick_info_t, bi_use), 4),
         .claim = {"identity", tier_number_at(offsetof(tier_brick_info_t, bi_uuid), 8), true},
@@ -68,7 +71,7 @@ void tier_print_brick(tier_brick_info_t *brick, int64_t offset, FILE *fp);
 int32_t tier_dump_brick(const char *func, const tier_table &table, int32_t no, void *meta,
                         const char *delim, zutr_params_t *params);
 
-/* Fills the zeroed `brick` from a repair file; `unlink` says whether "bi_unlink" is required. Gives
- * the device offset of its slot, or -EINVAL or -EFAULT, logged. */
+/* Fills the zeroed brick at `m` from a repair file; `unlink` says whether "bi_unlink" is required.
+ * Gives the device offset of its slot, or -EINVAL or -EFAULT, logged. */
 int64_t tier_parse_brick(zutr_json_reader in, const tier_table &table, zutr_need unlink,
-                         const void *sb, tier_brick_info_t *brick);
+                         const void *sb, void *m);

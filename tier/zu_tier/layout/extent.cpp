@@ -25,8 +25,6 @@ bool passes(const char *func, const zutr_filter_t &filter, const tier_extent_t &
 
 } // namespace
 
-tier_columns tier_extent_fields() { return tier_make_columns(TIER_EXTENT_HEAD_FIELDS); }
-
 int32_t tier_check_size(const char *func, const char *field, uint32_t value, uint32_t min,
                         uint32_t max)
 {

@@ -35,8 +35,6 @@ constexpr auto TIER_EXTENT_OWNER_KEYS = std::tuple{
              zutr_need::optional},
 };
 
-tier_columns tier_extent_fields();
-
 /* A layout's extent table, with what is not shared as arguments. */
 constexpr tier_table tier_extent_table(tier_regions (*regions)(const void *sb),
                                        uint64_t (*record_length)(const void *sb),
@@ -52,7 +50,7 @@ constexpr tier_table tier_extent_table(tier_regions (*regions)(const void *sb),
         .crc = crc,
         .checksum = &TIER_HEAD_CHECKSUM,
         .number = tier_number_at(offsetof(tier_extent_t, te_reserved1), 8),
-        .fields = tier_extent_fields,
+        .fields = [] { return tier_make_columns(TIER_EXTENT_HEAD_FIELDS); },
         .keys = keys,
         .parts = parts,
         .repair = repair,

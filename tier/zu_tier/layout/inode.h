@@ -21,6 +21,11 @@ constexpr auto TIER_INODE_HEAD_FIELDS = std::tuple{
     zutr_field{"use", &tier_inode_t::i_use},
 };
 
+/* All fields in V2 and V3; V1 does not use the last two words. */
+constexpr auto TIER_INODE_FIELDS = std::tuple_cat(
+    TIER_INODE_HEAD_FIELDS, std::tuple{zutr_field{"new_data", &tier_inode_t::new_data},
+                                       zutr_field{"blocks", &tier_inode_t::i_blocks}});
+
 /* The keys of V1 and V2. */
 constexpr auto TIER_INODE_KEYS = std::tuple{
     zutr_key{"i_no", &tier_inode_t::i_no, zutr_to_s64},

@@ -59,6 +59,14 @@ uint32_t tier_crc(const void *record, uint32_t length)
                       length - TIER_CHECKSUM_SIZE);
 }
 
+int32_t tier_dump_table(zutr_params_t *params, const tier_table &table,
+                        meta_format_func_t format_func)
+{
+    const tier_region region = table.regions(params->sb)[0];
+    return zutr_dump_common(params, table.number_key, region.start,
+                            static_cast<int32_t>(region.count), format_func);
+}
+
 void tier_seal(const tier_table &table, void *record, uint32_t length)
 {
     if (table.crc != nullptr) {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "zu_tier/driver/dump.h"
 #include "zu_tier/driver/repair.h"
 #include "zu_tier/format/number.h"
 #include "zu_tier/format/records.h"
 #include "zu_tier/layout/registry.h"
 #include "zu_tier/record/columns.h"
+#include "zu_tier/record/json.h"
 
 #include <array>
 #include <cstddef>
@@ -188,8 +190,31 @@ const Super &tier_super(const void *sb)
     return *static_cast<const Super *>(sb);
 }
 
+/* A rule whose functions take the super block as the record of its layout; they capture nothing,
+ * and `Complain` may be a null pointer. */
+template <class Super, class Holds, class Complain, class Explain>
+constexpr tier_rule tier_make_rule(tier_kind kind, Holds, Complain, Explain)
+{
+    static_assert(std::is_empty_v<Holds> && std::is_empty_v<Explain>,
+                  "lambdas that capture nothing");
+    tier_rule rule = {kind, [](const void *sb) { return Holds{}(tier_super<Super>(sb)); }, nullptr,
+                      [](const void *sb, const tier_kind &of, tier_findings &to) {
+                          Explain{}(tier_super<Super>(sb), of, to);
+                      }};
+    if constexpr (!std::is_null_pointer_v<Complain>) {
+        rule.complain = [](const char *func, const void *sb) {
+            Complain{}(func, tier_super<Super>(sb));
+        };
+    }
+    return rule;
+}
+
 /* CRC-32 of the bytes 4..`length` - 1 of a record. */
 uint32_t tier_crc(const void *record, uint32_t length);
+
+/* zutr_dump_common over the table, or its first region; its count is cut to 32 bits. */
+int32_t tier_dump_table(zutr_params_t *params, const tier_table &table,
+                        meta_format_func_t format_func);
 
 /* Stores the checksum of a record in it, if its table has one. */
 void tier_seal(const tier_table &table, void *record, uint32_t length);

@@ -6,43 +6,30 @@
 
 /* What the super blocks of several layouts have in common. */
 
-/* The fields that V1 and V2 begin with, as a dump shows them. */
+/* The first two fields, which no repair file gives. */
 template <class Super>
 constexpr auto TIER_SUPER_HEAD_FIELDS = std::tuple{
     zutr_field{"checksum", &Super::sb_checksum, zutr_form::hex},
     zutr_field{"magic", &Super::sb_magic, zutr_form::hex},
-    zutr_field{"brick_table_size", &Super::sb_brick_table_size},
-    zutr_field{"inode_table_size", &Super::sb_inode_table_size},
-    zutr_field{"extent_table_size", &Super::sb_extent_table_size},
-    zutr_field{"data_offset", &Super::sb_data_offset},
-    zutr_field{"ctime", &Super::sb_ctime, zutr_form::hex_and_time},
-    zutr_field{"uuid", &Super::sb_uuid},
-    zutr_field{"ssd_uuid", &Super::sb_ssd_uuid},
-    zutr_field{"version", &Super::sb_version, zutr_form::hex},
-    zutr_field{"super block size", &Super::sb_size},
-    zutr_field{"brick_cnt", &Super::sb_brick_cnt},
-    zutr_field{"inode_cnt", &Super::sb_inode_cnt},
-    zutr_field{"block_size", &Super::sb_block_size},
-    zutr_field{"block_cnt", &Super::sb_block_cnt},
-    zutr_field{"extent_size", &Super::sb_extent_size},
 };
 
 /* The two numbers that a repair file gives as texts. */
 template <class Super>
 constexpr auto tier_ctime_key(uint64_t Super::*ctime)
 {
-    return zutr_hex_key{"ctime", ctime, 18, "ctime"}; /* "0x" and 16 digits */
+    constexpr size_t LIMIT = 18; /* "0x" and 16 digits */
+    return zutr_hex_key{"ctime", ctime, zutr_form::hex_and_time, LIMIT, "ctime"};
 }
 template <class Super>
 constexpr auto tier_version_key(uint32_t Super::*version, uint32_t expected)
 {
-    return zutr_hex_key{"version", version, 31, "version str", expected};
+    return zutr_hex_key{"version", version, zutr_form::hex, 31, "version str", expected};
 }
 
-/* The same fields as a repair file of V1 or V2 gives them; `expected` is the version that it must
- * have, 0: any. */
+/* The keys that V1 and V2 begin with, and the fields of their dumps; `expected` is the version that
+ * a repair file must have, 0: any. */
 template <class Super>
-constexpr auto tier_super_head_keys(uint32_t expected)
+constexpr auto tier_super_keys(uint32_t expected)
 {
     return std::tuple{
         zutr_key{"brick_table_size", &Super::sb_brick_table_size, zutr_to_u64},
@@ -121,108 +108,92 @@ int64_t tier_finish_super(const zutr_json_reader &in, const tier_table &table,
                           const zutr_params_t *params, int32_t (*check)(const void *new_sb),
                           void *sb);
 
-/* Rules of several layouts. */
-
-template <class Super, size_t N>
-size_t tier_ssd_uuid_length(const void *sb, const char (Super::*ssd_uuid)[N])
-{
-    return zutr_bounded(tier_super<Super>(sb).*ssd_uuid).size();
-}
-
-/* The identity of the SSD. */
-template <class Super, auto SsdUuid>
-constexpr tier_rule TIER_SSD_UUID_RULE = {
-    {"bad_ssd_uuid"},
-    [](const void *sb) { return tier_ssd_uuid_length(sb, SsdUuid) == TIER_SSD_UUID_LEN; },
-    [](const char *func, const void *sb) {
-        const auto length = static_cast<int64_t>(tier_ssd_uuid_length(sb, SsdUuid));
-        zutr_error(func, "ssd uuid(%.*s) length(%ld) is invalid. expect:%ld",
-                   static_cast<int>(length), tier_super<Super>(sb).*SsdUuid, length,
-                   static_cast<int64_t>(TIER_SSD_UUID_LEN));
-    },
-    [](const void *sb, const tier_kind &kind, tier_findings &to) {
-        to.add(kind, "the identity of the SSD has %zu characters, expected %zu",
-               tier_ssd_uuid_length(sb, SsdUuid), TIER_SSD_UUID_LEN);
-    }};
-
 /* The findings about a table with a wrong count or size, and about a wrong block size. */
 void tier_explain_table(const tier_kind &kind, tier_findings &to, uint64_t count, uint64_t most,
                         uint64_t size, const char *expected, uint64_t expected_size);
 void tier_explain_block_size(const tier_kind &kind, tier_findings &to, uint64_t size,
                              uint64_t least, uint64_t most);
 
-/* The rules of V1 and V2, in the order in which the tool tests them. */
-
-template <class Super>
-constexpr tier_rule TIER_SUPER_SIZE_RULE = {
-    {"bad_super_block_size"},
-    [](const void *p) { return tier_super<Super>(p).sb_size == TIER_SB_AREA_SIZE; },
-    [](const char *func, const void *p) {
-        zutr_error(func, "sb size is invalid. expect:%u, real:%u", TIER_SB_AREA_SIZE,
-                   tier_super<Super>(p).sb_size);
+/* The identity of the SSD, in every layout. */
+template <class Super, auto SsdUuid>
+constexpr tier_rule TIER_SSD_UUID_RULE = tier_make_rule<Super>(
+    {"bad_ssd_uuid"},
+    [](const Super &sb) { return zutr_bounded(sb.*SsdUuid).size() == TIER_SSD_UUID_LEN; },
+    [](const char *func, const Super &sb) {
+        const auto length = static_cast<int64_t>(zutr_bounded(sb.*SsdUuid).size());
+        zutr_error(func, "ssd uuid(%.*s) length(%ld) is invalid. expect:%ld",
+                   static_cast<int>(length), sb.*SsdUuid, length,
+                   static_cast<int64_t>(TIER_SSD_UUID_LEN));
     },
-    [](const void *p, const tier_kind &kind, tier_findings &to) {
-        to.add(kind, "the super block area has %u bytes, expected %u", tier_super<Super>(p).sb_size,
-               TIER_SB_AREA_SIZE);
-    }};
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
+        to.add(kind, "the identity of the SSD has %zu characters, expected %zu",
+               zutr_bounded(sb.*SsdUuid).size(), TIER_SSD_UUID_LEN);
+    });
+
+/* The rules of V1 and V2. */
 
 template <class Super>
-constexpr tier_rule TIER_BRICKS_RULE = {
+constexpr tier_rule TIER_SUPER_SIZE_RULE = tier_make_rule<Super>(
+    {"bad_super_block_size"}, [](const Super &sb) { return sb.sb_size == TIER_SB_AREA_SIZE; },
+    [](const char *func, const Super &sb) {
+        zutr_error(func, "sb size is invalid. expect:%u, real:%u", TIER_SB_AREA_SIZE, sb.sb_size);
+    },
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
+        to.add(kind, "the super block area has %u bytes, expected %u", sb.sb_size,
+               TIER_SB_AREA_SIZE);
+    });
+
+template <class Super>
+constexpr tier_rule TIER_BRICKS_RULE = tier_make_rule<Super>(
     {"bad_brick_table"},
-    [](const void *p) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb) {
         return sb.sb_brick_cnt >= 1 && sb.sb_brick_cnt <= TIER_BRICK_CNT_MAX &&
                sb.sb_brick_table_size == uint64_t{sb.sb_brick_cnt} * SIZE_4K;
     },
-    [](const char *func, const void *p) {
-        const auto &sb = tier_super<Super>(p);
+    [](const char *func, const Super &sb) {
         zutr_error(func,
                    "brick params is invalid. brick_cnt:%u, brick_table_size:%lu, "
                    "expect brick_cnt:[%u-%u]",
                    sb.sb_brick_cnt, sb.sb_brick_table_size, 1U, TIER_BRICK_CNT_MAX);
     },
-    [](const void *p, const tier_kind &kind, tier_findings &to) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
         tier_explain_table(kind, to, sb.sb_brick_cnt, TIER_BRICK_CNT_MAX, sb.sb_brick_table_size,
                            "", uint64_t{sb.sb_brick_cnt} * SIZE_4K);
-    }};
+    });
 
 template <class Super>
-constexpr tier_rule TIER_INODES_RULE = {
+constexpr tier_rule TIER_INODES_RULE = tier_make_rule<Super>(
     {"bad_inode_table"},
-    [](const void *p) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb) {
         return sb.sb_inode_cnt >= 1 && sb.sb_inode_cnt <= TIER_INODE_CNT_MAX &&
                sb.sb_inode_table_size == tier_inode_table_size(sb);
     },
-    [](const char *func, const void *p) {
-        const auto &sb = tier_super<Super>(p);
+    [](const char *func, const Super &sb) {
         zutr_error(func,
                    "inode params is invalid. inode_cnt:%u, itable_size:%lu, "
                    "expect inode_cnt:[%u-%u]",
                    sb.sb_inode_cnt, sb.sb_inode_table_size, 1U, TIER_INODE_CNT_MAX);
     },
-    [](const void *p, const tier_kind &kind, tier_findings &to) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
         tier_explain_table(kind, to, sb.sb_inode_cnt, TIER_INODE_CNT_MAX, sb.sb_inode_table_size,
                            "", tier_inode_table_size(sb));
-    }};
+    });
 
 template <class Super>
-constexpr tier_rule TIER_BLOCK_SIZE_RULE = {
+constexpr tier_rule TIER_BLOCK_SIZE_RULE = tier_make_rule<Super>(
     {"bad_block_size"},
-    [](const void *p) {
-        const uint32_t size = tier_super<Super>(p).sb_block_size;
-        return size >= TIER_BLOCK_SIZE_MIN && size <= TIER_BLOCK_SIZE_MAX && size % SIZE_4K == 0;
+    [](const Super &sb) {
+        return sb.sb_block_size >= TIER_BLOCK_SIZE_MIN && sb.sb_block_size <= TIER_BLOCK_SIZE_MAX &&
+               sb.sb_block_size % SIZE_4K == 0;
     },
-    [](const char *func, const void *p) {
+    [](const char *func, const Super &sb) {
         zutr_error(func, "block size(%u) is invalid. expect block_size:[%u-%u] and must 4k aligned",
-                   tier_super<Super>(p).sb_block_size, TIER_BLOCK_SIZE_MIN, TIER_BLOCK_SIZE_MAX);
+                   sb.sb_block_size, TIER_BLOCK_SIZE_MIN, TIER_BLOCK_SIZE_MAX);
     },
-    [](const void *p, const tier_kind &kind, tier_findings &to) {
-        tier_explain_block_size(kind, to, tier_super<Super>(p).sb_block_size, TIER_BLOCK_SIZE_MIN,
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
+        tier_explain_block_size(kind, to, sb.sb_block_size, TIER_BLOCK_SIZE_MIN,
                                 TIER_BLOCK_SIZE_MAX);
-    }};
+    });
 
 /* Whether the head of an extent and its bitmap fit a slot. */
 template <class Super>
@@ -232,47 +203,36 @@ bool tier_extent_size_holds(const Super &sb)
 }
 
 template <class Super>
-void tier_explain_extent_size(const tier_kind &kind, tier_findings &to, const Super &sb)
+void tier_explain_extent_size(const Super &sb, const tier_kind &kind, tier_findings &to)
 {
     to.add(kind, "extents have %u bytes, expected %u..%u", sb.sb_extent_size, TIER_EXTENT_SIZE_MIN,
            TIER_EXTENT_SIZE_MAX);
 }
 
 template <class Super>
-constexpr tier_rule TIER_EXTENTS_RULE = {
+constexpr tier_rule TIER_EXTENTS_RULE = tier_make_rule<Super>(
     {"bad_extent_table"},
-    [](const void *p) {
-        const auto &sb = tier_super<Super>(p);
-        return sb.sb_extent_table_size == uint64_t{sb.sb_block_cnt} * SIZE_4K;
-    },
-    [](const char *func, const void *p) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb) { return sb.sb_extent_table_size == uint64_t{sb.sb_block_cnt} * SIZE_4K; },
+    [](const char *func, const Super &sb) {
         zutr_error(func, "extent table size(%lu) is invalid. block_cnt:%u", sb.sb_extent_table_size,
                    sb.sb_block_cnt);
     },
-    [](const void *p, const tier_kind &kind, tier_findings &to) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
         to.add(kind, "the table has %u entries in %lu bytes, expected %lu bytes", sb.sb_block_cnt,
                sb.sb_extent_table_size, uint64_t{sb.sb_block_cnt} * SIZE_4K);
-    }};
+    });
 
 template <class Super>
-constexpr tier_rule TIER_DATA_OFFSET_RULE = {
-    {"bad_data_area"},
-    [](const void *p) {
-        const auto &sb = tier_super<Super>(p);
-        return sb.sb_data_offset == tier_data_offset(sb);
-    },
-    [](const char *func, const void *p) {
-        const auto &sb = tier_super<Super>(p);
+constexpr tier_rule TIER_DATA_OFFSET_RULE = tier_make_rule<Super>(
+    {"bad_data_area"}, [](const Super &sb) { return sb.sb_data_offset == tier_data_offset(sb); },
+    [](const char *func, const Super &sb) {
         zutr_error(func, "data offset(%lu) is invalid. expect:%lu", sb.sb_data_offset,
                    tier_data_offset(sb));
     },
-    [](const void *p, const tier_kind &kind, tier_findings &to) {
-        const auto &sb = tier_super<Super>(p);
+    [](const Super &sb, const tier_kind &kind, tier_findings &to) {
         to.add(kind, "the data area begins at %lu, expected %lu", sb.sb_data_offset,
                tier_data_offset(sb));
-    }};
+    });
 
 /* The areas that V1 and V2 have, in the order of the device. */
 template <class Super>

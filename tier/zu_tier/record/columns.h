@@ -1,6 +1,5 @@
 #pragma once
 
-#include "zu_tier/record/json.h"
 #include "zu_tier/record/record.h"
 
 #include <cstdint>
@@ -62,45 +61,21 @@ tier_column tier_make_column(std::string_view key, Member Record::*member, zutr_
             nullptr};
 }
 
-template <class Record, class Member>
-tier_column tier_make_column(const zutr_field<Record, Member> &field)
+/* Of a row of a table of fields or keys. */
+template <class Row>
+tier_column tier_make_column(const Row &row)
 {
-    return tier_make_column(field.key, field.member, field.form);
-}
-
-template <class Record, class Member>
-tier_column tier_make_column(const zutr_key<Record, Member> &key)
-{
-    return tier_make_column(key.name, key.member,
-                            key.swapped ? zutr_form::swapped : zutr_form::plain);
-}
-
-template <class Record, class Member>
-tier_column tier_make_column(const zutr_hex_key<Record, Member> &key)
-{
-    return tier_make_column(key.name, key.member, zutr_form::hex);
-}
-
-template <class Record, class Member>
-tier_column tier_make_column(const zutr_bits<Record, Member> &field)
-{
-    return {
-        field.key,      tier_column_type::number, zutr_form::plain, tier_offset_of(field.member),
-        sizeof(Member), field.bits.mask(),        nullptr};
-}
-
-template <class Record, class Member>
-tier_column tier_make_column(const zutr_bits_key<Record, Member> &key)
-{
-    tier_column column = tier_make_column(zutr_bits{key.bits, key.member});
-    column.key = key.name;
-    return column;
-}
-
-template <class Record>
-tier_column tier_make_column(const zutr_computed<Record> &field)
-{
-    return {field.key, tier_column_type::number, zutr_form::plain, 0, 0, 0, field.value};
+    if constexpr (requires { row.value; }) {
+        return {row.key, tier_column_type::number, row.form, 0, 0, 0, row.value};
+    } else if constexpr (requires { row.bits; }) {
+        tier_column column = tier_make_column(row.key, row.member, zutr_form::plain);
+        column.bits = row.bits.mask();
+        return column;
+    } else if constexpr (requires { row.swapped; }) {
+        return tier_make_column(row.key, row.member, row.swapped ? zutr_form::swapped : row.form);
+    } else {
+        return tier_make_column(row.key, row.member, row.form);
+    }
 }
 
 /* The columns of a table of fields or keys. */

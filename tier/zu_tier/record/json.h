@@ -3,6 +3,7 @@
 #include "common/zutr_utils.h"
 #include "zu_tier/format/bits.h"
 #include "zu_tier/record/log.h"
+#include "zu_tier/record/record.h"
 
 #include <cjson/cJSON.h>
 #include <cstdint>
@@ -38,12 +39,13 @@ long double zutr_json_number(const cJSON *node);
 enum class zutr_need { required, optional };
 
 /* One key of a repair file and the member that it fills: 16 bytes from a UUID text, a char array
- * from a text (cut to leave a terminator), an integer from a number (low bits kept). */
+ * from a text (cut to leave a terminator), an integer from a number (low bits kept). A dump shows
+ * the member as a field. */
 template <class Record, class Member>
 struct zutr_key {
-    using record_type = Record;
     using member_type = Member;
-    const char *name;
+    static constexpr zutr_form form = zutr_form::plain;
+    const char *key;
     Member Record::*member;
     uint64_t (*convert)(long double) = nullptr;
     zutr_need need = zutr_need::required;
@@ -56,35 +58,30 @@ zutr_key(const char *, Member Record::*, uint64_t (*)(long double) = nullptr, zu
 /* A key of which bits of a member keep the low bits. */
 template <class Record, class Member>
 struct zutr_bits_key {
-    using record_type = Record;
-    using member_type = Member;
     tier_bits bits;
     Member Record::*member;
     zutr_need need = zutr_need::required;
-    const char *name = bits.key;
+    const char *key = bits.key;
 };
 template <class Record, class Member>
-zutr_bits_key(tier_bits, Member Record::*, zutr_need = {}) -> zutr_bits_key<Record, Member>;
-template <class Record, class Member>
-zutr_bits_key(tier_bits, Member Record::*, zutr_need, const char *)
+zutr_bits_key(tier_bits, Member Record::*, zutr_need = {}, const char * = {})
     -> zutr_bits_key<Record, Member>;
 
 /* A key that holds a hexadecimal number as text, of which at most `limit` characters count, 31 or
- * fewer; the number ends before the first character that is no such digit. */
+ * fewer; the number ends before the first character that is no such digit. `form` is that of a
+ * dump. */
 template <class Record, class Member>
 struct zutr_hex_key {
-    using record_type = Record;
     using member_type = Member;
-    const char *name;
+    const char *key;
     Member Record::*member;
+    zutr_form form;
     size_t limit;
     const char *label;    /* of the key, in the message about an invalid text */
     Member expected = {}; /* 0: any number */
 };
 template <class Record, class Member>
-zutr_hex_key(const char *, Member Record::*, size_t, const char *) -> zutr_hex_key<Record, Member>;
-template <class Record, class Member>
-zutr_hex_key(const char *, Member Record::*, size_t, const char *, Member)
+zutr_hex_key(const char *, Member Record::*, zutr_form, size_t, const char *, Member = {})
     -> zutr_hex_key<Record, Member>;
 
 /* Reads the keys of JSON objects on behalf of the parser `func`, whose name its messages carry:
@@ -129,28 +126,28 @@ public:
     {
         Member &member = record->*key.member;
         if constexpr (!std::is_array_v<Member>) {
-            if (const cJSON *node = number(key.name, key.need)) {
+            if (const cJSON *node = number(key.key, key.need)) {
                 member = static_cast<Member>(key.convert(zutr_json_number(node)));
-                accepted(key.name, static_cast<uint64_t>(member));
+                accepted(key.key, static_cast<uint64_t>(member));
                 if constexpr (std::is_same_v<Member, uint32_t>) {
                     member = key.swapped ? __builtin_bswap32(member) : member;
                 }
             }
         } else if constexpr (std::is_same_v<std::remove_extent_t<Member>, char>) {
-            text(key.name, member, sizeof(member));
+            text(key.key, member, sizeof(member));
         } else {
             static_assert(sizeof(Member) == 16);
-            uuid(key.name, member);
+            uuid(key.key, member);
         }
     }
 
     template <class Record, class Member, class Target>
     void read(const zutr_bits_key<Record, Member> &key, Target *record)
     {
-        if (const cJSON *node = number(key.name, key.need)) {
+        if (const cJSON *node = number(key.key, key.need)) {
             Member &member = record->*key.member;
             member = static_cast<Member>(key.bits.put(member, zutr_to_u64(zutr_json_number(node))));
-            accepted(key.name, key.bits.get(member));
+            accepted(key.key, key.bits.get(member));
         }
     }
 
@@ -158,7 +155,7 @@ public:
     void read(const zutr_hex_key<Record, Member> &key, Target *record)
     {
         record->*key.member =
-            static_cast<Member>(hex_text(key.name, key.limit, key.label, uint64_t{key.expected}));
+            static_cast<Member>(hex_text(key.key, key.limit, key.label, uint64_t{key.expected}));
     }
 
     /* Reads the keys in the order of the table. */

@@ -135,6 +135,10 @@ private:
 
     void put(TemplateJson &file, const tier_column &column, const void *record)
     {
+        if (column.form == zutr_form::hex_and_time) { /* the file has the number alone */
+            file.value(column.key, number_text(zutr_form::hex, column_number(column, record)));
+            return;
+        }
         if (column.type != tier_column_type::text) {
             file.value(column.key, column_text(column, record));
             return;

@@ -162,9 +162,8 @@ constexpr tier_table TIER_EXTENT_TABLE_V1 = tier_extent_table(
 int32_t zutr_dump_extent_v1(zutr_params_t *params)
 {
     tier_assert_super_v1(params);
-    const tier_super_block_v1_t &sb = tier_super_v1(params->sb);
-    const int32_t ret = check_extent_size(__func__, sb);
-    return ret != 0 ? ret : zutr_dump_table(params, "te_no", tier_extents(sb), __dump_extent_v1);
+    const int32_t ret = check_extent_size(__func__, tier_super_v1(params->sb));
+    return ret != 0 ? ret : tier_dump_table(params, TIER_EXTENT_TABLE_V1, __dump_extent_v1);
 }
 
 int32_t zutr_repair_extent_v1(zutr_params_t *params)

@@ -6,26 +6,26 @@ namespace {
 
 using super_v1 = tier_super_block_v1_t;
 
-constexpr auto FIELDS =
-    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v1>,
-                   std::tuple{zutr_field{"sb_reserved", &super_v1::sb_reserved}});
+constexpr auto KEYS = tier_super_keys<super_v1>(TIER_SB_VERSION_V1);
 
-constexpr auto KEYS = tier_super_head_keys<super_v1>(TIER_SB_VERSION_V1);
+constexpr auto FIELDS =
+    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v1>, KEYS,
+                   std::tuple{zutr_field{"sb_reserved", &super_v1::sb_reserved}});
 
 constexpr tier_rule RULES[] = {
     TIER_SUPER_SIZE_RULE<super_v1>,
     TIER_BRICKS_RULE<super_v1>,
     TIER_INODES_RULE<super_v1>,
     TIER_BLOCK_SIZE_RULE<super_v1>,
-    {{"bad_extent_size"},
-     [](const void *sb) { return tier_extent_size_holds(tier_super_v1(sb)); },
-     [](const char *func, const void *sb) {
-         zutr_error(func, "extent size(%u) is invalid. expect size:[%lu-4096]",
-                    tier_super_v1(sb).sb_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
-     },
-     [](const void *sb, const tier_kind &kind, tier_findings &to) {
-         tier_explain_extent_size(kind, to, tier_super_v1(sb));
-     }},
+    tier_make_rule<super_v1>(
+        {"bad_extent_size"}, [](const super_v1 &sb) { return tier_extent_size_holds(sb); },
+        [](const char *func, const super_v1 &sb) {
+            zutr_error(func, "extent size(%u) is invalid. expect size:[%lu-4096]",
+                       sb.sb_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
+        },
+        [](const super_v1 &sb, const tier_kind &kind, tier_findings &to) {
+            tier_explain_extent_size(sb, kind, to);
+        }),
     TIER_EXTENTS_RULE<super_v1>,
     TIER_DATA_OFFSET_RULE<super_v1>,
     TIER_SSD_UUID_RULE<super_v1, &super_v1::sb_ssd_uuid>,

@@ -312,9 +312,8 @@ constexpr tier_table TIER_EXTENT_TABLE_V2 = extent_table();
 int32_t zutr_dump_extent_v2(zutr_params_t *params)
 {
     tier_assert_super_v2(params);
-    const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
-    const int32_t ret = check_extent_sizes(__func__, sb);
-    return ret != 0 ? ret : zutr_dump_table(params, "te_no", tier_extents(sb), __dump_extent_v2);
+    const int32_t ret = check_extent_sizes(__func__, tier_super_v2(params->sb));
+    return ret != 0 ? ret : tier_dump_table(params, TIER_EXTENT_TABLE_V2, __dump_extent_v2);
 }
 
 int32_t zutr_repair_extent_v2(zutr_params_t *params)

@@ -10,12 +10,6 @@
 
 namespace {
 
-constexpr auto FIELDS =
-    std::tuple_cat(TIER_INODE_HEAD_FIELDS, std::tuple{
-                                               zutr_field{"new_data", &tier_inode_v2_t::new_data},
-                                               zutr_field{"blocks", &tier_inode_v2_t::i_blocks},
-                                           });
-
 constexpr auto IN_USE_KEYS = std::tuple_cat(
     TIER_INODE_IN_USE_KEYS,
     std::tuple{
@@ -27,7 +21,7 @@ uint32_t crc_inode_v2(void *inode, uint32_t length) { return tier_crc(inode, len
 
 void __print_inode_v2(void *inode, const void * /*sb*/, int64_t offset, FILE *fp)
 {
-    tier_print_inode<FIELDS>(inode, offset, fp);
+    tier_print_inode<TIER_INODE_FIELDS>(inode, offset, fp);
 }
 
 void log_bad_inode(const char *func, const tier_inode_t &inode, int32_t no, uint32_t crc)
@@ -48,7 +42,8 @@ int32_t dump_exp_inodes(zutr_params_t *params, uint32_t count)
 {
     const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
     params->base_no = static_cast<int32_t>(sb.sb_inode_cnt);
-    return zutr_dump_table(params, "no", {tier_exp_inodes_v2(sb).start, count}, __dump_inode_v2);
+    return zutr_dump_common(params, TIER_INODE_TABLE_V2.number_key, tier_exp_inodes_v2(sb).start,
+                            static_cast<int32_t>(count), __dump_inode_v2);
 }
 
 /* Both tables as the members of one object. */
@@ -56,7 +51,7 @@ int32_t dump_all_inodes(zutr_params_t *params)
 {
     const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
     zutr_write(params->out_fp, "{ \"inode\":");
-    int32_t ret = zutr_dump_table(params, "no", tier_inodes(sb), __dump_inode_v2);
+    int32_t ret = tier_dump_table(params, TIER_INODE_TABLE_V2, __dump_inode_v2);
     if (ret == 0 && sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2) {
         zutr_write(params->out_fp, ", \"exp_inode\":");
         zutr_assert(params->base_no == 0, "params->base_no == 0");
@@ -128,7 +123,8 @@ tier_regions regions(const void *p)
 constexpr tier_table inode_table()
 {
     tier_table table = tier_inode_table(
-        TIER_INODE_MAGIC_V2, regions, crc_inode_v2, [] { return tier_make_columns(FIELDS); },
+        TIER_INODE_MAGIC_V2, regions, crc_inode_v2,
+        [] { return tier_make_columns(TIER_INODE_FIELDS); },
         [] { return tier_make_columns(std::tuple_cat(TIER_INODE_KEYS, IN_USE_KEYS)); },
         {parse_inode_from_json_v2, __print_inode_v2});
     table.bounds = [](const void *p) {
@@ -196,7 +192,7 @@ int32_t zutr_dump_inode_v2(zutr_params_t *params)
         return dump_all_inodes(params);
     }
     if (static_cast<uint32_t>(params->meta_no) < sb.sb_inode_cnt) {
-        return zutr_dump_table(params, "no", tier_inodes(sb), __dump_inode_v2);
+        return tier_dump_table(params, TIER_INODE_TABLE_V2, __dump_inode_v2);
     }
     if (sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2) {
         return dump_exp_inodes(params, tier_inode_sum_v2(sb));

@@ -6,7 +6,7 @@
 #include "zu_tier/layout/v2/v2.h"
 
 #include <cerrno>
-#include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -14,23 +14,8 @@ using super_v2 = tier_super_block_v2_t;
 
 uint64_t exp_inode_cnt(const void *sb) { return tier_exp_cnt_v2(tier_super_v2(sb)); }
 
-constexpr auto FIELDS =
-    std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v2>,
-                   std::tuple{
-                       zutr_field{"exp_inode_magic", &super_v2::sb_inode_exp_magic, zutr_form::hex},
-                       zutr_computed<super_v2>{"exp_inode_cnt", exp_inode_cnt},
-                       zutr_field{"exp_inode_inuse", &super_v2::sb_inode_exp_inuse, zutr_form::hex},
-                       zutr_field{"sb_inode_exp_area", &super_v2::sb_inode_exp_area},
-                       zutr_field{"min_alloc_size", &super_v2::sb_min_alloc_size},
-                       zutr_field{"total_map_size", &super_v2::sb_total_map_size},
-                       zutr_field{"map_cnt", &super_v2::sb_map_cnt},
-                       zutr_field{"size_mapped_meta", &super_v2::sb_size_mapped_meta},
-                       zutr_field{"hot_size", &super_v2::sb_hot_size},
-                       zutr_field{"total_extent_size", &super_v2::sb_total_extent_size},
-                   });
-
 /* A file of any version is read; the command decides which is allowed. */
-constexpr auto KEYS = tier_super_head_keys<super_v2>(0);
+constexpr auto KEYS = tier_super_keys<super_v2>(0);
 
 /* Read from a description of a V2 super block, computed for an older one. */
 constexpr auto MAP_KEYS = std::tuple{
@@ -40,6 +25,14 @@ constexpr auto MAP_KEYS = std::tuple{
     zutr_key{"size_mapped_meta", &super_v2::sb_size_mapped_meta, zutr_to_s64},
     zutr_key{"hot_size", &super_v2::sb_hot_size, zutr_to_s64},
 };
+
+constexpr auto FIELDS = std::tuple_cat(
+    TIER_SUPER_HEAD_FIELDS<super_v2>, KEYS,
+    std::tuple{zutr_field{"exp_inode_magic", &super_v2::sb_inode_exp_magic, zutr_form::hex},
+               zutr_computed<super_v2>{"exp_inode_cnt", exp_inode_cnt},
+               zutr_field{"exp_inode_inuse", &super_v2::sb_inode_exp_inuse, zutr_form::hex},
+               zutr_field{"sb_inode_exp_area", &super_v2::sb_inode_exp_area}},
+    MAP_KEYS, std::tuple{zutr_field{"total_extent_size", &super_v2::sb_total_extent_size}});
 
 /* The expansion area as a repair file gives it: not as it is stored. */
 struct exp_config {
@@ -54,112 +47,105 @@ constexpr zutr_key EXP_INUSE_KEY = {"exp_inode_inuse", &exp_config::inuse};
 
 /* The fields of the dump that a repair file repeats as shown. */
 constexpr auto EXP_FIELDS = std::tuple{
-    zutr_computed<super_v2>{EXP_CNT_KEY.name, exp_inode_cnt},
-    zutr_field{EXP_MAGIC_KEY.name, &super_v2::sb_inode_exp_magic, zutr_form::hex},
-    zutr_field{EXP_INUSE_KEY.name, &super_v2::sb_inode_exp_inuse, zutr_form::hex},
+    zutr_computed<super_v2>{EXP_CNT_KEY.key, exp_inode_cnt},
+    zutr_field{EXP_MAGIC_KEY.key, &super_v2::sb_inode_exp_magic, zutr_form::hex},
+    zutr_field{EXP_INUSE_KEY.key, &super_v2::sb_inode_exp_inuse, zutr_form::hex},
 };
+
+/* The bytes of all parts of an extent. */
+uint64_t parts_length(const super_v2 &sb)
+{
+    return uint64_t{sb.sb_extent_size} + sb.sb_total_map_size + sb.sb_hot_size;
+}
 
 constexpr tier_rule RULES[] = {
     TIER_SUPER_SIZE_RULE<super_v2>,
     TIER_BRICKS_RULE<super_v2>,
     TIER_INODES_RULE<super_v2>,
     TIER_BLOCK_SIZE_RULE<super_v2>,
-    {{"bad_extent_size"},
-     [](const void *p) {
-         const super_v2 &sb = tier_super_v2(p);
-         return tier_extent_size_holds(sb) && sb.sb_total_extent_size <= TIER_EXTENT_SIZE_MAX;
-     },
-     [](const char *func, const void *p) {
-         const super_v2 &sb = tier_super_v2(p);
-         zutr_error(func,
-                    "extent size(%u) is invalid. totoal extent_size:%u, expect size:[%lu-4096]",
-                    sb.sb_extent_size, sb.sb_total_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
-     },
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         const super_v2 &sb = tier_super_v2(p);
-         if (!tier_extent_size_holds(sb)) {
-             tier_explain_extent_size(kind, to, sb);
-         }
-         if (sb.sb_total_extent_size > TIER_EXTENT_SIZE_MAX) {
-             to.add(kind, "extents have %u bytes in all, expected up to %u",
-                    sb.sb_total_extent_size, TIER_EXTENT_SIZE_MAX);
-         }
-     }},
+    tier_make_rule<super_v2>(
+        {"bad_extent_size"},
+        [](const super_v2 &sb) {
+            return tier_extent_size_holds(sb) && sb.sb_total_extent_size <= TIER_EXTENT_SIZE_MAX;
+        },
+        [](const char *func, const super_v2 &sb) {
+            zutr_error(func,
+                       "extent size(%u) is invalid. totoal extent_size:%u, expect size:[%lu-4096]",
+                       sb.sb_extent_size, sb.sb_total_extent_size, uint64_t{TIER_EXTENT_SIZE_MIN});
+        },
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            if (!tier_extent_size_holds(sb)) {
+                tier_explain_extent_size(sb, kind, to);
+            }
+            if (sb.sb_total_extent_size > TIER_EXTENT_SIZE_MAX) {
+                to.add(kind, "extents have %u bytes in all, expected up to %u",
+                       sb.sb_total_extent_size, TIER_EXTENT_SIZE_MAX);
+            }
+        }),
     TIER_EXTENTS_RULE<super_v2>,
-    {{"bad_min_alloc_size"},
-     [](const void *p) {
-         return tier_super_v2(p).sb_min_alloc_size <= tier_super_v2(p).sb_block_size;
-     },
-     [](const char *func, const void *p) {
-         zutr_error(func, "min_alloc_size(%u) is invalid. block_size:%u",
-                    tier_super_v2(p).sb_min_alloc_size, tier_super_v2(p).sb_block_size);
-     },
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "mapped pieces are for %u bytes, expected up to the %u of a block",
-                tier_super_v2(p).sb_min_alloc_size, tier_super_v2(p).sb_block_size);
-     }},
-    {{"bad_map"},
-     [](const void *p) {
-         const super_v2 &sb = tier_super_v2(p);
-         return sb.sb_map_cnt <= EXTENT_HOT_LEN &&
-                sb.sb_total_map_size == uint64_t{sb.sb_size_mapped_meta} * sb.sb_map_cnt;
-     },
-     [](const char *func, const void *p) {
-         const super_v2 &sb = tier_super_v2(p);
-         zutr_error(func, "map params is invalid. map_cnt:%u, map_size:%u, total_map_size:%u",
-                    sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size);
-     },
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         const super_v2 &sb = tier_super_v2(p);
-         to.add(kind,
-                "an extent has %u mapped pieces of %u bytes in %u bytes, expected up to %u "
-                "pieces and the product",
-                sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size, EXTENT_HOT_LEN);
-     }},
+    tier_make_rule<super_v2>(
+        {"bad_min_alloc_size"},
+        [](const super_v2 &sb) { return sb.sb_min_alloc_size <= sb.sb_block_size; },
+        [](const char *func, const super_v2 &sb) {
+            zutr_error(func, "min_alloc_size(%u) is invalid. block_size:%u", sb.sb_min_alloc_size,
+                       sb.sb_block_size);
+        },
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind, "mapped pieces are for %u bytes, expected up to the %u of a block",
+                   sb.sb_min_alloc_size, sb.sb_block_size);
+        }),
+    tier_make_rule<super_v2>(
+        {"bad_map"},
+        [](const super_v2 &sb) {
+            return sb.sb_map_cnt <= EXTENT_HOT_LEN &&
+                   sb.sb_total_map_size == uint64_t{sb.sb_size_mapped_meta} * sb.sb_map_cnt;
+        },
+        [](const char *func, const super_v2 &sb) {
+            zutr_error(func, "map params is invalid. map_cnt:%u, map_size:%u, total_map_size:%u",
+                       sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size);
+        },
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind,
+                   "an extent has %u mapped pieces of %u bytes in %u bytes, expected up to %u "
+                   "pieces and the product",
+                   sb.sb_map_cnt, sb.sb_size_mapped_meta, sb.sb_total_map_size, EXTENT_HOT_LEN);
+        }),
     TIER_DATA_OFFSET_RULE<super_v2>,
     TIER_SSD_UUID_RULE<super_v2, &super_v2::sb_ssd_uuid>,
 
     /* Rules that the tool does not test. */
-    {{"odd_extent_length", tier_severity::warning},
-     [](const void *p) {
-         const super_v2 &sb = tier_super_v2(p);
-         return sb.sb_total_extent_size ==
-                uint64_t{sb.sb_extent_size} + sb.sb_total_map_size + sb.sb_hot_size;
-     },
-     nullptr,
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         const super_v2 &sb = tier_super_v2(p);
-         to.add(kind, "extents have %u bytes in all, but their parts have %lu",
-                sb.sb_total_extent_size,
-                uint64_t{sb.sb_extent_size} + sb.sb_total_map_size + sb.sb_hot_size);
-     }},
-    {{"odd_piece_size", tier_severity::warning},
-     [](const void *p) {
-         return tier_super_v2(p).sb_size_mapped_meta == sizeof(tier_mapped_meta_v2_t);
-     },
-     nullptr,
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "mapped pieces have %u bytes, not %zu: they are not checked",
-                tier_super_v2(p).sb_size_mapped_meta, sizeof(tier_mapped_meta_v2_t));
-     }},
-    {{"odd_expansion", tier_severity::warning},
-     [](const void *p) {
-         const super_v2 &sb = tier_super_v2(p);
-         const bool none = sb.sb_inode_exp_magic == 0;
-         return none ? sb.sb_inode_exp_area == 0 && sb.sb_inode_exp_inuse == 0
-                     : sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2 &&
-                           (sb.sb_inode_exp_inuse == 0 ||
-                            sb.sb_inode_exp_inuse == TIER_EXP_INUSE_V2);
-     },
-     nullptr,
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         const super_v2 &sb = tier_super_v2(p);
-         to.add(kind,
-                "the expansion inode area has magic 0x%x, size %u and use 0x%x, expected 0x%x, a "
-                "size and 0x%x or 0, or three zeros",
-                sb.sb_inode_exp_magic, sb.sb_inode_exp_area, sb.sb_inode_exp_inuse,
-                TIER_EXP_MAGIC_V2, TIER_EXP_INUSE_V2);
-     }},
+    tier_make_rule<super_v2>(
+        {"odd_extent_length", tier_severity::warning},
+        [](const super_v2 &sb) { return sb.sb_total_extent_size == parts_length(sb); }, nullptr,
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind, "extents have %u bytes in all, but their parts have %lu",
+                   sb.sb_total_extent_size, parts_length(sb));
+        }),
+    tier_make_rule<super_v2>(
+        {"odd_piece_size", tier_severity::warning},
+        [](const super_v2 &sb) { return sb.sb_size_mapped_meta == sizeof(tier_mapped_meta_v2_t); },
+        nullptr,
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind, "mapped pieces have %u bytes, not %zu: they are not checked",
+                   sb.sb_size_mapped_meta, sizeof(tier_mapped_meta_v2_t));
+        }),
+    tier_make_rule<super_v2>(
+        {"odd_expansion", tier_severity::warning},
+        [](const super_v2 &sb) {
+            const bool none = sb.sb_inode_exp_magic == 0;
+            return none ? sb.sb_inode_exp_area == 0 && sb.sb_inode_exp_inuse == 0
+                        : sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2 &&
+                              (sb.sb_inode_exp_inuse == 0 ||
+                               sb.sb_inode_exp_inuse == TIER_EXP_INUSE_V2);
+        },
+        nullptr,
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind,
+                   "the expansion inode area has magic 0x%x, size %u and use 0x%x, expected 0x%x, "
+                   "a size and 0x%x or 0, or three zeros",
+                   sb.sb_inode_exp_magic, sb.sb_inode_exp_area, sb.sb_inode_exp_inuse,
+                   TIER_EXP_MAGIC_V2, TIER_EXP_INUSE_V2);
+        }),
 };
 
 uint32_t crc_super_v2(void *sb, uint32_t length)
@@ -181,11 +167,6 @@ int32_t __check_sb_params_v2(const void *new_sb)
     return tier_check_rules(__func__, RULES, new_sb);
 }
 
-bool begins_with(const char *text, const char *beginning)
-{
-    return strncmp(text, beginning, strlen(beginning)) == 0;
-}
-
 int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cfg, super_v2 *sb)
 {
     /* GCOVR_EXCL_START: the parser has them all */
@@ -203,7 +184,7 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
     if (in.failed()) {
         return -EINVAL;
     }
-    if (!begins_with(config.magic, "0x4558")) {
+    if (!std::string_view(config.magic).starts_with("0x4558")) {
         sb->sb_inode_exp_area = 0;
         sb->sb_inode_exp_magic = 0;
         sb->sb_inode_exp_inuse = 0;
@@ -215,7 +196,8 @@ int32_t __repair_super_exp_inode(const zutr_params_t *params, const cJSON *sb_cf
         return -EINVAL;
     }
     in.read(EXP_INUSE_KEY, &config);
-    sb->sb_inode_exp_inuse = begins_with(config.inuse, "0x53") ? TIER_EXP_INUSE_V2 : 0;
+    sb->sb_inode_exp_inuse =
+        std::string_view(config.inuse).starts_with("0x53") ? TIER_EXP_INUSE_V2 : 0;
     sb->sb_inode_exp_area = static_cast<uint8_t>(config.cnt / TIER_EXP_UNIT_V2);
     sb->sb_inode_exp_magic = TIER_EXP_MAGIC_V2;
     return in.failed() ? -EINVAL : 0;

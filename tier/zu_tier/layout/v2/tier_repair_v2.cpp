@@ -1,4 +1,3 @@
-#include "zu_tier/driver/dump.h"
 #include "zu_tier/layout/brick.h"
 #include "zu_tier/layout/extent.h"
 #include "zu_tier/layout/restore.h"
@@ -31,15 +30,13 @@ int32_t __dump_brick_v2(int32_t no, void *meta, const char *delim, zutr_params_t
 int32_t zutr_dump_brick_v2(zutr_params_t *params)
 {
     tier_assert_super_v2(params);
-    return zutr_dump_table(params, "bi_no", tier_bricks(tier_super_v2(params->sb)),
-                           __dump_brick_v2);
+    return tier_dump_table(params, BRICK_TABLE, __dump_brick_v2);
 }
 
 int64_t parse_brick_from_json_v2(zutr_params_t *params, const cJSON *brick_cfg, void *m)
 {
     zutr_assert_parse(params, brick_cfg, m, "params && params->sb && brick_cfg && brick");
-    return tier_parse_brick({__func__, brick_cfg}, BRICK_TABLE, zutr_need::optional, params->sb,
-                            static_cast<tier_brick_info_v2_t *>(m));
+    return tier_parse_brick({__func__, brick_cfg}, BRICK_TABLE, zutr_need::optional, params->sb, m);
 }
 
 int32_t zutr_repair_brick_v2(zutr_params_t *params)

@@ -39,7 +39,7 @@ constexpr auto KEYS = std::tuple{
 
 constexpr tier_packed_table_v3 PACKED = {
     .entries = "extents",
-    .number = NUMBER_KEY.name,
+    .number = NUMBER_KEY.key,
     .item = "extent",
     .first_word = 0,
     .magic = std::nullopt,
@@ -157,8 +157,7 @@ constexpr tier_table TIER_EXTENT_TABLE_V3 = {
 int32_t zutr_dump_extent_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "extent_no", tier_extents_v3(tier_super_v3(params->sb)),
-                           __dump_extent_v3);
+    return tier_dump_table(params, TIER_EXTENT_TABLE_V3, __dump_extent_v3);
 }
 
 int32_t zutr_repair_extent_v3(zutr_params_t *params)

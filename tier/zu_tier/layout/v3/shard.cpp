@@ -28,7 +28,7 @@ constexpr auto KEYS = std::tuple{
 
 constexpr tier_packed_table_v3 PACKED = {
     .entries = "shards",
-    .number = NUMBER_KEY.name,
+    .number = NUMBER_KEY.key,
     .item = "shards",
     .first_word = 1,
     .magic = TIER_SHARD_MAGIC_V3,
@@ -115,8 +115,7 @@ constexpr tier_table TIER_SHARD_TABLE_V3 = {
 int32_t zutr_dump_shard_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "shard_no", tier_shards_v3(tier_super_v3(params->sb)),
-                           __dump_shard_v3);
+    return tier_dump_table(params, TIER_SHARD_TABLE_V3, __dump_shard_v3);
 }
 
 int32_t zutr_repair_shard_v3(zutr_params_t *params)

@@ -8,38 +8,6 @@ namespace {
 
 using super_v3 = tier_super_block_v3_t;
 
-constexpr auto FIELDS = std::tuple{
-    zutr_field{"checksum", &super_v3::sb_checksum, zutr_form::hex},
-    zutr_field{"magic", &super_v3::sb_magic, zutr_form::hex},
-    zutr_field{"sb_offset", &super_v3::sb_sb_offset},
-    zutr_field{"super block size", &super_v3::sb_sb_size},
-    zutr_field{"reserved_offset", &super_v3::sb_reserved_offset},
-    zutr_field{"reserved_size", &super_v3::sb_reserved_size},
-    zutr_field{"ctime", &super_v3::sb_ctime, zutr_form::hex_and_time},
-    zutr_field{"uuid", &super_v3::sb_uuid},
-    zutr_field{"ssd_uuid", &super_v3::sb_cdev_uuid},
-    zutr_field{"version", &super_v3::sb_version, zutr_form::hex},
-    zutr_field{"reserved", &super_v3::sb_reserved},
-    zutr_field{"brick_table_offset", &super_v3::sb_brick_table_offset},
-    zutr_field{"brick_table_size", &super_v3::sb_brick_table_size},
-    zutr_field{"brick_cnt", &super_v3::sb_brick_table_cnt},
-    zutr_field{"inode_table_offset", &super_v3::sb_inode_table_offset},
-    zutr_field{"inode_table_size", &super_v3::sb_inode_table_size},
-    zutr_field{"inode_cnt", &super_v3::sb_inode_table_cnt},
-    zutr_field{"shard_table_offset", &super_v3::sb_shard_table_offset},
-    zutr_field{"shard_table_size", &super_v3::sb_shard_table_size},
-    zutr_field{"shard_table_cnt", &super_v3::sb_shard_table_cnt},
-    zutr_field{"extent_table_offset", &super_v3::sb_extent_table_offset},
-    zutr_field{"extent_table_size", &super_v3::sb_extent_table_size},
-    zutr_field{"extent_table_cnt", &super_v3::sb_extent_table_cnt},
-    zutr_field{"hot_table_offset", &super_v3::sb_hot_table_offset},
-    zutr_field{"hot_table_size", &super_v3::sb_hot_table_size},
-    zutr_field{"data_offset", &super_v3::sb_block_area_offset},
-    zutr_field{"data_table_size", &super_v3::sb_block_area_size},
-    zutr_field{"block_size", &super_v3::sb_block_size},
-    zutr_field{"block_cnt", &super_v3::sb_block_cnt},
-};
-
 constexpr auto KEYS = std::tuple{
     zutr_key{"sb_offset", &super_v3::sb_sb_offset, zutr_to_u64},
     zutr_key{"super block size", &super_v3::sb_sb_size, zutr_to_u64},
@@ -70,131 +38,130 @@ constexpr auto KEYS = std::tuple{
     zutr_key{"block_cnt", &super_v3::sb_block_cnt, zutr_to_u64},
 };
 
+constexpr auto FIELDS = std::tuple_cat(TIER_SUPER_HEAD_FIELDS<super_v3>, KEYS);
+
 /* The limits that tie the size of a table to its count. */
 struct table_limits {
+    std::string_view kind; /* of the finding */
     const char *name;
     const char *size_name; /* in the message, which reuses one */
     uint64_t super_v3::*count;
     uint64_t super_v3::*size;
     uint32_t count_max;
     uint32_t entry_size;
-    bool may_be_larger;
+    bool may_be_larger = false;
 };
 
-constexpr table_limits BRICKS = {"brick",
+constexpr table_limits BRICKS = {"bad_brick_table",
+                                 "brick",
                                  "brick_table_size",
                                  &super_v3::sb_brick_table_cnt,
                                  &super_v3::sb_brick_table_size,
                                  TIER_BRICK_CNT_MAX_V3,
                                  SIZE_4K,
                                  true};
-constexpr table_limits INODES = {"inode",
+constexpr table_limits INODES = {"bad_inode_table",
+                                 "inode",
                                  "itable_size",
                                  &super_v3::sb_inode_table_cnt,
                                  &super_v3::sb_inode_table_size,
                                  TIER_INODE_CNT_MAX_V3,
-                                 SIZE_4K,
-                                 false};
-constexpr table_limits SHARDS = {"shard",
+                                 SIZE_4K};
+constexpr table_limits SHARDS = {"bad_shard_table",
+                                 "shard",
                                  "itable_size",
                                  &super_v3::sb_shard_table_cnt,
                                  &super_v3::sb_shard_table_size,
                                  TIER_SHARD_CNT_MAX_V3,
-                                 TIER_PACKED_SIZE_V3,
-                                 false};
-constexpr table_limits EXTENTS = {"extent",
+                                 TIER_PACKED_SIZE_V3};
+constexpr table_limits EXTENTS = {"bad_extent_table",
+                                  "extent",
                                   "itable_size",
                                   &super_v3::sb_extent_table_cnt,
                                   &super_v3::sb_extent_table_size,
                                   TIER_EXTENT_CNT_MAX_V3,
-                                  TIER_PACKED_SIZE_V3,
-                                  false};
+                                  TIER_PACKED_SIZE_V3};
 
 template <const table_limits &Limits>
-constexpr tier_rule table_rule(std::string_view kind)
-{
-    return {{kind},
-            [](const void *p) {
-                const super_v3 &sb = tier_super_v3(p);
-                const uint64_t count = sb.*Limits.count;
-                const uint64_t needed = count * Limits.entry_size;
-                return count >= 1 && count <= Limits.count_max &&
-                       (sb.*Limits.size == needed ||
-                        (Limits.may_be_larger && sb.*Limits.size > needed));
-            },
-            [](const char *func, const void *p) {
-                const super_v3 &sb = tier_super_v3(p);
-                zutr_error(func, "%s params is invalid. %s_cnt:%lu, %s:%lu, expect %s_cnt:[%u-%u]",
-                           Limits.name, Limits.name, sb.*Limits.count, Limits.size_name,
-                           sb.*Limits.size, Limits.name, 1U, Limits.count_max);
-            },
-            [](const void *p, const tier_kind &of, tier_findings &to) {
-                const super_v3 &sb = tier_super_v3(p);
-                tier_explain_table(of, to, sb.*Limits.count, Limits.count_max, sb.*Limits.size,
-                                   Limits.may_be_larger ? "at least " : "",
-                                   sb.*Limits.count * Limits.entry_size);
-            }};
-}
+constexpr tier_rule TABLE_RULE = tier_make_rule<super_v3>(
+    {Limits.kind},
+    [](const super_v3 &sb) {
+        const uint64_t count = sb.*Limits.count;
+        const uint64_t needed = count * Limits.entry_size;
+        return count >= 1 && count <= Limits.count_max &&
+               (sb.*Limits.size == needed || (Limits.may_be_larger && sb.*Limits.size > needed));
+    },
+    [](const char *func, const super_v3 &sb) {
+        zutr_error(func, "%s params is invalid. %s_cnt:%lu, %s:%lu, expect %s_cnt:[%u-%u]",
+                   Limits.name, Limits.name, sb.*Limits.count, Limits.size_name, sb.*Limits.size,
+                   Limits.name, 1U, Limits.count_max);
+    },
+    [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+        tier_explain_table(kind, to, sb.*Limits.count, Limits.count_max, sb.*Limits.size,
+                           Limits.may_be_larger ? "at least " : "",
+                           sb.*Limits.count * Limits.entry_size);
+    });
 
 constexpr tier_rule RULES[] = {
-    {{"bad_super_block_size"},
-     [](const void *sb) { return tier_super_v3(sb).sb_sb_size == TIER_SB_AREA_SIZE_V3; },
-     [](const char *func, const void *sb) {
-         zutr_error(func, "sb size is invalid. expect:%u, real:%lu", TIER_SB_AREA_SIZE_V3,
-                    tier_super_v3(sb).sb_sb_size);
-     },
-     [](const void *sb, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "the super block area has %lu bytes, expected %u",
-                tier_super_v3(sb).sb_sb_size, TIER_SB_AREA_SIZE_V3);
-     }},
-    {{"bad_block_size"},
-     [](const void *sb) {
-         const uint64_t size = tier_super_v3(sb).sb_block_size;
-         return size >= TIER_BLOCK_SIZE_MIN_V3 && size <= TIER_BLOCK_SIZE_MAX_V3 &&
-                size % SIZE_4K == 0;
-     },
-     [](const char *func, const void *sb) {
-         zutr_error(
-             func, "block size(%lu) is invalid. expect block_size:[%u-%u] and must 4k aligned",
-             tier_super_v3(sb).sb_block_size, TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3);
-     },
-     [](const void *sb, const tier_kind &kind, tier_findings &to) {
-         tier_explain_block_size(kind, to, tier_super_v3(sb).sb_block_size, TIER_BLOCK_SIZE_MIN_V3,
-                                 TIER_BLOCK_SIZE_MAX_V3);
-     }},
-    table_rule<BRICKS>("bad_brick_table"),
-    table_rule<INODES>("bad_inode_table"),
-    table_rule<SHARDS>("bad_shard_table"),
-    table_rule<EXTENTS>("bad_extent_table"),
-    {{"bad_data_area"},
-     [](const void *p) {
-         const super_v3 &sb = tier_super_v3(p);
-         return sb.sb_block_area_size == sb.sb_block_size * sb.sb_block_cnt;
-     },
-     [](const char *func, const void *p) {
-         zutr_error(func, "data params is invalid. sb_block_size:%lu, sb_block_cnt:%lu",
-                    tier_super_v3(p).sb_block_size, tier_super_v3(p).sb_block_cnt);
-     },
-     [](const void *p, const tier_kind &kind, tier_findings &to) {
-         const super_v3 &sb = tier_super_v3(p);
-         to.add(kind, "the data area has %lu bytes, expected %lu blocks of %lu",
-                sb.sb_block_area_size, sb.sb_block_cnt, sb.sb_block_size);
-     }},
+    tier_make_rule<super_v3>(
+        {"bad_super_block_size"},
+        [](const super_v3 &sb) { return sb.sb_sb_size == TIER_SB_AREA_SIZE_V3; },
+        [](const char *func, const super_v3 &sb) {
+            zutr_error(func, "sb size is invalid. expect:%u, real:%lu", TIER_SB_AREA_SIZE_V3,
+                       sb.sb_sb_size);
+        },
+        [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind, "the super block area has %lu bytes, expected %u", sb.sb_sb_size,
+                   TIER_SB_AREA_SIZE_V3);
+        }),
+    tier_make_rule<super_v3>(
+        {"bad_block_size"},
+        [](const super_v3 &sb) {
+            return sb.sb_block_size >= TIER_BLOCK_SIZE_MIN_V3 &&
+                   sb.sb_block_size <= TIER_BLOCK_SIZE_MAX_V3 && sb.sb_block_size % SIZE_4K == 0;
+        },
+        [](const char *func, const super_v3 &sb) {
+            zutr_error(func,
+                       "block size(%lu) is invalid. expect block_size:[%u-%u] and must 4k aligned",
+                       sb.sb_block_size, TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3);
+        },
+        [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+            tier_explain_block_size(kind, to, sb.sb_block_size, TIER_BLOCK_SIZE_MIN_V3,
+                                    TIER_BLOCK_SIZE_MAX_V3);
+        }),
+    TABLE_RULE<BRICKS>,
+    TABLE_RULE<INODES>,
+    TABLE_RULE<SHARDS>,
+    TABLE_RULE<EXTENTS>,
+    tier_make_rule<super_v3>(
+        {"bad_data_area"},
+        [](const super_v3 &sb) {
+            return sb.sb_block_area_size == sb.sb_block_size * sb.sb_block_cnt;
+        },
+        [](const char *func, const super_v3 &sb) {
+            zutr_error(func, "data params is invalid. sb_block_size:%lu, sb_block_cnt:%lu",
+                       sb.sb_block_size, sb.sb_block_cnt);
+        },
+        [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind, "the data area has %lu bytes, expected %lu blocks of %lu",
+                   sb.sb_block_area_size, sb.sb_block_cnt, sb.sb_block_size);
+        }),
     TIER_SSD_UUID_RULE<super_v3, &super_v3::sb_cdev_uuid>,
 
     /* Rules that the tool does not test. For a repair, a table from the shards on ends where the
      * next one begins. */
-    {{"areas_out_of_order"},
-     [](const void *p) {
-         const super_v3 &sb = tier_super_v3(p);
-         return sb.sb_shard_table_offset <= sb.sb_hot_table_offset &&
-                sb.sb_hot_table_offset <= sb.sb_extent_table_offset &&
-                sb.sb_extent_table_offset <= sb.sb_block_area_offset;
-     },
-     nullptr,
-     [](const void *, const tier_kind &kind, tier_findings &to) {
-         to.add(kind, "shard table, hot table, extent table and data area are not in this order");
-     }},
+    tier_make_rule<super_v3>(
+        {"areas_out_of_order"},
+        [](const super_v3 &sb) {
+            return sb.sb_shard_table_offset <= sb.sb_hot_table_offset &&
+                   sb.sb_hot_table_offset <= sb.sb_extent_table_offset &&
+                   sb.sb_extent_table_offset <= sb.sb_block_area_offset;
+        },
+        nullptr,
+        [](const super_v3 &, const tier_kind &kind, tier_findings &to) {
+            to.add(kind,
+                   "shard table, hot table, extent table and data area are not in this order");
+        }),
 };
 
 uint32_t crc_super_v3(void *sb, uint32_t length)

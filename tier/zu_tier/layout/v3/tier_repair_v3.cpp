@@ -1,5 +1,4 @@
 #include "common/zutr_assert.h"
-#include "zu_tier/driver/dump.h"
 #include "zu_tier/layout/brick.h"
 #include "zu_tier/layout/inode.h"
 #include "zu_tier/layout/v3/packed.h"
@@ -38,15 +37,13 @@ int32_t __dump_brick_v3(int32_t no, void *meta, const char *delim, zutr_params_t
 int32_t zutr_dump_brick_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "bi_no", tier_bricks_v3(tier_super_v3(params->sb)),
-                           __dump_brick_v3);
+    return tier_dump_table(params, BRICK_TABLE, __dump_brick_v3);
 }
 
 int64_t parse_brick_from_json_v3(zutr_params_t *params, const cJSON *brick_cfg, void *m)
 {
     zutr_assert_parse(params, brick_cfg, m, "params && params->sb && brick_cfg && brick");
-    return tier_parse_brick({__func__, brick_cfg}, BRICK_TABLE, zutr_need::required, params->sb,
-                            static_cast<tier_brick_info_v3_t *>(m));
+    return tier_parse_brick({__func__, brick_cfg}, BRICK_TABLE, zutr_need::required, params->sb, m);
 }
 
 int32_t zutr_repair_brick_v3(zutr_params_t *params)
@@ -60,12 +57,6 @@ constexpr tier_table BRICK_TABLE =
                      crc_brick_v3, {parse_brick_from_json_v3, __print_brick_v3});
 
 /* Inode table */
-
-constexpr auto INODE_FIELDS =
-    std::tuple_cat(TIER_INODE_HEAD_FIELDS, std::tuple{
-                                               zutr_field{"new_data", &tier_inode_v3_t::new_data},
-                                               zutr_field{"blocks", &tier_inode_v3_t::i_blocks},
-                                           });
 
 constexpr auto INODE_KEYS = std::tuple{
     zutr_key{"i_no", &tier_inode_v3_t::i_signed_no, zutr_to_s64},
@@ -101,7 +92,7 @@ uint32_t crc_inode_v3(void *inode, uint32_t length)
 
 void __print_inode_v3(void *inode, const void * /*sb*/, int64_t offset, FILE *fp)
 {
-    tier_print_inode<INODE_FIELDS>(inode, offset, fp);
+    tier_print_inode<TIER_INODE_FIELDS>(inode, offset, fp);
 }
 
 int32_t __dump_inode_v3(int32_t no, void *meta, const char *delim, zutr_params_t *params)
@@ -113,8 +104,7 @@ int32_t __dump_inode_v3(int32_t no, void *meta, const char *delim, zutr_params_t
 int32_t zutr_dump_inode_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "no", tier_inodes_v3(tier_super_v3(params->sb)),
-                           __dump_inode_v3);
+    return tier_dump_table(params, INODE_TABLE, __dump_inode_v3);
 }
 
 int64_t parse_inode_from_json_v3(zutr_params_t *params, const cJSON *inode_cfg, void *m)
@@ -145,7 +135,7 @@ int32_t zutr_repair_inode_v3(zutr_params_t *params)
 constexpr tier_table INODE_TABLE = tier_inode_table(
     TIER_INODE_MAGIC_V3,
     [](const void *sb) { return tier_regions{tier_inodes_v3(tier_super_v3(sb))}; }, crc_inode_v3,
-    [] { return tier_make_columns(INODE_FIELDS); },
+    [] { return tier_make_columns(TIER_INODE_FIELDS); },
     [] {
         return tier_make_columns(
             std::tuple_cat(INODE_KEYS, INODE_IN_USE_KEYS, std::tuple{INODE_BLOCKS_KEY}));
@@ -172,7 +162,7 @@ int32_t __dump_hot_v3(int32_t no, void *meta, const char *delim, zutr_params_t *
 int32_t zutr_dump_hot_table_v3(zutr_params_t *params)
 {
     tier_assert_super_v3(params);
-    return zutr_dump_table(params, "hot_no", tier_hot_v3(tier_super_v3(params->sb)), __dump_hot_v3);
+    return tier_dump_table(params, HOT_TABLE, __dump_hot_v3);
 }
 
 /* Leaves the block as it is, zeroed: a hot block is repaired by clearing it. */
