@@ -113,12 +113,12 @@ constexpr tier_bits SHARD_INDEX_V3 = {"index", 32, 32}; /* position within the i
 static_assert((SHARD_INO_V3.mask() ^ SHARD_IN_USE_V3.mask() ^ SHARD_RESERVED_V3.mask() ^
                SHARD_INDEX_V3.mask()) == ~uint64_t{0});
 
-/* Extent: cache space. The checksum of a block is the CRC-32 of all its bytes, computed with the
- * checksum bits of the extents 0..31 zero; its bit i is that of extent i. In the other extents the
- * checksum bit is zero, and counted as it is stored. */
+/* Extent: cache space. The checksum of a block is the CRC-32 of its 4096 bytes, taken while the
+ * lowest bits of its words 0..31 are zero. Bit i of it is stored as the lowest bit of word i. The
+ * lowest bits of the other words are part of what it covers; a repair leaves them zero. */
 constexpr uint32_t TIER_EXTENT_CRC_BITS_V3 = 32;
 
-constexpr tier_bits EXTENT_CHECKSUM_V3 = {"checksum", 0, 1}; /* one bit of the block's checksum */
+constexpr tier_bits EXTENT_CHECKSUM_V3 = {"checksum", 0, 1}; /* a bit of the block's checksum */
 constexpr tier_bits EXTENT_LBA_V3 = {"lba", 1, 19};          /* logical block address */
 constexpr tier_bits EXTENT_SHARD_V3 = {"shard", 20, 19};     /* number of the owning shard */
 constexpr tier_bits EXTENT_DIRTY_V3 = {"dirty", 39, 1};      /* not yet written back */
