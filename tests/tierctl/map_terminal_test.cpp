@@ -243,6 +243,19 @@ TEST_P(MapPicture, Ages)
               std::string::npos)
         << picture;
     EXPECT_NE(picture.find("\n  older        1 ██\n"), std::string::npos);
+    EXPECT_EQ(picture.find("left out"), std::string::npos);
+
+    inodes[1].atime = 0xFFFFFFFFFFFFFFFF;
+    const Device odd = make_v1_device(super_v1(1, 9, 1), {brick_used(0)}, inodes);
+    const std::string other = map_of_width(odd.path(), 120);
+    EXPECT_NE(other.find("\n   hour        7 ████████████████\n    day        0\n"),
+              std::string::npos)
+        << other;
+    EXPECT_NE(other.find("\n  older        1 ██▎\n1 left out: more than a year later than all "
+                         "others, up to " +
+                         time_text(0xFFFFFFFFFFFFFFFF) + '\n'),
+              std::string::npos)
+        << other;
 }
 
 TEST_P(MapPicture, ACleanDevice)

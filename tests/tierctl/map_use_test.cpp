@@ -6,9 +6,35 @@ using namespace tier_test;
 
 namespace {
 
-constexpr char AGES[] = "Inodes by the time from their last access to the newest one";
+constexpr char AGES[] = "inode ages: time from the last access to the newest one";
 
-class MapUse : public MapTest {};
+constexpr std::uint64_t HOUR = 3600 * std::uint64_t{1'000'000'000};
+constexpr std::uint64_t DAY = 24 * HOUR;
+constexpr std::uint64_t YEAR = 365 * DAY;
+constexpr std::uint64_t NEWEST = 1'700'000'000'000'000'000;
+
+using Texts = std::vector<std::string>;
+
+class MapUse : public MapTest {
+protected:
+    // The counts beside the ages of inodes with these times of access, and what stands below them.
+    std::pair<Texts, Texts> ages_of(const std::vector<std::uint64_t> &accesses) const
+    {
+        std::vector<InodeV1> inodes;
+        for (const std::uint64_t access : accesses) {
+            inodes.push_back(inode_used(static_cast<std::uint32_t>(inodes.size()), 0));
+            inodes.back().atime = access;
+        }
+        const auto count = static_cast<std::uint32_t>(inodes.size());
+        const Device device = make_v1_device(super_v1(1, count, 1), {brick_used(0)}, inodes);
+        const pugi::xml_document page = page_of(device);
+        Texts counts;
+        for (const auto &row : rows_of(page, AGES))
+            counts.push_back(row.at(1));
+        const std::string notes = std::string("//section[h2='") + AGES + "']/p";
+        return {counts, texts_of(page, notes.c_str())};
+    }
+};
 
 TEST_F(MapUse, UseByBrick)
 {
@@ -60,26 +86,20 @@ TEST_F(MapUse, UseByBrickThroughShards)
     const Device device =
         make_v3_device(super_v3(2, 3), {brick_v3_used(0), brick_v3_used(1)},
                        {inode_v3_used(0, 1), inode_v3_used(1, 0)}, {{0, shards}}, {{0, extents}});
-    const Rows rows = rows_of(page_of(device), "Use by brick");
-    ASSERT_EQ(rows.size(), 3U);
-    for (const auto &[row, name, count] :
-         {std::tuple{0, "0", "2"}, std::tuple{1, "other", "2"}, std::tuple{2, "1", "1"}}) {
-        EXPECT_EQ(rows.at(static_cast<std::size_t>(row)).at(0), name);
-        EXPECT_EQ(rows.at(static_cast<std::size_t>(row)).at(3), count);
-    }
+    const std::string size = "15.0 EiB"; // 0xF000... bytes
+    EXPECT_EQ(rows_of(page_of(device), "Use by brick"),
+              (Rows{{"0", "1", size, "1", "2", "", brick_v3_used(0).brickid},
+                    {"other", "0", "0", "1", "2", "", "not known"},
+                    {"1", "1", size, "1", "1", "", brick_v3_used(1).brickid}}));
 }
 
 TEST_F(MapUse, AgesAreMeasuredFromTheNewestAccess)
 {
-    constexpr std::uint64_t HOUR = 3600 * std::uint64_t{1'000'000'000};
-    constexpr std::uint64_t DAY = 24 * HOUR;
-    const std::uint64_t newest = 1'700'000'000'000'000'000;
     std::vector<InodeV1> inodes;
-    for (const std::uint64_t age :
-         {std::uint64_t{0}, HOUR, HOUR + 1, DAY, DAY + 1, DAY + 2, 7 * DAY + 1, 30 * DAY, 40 * DAY,
-          365 * DAY, 365 * DAY + 1, newest}) {
+    for (const std::uint64_t age : {std::uint64_t{0}, HOUR, HOUR + 1, DAY, DAY + 1, DAY + 2,
+                                    7 * DAY + 1, 30 * DAY, 40 * DAY, YEAR, YEAR + 1, NEWEST}) {
         inodes.push_back(inode_used(static_cast<std::uint32_t>(inodes.size()), 0));
-        inodes.back().atime = newest - age;
+        inodes.back().atime = NEWEST - age;
     }
     const Device device = make_v1_device(super_v1(1, 20, 1), {brick_used(0)}, inodes);
     EXPECT_EQ(rows_of(page_of(device), AGES), (Rows{{"hour", "2", ""},
@@ -88,6 +108,47 @@ TEST_F(MapUse, AgesAreMeasuredFromTheNewestAccess)
                                                     {"month", "2", ""},
                                                     {"year", "2", ""},
                                                     {"older", "2", ""}}));
+}
+
+TEST_F(MapUse, OneOddStampDoesNotAgeTheOthers)
+{
+    const auto left_out = [](std::uint64_t count, std::uint64_t latest) {
+        return Texts{text("%lu left out: more than a year later than all others, up to %s", count,
+                          time_text(latest).c_str())};
+    };
+    const std::vector<std::uint64_t> sound{NEWEST, NEWEST - HOUR, NEWEST - DAY, NEWEST - 8 * DAY};
+    const auto with = [&sound](const std::vector<std::uint64_t> &odd) {
+        std::vector<std::uint64_t> all = sound;
+        all.insert(all.begin() + 1, odd.begin(), odd.end());
+        return all;
+    };
+    EXPECT_EQ(ages_of(sound), (std::pair{Texts{"2", "1", "0", "1", "0", "0"}, Texts{}}));
+    for (const std::uint64_t odd : {~std::uint64_t{0}, std::uint64_t{1} << 63, NEWEST + YEAR + 1})
+        EXPECT_EQ(ages_of(with({odd})),
+                  (std::pair{Texts{"2", "1", "0", "1", "0", "0"}, left_out(1, odd)}));
+    EXPECT_EQ(ages_of(with({0})), (std::pair{Texts{"2", "1", "0", "1", "0", "1"}, Texts{}}));
+    // It may be as it seems: exactly a year, two of six, one of two.
+    EXPECT_EQ(ages_of(with({NEWEST + YEAR})),
+              (std::pair{Texts{"1", "0", "0", "0", "1", "3"}, Texts{}}));
+    EXPECT_EQ(ages_of(with({NEWEST + 2 * YEAR, NEWEST + 2 * YEAR})),
+              (std::pair{Texts{"2", "0", "0", "0", "0", "4"}, Texts{}}));
+    EXPECT_EQ(ages_of({NEWEST, NEWEST + 2 * YEAR}),
+              (std::pair{Texts{"1", "0", "0", "0", "0", "1"}, Texts{}}));
+    EXPECT_EQ(ages_of({NEWEST, NEWEST, NEWEST + 2 * YEAR}),
+              (std::pair{Texts{"2", "0", "0", "0", "0", "0"}, left_out(1, NEWEST + 2 * YEAR)}));
+}
+
+TEST_F(MapUse, OneInAHundredStampsMayBeOdd)
+{
+    std::vector<std::uint64_t> accesses(197, NEWEST);
+    accesses.insert(accesses.end(), {NEWEST + 2 * YEAR, NEWEST + 9 * YEAR, NEWEST});
+    const auto [counts, notes] = ages_of(accesses);
+    EXPECT_EQ(counts, (Texts{"198", "0", "0", "0", "0", "0"}));
+    EXPECT_EQ(notes.size(), 1U);
+    EXPECT_TRUE(notes.at(0).starts_with("2 left out")) << notes.at(0);
+    accesses.pop_back(); // of 199 only one may
+    accesses[198] = accesses[197];
+    EXPECT_EQ(ages_of(accesses).first, (Texts{"2", "0", "0", "0", "0", "197"}));
 }
 
 TEST_F(MapUse, NothingInUse)

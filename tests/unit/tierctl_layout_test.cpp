@@ -187,9 +187,9 @@ TEST_F(FourthLayout, Map)
     EXPECT_EQ(map.created, time_text(DEPOT.made));
     EXPECT_EQ(tables_of(map), "super: 1 in use; shelf: 2 in use, 1 free, 1 damaged, 3 findings; "
                               "box: 3 in use, 1019 free; ");
-    ASSERT_EQ(map.bricks.size(), 2U); // those that boxes stand on, by their labels
-    EXPECT_EQ(map.bricks[0].path, "by the door");
-    EXPECT_EQ(map.bricks[0].inodes, 2U);
+    ASSERT_EQ(map.use.owners.size(), 2U); // those that boxes stand on, by their labels
+    EXPECT_EQ(map.use.owners[0].path, "by the door");
+    EXPECT_EQ(map.use.owners[0].entries, std::vector<std::uint64_t>{2});
 
     const std::string drawn = tierctl::draw_terminal(map, 80, false);
     const std::string page = tierctl::draw_page(map);
@@ -197,6 +197,12 @@ TEST_F(FourthLayout, Map)
         EXPECT_NE(drawn.find(word), std::string::npos) << word;
         EXPECT_NE(page.find(word), std::string::npos) << word;
     }
+    // It has neither bricks, inodes, extents nor files, nor times of access.
+    for (const std::string word : {"brick", "inode", "extent", "bytes", "access"}) {
+        EXPECT_EQ(drawn.find(word), std::string::npos) << drawn;
+        EXPECT_EQ(page.substr(page.find("<body>")).find(word), std::string::npos) << page;
+    }
+    EXPECT_NE(drawn.find("\n  shelf      box\n      0        2 █"), std::string::npos) << drawn;
 }
 
 TEST_F(FourthLayout, Templates)

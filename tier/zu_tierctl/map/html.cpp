@@ -139,43 +139,69 @@ std::string bar_cell(uint64_t part, uint64_t whole)
                        static_cast<double>(part) / static_cast<double>(whole) * 100);
 }
 
-/* A table under a heading; `columns` is its first row. */
-std::string list_html(const char *heading, const char *columns, const std::string &rows)
+/* A table under a heading; `columns` is its first row, `note` stands below it. */
+std::string list_html(std::string_view heading, std::string_view columns, const std::string &rows,
+                      std::string_view note = {})
 {
     return fmt::format(
         "<section>\n<h2>{}</h2>\n<div class=\"wide\"><table>\n"
-        "<thead><tr>{}</tr></thead>\n<tbody>\n{}</tbody>\n</table></div>\n</section>\n",
-        heading, columns, rows);
+        "<thead><tr>{}</tr></thead>\n<tbody>\n{}</tbody>\n</table></div>\n{}</section>\n",
+        heading, columns, rows, note.empty() ? "" : element("p", note) + '\n');
 }
 
-std::string bricks_html(const Map &map)
+std::string number_head(std::string_view name)
 {
-    std::string rows;
-    for (const MapBrick &brick : map.bricks) {
-        rows += "<tr>" + number_cell(brick.name) + number_cell(brick.inodes) +
-                fmt::format(R"(<td class="n" title="{} bytes">{}</td>)", brick.bytes,
-                            bytes_text(brick.bytes)) +
-                number_cell(brick.extents) + bar_cell(brick.extents, map.bricks.front().extents) +
-                fmt::format("<td class=\"path\">{}</td></tr>\n", escaped(brick.path));
+    return fmt::format(R"(<th class="n">{}</th>)", name);
+}
+
+std::string owner_html(const MapUse &use, const MapOwner &owner)
+{
+    std::string html = number_cell(owner.name);
+    for (size_t i = 0; i < use.users.size(); i++) {
+        html += number_cell(owner.entries[i]);
+        if (i == 0 && use.has_sizes) {
+            html += fmt::format(R"(<td class="n" title="{} bytes">{}</td>)", owner.bytes,
+                                bytes_text(owner.bytes));
+        }
     }
-    return rows.empty() ? ""
-                        : list_html("Use by brick",
-                                    "<th class=\"n\">brick</th><th class=\"n\">inodes</th>"
-                                    "<th class=\"n\">bytes of files</th>"
-                                    "<th class=\"n\">extents</th><th></th><th>path</th>",
-                                    rows);
+    return html + bar_cell(owner.entries.back(), use.owners.front().entries.back()) +
+           fmt::format(R"(<td class="path">{}</td>)", escaped(owner.path));
+}
+
+std::string use_html(const MapUse &use)
+{
+    if (use.users.empty() || use.owners.empty()) {
+        return "";
+    }
+    std::string heads = number_head(use.owner);
+    for (size_t i = 0; i < use.users.size(); i++) {
+        heads += number_head(use.users[i]);
+        if (i == 0 && use.has_sizes) {
+            heads += number_head("bytes of files");
+        }
+    }
+    heads += element("th", "") + element("th", escaped(use.text_key));
+    std::string rows;
+    for (const MapOwner &owner : use.owners) {
+        rows += element("tr", owner_html(use, owner)) + '\n';
+    }
+    return list_html(fmt::format("Use by {}", use.owner), heads, rows);
 }
 
 std::string ages_html(const Map &map)
 {
-    const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::inodes).inodes;
+    if (map.aged.empty()) {
+        return "";
+    }
+    const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::entries).entries;
     std::string rows;
     for (const MapAge &age : map.ages) {
-        rows += fmt::format("<tr><td>{}</td>{}{}</tr>\n", age.name, number_cell(age.inodes),
-                            bar_cell(age.inodes, most));
+        rows += fmt::format("<tr><td>{}</td>{}{}</tr>\n", age.name, number_cell(age.entries),
+                            bar_cell(age.entries, most));
     }
-    return list_html("Inodes by the time from their last access to the newest one",
-                     "<th>within</th><th class=\"n\">inodes</th><th></th>", rows);
+    return list_html(ages_heading(map),
+                     element("th", "within") + number_head(map.aged) + element("th", ""), rows,
+                     odd_text(map));
 }
 
 std::string findings_html(const Map &map)
@@ -205,7 +231,7 @@ std::string draw_page(const Map &map)
     for (const MapTable &table : map.tables) {
         sections += table_html(table);
     }
-    sections += bricks_html(map) + ages_html(map) + findings_html(map);
+    sections += use_html(map.use) + ages_html(map) + findings_html(map);
     return fmt::format(PAGE, escaped(shown_text(map.device)), MAP_STYLE, facts_of(map), LEGEND,
                        sections, MAP_SCRIPT);
 }

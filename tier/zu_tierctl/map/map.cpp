@@ -12,6 +12,7 @@
 #include <fmt/core.h>
 #include <limits>
 #include <map>
+#include <ranges>
 #include <utility>
 
 namespace tierctl {
@@ -27,25 +28,43 @@ constexpr MapAge AGES[] = {
     {"month", 30 * DAY}, {"year", 365 * DAY}, {"older", ANY},
 };
 
-/* No layout has more bricks; references to other numbers are counted together. */
-constexpr size_t BRICKS = 300;
-constexpr uint16_t OTHER_BRICK = uint16_t{BRICKS};
+/* Some accesses, at most one in so many but always one of three or more, are odd when they come so
+ * much later than all others: without a rule one wrong clock would make everything else old. */
+constexpr size_t ENTRIES_AN_ODD = 100;
+constexpr uint64_t ODD_AFTER = 365 * DAY;
 
-/* For each entry of a table the brick that uses it. */
-class BrickNumbers {
+/* How many of the accesses, the earliest first, are not odd. */
+size_t count_plausible(const std::vector<uint64_t> &accesses)
+{
+    const size_t count = accesses.size();
+    const size_t odd_max = count < 3 ? 0 : std::max<size_t>(1, count / ENTRIES_AN_ODD);
+    for (size_t i = count - odd_max; i < count; i++) {
+        if (accesses[i] - accesses[i - 1] > ODD_AFTER) {
+            return i;
+        }
+    }
+    return count;
+}
+
+/* No layout has more bricks; references to other numbers are counted together. */
+constexpr size_t OWNERS = 300;
+constexpr uint16_t OTHER_OWNER = uint16_t{OWNERS};
+
+/* For each entry of a table the owner that uses it. */
+class OwnerNumbers {
 public:
-    void set(uint64_t no, uint16_t brick)
+    void set(uint64_t no, uint16_t owner)
     {
         if (no >= States::ENTRIES_MAX) { /* GCOVR_EXCL_BR_LINE: 64 GiB of entries */
             return;                      /* GCOVR_EXCL_LINE */
         }
         if (no >= numbers_.size()) {
-            numbers_.resize(no + 1, OTHER_BRICK);
+            numbers_.resize(no + 1, OTHER_OWNER);
         }
-        numbers_[no] = brick;
+        numbers_[no] = owner;
     }
 
-    uint16_t get(uint64_t no) const { return no < numbers_.size() ? numbers_[no] : OTHER_BRICK; }
+    uint16_t get(uint64_t no) const { return no < numbers_.size() ? numbers_[no] : OTHER_OWNER; }
 
 private:
     std::vector<uint16_t> numbers_;
@@ -57,10 +76,10 @@ public:
     TableBuilder(Map &map, const tier_layout &layout, const CellsMax &cells_max)
         : map_(map), layout_(layout), cells_max_(cells_max)
     {
-        for (size_t no = 0; no < BRICKS; no++) {
-            bricks_.push_back({fmt::format("{}", no), "not in use, or damaged"});
+        for (size_t no = 0; no < OWNERS; no++) {
+            owners_.push_back({fmt::format("{}", no), "not in use, or damaged"});
         }
-        bricks_.push_back({"other", "not known"});
+        owners_.push_back({"other", "not known"});
     }
 
     void begin_table(const Table &table) override;
@@ -81,35 +100,44 @@ private:
         (table().counts.*count)++;
     }
 
-    void add_brick(uint64_t no, const uint8_t *entry);
-    void add_file(const uint8_t *entry, MapBrick &brick);
+    void begin_use();
+    void add_owner(uint64_t no, const uint8_t *entry);
+    void add_file(const uint8_t *entry, MapOwner &owner);
 
     Map &map_;
     const tier_layout &layout_;
     const CellsMax &cells_max_;
-    std::vector<MapBrick> bricks_;                     /* by number */
-    std::map<std::string_view, BrickNumbers> numbers_; /* by table */
-    const BrickNumbers *owners_ = nullptr;             /* of the table that this one refers to */
-    BrickNumbers *own_ = nullptr;                      /* of this table */
-    const Table *table_read_ = nullptr;                /* this table */
-    const tier_table *row_ = nullptr;                  /* and its row */
-    const tier_table *bricks_row_ = nullptr;           /* it refers to none; others refer to it */
-    tier_columns columns_;                             /* of this table */
-    bool is_owner_ = false;                            /* whether other tables refer to this one */
+    std::vector<MapOwner> owners_;                     /* by number */
+    std::map<std::string_view, OwnerNumbers> numbers_; /* by table */
     std::vector<uint64_t> accesses_;
+
+    /* Of the table that is read. */
+    const Table *table_read_ = nullptr;
+    const tier_table *row_ = nullptr;
+    const OwnerNumbers *used_ = nullptr; /* of the table that it refers to */
+    OwnerNumbers *own_ = nullptr;        /* of its own entries, if others refer to them */
+    bool is_owner_ = false;              /* whether its entries are the owners of all others */
+    bool is_user_ = false;               /* whether they belong to the last of `use.users` */
+    bool is_file_ = false;               /* whether they refer to an owner themselves */
+    const tier_column *path_ = nullptr;  /* columns, null: there is none */
+    const tier_column *size_ = nullptr;
+    const tier_column *access_ = nullptr;
+    tier_columns columns_;
 };
+
+/* The first column that is as described; null when there is none. */
+template <class Is>
+const tier_column *find_column(const tier_columns &columns, const Is &is)
+{
+    const auto column = std::ranges::find_if(columns, is);
+    return column != columns.end() ? &*column : nullptr;
+}
 
 void TableBuilder::begin_table(const Table &table_read)
 {
     table_read_ = &table_read;
     row_ = table_read.row;
-    owners_ = &numbers_[row_->owner.table];
-    own_ = &numbers_[row_->name];
-    columns_ = row_->fields != nullptr ? row_->fields() : tier_columns{};
-    is_owner_ = is_referred_to(layout_, *row_);
-    if (row_->owner.table.empty() && is_owner_) {
-        bricks_row_ = row_;
-    }
+    begin_use();
     const uint64_t entries = table_read.entries();
     map_.tables.push_back({row_->name, 1, {.entries = entries}});
     if (entries == 0) {
@@ -124,6 +152,38 @@ void TableBuilder::begin_table(const Table &table_read)
         first += count;
         left -= count;
     }
+}
+
+void TableBuilder::begin_use()
+{
+    MapUse &use = map_.use;
+    const bool is_referred = is_referred_to(layout_, *row_);
+    const std::string_view refers_to = row_->owner.table;
+    is_owner_ = use.owner.empty() && refers_to.empty() && is_referred;
+    is_file_ = !refers_to.empty() && refers_to == use.owner;
+    is_user_ = is_file_ || std::ranges::find(use.users, refers_to) != use.users.end();
+    if (is_user_) {
+        use.users.push_back(row_->name);
+        for (MapOwner &owner : owners_) {
+            owner.entries.push_back(0);
+        }
+    }
+    used_ = &numbers_[refers_to];
+    own_ = is_referred ? &numbers_[row_->name] : nullptr;
+    columns_ = row_->fields != nullptr ? row_->fields() : tier_columns{};
+    const auto has_key = [](std::string_view key) {
+        return [key](const tier_column &column) { return column.key == key; };
+    };
+    path_ = find_column(
+        columns_, [](const tier_column &column) { return column.type == tier_column_type::text; });
+    if (is_owner_) {
+        use.owner = row_->name;
+        use.text_key = path_ != nullptr ? path_->key : "";
+    }
+    size_ = is_file_ ? find_column(columns_, has_key("size")) : nullptr;
+    access_ = is_file_ ? find_column(columns_, has_key("atime")) : nullptr;
+    use.has_sizes = use.has_sizes || size_ != nullptr;
+    map_.aged = access_ != nullptr ? row_->name : map_.aged;
 }
 
 void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count)
@@ -143,74 +203,77 @@ void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts
 void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry)
 {
     add(no, &Counts::in_use);
-    if (row_ == bricks_row_) {
-        add_brick(no, entry);
-        return;
-    }
-    if (row_->owner.table.empty()) {
-        return;
-    }
-    const uint64_t owner = row_->owner.no.get(entry);
-    uint16_t brick = owners_->get(owner);
-    if (bricks_row_ != nullptr && row_->owner.table == bricks_row_->name) {
-        /* A brick that is not in use counts as well. */
-        brick = static_cast<uint16_t>(std::min<uint64_t>(owner, OTHER_BRICK));
-        add_file(entry, bricks_[brick]);
-    }
     if (is_owner_) {
-        own_->set(no, brick);
-    } else {
-        bricks_[brick].extents++;
+        add_owner(no, entry);
+    }
+    if (!is_user_) {
+        return;
+    }
+    const uint64_t refers_to = row_->owner.no.get(entry);
+    /* An owner that is not in use counts as well. */
+    const uint16_t owner = is_file_
+                               ? static_cast<uint16_t>(std::min<uint64_t>(refers_to, OTHER_OWNER))
+                               : used_->get(refers_to);
+    owners_[owner].entries.back()++;
+    if (is_file_) {
+        add_file(entry, owners_[owner]);
+    }
+    if (own_ != nullptr) {
+        own_->set(no, owner);
     }
 }
 
-void TableBuilder::add_brick(uint64_t no, const uint8_t *entry)
+void TableBuilder::add_owner(uint64_t no, const uint8_t *entry)
 {
-    if (no >= BRICKS) {
+    if (no >= OWNERS) {
         return;
     }
     own_->set(no, static_cast<uint16_t>(no));
-    bricks_[no].in_use = true;
-    const auto path = std::ranges::find(columns_, tier_column_type::text, &tier_column::type);
-    if (path != columns_.end()) {
-        const auto *text = reinterpret_cast<const char *>(entry) + path->at;
-        bricks_[no].path = shown_text(std::string(zutr_bounded(text, path->size)));
+    owners_[no].in_use = true;
+    if (path_ != nullptr) {
+        const auto *text = reinterpret_cast<const char *>(entry) + path_->at;
+        owners_[no].path = shown_text(std::string(zutr_bounded(text, path_->size)));
     }
 }
 
-void TableBuilder::add_file(const uint8_t *entry, MapBrick &brick)
+void TableBuilder::add_file(const uint8_t *entry, MapOwner &owner)
 {
-    brick.inodes++;
-    for (const tier_column &column : columns_) {
-        if (column.key == "size") {
-            brick.bytes += std::min(column_number(column, entry), ANY - brick.bytes);
-        } else if (column.key == "atime" && accesses_.size() < States::ENTRIES_MAX) {
-            accesses_.push_back(column_number(column, entry));
-        }
+    if (size_ != nullptr) {
+        owner.bytes += std::min(column_number(*size_, entry), ANY - owner.bytes);
+    }
+    if (access_ != nullptr && accesses_.size() < States::ENTRIES_MAX) {
+        accesses_.push_back(column_number(*access_, entry));
     }
 }
 
 void TableBuilder::finish()
 {
-    for (MapBrick &brick : bricks_) {
-        if (brick.in_use || brick.inodes != 0 || brick.extents != 0) {
-            map_.bricks.push_back(std::move(brick));
+    for (MapOwner &owner : owners_) {
+        const auto is_used = [](uint64_t entries) { return entries != 0; };
+        if (owner.in_use || std::ranges::any_of(owner.entries, is_used)) {
+            map_.use.owners.push_back(std::move(owner));
         }
     }
-    std::ranges::stable_sort(map_.bricks, std::ranges::greater{}, [](const auto &brick) {
-        return std::pair(brick.extents, brick.inodes);
+    std::ranges::stable_sort(map_.use.owners, [](const MapOwner &a, const MapOwner &b) {
+        return std::ranges::lexicographical_compare(b.entries | std::views::reverse,
+                                                    a.entries | std::views::reverse);
     });
     map_.ages.assign(std::begin(AGES), std::end(AGES));
     if (accesses_.empty()) {
         return;
     }
-    const uint64_t newest = *std::ranges::max_element(accesses_);
+    std::ranges::sort(accesses_);
+    const size_t plausible = count_plausible(accesses_);
+    map_.odd = accesses_.size() - plausible;
+    map_.odd_access = time_text(accesses_.back());
+    accesses_.resize(plausible);
+    const uint64_t newest = accesses_.back();
     map_.accessed = time_text(newest);
     for (const uint64_t access : accesses_) {
         const uint64_t age = newest - access;
         std::ranges::find_if(map_.ages, [age](const auto &known) {
             return age <= known.end;
-        })->inodes++;
+        })->entries++;
     }
 }
 
@@ -303,6 +366,19 @@ std::string bytes_text(uint64_t bytes)
     const size_t power = (std::bit_width(bytes) - 1) / 10; /* of 1024 */
     const double unit = std::ldexp(1.0, static_cast<int>(10 * power));
     return fmt::format("{:.1f} {}", static_cast<double>(bytes) / unit, UNITS[power - 1]);
+}
+
+std::string ages_heading(const Map &map)
+{
+    return fmt::format("{} ages: time from the last access to the newest one", map.aged);
+}
+
+std::string odd_text(const Map &map)
+{
+    return map.odd == 0
+               ? ""
+               : fmt::format("{} left out: more than a year later than all others, up to {}",
+                             map.odd, map.odd_access);
 }
 
 std::string counts_text(const Counts &counts, uint64_t findings)

@@ -39,21 +39,31 @@ struct MapTable {
     std::vector<MapCell> cells{};
 };
 
-/* What a brick uses. */
-struct MapBrick {
+/* What an entry that the others belong to, such as a brick, uses. */
+struct MapOwner {
     std::string name; /* its number, or "other" */
     std::string path; /* printable; or why there is none */
     bool in_use = false;
-    uint64_t inodes = 0;
-    uint64_t bytes = 0; /* sum of the sizes of these files, at most 2^64 - 1 */
-    uint64_t extents = 0;
+    std::vector<uint64_t> entries{}; /* for each of the tables that belong to it */
+    uint64_t bytes = 0;              /* sum of the sizes of its files, at most 2^64 - 1 */
 };
 
-/* Inodes in use by the time from their last access to the newest one of the device. */
+/* Whose entries use what: all names are those of tables. */
+struct MapUse {
+    std::string_view owner; /* "brick"; empty: the layout has none */
+    std::vector<std::string_view>
+        users;              /* "inode", "extent": they refer to it, or to one another */
+    bool has_sizes = false; /* whether the first has the sizes of files */
+    std::string text_key;   /* of what MapOwner has as its path */
+    std::vector<MapOwner>
+        owners{}; /* in use, or referred to; most entries of the last user first */
+};
+
+/* Entries in use by the time from their last access to the newest one of the device. */
 struct MapAge {
     std::string_view name;
     uint64_t end; /* the longest such time, in nanoseconds */
-    uint64_t inodes = 0;
+    uint64_t entries = 0;
 };
 
 struct MapFinding {
@@ -70,10 +80,13 @@ struct Map {
     std::string_view layout;
     std::string identity;
     std::string created;
-    std::string accessed; /* time of the newest access; empty when no inode is in use */
+    std::string accessed; /* time of the newest access; empty when there is none */
     std::vector<MapTable> tables;
-    std::vector<MapBrick> bricks; /* in use, or referred to by an inode; most extents first */
+    MapUse use;
+    std::string_view aged; /* table of the entries whose ages are shown; empty: there is none */
     std::vector<MapAge> ages;
+    uint64_t odd = 0;       /* accesses left out of the ages: so much later than all others */
+    std::string odd_access; /* that they cannot be right; time of the latest of them */
     std::vector<MapFinding> findings; /* the first FINDINGS_MAX */
     uint64_t findings_count = 0;
 };
@@ -89,6 +102,12 @@ std::string bytes_text(uint64_t bytes);
 
 /* "30 in use, 19 free, 1 damaged, 2 findings", without zeros; "nothing" when all are 0. */
 std::string counts_text(const Counts &counts, uint64_t findings);
+
+/* "inode ages: time from the last access to the newest one" */
+std::string ages_heading(const Map &map);
+
+/* What the ages leave out, as a sentence; empty: nothing. */
+std::string odd_text(const Map &map);
 
 /* The map as text, in lines of at most `width` characters, 1 or more. */
 std::string draw_terminal(const Map &map, size_t width, bool colours);

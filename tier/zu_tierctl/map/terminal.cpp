@@ -9,16 +9,15 @@ namespace tierctl {
 
 namespace {
 
-constexpr size_t ROWS_MAX = 12; /* of a table's grid, and of bricks */
+constexpr size_t ROWS_MAX = 12; /* of a table's grid, and of owners */
 constexpr size_t BAR_WIDTH = 16;
 constexpr size_t PATH_MIN = 12; /* fewer characters of a path would say nothing */
 
-/* Widths of the columns about bricks and ages, where a line has room for all of them. */
+/* Widths of the columns about owners and ages, where a line has room for all of them. */
 constexpr size_t NAME_WIDTH = 7;
-constexpr size_t INODES_WIDTH = 9;
+constexpr size_t COUNT_WIDTH = 9; /* of entries of the first table; of any other: */
+constexpr size_t MORE_WIDTH = 11;
 constexpr size_t BYTES_WIDTH = 12;
-constexpr size_t EXTENTS_WIDTH = 11;
-constexpr size_t COLUMNS_WIDTH = NAME_WIDTH + INODES_WIDTH + BYTES_WIDTH + EXTENTS_WIDTH;
 
 using TextStyle = const char *; /* parameters of its escape sequence */
 
@@ -120,10 +119,11 @@ public:
         add_words(style, text);
     }
 
-    /* Aligned to the right of a column where that fits, otherwise as words. */
-    void add_column(TextStyle style, const std::string &text, size_t width)
+    /* Aligned to the right of one of the columns, which take `all` characters, where they fit;
+     * otherwise as words. */
+    void add_column(TextStyle style, const std::string &text, size_t width, size_t all)
     {
-        if (width_ < COLUMNS_WIDTH || text.size() >= width) {
+        if (width_ < all || text.size() >= width) {
             add_words(style, text);
         } else {
             add(style, std::string(width - text.size(), ' ') + text);
@@ -217,50 +217,82 @@ std::string path_end(const std::string &path, size_t width)
     return path.size() <= width ? path : "…" + path.substr(path.size() - width + 1);
 }
 
-void draw_brick(const MapBrick &brick, uint64_t most, Lines &lines)
+/* The width of all columns about owners. */
+size_t use_width(const MapUse &use)
 {
-    lines.add_column(BOLD, brick.name, NAME_WIDTH);
-    lines.add_column(PLAIN, fmt::format("{}", brick.inodes), INODES_WIDTH);
-    lines.add_column(PLAIN, bytes_text(brick.bytes), BYTES_WIDTH);
-    lines.add_column(PLAIN, fmt::format("{}", brick.extents), EXTENTS_WIDTH);
-    if (lines.width() > COLUMNS_WIDTH + BAR_WIDTH) {
-        const std::string drawn = bar(brick.extents, most);
+    return NAME_WIDTH + COUNT_WIDTH + (use.users.size() - 1) * MORE_WIDTH +
+           (use.has_sizes ? BYTES_WIDTH : 0);
+}
+
+/* A name, a text for each table, and one for bytes, in columns. */
+template <class Text>
+void draw_use(const MapUse &use, TextStyle style, const std::string &name, const std::string &bytes,
+              const Text &text, Lines &lines)
+{
+    const size_t all = use_width(use);
+    lines.add_column(BOLD, name, NAME_WIDTH, all);
+    for (size_t i = 0; i < use.users.size(); i++) {
+        lines.add_column(style, text(i), i == 0 ? COUNT_WIDTH : MORE_WIDTH, all);
+        if (i == 0 && use.has_sizes) {
+            lines.add_column(style, bytes, BYTES_WIDTH, all);
+        }
+    }
+}
+
+void draw_owner(const MapUse &use, const MapOwner &owner, Lines &lines)
+{
+    draw_use(
+        use, PLAIN, owner.name, bytes_text(owner.bytes),
+        [&owner](size_t i) { return fmt::format("{}", owner.entries[i]); }, lines);
+    const size_t all = use_width(use);
+    if (lines.width() > all + BAR_WIDTH) {
+        const std::string drawn = bar(owner.entries.back(), use.owners.front().entries.back());
         lines.add(USE, ' ' + drawn + std::string(BAR_WIDTH - columns(drawn), ' '));
-        const size_t room = lines.width() - COLUMNS_WIDTH - BAR_WIDTH - 1;
+        const size_t room = lines.width() - all - BAR_WIDTH - 1;
         if (room > PATH_MIN) {
-            lines.add(DIM, ' ' + path_end(brick.path, room - 1));
+            lines.add(DIM, ' ' + path_end(owner.path, room - 1));
         }
     }
     lines.end_line();
 }
 
-void draw_bricks(const Map &map, Lines &lines)
+void draw_owners(const MapUse &use, Lines &lines)
 {
-    lines.end_line();
-    lines.add_column(BOLD, "brick", NAME_WIDTH);
-    lines.add_column(BOLD, "inodes", INODES_WIDTH);
-    lines.add_column(BOLD, "bytes", BYTES_WIDTH);
-    lines.add_column(BOLD, "extents", EXTENTS_WIDTH);
-    lines.end_line();
-    for (size_t i = 0; i < std::min(map.bricks.size(), ROWS_MAX); i++) {
-        draw_brick(map.bricks[i], map.bricks.front().extents, lines);
+    if (use.users.empty()) {
+        return;
     }
-    if (map.bricks.size() > ROWS_MAX) {
-        lines.add_words(PLAIN, fmt::format("and {} more", map.bricks.size() - ROWS_MAX));
+    lines.end_line();
+    draw_use(
+        use, BOLD, std::string(use.owner), "bytes",
+        [&use](size_t i) { return std::string(use.users[i]); }, lines);
+    lines.end_line();
+    for (size_t i = 0; i < std::min(use.owners.size(), ROWS_MAX); i++) {
+        draw_owner(use, use.owners[i], lines);
+    }
+    if (use.owners.size() > ROWS_MAX) {
+        lines.add_words(PLAIN, fmt::format("and {} more", use.owners.size() - ROWS_MAX));
         lines.end_line();
     }
 }
 
 void draw_ages(const Map &map, Lines &lines)
 {
+    if (map.aged.empty()) {
+        return;
+    }
     lines.end_line();
-    lines.add_words(BOLD, "inodes by the time from their last access to the newest one");
+    lines.add_words(BOLD, ages_heading(map));
     lines.end_line();
-    const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::inodes).inodes;
+    const size_t all = NAME_WIDTH + COUNT_WIDTH + 1 + BAR_WIDTH;
+    const uint64_t most = std::ranges::max(map.ages, {}, &MapAge::entries).entries;
     for (const MapAge &age : map.ages) {
-        lines.add_column(BOLD, std::string(age.name), NAME_WIDTH);
-        lines.add_column(PLAIN, fmt::format("{}", age.inodes), INODES_WIDTH);
-        lines.add_words(USE, bar(age.inodes, most));
+        lines.add_column(BOLD, std::string(age.name), NAME_WIDTH, all);
+        lines.add_column(PLAIN, fmt::format("{}", age.entries), COUNT_WIDTH, all);
+        lines.add_words(USE, bar(age.entries, most));
+        lines.end_line();
+    }
+    if (map.odd != 0) {
+        lines.add_words(PLAIN, odd_text(map));
         lines.end_line();
     }
 }
@@ -279,7 +311,7 @@ std::string draw_terminal(const Map &map, size_t width, bool colours)
     for (const MapTable &table : map.tables) {
         draw_table(table, lines);
     }
-    draw_bricks(map, lines);
+    draw_owners(map.use, lines);
     draw_ages(map, lines);
     if (map.findings_count != 0) {
         lines.end_line();
