@@ -2,7 +2,7 @@
 
 BUILD_PACKAGES=(g++ make cmake pkg-config libcjson-dev uuid-dev libcli11-dev libfmt-dev
     nlohmann-json3-dev)
-TEST_PACKAGES=(libgtest-dev libpugixml-dev mount tzdata)
+TEST_PACKAGES=(libgtest-dev libpugixml-dev mount nodejs tzdata)
 
 # install_packages NAME...: says which of the packages are missing and installs them.
 install_packages() {

@@ -76,6 +76,22 @@ Cell cell_of(const pugi::xml_node &element)
             element.attribute("class").value()};
 }
 
+// An element of a grid: a cell, a number of the axis, or "expansion: 4 to 25603".
+void add(const pugi::xml_node &element, Grid &grid)
+{
+    const std::string kind = element.attribute("class").value();
+    const std::string text = element.text().get();
+    const std::size_t at = grid.cells.size();
+    if (std::string(element.name()) == "i") {
+        grid.cells.push_back(cell_of(element));
+    } else if (kind == "axis") {
+        grid.axis.emplace_back(at, number_of(text));
+    } else {
+        require(kind == "part" && text.starts_with("expansion: ") && !grid.expansion, text);
+        grid.expansion = at;
+    }
+}
+
 } // namespace
 
 pugi::xml_document parse_page(const std::string &page)
@@ -119,8 +135,8 @@ std::vector<Grid> grids_of(const pugi::xml_node &page)
         const pugi::xml_node section = found.node();
         const pugi::xml_node head = section.first_child();
         grids.push_back({head.child("h2").text().get(), counts_of(head.child("p").text().get())});
-        for (const pugi::xpath_node &cell : section.select_nodes(".//i"))
-            grids.back().cells.push_back(cell_of(cell.node()));
+        for (const pugi::xml_node &element : section.child("div").next_sibling("div").children())
+            add(element, grids.back());
     }
     return grids;
 }

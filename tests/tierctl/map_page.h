@@ -4,8 +4,10 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <pugixml.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tier_test {
@@ -34,6 +36,9 @@ struct Grid {
     std::string name;
     CountsByWord counts; // beside the name
     std::vector<Cell> cells{};
+    // The numbers beside it, each with the index of the cell that follows.
+    std::vector<std::pair<std::size_t, std::uint64_t>> axis{};
+    std::optional<std::size_t> expansion{}; // index of the cell after its heading
 };
 
 std::vector<Grid> grids_of(const pugi::xml_node &page);

@@ -258,6 +258,24 @@ TEST_P(MapPicture, Ages)
         << other;
 }
 
+TEST_P(MapPicture, TheExpansionBeginsALine)
+{
+    SuperV2 sb = super_v2(1, 100, 2);
+    set_expansion(sb, EXPANSION_UNIT, true);
+    const Device device = make_v2_device(sb, {brick_used(0)}, {}, {}, Expansion::SPARSE);
+    const std::string last = std::to_string(100 + EXPANSION_UNIT - 1);
+    const std::size_t row = 80 - last.size() - 1;
+    const std::uint64_t cell = (100 + EXPANSION_UNIT - 1) / (ROWS * row - 1) + 1;
+    const std::size_t before = (100 + cell - 1) / cell;
+    std::string grid = std::string(last.size() - 1, ' ') + "0 ";
+    for (std::size_t i = 0; i < before; ++i)
+        grid += "·";
+    grid += "\nexpansion: 100 to " + last + "\n" + std::string(last.size() - 3, ' ') + "100 X";
+    const std::string picture = map_of_width(device.path(), 80);
+    EXPECT_NE(picture.find('\n' + grid), std::string::npos) << grid << '\n' << picture;
+    EXPECT_EQ(map_of_width(cache.device.path(), 80).find("expansion"), std::string::npos);
+}
+
 TEST_P(MapPicture, ACleanDevice)
 {
     const Device device = make_sample();

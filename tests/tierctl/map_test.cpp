@@ -3,6 +3,7 @@
 #include "map_fixture.h"
 
 #include <algorithm>
+#include <optional>
 
 using namespace tier_test;
 namespace fs = std::filesystem;
@@ -116,6 +117,51 @@ TEST_F(Map, ExpansionInodesFollowTheOthers)
     EXPECT_EQ(inodes.counts.at("damaged"), 25599U);
     EXPECT_EQ(inodes.cells.back().last, 25603U);
     EXPECT_EQ(inodes.cells.back().counts.at("in use"), 1U);
+    EXPECT_LE(inodes.cells.size(), 3000U);
+
+    // No cell has entries of both.
+    ASSERT_EQ(inodes.expansion, std::optional<std::size_t>(1));
+    EXPECT_EQ(inodes.cells[0].last, 3U);
+    EXPECT_EQ(inodes.cells[1].first, 4U);
+    EXPECT_EQ(
+        std::ranges::count_if(grids, [](const Grid &grid) { return grid.expansion.has_value(); }),
+        1);
+    CountsByWord sum;
+    for (const Cell &cell : inodes.cells) {
+        for (const auto &[word, count] : cell.counts)
+            sum[word] += count;
+    }
+    EXPECT_EQ(sum, inodes.counts);
+}
+
+// Of a grid the cells in rows: the number at the row's start, then the cells.
+TEST_P(MapLayouts, RowsBeginWithTheirFirstNumber)
+{
+    for (const Grid &grid : grids_of(page_of(cache.device))) {
+        SCOPED_TRACE(grid.name);
+        std::vector<std::pair<std::size_t, std::uint64_t>> expected;
+        const std::size_t row = grid.cells.size() <= 600 ? 32 : 64;
+        for (std::size_t at = 0; at < grid.cells.size(); at += row)
+            expected.emplace_back(at, grid.cells[at].first);
+        EXPECT_EQ(grid.axis, expected);
+    }
+}
+
+TEST_F(Map, TheExpansionHasRowsOfItsOwn)
+{
+    SuperV2 sb = super_v2(1, 100, 2);
+    set_expansion(sb, EXPANSION_UNIT, true);
+    const Device device = make_v2_device(sb, {brick_used(0)}, {}, {}, Expansion::SPARSE);
+    const Grid inodes = grids_of(page_of(device)).at(2);
+    const std::uint64_t cell = (100 + EXPANSION_UNIT - 1) / 2999 + 1;
+    const std::size_t before = (100 + cell - 1) / cell;
+    ASSERT_EQ(inodes.expansion, std::optional(before));
+    std::vector<std::pair<std::size_t, std::uint64_t>> expected;
+    for (std::size_t at = 0; at < before; at += 64)
+        expected.emplace_back(at, at * cell);
+    for (std::size_t at = 0; at < inodes.cells.size() - before; at += 64)
+        expected.emplace_back(before + at, 100 + at * cell);
+    EXPECT_EQ(inodes.axis, expected);
 }
 
 TEST_F(Map, ACleanDeviceHasNoFindings)

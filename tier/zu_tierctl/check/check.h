@@ -15,7 +15,7 @@ struct CheckOptions {
     bool json = false;
     std::vector<std::string> tables{}; /* to report on; empty: all */
 
-    /* Bytes for the duplicate search, most of a check's memory. */
+    /* Bytes for the duplicate search, most of a check's memory; 0: nothing is searched for. */
     size_t claims_memory = size_t{400} << 20;
 };
 

@@ -102,7 +102,7 @@ public:
 
     TableOutcome run(size_t claims_memory)
     {
-        if (row_.claim.what.empty() || !context_.findings.wanted()) {
+        if (row_.claim.what.empty() || !context_.findings.wanted() || claims_memory == 0) {
             first_pass([](const EntryPlace &, const uint8_t *) {});
         } else if (row_.claim.is_identity) {
             check_with_claims<Identity>(claims_memory);

@@ -90,7 +90,7 @@ struct TableOutcome {
 
 /* Checks the entries of a table whose records fit their slots. Reads the table once, once more when
  * something is claimed repeatedly, and more often when the claims do not fit in `claims_memory`
- * bytes. */
+ * bytes; with 0 it does not search for claims. */
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
 
 /* Reports what is wrong in the super block: its parameters, and the places of its areas on a device

@@ -24,9 +24,13 @@ constexpr const char MAP_DESCRIPTION[] = "Draw what the tables of a device hold,
 
 constexpr const char MAP_FOOTER[] =
     "Each table is a grid of cells, each of them one entry or several that follow one another:\n"
-    "in use, free, with findings of zu_tierctl check, damaged, unreadable. Then come use by brick\n"
-    "and the ages of files. The picture is as wide as the terminal, or COLUMNS; it has colours on\n"
-    "a terminal, unless NO_COLOR is set.\n"
+    "in use, free, with findings of zu_tierctl check, damaged, unreadable. Rows begin with the\n"
+    "number of their first entry, and the expansion of a table begins a row of its own. Then come\n"
+    "use by brick and the ages of files, from the newest access back; accesses more than a year\n"
+    "later than all others are left out as odd when they are few. The picture is as wide as the\n"
+    "terminal, or COLUMNS; it has colours on a terminal, unless NO_COLOR is set. A page also "
+    "lists\n"
+    "the findings, at most 5000 and 1000 of a kind, by severity, table, kind and words.\n"
     "\n"
     "Example:\n"
     "  zu_tierctl map --html map.html /dev/nvme0n1";
@@ -34,6 +38,7 @@ constexpr const char MAP_FOOTER[] =
 struct MapOptions {
     std::string device;
     std::string html;
+    bool quick = false;
 };
 
 /* The value of an environment variable; empty when it is not set. */
@@ -57,8 +62,8 @@ void write_html(const MapOptions &options)
 {
     refuse_existing(options.html);
     NewFile file(options.html);
-    const std::string page =
-        draw_page(read_map(options.device, [](uint64_t) { return HTML_CELLS_MAX; }));
+    const std::string page = draw_page(read_map(
+        options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.quick));
     file.write(0, page.data(), page.size());
     file.commit(Naming::new_name);
 }
@@ -67,8 +72,9 @@ void print_map(const MapOptions &options)
 {
     const size_t width = output_width();
     const bool colours = isatty(STDOUT_FILENO) != 0 && variable("NO_COLOR").empty();
-    const Map map =
-        read_map(options.device, [width](uint64_t last) { return terminal_cells(width, last); });
+    const Map map = read_map(
+        options.device, [width](uint64_t last) { return terminal_cells(width, last); },
+        options.quick);
     print_text(draw_terminal(map, width, colours));
     finish_output();
 }
@@ -84,6 +90,8 @@ void add_map(CLI::App &app)
     const CLI::Option *html =
         command->add_option("--html", options->html, "Draw a page into this new file instead")
             ->type_name("FILE");
+    command->add_flag("--quick", options->quick,
+                      "Read once, with little memory: do not search for duplicates");
     command->callback([options, html] {
         if (html->empty()) {
             print_map(*options);

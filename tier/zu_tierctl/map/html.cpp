@@ -3,12 +3,18 @@
 
 #include <algorithm>
 #include <fmt/core.h>
+#include <set>
+#include <span>
 
 namespace tierctl {
 
 namespace {
 
 constexpr size_t FEW_CELLS = 600; /* a table of up to so many has larger cells */
+
+/* Cells of a row, as page.css has them. */
+constexpr size_t FEW_ROW = 32;
+constexpr size_t ROW = 64;
 
 /* 0: device, 1: style, 2: facts, 3: legend, 4: sections, 5: script. */
 constexpr const char PAGE[] = R"(<!DOCTYPE html>
@@ -77,7 +83,8 @@ std::string facts_of(const Map &map)
 {
     return "<dl class=\"facts\">\n" + fact("Layout", map.layout) + fact("Cache", map.identity) +
            fact("Created", map.created) + fact("Last access", map.accessed) +
-           fact("Findings", fmt::format("{}", map.findings_count)) + "</dl>\n";
+           fact("Findings", fmt::format("{}", map.findings_count)) +
+           fact("Quick", map.quick ? QUICK_TEXT : "") + "</dl>\n";
 }
 
 std::string class_of(const MapCell &cell)
@@ -101,6 +108,36 @@ std::string cell_html(const MapCell &cell)
                        last, counts_text(cell.counts, cell.findings));
 }
 
+/* Each row begins with the number of its first entry. */
+std::string cells_html(std::span<const MapCell> cells, size_t row)
+{
+    std::string html;
+    for (size_t i = 0; i < cells.size(); i++) {
+        if (i % row == 0) {
+            html += fmt::format("<b class=\"axis\">{}</b>\n", cells[i].first);
+        }
+        html += cell_html(cells[i]);
+    }
+    return html;
+}
+
+std::string grid_html(const MapTable &table, std::string_view counts)
+{
+    const bool few = table.cells.size() <= FEW_CELLS;
+    const size_t row = few ? FEW_ROW : ROW;
+    const std::span cells(table.cells);
+    std::string html =
+        fmt::format("<div class=\"{0}\" data-name=\"{1}\" tabindex=\"0\" role=\"group\""
+                    " aria-label=\"{1}: {2}. Arrow keys go from cell to cell.\">\n",
+                    few ? "grid few" : "grid", table.name, counts) +
+        cells_html(cells.first(table.cells_before), row);
+    if (table.has_expansion()) {
+        html += fmt::format("<b class=\"part\">{}</b>\n", expansion_text(table)) +
+                cells_html(cells.subspan(table.cells_before), row);
+    }
+    return html + "</div>\n";
+}
+
 std::string table_html(const MapTable &table)
 {
     const std::string counts = counts_text(table.counts, table.findings);
@@ -111,14 +148,7 @@ std::string table_html(const MapTable &table)
     }
     html += "</div>\n";
     if (!table.cells.empty()) {
-        html +=
-            fmt::format("<div class=\"{0}\" data-name=\"{1}\" tabindex=\"0\" role=\"group\""
-                        " aria-label=\"{1}: {2}. Arrow keys go from cell to cell.\">\n",
-                        table.cells.size() <= FEW_CELLS ? "grid few" : "grid", table.name, counts);
-        for (const MapCell &cell : table.cells) {
-            html += cell_html(cell);
-        }
-        html += "</div>\n";
+        html += grid_html(table, counts);
     }
     return html + "</section>\n";
 }
@@ -204,6 +234,50 @@ std::string ages_html(const Map &map)
                      odd_text(map));
 }
 
+const char *severity_name(Severity severity)
+{
+    return severity == Severity::error ? "error" : "warning";
+}
+
+std::string kinds_html(const Map &map)
+{
+    std::string rows;
+    for (const auto &[kind, counts] : map.kinds) {
+        rows += element("tr", element("td", kind) + number_cell(counts.count) +
+                                  number_cell(counts.kept)) +
+                '\n';
+    }
+    return list_html("Findings by kind",
+                     element("th", "kind") + number_head("findings") + number_head("listed"), rows);
+}
+
+/* A choice among all values of something that findings have; the first is empty, for any. */
+std::string choice_html(std::string_view name, const std::set<std::string_view> &values)
+{
+    std::string options = R"(<option value="">any</option>)";
+    for (const std::string_view value : values) {
+        options += element("option", value);
+    }
+    return fmt::format("<label>{0} <select name=\"{0}\">{1}</select></label>\n", name, options);
+}
+
+/* The script shows it: without it nothing can be chosen. */
+std::string filter_html(const Map &map)
+{
+    std::set<std::string_view> severities;
+    std::set<std::string_view> tables;
+    std::set<std::string_view> kinds;
+    for (const MapFinding &finding : map.findings) {
+        severities.insert(severity_name(finding.severity));
+        tables.insert(finding.table);
+        kinds.insert(finding.kind);
+    }
+    return "<form class=\"filter\" hidden=\"hidden\">\n" + choice_html("severity", severities) +
+           choice_html("table", tables) + choice_html("kind", kinds) +
+           "<label>search <input type=\"search\" name=\"words\"/></label>\n"
+           "<output name=\"shown\"></output>\n</form>\n";
+}
+
 std::string findings_html(const Map &map)
 {
     if (map.findings.empty()) {
@@ -211,16 +285,20 @@ std::string findings_html(const Map &map)
     }
     std::string rows;
     for (const MapFinding &finding : map.findings) {
-        rows +=
-            fmt::format("<tr><td>{}</td><td>{}</td><td>{}</td><td><code>{}</code></td></tr>\n",
-                        finding.severity == Severity::error ? "error" : "warning",
-                        escaped(finding.about), escaped(finding.text), escaped(finding.command));
+        rows += fmt::format(
+            "<tr data-severity=\"{0}\" data-table=\"{1}\" data-kind=\"{2}\"><td>{0}</td>"
+            "<td>{3}</td><td>{4}</td><td><code>{5}</code></td></tr>\n",
+            severity_name(finding.severity), finding.table, finding.kind, escaped(finding.about),
+            escaped(finding.text), escaped(finding.command));
     }
     const uint64_t more = map.findings_count - map.findings.size();
     if (more != 0) {
         rows += fmt::format("<tr><td colspan=\"4\">and {} more</td></tr>\n", more);
     }
-    return list_html("Findings", "<th></th><th>about</th><th>finding</th><th>to see it</th>", rows);
+    return kinds_html(map) + "<div id=\"findings\">\n" + filter_html(map) +
+           list_html("Findings", "<th></th><th>about</th><th>finding</th><th>to see it</th>",
+                     rows) +
+           "</div>\n";
 }
 
 } // namespace

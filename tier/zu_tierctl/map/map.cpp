@@ -95,12 +95,12 @@ private:
 
     void add(uint64_t no, uint64_t Counts::*count)
     {
-        const uint64_t cell = table_read_->index(no) / table().cell_entries;
-        (table().cells[cell].counts.*count)++;
+        (table().cell(table_read_->index(no)).counts.*count)++;
         (table().counts.*count)++;
     }
 
     void begin_use();
+    void add_cells(uint64_t first, uint64_t end);
     void add_owner(uint64_t no, const uint8_t *entry);
     void add_file(const uint8_t *entry, MapOwner &owner);
 
@@ -143,14 +143,39 @@ void TableBuilder::begin_table(const Table &table_read)
     if (entries == 0) {
         return;
     }
+    /* No cell has entries of both regions: a table with two has up to one cell more. */
+    const uint64_t more = table_read.regions.size() - 1;
     const uint64_t cells = cells_max_(table_read.number(entries - 1));
-    table().cell_entries = (entries - 1) / cells + 1;
-    for (uint64_t first = 0, left = entries; left > 0;) {
-        const uint64_t count = std::min(left, table().cell_entries);
-        table().cells.push_back(
-            {table_read.number(first), table_read.number(first + count - 1), {.entries = count}});
+    table().cell_entries = (entries - 1) / std::max<uint64_t>(1, cells - more) + 1;
+    table().entries_before =
+        more == 0 ? entries : table_read.regions.front().count * table_read.entries_a_slot();
+    add_cells(0, table().entries_before);
+    table().cells_before = table().cells.size();
+    add_cells(table().entries_before, entries);
+}
+
+void TableBuilder::add_cells(uint64_t first, uint64_t end)
+{
+    while (first < end) {
+        const uint64_t count = std::min(end - first, table().cell_entries);
+        table().cells.push_back({table_read_->number(first),
+                                 table_read_->number(first + count - 1),
+                                 {.entries = count}});
         first += count;
-        left -= count;
+    }
+}
+
+void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count)
+{
+    const uint64_t a_slot = table_read_->entries_a_slot();
+    uint64_t first = first_slot * a_slot;
+    table().counts.*count += slots * a_slot;
+    for (uint64_t left = slots * a_slot; left > 0;) {
+        MapCell &cell = table().cell(first);
+        const uint64_t here = std::min(left, table_read_->index(cell.last) + 1 - first);
+        cell.counts.*count += here;
+        first += here;
+        left -= here;
     }
 }
 
@@ -184,20 +209,6 @@ void TableBuilder::begin_use()
     access_ = is_file_ ? find_column(columns_, has_key("atime")) : nullptr;
     use.has_sizes = use.has_sizes || size_ != nullptr;
     map_.aged = access_ != nullptr ? row_->name : map_.aged;
-}
-
-void TableBuilder::add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count)
-{
-    const uint64_t a_slot = table_read_->entries_a_slot();
-    uint64_t first = first_slot * a_slot;
-    table().counts.*count += slots * a_slot;
-    for (uint64_t left = slots * a_slot; left > 0;) {
-        const uint64_t cell_entries = table().cell_entries;
-        const uint64_t here = std::min(left, cell_entries - first % cell_entries);
-        table().cells[first / cell_entries].counts.*count += here;
-        first += here;
-        left -= here;
-    }
 }
 
 void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry)
@@ -296,11 +307,14 @@ private:
         const uint64_t index =
             is_block ? finding.no * checked.entries_a_slot() : checked.index(finding.no);
         if (!table.cells.empty()) {
-            table.cells[index / table.cell_entries].findings++;
+            table.cell(index).findings++;
         }
-        if (map_.findings.size() < Map::FINDINGS_MAX) {
+        MapKind &kind = map_.kinds[finding.kind.name];
+        kind.count++;
+        if (kind.kept < Map::KIND_MAX && map_.findings.size() < Map::FINDINGS_MAX) {
+            kind.kept++;
             map_.findings.push_back(
-                {finding.kind.severity,
+                {finding.kind.severity, finding.kind.name, finding.table,
                  fmt::format("{}{} {}", finding.table, is_block ? " block" : "", finding.no),
                  finding.text, command(finding)});
         }
@@ -336,12 +350,13 @@ unsigned MapCell::level() const
     return static_cast<unsigned>(1 + counts.in_use * 7 / counts.entries);
 }
 
-Map read_map(const std::string &device_path, const CellsMax &cells_max)
+Map read_map(const std::string &device_path, const CellsMax &cells_max, bool quick)
 {
     const Device device(device_path, Access::read_only);
     const Metadata metadata = read_metadata(device);
     Map map;
     map.device = device_path;
+    map.quick = quick;
     map.layout = metadata.layout->name;
     for (const tier_column &column : metadata.tables.front().row->fields()) {
         if (column.type == tier_column_type::uuid) {
@@ -352,7 +367,11 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max)
     }
     TableBuilder tables(map, *metadata.layout, cells_max);
     MapReport report(map, metadata);
-    check_metadata({.device = device_path}, device, metadata, report, &tables);
+    CheckOptions options{.device = device_path};
+    if (quick) {
+        options.claims_memory = 0;
+    }
+    check_metadata(options, device, metadata, report, &tables);
     tables.finish();
     return map;
 }
@@ -371,6 +390,12 @@ std::string bytes_text(uint64_t bytes)
 std::string ages_heading(const Map &map)
 {
     return fmt::format("{} ages: time from the last access to the newest one", map.aged);
+}
+
+std::string expansion_text(const MapTable &table)
+{
+    return fmt::format("expansion: {} to {}", table.cells[table.cells_before].first,
+                       table.cells.back().last);
 }
 
 std::string odd_text(const Map &map)

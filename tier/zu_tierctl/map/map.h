@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,20 @@ struct MapTable {
     Counts counts;
     uint64_t findings = 0;
     std::vector<MapCell> cells{};
+
+    /* Entries and cells before the table's second region, its expansion. */
+    uint64_t entries_before = 0;
+    size_t cells_before = 0;
+
+    bool has_expansion() const { return cells_before < cells.size(); }
+
+    /* The cell of the entry with that index. */
+    MapCell &cell(uint64_t index)
+    {
+        return index < entries_before
+                   ? cells[index / cell_entries]
+                   : cells[cells_before + (index - entries_before) / cell_entries];
+    }
 };
 
 /* What an entry that the others belong to, such as a brick, uses. */
@@ -68,13 +83,23 @@ struct MapAge {
 
 struct MapFinding {
     Severity severity;
+    std::string kind;
+    std::string_view table;
     std::string about; /* "inode 7" */
     std::string text;
     std::string command;
 };
 
+/* Findings of a kind: all, and those that are kept. */
+struct MapKind {
+    uint64_t count = 0;
+    uint64_t kept = 0;
+};
+
 struct Map {
-    static constexpr size_t FINDINGS_MAX = 1000;
+    /* Of the findings so many are kept; not all of one kind. */
+    static constexpr uint64_t FINDINGS_MAX = 5000;
+    static constexpr uint64_t KIND_MAX = 1000;
 
     std::string device;
     std::string_view layout;
@@ -87,15 +112,18 @@ struct Map {
     std::vector<MapAge> ages;
     uint64_t odd = 0;       /* accesses left out of the ages: so much later than all others */
     std::string odd_access; /* that they cannot be right; time of the latest of them */
-    std::vector<MapFinding> findings; /* the first FINDINGS_MAX */
+    std::vector<MapFinding> findings;
+    std::map<std::string, MapKind> kinds; /* of all findings, by name */
     uint64_t findings_count = 0;
+    bool quick = false; /* duplicates were not searched for */
 };
 
 /* How many cells, 1 or more, a table may have whose last entry has the number `last`. */
 using CellsMax = std::function<size_t(uint64_t last)>;
 
-/* Reads the metadata of a device and checks it. Throws when it cannot be read. */
-Map read_map(const std::string &device, const CellsMax &cells_max);
+/* Reads the metadata of a device and checks it; `quick`: in one pass, without the duplicate search.
+ * Throws when it cannot be read. */
+Map read_map(const std::string &device, const CellsMax &cells_max, bool quick = false);
 
 /* "7", "1.5 KiB" */
 std::string bytes_text(uint64_t bytes);
@@ -105,6 +133,11 @@ std::string counts_text(const Counts &counts, uint64_t findings);
 
 /* "inode ages: time from the last access to the newest one" */
 std::string ages_heading(const Map &map);
+
+/* "expansion: 4029 to 29628" */
+std::string expansion_text(const MapTable &table);
+
+inline constexpr char QUICK_TEXT[] = "duplicates were not searched for";
 
 /* What the ages leave out, as a sentence; empty: nothing. */
 std::string odd_text(const Map &map);

@@ -23,9 +23,15 @@ function enter(cell) {
   show(at, box.left, box.top);
 }
 for (const grid of document.querySelectorAll('.grid[data-name]')) {
-  const cells = grid.children;
+  const cells = Array.from(grid.querySelectorAll('i'));
+  /* The next cell above or below the one at `now`. */
+  function along(now, step) {
+    let next = now + step;
+    while (cells[next] ? cells[next].offsetLeft !== cells[now].offsetLeft : false) { next += step; }
+    return cells[next] ? next : now;
+  }
   grid.addEventListener('pointermove', function (event) {
-    if (event.target === grid) { tip.hidden = true; return; }
+    if (event.target.localName !== 'i') { tip.hidden = true; return; }
     show(event.target, event.clientX, event.clientY);
   });
   grid.addEventListener('pointerleave', leave);
@@ -34,13 +40,38 @@ for (const grid of document.querySelectorAll('.grid[data-name]')) {
   });
   grid.addEventListener('blur', leave);
   grid.addEventListener('keydown', function (event) {
-    const row = getComputedStyle(grid).gridTemplateColumns.split(' ').length;
-    const last = cells.length - 1;
-    const now = Math.max(0, Array.prototype.indexOf.call(cells, at));
-    const next = {ArrowLeft: now - 1, ArrowRight: now + 1, ArrowUp: now - row,
-                  ArrowDown: now + row, Home: 0, End: last}[event.key];
+    const now = Math.max(0, cells.indexOf(at));
+    const next = {ArrowLeft: Math.max(0, now - 1), ArrowRight: Math.min(cells.length - 1, now + 1),
+                  ArrowUp: along(now, -1), ArrowDown: along(now, 1), Home: 0,
+                  End: cells.length - 1}[event.key];
     if (next === undefined) { return; }
     event.preventDefault();
-    enter(cells[Math.max(0, Math.min(last, next))]);
+    enter(cells[next]);
   });
+}
+const findings = document.getElementById('findings');
+if (findings) {
+  const filter = findings.querySelector('.filter');
+  const rows = Array.from(findings.querySelectorAll('tr[data-kind]'));
+  const texts = rows.map(function (row) {
+    return (row.dataset.kind + ' ' + row.textContent).toLowerCase();
+  });
+  const fields = filter.elements;
+  const choose = function () {
+    const words = fields.words.value.toLowerCase().split(/\s+/);
+    let shown = 0;
+    rows.forEach(function (row, i) {
+      const chosen = ['severity', 'table', 'kind'].every(function (name) {
+        return fields[name].value === '' || fields[name].value === row.dataset[name];
+      });
+      const found = words.every(function (word) { return texts[i].includes(word); });
+      row.hidden = !(chosen ? found : false);
+      shown += row.hidden ? 0 : 1;
+    });
+    fields.shown.value = shown + ' of ' + rows.length + ' listed';
+  };
+  filter.addEventListener('input', choose);
+  filter.addEventListener('submit', function (event) { event.preventDefault(); });
+  filter.hidden = false;
+  choose();
 }

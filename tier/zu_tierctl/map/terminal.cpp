@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fmt/core.h>
+#include <span>
 #include <utility>
 
 namespace tierctl {
@@ -188,6 +189,21 @@ void draw_cell(const MapCell &cell, Lines &lines)
     lines.add(look.colour, look.mark != nullptr ? look.mark : RISING[cell.level()]);
 }
 
+/* In rows that begin with a label of that width; 0: without one. */
+void draw_cells(std::span<const MapCell> cells, size_t label, Lines &lines)
+{
+    const size_t row = lines.width() - label;
+    for (size_t i = 0; i < cells.size(); i++) {
+        if (i % row == 0 && label != 0) {
+            lines.add(DIM, fmt::format("{:>{}} ", cells[i].first, label - 1));
+        }
+        draw_cell(cells[i], lines);
+        if (i % row == row - 1 || i + 1 == cells.size()) {
+            lines.end_line();
+        }
+    }
+}
+
 void draw_table(const MapTable &table, Lines &lines)
 {
     lines.end_line();
@@ -197,17 +213,16 @@ void draw_table(const MapTable &table, Lines &lines)
         lines.add_phrase(DIM, fmt::format("({} entries a cell)", table.cell_entries));
     }
     lines.end_line();
-    const uint64_t last = table.cells.empty() ? 0 : table.cells.back().last;
-    const size_t label = label_width(lines.width(), last);
-    const size_t row = lines.width() - label;
-    for (size_t i = 0; i < table.cells.size(); i++) {
-        if (i % row == 0 && label != 0) {
-            lines.add(DIM, fmt::format("{:>{}} ", table.cells[i].first, label - 1));
-        }
-        draw_cell(table.cells[i], lines);
-        if (i % row == row - 1 || i + 1 == table.cells.size()) {
-            lines.end_line();
-        }
+    if (table.cells.empty()) {
+        return;
+    }
+    const size_t label = label_width(lines.width(), table.cells.back().last);
+    const std::span cells(table.cells);
+    draw_cells(cells.first(table.cells_before), label, lines);
+    if (table.has_expansion()) {
+        lines.add_words(DIM, expansion_text(table));
+        lines.end_line();
+        draw_cells(cells.subspan(table.cells_before), label, lines);
     }
 }
 
@@ -318,6 +333,11 @@ std::string draw_terminal(const Map &map, size_t width, bool colours)
         lines.add_words(BOLD, fmt::format("{}", map.findings_count));
         lines.add_words(PLAIN, "findings; to see them:");
         lines.add_phrase(PLAIN, "zu_tierctl check " + shown_text(shell_word(map.device)));
+        lines.end_line();
+    }
+    if (map.quick) {
+        lines.end_line();
+        lines.add_words(PLAIN, QUICK_TEXT);
         lines.end_line();
     }
     return lines.take();
