@@ -1,6 +1,7 @@
 // How zu_tierctl check is called, what it prints, and how it ends: clean and damaged samples,
 // devices that cannot be checked, output that is lost.
 
+#include "cache.h"
 #include "check_run.h"
 #include "sample_image.h"
 
@@ -23,6 +24,15 @@ struct SampleCase {
     std::string layout;
     std::vector<std::string> args;
 };
+
+TEST(CheckCommand, HelpNamesTheTables)
+{
+    for (const std::string command : {"check", "revert", "template"})
+        EXPECT_NE(run_ctl({command, "--help"})
+                      .out.find("super, brick, inode, extent; in v3 also shard and hot"),
+                  std::string::npos)
+            << command;
+}
 
 TEST(CheckCommand, SamplesAreClean)
 {

@@ -5,6 +5,7 @@
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/diff/diff.h"
+#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/map/map.h"
 #include "zu_tierctl/revert/revert.h"
 #include "zu_tierctl/save/save.h"
@@ -94,6 +95,14 @@ TEST_F(FourthLayout, CheckOfASoundDevice)
     EXPECT_EQ(report["tables"]["shelf"]["free"], 2);
     EXPECT_EQ(report["tables"]["box"]["entries"], 2 * 511);
     EXPECT_EQ(report["tables"]["box"]["in_use"], 3);
+}
+
+// Only the super block is a table of all four.
+TEST_F(FourthLayout, NamesOfAllTables)
+{
+    EXPECT_EQ(tierctl::tables_text(),
+              "super; in v1 also brick, inode and extent; in v2 also brick, inode and extent; "
+              "in v3 also brick, inode, shard, hot and extent; in depot also shelf and box");
 }
 
 TEST_F(FourthLayout, CheckOfOwnersAndClaims)

@@ -9,7 +9,7 @@ class App;
 namespace tierctl {
 
 /* Adds a required operand to a subcommand. */
-void add_operand(CLI::App &command, const char *name, std::string &value, const char *help);
+void add_operand(CLI::App &command, const char *name, std::string &value, const std::string &help);
 
 /* Each function adds a subcommand to `app`: its options, and a callback that runs it. The callback
  * may store the program's exit status in `*status`, which must outlive `app`; by default it is 0,

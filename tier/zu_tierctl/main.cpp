@@ -45,7 +45,7 @@ int run(int argc, char *argv[], int *status)
 
 } // namespace
 
-void add_operand(CLI::App &command, const char *name, std::string &value, const char *help)
+void add_operand(CLI::App &command, const char *name, std::string &value, const std::string &help)
 {
     command.add_option(name, value, help)->type_name("")->required();
 }

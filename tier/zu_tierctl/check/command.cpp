@@ -1,5 +1,6 @@
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/commands.h"
+#include "zu_tierctl/entry/table.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -18,9 +19,6 @@ constexpr const char CHECK_FOOTER[] =
     "Example, what is wrong with the extents, and how often:\n"
     "  zu_tierctl check --json --table extent tier.img | jq .kinds";
 
-constexpr const char TABLE_HELP[] = "Report on this table only; may be repeated\n"
-                                    "super, brick, inode, extent; in v3 also shard and hot";
-
 } // namespace
 
 void add_check(CLI::App &app, int *status)
@@ -32,7 +30,9 @@ void add_check(CLI::App &app, int *status)
     command->get_formatter()->column_width(32);
     add_operand(*command, "DEVICE", options->device, "Device, or image of one, to check");
     command->add_flag("--json", options->json, "Report as JSON, not as text");
-    command->add_option("--table", options->tables, TABLE_HELP)
+    command
+        ->add_option("--table", options->tables,
+                     "Report on this table only; may be repeated\n" + tables_text())
         ->type_name("TABLE")
         ->allow_extra_args(false);
     command->callback([options, status] {

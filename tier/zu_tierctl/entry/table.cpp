@@ -103,6 +103,36 @@ const Table &find_table(const std::vector<Table> &tables, std::string_view name)
     throw UsageError(fmt::format("there is no table {}, but {}", name, fmt::join(known, ", ")));
 }
 
+std::string tables_text()
+{
+    const auto layouts = tier_layouts();
+    const auto is_common = [layouts](const tier_table *table) {
+        return std::ranges::all_of(layouts, [table](const tier_layout *layout) {
+            return std::ranges::find(layout->tables, table->name, &tier_table::name) !=
+                   layout->tables.end();
+        });
+    };
+    std::string common;
+    std::string others;
+    for (const tier_layout *layout : layouts) {
+        std::vector<std::string_view> own;
+        for (const tier_table *table : layout->tables) {
+            if (!is_common(table)) {
+                own.push_back(table->name);
+            } else if (layout == layouts.front()) {
+                common += fmt::format("{}{}", common.empty() ? "" : ", ", table->name);
+            }
+        }
+        if (!own.empty()) {
+            const std::string_view last = own.back();
+            own.pop_back();
+            others += fmt::format("; in {} also {}{}{}", layout->name, fmt::join(own, ", "),
+                                  own.empty() ? "" : " and ", last);
+        }
+    }
+    return common + others;
+}
+
 bool is_referred_to(const tier_layout &layout, const tier_table &table)
 {
     return std::ranges::any_of(layout.tables, [&table](const tier_table *other) {

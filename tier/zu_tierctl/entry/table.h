@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -79,6 +80,9 @@ std::vector<Table> tables_of(const tier_layout &layout, const void *sb);
 
 /* The table of that name; throws a usage error, which lists the tables, when there is none. */
 const Table &find_table(const std::vector<Table> &tables, std::string_view name);
+
+/* The tables of the registered layouts: "super, brick, inode, extent; in v3 also shard and hot". */
+std::string tables_text();
 
 /* Whether entries of the layout refer to those of the table. */
 bool is_referred_to(const tier_layout &layout, const tier_table &table);

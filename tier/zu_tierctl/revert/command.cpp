@@ -1,5 +1,6 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/number.h"
+#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/revert/revert.h"
 
 #include <CLI/CLI.hpp>
@@ -31,8 +32,7 @@ void add_revert(CLI::App &app)
     add_operand(*command, "DEVICE", options->device,
                 "Block device or image; written only with --commit");
     add_operand(*command, "TABLE", options->table,
-                "super, brick, inode, extent; in v3 also shard and hot, and an entry\n"
-                "of shard, hot or extent is a block of the table");
+                tables_text() + ";\nof shard, hot and the extent of v3 an entry is a block");
     command
         ->add_option_function<std::string>(
             "NO", [options](const std::string &text) { options->no = read_number("NO", text); },

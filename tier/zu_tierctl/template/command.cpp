@@ -2,6 +2,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/number.h"
 #include "zu_tierctl/device/output.h"
+#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/template/template.h"
 
 #include <CLI/CLI.hpp>
@@ -68,8 +69,7 @@ void add_template(CLI::App &app)
     command->add_option("DEVICE", options->device, "Device or image")->type_name("")->required();
     command
         ->add_option("TABLE", options->table,
-                     "super, brick, inode (also in the expansion area),\n"
-                     "extent; in v3 also shard and hot")
+                     tables_text() + ";\nan inode may also lie in the expansion area")
         ->type_name("")
         ->required();
     command
