@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <regex>
+#include <sstream>
 
 using namespace tier_test;
 namespace fs = std::filesystem;
@@ -64,6 +66,58 @@ std::vector<std::string> rows_of(const MapTable &table, std::size_t width)
         rows.back() += mark_of(cells[i]);
     }
     return rows;
+}
+
+// Phrases in lines of at most `width` characters. A phrase begins a line when it fits there but not
+// in the line before it; so does a word, and one that fits nowhere is cut.
+std::string wrapped(const std::vector<std::string> &phrases, std::size_t width)
+{
+    std::vector<std::string> lines{""};
+    const auto room = [&] {
+        const std::size_t used = width_of(lines.back());
+        return used == 0 ? width : width - std::min(width, used + 1);
+    };
+    for (const std::string &phrase : phrases) {
+        const std::size_t length = width_of(phrase);
+        if (length > room() && length <= width)
+            lines.emplace_back();
+        std::istringstream words(phrase);
+        for (std::string word; words >> word;) {
+            if (width_of(word) > room() && !lines.back().empty())
+                lines.emplace_back();
+            if (!lines.back().empty())
+                lines.back() += ' ';
+            for (std::size_t at = 0; at < word.size();) {
+                const std::size_t next = std::min(
+                    word.size(),
+                    word.find_first_not_of("\x80\x81\x82\x83\x84\x85\x86\x87\x88", at + 1));
+                if (width_of(lines.back()) == width)
+                    lines.emplace_back();
+                lines.back() += word.substr(at, next - at);
+                at = next;
+            }
+        }
+    }
+    std::string text;
+    for (const std::string &line : lines)
+        text += line + '\n';
+    return text;
+}
+
+// The first characters of a text.
+std::string text_of_width(const std::string &text, std::size_t width)
+{
+    std::size_t end = 0;
+    while (end < text.size() && width_of(text.substr(0, end + 1)) <= width)
+        ++end;
+    return text.substr(0, end);
+}
+
+// The words of a text, each a phrase of its own.
+std::vector<std::string> words_of(const std::string &text)
+{
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
 }
 
 class MapTerminal : public testing::TestWithParam<std::string> {
@@ -131,6 +185,98 @@ TEST_P(MapTerminal, ALineOfCountsForEachTable)
         EXPECT_EQ(counts.find("entries a cell") != std::string::npos,
                   table.entries.size() > ROWS * (200 - 5))
             << counts;
+    }
+}
+
+// From the width of a label and a few words up to that of all columns.
+TEST_P(MapTerminal, WordsAndPhrasesInEveryWidth)
+{
+    flip(cache.device, cache.offset("inode", 3) + 20);
+    const std::vector<MapTable> tables = map_of(cache);
+    const std::string &device = cache.device.path();
+    const std::vector<std::string> whole = lines_of(map_of_width(device, 1000));
+    const std::string identity = uuid_text(numbered_uuid(GetParam() == "v3" ? 0x53 : 0x51));
+    std::vector<std::vector<std::string>> texts{
+        {device},
+        {"layout " + GetParam() + ",", "cache " + identity + ",",
+         "created " + time_text(1'600'000'000'123'456'789U) + ",",
+         "last access " + time_text(inode_used(2, 1).atime)},
+        {"▁▂▃▄▅▆▇█ in use, part to all;", "· free;", "! finding;", "X damaged;", "? unreadable"},
+        words_of("inode ages: time from the last access to the newest one")};
+    std::vector<std::vector<std::string>> heads; // of tables
+    for (const MapTable &table : tables) {
+        const auto line = std::ranges::find_if(
+            whole, [&table](const std::string &l) { return l.starts_with(table.name + ' '); });
+        ASSERT_NE(line, whole.end());
+        heads.push_back(words_of(*line));
+    }
+    std::vector<std::string> end = words_of(whole.at(whole.size() - 1));
+    ASSERT_GE(end.size(), 7U);
+    end.erase(end.end() - 3, end.end());
+    end.push_back("zu_tierctl check " + device);
+    texts.push_back(end);
+    for (std::size_t width = 20; width <= 64; ++width) {
+        SCOPED_TRACE(width);
+        const std::string picture = '\n' + map_of_width(device, width);
+        EXPECT_LE(widest(picture), width);
+        EXPECT_EQ(picture.find("\n\n\n"), std::string::npos);
+        EXPECT_TRUE(picture.starts_with('\n' + wrapped(texts[0], width) + wrapped(texts[1], width) +
+                                        wrapped(texts[2], width) + '\n'))
+            << picture;
+        for (const std::vector<std::string> &phrases : texts) {
+            EXPECT_NE(picture.find('\n' + wrapped(phrases, width)), std::string::npos)
+                << wrapped(phrases, width) << picture;
+        }
+        for (std::size_t i = 0; i < tables.size(); ++i) {
+            std::vector<std::string> phrases = heads[i];
+            const std::size_t label = std::to_string(tables[i].entries.back().no).size();
+            const std::size_t row = 2 * (label + 1) < width ? width - label - 1 : width;
+            const std::size_t a_cell = (tables[i].entries.size() - 1) / (ROWS * row) + 1;
+            if (a_cell > 1)
+                phrases.push_back(text("(%zu entries a cell)", a_cell));
+            EXPECT_NE(picture.find('\n' + wrapped(phrases, width)), std::string::npos)
+                << wrapped(phrases, width) << picture;
+        }
+    }
+}
+
+TEST_P(MapTerminal, UseByBrickInColumnsThatFit)
+{
+    const std::string &device = cache.device.path();
+    const bool has_shards = GetParam() == "v3";
+    const std::vector<std::string> words = has_shards ? words_of("brick inode bytes shard extent")
+                                                      : words_of("brick inode bytes extent");
+    const std::vector<std::size_t> widths{7, 9, 12, 11, 11};
+    std::string columns;
+    for (std::size_t i = 0; i < words.size(); ++i)
+        columns += std::string(widths[i] - words[i].size(), ' ') + words[i];
+    const std::size_t all = columns.size();
+    // The line about the first brick.
+    const auto row_of = [](const std::string &picture, const std::string &head) {
+        const std::size_t at = picture.find("\n\n" + head);
+        EXPECT_NE(at, std::string::npos) << head << picture;
+        return picture.substr(at + 2 + head.size(),
+                              picture.find('\n', at + 2 + head.size()) - at - 2 - head.size());
+    };
+    const std::string wide = row_of(map_of_width(device, 1000), columns + '\n');
+    const std::string numbers = wide.substr(0, all);
+    for (std::size_t width = 20; width <= 90; ++width) {
+        SCOPED_TRACE(width);
+        const std::string head = width < all ? wrapped(words, width) : columns + '\n';
+        const std::string row = row_of(map_of_width(device, width), head);
+        if (width < all) {
+            EXPECT_EQ(row + '\n', wrapped(words_of(numbers), width).substr(0, row.size() + 1));
+        } else if (width <= all + 16) {
+            EXPECT_EQ(row, numbers);
+        } else if (width <= all + 16 + 1 + 12) {
+            EXPECT_EQ(row, numbers + ' ' + text_of_width(wide.substr(all + 1), 16));
+        } else if (width >= width_of(wide)) {
+            EXPECT_EQ(row, wide);
+        } else {
+            EXPECT_EQ(width_of(row), width);
+            EXPECT_TRUE(row.starts_with(numbers + ' ')) << row;
+            EXPECT_TRUE(wide.ends_with(row.substr(row.rfind("…") + 3))) << row;
+        }
     }
 }
 
