@@ -8,8 +8,8 @@ cd "$(dirname "$0")/.."
 . scripts/shards.sh
 . scripts/sanitized.sh
 
-install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" dpkg-dev gcovr git jq pdsh strace \
-    valgrind
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" dpkg-dev gcovr git jq lintian pdsh \
+    strace valgrind
 
 build test
 cpack --config build/CPackConfig.cmake -B build/package >/dev/null

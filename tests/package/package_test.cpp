@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <unistd.h>
@@ -45,6 +46,28 @@ std::vector<std::string> libraries(const std::string &path)
         if (word.front() == '/')
             found.push_back(word);
     return found;
+}
+
+TEST(PackageFields, TheChangeLogIsOfThisVersion)
+{
+    const TempDir files;
+    const RunResult extracted =
+        run_program("/usr/bin/dpkg-deb", {"--extract", package(), files.path("")});
+    EXPECT_EQ(extracted.status, 0) << extracted;
+    const RunResult log =
+        run_program("/bin/gzip", {"-dc", files.path("usr/share/doc/zu-tier/changelog.gz")});
+    const std::string version = field("Version");
+    EXPECT_TRUE(log.out.starts_with("zu-tier (" + version.substr(0, version.size() - 1) + ") "))
+        << log;
+}
+
+// Errors and warnings of Debian's own check.
+TEST(PackageFields, LintianFindsNothing)
+{
+    const RunResult run =
+        run_program("/usr/bin/lintian", {"--allow-root", "--fail-on", "error,warning", package()});
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.out, "");
 }
 
 // A system with nothing but the package manager's empty database.
@@ -132,10 +155,31 @@ TEST_F(Package, HasManualsCompletionRotationAndTheDirectoryOfTheLog)
           "usr/share/bash-completion/completions/zu_tierctl",
           "usr/share/zsh/vendor-completions/_zu_tier",
           "usr/share/zsh/vendor-completions/_zu_tierctl", "usr/share/doc/zu-tier/README.md",
-          "usr/share/doc/zu-tier/operators.md", "usr/share/doc/zu-tier/changelog.gz"})
+          "usr/share/doc/zu-tier/docs/operators.md", "usr/share/doc/zu-tier/changelog.gz",
+          "usr/share/doc/zu-tier/copyright"})
         EXPECT_GT(fs::file_size(at(path)), 0U) << path;
     EXPECT_EQ(read_file(at("etc/logrotate.d/zu-tier")).find("/kd/log/zu/zu_tier.log {"), 0U);
     EXPECT_TRUE(fs::is_directory(at("kd/log/zu")));
+}
+
+TEST_F(Package, LinksBetweenDocumentsLeadSomewhere)
+{
+    install();
+    const std::regex link(R"(\]\(([^)#]+)[^)]*\))");
+    std::size_t links = 0;
+    for (const auto &entry : fs::recursive_directory_iterator(at("usr/share/doc/zu-tier"))) {
+        if (entry.path().extension() != ".md")
+            continue;
+        const std::string page = read_file(entry.path().string());
+        for (std::sregex_iterator found(page.begin(), page.end(), link), end; found != end;
+             ++found) {
+            const std::string to = (*found)[1];
+            EXPECT_TRUE(to.starts_with("https://") || fs::exists(entry.path().parent_path() / to))
+                << entry.path() << " links " << to;
+            links++;
+        }
+    }
+    EXPECT_GE(links, 6U); // of README.md alone
 }
 
 TEST_F(Package, WorksFromWhereItIsInstalled)
