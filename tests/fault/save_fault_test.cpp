@@ -144,6 +144,9 @@ protected:
         return run({"revert", file, device.path(), "inode", "2", "--commit"}, faults);
     }
 
+    // As messages name it.
+    std::string block() const { return text("the block at byte %ld of ", offset) + device.path(); }
+
     const std::int64_t offset = inode_offset(sb, 2);
 };
 
@@ -152,7 +155,8 @@ TEST_F(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
     const auto before = device.bytes();
     const RunResult failed = revert("pwrite=EIO");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: cannot write " + device.path() + ": Input/output error\n");
+    EXPECT_EQ(failed.err, "zu_tierctl: cannot write " + block() +
+                              ", which may be damaged now: Input/output error\n");
     EXPECT_TRUE(device.bytes() == before);
 }
 
@@ -170,24 +174,46 @@ TEST_F(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
 
 TEST_F(RevertFaults, WhatCannotBeReadBackIsAnError)
 {
-    // Super blocks of both, the entry of both, and then the entry once more.
-    const RunResult failed = revert("pread#5=EIO");
+    // After the entry of the saved file: shown, checked before the write, read back.
+    const RunResult failed = revert("pread" + at(offset) + "#4=EIO");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: cannot read back inode 2 from " + device.path() +
-                              ": Input/output error\n");
+    EXPECT_EQ(failed.err,
+              "zu_tierctl: wrote, but cannot read back " + block() + ": Input/output error\n");
 }
 
 TEST_F(RevertFaults, AWriteThatIsLostIsAnError)
 {
     const RunResult failed = revert("pwrite=lost");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: inode 2 was written to " + device.path() +
-                              ", but reads back differently\n");
+    EXPECT_EQ(failed.err, "zu_tierctl: wrote, but reads back differently: " + block() + "\n");
+}
+
+// What is written must take the place of what was shown.
+TEST_F(RevertFaults, ABlockThatChangesIsNotWritten)
+{
+    const auto before = device.bytes();
+    const RunResult failed = revert("pread" + at(offset) + "#2=EIO;pwrite=pass");
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_EQ(failed.err,
+              "zu_tierctl: nothing was written: " + block() + " has changed meanwhile\n");
+    const RunResult lost = revert("pread" + at(offset) + "#3=EIO;pwrite=pass");
+    EXPECT_EQ(lost.status, 1) << lost;
+    EXPECT_EQ(lost.err,
+              "zu_tierctl: nothing was written: cannot read " + block() + ": Input/output error\n");
+    EXPECT_TRUE(device.bytes() == before);
+}
+
+TEST_F(RevertFaults, AWriteOfLessThanABlockIsAnError)
+{
+    const RunResult failed = revert("pwrite=short:512");
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_EQ(failed.err, "zu_tierctl: cannot write " + block() +
+                              ", which may be damaged now: Input/output error\n");
 }
 
 TEST_F(RevertFaults, AnUnreadableBlockCanBeWritten)
 {
-    const RunResult done = revert("pread" + at(offset) + "#2=EIO");
+    const RunResult done = revert("pread" + at(offset) + "#2-3=EIO");
     EXPECT_EQ(done.status, 0) << done;
     EXPECT_TRUE(done.out.starts_with(text("inode 2 at byte %ld\nnow:  cannot be read: "
                                           "Input/output error\nthen: {",

@@ -1,7 +1,7 @@
 // zu_tierctl revert: one entry put back from a saved file.
 
-#include "cache.h"
 #include "loop_device.h"
+#include "revert_run.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -13,53 +13,6 @@ using namespace tier_test;
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr char NOTHING_WRITTEN[] = "zu_tierctl: nothing was written: --commit writes it\n";
-
-class Revert : public testing::TestWithParam<std::string> {
-protected:
-    explicit Revert(const std::string &layout) : cache(make_cache(layout)) { save(); }
-    Revert() : Revert(GetParam()) {}
-
-    Cache cache;
-    const TempDir directory;
-    const std::string saved = directory.path("saved");
-
-    void save() const
-    {
-        const RunResult run = run_ctl({"save", cache.device.path(), saved});
-        EXPECT_EQ(run.status, 0) << run;
-    }
-
-    RunResult revert(const std::string &table, std::uint64_t no,
-                     const std::vector<std::string> &options = {}) const
-    {
-        return revert_on(cache.device.path(), table, no, options);
-    }
-
-    RunResult revert_on(const std::string &device, const std::string &table, std::uint64_t no,
-                        const std::vector<std::string> &options = {}) const
-    {
-        std::vector<std::string> args{"revert", saved, device, table, std::to_string(no)};
-        args.insert(args.end(), options.begin(), options.end());
-        return run_ctl(args);
-    }
-
-    // Refused with and without --commit, and nothing is written.
-    void expect_refused(const std::string &table, std::uint64_t no, const std::string &complaint,
-                        int status = 1) const
-    {
-        const auto before = cache.device.bytes();
-        for (const auto &options : {std::vector<std::string>{}, {"--commit"}})
-            expect_complaint(revert(table, no, options), status, complaint);
-        EXPECT_TRUE(cache.device.bytes() == before);
-    }
-
-    Block block_of(const std::string &table, std::uint64_t no) const
-    {
-        return cache.device.block(static_cast<std::uint64_t>(cache.offset(table, no)));
-    }
-};
 
 class RevertV1 : public Revert {
 protected:
@@ -198,7 +151,9 @@ TEST_P(Revert, DamagedEntriesAreNotPutBack)
         flip(cache.device, table.offset(1) + 20);
         save();
         flip(cache.device, table.offset(1) + 20);
-        expect_refused(table.name, 1, table.name + " 1 is damaged in " + saved);
+        expect_refused(table.name, 1,
+                       table.name + " 1 is damaged in " + saved +
+                           " (checksum); to put it back as it was: --damaged");
     }
 }
 
@@ -271,7 +226,9 @@ TEST_F(RevertV1, RecordsThatDoNotFitTheirSlots)
     fs::remove(saved);
     save();
     flip(cache.device, cache.offset("extent", 1) + 30);
-    expect_refused("extent", 1, "extent 1 is damaged in " + saved);
+    expect_refused("extent", 1,
+                   "extent 1 is damaged in " + saved +
+                       " (record that does not fit its slot); to put it back as it was: --damaged");
 }
 
 TEST_F(RevertV1, WhatIsNotASavedFile)
@@ -331,7 +288,8 @@ TEST_F(RevertV1, BadCommandLines)
     }
     const RunResult help = run_ctl({"revert", "--help"});
     EXPECT_EQ(help.status, 0);
-    for (const std::string word : {"SAVED", "DEVICE", "TABLE", "NO", "--commit", "same size"})
+    for (const std::string word :
+         {"SAVED", "DEVICE", "TABLE", "NO", "--commit", "--damaged", "--other-device", "same size"})
         EXPECT_NE(help.out.find(word), std::string::npos) << word;
 }
 

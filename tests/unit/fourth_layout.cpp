@@ -81,6 +81,7 @@ constexpr tier_table SUPER = {
     .fields = [] { return tier_make_columns(SUPER_FIELDS); },
     .keys = [] { return tier_make_columns(SUPER_KEYS); },
     .repair = {parse_super, nullptr},
+    .claim = {"identity", tier_number_at(offsetof(DepotSuper, uuid), 8), true},
     .rules = RULES,
 };
 

@@ -86,6 +86,30 @@ protected:
     }
 };
 
+// A super block is put back where it, or else the shelves, say that it is the same depot.
+TEST_F(FourthLayout, RevertOfTheSuperBlock)
+{
+    const std::string saved = save();
+    const Block then = device.block(TIER_SUPER_OFFSET);
+    const tierctl::RevertOptions options = {
+        .saved = saved, .device = device.path(), .table = "super", .no = 0, .commit = true};
+    device.write(TIER_SUPER_OFFSET, Block{});
+    printed([&] { tierctl::revert(options); });
+    EXPECT_TRUE(device.block(TIER_SUPER_OFFSET) == then);
+    Block other = then;
+    other[offsetof(DepotSuper, uuid)] ^= 1;
+    seal(other, sizeof(DepotSuper));
+    device.write(TIER_SUPER_OFFSET, other);
+    EXPECT_THROW(tierctl::revert(options), std::runtime_error);
+    device.write(TIER_SUPER_OFFSET, Block{});
+    Block shelf = device.block(DEPOT.shelves_at);
+    shelf[offsetof(DepotShelf, uuid)] ^= 0x80;
+    seal(shelf, sizeof(DepotShelf) + 8 * DEPOT_LEVELS);
+    device.write(DEPOT.shelves_at, shelf);
+    EXPECT_THROW(tierctl::revert(options), std::runtime_error);
+    EXPECT_TRUE(device.block(TIER_SUPER_OFFSET) == Block{});
+}
+
 TEST_F(FourthLayout, CheckOfASoundDevice)
 {
     const ordered_json report = check();

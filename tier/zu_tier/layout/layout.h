@@ -104,7 +104,7 @@ struct tier_owner {
 };
 
 /* What no two entries in use may both have: an identity of 16 bytes, or a number among the entries
- * of one owner. */
+ * of one owner. The claim of a super block is the identity of the cache. */
 struct tier_claim {
     std::string_view what; /* empty: they claim nothing */
     tier_number number;    /* an identity begins where this would lie */

@@ -70,6 +70,7 @@ constexpr tier_table tier_super_table(uint32_t magic,
         .fields = fields,
         .keys = keys,
         .repair = repair,
+        .claim = {"identity", tier_number_at(offsetof(Super, sb_uuid), 8), true},
         .rules = rules,
     };
 }

@@ -3,10 +3,14 @@
 #include "zu_tierctl/device/error.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <new>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace tierctl {
 
@@ -65,10 +69,26 @@ bool Device::read(int64_t offset, void *data, size_t length) const
     return zutr_readn(fd_.get(), data, length, offset) >= 0;
 }
 
-void Device::write_block(int64_t offset, const void *block)
+void Device::write_block(int64_t offset, const void *expected, const void *block)
 {
-    if (zutr_writen(fd_.get(), block, SIZE_4K, offset) < 0 || fsync(fd_.get()) != 0) {
-        throw_errno("cannot write " + path_);
+    const std::string where = fmt::format("the block at byte {} of {}", offset, path_);
+    alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> stored;
+    const bool is_read = read(offset, stored.data(), SIZE_4K);
+    if (!is_read && (expected != nullptr || errno == ENXIO)) {
+        throw_errno("nothing was written: cannot read " + where);
+    }
+    if (is_read && (expected == nullptr || memcmp(stored.data(), expected, SIZE_4K) != 0)) {
+        throw std::runtime_error("nothing was written: " + where + " has changed meanwhile");
+    }
+    errno = EIO; /* the reason when only a part of it was written */
+    if (pwrite(fd_.get(), block, SIZE_4K, offset) != ssize_t{SIZE_4K} || fsync(fd_.get()) != 0) {
+        throw_errno("cannot write " + where + ", which may be damaged now");
+    }
+    if (!read(offset, stored.data(), SIZE_4K)) {
+        throw_errno("wrote, but cannot read back " + where);
+    }
+    if (memcmp(stored.data(), block, SIZE_4K) != 0) {
+        throw std::runtime_error("wrote, but reads back differently: " + where);
     }
 }
 

@@ -31,9 +31,11 @@ public:
      * read or lies outside the device, or when `offset` is no multiple of 4096. */
     bool read(int64_t offset, void *data, size_t length) const;
 
-    /* Writes one 4096-byte block to the device and waits until it is there; throws when that fails.
-     */
-    void write_block(int64_t offset, const void *block);
+    /* The only way to write to a device: puts `block` in place of the block at `offset`, which must
+     * still be `expected`, or still be unreadable when that is null. Waits until it is there, reads
+     * it back and compares. All blocks have 4096 bytes, aligned to 4096. Throws; the message says
+     * whether anything was written. */
+    void write_block(int64_t offset, const void *expected, const void *block);
 
 private:
     std::string path_;

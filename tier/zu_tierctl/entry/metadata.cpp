@@ -2,7 +2,7 @@
 
 #include "zu_tierctl/device/error.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace tierctl {
 
@@ -19,6 +19,14 @@ bool is_super(const tier_layout &layout, const Block &block)
            Table(*layout.tables.front(), block.data()).flaws(0, block.data()) == 0;
 }
 
+const tier_layout *layout_of(const Block &block)
+{
+    const auto layouts = tier_layouts();
+    const auto found = std::ranges::find_if(
+        layouts, [&block](const tier_layout *layout) { return is_super(*layout, block); });
+    return found == layouts.end() ? nullptr : *found;
+}
+
 Block read_super(const Device &device)
 {
     alignas(SIZE_4K) Block block;
@@ -31,12 +39,11 @@ Block read_super(const Device &device)
 Metadata read_metadata(const Device &device)
 {
     const Block block = read_super(device);
-    for (const tier_layout *layout : tier_layouts()) {
-        if (is_super(*layout, block)) {
-            return {layout, block, tables_of(*layout, block.data())};
-        }
+    const tier_layout *layout = layout_of(block);
+    if (layout == nullptr) {
+        throw std::runtime_error(device.path() + " has no super block of a known layout");
     }
-    throw std::runtime_error(device.path() + " has no super block of a known layout");
+    return {layout, block, tables_of(*layout, block.data())};
 }
 
 } // namespace tierctl

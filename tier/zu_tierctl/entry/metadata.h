@@ -27,6 +27,9 @@ bool looks_like(const tier_layout &layout, const Block &block);
 /* Whether it is a sound super block of the layout, as the tool tests it. */
 bool is_super(const tier_layout &layout, const Block &block);
 
+/* The layout of which it is a sound super block; null: it is none. */
+const tier_layout *layout_of(const Block &block);
+
 /* Reads the block in which the super block lies, whatever it holds. Throws. */
 Block read_super(const Device &device);
 

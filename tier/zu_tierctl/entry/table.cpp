@@ -21,6 +21,19 @@ size_t end_of(const tier_number &number)
 
 } // namespace
 
+std::string flaws_text(uint32_t flaws)
+{
+    constexpr std::pair<Flaw, const char *> NAMES[] = {
+        {BAD_MAGIC, "magic"}, {BAD_NUMBER, "number"}, {BAD_CHECKSUM, "checksum"}};
+    std::vector<const char *> names;
+    for (const auto &[flaw, name] : NAMES) {
+        if ((flaws & flaw) != 0) {
+            names.push_back(name);
+        }
+    }
+    return fmt::format("{}", fmt::join(names, ", "));
+}
+
 Table::Table(const tier_table &table, const void *sb)
     : row(&table), name(table.name), record_length(table.record_length(sb)),
       first_word(table.packed() ? table.parts->first : 0),

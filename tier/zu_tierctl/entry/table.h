@@ -17,6 +17,9 @@ enum Flaw : uint32_t {
     BAD_CHECKSUM = 4,
 };
 
+/* Their names: "magic, checksum". */
+std::string flaws_text(uint32_t flaws);
+
 /* The name of the super block's table. */
 inline constexpr std::string_view SUPER_TABLE = "super";
 

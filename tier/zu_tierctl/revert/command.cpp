@@ -13,13 +13,15 @@ namespace {
 
 constexpr const char REVERT_FOOTER[] =
     "Shows the entry as it is now, as it was then, and each field that differs. Refuses when the\n"
-    "super blocks of SAVED and DEVICE differ, and when the entry is damaged or missing in SAVED.\n"
-    "To put back the super block itself, TABLE is super and NO is 0: then SAVED and DEVICE must\n"
-    "have the same size, and what DEVICE holds at that place does not matter.\n"
+    "super blocks of SAVED and DEVICE differ, when the entry is missing in SAVED, and, without\n"
+    "--damaged, when it is damaged there: as is what was repaired after it had been saved.\n"
+    "To put back the super block itself, TABLE is super and NO is 0. What DEVICE holds at that\n"
+    "place may be damaged, but SAVED and DEVICE must have the same size, and the same identity\n"
+    "(uuid) in their super blocks or, when it is damaged, in their tables.\n"
     "\n"
-    "Example, which undoes a repair:\n"
-    "  zu_tierctl revert before.img /dev/nvme0n1 inode 7\n"
-    "  zu_tierctl revert before.img /dev/nvme0n1 inode 7 --commit";
+    "Example, which undoes the repair of a damaged entry:\n"
+    "  zu_tierctl revert before.img /dev/nvme0n1 inode 7 --damaged\n"
+    "  zu_tierctl revert before.img /dev/nvme0n1 inode 7 --damaged --commit";
 
 } // namespace
 
@@ -42,6 +44,11 @@ void add_revert(CLI::App &app)
     command->add_flag("--commit", options->commit,
                       "Write: a block device is opened for this program alone, and what was\n"
                       "written is read back");
+    command->add_flag("--damaged", options->damaged,
+                      "Put an entry back that was damaged when it was saved, as it was");
+    command->add_flag("--other-device", options->other_device,
+                      "Put the super block back although DEVICE does not seem to be the device\n"
+                      "that was saved: it takes the identity of that one");
     command->callback([options] { revert(*options); });
 }
 

@@ -11,6 +11,8 @@ struct RevertOptions {
     std::string table;
     uint64_t no = 0;
     bool commit = false;
+    bool damaged = false;      /* puts back what was damaged when it was saved, too */
+    bool other_device = false; /* puts back the super block of a device that seems another one */
 };
 
 /* Shows an entry as it is on the device and as it was in a saved file and, with `commit`, puts its

@@ -102,17 +102,9 @@ private:
 
     void note_flaws()
     {
-        constexpr std::pair<Flaw, const char *> NAMES[] = {
-            {BAD_MAGIC, "magic"}, {BAD_NUMBER, "number"}, {BAD_CHECKSUM, "checksum"}};
         const uint32_t flaws = table_.flaws(no_, stored_.data());
-        std::vector<const char *> names;
-        for (const auto &[flaw, name] : NAMES) {
-            if ((flaws & flaw) != 0) {
-                names.push_back(name);
-            }
-        }
-        if (!names.empty()) {
-            note(fmt::format("damaged: {}", fmt::join(names, ", ")));
+        if (flaws != 0) {
+            note("damaged: " + flaws_text(flaws));
         }
         if ((flaws & BAD_NUMBER) != 0) {
             note(fmt::format("has number {}, the file has {}",

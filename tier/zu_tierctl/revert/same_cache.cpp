@@ -1,0 +1,117 @@
+#include "zu_tierctl/revert/same_cache.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <span>
+
+namespace tierctl {
+
+namespace {
+
+constexpr size_t IDENTITY_SIZE = 16;
+
+/* The super block of one side. */
+struct Side {
+    bool sound;
+    std::string identity;
+};
+
+/* What the identities in the entries of both sides say. */
+struct Evidence {
+    uint64_t same = 0;
+    uint64_t other = 0;
+    std::string tables; /* that were compared */
+};
+
+/* A super block that is damaged is taken for one of `layout`. */
+Side read_side(const Device &device, const tier_layout &layout)
+{
+    alignas(SIZE_4K) Block block;
+    if (!device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K)) {
+        return {false, ""};
+    }
+    const tier_layout *own = layout_of(block);
+    return {own != nullptr, cache_identity(own != nullptr ? *own : layout, block)};
+}
+
+bool is_sound_and_in_use(const Table &table, uint64_t no, const uint8_t *slot)
+{
+    return table.flaws(no, slot) == 0 && table.in_use(slot);
+}
+
+/* Compares the entries that are sound and in use on both sides. */
+void compare(const Device &saved, const Device &device, const Table &table, Evidence &evidence)
+{
+    const uint32_t at = table.row->claim.number.at;
+    alignas(SIZE_4K) Block now;
+    read_table(saved, table.regions, [&](const Slots &slots) {
+        for (uint64_t i = 0; slots.data != nullptr && i < slots.count; i++) {
+            const uint64_t no = slots.first_no + i;
+            const uint8_t *then = slots.slot(i);
+            if (is_sound_and_in_use(table, no, then) &&
+                device.read(table.slot(no), now.data(), SIZE_4K) &&
+                is_sound_and_in_use(table, no, now.data())) {
+                const bool same = memcmp(then + at, now.data() + at, IDENTITY_SIZE) == 0;
+                (same ? evidence.same : evidence.other)++;
+            }
+        }
+    });
+}
+
+/* Of entries that belong to no others, like bricks. What belongs to these comes and goes. */
+bool tells_the_cache(const Table &table)
+{
+    return table.name != SUPER_TABLE && table.row->claim.is_identity &&
+           table.row->owner.table.empty() && table.identifies();
+}
+
+Evidence compare_tables(const Device &saved, const Device &device, const Metadata &metadata)
+{
+    Evidence evidence;
+    for (const Table &table : metadata.tables) {
+        if (tells_the_cache(table)) {
+            compare(saved, device, table, evidence);
+            evidence.tables += fmt::format("{}{}", evidence.tables.empty() ? "" : ", ", table.name);
+        }
+    }
+    return evidence;
+}
+
+} // namespace
+
+std::string cache_identity(const tier_layout &layout, const Block &super_block)
+{
+    const tier_claim &claim = layout.tables.front()->claim;
+    if (!claim.is_identity) {
+        return "";
+    }
+    const auto identity = std::span(super_block).subspan(claim.number.at, IDENTITY_SIZE);
+    const bool is_nil = std::ranges::all_of(identity, [](uint8_t byte) { return byte == 0; });
+    return is_nil ? "" : zutr_uuid_utoa(identity.data());
+}
+
+std::string other_cache_reason(const Device &saved, const Device &device, const Metadata &metadata)
+{
+    const Side then = read_side(saved, *metadata.layout);
+    const Side now = read_side(device, *metadata.layout);
+    if (!then.identity.empty() && then.identity == now.identity) {
+        return "";
+    }
+    if (then.sound && now.sound && !then.identity.empty() && !now.identity.empty()) {
+        return fmt::format("{} is the cache {}, {} was saved from the cache {}", device.path(),
+                           now.identity, saved.path(), then.identity);
+    }
+    const auto [same, other, tables] = compare_tables(saved, device, metadata);
+    if (other != 0) {
+        return fmt::format("{} of the {} entries ({}) that are sound in both have another identity "
+                           "on {} than in {}",
+                           other, same + other, tables, device.path(), saved.path());
+    }
+    return same != 0 ? ""
+                     : fmt::format("nothing shows that {} is the device of {}: no entry ({}) is "
+                                   "sound and in use in both",
+                                   device.path(), saved.path(), tables);
+}
+
+} // namespace tierctl
