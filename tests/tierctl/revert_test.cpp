@@ -280,7 +280,8 @@ TEST_F(RevertV1, BadCommandLines)
     const std::string device = cache.device.path();
     for (const auto &args : std::vector<std::vector<std::string>>{
              {"revert", saved, device, "inode", "x"},
-             {"revert", saved, device, "inode", "0x1"},
+             {"revert", saved, device, "inode", "0x"},
+             {"revert", saved, device, "inode", "-1"},
              {"revert", saved, device, "inode", "18446744073709551616"}}) {
         const RunResult run = run_ctl(args);
         EXPECT_EQ(run.status, 2) << run;

@@ -250,6 +250,8 @@ TEST_F(SampleDamage, BadRequestsAreRefused)
         {"inode:x", "expected an entry of 0..39"},
         {"inode:1x", "expected an entry of 0..39"},
         {"inode:-1", "expected an entry of 0..39"},
+        {"inode:08", "expected an entry of 0..39"},
+        {"inode:0x28", "expected an entry of 0..39"},
         {"inode:40", "expected an entry of 0..39"},
         {"inode:18446744073709551616", "expected an entry of 0..39"},
         {"brick:6", "expected an entry of 0..5"},
@@ -294,6 +296,18 @@ TEST_F(SampleDamage, HotBlocksAreZeroedByDefault)
 }
 
 // One damage could undo the other.
+// Numbers are read as zu_tier reads that of -n.
+TEST_F(SampleDamage, NumbersInOtherNotations)
+{
+    const auto image = [](const std::string &no, const std::string &inodes) {
+        return make_sample({"--inodes", inodes, "--damage", "inode:" + no}).bytes();
+    };
+    const auto plain = image("16", "20");
+    EXPECT_TRUE(image("0x10", "20") == plain);
+    EXPECT_TRUE(image("020", "024") == plain);
+    EXPECT_TRUE(image("16", "0x14") == plain);
+}
+
 TEST_F(SampleDamage, AnEntryIsDamagedOnce)
 {
     expect_refused({"--damage", "brick:1", "--damage", "brick:1:bit"},

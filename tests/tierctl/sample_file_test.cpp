@@ -240,7 +240,7 @@ TEST_F(SampleFile, SizesOutOfRange)
     };
     expect_sizes_refused(sizes);
     for (const SizeBounds &size : sizes)
-        for (const std::string value : {"x", "-1", "+1", "1.5", "0x10", "18446744073709551616"})
+        for (const std::string value : {"x", "-1", "+1", "1.5", "08", "0x", "18446744073709551616"})
             expect_refused({size.option, value},
                            size.option + " " + value + ": expected a number of up to 64 bits");
 }

@@ -5,10 +5,31 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
 
 using namespace tier_test;
 
 namespace {
+
+const std::vector<std::string> NO_NUMBERS{"",
+                                          "x",
+                                          "1x",
+                                          " 1",
+                                          "1 ",
+                                          "\t1",
+                                          "+1",
+                                          "1.0",
+                                          "1e1",
+                                          "08",
+                                          "0x",
+                                          "0xg",
+                                          "0x 1",
+                                          "0x-1",
+                                          "1\n",
+                                          "18446744073709551616",
+                                          "0x10000000000000000",
+                                          "02000000000000000000000"};
 
 class TemplateCommand : public testing::Test {
 protected:
@@ -34,10 +55,27 @@ TEST_F(TemplateCommand, Tables)
 
 TEST_F(TemplateCommand, Numbers)
 {
-    for (const std::string no : {"", "x", "1x", "0x1", " 1", "1 ", "18446744073709551616", "1.0"})
+    for (const std::string &no : NO_NUMBERS)
         refuse({"inode", no}, 2, "NO " + no + ": expected a number of up to 64 bits");
+    EXPECT_EQ(run_template(device, {"inode", "-1"}).status, 2);
     EXPECT_EQ(run_template(device, {"inode", "007"}).status, 2);
-    EXPECT_EQ(run_template(device, {"inode", "002"}).out, run_template(device, {"inode", "2"}).out);
+    for (const std::string no : {"002", "0x2", "0X02"})
+        EXPECT_EQ(run_template(device, {"inode", no}).out,
+                  run_template(device, {"inode", "2"}).out);
+}
+
+// The same text is the same number in both programs.
+TEST_F(TemplateCommand, NumbersAreThoseOfTheTool)
+{
+    const SuperV1 many = super_v1(1, 20, 1);
+    const Device other = make_v1_device(many, {});
+    for (const auto &[no, value] : std::map<std::string, std::uint64_t>{
+             {"10", 10}, {"010", 8}, {"0x10", 16}, {"0XF", 15}, {"00", 0}, {"017", 15}}) {
+        const LoggedRun dumped = run_logged(other, "dump_inode", {"-n", no});
+        EXPECT_EQ(nlohmann::json::parse(dumped.out)["no"], value) << dumped;
+        const RunResult made = run_template(other, {"inode", no});
+        EXPECT_EQ(nlohmann::json::parse(made.out)["i_no"], value) << made;
+    }
 }
 
 TEST_F(TemplateCommand, Layouts)

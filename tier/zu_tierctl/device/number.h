@@ -2,22 +2,27 @@
 
 #include "zu_tierctl/device/error.h"
 
-#include <charconv>
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace tierctl {
 
-/* The decimal number in `text`; nothing when it holds anything else, or a number of more than 64
- * bits. */
+/* The number in `text`, read as zu_tier reads that of its option -n: decimal, hexadecimal after 0x,
+ * octal after 0. Nothing when it is anything else, or a number of more than 64 bits. */
 inline std::optional<uint64_t> parse_number(std::string_view text)
 {
-    uint64_t value = 0;
-    const char *end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc{} || stop != end) {
+    const std::string copy(text);
+    if (copy.empty() || copy.front() < '0' || copy.front() > '9') { /* nor a sign, nor a blank */
+        return std::nullopt;
+    }
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long long value = strtoull(copy.c_str(), &end, 0);
+    if (errno != 0 || end != copy.c_str() + copy.size()) {
         return std::nullopt;
     }
     return value;

@@ -67,7 +67,7 @@ std::string seed_help()
                        SampleOptions{}.seed, SAMPLE_DATE);
 }
 
-/* Adds an option with a number. The library would read -1 as the largest number and 010 as 8. */
+/* Adds an option with a number. The library would read -1 as the largest number. */
 void add_number(CLI::App *command, const std::string &name,
                 const std::function<void(uint64_t)> &store, const std::string &help)
 {
