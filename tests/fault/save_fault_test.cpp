@@ -155,7 +155,7 @@ TEST_F(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
     const auto before = device.bytes();
     const RunResult failed = revert("pwrite=EIO");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: cannot write " + block() +
+    EXPECT_EQ(failed.err, "zu_tierctl: inode 2: cannot write " + block() +
                               ", which may be damaged now: Input/output error\n");
     EXPECT_TRUE(device.bytes() == before);
 }
@@ -174,32 +174,35 @@ TEST_F(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
 
 TEST_F(RevertFaults, WhatCannotBeReadBackIsAnError)
 {
-    // After the entry of the saved file: shown, checked before the write, read back.
-    const RunResult failed = revert("pread" + at(offset) + "#4=EIO");
+    // Both blocks are read to be shown and again to be written; then come check and comparison.
+    const RunResult failed = revert("pread" + at(offset) + "#6=EIO");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err,
-              "zu_tierctl: wrote, but cannot read back " + block() + ": Input/output error\n");
+    EXPECT_EQ(failed.err, "zu_tierctl: inode 2: wrote, but cannot read back " + block() +
+                              ": Input/output error\n");
 }
 
 TEST_F(RevertFaults, AWriteThatIsLostIsAnError)
 {
     const RunResult failed = revert("pwrite=lost");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: wrote, but reads back differently: " + block() + "\n");
+    EXPECT_EQ(failed.err,
+              "zu_tierctl: inode 2: wrote, but reads back differently: " + block() + "\n");
 }
 
 // What is written must take the place of what was shown.
 TEST_F(RevertFaults, ABlockThatChangesIsNotWritten)
 {
     const auto before = device.bytes();
-    const RunResult failed = revert("pread" + at(offset) + "#2=EIO;pwrite=pass");
-    EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err,
-              "zu_tierctl: nothing was written: " + block() + " has changed meanwhile\n");
-    const RunResult lost = revert("pread" + at(offset) + "#3=EIO;pwrite=pass");
+    for (const char *turn : {"#2", "#4"}) {
+        const RunResult failed = revert("pread" + at(offset) + turn + "=EIO;pwrite=pass");
+        EXPECT_EQ(failed.status, 1) << failed;
+        EXPECT_EQ(failed.err,
+                  "zu_tierctl: inode 2: nothing was written: it has changed since it was shown\n");
+    }
+    const RunResult lost = revert("pread" + at(offset) + "#5=EIO;pwrite=pass");
     EXPECT_EQ(lost.status, 1) << lost;
-    EXPECT_EQ(lost.err,
-              "zu_tierctl: nothing was written: cannot read " + block() + ": Input/output error\n");
+    EXPECT_EQ(lost.err, "zu_tierctl: inode 2: nothing was written: cannot read " + block() +
+                            ": Input/output error\n");
     EXPECT_TRUE(device.bytes() == before);
 }
 
@@ -207,13 +210,46 @@ TEST_F(RevertFaults, AWriteOfLessThanABlockIsAnError)
 {
     const RunResult failed = revert("pwrite=short:512");
     EXPECT_EQ(failed.status, 1) << failed;
-    EXPECT_EQ(failed.err, "zu_tierctl: cannot write " + block() +
+    EXPECT_EQ(failed.err, "zu_tierctl: inode 2: cannot write " + block() +
                               ", which may be damaged now: Input/output error\n");
+}
+
+TEST_F(RevertFaults, OfSeveralItIsSaidWhichAreWritten)
+{
+    const std::string name = device.path();
+    for (const std::uint32_t no : {0, 1, 3, 4}) {
+        const auto place = static_cast<std::uint64_t>(inode_offset(sb, no));
+        Block damaged = device.block(place);
+        damaged[60] ^= 1;
+        device.write(place, damaged);
+    }
+    const auto revert_all = [&](const std::string &faults) {
+        return run({"revert", file, device.path(), "inode", "0..4", "--commit"}, faults);
+    };
+    const RunResult first = revert_all("pwrite" + at(inode_offset(sb, 0)) + "=EIO");
+    EXPECT_EQ(first.status, 1);
+    EXPECT_EQ(first.err,
+              text("zu_tierctl: inode 0: cannot write the block at byte %ld of %s, which "
+                   "may be damaged now: Input/output error; not written: inode 1..4\n",
+                   inode_offset(sb, 0), name.c_str()));
+    const RunResult third = revert_all("pwrite" + at(offset) + "=EIO");
+    EXPECT_EQ(third.status, 1);
+    EXPECT_EQ(third.err, "zu_tierctl: inode 2: cannot write " + block() +
+                             ", which may be damaged now: Input/output error; written: inode "
+                             "0..1; not written: inode 3..4\n");
+    const RunResult rest = revert_all("pwrite" + at(inode_offset(sb, 4)) + "=EIO");
+    EXPECT_TRUE(rest.err.ends_with("; written: inode 2..3\n")) << rest;
+    // The first write of standard output shows the entry, the second says that it was written.
+    const RunResult unsaid = revert_all("write#2=ENOSPC");
+    EXPECT_EQ(unsaid.status, 1);
+    EXPECT_EQ(unsaid.err, "zu_tierctl: cannot write to standard output: No space left on device; "
+                          "written: inode 4\n");
+    EXPECT_EQ(run({"diff", file, device.path()}, "pread#99=pass").status, 0);
 }
 
 TEST_F(RevertFaults, AnUnreadableBlockCanBeWritten)
 {
-    const RunResult done = revert("pread" + at(offset) + "#2-3=EIO");
+    const RunResult done = revert("pread" + at(offset) + "#2=EIO;pread" + at(offset) + "#3-4=EIO");
     EXPECT_EQ(done.status, 0) << done;
     EXPECT_TRUE(done.out.starts_with(text("inode 2 at byte %ld\nnow:  cannot be read: "
                                           "Input/output error\nthen: {",

@@ -60,6 +60,11 @@ protected:
         put_block(cache.device, cache.offset(table, no), block);
     }
 
+    bool is_packed(const std::string &table) const
+    {
+        return model(cache.layout[1] - '0', table).is_packed();
+    }
+
     Block block_of(const std::string &table, std::uint64_t no) const
     {
         return cache.device.block(static_cast<std::uint64_t>(cache.offset(table, no)));

@@ -210,9 +210,10 @@ TEST_P(Revert, NoSuchEntry)
 {
     for (const CacheTable &table : cache.tables)
         for (const std::uint64_t no : {table.count, ~std::uint64_t{0}})
-            expect_refused(
-                table.name, no,
-                text("%s %lu: the table has %lu entries", table.name.c_str(), no, table.count), 2);
+            expect_refused(table.name, no,
+                           text("%s %lu: the table has %lu %s", table.name.c_str(), no, table.count,
+                                is_packed(table.name) ? "blocks" : "entries"),
+                           2);
     const std::string known = GetParam() == "v3" ? "super, brick, inode, shard, hot, extent"
                                                  : "super, brick, inode, extent";
     expect_refused("none", 0, "there is no table none, but " + known, 2);

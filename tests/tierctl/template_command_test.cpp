@@ -12,8 +12,7 @@ using namespace tier_test;
 
 namespace {
 
-const std::vector<std::string> NO_NUMBERS{"",
-                                          "x",
+const std::vector<std::string> NO_NUMBERS{"x",
                                           "1x",
                                           " 1",
                                           "1 ",
@@ -46,17 +45,19 @@ TEST_F(TemplateCommand, Tables)
 {
     for (const std::string table : {"shard", "hot", "", "Inode", "inodes"})
         refuse({table, "0"}, 2, "there is no table " + table + ", but super, brick, inode, extent");
-    refuse({"super", "1"}, 2, "there is no super 1 among 1");
-    refuse({"brick", "2"}, 2, "there is no brick 2 among 2");
-    refuse({"inode", "3"}, 2, "there is no inode 3 among 3");
+    refuse({"super", "1"}, 2, "super 1: the table has 1 entries");
+    refuse({"brick", "2"}, 2, "brick 2: the table has 2 entries");
+    refuse({"inode", "3"}, 2, "inode 3: the table has 3 entries");
     refuse({"extent", "18446744073709551615"}, 2,
-           "there is no extent 18446744073709551615 among 4");
+           "extent 18446744073709551615: the table has 4 entries");
 }
 
 TEST_F(TemplateCommand, Numbers)
 {
     for (const std::string &no : NO_NUMBERS)
-        refuse({"inode", no}, 2, "NO " + no + ": expected a number of up to 64 bits");
+        refuse({"inode", no}, 2,
+               "NO " + no + ": expected a number of up to 64 bits, or several as in 3,7,9..12");
+    refuse({"inode", ""}, 2, "NO is required");
     EXPECT_EQ(run_template(device, {"inode", "-1"}).status, 2);
     EXPECT_EQ(run_template(device, {"inode", "007"}).status, 2);
     for (const std::string no : {"002", "0x2", "0X02"})
@@ -122,8 +123,9 @@ TEST_F(TemplateCommand, HostileGeometry)
                                         ": No such device or address");
     v3.inode_cnt = v3.shard_cnt = v3.extent_cnt = v3.hot_table_size = 0;
     other.write(4096, encode(v3));
-    for (const std::string table : {"inode", "shard", "extent", "hot"})
-        expect_template_failure(other, {table, "0"}, 2, "there is no " + table + " 0 among 0");
+    for (const auto &[table, unit] : std::map<std::string, std::string>{
+             {"inode", "entries"}, {"shard", "blocks"}, {"extent", "blocks"}, {"hot", "entries"}})
+        expect_template_failure(other, {table, "0"}, 2, table + " 0: the table has 0 " + unit);
 }
 
 // The command to use next can be pasted.

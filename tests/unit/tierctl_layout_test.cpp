@@ -57,7 +57,9 @@ protected:
                                     const std::string &layout = "") const
     {
         const tierctl::Device opened(device.path(), tierctl::Access::read_only);
-        return tierctl::make_template(opened, table, no, layout);
+        const auto metadata = tierctl::read_template_metadata(opened, table, layout);
+        return tierctl::make_template(opened, metadata, tierctl::find_table(metadata.tables, table),
+                                      no, "");
     }
 
     std::string save() const
@@ -91,8 +93,10 @@ TEST_F(FourthLayout, RevertOfTheSuperBlock)
 {
     const std::string saved = save();
     const Block then = device.block(TIER_SUPER_OFFSET);
-    const tierctl::RevertOptions options = {
-        .saved = saved, .device = device.path(), .table = "super", .no = 0, .commit = true};
+    const tierctl::RevertOptions options = {.saved = saved,
+                                            .device = device.path(),
+                                            .entries = tierctl::read_operands("super", "0"),
+                                            .commit = true};
     device.write(TIER_SUPER_OFFSET, Block{});
     printed([&] { tierctl::revert(options); });
     EXPECT_TRUE(device.block(TIER_SUPER_OFFSET) == then);
@@ -197,7 +201,7 @@ TEST_F(FourthLayout, SaveDiffAndRevert)
     EXPECT_TRUE(out.ends_with("  box[517].place: 7 -> 9\n")) << out;
 
     const std::string told = printed([&] {
-        tierctl::revert({saved, device.path(), "shelf", 1, true});
+        tierctl::revert({saved, device.path(), tierctl::read_operands("shelf", "1"), true});
     });
     const std::string then =
         "then: {\"checksum\":\"" + text("0x%x", get_u32(good, 0)) +
@@ -207,7 +211,9 @@ TEST_F(FourthLayout, SaveDiffAndRevert)
     EXPECT_NE(told.find(then), std::string::npos) << told;
     EXPECT_TRUE(told.ends_with("written\n")) << told;
     EXPECT_EQ(device.block(DEPOT.shelves_at + BLOCK_SIZE), good);
-    printed([&] { tierctl::revert({saved, device.path(), "box", 1, true}); });
+    printed([&] {
+        tierctl::revert({saved, device.path(), tierctl::read_operands("box:1000", ""), true});
+    });
     EXPECT_EQ(differences(), "");
 }
 

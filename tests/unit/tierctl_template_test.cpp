@@ -66,8 +66,10 @@ public:
         device_.write(offset, stored);
         super = tierctl::read_super(companion_);
         const bool tells = table_name != "super" || tierctl::looks_like(layout_, super);
+        const tierctl::Metadata damaged = tierctl::read_template_metadata(
+            companion_, table_name, tells ? "" : std::string(layout_.name));
         const tierctl::Template made = tierctl::make_template(
-            companion_, table_name, no, tells ? "" : std::string(layout_.name));
+            companion_, damaged, tierctl::find_table(damaged.tables, table_name), no, "");
         const Notes refusals = notes_with(made.notes, "zu_tier refuses this file as it stands: ");
         const Notes changes = notes_with(made.notes, "a repair changes ");
 

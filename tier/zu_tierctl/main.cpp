@@ -2,6 +2,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/output.h"
+#include "zu_tierctl/entry/table.h"
 
 #include <CLI/CLI.hpp>
 
@@ -48,6 +49,19 @@ int run(int argc, char *argv[], int *status)
 void add_operand(CLI::App &command, const char *name, std::string &value, const std::string &help)
 {
     command.add_option(name, value, help)->type_name("")->required();
+}
+
+void add_entry_operands(CLI::App &command, std::string &table, std::string &numbers)
+{
+    add_operand(command, "TABLE", table,
+                tables_text() + ";\nan inode may lie in the expansion area; of shard,\n"
+                                "hot and the extent of v3 an entry is a block");
+    command
+        .add_option("NO", numbers,
+                    "Number of the entry, 0 for the super block; several\n"
+                    "as in 3,7,9..12. Instead of TABLE NO, extent:1542\n"
+                    "names the block in which extent 1542 is")
+        ->type_name("");
 }
 
 } // namespace tierctl

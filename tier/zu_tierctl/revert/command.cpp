@@ -1,23 +1,24 @@
 #include "zu_tierctl/commands.h"
-#include "zu_tierctl/device/number.h"
-#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/revert/revert.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace tierctl {
 
 namespace {
 
 constexpr const char REVERT_FOOTER[] =
-    "Shows the entry as it is now, as it was then, and each field that differs. Refuses when the\n"
+    "Shows each entry as it is now, as it was then, and every field that differs. Refuses when "
+    "the\n"
     "super blocks of SAVED and DEVICE differ, when the entry is missing in SAVED, and, without\n"
     "--damaged, when it is damaged there: as is what was repaired after it had been saved.\n"
     "To put back the super block itself, TABLE is super and NO is 0. What DEVICE holds at that\n"
     "place may be damaged, but SAVED and DEVICE must have the same size, and the same identity\n"
     "(uuid) in their super blocks or, when it is damaged, in their tables.\n"
+    "Of several entries, all are checked and shown before the first is written.\n"
     "\n"
     "Example, which undoes the repair of a damaged entry:\n"
     "  zu_tierctl revert before.img /dev/nvme0n1 inode 7 --damaged\n"
@@ -28,19 +29,13 @@ constexpr const char REVERT_FOOTER[] =
 void add_revert(CLI::App &app)
 {
     const auto options = std::make_shared<RevertOptions>();
-    CLI::App *command = app.add_subcommand("revert", "Put an entry back from a saved file");
+    const auto operands = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App *command = app.add_subcommand("revert", "Put entries back from a saved file");
     command->footer(REVERT_FOOTER);
     add_operand(*command, "SAVED", options->saved, "Saved file, or any image or device");
     add_operand(*command, "DEVICE", options->device,
                 "Block device or image; written only with --commit");
-    add_operand(*command, "TABLE", options->table,
-                tables_text() + ";\nof shard, hot and the extent of v3 an entry is a block");
-    command
-        ->add_option_function<std::string>(
-            "NO", [options](const std::string &text) { options->no = read_number("NO", text); },
-            "Number of the entry")
-        ->type_name("")
-        ->required();
+    add_entry_operands(*command, operands->first, operands->second);
     command->add_flag("--commit", options->commit,
                       "Write: a block device is opened for this program alone, and what was\n"
                       "written is read back");
@@ -49,7 +44,10 @@ void add_revert(CLI::App &app)
     command->add_flag("--other-device", options->other_device,
                       "Put the super block back although DEVICE does not seem to be the device\n"
                       "that was saved: it takes the identity of that one");
-    command->callback([options] { revert(*options); });
+    command->callback([options, operands] {
+        options->entries = read_operands(operands->first, operands->second);
+        revert(*options);
+    });
 }
 
 } // namespace tierctl

@@ -1,13 +1,18 @@
 #include "zu_tierctl/revert/revert.h"
 
+#include "common/zutr_crc32.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/revert/same_cache.h"
 
 #include <cstring>
 #include <fmt/core.h>
+#include <optional>
+#include <span>
+#include <vector>
 
 namespace tierctl {
 
@@ -18,26 +23,31 @@ public:
     explicit Revert(const RevertOptions &options)
         : options_(options), saved_(options.saved, Access::read_only),
           device_(options.device, options.commit ? Access::exclusive : Access::read_only),
-          metadata_(read_either(options)), table_(find_table(metadata_.tables, options.table)),
-          name_(fmt::format("{} {}", options.table, options.no))
+          metadata_(read_either()), selection_(select_slots(metadata_.tables, options.entries)),
+          table_(selection_.table), unreadable_(options.saved)
     {
-        if (options.no >= table_.count()) {
-            throw UsageError(fmt::format("{}: the table has {} entries", name_, table_.count()));
-        }
-        offset_ = table_.slot(options.no);
     }
 
+    /* Every entry is checked and shown before the first is written. */
     void run()
     {
         require_same_device();
-        load_saved();
-        load_now();
-        if (now_is_read_ && now_ == then_) {
-            print("{} is the same in both: nothing to do\n", name_);
-            finish_output();
+        for (const std::string &note : selection_.notes) {
+            complain(note);
+        }
+        for (const uint64_t no : selection_.slots) {
+            load(no);
+            if (now_is_read_ && now_ == then_) {
+                print("{} is the same in both: nothing to do\n", name(no));
+            } else {
+                show(no);
+                changes_.push_back(change(no));
+            }
+        }
+        finish_output(); /* the operator must see what is replaced before it is written */
+        if (changes_.empty()) {
             return;
         }
-        show();
         if (options_.commit) {
             write();
         } else {
@@ -46,13 +56,24 @@ public:
     }
 
 private:
-    bool is_super() const { return options_.table == SUPER_TABLE; }
+    /* An entry to be written, and the checksums of its blocks as they were shown. */
+    struct Change {
+        uint64_t no;
+        uint32_t then;
+        std::optional<uint32_t> now; /* nothing: it could not be read */
+
+        bool operator==(const Change &) const = default;
+    };
+
+    bool is_super() const { return options_.entries.table == SUPER_TABLE; }
+
+    std::string name(uint64_t no) const { return fmt::format("{} {}", table_.name, no); }
 
     /* The metadata as they were saved. A damaged super block is put back by those of the device. */
-    Metadata read_either(const RevertOptions &options) const
+    Metadata read_either() const
     {
-        const bool may_be_damaged = options.damaged && options.table == SUPER_TABLE;
-        const bool is_damaged = may_be_damaged && layout_of(read_super(saved_)) == nullptr;
+        const bool is_damaged =
+            options_.damaged && is_super() && layout_of(read_super(saved_)) == nullptr;
         return read_metadata(is_damaged ? device_ : saved_);
     }
 
@@ -81,50 +102,66 @@ private:
                              reason, device_.path(), saved_.path()));
     }
 
-    void load_saved()
+    /* Reads the entry on both sides, and throws when it must not be put back. */
+    void load(uint64_t no)
     {
-        if (UnreadableList(saved_.path()).holds(options_.table, options_.no)) {
-            throw std::runtime_error(name_ + " is missing in " + saved_.path() +
+        load_saved(no);
+        load_now(no);
+    }
+
+    void load_saved(uint64_t no)
+    {
+        if (unreadable_.holds(std::string(table_.name), no)) {
+            throw std::runtime_error(name(no) + " is missing in " + saved_.path() +
                                      ": it could not be read when that was saved");
         }
-        if (!saved_.read(offset_, then_.data(), SIZE_4K)) {
-            throw_errno("cannot read " + name_ + " in " + saved_.path());
+        if (!saved_.read(table_.slot(no), then_.data(), SIZE_4K)) {
+            throw_errno("cannot read " + name(no) + " in " + saved_.path());
         }
-        damage_ = damage();
+        damage_ = damage(no);
         if (!damage_.empty() && !options_.damaged) {
             throw std::runtime_error(
-                fmt::format("{} is damaged in {} ({}); to put it back as it was: --damaged", name_,
-                            saved_.path(), damage_));
+                fmt::format("{} is damaged in {} ({}); to put it back as it was: --damaged",
+                            name(no), saved_.path(), damage_));
         }
     }
 
     /* What was wrong with the entry when it was saved; empty: nothing. */
-    std::string damage() const
+    std::string damage(uint64_t no) const
     {
         if (!table_.fits()) {
             return "record that does not fit its slot";
         }
-        const uint32_t flaws = table_.flaws(options_.no, then_.data());
+        const uint32_t flaws = table_.flaws(no, then_.data());
         return flaws == 0 && is_super() && !tierctl::is_super(*metadata_.layout, then_)
                    ? "version"
                    : flaws_text(flaws);
     }
 
     /* A block that cannot be read may still be writable, unless it lies outside the device. */
-    void load_now()
+    void load_now(uint64_t no)
     {
-        now_is_read_ = device_.read(offset_, now_.data(), SIZE_4K);
+        now_is_read_ = device_.read(table_.slot(no), now_.data(), SIZE_4K);
         if (!now_is_read_ && errno == ENXIO) {
-            throw_errno("cannot read " + name_ + " in " + device_.path());
+            throw_errno("cannot read " + name(no) + " in " + device_.path());
         }
         error_ = errno;
     }
 
-    void show() const
+    Change change(uint64_t no) const
     {
-        const Entry then{metadata_, table_, options_.no, then_.data()};
-        const Entry now{metadata_, table_, options_.no, now_.data()};
-        print("{} at byte {}\nnow:  {}\nthen: {}\n", name_, offset_,
+        Change seen{no, zutr_crc32(then_.data(), SIZE_4K), std::nullopt};
+        if (now_is_read_) {
+            seen.now = zutr_crc32(now_.data(), SIZE_4K);
+        }
+        return seen;
+    }
+
+    void show(uint64_t no) const
+    {
+        const Entry then{metadata_, table_, no, then_.data()};
+        const Entry now{metadata_, table_, no, now_.data()};
+        print("{} at byte {}\nnow:  {}\nthen: {}\n", name(no), table_.slot(no),
               now_is_read_ ? entry_text(now) : fmt::format("cannot be read: {}", strerror(error_)),
               entry_text(then));
         if (!damage_.empty()) {
@@ -133,23 +170,64 @@ private:
         if (now_is_read_) {
             print_text(differences_text(entry_differences(now, then)));
         }
-        finish_output(); /* the operator must see what is replaced before it is written */
     }
 
     void write()
     {
-        device_.write_block(offset_, now_is_read_ ? now_.data() : nullptr, then_.data());
-        print("written\n");
-        finish_output();
+        size_t done = 0;
+        try {
+            Progress progress("writing", changes_.size());
+            for (; done < changes_.size(); done++) {
+                write(changes_[done]);
+                progress.add(1);
+            }
+            print("written\n");
+            finish_output();
+        } catch (const std::exception &error) {
+            throw std::runtime_error(outcome(error.what(), done));
+        }
+    }
+
+    void write(const Change &shown)
+    {
+        load(shown.no);
+        if (change(shown.no) != shown) {
+            throw std::runtime_error("nothing was written: it has changed since it was shown");
+        }
+        device_.write_block(table_.slot(shown.no), now_is_read_ ? now_.data() : nullptr,
+                            then_.data());
+    }
+
+    /* What failed after so many writes, and which entries are as they were and as they are to be.
+     */
+    std::string outcome(const std::string &error, size_t done) const
+    {
+        std::vector<uint64_t> numbers;
+        for (const Change &planned : changes_) {
+            numbers.push_back(planned.no);
+        }
+        const std::span all(numbers);
+        std::string text = done < all.size() ? name(all[done]) + ": " + error : error;
+        if (done > 0) {
+            text += fmt::format("; written: {} {}", table_.name, numbers_text(all.first(done)));
+        }
+        if (done + 1 < all.size()) {
+            text += fmt::format("; not written: {} {}", table_.name,
+                                numbers_text(all.subspan(done + 1)));
+        }
+        return text;
     }
 
     const RevertOptions &options_;
     Device saved_;
     Device device_;
     Metadata metadata_;
+    Selection selection_;
     const Table &table_;
-    std::string name_;
-    int64_t offset_ = 0;
+    UnreadableList unreadable_;
+    std::vector<Change> changes_;
+
+    /* The entry that was loaded last. */
     alignas(SIZE_4K) Block then_; /* aligned for direct access */
     alignas(SIZE_4K) Block now_;
     std::string damage_;

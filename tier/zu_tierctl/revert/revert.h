@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cstdint>
+#include "zu_tierctl/entry/selection.h"
+
 #include <string>
 
 namespace tierctl {
@@ -8,15 +9,14 @@ namespace tierctl {
 struct RevertOptions {
     std::string saved;
     std::string device;
-    std::string table;
-    uint64_t no = 0;
+    EntryOperands entries;
     bool commit = false;
     bool damaged = false;      /* puts back what was damaged when it was saved, too */
     bool other_device = false; /* puts back the super block of a device that seems another one */
 };
 
-/* Shows an entry as it is on the device and as it was in a saved file and, with `commit`, puts its
- * block back. Throws, without writing, when the block must not be put back. */
+/* Shows entries as they are on the device and as they were in a saved file and, with `commit`, puts
+ * their blocks back. Throws, before the first is written, when one of them must not be put back. */
 void revert(const RevertOptions &options);
 
 } // namespace tierctl

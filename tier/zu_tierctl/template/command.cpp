@@ -1,19 +1,24 @@
 #include "zu_tier/layout/layout.h"
 #include "zu_tierctl/commands.h"
-#include "zu_tierctl/device/number.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/output.h"
-#include "zu_tierctl/entry/table.h"
+#include "zu_tierctl/entry/selection.h"
 #include "zu_tierctl/template/template.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace tierctl {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -27,13 +32,16 @@ constexpr const char TEMPLATE_FOOTER[] =
     "  zu_tierctl template /dev/vg/tcache inode 7 > inode7.json\n"
     "  vi inode7.json\n"
     "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json     shows what it would write\n"
-    "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json -y";
+    "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json -y\n"
+    "The files of several, in the new directory fix:\n"
+    "  zu_tierctl template /dev/vg/tcache inode 7,9..12 --into fix";
 
-struct template_options {
+struct TemplateOptions {
     std::string device;
     std::string table;
-    std::string no;
+    std::string numbers;
     std::string layout;
+    std::string into;
 };
 
 std::vector<std::string_view> layout_names()
@@ -45,39 +53,101 @@ std::vector<std::string_view> layout_names()
     return names;
 }
 
-void run(const template_options &options)
+void complain_of(const Table &table, uint64_t no, std::string_view what)
 {
-    const uint64_t no = read_number("NO", options.no);
+    complain(fmt::format("{} {}: {}", table.name, no, what));
+}
+
+void tell(const Table &table, uint64_t no, const Template &made)
+{
+    for (const std::string &note : made.notes) {
+        complain_of(table, no, note);
+    }
+}
+
+void write_file(const std::string &path, const std::string &text)
+{
+    NewFile file(path);
+    file.write(0, text.data(), text.size());
+    file.commit(Naming::new_name);
+}
+
+/* Writes a file for each entry. What cannot be read does not keep the others from being written. */
+void write_files(const Device &device, const Metadata &metadata, const Selection &selection,
+                 const std::string &directory)
+{
+    const Table &table = selection.table;
+    const auto path_of = [&](uint64_t no) {
+        return (fs::path(directory) / fmt::format("{}-{}.json", table.name, no)).string();
+    };
+    std::error_code error; /* of a directory that exists: none */
+    fs::create_directory(directory, error);
+    if (error) {
+        throw std::system_error(error, "cannot create " + directory);
+    }
+    for (const uint64_t no : selection.slots) {
+        refuse_existing(path_of(no));
+    }
+    size_t failed = 0;
+    for (const uint64_t no : selection.slots) {
+        const std::string path = path_of(no);
+        std::optional<Template> made;
+        try {
+            made = make_template(device, metadata, table, no, path);
+        } catch (const std::runtime_error &reason) {
+            complain_of(table, no, reason.what());
+            failed++;
+            continue;
+        }
+        write_file(path, made->file);
+        tell(table, no, *made);
+    }
+    if (failed != 0) {
+        throw std::runtime_error(
+            fmt::format("{} of {} files were not written", failed, selection.slots.size()));
+    }
+}
+
+void run(const TemplateOptions &options)
+{
+    const EntryOperands entries = read_operands(options.table, options.numbers);
     const Device device(options.device, Access::read_only);
-    const Template made = make_template(device, options.table, no, options.layout);
+    const Metadata metadata = read_template_metadata(device, entries.table, options.layout);
+    const Selection selection = select_slots(metadata.tables, entries);
+    if (options.into.empty() && selection.slots.size() > 1) {
+        throw UsageError("zu_tier repairs one entry a file: several need --into DIR");
+    }
+    for (const std::string &note : selection.notes) {
+        complain(note);
+    }
+    if (!options.into.empty()) {
+        write_files(device, metadata, selection, options.into);
+        return;
+    }
+    const uint64_t no = selection.slots.front();
+    const Template made = make_template(device, metadata, selection.table, no, "");
     print_text(made.file);
     finish_output();
-    for (const std::string &note : made.notes) {
-        complain(fmt::format("{} {}: {}", options.table, options.no, note));
-    }
+    tell(selection.table, no, made);
 }
 
 } // namespace
 
 void add_template(CLI::App &app)
 {
-    const auto options = std::make_shared<template_options>();
+    const auto options = std::make_shared<TemplateOptions>();
     CLI::App *command =
         app.add_subcommand("template", "Print the repair file of an entry, ready to edit");
     command->footer(TEMPLATE_FOOTER);
     command->get_formatter()->column_width(32);
-    command->add_option("DEVICE", options->device, "Device or image")->type_name("")->required();
+    add_operand(*command, "DEVICE", options->device, "Device or image");
+    add_entry_operands(*command, options->table, options->numbers);
     command
-        ->add_option("TABLE", options->table,
-                     tables_text() + ";\nan inode may also lie in the expansion area")
-        ->type_name("")
-        ->required();
-    command
-        ->add_option("NO", options->no,
-                     "Number of the entry, 0 for the super block; in v3 that of\n"
-                     "the block of a shard, hot or extent table")
-        ->type_name("")
-        ->required();
+        ->add_option("--into", options->into,
+                     "Write a new file for each entry into this directory,\n"
+                     "inode-7.json; made if there is none. Several entries\n"
+                     "need it")
+        ->type_name("DIR");
     command
         ->add_option("--layout", options->layout,
                      fmt::format("Layout of a super block that does not say so: {}",

@@ -42,9 +42,6 @@ Metadata read_any_super(const Device &device, std::string_view layout_name)
 /* Beyond the largest number that an entry can have, repairs would find another slot. */
 void check_number(const Table &table, uint64_t no)
 {
-    if (no >= table.count()) {
-        throw UsageError(fmt::format("there is no {} {} among {}", table.name, no, table.count()));
-    }
     const tier_number &number = table.row->number;
     Block copy{};
     number.put(copy.data(), no);
@@ -56,8 +53,9 @@ void check_number(const Table &table, uint64_t no)
 /* One template in the making. */
 class Draft {
 public:
-    Draft(const Device &device, const Metadata &metadata, const Table &table, uint64_t no)
-        : device_(device), metadata_(metadata), table_(table), no_(no)
+    Draft(const Device &device, const Metadata &metadata, const Table &table, uint64_t no,
+          const std::string &path)
+        : device_(device), metadata_(metadata), table_(table), no_(no), path_(path)
     {
         alignas(SIZE_4K) Block block;
         if (!device.read(table.slot(no), block.data(), SIZE_4K)) {
@@ -247,32 +245,37 @@ private:
         if (table_.name == SUPER_TABLE && !is_super(*metadata_.layout, stored_)) {
             option = fmt::format(" -v {}", metadata_.layout->version);
         }
-        note(fmt::format("to repair it, with this file as FILE: zu_tier -p {} -c repair_{}{} -f "
-                         "FILE; with -y it writes",
-                         shell_word(device_.path()), table_.name, option));
+        note(fmt::format("to repair it{}: zu_tier -p {} -c repair_{}{} -f {}; with -y it writes",
+                         path_.empty() ? ", with this file as FILE" : "",
+                         shell_word(device_.path()), table_.name, option,
+                         path_.empty() ? "FILE" : shell_word(path_)));
     }
 
     const Device &device_;
     const Metadata &metadata_;
     const Table &table_;
     uint64_t no_;
+    const std::string &path_;
     Block stored_;
     std::vector<std::string> notes_;
 };
 
 } // namespace
 
-Template make_template(const Device &device, std::string_view table_name, uint64_t no,
-                       std::string_view layout)
+Metadata read_template_metadata(const Device &device, std::string_view table,
+                                std::string_view layout)
 {
-    if (table_name != SUPER_TABLE && !layout.empty()) {
+    if (table != SUPER_TABLE && !layout.empty()) {
         throw UsageError("--layout is for the super block only");
     }
-    const Metadata metadata =
-        table_name == SUPER_TABLE ? read_any_super(device, layout) : read_metadata(device);
-    const Table &table = find_table(metadata.tables, table_name);
+    return table == SUPER_TABLE ? read_any_super(device, layout) : read_metadata(device);
+}
+
+Template make_template(const Device &device, const Metadata &metadata, const Table &table,
+                       uint64_t no, const std::string &path)
+{
     check_number(table, no);
-    return Draft(device, metadata, table, no).make();
+    return Draft(device, metadata, table, no, path).make();
 }
 
 } // namespace tierctl

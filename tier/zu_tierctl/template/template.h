@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zu_tierctl/device/device.h"
+#include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
 #include <string>
@@ -16,9 +16,14 @@ struct Template {
     std::vector<std::string> notes;
 };
 
-/* The template of entry `no` of a table. The super block, of which `layout` ("" when not given)
- * names the layout, may be damaged when it is what is asked for. */
-Template make_template(const Device &device, std::string_view table, uint64_t no,
-                       std::string_view layout);
+/* What templates of a table need. The super block, of which `layout` ("" when not given) names the
+ * layout, may be damaged when it is what is asked for; it is the only table then. */
+Metadata read_template_metadata(const Device &device, std::string_view table,
+                                std::string_view layout);
+
+/* The template of entry `no`, which exists, of one of the tables. `path` is what the file will be
+ * called, "" when that is not known. */
+Template make_template(const Device &device, const Metadata &metadata, const Table &table,
+                       uint64_t no, const std::string &path);
 
 } // namespace tierctl
