@@ -13,11 +13,19 @@ class CheckFaults : public testing::Test {
 protected:
     const SuperV3 sb = super_v3(2, 3);
     const Device device = make_v3_device(
-        sb, {brick_v3_used(0)}, {inode_v3_used(0, 0), inode_v3_used(1, 0)},
+        sb, {brick_v3_used(0)}, {inode(0), inode(1)},
         {{1, {.shards = {{.slot = 1, .ino = 0}}}}, {2, {.shards = {{.slot = 1, .ino = 1}}}}},
         {{0,
-          {.extents = {{.slot = 5, .lba = 1, .shard = 513}, {.slot = 6, .lba = 1, .shard = 1025}}}},
-         {1, {.extents = {{.slot = 5, .lba = 1, .shard = 513}}}}});
+          {.extents = {{.slot = 5, .lba = 1, .shard = 513, .bitmap = 1},
+                       {.slot = 6, .lba = 1, .shard = 1025, .bitmap = 1}}}},
+         {1, {.extents = {{.slot = 5, .lba = 1, .shard = 513, .bitmap = 1}}}}});
+
+    static InodeV3 inode(std::uint32_t no)
+    {
+        InodeV3 inode = inode_v3_used(no, 0);
+        inode.size = 1;
+        return inode;
+    }
 
     RunResult check(const std::string &faults) const
     {

@@ -133,7 +133,7 @@ TEST(CheckCommand, DamagesOfV3)
 TEST(CheckCommand, CommandsOfPackedEntries)
 {
     WorldV3 world;
-    world.extents[3].extents = {{.slot = 9, .lba = 77, .shard = 2}};
+    world.extents[3].extents = {{.slot = 9, .lba = 77, .shard = 2, .bitmap = 1}};
     const Device device = world.device();
     const Report report = run_check(device.path());
     ASSERT_EQ(report.findings.size(), 1U);

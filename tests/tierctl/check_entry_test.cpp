@@ -92,6 +92,8 @@ TYPED_TEST(CheckEntries, BrickOfAFreeInode)
 TYPED_TEST(CheckEntries, Identities)
 {
     this->world.bricks[1].uuid = this->world.bricks[0].uuid;
+    this->world.bricks[1].brickid = this->world.bricks[0].brickid;
+    this->world.bricks[1].brickid[0] = 'x';
     this->world.inodes[1].uuid = this->world.inodes[0].uuid;
     this->world.inodes[2].uuid = this->world.inodes[0].uuid;
     const Device device = this->world.device();
@@ -112,6 +114,7 @@ TYPED_TEST(CheckEntries, IdentitiesThatDifferInTheirLastByte)
     this->world.inodes[1].uuid[15] ^= 1;
     this->world.bricks[1].uuid = this->world.bricks[0].uuid;
     this->world.bricks[1].uuid[0] ^= 1;
+    this->world.bricks[1].brickid.replace(57, 36, uuid_text(this->world.bricks[1].uuid));
     this->expect({});
 }
 
@@ -168,15 +171,22 @@ TEST_F(CheckV2, Pieces)
     ASSERT_EQ(world.sb.block_size, 256U * 4096);
     const PieceCase cases[] = {
         {31, {0, 0, 1, 255, 1}, {}},
-        {31, {0, 0, 1, 256, 0}, {}},
+        {31, {0, 0, 1, 256, 0}, {"piece_exceeds_pages"}},
         {31, {0, 0, 1, 256, 1}, {"piece_outside_block"}},
-        {31, {0, 0, 1, 255, 2}, {"piece_outside_block"}},
-        {31, {0, 0, 1, 0xFFFF, 0xFFFF}, {"piece_outside_block"}},
-        {31, {0, 0, world.sb.block_size + 1, 255, 1}, {"piece_too_long"}},
-        {31, {0, 0, 1, 200, 1}, {"pieces_overlap"}}, // with piece 2
-        {31, {0, 0, 1, 199, 1}, {"pieces_overlap"}}, // with piece 3
-        {31, {0, 0, 1, 199, 0}, {}},
-        {31, {0, 0, 1, 0, 202}, {"pieces_overlap", "pieces_overlap", "pieces_overlap"}},
+        {31, {0, 0, 4097, 255, 2}, {"piece_outside_block"}},
+        {31, {0, 0, 1, 0xFFFF, 0xFFFF}, {"odd_piece_pages", "piece_outside_block"}},
+        {31, {0, 0, world.sb.block_size + 1, 255, 1}, {"piece_too_long", "piece_exceeds_pages"}},
+        {31, {0, 0, 4096, 255, 1}, {}},
+        {31, {0, 0, 4097, 255, 1}, {"piece_exceeds_pages"}},
+        {31, {0, 0, 4096, 254, 2}, {"odd_piece_pages"}},
+        {31, {0, 0, 4097, 254, 2}, {}},
+        {31, {4096, 0, 1, 255, 1}, {"pieces_of_one_offset"}}, // with piece 3
+        {31, {0, 0, 1, 200, 1}, {"pieces_overlap"}},          // with piece 2
+        {31, {0, 0, 1, 199, 1}, {"pieces_overlap"}},          // with piece 3
+        {31, {0, 0, 1, 199, 0}, {"piece_exceeds_pages"}},
+        {31,
+         {0, 0, 1, 0, 202},
+         {"odd_piece_pages", "pieces_overlap", "pieces_overlap", "pieces_overlap"}},
         {31, {0, 0, 0, 200, 1}, {}}, // empty
         {32, {0, 0, 1, 200, 1}, {}}, // after the last piece lies the hot area
     };
@@ -188,8 +198,10 @@ TEST_F(CheckV2, Pieces)
         else
             changed.extents[0].hot_area.assign(64, 0xFF);
         std::vector<std::string> expected;
-        for (const std::string &kind : kinds)
-            expected.push_back(error(kind, "extent", 0, extent_at(0)));
+        for (const std::string &kind : kinds) {
+            const bool odd = kind.starts_with("odd_");
+            expected.push_back((odd ? warning : error)(kind, "extent", 0, extent_at(0), "entry"));
+        }
         expect_findings(changed.device(), expected);
     }
 }
@@ -207,8 +219,8 @@ TEST_F(CheckV2, ExpansionInodes)
     set_expansion(world.sb, EXPANSION_UNIT, true);
     const std::uint32_t first = world.sb.inode_cnt;
     const std::uint32_t last = first + EXPANSION_UNIT - 1;
-    world.inodes.push_back(inode_v2_used(first, 1));
-    world.inodes.push_back(inode_v2_used(last, 2));
+    world.inodes.push_back(world.inode(first, 1));
+    world.inodes.push_back(world.inode(last, 2));
     world.inodes.back().uuid = world.inodes[0].uuid;
     world.extents[1].inode_no = first;
     world.extents[2].inode_no = last - 1;
@@ -272,9 +284,9 @@ TEST_F(CheckV3, InodeThatIsDamaged)
 TEST_F(CheckV3, ShardsOfExtents)
 {
     world.extents[3].extents = {
-        {.slot = 0, .shard = 0},       {.slot = 1, .shard = 1024},
-        {.slot = 2, .shard = 2},       {.slot = 3, .shard = 1536},
-        {.slot = 4, .shard = 0x7FFFF}, {.slot = 5, .shard = 2, .in_use = 0}};
+        {.slot = 0, .shard = 0, .bitmap = 1},       {.slot = 1, .shard = 1024, .bitmap = 1},
+        {.slot = 2, .shard = 2, .bitmap = 1},       {.slot = 3, .shard = 1536, .bitmap = 1},
+        {.slot = 4, .shard = 0x7FFFF, .bitmap = 1}, {.slot = 5, .shard = 2, .in_use = 0}};
     const std::int64_t block = extent_offset(world.sb, 3);
     expect({error("extent_of_shard_head", "extent", 1536, word_offset(block, 0)),
             error("extent_of_shard_head", "extent", 1537, word_offset(block, 1)),
@@ -286,7 +298,8 @@ TEST_F(CheckV3, ShardsOfExtents)
 TEST_F(CheckV3, BlockOfShardsThatIsDamaged)
 {
     world.shards[1].checksum = 1;
-    world.extents[3].extents = {{.slot = 9, .shard = 512}}; // its head is no shard all the same
+    world.extents[3].extents = {
+        {.slot = 9, .shard = 512, .bitmap = 1}}; // its head is no shard all the same
     expect(
         {error("bad_checksum", "shard", 1, shard_offset(world.sb, 1), "block"),
          error("extent_of_shard_head", "extent", 1545, word_offset(extent_offset(world.sb, 3), 9)),
@@ -306,12 +319,12 @@ TEST_F(CheckV3, BlockOfExtentsThatIsDamaged)
 
 TEST_F(CheckV3, ClaimsOfPackedEntries)
 {
-    world.shards[2].shards = {{.slot = 5, .ino = 0, .reserved = 3, .index = 0xFFFF'FFFF},
+    world.shards[2].shards = {{.slot = 5, .ino = 0, .index = 0xFFFF'FFFF},
                               {.slot = 6, .ino = 1, .index = 0xFFFF'FFFF},
                               {.slot = 7, .ino = 0, .in_use = 0, .index = 0}};
     world.extents[1].extents = {{.slot = 3, .lba = 1, .shard = 1, .dirty = 1, .bitmap = 7},
-                                {.slot = 4, .lba = 1, .shard = 1},
-                                {.slot = 5, .lba = 1, .shard = 515},
+                                {.slot = 4, .lba = 1, .shard = 1, .bitmap = 1},
+                                {.slot = 5, .lba = 1, .shard = 515, .bitmap = 1},
                                 {.slot = 6, .lba = 1, .shard = 1, .in_use = 0}};
     const Device device = world.device();
     const Report report = run_check(device.path());

@@ -61,13 +61,35 @@ std::string warning(const std::string &kind, const std::string &table, std::uint
 void expect_findings(const Device &device, const std::vector<std::string> &expected,
                      const std::vector<std::string> &args = {});
 
+// Entries in use with every field different from zero, and nothing odd.
+template <class Inode>
+Inode sound_inode(Inode inode)
+{
+    inode.size = 0x7000'0000'0000'0000U + inode.no;
+    return inode;
+}
+template <class Extent>
+Extent sound_extent(Extent extent)
+{
+    extent.size = 4096 + extent.no;
+    return extent;
+}
+
 // Three bricks, two of them in use; five inodes, the first three in use; extents of these.
 struct WorldV1 {
     SuperV1 sb = super_v1(3, 5, 6);
     std::vector<BrickV1> bricks{brick_used(0), brick_used(1)};
-    std::vector<InodeV1> inodes{inode_used(0, 0), inode_used(1, 1), inode_used(2, 0)};
-    std::vector<ExtentV1> extents{extent_used(0, 0), extent_used(1, 1), extent_used(2, 2),
-                                  extent_used(3, 0)};
+    std::vector<InodeV1> inodes{inode(0, 0), inode(1, 1), inode(2, 0)};
+    std::vector<ExtentV1> extents{extent(0, 0), extent(1, 1), extent(2, 2), extent(3, 0)};
+
+    static InodeV1 inode(std::uint32_t no, std::uint32_t brick)
+    {
+        return sound_inode(inode_used(no, brick));
+    }
+    static ExtentV1 extent(std::uint64_t no, std::uint32_t inode)
+    {
+        return sound_extent(extent_used(no, inode));
+    }
 
     Device device() const;
 };
@@ -78,9 +100,17 @@ struct WorldV2 {
 
     SuperV2 sb = super_v2(3, 5, 6);
     std::vector<BrickV1> bricks{brick_used(0), brick_used(1)};
-    std::vector<InodeV2> inodes{inode_v2_used(0, 0), inode_v2_used(1, 1), inode_v2_used(2, 0)};
-    std::vector<ExtentV2> extents{
-        {extent_used(0, 0)}, {extent_used(1, 1)}, {extent_used(2, 2)}, {extent_used(3, 0)}};
+    std::vector<InodeV2> inodes{inode(0, 0), inode(1, 1), inode(2, 0)};
+    std::vector<ExtentV2> extents{extent(0, 0), extent(1, 1), extent(2, 2), extent(3, 0)};
+
+    static InodeV2 inode(std::uint32_t no, std::uint32_t brick)
+    {
+        return sound_inode(inode_v2_used(no, brick));
+    }
+    static ExtentV2 extent(std::uint64_t no, std::uint32_t inode)
+    {
+        return {sound_extent(extent_used(no, inode))};
+    }
 
     Device device() const;
 };
@@ -89,13 +119,20 @@ struct WorldV2 {
 struct WorldV3 {
     SuperV3 sb = super_v3(3, 5);
     std::vector<BrickV3> bricks{brick_v3_used(0), brick_v3_used(1)};
-    std::vector<InodeV3> inodes{inode_v3_used(0, 0), inode_v3_used(1, 1), inode_v3_used(2, 0)};
+    std::vector<InodeV3> inodes{inode(0, 0), inode(1, 1), inode(2, 0)};
     std::map<std::uint64_t, ShardBlockV3> shards{
         {0, {.shards = {{.slot = 1, .ino = 0, .index = 0}, {.slot = 511, .ino = 1, .index = 0}}}},
         {1, {.shards = {{.slot = 3, .ino = 0, .index = 0xFFFF'FFFF}}}}};
     std::map<std::uint64_t, ExtentBlockV3> extents{
-        {0, {.extents = {{.slot = 0, .lba = 0, .shard = 1}, {.slot = 511, .lba = 1, .shard = 1}}}},
-        {2, {.extents = {{.slot = 7, .lba = 0, .shard = 515}}}}};
+        {0,
+         {.extents = {{.slot = 0, .lba = 0, .shard = 1, .bitmap = 1},
+                      {.slot = 511, .lba = 1, .shard = 1, .bitmap = 1}}}},
+        {2, {.extents = {{.slot = 7, .lba = 0, .shard = 515, .bitmap = 1}}}}};
+
+    static InodeV3 inode(std::uint32_t no, std::uint32_t brick)
+    {
+        return sound_inode(inode_v3_used(no, brick));
+    }
 
     Device device() const { return make_v3_device(sb, bricks, inodes, shards, extents); }
 };

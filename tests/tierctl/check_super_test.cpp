@@ -2,6 +2,7 @@
 
 #include "check_run.h"
 
+#include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -28,7 +29,10 @@ Device super_only(const Super &sb)
     return device;
 }
 
-bool is_odd(const std::string &kind) { return kind.compare(0, 4, "odd_") == 0; }
+bool is_odd(const std::string &kind)
+{
+    return kind.starts_with("odd_") || kind == "entries_left_out";
+}
 
 std::string super_finding(const std::string &kind)
 {
@@ -60,6 +64,14 @@ std::vector<SuperCase<World>> head_cases()
             set_geometry(world.sb);
         };
     };
+    const auto blocks_of = [](std::uint32_t size) {
+        return [size](World &world) {
+            world.sb.block_size = size;
+            if constexpr (std::is_same_v<World, WorldV2>) {
+                world.sb.min_alloc_size = (size + world.sb.map_cnt - 1) / world.sb.map_cnt;
+            }
+        };
+    };
     return {
         {"as it is", [](World &) {}},
         {"area of 1 MiB and 4096", resized(&SuperHead::size, 0x101000), {"bad_super_block_size"}},
@@ -81,16 +93,10 @@ std::vector<SuperCase<World>> head_cases()
              world.sb.data_offset += MIB;
          },
          {"bad_inode_table"}},
-        {"small blocks",
-         [](World &world) { world.sb.block_size = 262144 - 4096; },
-         {"bad_block_size"}},
-        {"large blocks",
-         [](World &world) { world.sb.block_size = 4194304 + 4096; },
-         {"bad_block_size"}},
-        {"crooked blocks",
-         [](World &world) { world.sb.block_size = 262144 + 2048; },
-         {"bad_block_size"}},
-        {"largest blocks", [](World &world) { world.sb.block_size = 4194304; }},
+        {"small blocks", blocks_of(262144 - 4096), {"bad_block_size"}},
+        {"large blocks", blocks_of(4194304 + 4096), {"bad_block_size"}},
+        {"crooked blocks", blocks_of(262144 + 2048), {"bad_block_size"}},
+        {"largest blocks", blocks_of(4194304)},
         {"size of the extent table",
          [](World &world) {
              world.sb.extent_table_size += MIB;
@@ -127,9 +133,19 @@ TEST(CheckSuper, ExtentsOfV1)
 
 TEST(CheckSuper, ExtentsOfV2)
 {
+    // With as many pieces as a block of 1 MiB needs.
     const auto sizes = [](std::uint32_t extent_size, std::uint32_t map_cnt) {
         return [extent_size, map_cnt](WorldV2 &world) {
             world.sb.extent_size = extent_size;
+            world.sb.min_alloc_size = map_cnt == 0 ? 0 : (1048576 + map_cnt - 1) / map_cnt;
+            set_maps(world.sb, map_cnt);
+        };
+    };
+    const auto alloc = [](std::uint32_t block_size, std::uint32_t min_alloc_size,
+                          std::uint32_t map_cnt) {
+        return [block_size, min_alloc_size, map_cnt](WorldV2 &world) {
+            world.sb.block_size = block_size;
+            world.sb.min_alloc_size = min_alloc_size;
             set_maps(world.sb, map_cnt);
         };
     };
@@ -138,22 +154,25 @@ TEST(CheckSuper, ExtentsOfV2)
         {"4096 in all", sizes(4096 - 64 - 64 * 16, 64)},
         {"4097 in all", sizes(4097 - 64 - 64 * 16, 64), {"bad_extent_size"}},
         {"65 pieces", sizes(72, 65), {"bad_map"}},
-        {"no pieces", sizes(72, 0)},
+        {"no pieces", sizes(72, 0), {"odd_map_count"}},
         {"size of the pieces",
          [](WorldV2 &world) {
              world.sb.total_map_size++;
              world.sb.total_extent_size++;
          },
          {"bad_map"}},
-        {"as large as a block",
-         [](WorldV2 &world) { world.sb.min_alloc_size = world.sb.block_size; }},
-        {"larger than a block",
-         [](WorldV2 &world) { world.sb.min_alloc_size = world.sb.block_size + 1; },
-         {"bad_min_alloc_size"}},
+        {"as large as a block", alloc(1048576, 1048576, 1)},
+        {"larger than a block", alloc(1048576, 1048577, 1), {"bad_min_alloc_size"}},
+        {"one piece too few", alloc(1048576, 32768, 31), {"odd_map_count"}},
+        {"one piece too many", alloc(1048576, 32768, 33), {"odd_map_count"}},
+        {"a piece for a rest", alloc(1048576 + 4096, 32768, 33)},
+        {"no piece for a rest", alloc(1048576 + 4096, 32768, 32), {"odd_map_count"}},
+        {"pieces for nothing", alloc(1048576, 0, 32), {"odd_map_count"}},
         {"other hot area", [](WorldV2 &world) { world.sb.hot_size--; }, {"odd_extent_length"}},
         {"pieces of 32 bytes",
          [](WorldV2 &world) {
              world.sb.size_mapped_meta = 32;
+             world.sb.min_alloc_size = 65536;
              set_maps(world.sb, 16);
          },
          {"odd_piece_size"}},
@@ -172,7 +191,8 @@ TEST(CheckSuper, ExpansionOfV2)
         {0, 0, 0, {}},
         {0x4558, 1, 0x53, {}},
         {0x4558, 1, 0, {}},
-        {0x4558, 0, 0, {}},
+        {0x4558, 0, 0, {"odd_expansion"}},
+        {0x4558, 0, 0x53, {"odd_expansion"}},
         {0x4558, 1, 0x54, {"odd_expansion"}},
         {0x4559, 1, 0x53, {"odd_expansion"}},
         {0, 1, 0, {"odd_expansion"}},
@@ -236,7 +256,52 @@ TEST(CheckSuper, V3)
         {"no shard", resized(&SuperV3::shard_cnt, 0), shards},
         {"larger shard table", longer(&SuperV3::shard_table_size), shards},
         {"1073741824 extents", resized(&SuperV3::extent_cnt, 1073741824)},
-        {"1073741825 extents", resized(&SuperV3::extent_cnt, 1073741825), extents},
+        {"1073741825 extents",
+         resized(&SuperV3::extent_cnt, 1073741825),
+         {"bad_extent_table", "entries_left_out"}},
+        {"512 shards", resized(&SuperV3::shard_cnt, 512)},
+        {"1535 shards",
+         [](WorldV3 &world) {
+             world.sb.shard_cnt--;
+             world.sb.shard_table_size -= 8;
+         },
+         {"entries_left_out"}},
+        {"2049 extents",
+         [](WorldV3 &world) {
+             world.sb.extent_cnt++;
+             world.sb.extent_table_size += 8;
+         },
+         {"entries_left_out"}},
+        {"area from 0 on",
+         [](WorldV3 &world) { world.sb.sb_offset = 0; },
+         {"odd_super_block_offset"}},
+        {"area somewhere else",
+         [](WorldV3 &world) { world.sb.sb_offset = 4097; },
+         {"odd_super_block_offset"}},
+        {"blocks past any offset",
+         [](WorldV3 &world) {
+             world.sb.block_size = 65536;
+             world.sb.block_cnt = std::uint64_t{1} << 48;
+             world.sb.data_size = 0; // the product, if it were cut off
+         },
+         {"bad_data_area", "area_past_end"}},
+        {"reserved area in the tables",
+         [](WorldV3 &world) {
+             world.sb.reserved_offset = world.sb.inode_table_offset + 1;
+             world.sb.reserved_size = 1;
+         },
+         {"areas_overlap"}},
+        {"reserved area before the tables",
+         [](WorldV3 &world) {
+             world.sb.reserved_offset = MIB + KIB4;
+             world.sb.reserved_size = world.sb.brick_table_offset - world.sb.reserved_offset;
+         }},
+        {"reserved area past the end",
+         [](WorldV3 &world) {
+             world.sb.reserved_offset = world.sb.data_offset + world.sb.data_size;
+             world.sb.reserved_size = 1;
+         },
+         {"area_past_end"}},
         {"no extent", resized(&SuperV3::extent_cnt, 0), extents},
         {"smaller extent table", shorter(&SuperV3::extent_table_size), extents},
         {"smaller data area", shorter(&SuperV3::data_size), {"bad_data_area"}},
@@ -275,6 +340,85 @@ TEST(CheckSuper, OverlapIsTold)
                    world.sb.inode_table_size, world.sb.inode_table_offset,
                    world.sb.brick_table_size, world.sb.brick_table_offset));
     EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_super");
+}
+
+// Kinds and texts of the findings about a super block, in their order.
+template <class Super>
+std::vector<std::string> told(const Super &sb)
+{
+    Device device(8 * MIB);
+    device.write(SUPER_OFFSET, encode(sb));
+    std::vector<std::string> told;
+    for (const Finding &finding : run_check(device.path(), {"--table", "super"}).findings)
+        told.push_back(finding.kind + ": " + finding.text);
+    return told;
+}
+
+bool has(const std::vector<std::string> &all, const std::string &one)
+{
+    return std::ranges::find(all, one) != all.end();
+}
+
+// What does not fit in 64 bits is said in words.
+TEST(CheckSuper, SumsPastAnyOffset)
+{
+    WorldV1 v1;
+    const std::uint64_t bricks_at = MIB + KIB4;
+    v1.sb.brick_table_size = ~std::uint64_t{0} - bricks_at + 1; // the inodes at 0, if it were cut
+    std::vector<std::string> found = told(v1.sb);
+    EXPECT_TRUE(has(found, text("bad_inode_table: the table has %u entries in %lu bytes, which "
+                                "reach past any offset",
+                                v1.sb.inode_cnt, v1.sb.inode_table_size)));
+    EXPECT_TRUE(has(found, "bad_data_area: the tables before the data area reach past any offset"));
+    EXPECT_TRUE(has(found, text("area_past_end: the brick table (%lu bytes from %lu on, past any "
+                                "offset) reaches past the device's end at %lu",
+                                v1.sb.brick_table_size, bricks_at, 8 * MIB)));
+    EXPECT_TRUE(has(found, text("area_past_end: the inode table (past any offset) reaches past the "
+                                "device's end at %lu",
+                                8 * MIB)));
+    for (const std::string &finding : found)
+        EXPECT_EQ(finding.find("from 0 on"), std::string::npos) << finding;
+
+    WorldV2 v2;
+    set_expansion(v2.sb, EXPANSION_UNIT, true);
+    v2.sb.data_offset = ~std::uint64_t{0} - MIB;
+    found = told(v2.sb);
+    EXPECT_TRUE(has(found, text("area_past_end: the expansion inode area (past any offset) reaches "
+                                "past the device's end at %lu",
+                                8 * MIB)));
+
+    WorldV3 v3;
+    v3.sb.shard_cnt = std::uint64_t{1} << 61;
+    v3.sb.block_cnt = std::uint64_t{1} << 60;
+    v3.sb.block_size = 65536;
+    found = told(v3.sb);
+    EXPECT_TRUE(has(found, text("bad_shard_table: the table has %lu entries in %lu bytes, which "
+                                "reach past any offset",
+                                v3.sb.shard_cnt, v3.sb.shard_table_size)));
+    EXPECT_TRUE(has(found, text("bad_data_area: %lu blocks of 65536 bytes reach past any offset",
+                                v3.sb.block_cnt)));
+    EXPECT_TRUE(has(found, text("area_past_end: the data area (from %lu on, past any offset) "
+                                "reaches past the device's end at %lu",
+                                v3.sb.data_offset, 8 * MIB)));
+}
+
+TEST(CheckSuper, TextsOfOddNumbers)
+{
+    WorldV3 v3;
+    v3.sb.extent_cnt = 4 * 512 + 7;
+    set_geometry(v3.sb);
+    v3.sb.sb_offset = 0;
+    const std::vector<std::string> found = told(v3.sb);
+    EXPECT_TRUE(has(found, "odd_super_block_offset: the super block area is said to begin at 0, "
+                           "which is odd: it begins at 4096"));
+    EXPECT_TRUE(has(found, "entries_left_out: 2055 extents, which is odd: the last 7 do not fill a "
+                           "block and are left out"));
+    WorldV2 v2;
+    set_maps(v2.sb, 31);
+    EXPECT_TRUE(has(told(v2.sb),
+                    text("odd_map_count: 31 mapped pieces for 32768 bytes each are for %u bytes, "
+                         "which is odd: a block has 1048576",
+                         31 * 32768)));
 }
 
 TEST(CheckSuper, DeviceThatIsTooShort)

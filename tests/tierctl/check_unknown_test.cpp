@@ -128,7 +128,7 @@ TEST(CheckUnknownOwners, ManyExtentsOfAnInode)
     world.inodes[2].checksum = 1;
     world.extents.clear();
     for (std::uint32_t no = 0; no < EXTENTS; ++no)
-        world.extents.push_back(extent_used(no, no < FIRST ? 0 : 2));
+        world.extents.push_back(world.extent(no, no < FIRST ? 0 : 2));
     expect_told(world.device(), {{error("bad_checksum", "inode", 2, inode_offset(world.sb, 2)), {}},
                                  {warning("extent_of_unknown_inode", "extent", FIRST,
                                           extent_offset(world.sb, FIRST)),
@@ -139,12 +139,13 @@ TEST(CheckUnknownOwners, BlockOfShardsNamedInSeveralBlocks)
 {
     WorldV3 world;
     world.shards[1].checksum = 1;
-    world.extents[0].extents = {{.slot = 9, .lba = 1, .shard = 600}, {.slot = 10, .shard = 1}};
-    world.extents[1].extents = {{.slot = 511, .lba = 2, .shard = 514}};
-    world.extents[2].extents = {{.slot = 0, .lba = 3, .shard = 514},
-                                {.slot = 1, .lba = 4, .shard = 600}};
-    world.extents[3].extents = {{.slot = 5, .lba = 5, .shard = 600},
-                                {.slot = 6, .lba = 6, .shard = 1023}};
+    world.extents[0].extents = {{.slot = 9, .lba = 1, .shard = 600, .bitmap = 1},
+                                {.slot = 10, .shard = 1, .bitmap = 1}};
+    world.extents[1].extents = {{.slot = 511, .lba = 2, .shard = 514, .bitmap = 1}};
+    world.extents[2].extents = {{.slot = 0, .lba = 3, .shard = 514, .bitmap = 1},
+                                {.slot = 1, .lba = 4, .shard = 600, .bitmap = 1}};
+    world.extents[3].extents = {{.slot = 5, .lba = 5, .shard = 600, .bitmap = 1},
+                                {.slot = 6, .lba = 6, .shard = 1023, .bitmap = 1}};
     const auto expected = [&world](std::uint64_t block, std::uint64_t slot, std::uint64_t count,
                                    std::uint64_t shard) {
         return Expected{warning("extent_of_unknown_shard", "extent", block * SLOTS_V3 + slot,

@@ -207,8 +207,10 @@ TEST_F(Map, OddNamesOfDevices)
 TEST_F(Map, TheFirstThousandFindings)
 {
     std::vector<ExtentV1> extents;
-    for (std::uint64_t no = 0; no < 1010; ++no)
+    for (std::uint64_t no = 0; no < 1010; ++no) {
         extents.push_back(extent_used(no, 0)); // which is free
+        extents.back().size = 1;
+    }
     Device device = make_v1_device(super_v1(1, 1, 1010), {}, {}, extents);
     const SuperV1 sb = super_v1(1, 1, 1010);
     device.truncate(sb.data_offset + std::uint64_t{sb.block_size} * sb.block_cnt);

@@ -251,7 +251,7 @@ TEST(SampleV3Extents, AreOfEveryKind)
     EXPECT_EQ(dirty.size(), 2U);
     EXPECT_EQ(sense.size(), 16U);
     EXPECT_EQ(demote.size(), 2U);
-    EXPECT_EQ(dm_err.size(), 2U);
+    EXPECT_EQ(dm_err, std::set<std::uint32_t>{0}); // a set one is odd
 }
 
 // There are more extents in use than addresses.

@@ -67,6 +67,9 @@ std::int64_t parse_super(zutr_params_t *params, const cJSON *document, void *m)
     return tier_finish(in, SUPER, sb, sb, 0);
 }
 
+constexpr tier_claim SUPER_CLAIMS[] = {
+    {"identity", tier_number_at(offsetof(DepotSuper, uuid), 8), tier_claim_type::identity}};
+
 constexpr tier_table SUPER = {
     .name = "super",
     .regions =
@@ -81,7 +84,7 @@ constexpr tier_table SUPER = {
     .fields = [] { return tier_make_columns(SUPER_FIELDS); },
     .keys = [] { return tier_make_columns(SUPER_KEYS); },
     .repair = {parse_super, nullptr},
-    .claim = {"identity", tier_number_at(offsetof(DepotSuper, uuid), 8), true},
+    .claims = SUPER_CLAIMS,
     .rules = RULES,
 };
 
@@ -143,6 +146,9 @@ void check_shelf(const void *, const std::uint8_t *entry, tier_findings &to)
         to.add({"no_label"}, "shelf %u has no label", shelf->no);
 }
 
+constexpr tier_claim SHELF_CLAIMS[] = {
+    {"identity", tier_number_at(offsetof(DepotShelf, uuid), 8), tier_claim_type::identity}};
+
 constexpr tier_table SHELVES = {
     .name = "shelf",
     .number_key = "no",
@@ -162,7 +168,7 @@ constexpr tier_table SHELVES = {
     .parts = &LEVELS,
     .repair = {parse_shelf, nullptr},
     .in_use = tier_number_at(offsetof(DepotShelf, use), 4),
-    .claim = {"identity", tier_number_at(offsetof(DepotShelf, uuid), 8), true},
+    .claims = SHELF_CLAIMS,
     .check = check_shelf,
 };
 
@@ -233,6 +239,8 @@ std::int64_t parse_boxes(zutr_params_t *, const cJSON *document, void *m)
     return in.failed() ? -EINVAL : static_cast<std::int64_t>(place.offset);
 }
 
+constexpr tier_claim BOX_CLAIMS[] = {{"place", {0, BOX_PLACE.mask()}}};
+
 constexpr tier_table BOXES = {
     .name = "box",
     .number_key = "box_no",
@@ -251,7 +259,7 @@ constexpr tier_table BOXES = {
     .repair = {parse_boxes, nullptr},
     .in_use = {0, BOX_IN_USE.mask()},
     .owner = {"shelf", {0, BOX_SHELF.mask()}},
-    .claim = {"place", {0, BOX_PLACE.mask()}},
+    .claims = BOX_CLAIMS,
 };
 
 // The layout

@@ -39,9 +39,12 @@ Device extents_device(bool twice)
     for (std::uint32_t i = 0; i < 2000; ++i) {
         const std::uint32_t slot = i % 500;
         const std::uint32_t lba = twice && slot == 499 ? i - slot : i;
-        blocks[i / 500].extents.push_back({.slot = slot, .lba = (lba * 7919) % 524288, .shard = 1});
+        blocks[i / 500].extents.push_back(
+            {.slot = slot, .lba = (lba * 7919) % 524288, .shard = 1, .bitmap = 1});
     }
-    return make_v3_device(super_v3(1, 1), {brick_v3_used(0)}, {inode_v3_used(0, 0)},
+    InodeV3 inode = inode_v3_used(0, 0);
+    inode.size = 1;
+    return make_v3_device(super_v3(1, 1), {brick_v3_used(0)}, {inode},
                           {{0, {.shards = {{.slot = 1, .ino = 0}}}}},
                           {{0, blocks[0]}, {1, blocks[1]}, {2, blocks[2]}, {3, blocks[3]}});
 }

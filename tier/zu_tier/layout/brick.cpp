@@ -2,6 +2,7 @@
 
 #include "common/zutr_assert.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <uuid/uuid.h>
@@ -25,15 +26,32 @@ void read_brick_in_use(zutr_json_reader &in, zutr_need unlink, tier_brick_info_t
     in.read(tier_brick_unlink_key(unlink), brick);
 }
 
+constexpr tier_kind ODD_BRICK_PATH = {"odd_brick_path", tier_severity::warning};
+
+bool is_control(char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }
+
 } // namespace
 
 void tier_check_brick(const void * /*sb*/, const uint8_t *entry, tier_findings &to)
 {
     const auto *brick = reinterpret_cast<const tier_brick_info_t *>(entry);
-    const size_t length = zutr_bounded(brick->bi_brickid).size();
-    if (length != TIER_BRICKID_LEN) {
-        to.add({"bad_brick_path"}, "its path has %zu characters, expected %zu", length,
+    tier_check_use(brick->bi_use, to);
+    tier_check_identity(brick->bi_uuid, to);
+    const std::string_view path = zutr_bounded(brick->bi_brickid);
+    const char *identity = zutr_uuid_utoa(brick->bi_uuid);
+    const size_t identity_length = strlen(identity);
+    if (path.size() != TIER_BRICKID_LEN) {
+        to.add({"bad_brick_path"}, "its path has %zu characters, expected %zu", path.size(),
                TIER_BRICKID_LEN);
+    } else if (strncasecmp(&path[path.size() - identity_length], identity, identity_length) != 0) {
+        to.add(ODD_BRICK_PATH, "its path does not end in its identity %s, which is odd", identity);
+    }
+    const auto *control = std::ranges::find_if(path, is_control);
+    if (control != path.end()) {
+        to.add(ODD_BRICK_PATH,
+               "character %zu of its path is the control character 0x%02x, which is odd",
+               static_cast<size_t>(control - path.begin()) + 1,
+               static_cast<unsigned char>(*control));
     }
 }
 

@@ -34,6 +34,13 @@ constexpr auto tier_brick_unlink_key(zutr_need need)
 
 void tier_check_brick(const void *sb, const uint8_t *entry, tier_findings &to);
 
+constexpr tier_claim TIER_BRICK_CLAIMS[] = {
+    {"identity", tier_number_at(offsetof(tier_brick_info_t, bi_uuid), 8),
+     tier_claim_type::identity},
+    {"path", tier_number_at(offsetof(tier_brick_info_t, bi_brickid), 8), tier_claim_type::text},
+};
+static_assert(sizeof(tier_brick_info_t::bi_brickid) == TIER_CLAIM_TEXT);
+
 /* A layout's brick table. */
 constexpr tier_table tier_brick_table(uint32_t magic, tier_regions (*regions)(const void *sb),
                                       uint32_t (*crc)(void *record, uint32_t length),
@@ -58,7 +65,7 @@ constexpr tier_table tier_brick_table(uint32_t magic, tier_regions (*regions)(co
             },
         .repair = repair,
         .in_use = tier_number_at(offsetof(tier_brick_info_t, bi_use), 4),
-        .claim = {"identity", tier_number_at(offsetof(tier_brick_info_t, bi_uuid), 8), true},
+        .claims = TIER_BRICK_CLAIMS,
         .check = tier_check_brick,
     };
 }

@@ -3,7 +3,9 @@
 #include "common/zutr_assert.h"
 #include "zu_tier/record/debug.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <span>
 
 namespace {
 
@@ -23,7 +25,48 @@ bool passes(const char *func, const zutr_filter_t &filter, const tier_extent_t &
     return false;
 }
 
+/* Whether a bitmap has words, none of which has a bit set. Bytes after its last word do not count.
+ */
+bool is_empty_bitmap(const tier_extent_t &extent, uint32_t extent_size)
+{
+    if (extent_size < TIER_EXTENT_SIZE_MIN || extent_size > TIER_EXTENT_SIZE_MAX) {
+        return false; /* it does not fit its slot */
+    }
+    const auto *bitmap = reinterpret_cast<const uint8_t *>(&extent + 1);
+    const size_t words = (extent_size - TIER_EXTENT_SIZE_MIN) / sizeof(uint64_t);
+    const std::span bytes(bitmap, words * sizeof(uint64_t));
+    return !bytes.empty() && std::ranges::all_of(bytes, [](uint8_t byte) { return byte == 0; });
+}
+
 } // namespace
+
+void tier_check_extent(const tier_extent_t &extent, uint32_t block_size, uint32_t extent_size,
+                       tier_findings &to)
+{
+    tier_check_use(extent.te_use, to);
+    if (extent.te_size == 0) {
+        to.add({"empty_extent", tier_severity::warning},
+               "it is in use and holds 0 bytes, which is odd");
+    }
+    if (extent.te_size > block_size) {
+        to.add({"extent_too_long"}, "it holds %lu bytes, a block has %u", extent.te_size,
+               block_size);
+    }
+    if (is_empty_bitmap(extent, extent_size)) {
+        to.add(TIER_EMPTY_BITMAP, TIER_EMPTY_BITMAP_TEXT);
+    }
+}
+
+void tier_check_extent_in_file(const tier_extent_t &extent, uint32_t block_size, uint64_t file_size,
+                               tier_findings &to)
+{
+    const uint64_t begin = uint64_t{extent.te_block} * block_size;
+    if (begin >= file_size) {
+        to.add({"extent_past_file"},
+               "block %u of its file begins at byte %lu, the file has %lu bytes", extent.te_block,
+               begin, file_size);
+    }
+}
 
 int32_t tier_check_size(const char *func, const char *field, uint32_t value, uint32_t min,
                         uint32_t max)

@@ -35,7 +35,28 @@ constexpr auto TIER_EXTENT_OWNER_KEYS = std::tuple{
              zutr_need::optional},
 };
 
+constexpr tier_claim TIER_EXTENT_CLAIMS[] = {
+    {"block", tier_number_at(offsetof(tier_extent_t, te_block), 4)},
+};
+
+/* What is wrong with an extent, whose head and bitmap have `extent_size` bytes, by itself, and with
+ * its place in a file of `file_size` bytes. */
+void tier_check_extent(const tier_extent_t &extent, uint32_t block_size, uint32_t extent_size,
+                       tier_findings &to);
+void tier_check_extent_in_file(const tier_extent_t &extent, uint32_t block_size, uint64_t file_size,
+                               tier_findings &to);
+
+/* The check of an extent by itself as that of a table. */
+template <class Super>
+void tier_check_extent_of(const void *p, const uint8_t *entry, tier_findings &to)
+{
+    const auto &sb = tier_super<Super>(p);
+    tier_check_extent(*reinterpret_cast<const tier_extent_t *>(entry), sb.sb_block_size,
+                      sb.sb_extent_size, to);
+}
+
 /* A layout's extent table, with what is not shared as arguments. */
+template <class Super>
 constexpr tier_table tier_extent_table(tier_regions (*regions)(const void *sb),
                                        uint64_t (*record_length)(const void *sb),
                                        uint32_t (*crc)(void *record, uint32_t length),
@@ -56,7 +77,13 @@ constexpr tier_table tier_extent_table(tier_regions (*regions)(const void *sb),
         .repair = repair,
         .in_use = tier_number_at(offsetof(tier_extent_t, te_use), 2),
         .owner = {"inode", tier_number_at(offsetof(tier_extent_t, te_inode_no), 4)},
-        .claim = {"block", tier_number_at(offsetof(tier_extent_t, te_block), 4)},
+        .claims = TIER_EXTENT_CLAIMS,
+        .check = tier_check_extent_of<Super>,
+        .check_with_owner =
+            [](const void *sb, const uint8_t *entry, uint64_t file_size, tier_findings &to) {
+                tier_check_extent_in_file(*reinterpret_cast<const tier_extent_t *>(entry),
+                                          tier_super<Super>(sb).sb_block_size, file_size, to);
+            },
     };
 }
 

@@ -27,6 +27,20 @@ bool passes(const char *func, const zutr_filter_t &filter, const tier_inode_t &i
 
 } // namespace
 
+void tier_check_inode(const void * /*sb*/, const uint8_t *entry, tier_findings &to)
+{
+    const auto *inode = reinterpret_cast<const tier_inode_t *>(entry);
+    tier_check_use(inode->i_use, to);
+    tier_check_identity(inode->i_uuid, to);
+    if (inode->i_size > INT64_MAX) {
+        to.add({"file_too_large"}, "its %lu bytes reach past any offset", inode->i_size);
+    }
+    if (inode->i_unlink != 0 && inode->i_dtime == 0) {
+        to.add({"odd_unlink", tier_severity::warning},
+               "it is unlinked and has no deletion time, which is odd");
+    }
+}
+
 void tier_log_bad_inode(const char *func, const tier_inode_t &inode, int32_t /*no*/, uint32_t crc)
 {
     zutr_error(func, "inode no: %u magic: 0x%x, checksum: 0x%x crc32: 0x%x", inode.i_no,

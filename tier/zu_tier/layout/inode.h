@@ -51,7 +51,14 @@ constexpr auto TIER_INODE_IN_USE_KEYS = std::tuple_cat(
         zutr_key{"i_unlink", &tier_inode_t::i_unlink, zutr_to_s32, zutr_need::optional},
     });
 
-/* A layout's inode table; a layout with `bounds` sets them. */
+constexpr tier_claim TIER_INODE_CLAIMS[] = {
+    {"identity", tier_number_at(offsetof(tier_inode_t, i_uuid), 8), tier_claim_type::identity},
+};
+
+void tier_check_inode(const void *sb, const uint8_t *entry, tier_findings &to);
+
+/* A layout's inode table, which tells extents or shards the size of their file; a layout with
+ * `bounds` sets them. */
 constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(const void *sb),
                                       uint32_t (*crc)(void *record, uint32_t length),
                                       tier_columns (*fields)(), tier_columns (*keys)(),
@@ -72,7 +79,9 @@ constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(co
         .repair = repair,
         .in_use = tier_number_at(offsetof(tier_inode_t, i_use), 2),
         .owner = {"brick", tier_number_at(offsetof(tier_inode_t, i_brick_no), 4)},
-        .claim = {"identity", tier_number_at(offsetof(tier_inode_t, i_uuid), 8), true},
+        .claims = TIER_INODE_CLAIMS,
+        .check = tier_check_inode,
+        .for_referrers = tier_number_at(offsetof(tier_inode_t, i_size), 8),
     };
 }
 

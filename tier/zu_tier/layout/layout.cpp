@@ -8,7 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <limits>
+#include <uuid/uuid.h>
 
 namespace {
 
@@ -46,11 +46,31 @@ int32_t tier_check_rules(const char *func, std::span<const tier_rule> rules, con
     return 0;
 }
 
+uint64_t tier_add(uint64_t a, uint64_t b)
+{
+    uint64_t sum = 0;
+    return __builtin_add_overflow(a, b, &sum) ? TIER_PAST_ANY : sum;
+}
+
+uint64_t tier_multiply(uint64_t a, uint64_t b)
+{
+    uint64_t product = 0;
+    return __builtin_mul_overflow(a, b, &product) ? TIER_PAST_ANY : product;
+}
+
+std::string tier_offset_text(uint64_t value)
+{
+    return value == TIER_PAST_ANY ? "past any offset" : std::to_string(value);
+}
+
+tier_area tier_table_area(std::string_view name, uint64_t start, uint64_t count, uint64_t size)
+{
+    return {name, start, std::max(size, tier_multiply(count, SIZE_4K))};
+}
+
 tier_area tier_table_area(std::string_view name, const tier_region &region, uint64_t size)
 {
-    constexpr uint64_t LARGEST = std::numeric_limits<uint64_t>::max();
-    const uint64_t needed = region.count > LARGEST / SIZE_4K ? LARGEST : region.count * SIZE_4K;
-    return {name, static_cast<uint64_t>(region.start), std::max(size, needed)};
+    return tier_table_area(name, static_cast<uint64_t>(region.start), region.count, size);
 }
 
 uint32_t tier_crc(const void *record, uint32_t length)
@@ -65,6 +85,21 @@ int32_t tier_dump_table(zutr_params_t *params, const tier_table &table,
     const tier_region region = table.regions(params->sb)[0];
     return zutr_dump_common(params, table.number_key, region.start,
                             static_cast<int32_t>(region.count), format_func);
+}
+
+void tier_check_use(uint32_t use, tier_findings &to)
+{
+    if (use != 1) {
+        to.add({"odd_use", tier_severity::warning}, "its use flag is %u, which is odd: 1 is usual",
+               use);
+    }
+}
+
+void tier_check_identity(const uint8_t (&uuid)[16], tier_findings &to)
+{
+    if (uuid_is_null(uuid) != 0) {
+        to.add({"nil_identity", tier_severity::warning}, "its identity is nil, which is odd");
+    }
 }
 
 void tier_seal(const tier_table &table, void *record, uint32_t length)

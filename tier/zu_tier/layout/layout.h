@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -72,7 +73,19 @@ struct tier_area {
     bool aligned = true; /* it must begin at a multiple of 4096 */
 };
 
-/* A table of `size` bytes, or more if its entries need more. */
+/* Stands for a sum or product that is larger than any offset. */
+constexpr uint64_t TIER_PAST_ANY = ~uint64_t{0};
+
+/* Sums and products of bytes; TIER_PAST_ANY when they do not fit. */
+uint64_t tier_add(uint64_t a, uint64_t b);
+uint64_t tier_multiply(uint64_t a, uint64_t b);
+
+/* Such a number for people: "past any offset" when it does not fit. */
+std::string tier_offset_text(uint64_t value);
+
+/* A table of `size` bytes, or more if its entries need more. `start` may be TIER_PAST_ANY; a region
+ * begins where the super block says. */
+tier_area tier_table_area(std::string_view name, uint64_t start, uint64_t count, uint64_t size);
 tier_area tier_table_area(std::string_view name, const tier_region &region, uint64_t size);
 
 /* The repeated parts of an entry: words of a bitmap, mapped pieces, packed entries. */
@@ -103,12 +116,26 @@ struct tier_owner {
     tier_number no;
 };
 
-/* What no two entries in use may both have: an identity of 16 bytes, or a number among the entries
- * of one owner. The claim of a super block is the identity of the cache. */
+/* What no two entries in use may both have. That of a super block is the identity of the cache. */
+enum class tier_claim_type {
+    number,   /* among the entries of one owner */
+    identity, /* of 16 bytes */
+    text,     /* up to its NUL, in TIER_CLAIM_TEXT bytes */
+};
+constexpr size_t TIER_CLAIM_TEXT = 128;
+
 struct tier_claim {
-    std::string_view what; /* empty: they claim nothing */
-    tier_number number;    /* an identity begins where this would lie */
-    bool is_identity = false;
+    std::string_view what;
+    tier_number number; /* an identity or a text begins where this would lie */
+    tier_claim_type type = tier_claim_type::number;
+};
+
+/* What is wrong with a packed entry, in use or free, that has these bits under the mask. */
+struct tier_word_rule {
+    tier_kind kind;
+    uint64_t mask;
+    uint64_t bits;
+    std::string_view text; /* of the finding */
 };
 
 /* Entries of other tables may refer to numbers below `closed`. From `missing` on no entry exists,
@@ -163,10 +190,18 @@ struct tier_table {
      */
     tier_number in_use{};
     tier_owner owner{};
-    tier_claim claim{};
+    std::span<const tier_claim> claims{};
     tier_bounds (*bounds)(const void *sb) = nullptr; /* null: every entry may be referred to */
     /* Checks the entry by itself; null: there is nothing to check. */
     void (*check)(const void *sb, const uint8_t *entry, tier_findings &to) = nullptr;
+    /* The same for packed entries, of which there are many: a test of each word. */
+    std::span<const tier_word_rule> word_rules{};
+    /* A number that entries of other tables need to know of the one that they refer to, if any. */
+    tier_number for_referrers{};
+    /* Checks the entry against that number of its owner, which is in use; null: nothing to check.
+     */
+    void (*check_with_owner)(const void *sb, const uint8_t *entry, uint64_t number,
+                             tier_findings &to) = nullptr;
     /* Of a super block. */
     std::span<const tier_rule> rules{};
 
@@ -211,6 +246,14 @@ constexpr tier_rule tier_make_rule(tier_kind kind, Holds, Complain, Explain)
 
 /* CRC-32 of the bytes 4..`length` - 1 of a record. */
 uint32_t tier_crc(const void *record, uint32_t length);
+
+/* The finding about an extent in use whose bitmap is empty. */
+constexpr tier_kind TIER_EMPTY_BITMAP = {"empty_bitmap", tier_severity::warning};
+constexpr char TIER_EMPTY_BITMAP_TEXT[] = "it is in use and its bitmap is empty, which is odd";
+
+/* Findings about the use flag of an entry in use, where 1 is usual, and about its identity. */
+void tier_check_use(uint32_t use, tier_findings &to);
+void tier_check_identity(const uint8_t (&uuid)[16], tier_findings &to);
 
 /* zutr_dump_common over the table, or its first region; its count is cut to 32 bits. */
 int32_t tier_dump_table(zutr_params_t *params, const tier_table &table,

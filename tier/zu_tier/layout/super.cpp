@@ -29,6 +29,11 @@ int64_t tier_finish_super(const zutr_json_reader &in, const tier_table &table,
 void tier_explain_table(const tier_kind &kind, tier_findings &to, uint64_t count, uint64_t most,
                         uint64_t size, const char *expected, uint64_t expected_size)
 {
+    if (expected_size == TIER_PAST_ANY) {
+        to.add(kind, "the table has %lu entries in %lu bytes, which reach past any offset", count,
+               size);
+        return;
+    }
     to.add(kind, "the table has %lu entries in %lu bytes, expected 1..%lu entries and %s%lu bytes",
            count, size, most, expected, expected_size);
 }

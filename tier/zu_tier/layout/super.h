@@ -49,6 +49,10 @@ constexpr auto tier_super_keys(uint32_t expected)
     };
 }
 
+template <class Super>
+constexpr tier_claim TIER_SUPER_CLAIMS[] = {
+    {"identity", tier_number_at(offsetof(Super, sb_uuid), 8), tier_claim_type::identity}};
+
 /* A layout's super block as a table of one slot. */
 template <class Super>
 constexpr tier_table tier_super_table(uint32_t magic,
@@ -70,7 +74,7 @@ constexpr tier_table tier_super_table(uint32_t magic,
         .fields = fields,
         .keys = keys,
         .repair = repair,
-        .claim = {"identity", tier_number_at(offsetof(Super, sb_uuid), 8), true},
+        .claims = TIER_SUPER_CLAIMS<Super>,
         .rules = rules,
     };
 }
@@ -114,6 +118,36 @@ void tier_explain_table(const tier_kind &kind, tier_findings &to, uint64_t count
                         uint64_t size, const char *expected, uint64_t expected_size);
 void tier_explain_block_size(const tier_kind &kind, tier_findings &to, uint64_t size,
                              uint64_t least, uint64_t most);
+
+/* Where the tables of V1 and V2 begin, and where the last ends with the gap after it, up to the
+ * next MiB; TIER_PAST_ANY when it is no offset. */
+template <class Super>
+uint64_t tier_inodes_start(const Super &sb)
+{
+    return tier_add(static_cast<uint64_t>(tier_bricks(sb).start), sb.sb_brick_table_size);
+}
+
+template <class Super>
+uint64_t tier_extents_start(const Super &sb)
+{
+    return tier_add(tier_inodes_start(sb), sb.sb_inode_table_size);
+}
+
+template <class Super>
+uint64_t tier_extents_end(const Super &sb)
+{
+    return tier_add(tier_add(tier_extents_start(sb), sb.sb_extent_table_size),
+                    TIER_DATA_GAP + SIZE_1M);
+}
+
+/* The inode table size that the counts ask for, or TIER_PAST_ANY. */
+template <class Super>
+uint64_t tier_inode_bytes(const Super &sb)
+{
+    const uint64_t end =
+        tier_add(tier_inodes_start(sb), uint64_t{sb.sb_inode_cnt} * SIZE_4K + SIZE_1M);
+    return end == TIER_PAST_ANY ? end : tier_inode_table_size(sb);
+}
 
 /* The identity of the SSD, in every layout. */
 template <class Super, auto SsdUuid>
@@ -177,7 +211,7 @@ constexpr tier_rule TIER_INODES_RULE = tier_make_rule<Super>(
     },
     [](const Super &sb, const tier_kind &kind, tier_findings &to) {
         tier_explain_table(kind, to, sb.sb_inode_cnt, TIER_INODE_CNT_MAX, sb.sb_inode_table_size,
-                           "", tier_inode_table_size(sb));
+                           "", tier_inode_bytes(sb));
     });
 
 template <class Super>
@@ -231,8 +265,12 @@ constexpr tier_rule TIER_DATA_OFFSET_RULE = tier_make_rule<Super>(
                    tier_data_offset(sb));
     },
     [](const Super &sb, const tier_kind &kind, tier_findings &to) {
-        to.add(kind, "the data area begins at %lu, expected %lu", sb.sb_data_offset,
-               tier_data_offset(sb));
+        if (tier_extents_end(sb) == TIER_PAST_ANY) {
+            to.add(kind, "the tables before the data area reach past any offset");
+        } else {
+            to.add(kind, "the data area begins at %lu, expected %lu", sb.sb_data_offset,
+                   tier_data_offset(sb));
+        }
     });
 
 /* The areas that V1 and V2 have, in the order of the device. */
@@ -240,8 +278,11 @@ template <class Super>
 std::vector<tier_area> tier_head_areas(const Super &sb)
 {
     return {{"super block area", TIER_SUPER_OFFSET, sb.sb_size},
-            tier_table_area("brick table", tier_bricks(sb), sb.sb_brick_table_size),
-            tier_table_area("inode table", tier_inodes(sb), sb.sb_inode_table_size),
-            tier_table_area("extent table", tier_extents(sb), sb.sb_extent_table_size),
+            tier_table_area("brick table", static_cast<uint64_t>(tier_bricks(sb).start),
+                            sb.sb_brick_cnt, sb.sb_brick_table_size),
+            tier_table_area("inode table", tier_inodes_start(sb), sb.sb_inode_cnt,
+                            sb.sb_inode_table_size),
+            tier_table_area("extent table", tier_extents_start(sb), sb.sb_block_cnt,
+                            sb.sb_extent_table_size),
             {"data area", sb.sb_data_offset, uint64_t{sb.sb_block_size} * sb.sb_block_cnt, false}};
 }

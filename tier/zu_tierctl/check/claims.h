@@ -12,8 +12,9 @@
 
 namespace tierctl {
 
-/* An identity of 16 bytes, as a key. */
+/* An identity of 16 bytes, and a text of up to 128, as keys. */
 using Identity = std::array<uint64_t, 2>;
+using Text = std::array<uint64_t, 16>;
 
 /* Finds the keys that more than one number claims, in memory of a fixed size and therefore, if need
  * be, in several rounds, one for each range of keys that fits. A round goes twice over all claims,

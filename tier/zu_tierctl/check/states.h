@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace tierctl {
@@ -23,6 +24,9 @@ public:
     /* More than any layout has: only a super block that breaks the rules counts more, and those
      * entries are taken as unreadable. */
     static constexpr size_t ENTRIES_MAX = size_t{1} << 24;
+
+    /* The same for the numbers of entries, of eight bytes each; those after it are not noted. */
+    static constexpr size_t NUMBERS_MAX = size_t{1} << 19;
 
     /* A table of so many entries, all unreadable so far. */
     explicit States(uint64_t count = 0) : count_(count) {}
@@ -48,6 +52,24 @@ public:
         }
     }
 
+    /* Notes the number that an entry has for those that refer to it. */
+    void set_number(uint64_t no, uint64_t number)
+    {
+        if (no >= NUMBERS_MAX) {
+            return;
+        }
+        if (no >= numbers_.size()) {
+            numbers_.resize(no + 1);
+        }
+        numbers_[no] = number;
+    }
+
+    /* That of an entry in use, if it was noted. */
+    std::optional<uint64_t> number(uint64_t no) const
+    {
+        return no < numbers_.size() ? std::optional(numbers_[no]) : std::nullopt;
+    }
+
     State get(uint64_t no) const
     {
         if (no < known_.size()) {
@@ -59,6 +81,7 @@ public:
 private:
     uint64_t count_;
     std::vector<State> known_;
+    std::vector<uint64_t> numbers_;
 };
 
 } // namespace tierctl

@@ -1,7 +1,6 @@
 #include "zu_tierctl/check/table.h"
 
 #include <fmt/format.h>
-#include <limits>
 
 namespace tierctl {
 
@@ -9,16 +8,19 @@ namespace {
 
 constexpr EntryPlace SUPER_PLACE = {0, 0, TIER_SUPER_OFFSET};
 
-/* Where an area ends; the largest number when that is no offset. */
-uint64_t end_of(const tier_area &area)
-{
-    constexpr uint64_t LARGEST = std::numeric_limits<uint64_t>::max();
-    return area.length > LARGEST - area.start ? LARGEST : area.start + area.length;
-}
+/* Where an area ends, or TIER_PAST_ANY. */
+uint64_t end_of(const tier_area &area) { return tier_add(area.start, area.length); }
 
 std::string area_text(const tier_area &area)
 {
-    return fmt::format("the {} ({} bytes from {} on)", area.name, area.length, area.start);
+    if (area.start == TIER_PAST_ANY) {
+        return fmt::format("the {} (past any offset)", area.name);
+    }
+    const char *past = end_of(area) == TIER_PAST_ANY ? ", past any offset" : "";
+    return area.length == TIER_PAST_ANY
+               ? fmt::format("the {} (from {} on{})", area.name, area.start, past)
+               : fmt::format("the {} ({} bytes from {} on{})", area.name, area.length, area.start,
+                             past);
 }
 
 void check_area(const tier_area &area, uint64_t device_size, const TableFindings &findings)
@@ -28,7 +30,7 @@ void check_area(const tier_area &area, uint64_t device_size, const TableFindings
             {"area_past_end"}, SUPER_PLACE,
             fmt::format("{} reaches past the device's end at {}", area_text(area), device_size));
     }
-    if (area.aligned && area.start % SIZE_4K != 0) {
+    if (area.aligned && area.start != TIER_PAST_ANY && area.start % SIZE_4K != 0) {
         findings.add({"area_misaligned"}, SUPER_PLACE,
                      area_text(area) + " does not begin at a multiple of 4096");
     }

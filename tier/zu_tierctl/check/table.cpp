@@ -2,12 +2,14 @@
 
 #include "zu_tierctl/check/claims.h"
 #include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/text.h"
 
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cstring>
 #include <fmt/format.h>
+#include <span>
 #include <stdexcept>
 
 namespace tierctl {
@@ -75,18 +77,63 @@ uint64_t slots_present(const Table &table, uint64_t device_size)
     return slots;
 }
 
-/* What an entry claims, as a key: an identity, or a number within what its owner has. */
+/* The text that an entry claims. */
+std::string_view claimed_text(const tier_claim &claim, const uint8_t *entry)
+{
+    const auto *text = reinterpret_cast<const char *>(entry + claim.number.at);
+    return {text, strnlen(text, TIER_CLAIM_TEXT)};
+}
+
+/* What an entry claims, as a key: an identity, a text, or a number within what its owner has. */
 template <class Key>
-Key claim_key(const tier_table &row, const uint8_t *entry)
+Key claim_key(const tier_table &row, const tier_claim &claim, const uint8_t *entry)
 {
     if constexpr (std::is_same_v<Key, Identity>) {
         Key key;
-        memcpy(&key, entry + row.claim.number.at, sizeof(key));
+        memcpy(&key, entry + claim.number.at, sizeof(key));
+        return key;
+    } else if constexpr (std::is_same_v<Key, Text>) {
+        static_assert(sizeof(Key) == TIER_CLAIM_TEXT);
+        Key key{};
+        const std::string_view text = claimed_text(claim, entry);
+        memcpy(&key, text.data(), text.size());
         return key;
     } else {
-        const uint64_t number = row.claim.number.get(entry);
-        return row.owner.no.get(entry) << std::popcount(row.claim.number.mask) | number;
+        const uint64_t number = claim.number.get(entry);
+        return row.owner.no.get(entry) << std::popcount(claim.number.mask) | number;
     }
+}
+
+/* The same for people. */
+std::string claimed_value(const tier_table &row, const tier_claim &claim, const uint8_t *entry)
+{
+    switch (claim.type) {
+    case tier_claim_type::identity:
+        return zutr_uuid_utoa(entry + claim.number.at);
+    case tier_claim_type::text:
+        return quoted(claimed_text(claim, entry));
+    default:
+        return fmt::format("{} of {} {}", claim.number.get(entry), row.owner.table,
+                           row.owner.no.get(entry));
+    }
+}
+
+/* Whether any word of a slot breaks one of the rules. Without branches, because there are many
+ * words and hardly ever such a one: `differing` less one borrows from all of its bits only when it
+ * is 0.
+ */
+bool breaks_rules(std::span<const tier_word_rule> rules, const uint8_t *slot)
+{
+    uint64_t broken = 0;
+    for (const auto &[kind, mask, bits, text] : rules) {
+        for (size_t at = 0; at < SIZE_4K; at += sizeof(uint64_t)) {
+            uint64_t word = 0;
+            memcpy(&word, slot + at, sizeof(word));
+            const uint64_t differing = (word & mask) ^ bits;
+            broken |= (differing - 1) & ~differing;
+        }
+    }
+    return broken >> 63 != 0;
 }
 
 class TableCheck {
@@ -102,12 +149,12 @@ public:
 
     TableOutcome run(size_t claims_memory)
     {
-        if (row_.claim.what.empty() || !context_.findings.wanted() || claims_memory == 0) {
+        if (row_.claims.empty() || !context_.findings.wanted() || claims_memory == 0) {
             first_pass([](const EntryPlace &, const uint8_t *) {});
-        } else if (row_.claim.is_identity) {
-            check_with_claims<Identity>(claims_memory);
         } else {
-            check_with_claims<uint64_t>(claims_memory);
+            for (const tier_claim &claim : row_.claims) {
+                check_claim(claim, claims_memory);
+            }
         }
         add_unknown_owners();
         set_bounds();
@@ -120,23 +167,39 @@ private:
         return {slot * end_ + k, slot, offset + k * int64_t{sizeof(uint64_t)}};
     }
 
+    void check_claim(const tier_claim &claim, size_t claims_memory)
+    {
+        switch (claim.type) {
+        case tier_claim_type::number:
+            return check_with_claims<uint64_t>(claim, claims_memory);
+        case tier_claim_type::identity:
+            return check_with_claims<Identity>(claim, claims_memory);
+        case tier_claim_type::text:
+            return check_with_claims<Text>(claim, claims_memory);
+        }
+    }
+
     template <class Key>
-    void check_with_claims(size_t claims_memory)
+    void check_with_claims(const tier_claim &claim, size_t claims_memory)
     {
         const uint64_t present =
             slots_present(table_, context_.device.size()) * table_.entries_a_slot();
         Claims<Key> claims(std::max<uint64_t>(
             2, std::min<uint64_t>(present, Claims<Key>::capacity(claims_memory))));
         const auto add = [&](const EntryPlace &, const uint8_t *entry) {
-            claims.add(claim_key<Key>(row_, entry));
+            claims.add(claim_key<Key>(row_, claim, entry));
         };
         const auto tell = [&](const EntryPlace &place, const uint8_t *entry) {
-            const auto first = claims.first_claim(claim_key<Key>(row_, entry), place.no);
+            const auto first = claims.first_claim(claim_key<Key>(row_, claim, entry), place.no);
             if (first) {
-                context_.findings.add_claim(entry, *first, place);
+                context_.findings.add_claim(claim, entry, *first, place);
             }
         };
-        first_pass(add);
+        if (&claim == row_.claims.data()) {
+            first_pass(add);
+        } else {
+            later_pass(add);
+        }
         while (true) {
             if (claims.end_pass()) {
                 later_pass(tell);
@@ -214,8 +277,12 @@ private:
             add_lost(no, 1, &Counts::damaged);
             return;
         }
+        const bool odd = breaks_rules(row_.word_rules, slot);
         for (uint32_t k = first_; k < end_; k++) {
             const uint8_t *entry = Table::entry(slot, k);
+            if (odd) {
+                check_word(place(no, offset, k), entry);
+            }
             if (!table_.in_use(entry)) {
                 set_states(no, k, k + 1, State::free);
                 outcome_.counts.free++;
@@ -225,6 +292,9 @@ private:
                 continue;
             }
             set_states(no, k, k + 1, State::in_use);
+            if (row_.for_referrers) {
+                outcome_.states.set_number(no * end_ + k, row_.for_referrers.get(entry));
+            }
             outcome_.counts.in_use++;
             if (context_.watcher != nullptr) {
                 context_.watcher->add_in_use(no * end_ + k, entry);
@@ -250,13 +320,27 @@ private:
         }
     }
 
+    void check_word(const EntryPlace &place, const uint8_t *entry)
+    {
+        uint64_t word = 0;
+        memcpy(&word, entry, sizeof(word));
+        for (const tier_word_rule &rule : row_.word_rules) {
+            if ((word & rule.mask) == rule.bits) {
+                context_.findings.add({std::string(rule.kind.name), rule.kind.severity}, place,
+                                      std::string(rule.text));
+            }
+        }
+    }
+
     void check_entry(const EntryPlace &place, const uint8_t *entry)
     {
         if (!row_.owner.table.empty()) {
             const uint64_t owner = row_.owner.no.get(entry);
             const State state = context_.owners.get(owner);
-            if (state != State::in_use && context_.findings.wanted()) {
+            if (state != State::in_use) {
                 check_owner(owner, state, place);
+            } else if (row_.check_with_owner != nullptr) {
+                check_with_owner(owner, place, entry);
             }
         }
         if (row_.check != nullptr) {
@@ -265,9 +349,21 @@ private:
         }
     }
 
+    void check_with_owner(uint64_t owner, const EntryPlace &place, const uint8_t *entry) const
+    {
+        const std::optional<uint64_t> number = context_.owners.number(owner);
+        if (number) {
+            EntryFindings findings(context_.findings, place);
+            row_.check_with_owner(context_.metadata.super(), entry, *number, findings);
+        }
+    }
+
     /* Millions may refer to one damaged block: it is reported once, at the end. */
     void check_owner(uint64_t owner, State state, const EntryPlace &place)
     {
+        if (!context_.findings.wanted()) {
+            return;
+        }
         const bool known = state != State::damaged && state != State::unreadable;
         if (known || owner >= OWNERS_MAX) {
             context_.findings.add_owner(owner, state, place);
@@ -373,16 +469,12 @@ void TableFindings::add_owner(uint64_t owner_no, State state, const EntryPlace &
     }
 }
 
-void TableFindings::add_claim(const uint8_t *entry, uint64_t first, const EntryPlace &place) const
+void TableFindings::add_claim(const tier_claim &claim, const uint8_t *entry, uint64_t first,
+                              const EntryPlace &place) const
 {
-    const tier_table &row = *table_->row;
-    const std::string claim =
-        row.claim.is_identity
-            ? fmt::format("{} {}", row.claim.what, zutr_uuid_utoa(entry + row.claim.number.at))
-            : fmt::format("{} {} of {} {}", row.claim.what, row.claim.number.get(entry),
-                          row.owner.table, row.owner.no.get(entry));
     add({fmt::format("duplicate_{}", table_->name)}, place,
-        fmt::format("{} is also that of {} {}", claim, table_->name, first));
+        fmt::format("{} {} is also that of {} {}", claim.what,
+                    claimed_value(*table_->row, claim, entry), table_->name, first));
 }
 
 void TableFindings::add_unfit() const

@@ -42,7 +42,8 @@ public:
                    uint64_t others = 0) const;
 
     /* Reports that another entry claims the same as the one at `entry`. */
-    void add_claim(const uint8_t *entry, uint64_t first, const EntryPlace &place) const;
+    void add_claim(const tier_claim &claim, const uint8_t *entry, uint64_t first,
+                   const EntryPlace &place) const;
 
     /* Reports that the table cannot be checked: its records do not fit their slots. */
     void add_unfit() const;
@@ -88,9 +89,9 @@ struct TableOutcome {
     States states; /* empty unless other tables refer to this one */
 };
 
-/* Checks the entries of a table whose records fit their slots. Reads the table once, once more when
- * something is claimed repeatedly, and more often when the claims do not fit in `claims_memory`
- * bytes; with 0 it does not search for claims. */
+/* Checks the entries of a table whose records fit their slots. Reads the table once for each of its
+ * claims, once more when something is claimed repeatedly, and more often when the claims do not fit
+ * in `claims_memory` bytes; with 0 it does not search for claims. */
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
 
 /* Reports what is wrong in the super block: its parameters, and the places of its areas on a device

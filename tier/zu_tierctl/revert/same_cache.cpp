@@ -35,6 +35,13 @@ Side read_side(const Device &device, const tier_layout &layout)
     return {own != nullptr, cache_identity(own != nullptr ? *own : layout, block)};
 }
 
+/* Where the entries of a table have their identity; null: they have none. */
+const tier_claim *identity_claim(const tier_table &row)
+{
+    const auto found = std::ranges::find(row.claims, tier_claim_type::identity, &tier_claim::type);
+    return found == row.claims.end() ? nullptr : &*found;
+}
+
 bool is_sound_and_in_use(const Table &table, uint64_t no, const uint8_t *slot)
 {
     return table.flaws(no, slot) == 0 && table.in_use(slot);
@@ -43,7 +50,7 @@ bool is_sound_and_in_use(const Table &table, uint64_t no, const uint8_t *slot)
 /* Compares the entries that are sound and in use on both sides. */
 void compare(const Device &saved, const Device &device, const Table &table, Evidence &evidence)
 {
-    const uint32_t at = table.row->claim.number.at;
+    const uint32_t at = identity_claim(*table.row)->number.at;
     alignas(SIZE_4K) Block now;
     read_table(saved, table.regions, [&](const Slots &slots) {
         for (uint64_t i = 0; slots.data != nullptr && i < slots.count; i++) {
@@ -62,7 +69,7 @@ void compare(const Device &saved, const Device &device, const Table &table, Evid
 /* Of entries that belong to no others, like bricks. What belongs to these comes and goes. */
 bool tells_the_cache(const Table &table)
 {
-    return table.name != SUPER_TABLE && table.row->claim.is_identity &&
+    return table.name != SUPER_TABLE && identity_claim(*table.row) != nullptr &&
            table.row->owner.table.empty() && table.identifies();
 }
 
@@ -82,11 +89,11 @@ Evidence compare_tables(const Device &saved, const Device &device, const Metadat
 
 std::string cache_identity(const tier_layout &layout, const Block &super_block)
 {
-    const tier_claim &claim = layout.tables.front()->claim;
-    if (!claim.is_identity) {
+    const tier_claim *claim = identity_claim(*layout.tables.front());
+    if (claim == nullptr) {
         return "";
     }
-    const auto identity = std::span(super_block).subspan(claim.number.at, IDENTITY_SIZE);
+    const auto identity = std::span(super_block).subspan(claim->number.at, IDENTITY_SIZE);
     const bool is_nil = std::ranges::all_of(identity, [](uint8_t byte) { return byte == 0; });
     return is_nil ? "" : zutr_uuid_utoa(identity.data());
 }

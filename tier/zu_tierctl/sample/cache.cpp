@@ -114,8 +114,10 @@ Held SampleCache::use_extent(tier_extent_t *extent)
     const uint64_t rest = file.size - block_ * block_size;
     const uint64_t length = std::min(rest, block_size);
     const uint64_t pages = tier_round_up(length, SIZE_4K) / SIZE_4K;
+    /* Some blocks lack their first pages, but not all that the bitmap has bits for. */
     const uint64_t first =
-        random_.one_in(4) ? random_.below(pages) : 0; /* some blocks lack their first pages */
+        random_.one_in(4) ? random_.below(std::min(pages, std::max<uint64_t>(1, bitmap_pages())))
+                          : 0;
 
     extent->te_use = 1;
     extent->te_block = block_;
@@ -136,11 +138,15 @@ Held SampleCache::use_extent(tier_extent_t *extent)
     return {first, pages, length};
 }
 
+uint64_t SampleCache::bitmap_pages() const
+{
+    return (sizes_[EXTENT_SIZE] - sizeof(tier_extent_t)) / sizeof(uint64_t) * PAGES_A_WORD;
+}
+
 void SampleCache::hold(uint8_t *slot, uint64_t begin, uint64_t end) const
 {
     uint8_t *bitmap = slot + sizeof(tier_extent_t);
-    const uint64_t words = (sizes_[EXTENT_SIZE] - sizeof(tier_extent_t)) / sizeof(uint64_t);
-    for (uint64_t page = begin; page < std::min(end, words * PAGES_A_WORD); page++) {
+    for (uint64_t page = begin; page < std::min(end, bitmap_pages()); page++) {
         uint8_t &byte = bitmap[page / 8]; /* words are stored low byte first */
         byte = static_cast<uint8_t>(byte | (1U << (page % 8)));
     }

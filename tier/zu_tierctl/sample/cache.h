@@ -79,6 +79,7 @@ private:
     void use_brick(tier_brick_info_t *brick);
     void use_inode(tier_inode_t *inode);
     Held use_extent(tier_extent_t *extent);
+    uint64_t bitmap_pages() const;
 
     Sizes sizes_;
     uint32_t inode_sum_; /* including those of the expansion area */

@@ -107,7 +107,8 @@ public:
 private:
     struct CachedFile {
         uint32_t inode_no;
-        uint32_t shards; /* number of its shards so far */
+        uint64_t blocks;
+        uint64_t shards; /* so far: a shard holds a block or more */
     };
 
     template <class Make>
@@ -119,9 +120,9 @@ private:
 
     SampleCache cache_;
     SuperBlock super_;
-    std::vector<CachedFile> files_;
-    std::vector<uint32_t> shards_; /* in use */
-    uint64_t extents_ = 0;         /* in use so far */
+    std::vector<CachedFile> files_; /* that may have another shard */
+    std::vector<uint32_t> shards_;  /* in use */
+    uint64_t extents_ = 0;          /* in use so far */
 };
 
 tier_inode_v3_t SampleV3::inode(uint64_t no)
@@ -130,7 +131,8 @@ tier_inode_v3_t SampleV3::inode(uint64_t no)
     if (inode.i_use != 0) {
         inode.new_data = cache_.random().below(inode.i_size);
         inode.i_blocks = inode.i_size >> FILE_BLOCK_SHIFT;
-        files_.push_back({inode.i_no, 0});
+        const uint64_t blocks = tier_round_up(inode.i_size, super_.sb_block_size);
+        files_.push_back({inode.i_no, blocks / super_.sb_block_size, 0});
     }
     return inode;
 }
@@ -159,12 +161,21 @@ tier_packed_block_v3_t SampleV3::shard_block(uint64_t no)
     return block;
 }
 
+/* A free one when no file may have another. */
 uint64_t SampleV3::shard(uint64_t no)
 {
+    if (files_.empty()) {
+        return 0;
+    }
     shards_.push_back(static_cast<uint32_t>(no));
     CachedFile &file = files_[cache_.random().below(files_.size())];
-    const uint64_t word = SHARD_INO_V3.put(SHARD_IN_USE_V3.put(0, 1), file.inode_no);
-    return SHARD_INDEX_V3.put(word, file.shards++);
+    uint64_t word = SHARD_INO_V3.put(SHARD_IN_USE_V3.put(0, 1), file.inode_no);
+    word = SHARD_INDEX_V3.put(word, file.shards++);
+    if (file.shards == file.blocks) {
+        file = files_.back();
+        files_.pop_back();
+    }
+    return word;
 }
 
 std::array<uint8_t, SIZE_4K> SampleV3::hot_block()
@@ -198,7 +209,8 @@ uint64_t SampleV3::extent()
     word = EXTENT_BITMAP_V3.put(word, random.between(1, uint64_t{1} << EXTENT_BITMAP_V3.width));
     word = EXTENT_SENSE_V3.put(word, random.below(uint64_t{1} << EXTENT_SENSE_V3.width));
     word = EXTENT_DEMOTE_V3.put(word, random.one_in(8) ? 1 : 0);
-    return EXTENT_DM_ERR_V3.put(word, random.one_in(256) ? 1 : 0);
+    random.below(1); /* what follows in the image of a seed stays where it was */
+    return word;
 }
 
 /* By default there is a data block for each extent. */

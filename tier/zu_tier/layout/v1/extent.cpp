@@ -153,7 +153,7 @@ constexpr tier_parts BITMAP = {
 
 } // namespace
 
-constexpr tier_table TIER_EXTENT_TABLE_V1 = tier_extent_table(
+constexpr tier_table TIER_EXTENT_TABLE_V1 = tier_extent_table<tier_super_block_v1_t>(
     [](const void *sb) { return tier_regions{tier_extents(tier_super_v1(sb))}; },
     [](const void *sb) { return uint64_t{tier_super_v1(sb).sb_extent_size}; }, crc_extent_v1,
     [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, IN_USE_KEYS)); }, &BITMAP,

@@ -197,6 +197,9 @@ bool pieces_are_known(const tier_super_block_v2_t &sb)
 }
 
 constexpr tier_kind PIECE_TOO_LONG = {"piece_too_long"};
+constexpr tier_kind PIECE_EXCEEDS_PAGES = {"piece_exceeds_pages"};
+constexpr tier_kind ODD_PIECE_PAGES = {"odd_piece_pages", tier_severity::warning};
+constexpr tier_kind PIECES_OF_ONE_OFFSET = {"pieces_of_one_offset"};
 constexpr tier_kind PIECE_OUTSIDE_BLOCK = {"piece_outside_block"};
 constexpr tier_kind PIECES_OVERLAP = {"pieces_overlap"};
 
@@ -207,19 +210,45 @@ void check_piece(const shown_piece &piece, uint32_t block_size, tier_findings &t
         to.add(PIECE_TOO_LONG, "piece %u has %u bytes, a block has %u", piece.mapno,
                piece.orig_len(), block_size);
     }
+    const uint32_t needed = (piece.orig_len() + SIZE_4K - 1) / SIZE_4K;
+    if (piece.cnt < needed) {
+        to.add(PIECE_EXCEEDS_PAGES, "piece %u has %u bytes in %u pages of 4096", piece.mapno,
+               piece.orig_len(), piece.cnt);
+    }
+    if (piece.cnt > needed) {
+        to.add(ODD_PIECE_PAGES,
+               "piece %u has %u bytes in %u pages of 4096, which is odd: they need %u", piece.mapno,
+               piece.orig_len(), piece.cnt, needed);
+    }
     const uint32_t end = uint32_t{piece.begin} + piece.cnt;
-    if (uint64_t{end} * SIZE_4K > block_size) {
-        to.add(PIECE_OUTSIDE_BLOCK, "piece %u ends with page %u, a block has %u pages", piece.mapno,
-               end, block_size / SIZE_4K);
+    if (piece.cnt != 0 && uint64_t{end} * SIZE_4K > block_size) {
+        to.add(PIECE_OUTSIDE_BLOCK, "piece %u ends with page %u, counted from 0; a block has %u",
+               piece.mapno, end - 1, block_size / SIZE_4K);
+    }
+}
+
+void check_offsets(std::span<shown_piece> pieces, tier_findings &to)
+{
+    std::ranges::sort(
+        pieces, {}, [](const shown_piece &piece) { return std::pair(piece.offset, piece.mapno); });
+    for (size_t i = 1; i < pieces.size(); i++) {
+        if (pieces[i].offset == pieces[i - 1].offset) {
+            to.add(PIECES_OF_ONE_OFFSET, "piece %u comes from offset %lu, as piece %u does",
+                   pieces[i].mapno, pieces[i].offset, pieces[i - 1].mapno);
+        }
     }
 }
 
 void check_overlap(std::span<shown_piece> pieces, tier_findings &to)
 {
-    std::ranges::sort(pieces, {}, &shown_piece::begin);
+    std::ranges::sort(pieces, {},
+                      [](const shown_piece &piece) { return std::pair(piece.begin, piece.mapno); });
     const shown_piece *furthest = nullptr; /* of those so far, the one that ends last */
     const auto end_of = [](const shown_piece &piece) { return uint32_t{piece.begin} + piece.cnt; };
     for (const shown_piece &piece : pieces) {
+        if (piece.cnt == 0) {
+            continue;
+        }
         if (furthest != nullptr && piece.begin < end_of(*furthest)) {
             to.add(PIECES_OVERLAP, "piece %u holds page %u, as piece %u does", piece.mapno,
                    piece.begin, furthest->mapno);
@@ -230,8 +259,9 @@ void check_overlap(std::span<shown_piece> pieces, tier_findings &to)
     }
 }
 
-void check_pieces(const void *p, const uint8_t *entry, tier_findings &to)
+void check_extent(const void *p, const uint8_t *entry, tier_findings &to)
 {
+    tier_check_extent_of<tier_super_block_v2_t>(p, entry, to);
     const tier_super_block_v2_t &sb = tier_super_v2(p);
     if (!pieces_are_known(sb)) {
         return;
@@ -245,11 +275,11 @@ void check_pieces(const void *p, const uint8_t *entry, tier_findings &to)
             continue;
         }
         check_piece(piece, sb.sb_block_size, to);
-        if (piece.cnt != 0) {
-            pieces[held++] = piece;
-        }
+        pieces[held++] = piece;
     }
-    check_overlap(std::span(pieces).first(held), to);
+    const std::span<shown_piece> found = std::span(pieces).first(held);
+    check_offsets(found, to);
+    check_overlap(found, to);
 }
 
 constexpr tier_parts PIECES = {
@@ -294,13 +324,13 @@ std::vector<tier_stretch> stretches(const void *p)
 
 constexpr tier_table extent_table()
 {
-    tier_table table = tier_extent_table(
+    tier_table table = tier_extent_table<tier_super_block_v2_t>(
         [](const void *sb) { return tier_regions{tier_extents(tier_super_v2(sb))}; },
         [](const void *sb) { return uint64_t{tier_super_v2(sb).sb_total_extent_size}; },
         crc_extent_v2,
         [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, TIER_EXTENT_OWNER_KEYS)); },
         &PIECES, {parse_extent_from_json_v2, __print_extent_v2});
-    table.check = check_pieces;
+    table.check = check_extent;
     table.stretches = stretches;
     return table;
 }

@@ -58,6 +58,9 @@ uint64_t parts_length(const super_v2 &sb)
     return uint64_t{sb.sb_extent_size} + sb.sb_total_map_size + sb.sb_hot_size;
 }
 
+/* The bytes that the mapped pieces of an extent can hold. */
+uint64_t mapped_bytes(const super_v2 &sb) { return uint64_t{sb.sb_map_cnt} * sb.sb_min_alloc_size; }
+
 constexpr tier_rule RULES[] = {
     TIER_SUPER_SIZE_RULE<super_v2>,
     TIER_BRICKS_RULE<super_v2>,
@@ -134,7 +137,7 @@ constexpr tier_rule RULES[] = {
         [](const super_v2 &sb) {
             const bool none = sb.sb_inode_exp_magic == 0;
             return none ? sb.sb_inode_exp_area == 0 && sb.sb_inode_exp_inuse == 0
-                        : sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2 &&
+                        : sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2 && sb.sb_inode_exp_area != 0 &&
                               (sb.sb_inode_exp_inuse == 0 ||
                                sb.sb_inode_exp_inuse == TIER_EXP_INUSE_V2);
         },
@@ -145,6 +148,19 @@ constexpr tier_rule RULES[] = {
                    "a size and 0x%x or 0, or three zeros",
                    sb.sb_inode_exp_magic, sb.sb_inode_exp_area, sb.sb_inode_exp_inuse,
                    TIER_EXP_MAGIC_V2, TIER_EXP_INUSE_V2);
+        }),
+    tier_make_rule<super_v2>(
+        {"odd_map_count", tier_severity::warning},
+        [](const super_v2 &sb) {
+            const uint64_t mapped = mapped_bytes(sb);
+            return mapped >= sb.sb_block_size && mapped - sb.sb_block_size < sb.sb_min_alloc_size;
+        },
+        nullptr,
+        [](const super_v2 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind,
+                   "%u mapped pieces for %u bytes each are for %lu bytes, which is odd: a block "
+                   "has %u",
+                   sb.sb_map_cnt, sb.sb_min_alloc_size, mapped_bytes(sb), sb.sb_block_size);
         }),
 };
 

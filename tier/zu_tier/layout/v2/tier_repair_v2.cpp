@@ -91,7 +91,10 @@ std::vector<tier_area> areas(const void *p)
     const tier_super_block_v2_t &sb = tier_super_v2(p);
     std::vector<tier_area> found = tier_head_areas(sb);
     if (sb.sb_inode_exp_magic == TIER_EXP_MAGIC_V2) {
-        found.push_back(tier_table_area("expansion inode area", tier_exp_inodes_v2(sb), 0));
+        const uint64_t data = uint64_t{sb.sb_block_size} * sb.sb_block_cnt;
+        found.push_back(tier_table_area("expansion inode area",
+                                        tier_add(tier_add(sb.sb_data_offset, data), SIZE_1M),
+                                        tier_exp_cnt_v2(sb), 0));
     }
     return found;
 }

@@ -137,6 +137,28 @@ constexpr tier_parts PARTS = tier_packed_parts(
     PACKED, [] { return tier_make_columns(FIELDS); },
     [] { return tier_make_columns(std::tuple_cat(std::tuple{NUMBER_KEY}, KEYS)); });
 
+constexpr tier_claim CLAIMS[] = {{"address", {0, EXTENT_LBA_V3.mask()}}};
+
+/* Bits that are tested together. */
+constexpr uint64_t IN_USE = EXTENT_IN_USE_V3.mask();
+constexpr uint64_t DIRTY = EXTENT_DIRTY_V3.mask();
+constexpr uint64_t BITMAP = EXTENT_BITMAP_V3.mask();
+
+constexpr tier_word_rule WORD_RULES[] = {
+    {{"free_but_dirty"}, IN_USE | DIRTY, DIRTY, "it is free, but dirty: not yet written back"},
+    {{"dirty_but_empty"},
+     IN_USE | DIRTY | BITMAP,
+     IN_USE | DIRTY,
+     "it is dirty, but its bitmap is empty: there is nothing to write back"},
+    {TIER_EMPTY_BITMAP, IN_USE | DIRTY | BITMAP, IN_USE, TIER_EMPTY_BITMAP_TEXT},
+    {{"error_flag", tier_severity::warning},
+     IN_USE | EXTENT_DM_ERR_V3.mask(),
+     IN_USE | EXTENT_DM_ERR_V3.mask(),
+     "its error flag is set, which is odd"},
+    {TIER_RESERVED_BITS_V3, IN_USE | EXTENT_RESERVED_V3.mask(), IN_USE | EXTENT_RESERVED_V3.mask(),
+     "its reserved bit is set, which is odd"},
+};
+
 } // namespace
 
 constexpr tier_table TIER_EXTENT_TABLE_V3 = {
@@ -151,7 +173,8 @@ constexpr tier_table TIER_EXTENT_TABLE_V3 = {
     .repair = {parse_extent_from_json_v3, nullptr},
     .in_use = {0, EXTENT_IN_USE_V3.mask()},
     .owner = {"shard", {0, EXTENT_SHARD_V3.mask()}},
-    .claim = {"address", {0, EXTENT_LBA_V3.mask()}},
+    .claims = CLAIMS,
+    .word_rules = WORD_RULES,
 };
 
 int32_t zutr_dump_extent_v3(zutr_params_t *params)

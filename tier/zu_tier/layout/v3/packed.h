@@ -26,6 +26,9 @@ struct tier_packed_entry_v3 {
     uint64_t no;
 };
 
+/* The finding about an entry whose reserved bits are not 0. */
+constexpr tier_kind TIER_RESERVED_BITS_V3 = {"reserved_bits", tier_severity::warning};
+
 /* The filter as a test of a word: an entry passes when its bits under the mask are these. */
 struct tier_packed_filter {
     uint64_t mask = 0;

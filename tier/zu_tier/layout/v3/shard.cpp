@@ -93,6 +93,37 @@ constexpr tier_parts PARTS = tier_packed_parts(
     PACKED, [] { return tier_make_columns(FIELDS); },
     [] { return tier_make_columns(std::tuple_cat(std::tuple{NUMBER_KEY}, KEYS)); });
 
+constexpr tier_claim CLAIMS[] = {{"index", {0, SHARD_INDEX_V3.mask()}}};
+
+uint64_t word_of(const uint8_t *entry)
+{
+    uint64_t word = 0;
+    memcpy(&word, entry, sizeof(word));
+    return word;
+}
+
+void check_shard(const void * /*sb*/, const uint8_t *entry, tier_findings &to)
+{
+    const uint64_t reserved = SHARD_RESERVED_V3.get(word_of(entry));
+    if (reserved != 0) {
+        to.add(TIER_RESERVED_BITS_V3, "its reserved bits are 0x%lx, which is odd: 0 is usual",
+               reserved);
+    }
+}
+
+/* How much of a file a shard holds is not known, but that it is a block or more. */
+void check_shard_in_file(const void *p, const uint8_t *entry, uint64_t file_size, tier_findings &to)
+{
+    const uint64_t block_size = tier_super_v3(p).sb_block_size;
+    const uint64_t index = SHARD_INDEX_V3.get(word_of(entry));
+    if (tier_multiply(index, block_size) >= file_size) {
+        to.add({"shard_past_file"},
+               "its index is %lu, but the file has %lu bytes, and a shard holds a block of %lu or "
+               "more",
+               index, file_size, block_size);
+    }
+}
+
 } // namespace
 
 constexpr tier_table TIER_SHARD_TABLE_V3 = {
@@ -109,7 +140,9 @@ constexpr tier_table TIER_SHARD_TABLE_V3 = {
     .repair = {parse_shard_from_json_v3, nullptr},
     .in_use = {0, SHARD_IN_USE_V3.mask()},
     .owner = {"inode", {0, SHARD_INO_V3.mask()}},
-    .claim = {"index", {0, SHARD_INDEX_V3.mask()}},
+    .claims = CLAIMS,
+    .check = check_shard,
+    .check_with_owner = check_shard_in_file,
 };
 
 int32_t zutr_dump_shard_v3(zutr_params_t *params)

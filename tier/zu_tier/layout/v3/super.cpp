@@ -99,7 +99,18 @@ constexpr tier_rule TABLE_RULE = tier_make_rule<super_v3>(
     [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
         tier_explain_table(kind, to, sb.*Limits.count, Limits.count_max, sb.*Limits.size,
                            Limits.may_be_larger ? "at least " : "",
-                           sb.*Limits.count * Limits.entry_size);
+                           tier_multiply(sb.*Limits.count, Limits.entry_size));
+    });
+
+/* Entries of a last block that the count does not fill are not reached. */
+template <const table_limits &Limits>
+constexpr tier_rule FULL_BLOCKS_RULE = tier_make_rule<super_v3>(
+    {"entries_left_out", tier_severity::warning},
+    [](const super_v3 &sb) { return sb.*Limits.count % TIER_PACKED_SLOTS_V3 == 0; }, nullptr,
+    [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+        const uint64_t count = sb.*Limits.count;
+        to.add(kind, "%lu %ss, which is odd: the last %lu do not fill a block and are left out",
+               count, Limits.name, count % TIER_PACKED_SLOTS_V3);
     });
 
 constexpr tier_rule RULES[] = {
@@ -162,6 +173,26 @@ constexpr tier_rule RULES[] = {
             to.add(kind,
                    "shard table, hot table, extent table and data area are not in this order");
         }),
+    tier_make_rule<super_v3>(
+        {"bad_data_area"},
+        [](const super_v3 &sb) {
+            return tier_multiply(sb.sb_block_size, sb.sb_block_cnt) != TIER_PAST_ANY;
+        },
+        nullptr,
+        [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind, "%lu blocks of %lu bytes reach past any offset", sb.sb_block_cnt,
+                   sb.sb_block_size);
+        }),
+    tier_make_rule<super_v3>(
+        {"odd_super_block_offset", tier_severity::warning},
+        [](const super_v3 &sb) { return sb.sb_sb_offset == TIER_SUPER_OFFSET; }, nullptr,
+        [](const super_v3 &sb, const tier_kind &kind, tier_findings &to) {
+            to.add(kind,
+                   "the super block area is said to begin at %lu, which is odd: it begins at %ld",
+                   sb.sb_sb_offset, TIER_SUPER_OFFSET);
+        }),
+    FULL_BLOCKS_RULE<SHARDS>,
+    FULL_BLOCKS_RULE<EXTENTS>,
 };
 
 uint32_t crc_super_v3(void *sb, uint32_t length)

@@ -195,19 +195,17 @@ constexpr const tier_table *TABLES[] = {&TIER_SUPER_TABLE_V3, &BRICK_TABLE, &INO
 
 std::vector<tier_area> areas(const void *p)
 {
-    constexpr uint64_t LARGEST = ~uint64_t{0};
     const tier_super_block_v3_t &sb = tier_super_v3(p);
-    uint64_t blocks = 0;
-    if (__builtin_mul_overflow(sb.sb_block_cnt, sb.sb_block_size, &blocks)) {
-        blocks = LARGEST;
-    }
     return {{"super block area", TIER_SUPER_OFFSET, sb.sb_sb_size},
+            {"reserved area", sb.sb_reserved_offset, sb.sb_reserved_size, false},
             tier_table_area("brick table", tier_bricks_v3(sb), sb.sb_brick_table_size),
             tier_table_area("inode table", tier_inodes_v3(sb), sb.sb_inode_table_size),
             tier_table_area("shard table", tier_shards_v3(sb), sb.sb_shard_table_size),
             tier_table_area("hot table", tier_hot_v3(sb), sb.sb_hot_table_size),
             tier_table_area("extent table", tier_extents_v3(sb), sb.sb_extent_table_size),
-            {"data area", sb.sb_block_area_offset, std::max(sb.sb_block_area_size, blocks), false}};
+            {"data area", sb.sb_block_area_offset,
+             std::max(sb.sb_block_area_size, tier_multiply(sb.sb_block_cnt, sb.sb_block_size)),
+             false}};
 }
 
 constexpr tier_layout LAYOUT_V3 = {
