@@ -17,8 +17,9 @@ struct Effect {
     const char *name;
     int error;
 };
-constexpr Effect ERRORS[] = {{"EIO", EIO},       {"EINTR", EINTR},   {"EAGAIN", EAGAIN},
-                             {"ENOSPC", ENOSPC}, {"ENOMEM", ENOMEM}, {"pass", 0}};
+constexpr Effect ERRORS[] = {{"EIO", EIO},       {"EINTR", EINTR},           {"EAGAIN", EAGAIN},
+                             {"ENOSPC", ENOSPC}, {"ENOMEM", ENOMEM},         {"EPERM", EPERM},
+                             {"EINVAL", EINVAL}, {"EOPNOTSUPP", EOPNOTSUPP}, {"pass", 0}};
 
 // Filled before main, and not touched by any initialiser then.
 constinit Item items[24];

@@ -8,9 +8,9 @@
 //            "=" effect
 //   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
 //          | "realloc" | "open" | "close" | "stat" | "fstat" | "fopen" | "fread" | "fclose"
-//          | "fsync" | "write"
-//   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "short:" bytes | "lost"
-//          | "pass"
+//          | "fsync" | "write" | "tmpfile" | "link" | "linkat" | "renameat2" | "access"
+//   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "EPERM" | "EINVAL"
+//          | "EOPNOTSUPP" | "short:" bytes | "lost" | "pass"
 //
 // (size)   only calls for that many bytes, or for a number in that range
 // @o+l     only device calls that touch one of the `length` bytes from `offset` of the device
@@ -22,6 +22,8 @@
 // nothing. "lost" moves nothing and says that it moved all. "pass" changes nothing. With "trace:"
 // each call that an item took is appended to the file, one line in the form
 // "pread(4096)@8192=EIO", the offset only for device calls.
+//
+// "tmpfile" is an open of a file without a name (O_TMPFILE), which is no "open" here.
 //
 // "write" stands for the writes of standard output and of the files that the program opens as
 // streams to write to: what the C library does with the bytes that it has collected.

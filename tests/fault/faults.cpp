@@ -110,7 +110,8 @@ using Open = int(const char *, int, mode_t);
 
 int open_file(Open *real, const char *path, int flags, mode_t mode)
 {
-    return fails("open") ? -1 : real(path, flags, mode);
+    const bool is_unnamed = (flags & O_TMPFILE) == O_TMPFILE;
+    return fails(is_unnamed ? "tmpfile" : "open") ? -1 : real(path, flags, mode);
 }
 
 template <class Subject, class Stat>
@@ -257,6 +258,31 @@ int __open64_2(const char *path, int flags)
 {
     static auto *const real = hidden<Open>("open64");
     return open_file(real, path, flags, 0);
+}
+
+int link(const char *from, const char *to) noexcept
+{
+    static auto *const real = hidden<int(const char *, const char *)>("link");
+    return fails("link") ? -1 : real(from, to);
+}
+
+int linkat(int from_fd, const char *from, int to_fd, const char *to, int flags) noexcept
+{
+    static auto *const real = hidden<int(int, const char *, int, const char *, int)>("linkat");
+    return fails("linkat") ? -1 : real(from_fd, from, to_fd, to, flags);
+}
+
+int renameat2(int from_fd, const char *from, int to_fd, const char *to, unsigned flags) noexcept
+{
+    static auto *const real =
+        hidden<int(int, const char *, int, const char *, unsigned)>("renameat2");
+    return fails("renameat2") ? -1 : real(from_fd, from, to_fd, to, flags);
+}
+
+int access(const char *path, int mode) noexcept
+{
+    static auto *const real = hidden<int(const char *, int)>("access");
+    return fails("access") ? -1 : real(path, mode);
 }
 
 int stat(const char *path, struct stat *stat)

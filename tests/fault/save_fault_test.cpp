@@ -111,10 +111,12 @@ TEST_F(SaveFaults, ADiskThatTellsOfItTooLate)
 {
     expect_failure("fsync#1=EIO", "cannot write " + file + ": Input/output error");
     const std::string hole = "pread" + at(inode_offset(sb, 3)) + "=EIO;";
-    expect_failure(hole + "fsync#1=EIO",
+    // The file, the list, its directory, and the file once more.
+    expect_failure(hole + "fsync#2=EIO",
                    "cannot write " + file + ".unreadable.json: Input/output error");
     // The list has its name by then, and loses it again.
-    expect_failure(hole + "fsync#3=EIO", "cannot write " + file + ": Input/output error");
+    expect_failure(hole + "fsync#4=EIO", "cannot write " + file + ": Input/output error");
+    expect_failure(hole + "linkat#2=EPERM", "cannot create " + file + ": Operation not permitted");
 }
 
 TEST_F(SaveFaults, ComparisonGoesAroundWhatCannotBeRead)

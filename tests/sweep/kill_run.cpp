@@ -1,5 +1,6 @@
 #include "kill_run.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -40,16 +41,17 @@ int wait_for(pid_t child)
     return state;
 }
 
+// A child that was killed meanwhile has gone.
 void proceed(pid_t child, int signal)
 {
-    if (ptrace(PTRACE_SYSCALL, child, nullptr, signal) != 0)
+    if (ptrace(PTRACE_SYSCALL, child, nullptr, signal) != 0 && errno != ESRCH)
         throw std::system_error(errno, std::generic_category(), "ptrace");
 }
 
 } // namespace
 
-std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args,
-                          const std::string &program, int status)
+StoppedRun run_stopped_at(std::size_t stop, const std::vector<std::string> &args,
+                          const std::string &program, const std::function<void(pid_t)> &act)
 {
     const pid_t child = fork();
     if (child < 0)
@@ -62,18 +64,24 @@ std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args
     std::size_t reached = 0;
     while (WIFSTOPPED(state)) {
         const int signal = WSTOPSIG(state);
-        if (signal == AT_SYSTEM_CALL && ++reached == stop) {
-            kill(child, SIGKILL);
-            wait_for(child);
-            return reached;
-        }
+        if (signal == AT_SYSTEM_CALL && ++reached == stop)
+            act(child);
         proceed(child, signal == AT_SYSTEM_CALL || signal == SIGTRAP ? 0 : signal);
         state = wait_for(child);
     }
-    if (!WIFEXITED(state) || WEXITSTATUS(state) != status)
+    return {reached, state};
+}
+
+std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args,
+                          const std::string &program, int status, int signal)
+{
+    const auto [reached, state] =
+        run_stopped_at(stop, args, program, [signal](pid_t child) { kill(child, signal); });
+    const bool was_killed = reached >= stop && WIFSIGNALED(state) && WTERMSIG(state) == signal;
+    if (!was_killed && (!WIFEXITED(state) || WEXITSTATUS(state) != status))
         throw std::runtime_error("the run has not ended well, wait status " +
                                  std::to_string(state));
-    return reached;
+    return std::min(reached, stop);
 }
 
 } // namespace tier_test

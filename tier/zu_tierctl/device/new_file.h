@@ -1,11 +1,13 @@
 #pragma once
 
 #include "zu_tierctl/device/fd.h"
+#include "zu_tierctl/device/scratch_name.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
-#include <string_view>
 
 namespace tierctl {
 
@@ -17,14 +19,14 @@ enum class Naming {
 /* Throws when something has that name. */
 void refuse_existing(const std::string &path);
 
-/* A file that appears under its name only when it is complete. Until then it has another name in
- * the same directory, and is removed with its owner. Every failure is an exception. */
+/* A file that appears under its name only when it is complete. Until then it has no name, so that
+ * nothing is left of it however the program ends; where the file system has no such files, and for
+ * a file that replaces another, it has a scratch name in the same directory. Every failure is an
+ * exception. */
 class NewFile {
 public:
-    explicit NewFile(std::string path);
-    NewFile(const NewFile &) = delete;
-    NewFile &operator=(const NewFile &) = delete;
-    ~NewFile();
+    /* Throws when the file could not be given its name later. */
+    NewFile(std::string path, Naming naming);
 
     int fd() const { return fd_.get(); }
     const std::string &path() const { return path_; }
@@ -32,14 +34,25 @@ public:
     void resize(uint64_t size);
     void write(int64_t offset, const void *data, size_t length);
 
+    /* Waits until all that was written is on the disk. */
+    void sync();
+
     /* Must be called when the file is complete: syncs it and gives it its name. */
-    void commit(Naming naming);
+    void commit();
 
 private:
+    bool open_unnamed();
+    void open_named();
+    bool give_name() const;
+
+    /* Calls `take` with free names in the directory of the file until it takes one. */
+    void take_scratch_name(const std::function<bool(const char *name)> &take);
+
     [[noreturn]] void fail(const char *what) const;
 
     std::string path_;
-    std::string scratch_path_;
+    Naming naming_;
+    std::unique_ptr<ScratchName> scratch_; /* null: the file has no name */
     Fd fd_;
 };
 

@@ -46,7 +46,7 @@ void UnreadableWriter::add(std::string_view table, const Slots &slots)
 {
     text_ += empty() ? "[\n" : ",\n";
     if (!file_) {
-        file_.emplace(path_);
+        file_.emplace(path_, Naming::new_name);
     }
     text_ +=
         fmt::format(R"({{"table":{},"no":{},"count":{},"offset":{},"error":{}}})", json_text(table),
@@ -61,7 +61,7 @@ void UnreadableWriter::commit()
     if (file_) {
         text_ += "\n]\n";
         flush();
-        file_->commit(Naming::new_name);
+        file_->commit();
     }
 }
 

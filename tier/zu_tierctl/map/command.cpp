@@ -61,11 +61,11 @@ size_t output_width()
 void write_html(const MapOptions &options)
 {
     refuse_existing(options.html);
-    NewFile file(options.html);
+    NewFile file(options.html, Naming::new_name);
     const std::string page = draw_page(read_map(
         options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.quick));
     file.write(0, page.data(), page.size());
-    file.commit(Naming::new_name);
+    file.commit();
 }
 
 void print_map(const MapOptions &options)

@@ -36,8 +36,7 @@ Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
 
 void Image::create(uint64_t size, Naming naming)
 {
-    naming_ = naming;
-    file_.emplace(path_);
+    file_.emplace(path_, naming);
     file_->resize(size);
 }
 
@@ -76,7 +75,7 @@ void Image::write(int64_t offset, const void *data, size_t length)
 void Image::commit()
 {
     if (file_) {
-        file_->commit(naming_);
+        file_->commit();
     } else if (fsync(device_.get()) != 0) { /* a device may report failed writes only now */
         throw_errno("cannot write " + path_);
     }

@@ -30,7 +30,6 @@ private:
     int fd() const { return file_ ? file_->fd() : device_.get(); }
 
     std::string path_;
-    Naming naming_ = Naming::new_name;
     std::optional<NewFile> file_;
     Fd device_; /* when there is no file */
 };

@@ -37,12 +37,15 @@ void write_slots(NewFile &file, const Slots &slots)
     }
 }
 
-/* Gives both files their names, the list first: an incomplete file must never look complete. */
+/* Gives both files their names, the list first: an incomplete file must never look complete. A
+ * signal leaves both or none. */
 void commit(UnreadableWriter &unreadable, NewFile &file)
 {
+    file.sync(); /* takes long: before the signals are held */
+    const SignalsHeld held;
     unreadable.commit();
     try {
-        file.commit(Naming::new_name);
+        file.commit();
     } catch (...) {
         if (!unreadable.empty()) {
             std::error_code ignored; /* only the first failure is reported */
@@ -64,7 +67,7 @@ bool save(const std::string &device_path, const std::string &file_path)
     }
     refuse_existing(file_path);
     refuse_existing(unreadable_path(file_path));
-    NewFile file(file_path);
+    NewFile file(file_path, Naming::new_name);
     file.resize(device.size());
     UnreadableWriter unreadable(file_path);
     uint64_t total = 0;

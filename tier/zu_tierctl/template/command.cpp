@@ -67,9 +67,9 @@ void tell(const Table &table, uint64_t no, const Template &made)
 
 void write_file(const std::string &path, const std::string &text)
 {
-    NewFile file(path);
+    NewFile file(path, Naming::new_name);
     file.write(0, text.data(), text.size());
-    file.commit(Naming::new_name);
+    file.commit();
 }
 
 /* Writes a file for each entry. What cannot be read does not keep the others from being written. */

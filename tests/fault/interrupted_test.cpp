@@ -1,0 +1,233 @@
+// zu_tierctl killed or interrupted where it enters and leaves every system call, on file systems
+// that have files without a name and on others: what is there afterwards is complete.
+
+#include "kill_run.h"
+#include "v1_device.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace tier_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Faults of a file system that lacks something, and what remains.
+constexpr char EVERYTHING[] = "tmpfile#99=pass";
+constexpr char NO_UNNAMED_FILES[] = "tmpfile=EOPNOTSUPP";
+constexpr char NO_LINKS[] = "tmpfile=EOPNOTSUPP;link=EPERM;linkat=EPERM";
+constexpr char NO_RENAME_FLAGS[] = "tmpfile=EOPNOTSUPP;renameat2=EINVAL";
+constexpr char NO_SAFE_NAMING[] = "tmpfile=EOPNOTSUPP;renameat2=EINVAL;link=EPERM";
+constexpr char NO_PROC[] = "access=EPERM";
+
+class Interrupted : public testing::Test {
+protected:
+    const Device device = make_v1_device(super_v1(2, 3, 2), {brick_used(1)}, {inode_used(2, 1)});
+    const TempDir directory;
+    const std::string file = directory.path("saved");
+    const std::string list = file + ".unreadable.json";
+
+    RunResult run(const std::vector<std::string> &args, const std::string &faults) const
+    {
+        RunOptions options;
+        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB}, {"ZUTR_FAULTS", faults}};
+        return run_program(ZU_TIERCTL, args, options);
+    }
+
+    // The arguments with which env runs the program under the faults.
+    static std::vector<std::string> with_faults(const std::vector<std::string> &args,
+                                                const std::string &faults)
+    {
+        std::vector<std::string> all{std::string("LD_PRELOAD=") + ZUTR_FAULTS_LIB,
+                                     "ZUTR_FAULTS=" + faults, ZU_TIERCTL};
+        all.insert(all.end(), args.begin(), args.end());
+        return all;
+    }
+
+    // The arguments of a sample that is small enough to be read often.
+    std::vector<std::string> sample() const
+    {
+        return {"sample", "--layout", "v1", "--inodes",     "2",      "--bricks",
+                "1",      "--blocks", "1",  "--block-size", "262144", file};
+    }
+
+    // The content of all that lies in the directory, by name.
+    std::map<std::string, std::string> content() const
+    {
+        std::map<std::string, std::string> content;
+        for (const auto &entry : fs::directory_iterator(directory.path("")))
+            content[entry.path().filename()] = read_file(entry.path());
+        return content;
+    }
+
+    void clear() const
+    {
+        for (const auto &entry : fs::directory_iterator(directory.path("")))
+            fs::remove(entry.path());
+    }
+
+    // Before this stop of the run only env and the loader are at work.
+    static std::size_t first_stop(const std::vector<std::string> &args, int status,
+                                  const std::string &faults)
+    {
+        const std::size_t stops =
+            run_killed_at(100'000, with_faults(args, faults), "/usr/bin/env", status);
+        return std::max<std::size_t>(stops, 200) - 180;
+    }
+
+    // Sends the signal at every system call of the run. What remains must be nothing, or all that a
+    // run leaves.
+    void expect_all_or_nothing(const std::vector<std::string> &args, int status, int signal,
+                               const std::string &faults)
+    {
+        SCOPED_TRACE(faults);
+        ASSERT_EQ(run(args, faults).status, status);
+        const auto complete = content();
+        ASSERT_FALSE(complete.empty());
+        clear();
+        std::size_t stop = first_stop(args, status, faults);
+        std::size_t finished = 0;
+        std::size_t runs = 0;
+        for (; !HasFailure(); ++stop, ++runs) {
+            SCOPED_TRACE(stop);
+            clear();
+            if (run_killed_at(stop, with_faults(args, faults), "/usr/bin/env", status, signal) <
+                stop)
+                break;
+            const auto left = content();
+            EXPECT_TRUE(left.empty() || left == complete);
+            finished += left.empty() ? 0 : 1;
+        }
+        EXPECT_GT(runs, 20U);
+        EXPECT_GT(finished, 0U);
+        EXPECT_LT(finished, runs - 20);
+        clear();
+    }
+};
+
+TEST_F(Interrupted, FilesWithoutANameVanish)
+{
+    const int unnamed = open(directory.path("").c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (unnamed < 0)
+        GTEST_SKIP() << "no files without a name here";
+    close(unnamed);
+    expect_all_or_nothing({"save", device.path(), file}, 0, SIGKILL, EVERYTHING);
+}
+
+TEST_F(Interrupted, ScratchNamesAreRemoved)
+{
+    expect_all_or_nothing({"save", device.path(), file}, 0, SIGINT, NO_UNNAMED_FILES);
+    expect_all_or_nothing({"save", device.path(), file}, 0, SIGTERM, NO_RENAME_FLAGS);
+    expect_all_or_nothing({"save", device.path(), file}, 0, SIGHUP, NO_LINKS);
+}
+
+TEST_F(Interrupted, AListIsNeverLeftAlone)
+{
+    fs::resize_file(device.path(), device.size() - 4096);
+    expect_all_or_nothing({"save", device.path(), file}, 1, SIGTERM, EVERYTHING);
+    expect_all_or_nothing({"save", device.path(), file}, 1, SIGINT, NO_UNNAMED_FILES);
+}
+
+TEST_F(Interrupted, SamplesToo) { expect_all_or_nothing(sample(), 0, SIGTERM, NO_UNNAMED_FILES); }
+
+TEST_F(Interrupted, ASampleThatReplacesAFileIsTheOldOrTheNew)
+{
+    directory.write("saved", "old");
+    std::vector<std::string> args = sample();
+    args.emplace_back("--force");
+    std::size_t stop = 1;
+    std::size_t replaced = 0;
+    for (; run_killed_at(stop, args, ZU_TIERCTL, 0, SIGTERM) == stop; ++stop) {
+        const auto left = content();
+        EXPECT_EQ(left.size(), 1U);
+        const bool is_old = left.at("saved") == "old";
+        EXPECT_TRUE(is_old || left.at("saved").size() > 4096);
+        replaced += is_old ? 0 : 1;
+        directory.write("saved", "old");
+    }
+    EXPECT_GT(stop, 20U);
+    EXPECT_GT(replaced, 0U);
+}
+
+TEST_F(Interrupted, ASignalThatIsIgnoredStaysIgnored)
+{
+    const std::vector<std::string> args{"save", device.path(), file};
+    const auto before = signal(SIGHUP, SIG_IGN); // the programs inherit it
+    const std::size_t first = first_stop(args, 0, NO_UNNAMED_FILES);
+    for (std::size_t stop = first; stop < first + 170; ++stop) {
+        SCOPED_TRACE(stop);
+        ASSERT_TRUE(fs::remove(file));
+        EXPECT_EQ(
+            run_killed_at(stop, with_faults(args, NO_UNNAMED_FILES), "/usr/bin/env", 0, SIGHUP),
+            stop);
+        ASSERT_EQ(content().size(), 1U);
+    }
+    signal(SIGHUP, before);
+}
+
+// How the file gets its name
+
+TEST_F(Interrupted, EachWayGivesTheSameFile)
+{
+    for (const char *faults : {EVERYTHING, NO_UNNAMED_FILES, NO_LINKS, NO_RENAME_FLAGS, NO_PROC}) {
+        SCOPED_TRACE(faults);
+        EXPECT_EQ(run({"save", device.path(), file}, faults).status, 0);
+        const auto left = content();
+        EXPECT_EQ(left.size(), 1U);
+        EXPECT_TRUE(left.at("saved") == read_file(device.path()));
+        EXPECT_EQ(fs::status(file).permissions(),
+                  fs::status(directory.write("other", "")).permissions());
+        fs::remove(directory.path("other"));
+        fs::remove(file);
+    }
+}
+
+// Nothing is read of the tables, and nothing is left.
+TEST_F(Interrupted, ADirectoryThatGivesNoNamesIsRefusedBeforeTheCopy)
+{
+    const TempDir traces;
+    const std::string trace = traces.write("trace", "");
+    const RunResult refused =
+        run({"save", device.path(), file}, "trace:" + trace + ";pwrite=pass;" + NO_SAFE_NAMING);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "zu_tierctl: cannot create " + file + ": Operation not permitted\n");
+    EXPECT_EQ(read_file(trace).find("pwrite"), std::string::npos);
+    EXPECT_TRUE(content().empty());
+}
+
+// Another program makes a file of that name while the copy runs.
+TEST_F(Interrupted, AFileThatAppearsMeanwhileIsKept)
+{
+    for (const std::string faults :
+         {EVERYTHING, NO_UNNAMED_FILES, NO_LINKS, NO_RENAME_FLAGS, NO_PROC}) {
+        SCOPED_TRACE(faults);
+        std::size_t refused = 0;
+        const std::vector<std::string> args{"save", device.path(), file};
+        std::size_t stop = first_stop(args, 0, faults);
+        fs::remove(file);
+        for (bool has_ended = false; !has_ended; ++stop) {
+            SCOPED_TRACE(stop);
+            bool appears = false;
+            const auto [reached, state] =
+                run_stopped_at(stop, with_faults(args, faults), "/usr/bin/env", [&](pid_t) {
+                    appears = !fs::exists(file);
+                    if (appears)
+                        directory.write("saved", "precious");
+                });
+            has_ended = reached < stop;
+            const auto left = content();
+            ASSERT_EQ(left.size(), 1U);
+            ASSERT_TRUE(WIFEXITED(state));
+            EXPECT_EQ(WEXITSTATUS(state), appears ? 1 : 0);
+            EXPECT_EQ(left.at("saved") == "precious", appears);
+            refused += appears ? 1 : 0;
+            fs::remove(file);
+        }
+        EXPECT_GT(refused, 20U);
+    }
+}
+
+} // namespace
