@@ -211,6 +211,91 @@ TEST_F(SampleFile, BlockDeviceIsWrittenInPlace)
     }
 }
 
+// Block devices that hold something
+
+class SampleOccupied : public SampleFile {
+protected:
+    // Makes a file of the sample's size with the given program, puts it on a block device and runs
+    // the sample on that.
+    void expect_refused_content(const std::vector<std::string> &maker, const std::string &content)
+    {
+        SCOPED_TRACE(content);
+        fs::remove(path);
+        directory.write("disk", "");
+        const std::string disk = directory.path("disk");
+        fs::resize_file(disk, 16 << 20);
+        if (!maker.empty()) {
+            const RunResult made = run_program("/usr/bin/env", maker);
+            ASSERT_EQ(made.status, 0) << made;
+        }
+        const std::string before = directory.read("disk");
+        {
+            const auto device = LoopDevice::attach(disk);
+            if (device == nullptr)
+                GTEST_SKIP() << "no right to set up a loop device";
+            const std::string name = device->path();
+            expect_failure(run_sample(name, SMALL_FILE), 1,
+                           name + " exists, only --force overwrites it");
+            expect_failure(run_sample(name, small({"--overwrite-cache"})), 1,
+                           name + " exists, only --force overwrites it");
+            const RunResult run = run_sample(name, small({"--force"}));
+            EXPECT_EQ(run.status, content.empty() ? 0 : 1) << run;
+            EXPECT_EQ(run.out, "");
+            if (!content.empty()) {
+                EXPECT_TRUE(run.err.starts_with("zu_tierctl: " + name + " holds " + content))
+                    << run;
+                EXPECT_TRUE(run.err.ends_with(": only --overwrite-cache overwrites it\n")) << run;
+                EXPECT_TRUE(directory.read("disk") == before);
+                EXPECT_EQ(run_sample(name, small({"--force", "--overwrite-cache"})).status, 0);
+            }
+        }
+        EXPECT_TRUE(directory.read("disk") != before);
+    }
+};
+
+TEST_F(SampleOccupied, CachesOfEveryLayout)
+{
+    for (const std::string layout : {"v1", "v2", "v3"}) {
+        std::vector<std::string> maker{ZU_TIERCTL, "sample",   "--layout", layout,
+                                       "--force",  "--blocks", "2",        directory.path("disk")};
+        expect_refused_content(maker, "a cache of layout " + layout + ":");
+        maker.insert(maker.end(), {"--damage", "super:0"});
+        expect_refused_content(maker, "a cache of layout " + layout + ":");
+    }
+}
+
+TEST_F(SampleOccupied, WhatTheLibraryRecognises)
+{
+    const std::string disk = directory.path("disk");
+    const std::string uuid = "0b630f04-2f04-42d8-80b7-c5f813a292de";
+    expect_refused_content({"/sbin/mke2fs", "-q", "-F", "-t", "ext4", "-U", uuid, disk},
+                           "ext4, uuid " + uuid + ":");
+    expect_refused_content({"/sbin/mkswap", "-q", "-U", uuid, disk}, "swap, uuid " + uuid + ":");
+    // A master boot record: a partition of 100 sectors from sector 2048 on.
+    expect_refused_content({"/bin/sh", "-c",
+                            "{ printf '\\0%.0s' $(seq 446); printf "
+                            "'\\0\\0\\0\\0\\203\\0\\0\\0\\0\\10\\0\\0\\144\\0\\0\\0';"
+                            "  printf '\\0%.0s' $(seq 48); printf '\\125\\252'; } |"
+                            " dd of=\"$1\" conv=notrunc status=none",
+                            "sh", disk},
+                           "a partition table, dos");
+}
+
+TEST_F(SampleOccupied, WhatIsBlankOrUnknownIsWritten)
+{
+    expect_refused_content({}, "");
+    expect_refused_content({"/bin/sh", "-c", "yes | head -c 9000 >\"$1\"; truncate -s 16M \"$1\"",
+                            "sh", directory.path("disk")},
+                           "");
+}
+
+// Files are replaced as before: only a block device may be the wrong one by a letter of its name.
+TEST_F(SampleOccupied, FilesNeedNoMoreThanForce)
+{
+    ASSERT_EQ(run_sample(path, SMALL_FILE).status, 0);
+    EXPECT_EQ(run_sample(path, small({"--force"})).status, 0);
+}
+
 TEST_F(SampleFile, FailureLeavesNothingBehind)
 {
     const std::string limited = "trap '' XFSZ; ulimit -S -f 100; exec \"$@\"";
@@ -280,9 +365,10 @@ TEST(SampleHelp, NamesEveryOptionAndAnExample)
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.err, "");
     const std::vector<std::string> options{
-        "FILE",         "--layout",         "--bricks",    "--inodes", "--blocks",
-        "--block-size", "--extent-size",    "--expansion", "--shards", "--extents",
-        "--hot-size",   "--for-conversion", "--seed",      "--damage", "--force"};
+        "FILE",     "--layout",     "--bricks",      "--inodes",
+        "--blocks", "--block-size", "--extent-size", "--expansion",
+        "--shards", "--extents",    "--hot-size",    "--for-conversion",
+        "--seed",   "--damage",     "--force",       "--overwrite-cache"};
     const std::vector<std::string> texts{"1..300, default 4",
                                          "1..100000, default 64",
                                          "1..1048576, default 256",

@@ -26,6 +26,10 @@ constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
                                      "magic or number (the checksum stays right), zero (the whole\n"
                                      "slot), bit (one bit of the record, chosen by the seed)";
 
+constexpr const char OVERWRITE_HELP[] =
+    "With --force: also when the block device holds a cache, a file\n"
+    "system or anything else that is recognised";
+
 std::string conversion_help()
 {
     const SampleLayout &layout = SAMPLE_LAYOUT_FOR_CONVERSION;
@@ -96,6 +100,7 @@ void add_sample(CLI::App &app)
         ->type_name("TABLE:NO[:KIND]")
         ->allow_extra_args(false);
     command->add_flag("--force", options->force, "Replace FILE, or write to the block device");
+    command->add_flag("--overwrite-cache", options->overwrite_cache, OVERWRITE_HELP);
     command->callback([options] { sample(*options); });
 }
 

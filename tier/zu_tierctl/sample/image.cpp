@@ -2,6 +2,7 @@
 
 #include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/sample/content.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -12,7 +13,7 @@ namespace tierctl {
 
 namespace fs = std::filesystem;
 
-Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
+Image::Image(const std::string &path, uint64_t size, bool force, bool overwrite) : path_(path)
 {
     std::error_code unknown; /* a path that cannot be looked up cannot be created either */
     if (!fs::exists(fs::symlink_status(path, unknown))) {
@@ -27,7 +28,7 @@ Image::Image(const std::string &path, uint64_t size, bool force) : path_(path)
         throw std::runtime_error(path + " exists, only --force overwrites it");
     }
     if (type == fs::file_type::block) {
-        open_device(size);
+        open_device(size, overwrite);
         return;
     }
     path_ = fs::canonical(path); /* the file that a link leads to is replaced, not the link */
@@ -40,7 +41,7 @@ void Image::create(uint64_t size, Naming naming)
     file_->resize(size);
 }
 
-void Image::open_device(uint64_t size)
+void Image::open_device(uint64_t size, bool overwrite)
 {
     device_ = Fd(open(path_.c_str(),
                       O_RDWR | O_EXCL | O_CLOEXEC)); /* fails when something else has it open */
@@ -55,6 +56,11 @@ void Image::open_device(uint64_t size)
     /* GCOVR_EXCL_STOP */
     if (static_cast<uint64_t>(room) < size) {
         throw std::runtime_error(fmt::format("{} is too small: {} bytes of {}", path_, room, size));
+    }
+    const std::string content = overwrite ? "" : valuable_content(device_.get());
+    if (!content.empty()) {
+        throw std::runtime_error(
+            fmt::format("{} holds {}: only --overwrite-cache overwrites it", path_, content));
     }
 }
 

@@ -14,9 +14,9 @@ namespace tierctl {
  * block device is written in place. Every failure is an exception. */
 class Image {
 public:
-    /* An image of `size` bytes. With `force` it may replace a file or be written to a block device.
-     */
-    Image(const std::string &path, uint64_t size, bool force);
+    /* An image of `size` bytes. With `force` it may replace a file or be written to a block device;
+     * to one that holds something of value only with `overwrite` as well. */
+    Image(const std::string &path, uint64_t size, bool force, bool overwrite);
 
     void read(int64_t offset, void *data, size_t length) const;
     void write(int64_t offset, const void *data, size_t length);
@@ -26,7 +26,7 @@ public:
 
 private:
     void create(uint64_t size, Naming naming);
-    void open_device(uint64_t size);
+    void open_device(uint64_t size, bool overwrite);
     int fd() const { return file_ ? file_->fd() : device_.get(); }
 
     std::string path_;

@@ -117,7 +117,7 @@ void sample(const SampleOptions &options)
     if (zutr_alloc_aligned(SLOTS_A_WRITE * SIZE_4K, &run) != 0) {
         throw std::bad_alloc();
     }
-    Image image(options.file, plan.device_size, options.force);
+    Image image(options.file, plan.device_size, options.force, options.overwrite_cache);
     for (const SampleTable &planned : plan.tables) {
         write_table(image, planned, run.get());
     }

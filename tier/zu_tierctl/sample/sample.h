@@ -87,6 +87,7 @@ struct SampleOptions {
     uint64_t seed = 1;
     std::vector<std::string> damage;
     bool force = false;
+    bool overwrite_cache = false;
     std::string file;
 };
 
