@@ -72,6 +72,21 @@ TEST_F(SaveFaults, UnreadableBlocksAreHolesAndListed)
     const std::string missing = ": cannot be read in B: not in the saved file\n";
     EXPECT_EQ(run({"diff", device.path(), file}, "pread#1=pass").out,
               "inode 3" + missing + "extent 299" + missing);
+
+    // A check of the file calls them unreadable, not damaged, and would without the list.
+    const auto findings = [this](const std::string &kind) {
+        const std::string out = run({"check", file}, "pread#1=pass").out;
+        std::size_t count = 0;
+        for (std::size_t at = 0; (at = out.find(" (" + kind + "): ", at)) != std::string::npos;
+             ++at)
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(findings("unreadable"), 2U);
+    EXPECT_EQ(findings("bad_checksum"), 0U);
+    std::filesystem::remove(list);
+    EXPECT_EQ(findings("unreadable"), 0U);
+    EXPECT_EQ(findings("bad_checksum"), 2U);
 }
 
 TEST_F(SaveFaults, AllBlocksOfATableUnreadable)

@@ -1,6 +1,7 @@
 #include "zu_tierctl/check/table.h"
 
 #include "zu_tierctl/check/claims.h"
+#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/text.h"
 
@@ -45,7 +46,7 @@ std::pair<Kind, std::string> reason(const Slots &slots, uint64_t device_size)
     if (start >= device_size || device_size - start < SIZE_4K) {
         return {{"past_end"}, "past the end of the device"};
     }
-    return {{"unreadable"}, strerror(slots.error)};
+    return {{"unreadable"}, error_text(slots.error)};
 }
 
 /* Only a super block that breaks the rules lets entries refer to higher numbers. */

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
+#include <span>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,6 +57,7 @@ Device::Device(const std::string &path, Access access)
         throw_errno("cannot measure " + path);
     }
     size_ = static_cast<uint64_t>(end);
+    unreadable_ = UnreadableList(path);
 }
 
 bool Device::read(int64_t offset, void *data, size_t length) const
@@ -66,7 +68,20 @@ bool Device::read(int64_t offset, void *data, size_t length) const
         return false;
     }
     errno = EIO; /* the reason when the file has been cut short meanwhile */
-    return zutr_readn(fd_.get(), data, length, offset) >= 0;
+    if (zutr_readn(fd_.get(), data, length, offset) < 0) {
+        return false;
+    }
+    if (unreadable_.touches(offset, length) &&
+        (length != SIZE_4K || is_zero(static_cast<const uint8_t *>(data)))) {
+        errno = NOT_SAVED; /* of a longer read the blocks are to be read one by one */
+        return false;
+    }
+    return true;
+}
+
+bool is_zero(const uint8_t *block)
+{
+    return std::ranges::all_of(std::span(block, SIZE_4K), [](uint8_t byte) { return byte == 0; });
 }
 
 void Device::write_block(int64_t offset, const void *expected, const void *block)

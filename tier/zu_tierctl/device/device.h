@@ -3,6 +3,7 @@
 #include "common/zutr_utils.h"
 #include "zu_tier/format/records.h"
 #include "zu_tierctl/device/fd.h"
+#include "zu_tierctl/device/unreadable.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +19,8 @@ enum class Access {
 };
 
 /* A device or an image of one: a block device or a regular file, read with direct I/O where
- * possible. The constructor throws for anything else. */
+ * possible. The constructor throws for anything else, and when the list beside it, of blocks that a
+ * saved file lacks, is none. */
 class Device {
 public:
     Device(const std::string &path, Access access);
@@ -27,8 +29,11 @@ public:
     uint64_t size() const { return size_; }
     int fd() const { return fd_.get(); }
 
+    const UnreadableList &unreadable() const { return unreadable_; }
+
     /* Reads into memory aligned to 4096. False, with the reason in errno, when any of it cannot be
-     * read or lies outside the device, or when `offset` is no multiple of 4096. */
+     * read or lies outside the device, or when `offset` is no multiple of 4096. A block that a
+     * saved file lacks cannot be read either, until something is written there. */
     bool read(int64_t offset, void *data, size_t length) const;
 
     /* The only way to write to a device: puts `block` in place of the block at `offset`, which must
@@ -41,7 +46,11 @@ private:
     std::string path_;
     uint64_t size_ = 0;
     Fd fd_;
+    UnreadableList unreadable_;
 };
+
+/* Whether all bytes of a block of 4096 are zero. */
+bool is_zero(const uint8_t *block);
 
 /* Slots of a table that follow one another on the device. */
 struct Slots {

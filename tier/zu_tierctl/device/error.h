@@ -13,10 +13,19 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/* A value of errno besides those of the system: the block is not in the saved file. */
+constexpr int NOT_SAVED = 1 << 16;
+
+/* What an error number means. */
+inline std::string error_text(int error)
+{
+    return error == NOT_SAVED ? "not in the saved file" : std::generic_category().message(error);
+}
+
 /* Throws "<what>: <text of errno>". */
 [[noreturn]] inline void throw_errno(const std::string &what)
 {
-    throw std::system_error(errno, std::generic_category(), what);
+    throw std::runtime_error(what + ": " + error_text(errno));
 }
 
 } // namespace tierctl

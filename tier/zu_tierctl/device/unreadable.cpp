@@ -1,14 +1,16 @@
 #include "zu_tierctl/device/unreadable.h"
 
+#include "zu_tierctl/device/device.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/text.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <fmt/core.h>
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 namespace tierctl {
 
@@ -50,7 +52,7 @@ void UnreadableWriter::add(std::string_view table, const Slots &slots)
     }
     text_ +=
         fmt::format(R"({{"table":{},"no":{},"count":{},"offset":{},"error":{}}})", json_text(table),
-                    slots.first_no, slots.count, slots.offset, json_text(strerror(slots.error)));
+                    slots.first_no, slots.count, slots.offset, json_text(error_text(slots.error)));
     if (text_.size() >= TEXT_A_WRITE) {
         flush();
     }
@@ -75,34 +77,63 @@ void UnreadableWriter::flush()
 UnreadableList::UnreadableList(const std::string &saved)
 {
     const std::string path = unreadable_path(saved);
-    const std::string complaint = path + " is no list of unreadable blocks";
     const Json list = read_list(path);
-    if (!list.is_array()) {
-        throw std::runtime_error(complaint);
-    }
-    const auto field = [&complaint](const Json &run, const char *key, Json::value_t type) {
-        const auto found = run.find(key);
-        if (found == run.end() || found->type() != type) {
-            throw std::runtime_error(complaint + ": " + key);
+    const auto require = [&path](bool holds, const char *what) {
+        if (!holds) {
+            throw std::runtime_error(path + " is no list of unreadable blocks" + what);
         }
-        return *found;
     };
+    require(list.is_array(), "");
     for (const Json &run : list) {
-        const Json table = field(run, "table", Json::value_t::string);
-        const Json count = field(run, "count", Json::value_t::number_unsigned);
-        const Json no = field(run, "no", Json::value_t::number_unsigned);
-        runs_[{table, no}] = count;
+        require(run.is_object(), "");
+        const Json table = run.value("table", Json());
+        const Json no = run.value("no", Json());
+        const Json count = run.value("count", Json());
+        const Json offset = run.value("offset", Json());
+        require(table.is_string(), ": table");
+        require(no.is_number_unsigned(), ": no");
+        require(count.is_number_unsigned(), ": count");
+        require(offset.is_number_integer(), ": offset");
+        runs_.push_back({table, no, count, offset});
+    }
+    std::ranges::sort(runs_, {}, &UnreadableRun::offset);
+    std::ranges::for_each(runs_, [this](const UnreadableRun &run) { add_stretch(run); });
+    std::ranges::sort(runs_, {},
+                      [](const UnreadableRun &run) { return std::tie(run.table, run.no); });
+}
+
+/* What lies before the device or at no multiple of 4096 cannot be read in any case. */
+void UnreadableList::add_stretch(const UnreadableRun &run)
+{
+    if (run.offset < 0 || run.offset % SIZE_4K != 0) {
+        return;
+    }
+    constexpr uint64_t END = uint64_t{1} << 63; /* of all offsets */
+    const auto start = static_cast<uint64_t>(run.offset);
+    const uint64_t end = start + std::min(run.count, (END - start) / SIZE_4K) * SIZE_4K;
+    if (!stretches_.empty() && start <= stretches_.back().end) {
+        stretches_.back().end = std::max(stretches_.back().end, end);
+    } else {
+        stretches_.push_back({start, end});
     }
 }
 
 bool UnreadableList::holds(const std::string &table, uint64_t no) const
 {
-    const auto after = runs_.upper_bound({table, no});
+    const auto place = [](const UnreadableRun &run) { return std::tie(run.table, run.no); };
+    const auto after = std::ranges::upper_bound(runs_, std::tie(table, no), {}, place);
     if (after == runs_.begin()) {
         return false;
     }
-    const auto &[first, count] = *std::prev(after);
-    return first.first == table && no - first.second < count;
+    const UnreadableRun &run = *std::prev(after);
+    return run.table == table && no - run.no < run.count;
+}
+
+bool UnreadableList::touches(int64_t offset, size_t length) const
+{
+    const auto start = static_cast<uint64_t>(offset);
+    const auto after = std::ranges::lower_bound(stretches_, start + length, {}, &Stretch::start);
+    return after != stretches_.begin() && std::prev(after)->end > start;
 }
 
 } // namespace tierctl

@@ -15,20 +15,19 @@ namespace {
 /* One of the two devices. */
 struct Side {
     explicit Side(const std::string &path)
-        : device(path, Access::read_only), metadata(read_metadata(device)), unreadable(path)
+        : device(path, Access::read_only), metadata(read_metadata(device))
     {
     }
 
     Device device;
     Metadata metadata;
-    UnreadableList unreadable;
 };
 
 /* Walks a table of a side, from its first entry to its last, in steps of any length. */
 class TableCursor {
 public:
     TableCursor(const Side &side, const Table &table)
-        : side_(side), table_(table), name_(table.name), reader_(side.device, table.regions)
+        : side_(side), table_(table), reader_(side.device, table.regions)
     {
     }
 
@@ -41,15 +40,8 @@ public:
         return run_;
     }
 
-    /* Why the run's first slot cannot be read, as an error number; 0: it can. A block that a saved
-     * file lacks reads as zeros. */
-    int error() const
-    {
-        if (run_.data != nullptr && side_.unreadable.holds(name_, run_.first_no)) {
-            return ENODATA;
-        }
-        return run_.error;
-    }
+    /* Why the run's first slot cannot be read, as an error number; 0: it can. */
+    int error() const { return run_.error; }
 
     Entry entry() const { return {side_.metadata, table_, run_.first_no, run_.data}; }
 
@@ -65,7 +57,6 @@ public:
 private:
     const Side &side_;
     const Table &table_;
-    std::string name_;
     TableReader reader_;
     Slots run_{};
 };

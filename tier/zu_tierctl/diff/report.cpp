@@ -1,20 +1,14 @@
 #include "zu_tierctl/diff/diff.h"
 
+#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/text.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fmt/core.h>
 
 namespace tierctl {
 
 namespace {
-
-std::string error_text(int error)
-{
-    return error == ENODATA ? "not in the saved file" : strerror(error);
-}
 
 /* "inode 7", "inode 7..9" */
 std::string range_text(const EntryRange &range)

@@ -3,6 +3,8 @@
 #include "zu_tierctl/device/error.h"
 
 #include <algorithm>
+#include <cstring>
+#include <fmt/core.h>
 
 namespace tierctl {
 
@@ -36,6 +38,25 @@ Block read_super(const Device &device)
     return block;
 }
 
+namespace {
+
+/* Throws unless the list of unreadable blocks is one of these tables. */
+void require_list_of(const std::vector<Table> &tables, const Device &device)
+{
+    for (const UnreadableRun &run : device.unreadable().runs()) {
+        const auto table = std::ranges::find(tables, run.table, &Table::name);
+        if (table == tables.end() || run.no >= table->count() ||
+            run.count > table->count() - run.no || run.offset != table->slot(run.no)) {
+            throw std::runtime_error(
+                fmt::format("{} names blocks that are not in {}: {} {}, {} of them, at {}",
+                            unreadable_path(device.path()), device.path(), run.table, run.no,
+                            run.count, run.offset));
+        }
+    }
+}
+
+} // namespace
+
 Metadata read_metadata(const Device &device)
 {
     const Block block = read_super(device);
@@ -43,7 +64,9 @@ Metadata read_metadata(const Device &device)
     if (layout == nullptr) {
         throw std::runtime_error(device.path() + " has no super block of a known layout");
     }
-    return {layout, block, tables_of(*layout, block.data())};
+    Metadata metadata{layout, block, tables_of(*layout, block.data())};
+    require_list_of(metadata.tables, device);
+    return metadata;
 }
 
 } // namespace tierctl

@@ -5,9 +5,7 @@
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/entry/metadata.h"
 
-#include <algorithm>
 #include <filesystem>
-#include <span>
 #include <stdexcept>
 
 namespace tierctl {
@@ -15,11 +13,6 @@ namespace tierctl {
 namespace fs = std::filesystem;
 
 namespace {
-
-bool is_zero(const uint8_t *slot)
-{
-    return std::ranges::all_of(std::span(slot, SIZE_4K), [](uint8_t byte) { return byte == 0; });
-}
 
 /* Writes the slots that hold anything but zeros; the others stay holes. */
 void write_slots(NewFile &file, const Slots &slots)
@@ -61,7 +54,7 @@ bool save(const std::string &device_path, const std::string &file_path)
 {
     const Device device(device_path, Access::read_only);
     const Metadata metadata = read_metadata(device);
-    if (!UnreadableList(device_path).empty()) {
+    if (!device.unreadable().empty()) {
         throw std::runtime_error(device_path + " is incomplete: see " +
                                  unreadable_path(device_path));
     }
