@@ -67,8 +67,8 @@ TEST_F(MapFile, RecordsThatDoNotFitTheirSlots)
 
 TEST_F(MapFile, OnlyDevicesOfAKnownLayout)
 {
-    const Device device = make_v1_device(super_v1(1, 1, 1));
-    flip(device, SUPER_OFFSET + 20);
+    Device device = make_v1_device(super_v1(1, 1, 1));
+    device.write(SUPER_OFFSET, Block{});
     expect_refused(device.path(), device.path() + " has no super block of a known layout");
 }
 

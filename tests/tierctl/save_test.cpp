@@ -259,8 +259,8 @@ TEST_F(Save, RecordsThatDoNotFitTheirSlots)
 TEST_F(Save, OnlyDevicesOfAKnownLayout)
 {
     const SuperV1 sb = super_v1(1, 1, 1);
-    const Device device = make_v1_device(sb);
-    flip(device, SUPER_OFFSET + 20);
+    Device device = make_v1_device(sb);
+    device.write(SUPER_OFFSET, Block{});
     expect_refused(device.path(), device.path() + " has no super block of a known layout");
     fs::resize_file(device.path(), 8191);
     expect_refused(device.path(),

@@ -160,8 +160,12 @@ TEST_P(TemplateOfSample, DamagedSuperBlocks)
             expect_template_failure(device, {"super", "0"}, 2,
                                     device.path() + " has no super block of a known layout, "
                                                     "--layout must say which it had");
-        expect_template_failure(device, {"inode", "0"}, 1,
-                                device.path() + " has no super block of a known layout");
+        const std::string said =
+            kind == "zero" ? " has no super block of a known layout\n"
+                           : " has a damaged super block of layout " + sample.layout + ": ";
+        const RunResult inode = run_template(device, {"inode", "0"});
+        EXPECT_EQ(inode.status, 1);
+        EXPECT_TRUE(inode.err.starts_with("zu_tierctl: " + device.path() + said)) << inode;
     }
 }
 

@@ -1,6 +1,7 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/entry/diagnosis.h"
 
 #include <algorithm>
 #include <cstring>
@@ -62,7 +63,7 @@ Metadata read_metadata(const Device &device)
     const Block block = read_super(device);
     const tier_layout *layout = layout_of(block);
     if (layout == nullptr) {
-        throw std::runtime_error(device.path() + " has no super block of a known layout");
+        throw std::runtime_error(diagnose_super(device.path(), block));
     }
     Metadata metadata{layout, block, tables_of(*layout, block.data())};
     require_list_of(metadata.tables, device);
