@@ -118,8 +118,8 @@ private:
         const size_t byte = bit / 8;
         const Block right = with_bit(bit);
         for (const tier_column &column : row_.fields()) {
-            const std::string is = shown_text(column_text(column, block_.data()));
-            const std::string should_be = shown_text(column_text(column, right.data()));
+            const std::string is = valid_utf8(column_text(column, block_.data()));
+            const std::string should_be = valid_utf8(column_text(column, right.data()));
             const bool holds_byte = column.at <= byte && byte < column.at + column.size;
             if (column.compute == nullptr && holds_byte && is != should_be) {
                 return fmt::format("one bit of {} is wrong: {} should be {}", column.key, is,
