@@ -216,6 +216,12 @@ struct tier_layout {
     uint32_t version_value = 0;
     std::span<const tier_table *const> tables{}; /* the super block first, then as on the device */
     std::vector<tier_area> (*areas)(const void *sb) = nullptr;
+
+    /* The command that makes a super block of this layout from an older one, and whether it would:
+     * whether the device of `size` bytes, whose super block `sb` is of another layout, has tables
+     * of this one. Reads from `fd`, and logs. Null: there is no such command. */
+    std::string_view conversion{};
+    bool (*has_tables)(const void *sb, int32_t fd, uint64_t size) = nullptr;
 };
 
 /* The super block of a run as the record of its layout. */

@@ -51,7 +51,7 @@ private:
             watcher_->add_in_use(0, metadata_.super_block.data());
         }
         if (wanted(table)) {
-            check_super(metadata_, device_.size(), TableFindings(&report_, table));
+            check_super(metadata_, device_, TableFindings(&report_, table));
             report_.add_counts(table.name, {.entries = 1, .in_use = 1});
         }
     }

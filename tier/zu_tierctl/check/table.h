@@ -94,8 +94,8 @@ struct TableOutcome {
  * in `claims_memory` bytes; with 0 it does not search for claims. */
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
 
-/* Reports what is wrong in the super block: its parameters, and the places of its areas on a device
- * of so many bytes. */
-void check_super(const Metadata &metadata, uint64_t device_size, const TableFindings &findings);
+/* Reports what is wrong in the super block: that it is of another layout than the tables, its
+ * parameters, and the places of its areas on the device. */
+void check_super(const Metadata &metadata, const Device &device, const TableFindings &findings);
 
 } // namespace tierctl

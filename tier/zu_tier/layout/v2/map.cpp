@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstddef>
+#include <cstring>
 
 namespace {
 
@@ -70,11 +72,9 @@ uint32_t candidate_crc(uint32_t at, uint32_t size)
     return zutr_crc32(s_ext_buff.get() + at + 4, covered);
 }
 
-} // namespace
-
-int32_t get_def_min_alloc_size(uint32_t block_cnt, uint32_t block_size)
+/* The rule for the bytes of a piece. It does not fit every block size. */
+uint32_t map_size_for(uint32_t block_cnt, uint32_t block_size)
 {
-    zutr_assert(block_size <= 4 * SIZE_1M, "block_size <= 4 * SIZE_1M");
     const uint64_t ssd_size = uint64_t{block_cnt} * block_size;
     const auto *step = std::find_if(std::begin(MAP_SIZES), std::end(MAP_SIZES),
                                     [&](const auto &row) { return ssd_size <= row.ssd_size; });
@@ -85,6 +85,15 @@ int32_t get_def_min_alloc_size(uint32_t block_cnt, uint32_t block_size)
     if (block_size == 4 * SIZE_1M) {
         def_map_size = std::max(def_map_size, 65536U);
     }
+    return def_map_size;
+}
+
+} // namespace
+
+int32_t get_def_min_alloc_size(uint32_t block_cnt, uint32_t block_size)
+{
+    zutr_assert(block_size <= 4 * SIZE_1M, "block_size <= 4 * SIZE_1M");
+    const uint32_t def_map_size = map_size_for(block_cnt, block_size);
     zutr_assert((def_map_size & (def_map_size - 1)) == 0,
                 "(def_map_size & (def_map_size - 1)) == 0");
     zutr_assert(block_size / def_map_size <= EXTENT_HOT_LEN,
@@ -114,6 +123,34 @@ int32_t verify_map_cnt(const tier_super_block_v2_t *sb, int32_t dev_fd, uint32_t
         }
     }
     return 0;
+}
+
+bool tier_has_tables_v2(const void *old_sb, int32_t dev_fd, uint64_t size)
+{
+    tier_super_block_v2_t sb = {};
+    memcpy(&sb, old_sb, offsetof(tier_super_block_v2_t, sb_inode_exp_magic));
+    sb.sb_hot_size = TIER_HOT_SIZE_V2;
+    if (sb.sb_magic != TIER_SB_MAGIC_V2 || sb.sb_version != TIER_OLD_VERSION ||
+        sb.sb_block_size == 0 || sb.sb_extent_size < TIER_EXTENT_SIZE_MIN ||
+        sb.sb_extent_size > TIER_EXTENT_SIZE_MAX ||
+        static_cast<uint64_t>(tier_extents(sb).start) >= size) {
+        return false;
+    }
+    sb.sb_data_offset = std::min(sb.sb_data_offset, size); /* where the probe gives up reading */
+    const uint32_t map_size = map_size_for(sb.sb_block_cnt, sb.sb_block_size);
+    const auto fits = [&sb](uint32_t map_cnt) {
+        return map_cnt <= EXTENT_HOT_LEN &&
+               sb.sb_extent_size + map_cnt * sizeof(tier_mapped_meta_v2_t) + sb.sb_hot_size <=
+                   TIER_EXTENT_SIZE_MAX;
+    };
+    s_ext_buff.reset(); /* of another device */
+    int32_t ret = -EINVAL;
+    for (uint32_t map_cnt = 1 + (sb.sb_block_size - 1) / map_size; ret == -EINVAL && fits(map_cnt);
+         map_cnt++) {
+        ret = verify_map_cnt(&sb, dev_fd, map_cnt);
+    }
+    s_ext_buff.reset();
+    return ret == 0;
 }
 
 int32_t calc_super_block_v2(int32_t dev_fd, tier_super_block_v2_t *sb)

@@ -2,6 +2,7 @@
 #include "zu_tier/layout/extent.h"
 #include "zu_tier/layout/restore.h"
 #include "zu_tier/layout/super.h"
+#include "zu_tier/layout/v2/map.h"
 #include "zu_tier/layout/v2/v2.h"
 
 #include <cerrno>
@@ -106,6 +107,8 @@ constexpr tier_layout LAYOUT_V2 = {
     .version_value = TIER_SB_VERSION_V2,
     .tables = TABLES,
     .areas = areas,
+    .conversion = "convert_super",
+    .has_tables = tier_has_tables_v2,
 };
 
 /* Indexed by zutr_cmd_t. */
