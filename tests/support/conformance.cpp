@@ -75,6 +75,8 @@ void lay(const std::string &kind, const std::string &good, const std::string &pa
         return static_cast<void>(fs::create_directory(path));
     if (kind == "fifo")
         return static_cast<void>(mkfifo(path.c_str(), 0600));
+    if (kind == "socket")
+        return static_cast<void>(mknod(path.c_str(), S_IFSOCK | 0600, 0));
     const std::map<std::string, std::size_t> sizes{{"tiny", 10}, {"empty", 0}, {"random", 65536}};
     if (sizes.contains(kind))
         return static_cast<void>(std::ofstream(path, std::ios::binary)

@@ -13,7 +13,7 @@ namespace tier_test {
 
 // Lays at `path`, in place of what is there, one of these: "missing"; "unreadable" or "read-only",
 // a copy of the file `good`; "tiny", "empty" or "random", a file of 10, 0 or 65536 random bytes;
-// "directory"; "fifo"; "/dev/null" or "/dev/zero", a link to that character device.
+// "directory"; "fifo"; "socket"; "/dev/null" and the like, a link to that character device.
 void lay(const std::string &kind, const std::string &good, const std::string &path);
 
 // Standard outputs that take nothing, with the reason that a write to them gives.

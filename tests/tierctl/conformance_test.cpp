@@ -57,10 +57,12 @@ const std::vector<Input> INPUTS{
     {"empty", NONE},
     {"random", "% has no super block of a known layout"},
     {"read-only", "", "cannot open %: Permission denied"},
-    {"directory", NEITHER, "cannot open %: Is a directory"},
+    {"directory", NEITHER},
     {"fifo", NEITHER},
     {"/dev/null", NEITHER},
     {"/dev/zero", NEITHER},
+    {"/dev/tty", NEITHER},
+    {"socket", NEITHER},
 };
 
 std::string of_path(std::string complaint, const std::string &path)

@@ -1,6 +1,7 @@
 #include "zu_tierctl/check/check.h"
 
 #include "zu_tierctl/check/table.h"
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/entry/metadata.h"
 
 #include <algorithm>
@@ -103,6 +104,7 @@ bool check(const CheckOptions &options)
 {
     const Device device(options.device, Access::read_only);
     const Metadata metadata = read_metadata(device);
+    hint_in_use(options.device);
     for (const std::string &name : options.tables) {
         find_table(metadata.tables, name);
     }

@@ -1,6 +1,7 @@
 #include "zu_tierctl/device/device.h"
 
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/in_use.h"
 
 #include <algorithm>
 #include <array>
@@ -39,18 +40,25 @@ uint64_t slots_on_device(const tier_region &region, uint64_t size)
 
 } // namespace
 
-/* A FIFO is refused like all else that is no device, without waiting for its other end. */
-Device::Device(const std::string &path, Access access)
-    : path_(path),
-      fd_(open_direct(path, (access == Access::exclusive ? O_RDWR | O_EXCL : O_RDONLY) |
-                                O_NONBLOCK | O_CLOEXEC))
+/* Whatever else there is, a FIFO or a terminal, is not even opened: that may wait, or have effects.
+ */
+Device::Device(const std::string &path, Access access) : path_(path)
 {
     struct stat status {};
-    if (fd_.get() < 0 || fstat(fd_.get(), &status) != 0) {
+    if (stat(path.c_str(), &status) != 0) {
         throw_errno("cannot open " + path);
     }
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         throw std::runtime_error(path + " is neither a regular file nor a block device");
+    }
+    const int flags = access == Access::exclusive ? O_RDWR | O_EXCL : O_RDONLY;
+    fd_ = Fd(open_direct(path, flags | O_NONBLOCK | O_CLOEXEC));
+    if (fd_.get() < 0 && errno == EBUSY) {
+        throw std::runtime_error(
+            fmt::format("{} is in use by {}: stop that first", path, users_text(status.st_rdev)));
+    }
+    if (fd_.get() < 0) {
+        throw_errno("cannot open " + path);
     }
     const off_t end = lseek(fd_.get(), 0, SEEK_END);
     if (end < 0) {

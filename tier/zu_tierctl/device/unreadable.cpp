@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fcntl.h>
 #include <fmt/core.h>
 #include <iterator>
 #include <memory>
@@ -27,10 +28,11 @@ struct CloseFile {
 /* The list; an empty one when there is no such file, and no array when it is no JSON. */
 Json read_list(const std::string &path)
 {
-    const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "re"));
-    if (file == nullptr && errno == ENOENT) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); /* it may be a FIFO */
+    if (fd < 0 && errno == ENOENT) {
         return Json::array();
     }
+    const std::unique_ptr<FILE, CloseFile> file(fd < 0 ? nullptr : fdopen(fd, "r"));
     const Json list = file != nullptr ? Json::parse(file.get(), nullptr, false) : Json();
     if (file == nullptr || ferror(file.get()) != 0) {
         throw_errno("cannot read " + path);

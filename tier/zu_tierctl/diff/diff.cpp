@@ -1,6 +1,7 @@
 #include "zu_tierctl/diff/diff.h"
 
 #include "zu_tierctl/device/device.h"
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/unreadable.h"
 
@@ -161,6 +162,8 @@ bool diff(const std::string &path_a, const std::string &path_b, DiffReport &repo
 {
     const Side a(path_a);
     const Side b(path_b);
+    hint_in_use(path_a);
+    hint_in_use(path_b);
     if (a.metadata.layout != b.metadata.layout) {
         report.layouts(a.metadata.layout->name, b.metadata.layout->name);
         return false;

@@ -2,6 +2,7 @@
 
 #include "common/zutr_crc32.h"
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/unreadable.h"
@@ -32,6 +33,9 @@ public:
     void run()
     {
         require_same_device();
+        if (!options_.commit) {
+            hint_in_use(options_.device);
+        }
         for (const std::string &note : selection_.notes) {
             complain(note);
         }

@@ -1,5 +1,6 @@
 #include "zu_tierctl/save/save.h"
 
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/unreadable.h"
@@ -58,6 +59,7 @@ bool save(const std::string &device_path, const std::string &file_path)
         throw std::runtime_error(device_path + " is incomplete: see " +
                                  unreadable_path(device_path));
     }
+    hint_in_use(device_path);
     refuse_existing(file_path);
     refuse_existing(unreadable_path(file_path));
     NewFile file(file_path, Naming::new_name);

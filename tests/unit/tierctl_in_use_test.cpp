@@ -1,0 +1,93 @@
+// Who uses a block device, read from files that look like those of the kernel.
+
+#include "temp_dir.h"
+#include "zu_tierctl/device/in_use.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+using namespace tier_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+class InUse : public testing::Test {
+protected:
+    void lay(const std::string &name, const std::string &content) const
+    {
+        const fs::path path = root.path(name);
+        fs::create_directories(path.parent_path());
+        root.write(name, content);
+    }
+
+    std::string users(unsigned int major = 7, unsigned int minor = 3) const
+    {
+        return tierctl::users_text(makedev(major, minor), root.path(""));
+    }
+
+    const TempDir root;
+};
+
+TEST_F(InUse, BySomethingElse) { EXPECT_EQ(users(), "another program"); }
+
+TEST_F(InUse, ByVolumes)
+{
+    lay("sys/dev/block/7:3/holders/dm-1/dev", "");
+    lay("sys/dev/block/7:3/holders/md0/dev", "");
+    lay("sys/dev/block/7:30/holders/md9/dev", "");
+    lay("sys/block/dm-1/dm/name", "vg-lv\n");
+    EXPECT_EQ(users(), "/dev/mapper/vg-lv, /dev/md0");
+}
+
+TEST_F(InUse, ByMounts)
+{
+    lay("proc/self/mountinfo", "25 1 7:30 / /other rw - ext4 /dev/loop30 rw\n"
+                               "26 1 7:3 / /srv/a\\040b rw - ext4 /dev/loop3 rw\n"
+                               "27 1 7:3 /sub /srv/b rw shared:1 - ext4 /dev/loop3 rw\n"
+                               "28 1 7:3 / /srv/b rw - ext4 /dev/loop3 rw\n"
+                               "29 1\n"
+                               "30 1 7:3 / /srv/\\0 rw - ext4 /dev/loop3 rw\n"
+                               "31 1 7:3 / /srv/c\\012d rw - ext4 /dev/loop3 rw\n");
+    EXPECT_EQ(users(), "/srv/a b (mounted), /srv/b (mounted), "
+                       "\"/srv/\\\\0\" (mounted), \"/srv/c\\x0ad\" (mounted)");
+}
+
+TEST_F(InUse, ByUsersOfItsPartitions)
+{
+    lay("sys/dev/block/7:3/loop3p1/partition", "1\n");
+    lay("sys/dev/block/7:3/loop3p1/dev", "259:12\n");
+    lay("sys/dev/block/7:3/loop3p2/partition", "2\n");
+    lay("sys/dev/block/7:3/loop3p2/dev", "nonsense\n");
+    lay("sys/dev/block/7:3/queue/dev", "259:13\n");
+    lay("sys/dev/block/259:12/holders/dm-7/dev", "");
+    lay("proc/self/mountinfo", "26 1 259:12 / /one rw - ext4 /dev/loop3p1 rw\n"
+                               "26 1 259:13 / /two rw - ext4 /dev/other rw\n");
+    EXPECT_EQ(users(), "/dev/dm-7, /one (mounted)");
+}
+
+// With a device that this machine has.
+TEST_F(InUse, BySwapAndProcesses)
+{
+    struct stat status {};
+    const std::string path = "/dev/loop0";
+    if (stat(path.c_str(), &status) != 0 || !S_ISBLK(status.st_mode))
+        GTEST_SKIP() << "no loop device";
+    lay("proc/swaps",
+        "Filename Type Size Used Priority\n" + path +
+            "                              partition 1 0 -2\n/swapfile file 1 0 -3\n");
+    lay("proc/7/comm", "mke2fs\n");
+    lay("proc/8/comm", "odd\x1b\n");
+    lay("proc/9/comm", "bystander\n");
+    for (const std::string process : {"7", "8", "9"})
+        fs::create_directories(root.path("proc/" + process + "/fd"));
+    for (const std::string file : {"7/fd/3", "7/fd/4", "8/fd/0"})
+        fs::create_symlink(path, root.path("proc/" + file));
+    fs::create_symlink("/dev/null", root.path("proc/9/fd/0"));
+    fs::create_symlink("pipe:[1]", root.path("proc/9/fd/1"));
+    EXPECT_EQ(users(major(status.st_rdev), minor(status.st_rdev)),
+              "swap, process 7 (mke2fs), process 8 (\"odd\\x1b\")");
+}
+
+} // namespace

@@ -1,0 +1,200 @@
+#include "zu_tierctl/device/in_use.h"
+
+#include "zu_tierctl/device/fd.h"
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+#include <vector>
+
+namespace tierctl {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/* The first line of a small file of the kernel; empty when there is none. */
+std::string line_of(const fs::path &path)
+{
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+/* What is in a directory, sorted; nothing when it cannot be read. */
+std::vector<fs::path> paths_in(const fs::path &directory)
+{
+    std::vector<fs::path> paths;
+    std::error_code error;
+    for (fs::directory_iterator at(directory, error), end; !error && at != end;
+         at.increment(error)) {
+        paths.push_back(at->path());
+    }
+    std::ranges::sort(paths);
+    return paths;
+}
+
+/* Whether a file is the device. Only names below /dev are looked up: others may lie on a file
+ * system that does not answer. */
+bool is_device(const fs::path &path, dev_t device)
+{
+    struct stat status {};
+    return path.native().starts_with("/dev/") && stat(path.c_str(), &status) == 0 &&
+           S_ISBLK(status.st_mode) && status.st_rdev == device;
+}
+
+/* A path in which the kernel writes blanks and the like as three octal digits, "\\040". */
+std::string unescaped(const std::string &text)
+{
+    std::string path;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            path += static_cast<char>(strtoul(text.substr(i + 1, 3).c_str(), nullptr, 8));
+            i += 3;
+        } else {
+            path += text[i];
+        }
+    }
+    return path;
+}
+
+/* Collects the users of a device. */
+class Users {
+public:
+    explicit Users(fs::path root) : root_(std::move(root)) {}
+
+    void add(dev_t device)
+    {
+        const std::string number = fmt::format("{}:{}", major(device), minor(device));
+        const fs::path block = root_ / "sys/dev/block" / number;
+        add_holders(block / "holders");
+        add_mounts(number);
+        add_swap(device);
+        add_processes(device);
+        add_partitions(block);
+    }
+
+    std::string text() const
+    {
+        return texts_.empty() ? "another program" : fmt::format("{}", fmt::join(texts_, ", "));
+    }
+
+private:
+    void add_text(const std::string &text)
+    {
+        if (std::ranges::find(texts_, text) == texts_.end()) {
+            texts_.push_back(text);
+        }
+    }
+
+    /* Volumes, RAIDs and the like. */
+    void add_holders(const fs::path &holders)
+    {
+        for (const fs::path &holder : paths_in(holders)) {
+            const std::string name = holder.filename();
+            const std::string volume = line_of(root_ / "sys/block" / name / "dm/name");
+            add_text(shown_text(volume.empty() ? "/dev/" + name : "/dev/mapper/" + volume));
+        }
+    }
+
+    /* A line has the number of the device in its third field, and the place in its fifth. */
+    void add_mounts(const std::string &number)
+    {
+        std::ifstream mounts(root_ / "proc/self/mountinfo");
+        for (std::string line; std::getline(mounts, line);) {
+            std::istringstream fields(line);
+            std::string id;
+            std::string parent;
+            std::string device;
+            std::string directory;
+            std::string place;
+            fields >> id >> parent >> device >> directory >> place;
+            if (device == number) {
+                add_text(shown_text(unescaped(place)) + " (mounted)");
+            }
+        }
+    }
+
+    void add_swap(dev_t device)
+    {
+        std::ifstream swaps(root_ / "proc/swaps");
+        for (std::string line; std::getline(swaps, line);) {
+            if (is_device(line.substr(0, line.find(' ')), device)) {
+                add_text("swap");
+            }
+        }
+    }
+
+    void add_processes(dev_t device)
+    {
+        for (const fs::path &process : paths_in(root_ / "proc")) {
+            const std::string id = process.filename();
+            const bool is_other =
+                id.find_first_not_of("0123456789") == id.npos && id != std::to_string(getpid());
+            if (is_other && has_open(process, device)) {
+                add_text(fmt::format("process {} ({})", id, shown_text(line_of(process / "comm"))));
+            }
+        }
+    }
+
+    static bool has_open(const fs::path &process, dev_t device)
+    {
+        return std::ranges::any_of(paths_in(process / "fd"), [device](const fs::path &file) {
+            std::error_code error;
+            return is_device(fs::read_symlink(file, error), device);
+        });
+    }
+
+    void add_partitions(const fs::path &block)
+    {
+        for (const fs::path &path : paths_in(block)) {
+            std::error_code error;
+            std::istringstream number(line_of(path / "dev"));
+            unsigned int major = 0;
+            unsigned int minor = 0;
+            char colon = 0;
+            if (fs::exists(path / "partition", error) && number >> major >> colon >> minor) {
+                add(makedev(major, minor));
+            }
+        }
+    }
+
+    fs::path root_;
+    std::vector<std::string> texts_;
+};
+
+} // namespace
+
+std::string users_text(dev_t device, const std::string &root)
+{
+    Users users(root);
+    users.add(device);
+    return users.text();
+}
+
+void hint_in_use(const std::string &path)
+{
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) {
+        return;
+    }
+    const Fd fd(open(path.c_str(), O_RDONLY | O_EXCL | O_NONBLOCK | O_CLOEXEC));
+    if (fd.get() < 0 && errno == EBUSY) {
+        complain(fmt::format("{} is in use by {}: what is read may change meanwhile", path,
+                             users_text(status.st_rdev)));
+    }
+}
+
+} // namespace tierctl

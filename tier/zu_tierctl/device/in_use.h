@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+namespace tierctl {
+
+/* Who uses a block device or one of its partitions: what is built on it, its mounts, swap, and the
+ * processes that have it open, "/srv (mounted), process 7 (fsck)"; or "another program". `root` is
+ * where /proc and /sys lie. */
+std::string users_text(dev_t device, const std::string &root = "/");
+
+/* When the path is a block device that something holds, says by whom on standard error. */
+void hint_in_use(const std::string &path);
+
+} // namespace tierctl
