@@ -39,8 +39,8 @@ protected:
     std::string finding(const char *severity, const std::string &what, std::int64_t offset,
                         const std::string &text_of_it, const std::string &command) const
     {
-        return text("%s: %s at %ld: %s: zu_tier -p %s -c %s\n", severity, what.c_str(), offset,
-                    text_of_it.c_str(), device.path().c_str(), command.c_str());
+        return text("%s: %s at %ld: %s: zu_tier -l tier.log -p %s -c %s\n", severity, what.c_str(),
+                    offset, text_of_it.c_str(), device.path().c_str(), command.c_str());
     }
 
     // Nothing else is found, but for the extent that really is one of two.

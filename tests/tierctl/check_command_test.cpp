@@ -5,8 +5,10 @@
 #include "check_run.h"
 #include "sample_image.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 using namespace tier_test;
 
@@ -86,7 +88,7 @@ void expect_damage(const std::string &layout, const SampleTable &table, const st
     // The command shows the entry, which the tool finds damaged as well.
     for (const Finding &finding : report.findings) {
         EXPECT_EQ(finding.command,
-                  "zu_tier -p " + device.path() + " -c " + table.command + " -n 1");
+                  "zu_tier -l tier.log -p " + device.path() + " -c " + table.command + " -n 1");
         EXPECT_EQ(run_logged(device, table.command, {"-n", "1"}).status, 14);
     }
 }
@@ -137,7 +139,8 @@ TEST(CheckCommand, CommandsOfPackedEntries)
     const Device device = world.device();
     const Report report = run_check(device.path());
     ASSERT_EQ(report.findings.size(), 1U);
-    EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_extent -n 3");
+    EXPECT_EQ(report.findings[0].command,
+              "zu_tier -l tier.log -p " + device.path() + " -c dump_extent -n 3");
     EXPECT_EQ(report.findings[0].text, "it refers to shard 2, which is free");
     EXPECT_NE(run_logged(device, "dump_extent", {"-n", "3"}).out.find("{\"lba\":77,\"shard\":2,"),
               std::string::npos);
@@ -153,7 +156,7 @@ TEST(CheckCommand, Text)
     const RunResult run = run_program(ZU_TIERCTL, {"check", device.path()});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, "");
-    const std::string show = "): zu_tier -p " + device.path() + " -c ";
+    const std::string show = "): zu_tier -l tier.log -p " + device.path() + " -c ";
     std::string expected;
     expected += text("error: brick 1 at %ld: its checksum does not match its content (bad_checksum",
                      brick_offset(world.sb, 1)) +
@@ -192,7 +195,7 @@ TEST(CheckCommand, TextOfPackedAndClean)
     const RunResult run = run_program(ZU_TIERCTL, {"check", "--table", "shard", damaged.path()});
     EXPECT_EQ(run.out,
               text("error: shard block 2 at %ld: its checksum does not match its content "
-                   "(bad_checksum): zu_tier -p %s -c dump_shard -n 2\n\n",
+                   "(bad_checksum): zu_tier -l tier.log -p %s -c dump_shard -n 2\n\n",
                    shard_offset(world.sb, 2), damaged.path().c_str()) +
                   "table         entries       in use         free      damaged   unreadable\n"
                   "shard            1533            3         1019          511            0\n"
@@ -240,10 +243,20 @@ TEST(CheckCommand, PathIsQuoted)
     const std::string path = device.directory().path("it's a \"disk\"\t\\\x80");
     std::filesystem::create_hard_link(device.path(), path);
     const RunResult run = run_program(ZU_TIERCTL, {"check", "--json", path});
-    EXPECT_NE(
-        run.out.find("it'\\\\''s a \\\"disk\\\"\\u0009\\\\\xEF\xBF\xBD' -c dump_brick -n 1\""),
-        std::string::npos)
-        << run;
+    const auto document = nlohmann::json::parse(run.out);
+    const std::string command = document.at("findings").at(0).at("command");
+    EXPECT_EQ(command, "zu_tier -l tier.log -p $'" + path.substr(0, path.find("it's")) +
+                           R"(it\'s a "disk"\011\\\200' -c dump_brick -n 1)");
+    EXPECT_EQ(lines_of(run.out).size(), 5U);
+
+    // As a command of the shell it shows the entry.
+    const auto programs = std::filesystem::path(ZU_TIER).parent_path();
+    const RunResult shown =
+        run_program("/bin/bash", {"-c", command},
+                    {.environment = {{"PATH", programs.string() + ":" + getenv("PATH")}},
+                     .working_directory = device.directory().path("")});
+    EXPECT_EQ(shown.status, 0) << shown;
+    EXPECT_NE(shown.out.find("\"bi_no\":1"), std::string::npos) << shown;
 }
 
 // 2, and nothing but a complaint.
@@ -262,6 +275,34 @@ TEST(CheckCommand, UnknownTable)
     const Device device = WorldV1().device();
     expect_no_check({"check", device.path(), "--table", "shard"},
                     "there is no table shard, but super, brick, inode, extent");
+}
+
+// With --json standard output has one document, whatever happens.
+TEST(CheckCommand, JsonOfADeviceThatCannotBeChecked)
+{
+    const auto error_of = [](const RunResult &run, const std::string &device) {
+        EXPECT_EQ(run.status, 2) << run;
+        const auto document = nlohmann::ordered_json::parse(run.out);
+        EXPECT_EQ(document.size(), 2U);
+        EXPECT_EQ(document.at("device"), device);
+        const std::string error = document.at("error");
+        EXPECT_EQ(run.err, "zu_tierctl: " + error + "\n");
+        return error;
+    };
+    const Device device = WorldV1().device();
+    const auto check = [](const std::string &path, std::vector<std::string> args = {}) {
+        args.insert(args.begin(), {"check", "--json", path});
+        return run_program(ZU_TIERCTL, args);
+    };
+    EXPECT_EQ(error_of(check("/none/at \"all\""), "/none/at \"all\""),
+              "cannot open /none/at \"all\": No such file or directory");
+    EXPECT_EQ(error_of(check(device.path(), {"--table", "shard"}), device.path()),
+              "there is no table shard, but super, brick, inode, extent");
+    const Device empty(16 * BLOCK_SIZE);
+    EXPECT_EQ(error_of(check(empty.path()), empty.path()),
+              empty.path() + " has no super block of a known layout");
+    EXPECT_EQ(error_of(check(empty.path(), {"--live", "--summary"}), empty.path()),
+              empty.path() + " has no super block of a known layout");
 }
 
 TEST(CheckCommand, LostOutputOfNoFindingsAndOfMany)

@@ -237,7 +237,7 @@ TEST_F(CheckV2, ExpansionInodes)
     // The command of a finding shows what it is about.
     const std::string no = std::to_string(last);
     EXPECT_EQ(report.findings[0].command,
-              "zu_tier -p " + device.path() + " -c dump_inode -n " + no);
+              "zu_tier -l tier.log -p " + device.path() + " -c dump_inode -n " + no);
     EXPECT_EQ(run_logged(device, "dump_inode", {"-n", no}).out,
               json(world.inodes.back(), report.findings[0].offset));
 

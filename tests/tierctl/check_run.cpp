@@ -9,16 +9,21 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+std::string lines_of_array(const Json &array)
+{
+    std::string lines;
+    for (const Json &element : array)
+        lines += (lines.empty() ? "\n" : ",\n") + element.dump();
+    return lines;
+}
+
 // What the document must be to the byte: a line for each finding, and no blanks.
 std::string layout_of(const Json &document)
 {
     std::string text = "{\"device\":" + document.at("device").dump() +
-                       ",\"layout\":" + document.at("layout").dump() + ",\"findings\":[";
-    const char *delimiter = "\n";
-    for (const Json &finding : document.at("findings")) {
-        text += delimiter + finding.dump();
-        delimiter = ",\n";
-    }
+                       ",\"layout\":" + document.at("layout").dump() + ",\"causes\":[" +
+                       lines_of_array(document.at("causes")) + "],\n\"findings\":[" +
+                       lines_of_array(document.at("findings"));
     return text + "],\n\"tables\":" + document.at("tables").dump() +
            ",\n\"kinds\":" + document.at("kinds").dump() + "}\n";
 }
@@ -33,14 +38,28 @@ std::vector<std::string> keys_of(const Json &object)
 
 Finding finding_of(const Json &json)
 {
-    EXPECT_EQ(keys_of(json), (std::vector<std::string>{"kind", "severity", "table", "unit", "no",
-                                                       "offset", "command", "text"}));
+    EXPECT_EQ(keys_of(json),
+              (std::vector<std::string>{"kind", "severity", "table", "unit", "no", "last", "count",
+                                        "block", "offset", "zero", "command", "text"}));
     EXPECT_TRUE(json.at("no").is_number_unsigned() && json.at("offset").is_number_integer())
         << json;
+    EXPECT_TRUE(json.at("zero").is_boolean()) << json;
     EXPECT_TRUE(json.at("severity") == "error" || json.at("severity") == "warning") << json;
     EXPECT_TRUE(json.at("unit") == "entry" || json.at("unit") == "block") << json;
-    return {json.at("kind"), json.at("severity"), json.at("table"),   json.at("unit"),
-            json.at("no"),   json.at("offset"),   json.at("command"), json.at("text")};
+    std::optional<std::uint64_t> block;
+    if (!json.at("block").is_null())
+        block = json.at("block").get<std::uint64_t>();
+    return {json.at("kind"),   json.at("severity"), json.at("table"),   json.at("unit"),
+            json.at("no"),     json.at("last"),     json.at("count"),   block,
+            json.at("offset"), json.at("zero"),     json.at("command"), json.at("text")};
+}
+
+Cause cause_of(const Json &json)
+{
+    EXPECT_EQ(keys_of(json), (std::vector<std::string>{"table", "no", "last", "count", "text"}));
+    const Cause cause{json.at("table"), json.at("no"), json.at("last"), json.at("text")};
+    EXPECT_EQ(json.at("count"), cause.last - cause.no + 1);
+    return cause;
 }
 
 Counts counts_of(const Json &json)
@@ -76,7 +95,13 @@ void PrintTo(const Counts &counts, std::ostream *out)
          << " free, " << counts.damaged << " damaged, " << counts.unreadable << " unreadable";
 }
 
-Report run_check(const std::string &device, const std::vector<std::string> &args)
+Report run_check(const std::string &device, std::vector<std::string> args)
+{
+    args.emplace_back("--all");
+    return run_check_in_runs(device, args);
+}
+
+Report run_check_in_runs(const std::string &device, const std::vector<std::string> &args)
 {
     std::vector<std::string> all{"check", "--json", device};
     all.insert(all.end(), args.begin(), args.end());
@@ -87,6 +112,8 @@ Report run_check(const std::string &device, const std::vector<std::string> &args
     EXPECT_EQ(report.run.out, layout_of(document));
     report.device = document.at("device");
     report.layout = document.at("layout");
+    for (const Json &cause : document.at("causes"))
+        report.causes.push_back(cause_of(cause));
     for (const Json &finding : document.at("findings"))
         report.findings.push_back(finding_of(finding));
     for (const auto &[table, counts] : document.at("tables").items())
@@ -96,7 +123,7 @@ Report run_check(const std::string &device, const std::vector<std::string> &args
 
     std::map<std::string, std::uint64_t> found;
     for (const Finding &finding : report.findings) {
-        found[finding.kind]++;
+        found[finding.kind] += finding.count;
         EXPECT_TRUE(report.tables.contains(finding.table)) << finding.table;
     }
     EXPECT_EQ((document.at("kinds").get<std::map<std::string, std::uint64_t>>()), found);

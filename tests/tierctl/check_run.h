@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,19 @@ struct Finding {
     std::string table;
     std::string unit;
     std::uint64_t no = 0;
+    std::uint64_t last = 0;
+    std::uint64_t count = 0;
+    std::optional<std::uint64_t> block;
     std::int64_t offset = 0;
+    bool zero = false;
     std::string command;
+    std::string text;
+};
+
+struct Cause {
+    std::string table;
+    std::uint64_t no = 0;
+    std::uint64_t last = 0;
     std::string text;
 };
 
@@ -42,13 +54,15 @@ struct Report {
     RunResult run;
     std::string device;
     std::string layout;
+    std::vector<Cause> causes;
     std::vector<Finding> findings;
     std::map<std::string, Counts> tables;
 };
 
 // zu_tierctl check --json <args> <device>: a well-formed document, whose counts add up and fit the
-// exit status, and nothing else.
-Report run_check(const std::string &device, const std::vector<std::string> &args = {});
+// exit status, and nothing else. The first with --all.
+Report run_check(const std::string &device, std::vector<std::string> args = {});
+Report run_check_in_runs(const std::string &device, const std::vector<std::string> &args = {});
 
 // "error bad_magic: inode entry 7 at 1073152"
 std::string summary(const Finding &finding);

@@ -339,7 +339,8 @@ TEST(CheckSuper, OverlapIsTold)
                    "from %lu on)",
                    world.sb.inode_table_size, world.sb.inode_table_offset,
                    world.sb.brick_table_size, world.sb.brick_table_offset));
-    EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_super");
+    EXPECT_EQ(report.findings[0].command,
+              "zu_tier -l tier.log -p " + device.path() + " -c dump_super");
 }
 
 // Kinds and texts of the findings about a super block, in their order.

@@ -161,7 +161,7 @@ TEST(CheckUnknownOwners, BlockOfShardsNamedInSeveralBlocks)
 
     // The command shows the block of the entry.
     EXPECT_EQ(run_check(device.path()).findings[1].command,
-              "zu_tier -p " + device.path() + " -c dump_extent -n 1");
+              "zu_tier -l tier.log -p " + device.path() + " -c dump_extent -n 1");
 }
 
 TEST(CheckUnknownOwners, InodesThatCannotBeRead)

@@ -23,12 +23,13 @@ struct Command {
     int failed = 1;
     int done = 0;
     bool prints = true;
-    bool writes = false; // the device
+    bool writes = false;  // the device
+    bool answers = false; // with a JSON document, also when it fails
 };
 
 const std::vector<Command> COMMANDS{
     {{"check", "device"}, "DEVICE", 2, 1},
-    {{"check", "--json", "device"}, "DEVICE", 2, 1},
+    {{"check", "--json", "device"}, "DEVICE", 2, 1, true, false, true},
     {{"save", "device", OUT}, "FILE", 1, 0, false},
     {{"template", "device", "inode", "2"}, "NO"},
     {{"revert", "saved", "device", "inode", "2"}, "NO"},
@@ -100,7 +101,7 @@ protected:
     // A run that fails leaves every file as it was. One that is done leaves its output, which is
     // removed, or what it has committed, which is undone.
     RunResult run(const std::vector<std::string> &args, int status, bool failed = true,
-                  const std::string &output = {}) const
+                  const std::string &output = {}, const std::string &answer = {}) const
     {
         SCOPED_TRACE(testing::PrintToString(args) + output);
         const auto before = files_in(directory);
@@ -109,7 +110,7 @@ protected:
         EXPECT_EQ(run.status, status) << run;
         auto after = files_in(directory);
         if (failed) {
-            EXPECT_EQ(run.out, "");
+            EXPECT_EQ(run.out, answer);
             EXPECT_TRUE(run.err.starts_with("zu_tierctl: ")) << run;
         } else {
             EXPECT_EQ(std::filesystem::remove(path(OUT)), std::ranges::count(args, path(OUT)) == 1);
@@ -174,10 +175,16 @@ TEST_F(Conformance, Inputs)
                 lay(input.kind, path(good), bad);
                 const auto &complaint = written ? input.complaint_of_writing : input.complaint;
                 const bool failed = !complaint.empty();
+                const std::string said = failed ? of_path(complaint, bad) : "";
+                const std::string answer = command.answers && failed
+                                               ? R"({"device":")" + bad + R"(","error":")" +
+                                                     said.substr(12, said.size() - 13) + "\"}\n"
+                                               : "";
                 const RunResult ended =
-                    run(args_of(command, i), failed ? command.failed : command.done, failed);
+                    run(args_of(command, i), failed ? command.failed : command.done, failed, {},
+                        answer);
                 if (failed) {
-                    EXPECT_EQ(ended.err, of_path(complaint, bad));
+                    EXPECT_EQ(ended.err, said);
                 }
             }
         }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <regex>
 #include <sys/stat.h>
 
 using namespace tier_test;
@@ -50,7 +51,12 @@ void expect_entry(const std::string &a, const std::string &b, const CacheTable &
     const std::string head =
         text(R"({"kind":"entry","table":"%s","no":%lu,"count":1,"offset_a":%ld,"offset_b":%ld,)",
              table.name.c_str(), no, offset, offset);
-    expect_differences(diff(a, b, {"--json"}), head + "\"fields\":[" + json + "]}\n");
+    const RunResult run = diff(a, b, {"--json"});
+    const std::regex of_states(R"x("state_a":"(sound|damaged)","state_b":"(sound|damaged)",)x");
+    EXPECT_TRUE(std::regex_search(run.out, of_states)) << run;
+    const std::string states =
+        run.out.substr(head.size(), run.out.find("\"fields\"") - head.size());
+    expect_differences(run, head + states + "\"fields\":[" + json + "]}\n");
 }
 
 std::string in_quotes(const std::string &plain) { return '"' + plain + '"'; }
@@ -269,6 +275,91 @@ TEST_P(DiffLayouts, WhatASavedFileLacksIsADifference)
     expect_differences(
         diff(saved, a.device.path()),
         text("extent %lu: cannot be read in A: not in the saved file\n", extents.count - 1));
+}
+
+std::vector<std::string> heads_of(const RunResult &run)
+{
+    std::vector<std::string> heads;
+    for (const std::string &line : lines_of(run.out))
+        if (!line.starts_with("  "))
+            heads.push_back(line);
+    return heads;
+}
+
+// The device with these inodes zeroed.
+Cache zeroed_cache(const std::string &layout, std::initializer_list<std::uint64_t> inodes)
+{
+    Cache cache = make_cache(layout);
+    for (const std::uint64_t no : inodes)
+        put_block(cache.device, cache.offset("inode", no), Block{});
+    return cache;
+}
+
+TEST_P(DiffLayouts, ZeroedNeighboursAreOne)
+{
+    const Cache zeroed = zeroed_cache(GetParam(), {1, 2, 4});
+    const std::string whole = a.device.path();
+    const std::string part = zeroed.device.path();
+    const RunResult run = diff(whole, part);
+    EXPECT_EQ(heads_of(run),
+              (std::vector<std::string>{
+                  "inode 1..2, 2 entries that differ alike, all zero in B, sound in A, the first:",
+                  "inode 4, all zero in B, sound in A"}));
+    EXPECT_NE(run.out.find("  no: 1 -> 0\n"), std::string::npos) << run;
+    EXPECT_EQ(run.out.find("  no: 2 -> 0\n"), std::string::npos) << run;
+    EXPECT_EQ(heads_of(diff(part, whole))[1], "inode 4, all zero in A, sound in B");
+
+    const RunResult all = diff(whole, part, {"--all"});
+    EXPECT_EQ(heads_of(all), (std::vector<std::string>{"inode 1, all zero in B, sound in A",
+                                                       "inode 2, all zero in B, sound in A",
+                                                       "inode 4, all zero in B, sound in A"}));
+    EXPECT_NE(all.out.find("  no: 2 -> 0\n"), std::string::npos) << all;
+
+    const RunResult json = diff(whole, part, {"--json"});
+    EXPECT_EQ(lines_of(json.out).size(), 2U);
+    EXPECT_TRUE(json.out.starts_with(
+        text(R"({"kind":"entry","table":"inode","no":1,"count":2,"offset_a":%ld,"offset_b":%ld,)"
+             R"("state_a":"sound","state_b":"zero","fields":[{"key":"checksum",)",
+             a.offset("inode", 1), a.offset("inode", 1))))
+        << json;
+
+    expect_differences(diff(whole, part, {"--summary"}),
+                       "inode 1..4: 3 differ, all zero in B, sound in A\n");
+    expect_differences(diff(whole, part, {"--summary", "--json"}),
+                       R"({"kind":"entry","table":"inode","no":1,"last":4,"count":3,)"
+                       R"("text":"differ, all zero in B, sound in A"})"
+                       "\n");
+    EXPECT_EQ(diff(whole, part, {"--summary", "--all"}).status, 2);
+    EXPECT_EQ(diff(part, part, {"--summary"}).out, "");
+}
+
+// One run where the same fields differ, whatever their values.
+TEST_P(DiffLayouts, NeighboursWithTheSameFieldsAreOne)
+{
+    for (const std::uint64_t no : {0U, 1U, 2U})
+        flip(b.device, b.offset("inode", no) + 8, static_cast<std::uint8_t>(1 + no)); // atime
+    flip(b.device, b.offset("inode", 3) + 16);                                        // ctime
+    const RunResult run = diff(a.device.path(), b.device.path());
+    EXPECT_EQ(heads_of(run),
+              (std::vector<std::string>{"inode 0..2, 3 entries that differ alike, the first:",
+                                        "inode 3"}));
+    EXPECT_EQ(heads_of(diff(a.device.path(), b.device.path(), {"--all"})),
+              (std::vector<std::string>{"inode 0", "inode 1", "inode 2", "inode 3"}));
+    expect_differences(diff(a.device.path(), b.device.path(), {"--summary"}),
+                       "inode 0..3: 4 differ\n");
+}
+
+// What cannot be read, or is in one only, in the summary.
+TEST_P(DiffLayouts, SummaryOfWhatCannotBeRead)
+{
+    const CacheTable &extents = b.table("extent");
+    fs::resize_file(b.device.path(), static_cast<std::uint64_t>(extents.offset(2)));
+    flip(a.device, a.offset("inode", 0) + 8);
+    flip(b.device, b.offset("extent", 1) + 3);
+    expect_differences(diff(a.device.path(), b.device.path(), {"--summary"}),
+                       text("inode 0: 1 differ\nextent 1: 1 differ\nextent 2..%lu: %lu cannot be "
+                            "read\n",
+                            extents.count - 1, extents.count - 2));
 }
 
 TEST(Diff, SeveralFieldsOfARepairedEntry)

@@ -135,7 +135,8 @@ TEST_F(TemplateCommand, PathsThatAShellWouldTakeApart)
     std::filesystem::create_hard_link(device.path(), odd);
     const RunResult run = run_program(ZU_TIERCTL, {"template", odd, "inode", "0"});
     EXPECT_EQ(run.status, 0) << run;
-    const std::string word = "zu_tier -p '" + device.directory().path("it'\\''s $here") + "' -c";
+    const std::string word =
+        "zu_tier -l tier.log -p '" + device.directory().path("it'\\''s $here") + "' -c";
     EXPECT_NE(run.err.find(word), std::string::npos) << run;
 }
 

@@ -103,7 +103,8 @@ Template read_template(const Device &device, const std::vector<std::string> &arg
         return made;
     }
     const std::string prefix = "zu_tierctl: " + args[0] + ' ' + args[1] + ": ";
-    const std::string command = prefix + "to repair it, with this file as FILE: zu_tier -p " +
+    const std::string command = prefix +
+                                "to repair it, with this file as FILE: zu_tier -l tier.log -p " +
                                 device.path() + " -c repair_" + args[0];
     const std::string rest = after(lines.back(), command);
     const std::size_t end = rest.find(" -f FILE; with -y it writes");

@@ -251,8 +251,8 @@ TEST_F(FourthLayout, Templates)
                           "  \"uuid\": \"02000000-0000-0000-0000-000000000000\",\n"
                           "  \"label\": \"by the door\",\n  \"levels\": [17, 0]\n}\n");
     const auto command = [this](const std::string &table, const std::string &option) {
-        return "to repair it, with this file as FILE: zu_tier -p " + device.path() + " -c repair_" +
-               table + option + " -f FILE; with -y it writes";
+        return "to repair it, with this file as FILE: zu_tier -l tier.log -p " + device.path() +
+               " -c repair_" + table + option + " -f FILE; with -y it writes";
     };
     EXPECT_EQ(shelf.notes, Notes{command("shelf", "")});
     EXPECT_EQ(make_template("box", 1).file,

@@ -50,6 +50,7 @@ constexpr tier_table tier_brick_table(uint32_t magic, tier_regions (*regions)(co
         .name = "brick",
         .number_key = "bi_no",
         .regions = regions,
+        .count_keys = {"brick_cnt"},
         .record_length = [](const void *) { return uint64_t{sizeof(tier_brick_info_t)}; },
         .crc = crc,
         .checksum = &TIER_HEAD_CHECKSUM,

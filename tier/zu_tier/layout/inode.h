@@ -68,6 +68,7 @@ constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(co
         .name = "inode",
         .number_key = "no",
         .regions = regions,
+        .count_keys = {"inode_cnt", "exp_inode_cnt"},
         .record_length = [](const void *) { return uint64_t{sizeof(tier_inode_t)}; },
         .crc = crc,
         .checksum = &TIER_HEAD_CHECKSUM,

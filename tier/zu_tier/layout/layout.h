@@ -162,6 +162,9 @@ struct tier_table {
     /* Where the super block places it. The numbers of the second region continue those of the
      * first. */
     tier_regions (*regions)(const void *sb) = nullptr;
+    /* The field of the super block, by its key in a dump, that counts what each region holds;
+     * empty: none does. */
+    std::array<std::string_view, 2> count_keys{};
     /* Bytes of the record, whatever the super block says: it may not fit its slot. */
     uint64_t (*record_length)(const void *sb) = nullptr;
 

@@ -1,11 +1,15 @@
 #include "zu_tierctl/check/check.h"
 
+#include "zu_tierctl/check/seen.h"
 #include "zu_tierctl/check/table.h"
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/entry/metadata.h"
 
 #include <algorithm>
+#include <chrono>
 #include <map>
+#include <memory>
+#include <thread>
 
 namespace tierctl {
 
@@ -23,6 +27,7 @@ public:
 
     void run()
     {
+        report_.begin(causes());
         check_super_block(metadata_.tables.front());
         for (auto table = metadata_.tables.begin() + 1; table != metadata_.tables.end(); ++table) {
             if (wanted(*table) || wanted_refer_to(*table)) {
@@ -43,6 +48,21 @@ private:
         return std::ranges::any_of(metadata_.tables, [this, &table](const Table &other) {
             return wanted(other) && other.row->owner.table == table.name;
         });
+    }
+
+    std::vector<Cause> causes() const
+    {
+        std::vector<Cause> found;
+        for (auto table = metadata_.tables.begin() + 1; table != metadata_.tables.end(); ++table) {
+            const size_t regions =
+                wanted(*table) && table->identifies() ? table->regions.size() : 0;
+            for (size_t region = 0; region < regions; region++) {
+                if (auto cause = find_cause(device_, metadata_, *table, region)) {
+                    found.push_back(*std::move(cause));
+                }
+            }
+        }
+        return found;
     }
 
     void check_super_block(const Table &table)
@@ -70,7 +90,8 @@ private:
             return;
         }
         const TableContext context = {
-            device_, metadata_, table, findings, states_[table.row->owner.table], watcher_};
+            device_,  metadata_,    table, findings, states_[table.row->owner.table],
+            watcher_, options_.live};
         TableOutcome outcome = check_entries(context, options_.claims_memory);
         add_counts(table, outcome.counts);
         states_[table.name] = std::move(outcome.states);
@@ -98,22 +119,66 @@ private:
     std::map<std::string_view, States> states_; /* by table */
 };
 
+/* What all passes but the last find, each after a pause; fewer passes when one finds nothing. */
+Seen find_lasting(const CheckOptions &options, const Device &device)
+{
+    constexpr int PASSES = 3;
+    Seen seen;
+    for (int pass = 1; pass < PASSES; pass++) {
+        SeenReport report(options.device);
+        report.keep_only(pass > 1 ? &seen : nullptr);
+        check_metadata(options, device, read_metadata(device), report, nullptr);
+        seen = report.seen();
+        if (seen.empty()) {
+            break;
+        }
+        options.pause();
+    }
+    return seen;
+}
+
+/* Standard output gets a whole document whatever happens. `report` is null when none was begun. */
+void report_failure(const CheckOptions &options, Report *report, const char *error)
+{
+    try {
+        if (report != nullptr) {
+            report->fail(error);
+        } else {
+            print_json_error(options.device, error);
+        }
+    } catch (const std::exception &) {
+        return; /* the first failure is the one to tell */
+    }
+}
+
 } // namespace
+
+void wait_for_writers() { std::this_thread::sleep_for(std::chrono::seconds(2)); }
 
 bool check(const CheckOptions &options)
 {
-    const Device device(options.device, Access::read_only);
-    const Metadata metadata = read_metadata(device);
-    hint_in_use(options.device);
-    for (const std::string &name : options.tables) {
-        find_table(metadata.tables, name);
+    std::unique_ptr<Report> report;
+    try {
+        const Device device(options.device, Access::read_only);
+        hint_in_use(options.device);
+        const Seen seen = options.live ? find_lasting(options, device) : Seen();
+        const Metadata metadata = read_metadata(device);
+        for (const std::string &name : options.tables) {
+            find_table(metadata.tables, name);
+        }
+        report = options.json
+                     ? make_json_report(options.device, metadata.layout->name, options.detail)
+                     : make_text_report(options.device, options.detail);
+        report->keep_only(options.live ? &seen : nullptr);
+        check_metadata(options, device, metadata, *report, nullptr);
+        report->finish();
+        return report->findings() == 0;
+    } catch (const std::exception &error) {
+        if (options.json) {
+            report_failure(options, report.get(), error.what());
+        }
+        throw;
     }
-    const std::unique_ptr<Report> report =
-        options.json ? make_json_report(options.device, metadata.layout->name)
-                     : make_text_report(options.device);
-    check_metadata(options, device, metadata, *report, nullptr);
-    report->finish();
-    return report->findings() == 0;
 }
 
 void check_metadata(const CheckOptions &options, const Device &device, const Metadata &metadata,

@@ -5,22 +5,32 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace tierctl {
 
+/* Long enough for a writer to complete what it was writing. */
+void wait_for_writers();
+
 struct CheckOptions {
     std::string device;
     bool json = false;
+    Detail detail = Detail::runs;
     std::vector<std::string> tables{}; /* to report on; empty: all */
 
     /* Bytes for the duplicate search, most of a check's memory; 0: nothing is searched for. */
     size_t claims_memory = size_t{400} << 20;
+
+    /* The device is in use: only what several passes find is reported. */
+    bool live = false;
+    std::function<void()> pause = wait_for_writers; /* between the passes */
 };
 
 /* Reads the metadata of a device and reports, on standard output, what breaks the rules of its
- * layout. True when nothing does; throws when it cannot be checked. */
+ * layout. True when nothing does; throws when it cannot be checked, which a JSON document says too.
+ */
 bool check(const CheckOptions &options);
 
 /* The same for an open device, to another report, which it does not finish. `watcher`, unless it is

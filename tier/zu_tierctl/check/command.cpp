@@ -16,6 +16,14 @@ constexpr const char CHECK_FOOTER[] =
     "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked.\n"
     "A warning counts as found: it breaks no rule, but is odd, or something could not be checked.\n"
     "\n"
+    "What explains many findings at once comes first, as a line \"cause: ...\". Commands that are\n"
+    "named log to tier.log in the current directory, where a damaged entry is printed too.\n"
+    "\n"
+    "JSON: a document with device, layout, causes: [{table, no, last, count, text}],\n"
+    "findings: [{kind, severity, table, unit, no (the first), last, count, block (of packed\n"
+    "entries, else null), offset, zero (all zero), command, text}], tables, kinds; with error\n"
+    "when DEVICE could not be checked. With --summary a finding has kind, table, no, last, count.\n"
+    "\n"
     "Example, what is wrong with the extents, and how often:\n"
     "  zu_tierctl check --json --table extent tier.img | jq .kinds";
 
@@ -30,6 +38,18 @@ void add_check(CLI::App &app, int *status)
     command->get_formatter()->column_width(32);
     add_operand(*command, "DEVICE", options->device, "Device, or image of one, to check");
     command->add_flag("--json", options->json, "Report as JSON, not as text");
+    command->add_flag_callback(
+        "--all", [options] { options->detail = Detail::each; },
+        "Each finding by itself: those that say the same of\n"
+        "neighbouring entries are one by default");
+    command
+        ->add_flag_callback(
+            "--summary", [options] { options->detail = Detail::summary; },
+            "Only how many of each kind, and from where to where")
+        ->excludes("--all");
+    command->add_flag("--live", options->live,
+                      "DEVICE is in use: check three times, some seconds\n"
+                      "apart, and report only what stays");
     command
         ->add_option("--table", options->tables,
                      "Report on this table only; may be repeated\n" + tables_text())

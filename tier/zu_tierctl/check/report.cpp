@@ -1,8 +1,11 @@
 #include "zu_tierctl/check/report.h"
 
+#include "zu_tierctl/check/seen.h"
 #include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/sum.h"
 #include "zu_tierctl/device/text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -31,21 +34,37 @@ const char *severity_name(Severity severity)
     return severity == Severity::error ? "error" : "warning";
 }
 
+/* The whole line of a finding. */
+std::string finding_line(const Finding &finding, const std::string &command)
+{
+    return one_line(
+        fmt::format("{}: {} at {}: {}{}{} ({}): {}", severity_name(finding.kind.severity),
+                    about_text(finding), finding.offset, finding.zero ? "all zero: " : "",
+                    finding.varied ? "the first: " : "", finding.text, finding.kind.name, command));
+}
+
 class TextReport : public Report {
 public:
     using Report::Report;
 
 private:
+    void write_causes(const std::vector<Cause> &causes) override
+    {
+        for (const Cause &cause : causes) {
+            print("{}cause: {}\n", wipe_, one_line(cause.text));
+        }
+        told_ = !causes.empty();
+    }
+
     void write(const Finding &finding) override
     {
-        print("{}{}: {}{} {} at {}: {} ({}): {}\n", wipe_, severity_name(finding.kind.severity),
-              finding.table, finding.unit == "block" ? " block" : "", finding.no, finding.offset,
-              finding.text, finding.kind.name, command(finding));
+        print("{}{}\n", wipe_, finding_line(finding, command(finding)));
+        told_ = true;
     }
 
     void write_end() override
     {
-        std::string text = findings() == 0 ? "" : "\n";
+        std::string text = told_ ? "\n" : "";
         text += fmt::format("{:<8}", "table");
         for (const CountColumn &column : COLUMNS) {
             text += fmt::format(" {:>12}", column.title);
@@ -57,58 +76,135 @@ private:
             }
         }
         text += "\n\n";
-        for (const auto &[kind, count] : kinds()) {
-            text += fmt::format("{:<32} {:>12}\n", kind, count);
+        if (detail() == Detail::summary) {
+            for (const auto &[what, range] : ranges()) {
+                text += fmt::format("{:<32} {:>12} {} {}\n", what.first, range.count, what.second,
+                                    range_text(range.first, range.last));
+            }
+        } else {
+            for (const auto &[kind, count] : kinds()) {
+                text += fmt::format("{:<32} {:>12}\n", kind, count);
+            }
         }
-        print("{}{:<32} {:>12}\n", text, "findings", findings());
+        print("{}{}{:<32} {:>12}\n", wipe_, text, "findings", findings());
     }
 
-    /* Begins the line of each finding: on a terminal it wipes the progress bar. */
+    /* Begins each line: on a terminal it wipes the progress bar. */
     const char *wipe_ = isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "";
+    bool told_ = false; /* there are lines before the counts */
 };
 
 class JsonReport : public Report {
 public:
-    JsonReport(const std::string &device, std::string_view layout) : Report(device)
+    JsonReport(const std::string &device, std::string_view layout, Detail detail)
+        : Report(device, detail), device_(device), layout_(layout)
     {
-        print(R"({{"device":{},"layout":"{}","findings":[)", json_text(device), layout);
     }
 
 private:
+    void write_causes(const std::vector<Cause> &causes) override
+    {
+        std::string text;
+        for (const Cause &cause : causes) {
+            text += fmt::format(R"({}{{"table":"{}","no":{},"last":{},"count":{},"text":{}}})",
+                                text.empty() ? "\n" : ",\n", cause.table, cause.first, cause.last,
+                                cause.last - cause.first + 1, json_text(cause.text));
+        }
+        print(R"({{"device":{},"layout":"{}","causes":[{}],)"
+              "\n"
+              R"("findings":[)",
+              json_text(device_), layout_, text);
+    }
+
     void write(const Finding &finding) override
     {
-        print(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},)"
-              R"("offset":{},"command":{},"text":{}}})",
+        print(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},"last":{},)"
+              R"("count":{},"block":{},"offset":{},"zero":{},"command":{},"text":{}}})",
               delimiter_, finding.kind.name, severity_name(finding.kind.severity), finding.table,
-              finding.unit, finding.no, finding.offset, json_text(command(finding)),
-              json_text(finding.text));
+              finding.unit, finding.no, finding.last, finding.count,
+              finding.packed ? std::to_string(finding.slot) : "null", finding.offset, finding.zero,
+              json_text(command(finding)), json_text(finding.text));
         delimiter_ = ",\n";
     }
 
-    void write_end() override
+    void write_end() override { write_document_end(""); }
+
+    void write_failure(std::string_view error) override
     {
+        write_document_end(",\n\"error\":" + json_text(error));
+    }
+
+    /* `rest`: members that come last. */
+    void write_document_end(const std::string &rest)
+    {
+        if (detail() == Detail::summary) {
+            write_ranges();
+        }
         auto tables = nlohmann::ordered_json::object();
         for (const auto &[table, counts] : counts()) {
             for (const CountColumn &column : COLUMNS) {
                 tables[std::string(table)][column.key] = counts.*column.count;
             }
         }
-        print("],\n\"tables\":{},\n\"kinds\":{}}}\n", tables.dump(),
-              nlohmann::json(kinds()).dump());
+        print("],\n\"tables\":{},\n\"kinds\":{}{}}}\n", tables.dump(),
+              nlohmann::json(kinds()).dump(), rest);
     }
 
+    void write_ranges()
+    {
+        for (const auto &[what, range] : ranges()) {
+            print(R"({}{{"kind":"{}","table":"{}","no":{},"last":{},"count":{}}})", delimiter_,
+                  what.first, what.second, range.first, range.last, range.count);
+            delimiter_ = ",\n";
+        }
+    }
+
+    std::string device_;
+    std::string layout_;
     const char *delimiter_ = "\n";
 };
 
 } // namespace
 
-Report::Report(const std::string &device) : shown_device_(shell_word(device)) {}
+std::string about_text(const Finding &finding)
+{
+    const bool is_block = finding.unit == "block";
+    std::string notes;
+    if (finding.packed && !is_block) {
+        notes = fmt::format("block{} {}", finding.slot == finding.last_slot ? "" : "s",
+                            range_text(finding.slot, finding.last_slot));
+    }
+    if (finding.count > 1) {
+        notes += fmt::format("{}{} findings", notes.empty() ? "" : "; ", finding.count);
+    }
+    return fmt::format("{}{} {}{}", finding.table, is_block ? " block" : "",
+                       range_text(finding.no, finding.last),
+                       notes.empty() ? "" : " (" + notes + ')');
+}
+
+Report::Report(const std::string &device, Detail detail)
+    : tool_(tool_command(device)), detail_(detail),
+      runs_([this](const Finding &finding) { write(finding); })
+{
+}
 
 void Report::add(const Finding &finding)
 {
-    findings_++;
-    kinds_[finding.kind.name]++;
-    write(finding);
+    if (seen_ != nullptr && !seen_->contains(finding)) {
+        return;
+    }
+    findings_ = add_limited(findings_, finding.count);
+    const auto [place, is_new] = ranges_.try_emplace({finding.kind.name, finding.table},
+                                                     KindRange{finding.no, finding.last, 0});
+    KindRange &range = place->second;
+    range.first = std::min(range.first, finding.no);
+    range.last = std::max(range.last, finding.last);
+    range.count = add_limited(range.count, finding.count);
+    if (detail_ == Detail::each) {
+        write(finding);
+    } else if (detail_ == Detail::runs) {
+        runs_.add(finding);
+    }
 }
 
 void Report::add_counts(std::string_view table, const Counts &counts)
@@ -118,24 +214,49 @@ void Report::add_counts(std::string_view table, const Counts &counts)
 
 void Report::finish()
 {
+    runs_.end();
     write_end();
     finish_output();
 }
 
+void Report::fail(std::string_view error)
+{
+    runs_.end();
+    write_failure(error);
+    finish_output();
+}
+
+std::map<std::string, uint64_t> Report::kinds() const
+{
+    std::map<std::string, uint64_t> kinds;
+    for (const auto &[what, range] : ranges_) {
+        uint64_t &count = kinds[what.first];
+        count = add_limited(count, range.count);
+    }
+    return kinds;
+}
+
 std::string Report::command(const Finding &finding) const
 {
-    return fmt::format("zu_tier -p {} -c dump_{}", shown_device_, finding.table) +
+    return fmt::format("{} -c dump_{}", tool_, finding.table) +
            (finding.table == SUPER_TABLE ? "" : fmt::format(" -n {}", finding.slot));
 }
 
-std::unique_ptr<Report> make_text_report(const std::string &device)
+std::unique_ptr<Report> make_text_report(const std::string &device, Detail detail)
 {
-    return std::make_unique<TextReport>(device);
+    return std::make_unique<TextReport>(device, detail);
 }
 
-std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout)
+std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout,
+                                         Detail detail)
 {
-    return std::make_unique<JsonReport>(device, layout);
+    return std::make_unique<JsonReport>(device, layout, detail);
+}
+
+void print_json_error(const std::string &device, std::string_view error)
+{
+    print("{{\"device\":{},\"error\":{}}}\n", json_text(device), json_text(error));
+    finish_output();
 }
 
 } // namespace tierctl

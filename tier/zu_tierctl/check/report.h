@@ -1,5 +1,8 @@
 #pragma once
 
+#include "zu_tierctl/check/cause.h"
+#include "zu_tierctl/check/finding.h"
+#include "zu_tierctl/check/runs.h"
 #include "zu_tierctl/entry/table.h"
 
 #include <cstdint>
@@ -13,23 +16,6 @@
 namespace tierctl {
 
 /* What a check finds, reported while it runs. */
-
-using Severity = tier_severity;
-
-struct Kind {
-    std::string name;
-    Severity severity = Severity::error;
-};
-
-struct Finding {
-    Kind kind;
-    std::string_view table;
-    std::string_view unit; /* what `no` numbers: "entry", or "block" of packed entries */
-    uint64_t no;
-    int64_t offset; /* on the device */
-    uint64_t slot;  /* number with which zu_tier shows it; no meaning for the super block */
-    std::string text;
-};
 
 /* Numbers of a table's entries. Each entry counts as one of the last four; those of a damaged block
  * count as damaged. */
@@ -56,11 +42,35 @@ public:
     virtual void add_in_use(uint64_t no, const uint8_t *entry) = 0;
 };
 
+/* How much of what is found is written. */
+enum class Detail {
+    each,    /* every finding by itself */
+    runs,    /* findings that say the same of neighbouring entries as one */
+    summary, /* only their numbers and ranges, by kind and table */
+};
+
+/* The findings of a kind in a table, wherever they are. */
+struct KindRange {
+    uint64_t first;
+    uint64_t last;
+    uint64_t count;
+};
+
+class Seen;
+
 /* Takes what a check finds. Throws when the report cannot be written. */
 class Report {
 public:
-    explicit Report(const std::string &device);
+    explicit Report(const std::string &device, Detail detail = Detail::each);
+    Report(const Report &) = delete;
+    Report &operator=(const Report &) = delete;
     virtual ~Report() = default;
+
+    /* Drops the findings that are not among those; null: drops none. */
+    void keep_only(const Seen *seen) { seen_ = seen; }
+
+    /* Must be called first: what explains many of the findings. */
+    void begin(const std::vector<Cause> &causes) { write_causes(causes); }
 
     void add(const Finding &finding);
     void add_counts(std::string_view table, const Counts &counts);
@@ -68,30 +78,48 @@ public:
     /* Must be called last. */
     void finish();
 
+    /* Ends the report of a check that could not be completed. */
+    void fail(std::string_view error);
+
     /* The number of findings added. */
     uint64_t findings() const { return findings_; }
 
 protected:
+    /* By kind and table. */
+    using KindRanges = std::map<std::pair<std::string, std::string_view>, KindRange>;
+
+    Detail detail() const { return detail_; }
     const std::vector<std::pair<std::string_view, Counts>> &counts() const { return counts_; }
-    const std::map<std::string, uint64_t> &kinds() const { return kinds_; }
+    const KindRanges &ranges() const { return ranges_; }
+    /* Numbers of findings by kind. */
+    std::map<std::string, uint64_t> kinds() const;
 
     /* The command that shows the entry of the finding. */
     std::string command(const Finding &finding) const;
 
 private:
+    virtual void write_causes(const std::vector<Cause> & /*causes*/) {}
     virtual void write(const Finding &finding) = 0;
     virtual void write_end() = 0;
+    virtual void write_failure(std::string_view /*error*/) {} /* in place of the end */
 
-    std::string shown_device_; /* as one word of a command line */
+    std::string tool_; /* how to call zu_tier for the device */
+    Detail detail_;
+    Runs runs_;
+    const Seen *seen_ = nullptr;
     uint64_t findings_ = 0;
     std::vector<std::pair<std::string_view, Counts>> counts_; /* by table */
-    std::map<std::string, uint64_t> kinds_;                   /* number of findings by kind */
+    KindRanges ranges_;
 };
 
 /* Writes to standard output for people: a line for each finding, then tables of counts. */
-std::unique_ptr<Report> make_text_report(const std::string &device);
+std::unique_ptr<Report> make_text_report(const std::string &device, Detail detail);
 
 /* Writes to standard output for programs: a single JSON document. */
-std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout);
+std::unique_ptr<Report> make_json_report(const std::string &device, std::string_view layout,
+                                         Detail detail);
+
+/* Writes the JSON document of a check that could not begin. */
+void print_json_error(const std::string &device, std::string_view error);
 
 } // namespace tierctl

@@ -240,7 +240,7 @@ private:
         });
     }
 
-    /* Visits again what is in use; throws when that has changed. */
+    /* Visits again what is in use; throws when that has changed and must not. */
     template <class Visit>
     void later_pass(const Visit &visit) const
     {
@@ -261,7 +261,7 @@ private:
                 }
             }
         });
-        if (visited != outcome_.counts.in_use) {
+        if (!context_.live && visited != outcome_.counts.in_use) {
             throw std::runtime_error(fmt::format("{}: table {} has changed since it was first read",
                                                  context_.device.path(), table_.name));
         }
@@ -379,15 +379,22 @@ private:
         }
     }
 
+    /* They are joined, wherever their first referrers are, unless a sound owner lies between. */
     void add_unknown_owners() const
     {
+        uint64_t joins = 0;
         for (uint64_t owner = 0; owner < unknown_owners_.size(); owner++) {
             const auto [first, count] = unknown_owners_[owner];
+            const State state = context_.owners.get(owner);
             if (count != 0) {
                 const uint64_t slot = first / end_;
                 context_.findings.add_owner(
-                    owner, context_.owners.get(owner),
-                    place(slot, table_.slot(slot), static_cast<uint32_t>(first % end_)), count - 1);
+                    owner, state,
+                    place(slot, table_.slot(slot), static_cast<uint32_t>(first % end_)),
+                    TableFindings::Others{count - 1, joins});
+            }
+            if (count != 0 || (state != State::damaged && state != State::unreadable)) {
+                joins++;
             }
         }
     }
@@ -414,58 +421,102 @@ private:
 
 } // namespace
 
+Finding TableFindings::about(const Kind &kind, const EntryPlace &place,
+                             const std::string &text) const
+{
+    return {.kind = kind,
+            .table = table_->name,
+            .unit = "entry",
+            .packed = table_->row->packed(),
+            .no = place.no,
+            .last = place.no,
+            .offset = place.offset,
+            .slot = place.slot,
+            .last_slot = place.slot,
+            .joins = place.no,
+            .joins_end = table_->number(table_->index(place.no) + 1),
+            .text = text};
+}
+
+Finding TableFindings::about_slots(const Kind &kind, uint64_t first, uint64_t count, int64_t offset,
+                                   const std::string &text) const
+{
+    const bool packed = table_->row->packed();
+    return {.kind = kind,
+            .table = table_->name,
+            .unit = packed ? "block" : "entry",
+            .packed = packed,
+            .no = first,
+            .last = first + count - 1,
+            .count = count,
+            .offset = offset,
+            .slot = first,
+            .last_slot = first + count - 1,
+            .joins = first,
+            .joins_end = first + count,
+            .text = text};
+}
+
 void TableFindings::add(const Kind &kind, const EntryPlace &place, const std::string &text) const
 {
     if (wanted()) {
-        report_->add({kind, table_->name, "entry", place.no, place.offset, place.slot, text});
-    }
-}
-
-void TableFindings::add_slot(const Kind &kind, uint64_t slot, int64_t offset,
-                             const std::string &text) const
-{
-    if (wanted()) {
-        report_->add({kind, table_->name, slot_unit_, slot, offset, slot, text});
+        report_->add(about(kind, place, text));
     }
 }
 
 void TableFindings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
                               const uint8_t *content) const
 {
+    if (!wanted()) {
+        return;
+    }
     const tier_table &row = *table_->row;
+    const bool zero = is_zero(content);
+    const auto add_flaw = [&](const char *kind, const std::string &text) {
+        Finding finding = about_slots({kind}, slot, 1, offset, text);
+        finding.zero = zero;
+        report_->add(finding);
+    };
     if ((flaws & BAD_MAGIC) != 0) {
-        add_slot(
-            {"bad_magic"}, slot, offset,
-            fmt::format("its magic is {:#x}, not {:#x}", row.magic.get(content), row.magic_value));
+        add_flaw("bad_magic", fmt::format("its magic is {:#x}, not {:#x}", row.magic.get(content),
+                                          row.magic_value));
     }
     if ((flaws & BAD_NUMBER) != 0) {
-        add_slot({"bad_number"}, slot, offset,
-                 fmt::format("its number is {}", row.number.get(content)));
+        add_flaw("bad_number", fmt::format("its number is {}", row.number.get(content)));
     }
     if ((flaws & BAD_CHECKSUM) != 0) {
-        add_slot({"bad_checksum"}, slot, offset, "its checksum does not match its content");
+        add_flaw("bad_checksum", "its checksum does not match its content");
     }
 }
 
 void TableFindings::add_unread(const Slots &slots, uint64_t device_size) const
 {
-    const auto [kind, why] = reason(slots, device_size);
-    const uint64_t last = slots.first_no + slots.count - 1;
-    const std::string which = slots.count == 1
-                                  ? "it cannot be read: "
-                                  : fmt::format("it and all up to {} cannot be read: ", last);
-    add_slot(kind, slots.first_no, slots.offset, which + why);
+    if (wanted()) {
+        const auto [kind, why] = reason(slots, device_size);
+        report_->add(about_slots(kind, slots.first_no, slots.count, slots.offset,
+                                 "it cannot be read: " + why));
+    }
 }
 
 void TableFindings::add_owner(uint64_t owner_no, State state, const EntryPlace &place,
-                              uint64_t others) const
+                              std::optional<Others> others) const
 {
+    if (!wanted()) {
+        return;
+    }
     const std::string_view owner = table_->row->owner.table;
     for (const OwnerState &known : OWNER_STATES) {
         if (known.state == state) {
-            add({fmt::format(fmt::runtime(known.kind), table_->name, owner), known.severity}, place,
-                fmt::format("{} {} {}, which {}", referrers_text(others), owner, owner_no,
-                            known.text));
+            Finding finding = about(
+                {fmt::format(fmt::runtime(known.kind), table_->name, owner), known.severity}, place,
+                fmt::format("{} {} {}, which {}", referrers_text(others ? others->count : 0), owner,
+                            owner_no, known.text));
+            if (others) {
+                finding.joins = others->joins;
+                finding.joins_end = others->joins + 1;
+                finding.alike = known.text;
+            }
+            report_->add(finding);
         }
     }
 }
@@ -480,9 +531,12 @@ void TableFindings::add_claim(const tier_claim &claim, const uint8_t *entry, uin
 
 void TableFindings::add_unfit() const
 {
-    add_slot({"records_do_not_fit"}, 0, table_->regions.front().start,
-             fmt::format("records of {} bytes do not fit their slots: no entry is checked",
-                         table_->record_length));
+    if (wanted()) {
+        report_->add(about_slots({"records_do_not_fit"}, 0, 1, table_->regions.front().start,
+                                 fmt::format("records of {} bytes do not fit their slots: no entry "
+                                             "is checked",
+                                             table_->record_length)));
+    }
 }
 
 TableOutcome check_entries(const TableContext &context, size_t claims_memory)

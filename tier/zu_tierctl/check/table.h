@@ -6,6 +6,7 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,10 +23,7 @@ struct EntryPlace {
 class TableFindings {
 public:
     /* Without a report they are dropped. */
-    TableFindings(Report *report, const Table &table)
-        : report_(report), table_(&table), slot_unit_(table.row->packed() ? "block" : "entry")
-    {
-    }
+    TableFindings(Report *report, const Table &table) : report_(report), table_(&table) {}
 
     bool wanted() const { return report_ != nullptr; }
 
@@ -37,9 +35,16 @@ public:
     /* Reports that these slots could not be read. */
     void add_unread(const Slots &slots, uint64_t device_size) const;
 
-    /* Reports that the entry, and so many others, refers to an owner that is not in use. */
+    /* How many others refer to the same owner, and a number by which such findings are joined. */
+    struct Others {
+        uint64_t count;
+        uint64_t joins;
+    };
+
+    /* Reports that the entry refers to an owner that is not in use; with `others` once for the
+     * owner, to which so many others refer. */
     void add_owner(uint64_t owner_no, State state, const EntryPlace &place,
-                   uint64_t others = 0) const;
+                   std::optional<Others> others = std::nullopt) const;
 
     /* Reports that another entry claims the same as the one at `entry`. */
     void add_claim(const tier_claim &claim, const uint8_t *entry, uint64_t first,
@@ -49,11 +54,14 @@ public:
     void add_unfit() const;
 
 private:
-    void add_slot(const Kind &kind, uint64_t slot, int64_t offset, const std::string &text) const;
+    /* A finding about the entry. */
+    Finding about(const Kind &kind, const EntryPlace &place, const std::string &text) const;
+    /* About so many slots. */
+    Finding about_slots(const Kind &kind, uint64_t first, uint64_t count, int64_t offset,
+                        const std::string &text) const;
 
     Report *report_;
     const Table *table_;
-    std::string_view slot_unit_;
 };
 
 /* Findings about an entry by itself. */
@@ -82,6 +90,7 @@ struct TableContext {
     const TableFindings &findings;
     const States &owners; /* of the table that the entries refer to, if any */
     Watcher *watcher;     /* may be null */
+    bool live;            /* the table may change while it is read */
 };
 
 struct TableOutcome {

@@ -27,17 +27,6 @@ int open_direct(const std::string &path, int flags)
     return fd < 0 && errno == EINVAL ? open(path.c_str(), flags) : fd;
 }
 
-/* How many slots of a region, counted from its first, lie on a device of `size` bytes. The tool
- * reads only whole slots at multiples of 4096. */
-uint64_t slots_on_device(const tier_region &region, uint64_t size)
-{
-    const auto start = static_cast<uint64_t>(region.start);
-    if (start % SIZE_4K != 0 || start >= size) {
-        return 0;
-    }
-    return std::min(region.count, (size - start) / SIZE_4K);
-}
-
 } // namespace
 
 /* Whatever else there is, a FIFO or a terminal, is not even opened: that may wait, or have effects.
@@ -113,6 +102,15 @@ void Device::write_block(int64_t offset, const void *expected, const void *block
     if (memcmp(stored.data(), block, SIZE_4K) != 0) {
         throw std::runtime_error("wrote, but reads back differently: " + where);
     }
+}
+
+uint64_t slots_on_device(const tier_region &region, uint64_t size)
+{
+    const auto start = static_cast<uint64_t>(region.start);
+    if (start % SIZE_4K != 0 || start >= size) {
+        return 0;
+    }
+    return std::min(region.count, (size - start) / SIZE_4K);
 }
 
 TableReader::TableReader(const Device &device, std::span<const tier_region> regions)

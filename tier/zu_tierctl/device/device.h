@@ -51,6 +51,9 @@ private:
 
 /* Whether all bytes of a block of 4096 are zero. */
 bool is_zero(const uint8_t *block);
+/* How many slots of a region, counted from its first, lie on a device of `size` bytes. The tool
+ * reads only whole slots at multiples of 4096. */
+uint64_t slots_on_device(const tier_region &region, uint64_t size);
 
 /* Slots of a table that follow one another on the device. */
 struct Slots {

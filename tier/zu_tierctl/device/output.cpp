@@ -1,6 +1,7 @@
 #include "zu_tierctl/device/output.h"
 
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/text.h"
 
 #include <cstdio>
 #include <fmt/core.h>
@@ -27,7 +28,7 @@ void finish_output() { require(fflush(stdout) == 0); }
 
 void complain(std::string_view message)
 {
-    fputs(fmt::format("zu_tierctl: {}\n", message).c_str(), stderr);
+    fputs(fmt::format("zu_tierctl: {}\n", one_line(message)).c_str(), stderr);
 }
 
 } // namespace tierctl

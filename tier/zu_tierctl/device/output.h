@@ -19,8 +19,8 @@ void print(fmt::format_string<Args...> format, Args &&...args)
 /* Writes what is still in the buffer of standard output; throws when that fails. */
 void finish_output();
 
-/* Writes the line "zu_tierctl: <message>" to standard error. A failure is ignored: it cannot be
- * reported. */
+/* Writes the line "zu_tierctl: <message>" to standard error, whatever the message holds. A failure
+ * is ignored: it cannot be reported. */
 void complain(std::string_view message);
 
 } // namespace tierctl

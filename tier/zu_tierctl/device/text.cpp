@@ -55,6 +55,47 @@ size_t sequence_length(std::string_view text)
     return sequence == std::end(UTF8_SEQUENCES) ? 0 : sequence->length;
 }
 
+/* C0 and C1 control characters, of one byte and of two. */
+bool is_control(std::string_view character)
+{
+    return is_between(character[0], 0, 0x1F) || character[0] == 0x7F ||
+           (is_between(character[0], 0xC2, 0xC2) && is_between(character[1], 0x80, 0x9F));
+}
+
+/* In three digits a byte cannot swallow the character after it. */
+std::string escaped_word(std::string_view text)
+{
+    std::string word = "$'";
+    for (const char c : text) {
+        if (c < ' ' || c > '~') {
+            word += fmt::format("\\{:03o}", static_cast<uint8_t>(c));
+            continue;
+        }
+        if (c == '\'' || c == '\\') {
+            word += '\\';
+        }
+        word += c;
+    }
+    return word + '\'';
+}
+
+bool is_in_word(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+           c == '_';
+}
+
+/* Length of the text in quotation marks that the text begins with; a backslash quotes the next
+ * character. */
+size_t quoted_length(std::string_view text)
+{
+    size_t end = 1;
+    while (end < text.size() && text[end] != '"') {
+        end += text[end] == '\\' ? 2 : 1;
+    }
+    return std::min(end + 1, text.size());
+}
+
 } // namespace
 
 std::string shell_word(std::string_view text)
@@ -63,6 +104,9 @@ std::string shell_word(std::string_view text)
                                        "0123456789_-+=./:,@%";
     if (!text.empty() && text.find_first_not_of(PLAIN) == std::string_view::npos) {
         return std::string(text);
+    }
+    if (one_line(text) != text) {
+        return escaped_word(text);
     }
     std::string word = "'";
     for (const char c : text) {
@@ -91,6 +135,55 @@ std::string shown_text(const std::string &text)
 {
     std::string shown = quoted(text);
     return shown == '"' + text + '"' ? text : shown;
+}
+
+std::string one_line(std::string_view text)
+{
+    std::string line;
+    while (!text.empty()) {
+        const size_t length = sequence_length(text);
+        const std::string_view character = text.substr(0, std::max(length, size_t{1}));
+        if (length > 0 && !is_control(character)) {
+            line += character;
+        } else {
+            for (const char byte : character) {
+                line += fmt::format("\\x{:02x}", static_cast<uint8_t>(byte));
+            }
+        }
+        text.remove_prefix(character.size());
+    }
+    return line;
+}
+
+std::string text_shape(std::string_view text)
+{
+    std::string shape;
+    while (!text.empty()) {
+        const auto *const end = std::ranges::find_if_not(text, is_in_word);
+        auto length = static_cast<size_t>(end - text.begin());
+        const std::string_view word = text.substr(0, length);
+        if (text[0] == '"') {
+            length = quoted_length(text);
+            shape += '#';
+        } else if (length == 0) {
+            length = 1;
+            shape += text[0];
+        } else {
+            shape += word.find_first_of("0123456789") == std::string_view::npos ? word : "#";
+        }
+        text.remove_prefix(length);
+    }
+    return shape;
+}
+
+std::string range_text(uint64_t first, uint64_t last)
+{
+    return first == last ? std::to_string(first) : fmt::format("{}..{}", first, last);
+}
+
+std::string tool_command(std::string_view device)
+{
+    return "zu_tier -l tier.log -p " + shell_word(device);
 }
 
 std::string valid_utf8(std::string_view text)

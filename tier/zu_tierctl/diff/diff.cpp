@@ -3,11 +3,14 @@
 #include "zu_tierctl/device/device.h"
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/text.h"
 #include "zu_tierctl/device/unreadable.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
+#include <set>
 
 namespace tierctl {
 
@@ -96,11 +99,68 @@ private:
     int error_b_ = 0;
 };
 
+SlotState state_of(const Entry &entry)
+{
+    if (is_zero(entry.slot)) {
+        return SlotState::zero;
+    }
+    const bool sound = entry.table.fits() && entry.table.flaws(entry.no, entry.slot) == 0;
+    return sound ? SlotState::sound : SlotState::damaged;
+}
+
+/* Joins entries that follow one another and differ alike. */
+class EntryRuns {
+public:
+    EntryRuns(DiffReport &report, bool join) : report_(report), join_(join) {}
+
+    void add(const Entry &a, const Entry &b)
+    {
+        const SlotState state_a = state_of(a);
+        const SlotState state_b = state_of(b);
+        const bool zero = state_a == SlotState::zero || state_b == SlotState::zero;
+        bool joins = join_ && run_ && a.no == run_->range.first + run_->range.count &&
+                     state_a == run_->a && state_b == run_->b;
+        if (joins && zero) {
+            run_->range.count++;
+            return;
+        }
+        std::vector<Difference> differences = entry_differences(a, b);
+        std::set<std::string> fields;
+        for (const Difference &difference : differences) {
+            fields.insert(text_shape(difference.key));
+        }
+        joins = joins && fields == fields_;
+        if (joins) {
+            run_->range.count++;
+            return;
+        }
+        flush();
+        run_ = {{a.table.name, a.no, 1}, state_a, state_b, a.table.slot(a.no), b.table.slot(b.no),
+                std::move(differences)};
+        fields_ = std::move(fields);
+    }
+
+    void flush()
+    {
+        if (run_) {
+            report_.entries(*run_);
+            run_.reset();
+        }
+    }
+
+private:
+    DiffReport &report_;
+    bool join_;
+    std::optional<EntryRun> run_;
+    std::set<std::string> fields_; /* that differ in each entry of the run */
+};
+
 class TableComparison {
 public:
-    TableComparison(const Side &a, const Side &b, size_t table, DiffReport &report)
+    TableComparison(const Side &a, const Side &b, size_t table, DiffReport &report, bool join)
         : table_a_(a.metadata.tables[table]), table_b_(b.metadata.tables[table]), a_(a, table_a_),
-          b_(b, table_b_), report_(report), unreadable_(report, table_a_.name)
+          b_(b, table_b_), report_(report), unreadable_(report, table_a_.name),
+          entries_(report, join)
     {
     }
 
@@ -116,7 +176,7 @@ public:
             b_.skip(step);
             progress.add(step);
         }
-        unreadable_.flush();
+        flush();
         if (count_a != count_b) {
             equal_ = false;
             report_.only_in(count_a > count_b ? "a" : "b",
@@ -126,6 +186,12 @@ public:
     }
 
 private:
+    void flush()
+    {
+        unreadable_.flush();
+        entries_.flush();
+    }
+
     /* Compares the next entries, at most `count`; returns how many it has compared. */
     uint64_t compare(uint64_t count)
     {
@@ -135,6 +201,7 @@ private:
         const Entry b = b_.entry();
         if (error_a != 0 || error_b != 0) {
             equal_ = false;
+            entries_.flush();
             const uint64_t lost = a.slot == nullptr && b.slot == nullptr ? count : 1;
             unreadable_.add(a.no, lost, error_a, error_b);
             return lost;
@@ -142,7 +209,7 @@ private:
         if (memcmp(a.slot, b.slot, SIZE_4K) != 0) {
             equal_ = false;
             unreadable_.flush();
-            report_.entry(a, b);
+            entries_.add(a, b);
         }
         return 1;
     }
@@ -153,12 +220,13 @@ private:
     TableCursor b_;
     DiffReport &report_;
     UnreadableRange unreadable_;
+    EntryRuns entries_;
     bool equal_ = true;
 };
 
 } // namespace
 
-bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report)
+bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report, bool join)
 {
     const Side a(path_a);
     const Side b(path_b);
@@ -177,7 +245,7 @@ bool diff(const std::string &path_a, const std::string &path_b, DiffReport &repo
     Progress progress("diff", total);
     bool equal = true;
     for (size_t table = 0; table < tables; table++) {
-        equal = TableComparison(a, b, table, report).run(progress) && equal;
+        equal = TableComparison(a, b, table, report, join).run(progress) && equal;
     }
     return equal;
 }

@@ -313,10 +313,8 @@ private:
         kind.count++;
         if (kind.kept < Map::KIND_MAX && map_.findings.size() < Map::FINDINGS_MAX) {
             kind.kept++;
-            map_.findings.push_back(
-                {finding.kind.severity, finding.kind.name, finding.table,
-                 fmt::format("{}{} {}", finding.table, is_block ? " block" : "", finding.no),
-                 finding.text, command(finding)});
+            map_.findings.push_back({finding.kind.severity, finding.kind.name, finding.table,
+                                     about_text(finding), finding.text, command(finding)});
         }
     }
 

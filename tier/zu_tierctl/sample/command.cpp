@@ -16,7 +16,7 @@ constexpr const char SAMPLE_FOOTER[] =
     "Example, a device with two damaged entries, and what zu_tier says of one of its tables:\n"
     "  zu_tierctl sample --layout v1 --inodes 1000 --damage inode:7 --damage extent:3:number "
     "tier.img\n"
-    "  zu_tier -p tier.img -c dump_inode";
+    "  zu_tier -l tier.log -p tier.img -c dump_inode";
 
 constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
                                      "TABLE: super (its only entry is 0), brick, inode (also in\n"

@@ -31,8 +31,8 @@ constexpr const char TEMPLATE_FOOTER[] =
     "Example, an inode whose checksum is wrong:\n"
     "  zu_tierctl template /dev/vg/tcache inode 7 > inode7.json\n"
     "  vi inode7.json\n"
-    "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json     shows what it would write\n"
-    "  zu_tier -p /dev/vg/tcache -c repair_inode -f inode7.json -y\n"
+    "  zu_tier -l tier.log -p /dev/vg/tcache -c repair_inode -f inode7.json     shows the result\n"
+    "  zu_tier -l tier.log -p /dev/vg/tcache -c repair_inode -f inode7.json -y\n"
     "The files of several, in the new directory fix:\n"
     "  zu_tierctl template /dev/vg/tcache inode 7,9..12 --into fix";
 

@@ -245,9 +245,9 @@ private:
         if (table_.name == SUPER_TABLE && !is_super(*metadata_.layout, stored_)) {
             option = fmt::format(" -v {}", metadata_.layout->version);
         }
-        note(fmt::format("to repair it{}: zu_tier -p {} -c repair_{}{} -f {}; with -y it writes",
+        note(fmt::format("to repair it{}: {} -c repair_{}{} -f {}; with -y it writes",
                          path_.empty() ? ", with this file as FILE" : "",
-                         shell_word(device_.path()), table_.name, option,
+                         tool_command(device_.path()), table_.name, option,
                          path_.empty() ? "FILE" : shell_word(path_)));
     }
 

@@ -165,6 +165,7 @@ constexpr tier_table TIER_EXTENT_TABLE_V3 = {
     .name = "extent",
     .number_key = "extent_no",
     .regions = [](const void *sb) { return tier_regions{tier_extents_v3(tier_super_v3(sb))}; },
+    .count_keys = {"extent_table_cnt"},
     .record_length = [](const void *) { return uint64_t{SIZE_4K}; },
     .crc = crc_extent_v3,
     .checksum = &SPREAD_CHECKSUM,

@@ -130,6 +130,7 @@ constexpr tier_table TIER_SHARD_TABLE_V3 = {
     .name = "shard",
     .number_key = "shard_no",
     .regions = [](const void *sb) { return tier_regions{tier_shards_v3(tier_super_v3(sb))}; },
+    .count_keys = {"shard_table_cnt"},
     .record_length = [](const void *) { return uint64_t{SIZE_4K}; },
     .crc = crc_shard_v3,
     .checksum = &TIER_HEAD_CHECKSUM,
