@@ -317,6 +317,24 @@ TEST(CheckCommand, LostOutputOfNoFindingsAndOfMany)
                         "cannot write to standard output: No space left on device", options);
 }
 
+// As by `check DEVICE | head`: more than a pipe holds, of which one line is read.
+TEST(CheckCommand, ReaderThatHasEnough)
+{
+    WorldV1 world;
+    world.sb = super_v1(3, 1000, 6);
+    Device device = world.device();
+    for (std::uint32_t no = 0; no < 1000; ++no)
+        put_block(device, inode_offset(world.sb, no), Block{});
+    for (const std::string options : {"--all", "--all --json"}) {
+        const std::string script = "'" + ZU_TIERCTL + "' check " + options + " '" + device.path() +
+                                   "' | head -n 1; echo \"${PIPESTATUS[*]}\"";
+        const RunResult run = run_program("/bin/bash", {"-c", script});
+        EXPECT_EQ(run.err, "");
+        EXPECT_EQ(lines_of(run.out).size(), 2U) << run;
+        EXPECT_TRUE(run.out.ends_with("\n141 0\n")) << run;
+    }
+}
+
 TEST(CheckCommand, DeviceIsNotChanged)
 {
     std::vector<std::string> args = SMALL;

@@ -5,6 +5,7 @@
 #include "conformance.h"
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <regex>
@@ -123,6 +124,21 @@ protected:
         EXPECT_TRUE(after == before);
         return run;
     }
+
+    // What a run prints is lost, and it says so; but not when nobody reads any more.
+    void expect_lost(const std::vector<std::string> &args, int status, const std::string &output,
+                     const std::string &reason) const
+    {
+        const bool unread = output == "broken";
+        SCOPED_TRACE(testing::PrintToString(args) + output);
+        const auto before = files_in(directory);
+        const RunResult ended = run_as_user(ZU_TIERCTL, args, output);
+        EXPECT_EQ(ended.status, unread ? 128 + SIGPIPE : status);
+        EXPECT_EQ(ended.out, "");
+        EXPECT_EQ(ended.err,
+                  unread ? "" : "zu_tierctl: cannot write to standard output: " + reason + "\n");
+        EXPECT_TRUE(files_in(directory) == before);
+    }
 };
 
 TEST_F(Conformance, CoversEveryCommand)
@@ -220,15 +236,52 @@ TEST_F(Conformance, StandardOutput)
         EXPECT_EQ(run(args_of(command), command.done, false).out.empty(), !command.prints);
         for (const auto &[output, reason] : BAD_OUTPUTS) {
             const int status = command.prints ? command.failed : command.done;
-            const RunResult ended = run(args_of(command), status, command.prints, output);
             if (command.prints) {
-                EXPECT_TRUE(std::regex_match(
-                    ended.err,
-                    std::regex("zu_tierctl: cannot write to standard output: " + reason + "\n")))
-                    << ended;
+                expect_lost(args_of(command), status, output, reason);
+            } else {
+                run(args_of(command), status, false, output);
             }
         }
     }
+}
+
+// Whatever a path or an argument holds, what is said of it is one line.
+TEST_F(Conformance, LinesStayWhole)
+{
+    const std::string odd = path("a\nb\x1B[2J\xC3\xA4");
+    const std::string shown = path("a\\x0ab\\x1b[2J\xC3\xA4");
+    for (const Command &command : COMMANDS) {
+        for (std::size_t i = 1; i < command.args.size(); ++i) {
+            if (command.args[i] != "device" && command.args[i] != "saved")
+                continue;
+            std::vector<std::string> args = args_of(command);
+            args[i] = odd;
+            EXPECT_EQ(run_ctl(args).err,
+                      of_path("cannot open %: No such file or directory", shown));
+        }
+        std::vector<std::string> args = args_of(command);
+        args.emplace_back("--no\nsuch");
+        EXPECT_EQ(lines_of(run_ctl(args).err).size(), 1U);
+    }
+    std::filesystem::create_hard_link(path("device"), odd);
+    const RunResult checked = run_ctl({"check", odd});
+    EXPECT_EQ(lines_of(checked.out).size(),
+              lines_of(run_ctl({"check", path("device")}).out).size());
+    EXPECT_NE(checked.out.find(" -p $'" + path("a\\012b\\033[2J\\303\\244") + "' -c dump_inode"),
+              std::string::npos)
+        << checked;
+    const RunResult drawn = run_ctl({"map", odd});
+    EXPECT_TRUE(drawn.out.starts_with('"' + path("a\\x0ab\\x1b[2J\\xc3\\xa4") + "\"\n")) << drawn;
+}
+
+TEST_F(Conformance, LostHelp)
+{
+    std::vector<std::vector<std::string>> helps{{"--help"}, {"--version"}};
+    for (const Command &command : COMMANDS)
+        helps.push_back({command.args.front(), "--help"});
+    for (const auto &args : helps)
+        for (const auto &[output, reason] : BAD_OUTPUTS)
+            expect_lost(args, 1, output, reason);
 }
 
 } // namespace

@@ -5,6 +5,8 @@
 #include "zu_tierctl/entry/table.h"
 
 #include <CLI/CLI.hpp>
+#include <csignal>
+#include <sstream>
 
 namespace tierctl {
 
@@ -12,6 +14,7 @@ namespace {
 
 constexpr int STATUS_FAILURE = 1;
 constexpr int STATUS_USAGE = 2;
+constexpr int STATUS_UNREAD = 128 + SIGPIPE; /* as a shell shows a program that the signal ended */
 
 int fail(const std::exception &error, int status)
 {
@@ -36,7 +39,11 @@ int run(int argc, char *argv[], int *status)
         app.parse(argc, argv);
         return *status;
     } catch (const CLI::Success &help) {
-        return app.exit(help);
+        std::ostringstream text;
+        *status = app.exit(help, text, text);
+        print_text(text.str());
+        finish_output();
+        return *status;
     } catch (const CLI::ParseError &error) {
         return fail(error, STATUS_USAGE);
     } catch (const UsageError &error) {
@@ -74,6 +81,8 @@ int main(int argc, char *argv[])
             tierctl::throw_errno("cannot open /dev/null");
         }
         return tierctl::run(argc, argv, &status);
+    } catch (const tierctl::OutputClosed &) {
+        return tierctl::STATUS_UNREAD;
     } catch (const std::exception &error) { /* GCOVR_EXCL_BR_LINE: nothing else is thrown */
         return tierctl::fail(error, status != 0 ? status : tierctl::STATUS_FAILURE);
     }

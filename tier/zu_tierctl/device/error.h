@@ -13,6 +13,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/* Nobody reads standard output any more, as after `| head`. */
+class OutputClosed : public std::system_error {
+public:
+    using std::system_error::system_error;
+};
+
 /* A value of errno besides those of the system: the block is not in the saved file. */
 constexpr int NOT_SAVED = 1 << 16;
 

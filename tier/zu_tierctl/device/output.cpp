@@ -3,6 +3,7 @@
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/text.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fmt/core.h>
 
@@ -12,9 +13,14 @@ namespace {
 
 void require(bool written)
 {
-    if (!written) {
-        throw_errno("cannot write to standard output");
+    constexpr const char WHAT[] = "cannot write to standard output";
+    if (written) {
+        return;
     }
+    if (errno == EPIPE) {
+        throw OutputClosed(errno, std::generic_category(), WHAT);
+    }
+    throw_errno(WHAT);
 }
 
 } // namespace

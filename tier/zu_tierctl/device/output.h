@@ -6,7 +6,8 @@
 
 namespace tierctl {
 
-/* Writes the text to standard output. Throws when writing fails, perhaps of text written before. */
+/* Writes the text to standard output. Throws when writing fails, perhaps of text written before:
+ * OutputClosed when nobody reads it. */
 void print_text(std::string_view text);
 
 /* The same for what fmt::format makes of the arguments. */
