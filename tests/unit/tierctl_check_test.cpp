@@ -5,7 +5,11 @@
 #include "v3_device.h"
 
 #include <cstdlib>
+#include <functional>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 using namespace tier_test;
 
@@ -78,6 +82,69 @@ TEST(CheckMemory, TellsOnceOfALostShard)
             << out;
         EXPECT_EQ(count_of(out, "\"kind\":\"duplicate_extent\""), 4U) << out;
     }
+}
+
+// What is done between the passes of a check of a device in use, in turn; and the kinds and numbers
+// of what it finds.
+std::vector<std::string> live_findings(const Device &device,
+                                       std::vector<std::function<void()>> between)
+{
+    auto next = between.begin();
+    testing::internal::CaptureStdout();
+    tierctl::check({.device = device.path(),
+                    .json = true,
+                    .detail = tierctl::Detail::each,
+                    .live = true,
+                    .pause = [&] { (*next++)(); }});
+    EXPECT_EQ(next, between.end());
+    const auto document = nlohmann::json::parse(testing::internal::GetCapturedStdout());
+    std::vector<std::string> found;
+    for (const auto &finding : document.at("findings"))
+        found.push_back(text("%s %lu", finding.at("kind").get<std::string>().c_str(),
+                             finding.at("no").get<std::uint64_t>()));
+    EXPECT_EQ(document.at("kinds").size(), found.empty() ? 0U : 1U);
+    return found;
+}
+
+TEST(CheckLive, FindsWhatEveryPassFinds)
+{
+    const SuperV3 sb = super_v3(1, 8);
+    const auto flip = [&](Device &device, std::uint32_t no) {
+        const auto at = static_cast<std::uint64_t>(inode_offset(sb, no));
+        Block block = device.block(at);
+        block[60] ^= 0xFF;
+        device.write(at, block);
+    };
+    const auto no_change = [] {};
+    Device device = make_v3_device(sb, {brick_v3_used(0)});
+    flip(device, 1);
+    flip(device, 2);
+    EXPECT_EQ(live_findings(device, {no_change, no_change}),
+              (std::vector<std::string>{"bad_checksum 1", "bad_checksum 2"}));
+    const auto mend = [&] { flip(device, 2); };
+    const auto spoil = [&] { flip(device, 5); };
+    EXPECT_EQ(live_findings(device, {mend, no_change}),
+              (std::vector<std::string>{"bad_checksum 1"}));
+    EXPECT_EQ(live_findings(device, {spoil, no_change}),
+              (std::vector<std::string>{"bad_checksum 1"}));
+    EXPECT_EQ(live_findings(device, {no_change, spoil}),
+              (std::vector<std::string>{"bad_checksum 1"}));
+    flip(device, 1);
+    EXPECT_EQ(live_findings(device, {}), std::vector<std::string>{});
+}
+
+// A writer may change what is claimed between the looks at a table.
+TEST(CheckLive, TablesMayChange)
+{
+    Device device = extents_device(true);
+    const SuperV3 sb = super_v3(1, 1);
+    const auto at = static_cast<std::uint64_t>(extent_offset(sb, 2));
+    const Block twice = device.block(at);
+    const Block once = extents_device(false).block(at);
+    const auto put = [&](const Block &block) { return [&] { device.write(at, block); }; };
+    EXPECT_EQ(live_findings(device, {put(once), put(twice)}),
+              (std::vector<std::string>{"duplicate_extent 499", "duplicate_extent 1011",
+                                        "duplicate_extent 2035"}));
 }
 
 } // namespace
