@@ -4,6 +4,9 @@
 #include "v3_device.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 using namespace tier_test;
 
@@ -27,13 +30,14 @@ protected:
         return inode;
     }
 
-    RunResult check(const std::string &faults) const
+    RunResult check(const std::string &faults, std::vector<std::string> args = {}) const
     {
         const std::string trace = device.directory().write("trace", "");
         RunOptions options;
         options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
                                {"ZUTR_FAULTS", "trace:" + trace + ";" + faults}};
-        return run_program(ZU_TIERCTL, {"check", device.path()}, options);
+        args.insert(args.begin(), {"check", device.path()});
+        return run_program(ZU_TIERCTL, args, options);
     }
 
     std::string finding(const char *severity, const std::string &what, std::int64_t offset,
@@ -53,7 +57,7 @@ protected:
 
     std::string duplicate() const
     {
-        return finding("error", "extent 517", extent_offset(sb, 1) + 40,
+        return finding("error", "extent 517 (block 1)", extent_offset(sb, 1) + 40,
                        "address 1 of shard 513 is also that of extent 5 (duplicate_extent)",
                        "dump_extent -n 1");
     }
@@ -69,7 +73,7 @@ TEST_F(CheckFaults, BlockOfShards)
                             "it cannot be read: Input/output error (unreadable)",
                             "dump_shard -n 1") +
                         duplicate() +
-                        finding("warning", "extent 5", extent_offset(sb, 0) + 40,
+                        finding("warning", "extent 5 (block 0)", extent_offset(sb, 0) + 40,
                                 "it and 1 other refer to shard 513, which cannot be read "
                                 "(extent_of_unknown_shard)",
                                 "dump_extent -n 0"));
@@ -81,7 +85,7 @@ TEST_F(CheckFaults, InodeAmongOthers)
         check(text("pread@%ld+4096=EIO", inode_offset(sb, 1))),
         finding("error", "inode 1", inode_offset(sb, 1),
                 "it cannot be read: Input/output error (unreadable)", "dump_inode -n 1") +
-            finding("warning", "shard 1025", shard_offset(sb, 2) + 8,
+            finding("warning", "shard 1025 (block 2)", shard_offset(sb, 2) + 8,
                     "it refers to inode 1, which cannot be read (shard_of_unknown_inode)",
                     "dump_shard -n 2") +
             duplicate());
@@ -94,6 +98,34 @@ TEST_F(CheckFaults, BlockThatCannotBeReadAgain)
     EXPECT_EQ(run.status, 2) << run;
     EXPECT_EQ(run.err, "zu_tierctl: " + device.path() +
                            ": table extent has changed since it was first read\n");
+}
+
+// What was begun becomes a whole document, which says that the check could not be completed.
+TEST_F(CheckFaults, DocumentOfAnIncompleteCheck)
+{
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{"--json"}, {"--json", "--summary"}}) {
+        const RunResult run = check(text("pread@%ld+4096#2-=EIO;pread@%ld+4096=EIO",
+                                         extent_offset(sb, 0), inode_offset(sb, 0)),
+                                    args);
+        EXPECT_EQ(run.status, 2) << run;
+        const auto document = nlohmann::ordered_json::parse(run.out);
+        EXPECT_EQ(document.at("error"),
+                  device.path() + ": table extent has changed since it was first read");
+        EXPECT_GE(document.at("findings").size(), 2U);
+        EXPECT_EQ(document.at("kinds").at("unreadable"), 1);
+        EXPECT_EQ(document.at("tables").at("inode").at("unreadable"), 1);
+        EXPECT_FALSE(document.at("tables").contains("extent"));
+    }
+}
+
+// A device in use may change at any time.
+TEST_F(CheckFaults, BlockThatCannotBeReadAgainOfADeviceInUse)
+{
+    const RunResult run = check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0)), {"--live"});
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.err, "");
+    EXPECT_TRUE(run.out.ends_with("\nfindings                                    0\n")) << run;
 }
 
 TEST_F(CheckFaults, SuperBlock)
