@@ -286,6 +286,11 @@ TEST(CheckCause, AllOfATable)
     ASSERT_EQ(report.causes.size(), 1U);
     EXPECT_EQ(report.causes[0].text,
               "brick 0..29 are no bricks: brick_cnt 30, no brick was found; they are all zero");
+    fill(device, brick_offset(world.sb, 0), 30, 0xC5);
+    EXPECT_EQ(
+        run_check(device.path(), {"--table", "brick"}).causes.at(0).text,
+        "brick 0..29 are no bricks: brick_cnt 30, no brick was found; perhaps the table is of "
+        "another layout, or lies elsewhere");
 }
 
 TEST(CheckCause, PackedBlocks)

@@ -88,13 +88,17 @@ std::optional<Cause> find_cause(const Device &device, const Metadata &metadata, 
     const uint64_t first = first_no + tail.sound_end();
     const uint64_t last = first_no + region.count - 1;
     const std::string unit = fmt::format("{}{}", table.name, table.row->packed() ? " block" : "");
+    const char *note = tail.zero() ? "; they are all zero"
+                       : tail.sound_end() == 0
+                           ? "; perhaps the table is of another layout, or lies "
+                             "elsewhere"
+                           : "";
     const std::string found = tail.sound_end() == 0
                                   ? fmt::format("no {} was found", unit)
                                   : fmt::format("the last {} found is {}", unit, first - 1);
     return Cause{table.name, first, last,
                  fmt::format("{} {} are no {}s: {}{}{}", unit, range_text(first, last), unit,
-                             count_text(metadata, table.row->count_keys[region_no]), found,
-                             tail.zero() ? "; they are all zero" : "")};
+                             count_text(metadata, table.row->count_keys[region_no]), found, note)};
 }
 
 } // namespace tierctl
