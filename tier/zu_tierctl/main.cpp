@@ -66,8 +66,9 @@ void add_entry_operands(CLI::App &command, std::string &table, std::string &numb
     command
         .add_option("NO", numbers,
                     "Number of the entry, 0 for the super block; several\n"
-                    "as in 3,7,9..12. Instead of TABLE NO, extent:1542\n"
-                    "names the block in which extent 1542 is")
+                    "as in 3,7,9..12. Octal after 0, hexadecimal after 0x\n"
+                    "Instead of TABLE NO, extent:1542 names the block in\n"
+                    "which extent 1542 is")
         ->type_name("");
 }
 

@@ -70,6 +70,28 @@ std::string unescaped(const std::string &text)
     return path;
 }
 
+constexpr const char BLOCK_DEVICES[] = "sys/dev/block";
+
+/* As the kernel writes it, "8:1". */
+std::string number_text(dev_t device) { return fmt::format("{}:{}", major(device), minor(device)); }
+
+/* The device and its partitions. */
+std::vector<dev_t> devices_of(dev_t device, const fs::path &root)
+{
+    std::vector<dev_t> devices{device};
+    for (const fs::path &path : paths_in(root / BLOCK_DEVICES / number_text(device))) {
+        std::error_code error;
+        std::istringstream number(line_of(path / "dev"));
+        unsigned int major = 0;
+        unsigned int minor = 0;
+        char colon = 0;
+        if (fs::exists(path / "partition", error) && number >> major >> colon >> minor) {
+            devices.push_back(makedev(major, minor));
+        }
+    }
+    return devices;
+}
+
 /* Collects the users of a device. */
 class Users {
 public:
@@ -77,13 +99,11 @@ public:
 
     void add(dev_t device)
     {
-        const std::string number = fmt::format("{}:{}", major(device), minor(device));
-        const fs::path block = root_ / "sys/dev/block" / number;
-        add_holders(block / "holders");
+        const std::string number = number_text(device);
+        add_holders(root_ / BLOCK_DEVICES / number / "holders");
         add_mounts(number);
         add_swap(device);
         add_processes(device);
-        add_partitions(block);
     }
 
     std::string text() const
@@ -141,8 +161,8 @@ private:
     {
         for (const fs::path &process : paths_in(root_ / "proc")) {
             const std::string id = process.filename();
-            const bool is_other =
-                id.find_first_not_of("0123456789") == id.npos && id != std::to_string(getpid());
+            const bool is_other = id.find_first_not_of("0123456789") == std::string::npos &&
+                                  id != std::to_string(getpid());
             if (is_other && has_open(process, device)) {
                 add_text(fmt::format("process {} ({})", id, shown_text(line_of(process / "comm"))));
             }
@@ -157,20 +177,6 @@ private:
         });
     }
 
-    void add_partitions(const fs::path &block)
-    {
-        for (const fs::path &path : paths_in(block)) {
-            std::error_code error;
-            std::istringstream number(line_of(path / "dev"));
-            unsigned int major = 0;
-            unsigned int minor = 0;
-            char colon = 0;
-            if (fs::exists(path / "partition", error) && number >> major >> colon >> minor) {
-                add(makedev(major, minor));
-            }
-        }
-    }
-
     fs::path root_;
     std::vector<std::string> texts_;
 };
@@ -180,7 +186,9 @@ private:
 std::string users_text(dev_t device, const std::string &root)
 {
     Users users(root);
-    users.add(device);
+    for (const dev_t one : devices_of(device, root)) {
+        users.add(one);
+    }
     return users.text();
 }
 

@@ -21,7 +21,8 @@ std::pair<uint64_t, uint64_t> read_range(std::string_view text)
 {
     const size_t dots = text.find(RANGE);
     const auto first = parse_number(text.substr(0, dots));
-    const auto last = dots == text.npos ? first : parse_number(text.substr(dots + RANGE.size()));
+    const auto last =
+        dots == std::string_view::npos ? first : parse_number(text.substr(dots + RANGE.size()));
     if (!first || !last) {
         throw UsageError(fmt::format("NO {}: expected a number of up to 64 bits, or several as in "
                                      "3,7,9..12",
@@ -52,14 +53,14 @@ std::string range_text(uint64_t first, uint64_t last)
 EntryOperands read_operands(const std::string &table, const std::string &numbers)
 {
     const size_t colon = table.find(':');
-    const bool entries = colon != table.npos;
+    const bool entries = colon != std::string::npos;
     if (entries != numbers.empty()) {
         throw UsageError(entries ? table + " has its number: NO is not expected"
                                  : "NO is required");
     }
     EntryOperands operands{
         table.substr(0, colon), entries ? table.substr(colon + 1) : numbers, entries, {}};
-    for (const auto part : std::views::split(operands.numbers, ',')) {
+    for (const auto part : std::views::split(std::string_view(operands.numbers), ',')) {
         operands.ranges.push_back(read_range({part.begin(), part.end()}));
     }
     if (operands.ranges.empty()) {

@@ -222,6 +222,10 @@ private:
         return text;
     }
 
+    /* The blocks of the entry that was loaded last, aligned for direct access. */
+    alignas(SIZE_4K) Block then_;
+    alignas(SIZE_4K) Block now_;
+
     const RevertOptions &options_;
     Device saved_;
     Device device_;
@@ -230,11 +234,7 @@ private:
     const Table &table_;
     UnreadableList unreadable_;
     std::vector<Change> changes_;
-
-    /* The entry that was loaded last. */
-    alignas(SIZE_4K) Block then_; /* aligned for direct access */
-    alignas(SIZE_4K) Block now_;
-    std::string damage_;
+    std::string damage_; /* of the entry that was loaded last */
     bool now_is_read_ = false;
     int error_ = 0; /* error number that says why not */
 };
