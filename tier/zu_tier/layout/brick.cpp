@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
+#include <strings.h>
 #include <uuid/uuid.h>
 
 namespace {
