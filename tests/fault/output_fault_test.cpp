@@ -6,6 +6,7 @@
 #include "v1_device.h"
 
 #include <csignal>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,6 +19,11 @@ constexpr const char *FULL = "/dev/full";
 LogLine write_failed(const std::string &reason)
 {
     return error_line("main", text("write output failed:%s", reason.c_str()));
+}
+
+std::string written_at(std::uint64_t offset)
+{
+    return text(", the block at %lu was written", offset);
 }
 
 // "dump_super" prints a few hundred bytes, "dump_inode" more than any stream buffers.
@@ -95,10 +101,90 @@ TEST_F(OutputFaults, CommittedRepairIsWrittenAndStillReported)
             args.emplace_back("-y");
         const LoggedRun run = run_logged(device, "repair_inode", args, {.stdout_path = FULL});
         EXPECT_EQ(run.status, 5) << run;
-        EXPECT_EQ(run.errors, Log{write_failed("No space left on device")});
+        EXPECT_EQ(run.errors, Log{write_failed("No space left on device" +
+                                               (commit ? written_at(offset) : ""))});
         EXPECT_EQ(device.block(offset),
                   commit ? encode(InodeV1{.no = 2}) : encode(inode_used(2, 0)));
     }
+}
+
+// A block of an image that is too large to be read as a whole.
+std::string block_of(const std::string &image, std::uint64_t offset)
+{
+    std::string block(BLOCK_SIZE, '\0');
+    std::ifstream in(image, std::ios::binary);
+    in.seekg(static_cast<std::streamoff>(offset)).read(block.data(), BLOCK_SIZE);
+    EXPECT_TRUE(in.good()) << offset;
+    return block;
+}
+
+// Every repair that prints what it has built: only then can its output be lost.
+TEST(CommittedRepairs, WhoseOutputIsLostSayWhatTheyHaveWritten)
+{
+    const TempDir files;
+    const std::string image = files.path("image");
+    const std::string conf = files.path("conf");
+    const std::string log = files.path("log");
+    const auto output = [](const std::string &program, const std::vector<std::string> &args) {
+        const RunResult run = run_program(program, args);
+        EXPECT_EQ(run.status, 0) << run;
+        return run.out;
+    };
+    for (const std::string layout : {"v1", "v2", "v3"}) {
+        output(ZU_TIERCTL, {"sample", "--force", "--layout", layout, image});
+        for (const std::string table : {"super", "brick", "inode", "extent"}) {
+            if (layout == "v3" && table == "extent")
+                continue; // not printed
+            SCOPED_TRACE(layout + ' ' + table);
+            files.write("conf", output(ZU_TIERCTL, {"template", image, table, "0"}));
+            std::uint64_t offset = SUPER_OFFSET;
+            if (table != "super") {
+                const std::string dump =
+                    output(ZU_TIER, {"-l", log, "-p", image, "-c", "dump_" + table, "-n", "0"});
+                const std::string key = "\"meta_offset\":";
+                offset = std::stoull(dump.substr(dump.find(key) + key.size()));
+            }
+            const auto block = [&] { return block_of(image, offset); };
+            const std::vector<std::string> args{"-l", log,  "-p", image, "-c", "repair_" + table,
+                                                "-f", conf, "-y"};
+            output(ZU_TIER, args);
+            const std::string repaired = block();
+            std::fstream(image, std::ios::in | std::ios::out | std::ios::binary)
+                    .seekp(static_cast<std::streamoff>(offset + BLOCK_SIZE - 1))
+                << '!';
+            ASSERT_NE(block(), repaired);
+            const RunResult run = run_tool(args, {.stdout_path = FULL});
+            EXPECT_EQ(run.status, 5) << run;
+            EXPECT_EQ(parse_log(run.err),
+                      Log{write_failed("No space left on device" + written_at(offset))});
+            EXPECT_EQ(block(), repaired);
+        }
+    }
+}
+
+// It writes nothing, whatever -y says.
+TEST(CommittedRepairs, AConversionHasWrittenNothing)
+{
+    const TempDir files;
+    const std::string image = files.path("image");
+    const RunResult made =
+        run_program(ZU_TIERCTL, {"sample", "--layout", "v1", "--for-conversion", image});
+    ASSERT_EQ(made.status, 0) << made;
+    const RunResult old = run_program(ZU_TIERCTL, {"template", image, "super", "0"});
+    ASSERT_EQ(old.status, 0) << old;
+    const std::string before = block_of(image, SUPER_OFFSET);
+    const std::vector<std::string> args{"-l", files.path("log"),
+                                        "-p", image,
+                                        "-c", "convert_super",
+                                        "-v", "2",
+                                        "-f", files.write("conf", old.out),
+                                        "-y"};
+    EXPECT_EQ(run_tool(args).status, 0);
+    const RunResult run = run_tool(args, {.stdout_path = FULL});
+    EXPECT_EQ(run.status, 5) << run;
+    ASSERT_FALSE(parse_log(run.err).empty()) << run;
+    EXPECT_EQ(parse_log(run.err).back(), write_failed("No space left on device"));
+    EXPECT_EQ(block_of(image, SUPER_OFFSET), before);
 }
 
 // A repair prints its entry on standard output, whatever -o says.
@@ -164,6 +250,17 @@ TEST_F(PipeFaults, ClosedPipeIsAnErrorHoweverTheSignalIsInherited)
                        {.status = 5,
                         .log = {settings_line(device, command), write_failed("Broken pipe")}});
     }
+}
+
+TEST_F(PipeFaults, CommittedRepairSaysWhatItHasWritten)
+{
+    const std::string conf = device.directory().write("conf", "{\"i_no\":2,\"i_use\":0}");
+    const auto offset = static_cast<std::uint64_t>(inode_offset(super, 2));
+    const LoggedRun run =
+        run_logged(device, "repair_inode", {"-f", conf, "-y"}, {.stdout_path = closed_pipe()});
+    EXPECT_EQ(run.status, 5) << run;
+    EXPECT_EQ(run.errors, Log{write_failed("Broken pipe" + written_at(offset))});
+    EXPECT_EQ(device.block(offset), encode(InodeV1{.no = 2}));
 }
 
 // The first 20 entries are damaged and fill the log, the others the output.
@@ -246,6 +343,16 @@ TEST_F(ShellFaults, ClosedStandardStreamsLeaveTheDeviceAlone)
                                 error_line("zutr_dump_common", "invalid no 300, max cnt:300")}));
         EXPECT_EQ(device.bytes(), bytes);
     }
+}
+
+TEST_F(ShellFaults, CommittedRepairWithClosedOutputSaysWhatItHasWritten)
+{
+    const std::string conf = device.directory().write("conf", "{\"i_no\":2,\"i_use\":0}");
+    const auto offset = static_cast<std::uint64_t>(inode_offset(super, 2));
+    const LoggedRun run = run_after("exec >&-", "repair_inode", {"-f", conf, "-y"});
+    EXPECT_EQ(run.status, 5) << run;
+    EXPECT_EQ(run.errors, Log{write_failed("Bad file descriptor" + written_at(offset))});
+    EXPECT_EQ(device.block(offset), encode(InodeV1{.no = 2}));
 }
 
 // Then nothing is opened that could replace a standard stream.

@@ -50,6 +50,7 @@ struct zutr_params_t {
     zutr_filter_t filter;
     int32_t force;
     int32_t commit;
+    int64_t written; /* device offset of the block that a repair has written, negative: none */
 };
 
 /* A command of one layout: 0 or a negative errno. */

@@ -14,7 +14,7 @@ namespace {
 constexpr const char *FUNC = "zutr_repair_common";
 
 /* 0 or a negative errno; without the commit flag nothing but a message is written. */
-int32_t write_if_committed(const zutr_params_t *params, const uint8_t *block, int64_t offset)
+int32_t write_if_committed(zutr_params_t *params, const uint8_t *block, int64_t offset)
 {
     if (params->commit == 0) {
         zutr_debug(FUNC, "'commit' flag not set, won't write dev. cmd:%d, conf:%s", params->cmd,
@@ -27,6 +27,7 @@ int32_t write_if_committed(const zutr_params_t *params, const uint8_t *block, in
                    static_cast<int32_t>(put), params->cmd, params->dev_path, params->repair_conf);
         return -EIO;
     }
+    params->written = offset;
     return 0;
 }
 

@@ -265,6 +265,7 @@ void zutr_params_init(zutr_params_t *params)
     params->fd = -1;
     params->cmd = ZUTR_CMD_UNKNOWN;
     params->meta_no = -1;
+    params->written = -1;
     params->filter.owner = -1;
     params->filter.use = -1;
     params->filter.error = -1;

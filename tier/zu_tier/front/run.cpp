@@ -68,13 +68,18 @@ int32_t finish_stream(FILE *stream)
     return fflush(stream) == 0 ? 0 : errno;
 }
 
-/* A truncated dump must not look complete. */
-int32_t judge_output(int32_t cause)
+/* A truncated dump must not look complete, nor a block that was written untouched. */
+int32_t judge_output(int32_t cause, int64_t written)
 {
     if (cause == 0) {
         return 0;
     }
-    zutr_error(FUNC, "write output failed:%s", strerror(cause));
+    if (written >= 0) {
+        zutr_error(FUNC, "write output failed:%s, the block at %ld was written", strerror(cause),
+                   written);
+    } else {
+        zutr_error(FUNC, "write output failed:%s", strerror(cause));
+    }
     return -EIO;
 }
 
@@ -88,7 +93,7 @@ int32_t finish_output(zutr_params_t *params)
         params->out_fp = nullptr;
         cause = cause == 0 && !closed ? errno : cause;
     }
-    return judge_output(cause);
+    return judge_output(cause, params->written);
 }
 
 } // namespace
@@ -107,7 +112,7 @@ int zutr_run(int argc, char *argv[])
             ret = finish_output(&params);
         }
     } else if (ret > 0) { /* only the usage was asked for */
-        ret = judge_output(finish_stream(stdout));
+        ret = judge_output(finish_stream(stdout), -1);
     }
     zutr_params_fini(&params);
     zutr_assert(ret == 0 || ret == -EIO || ret == -EINVAL || ret == -ENOMEM || ret == -EFAULT,
