@@ -289,7 +289,9 @@ TEST_F(RepairDriver, OutputThatCannotBeWrittenIsAnErrorBehindTheWrite)
         {.status = 5,
          .out = "",
          .log = log_with(key_log(entry),
-                         {error_line("main", "write output failed:No space left on device")})});
+                         {error_line("main", text("write output failed:No space left on device, "
+                                                  "the block at %lu was written",
+                                                  offset))})});
     EXPECT_EQ(device.block(offset), encode(entry, super.extent_size));
 }
 
