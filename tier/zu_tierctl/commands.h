@@ -14,6 +14,9 @@ void add_operand(CLI::App &command, const char *name, std::string &value, const 
 /* Adds the operands TABLE and NO, which read_operands() takes, to a subcommand. */
 void add_entry_operands(CLI::App &command, std::string &table, std::string &numbers);
 
+/* Adds the option --super of the commands that read a device. */
+void add_super_option(CLI::App &command, std::string &value);
+
 /* Each function adds a subcommand to `app`: its options, and a callback that runs it. The callback
  * may store the program's exit status in `*status`, which must outlive `app`; by default it is 0,
  * or 1 after an exception. */

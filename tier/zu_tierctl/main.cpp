@@ -72,6 +72,14 @@ void add_entry_operands(CLI::App &command, std::string &table, std::string &numb
         ->type_name("");
 }
 
+void add_super_option(CLI::App &command, std::string &value)
+{
+    constexpr const char HELP[] =
+        "Where the super block is lost: take that of FILE, a device, image or\n"
+        "saved file, its block alone, or a repair file for it";
+    command.add_option("--super", value, HELP)->type_name("FILE");
+}
+
 } // namespace tierctl
 
 int main(int argc, char *argv[])

@@ -3,7 +3,7 @@
 #include "zu_tierctl/check/seen.h"
 #include "zu_tierctl/check/table.h"
 #include "zu_tierctl/device/in_use.h"
-#include "zu_tierctl/entry/metadata.h"
+#include "zu_tierctl/entry/given_super.h"
 
 #include <algorithm>
 #include <chrono>
@@ -72,9 +72,29 @@ private:
             watcher_->add_in_use(0, metadata_.super_block.data());
         }
         if (wanted(table)) {
-            check_super(metadata_, device_, TableFindings(&report_, table));
-            report_.add_counts(table.name, {.entries = 1, .in_use = 1});
+            const TableFindings findings(&report_, table);
+            check_super(metadata_, device_, findings);
+            report_.add_counts(table.name, options_.super_file.empty()
+                                               ? Counts{.entries = 1, .in_use = 1}
+                                               : check_own_super(table, findings));
         }
+    }
+
+    /* The device's own super block, when another describes the tables. */
+    Counts check_own_super(const Table &table, const TableFindings &findings) const
+    {
+        Counts counts{.entries = 1};
+        read_table(device_, table.regions, [&](const Slots &slots) {
+            if (slots.data == nullptr) {
+                findings.add_unread(slots, device_.size());
+                counts.unreadable++;
+                return;
+            }
+            const uint32_t flaws = table.flaws(0, slots.data);
+            findings.add_flaws(flaws, 0, slots.offset, slots.data);
+            (flaws != 0 ? counts.damaged : counts.in_use)++;
+        });
+        return counts;
     }
 
     void check_table(const Table &table)
@@ -127,7 +147,7 @@ Seen find_lasting(const CheckOptions &options, const Device &device)
     for (int pass = 1; pass < PASSES; pass++) {
         SeenReport report(options.device);
         report.keep_only(pass > 1 ? &seen : nullptr);
-        check_metadata(options, device, read_metadata(device), report, nullptr);
+        check_metadata(options, device, read_metadata(device, options.super_file), report, nullptr);
         seen = report.seen();
         if (seen.empty()) {
             break;
@@ -162,7 +182,7 @@ bool check(const CheckOptions &options)
         const Device device(options.device, Access::read_only);
         hint_in_use(options.device);
         const Seen seen = options.live ? find_lasting(options, device) : Seen();
-        const Metadata metadata = read_metadata(device);
+        const Metadata metadata = read_metadata(device, options.super_file);
         for (const std::string &name : options.tables) {
             find_table(metadata.tables, name);
         }

@@ -55,6 +55,7 @@ void add_check(CLI::App &app, int *status)
                      "Report on this table only; may be repeated\n" + tables_text())
         ->type_name("TABLE")
         ->allow_extra_args(false);
+    add_super_option(*command, options->super_file);
     command->callback([options, status] {
         *status = STATUS_NOT_CHECKED; /* if it throws */
         *status = check(*options) ? 0 : STATUS_FINDINGS;

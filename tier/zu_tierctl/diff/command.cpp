@@ -40,6 +40,7 @@ struct DiffOptions {
     bool json = false;
     bool all = false;
     bool summary = false;
+    std::string super_file;
 };
 
 } // namespace
@@ -60,12 +61,14 @@ void add_diff(CLI::App &app, int *status)
         ->add_flag("--summary", options->summary,
                    "Only how many differ in each table, and from where to where")
         ->excludes("--all");
+    add_super_option(*command, options->super_file);
     command->callback([options, status] {
         *status = STATUS_TROUBLE; /* if it throws */
         const auto report = options->summary ? make_summary_report(options->json)
                             : options->json  ? make_json_report()
                                              : make_text_report();
-        const bool equal = diff(options->a, options->b, *report, !options->all);
+        const bool equal =
+            diff(options->a, options->b, *report, options->super_file, !options->all);
         report->finish();
         finish_output();
         *status = equal ? 0 : STATUS_DIFFERENT;

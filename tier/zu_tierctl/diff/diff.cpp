@@ -4,7 +4,7 @@
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/text.h"
-#include "zu_tierctl/device/unreadable.h"
+#include "zu_tierctl/entry/given_super.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,8 +18,9 @@ namespace {
 
 /* One of the two devices. */
 struct Side {
-    explicit Side(const std::string &path)
-        : device(path, Access::read_only), metadata(read_metadata(device))
+    Side(const std::string &path, const std::string &super_file)
+        : device(path, Access::read_only),
+          metadata(has_super(device) ? read_metadata(device) : read_metadata(device, super_file))
     {
     }
 
@@ -226,10 +227,11 @@ private:
 
 } // namespace
 
-bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report, bool join)
+bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report,
+          const std::string &super_file, bool join)
 {
-    const Side a(path_a);
-    const Side b(path_b);
+    const Side a(path_a, super_file);
+    const Side b(path_b, super_file);
     hint_in_use(path_a);
     hint_in_use(path_b);
     if (a.metadata.layout != b.metadata.layout) {

@@ -56,9 +56,10 @@ std::unique_ptr<DiffReport> make_json_report();
 /* The same, but only how many entries differ in each table and way, and from where to where. */
 std::unique_ptr<DiffReport> make_summary_report(bool json);
 
-/* Compares two devices or saved files entry by entry; returns whether they are equal. Without
- * `join` each entry is a run by itself. */
+/* Compares two devices or saved files entry by entry; returns whether they are equal. One without a
+ * sound super block is read by that in `super_file`, unless that is empty. Without `join` each
+ * entry is a run by itself. */
 bool diff(const std::string &path_a, const std::string &path_b, DiffReport &report,
-          bool join = true);
+          const std::string &super_file = "", bool join = true);
 
 } // namespace tierctl

@@ -58,6 +58,13 @@ void require_list_of(const std::vector<Table> &tables, const Device &device)
 
 } // namespace
 
+Metadata make_metadata(const tier_layout &layout, const Block &super_block, const Device &device)
+{
+    Metadata metadata{&layout, super_block, tables_of(layout, super_block.data())};
+    require_list_of(metadata.tables, device);
+    return metadata;
+}
+
 Metadata read_metadata(const Device &device)
 {
     const Block block = read_super(device);
@@ -65,9 +72,7 @@ Metadata read_metadata(const Device &device)
     if (layout == nullptr) {
         throw std::runtime_error(diagnose_super(device.path(), block));
     }
-    Metadata metadata{layout, block, tables_of(*layout, block.data())};
-    require_list_of(metadata.tables, device);
-    return metadata;
+    return make_metadata(*layout, block, device);
 }
 
 } // namespace tierctl

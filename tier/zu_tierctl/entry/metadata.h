@@ -33,6 +33,10 @@ const tier_layout *layout_of(const Block &block);
 /* Reads the block in which the super block lies, whatever it holds. Throws. */
 Block read_super(const Device &device);
 
+/* The metadata of a device by a sound super block of the layout. Throws when the list of unreadable
+ * blocks beside the device is of others. */
+Metadata make_metadata(const tier_layout &layout, const Block &super_block, const Device &device);
+
 /* Reads the super block and finds its layout as the tool does. Throws when it cannot be read or is
  * of none. */
 Metadata read_metadata(const Device &device);

@@ -39,6 +39,7 @@ struct MapOptions {
     std::string device;
     std::string html;
     bool quick = false;
+    std::string super_file;
 };
 
 /* The value of an environment variable; empty when it is not set. */
@@ -63,7 +64,8 @@ void write_html(const MapOptions &options)
     refuse_existing(options.html);
     NewFile file(options.html, Naming::new_name);
     const std::string page = draw_page(read_map(
-        options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.quick));
+        options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.super_file,
+        options.quick));
     file.write(0, page.data(), page.size());
     file.commit();
 }
@@ -74,7 +76,7 @@ void print_map(const MapOptions &options)
     const bool colours = isatty(STDOUT_FILENO) != 0 && variable("NO_COLOR").empty();
     const Map map = read_map(
         options.device, [width](uint64_t last) { return terminal_cells(width, last); },
-        options.quick);
+        options.super_file, options.quick);
     print_text(draw_terminal(map, width, colours));
     finish_output();
 }
@@ -92,6 +94,7 @@ void add_map(CLI::App &app)
             ->type_name("FILE");
     command->add_flag("--quick", options->quick,
                       "Read once, with little memory: do not search for duplicates");
+    add_super_option(*command, options->super_file);
     command->callback([options, html] {
         if (html->empty()) {
             print_map(*options);

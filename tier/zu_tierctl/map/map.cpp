@@ -5,6 +5,7 @@
 #include "zu_tierctl/check/states.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/fields.h"
+#include "zu_tierctl/entry/given_super.h"
 
 #include <algorithm>
 #include <bit>
@@ -348,10 +349,11 @@ unsigned MapCell::level() const
     return static_cast<unsigned>(1 + counts.in_use * 7 / counts.entries);
 }
 
-Map read_map(const std::string &device_path, const CellsMax &cells_max, bool quick)
+Map read_map(const std::string &device_path, const CellsMax &cells_max,
+             const std::string &super_file, bool quick)
 {
     const Device device(device_path, Access::read_only);
-    const Metadata metadata = read_metadata(device);
+    const Metadata metadata = read_metadata(device, super_file);
     Map map;
     map.device = device_path;
     map.quick = quick;
@@ -365,7 +367,7 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max, bool qui
     }
     TableBuilder tables(map, *metadata.layout, cells_max);
     MapReport report(map, metadata);
-    CheckOptions options{.device = device_path};
+    CheckOptions options{.device = device_path, .super_file = super_file};
     if (quick) {
         options.claims_memory = 0;
     }

@@ -121,9 +121,10 @@ struct Map {
 /* How many cells, 1 or more, a table may have whose last entry has the number `last`. */
 using CellsMax = std::function<size_t(uint64_t last)>;
 
-/* Reads the metadata of a device and checks it; `quick`: in one pass, without the duplicate search.
- * Throws when it cannot be read. */
-Map read_map(const std::string &device, const CellsMax &cells_max, bool quick = false);
+/* Reads the metadata of a device, by the super block in `super_file` unless that is empty, and
+ * checks it; `quick`: in one pass, without the duplicate search. Throws when it cannot be read. */
+Map read_map(const std::string &device, const CellsMax &cells_max,
+             const std::string &super_file = "", bool quick = false);
 
 /* "7", "1.5 KiB" */
 std::string bytes_text(uint64_t bytes);

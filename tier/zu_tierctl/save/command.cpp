@@ -27,6 +27,7 @@ constexpr const char SAVE_FOOTER[] =
 struct SaveOptions {
     std::string device;
     std::string file;
+    std::string super_file;
 };
 
 } // namespace
@@ -38,8 +39,9 @@ void add_save(CLI::App &app, int *status)
     command->footer(SAVE_FOOTER);
     add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
     add_operand(*command, "FILE", options->file, "File to create");
+    add_super_option(*command, options->super_file);
     command->callback([options, status] {
-        if (!save(options->device, options->file)) {
+        if (!save(options->device, options->file, options->super_file)) {
             complain(options->file + " is incomplete: see " + unreadable_path(options->file));
             *status = 1;
         }

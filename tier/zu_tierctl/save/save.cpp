@@ -4,7 +4,7 @@
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/unreadable.h"
-#include "zu_tierctl/entry/metadata.h"
+#include "zu_tierctl/entry/given_super.h"
 
 #include <filesystem>
 #include <stdexcept>
@@ -51,10 +51,11 @@ void commit(UnreadableWriter &unreadable, NewFile &file)
 
 } // namespace
 
-bool save(const std::string &device_path, const std::string &file_path)
+bool save(const std::string &device_path, const std::string &file_path,
+          const std::string &super_file)
 {
     const Device device(device_path, Access::read_only);
-    const Metadata metadata = read_metadata(device);
+    const Metadata metadata = read_metadata(device, super_file);
     if (!device.unreadable().empty()) {
         throw std::runtime_error(device_path + " is incomplete: see " +
                                  unreadable_path(device_path));

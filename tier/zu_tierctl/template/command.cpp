@@ -42,6 +42,7 @@ struct TemplateOptions {
     std::string numbers;
     std::string layout;
     std::string into;
+    std::string super_file;
 };
 
 std::vector<std::string_view> layout_names()
@@ -112,7 +113,8 @@ void run(const TemplateOptions &options)
 {
     const EntryOperands entries = read_operands(options.table, options.numbers);
     const Device device(options.device, Access::read_only);
-    const Metadata metadata = read_template_metadata(device, entries.table, options.layout);
+    const Metadata metadata =
+        read_template_metadata(device, entries.table, options.layout, options.super_file);
     const Selection selection = select_slots(metadata.tables, entries);
     if (options.into.empty() && selection.slots.size() > 1) {
         throw UsageError("zu_tier repairs one entry a file: several need --into DIR");
@@ -153,6 +155,7 @@ void add_template(CLI::App &app)
                      fmt::format("Layout of a super block that does not say so: {}",
                                  fmt::join(layout_names(), ", ")))
         ->type_name("NAME");
+    add_super_option(*command, options->super_file);
     command->callback([options] { run(*options); });
 }
 

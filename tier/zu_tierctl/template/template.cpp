@@ -4,6 +4,7 @@
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/fields.h"
+#include "zu_tierctl/entry/given_super.h"
 #include "zu_tierctl/entry/rebuild.h"
 #include "zu_tierctl/template/json.h"
 
@@ -263,12 +264,18 @@ private:
 } // namespace
 
 Metadata read_template_metadata(const Device &device, std::string_view table,
-                                std::string_view layout)
+                                std::string_view layout, const std::string &super_file)
 {
+    if (table == SUPER_TABLE && !super_file.empty()) {
+        throw UsageError("--super is for the entries of other tables: the template of that super "
+                         "block is made from " +
+                         super_file + " itself");
+    }
     if (table != SUPER_TABLE && !layout.empty()) {
         throw UsageError("--layout is for the super block only");
     }
-    return table == SUPER_TABLE ? read_any_super(device, layout) : read_metadata(device);
+    return table == SUPER_TABLE ? read_any_super(device, layout)
+                                : read_metadata(device, super_file);
 }
 
 Template make_template(const Device &device, const Metadata &metadata, const Table &table,

@@ -17,9 +17,10 @@ struct Template {
 };
 
 /* What templates of a table need. The super block, of which `layout` ("" when not given) names the
- * layout, may be damaged when it is what is asked for; it is the only table then. */
+ * layout, may be damaged when it is what is asked for; it is the only table then. For other tables
+ * it is that in `super_file`, unless that is empty. */
 Metadata read_template_metadata(const Device &device, std::string_view table,
-                                std::string_view layout);
+                                std::string_view layout, const std::string &super_file = "");
 
 /* The template of entry `no`, which exists, of one of the tables. `path` is what the file will be
  * called, "" when that is not known. */

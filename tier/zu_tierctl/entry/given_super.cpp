@@ -1,0 +1,93 @@
+#include "zu_tierctl/entry/given_super.h"
+
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/rebuild.h"
+
+#include <fmt/core.h>
+#include <fstream>
+#include <optional>
+
+namespace tierctl {
+
+namespace {
+
+constexpr size_t TEXT_MAX = SIZE_1M; /* of a repair file */
+
+std::optional<Metadata> metadata_of(const Block &block, const Device &device)
+{
+    for (const tier_layout *layout : tier_layouts()) {
+        if (is_super(*layout, block)) {
+            return make_metadata(*layout, block, device);
+        }
+    }
+    return std::nullopt;
+}
+
+/* The block where the super block lies, or the only one. */
+Block read_block(const Device &file)
+{
+    alignas(SIZE_4K) Block block{};
+    const int64_t offset = file.size() == SIZE_4K ? 0 : TIER_SUPER_OFFSET;
+    if (file.size() >= static_cast<uint64_t>(offset) + SIZE_4K &&
+        !file.read(offset, block.data(), SIZE_4K)) {
+        throw_errno("cannot read the super block of " + file.path());
+    }
+    return block;
+}
+
+std::string read_text(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string text(TEXT_MAX, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(file.gcount()));
+    return text;
+}
+
+/* What the parser of the first layout that takes the text makes of it. */
+Metadata build(const std::string &path, const Device &device)
+{
+    std::string complaint = path + " holds no super block, and is no repair file for one";
+    const std::string text = read_text(path);
+    if (!text.starts_with('{')) {
+        throw std::runtime_error(complaint);
+    }
+    for (const tier_layout *layout : tier_layouts()) {
+        const Block empty{};
+        const Metadata metadata{layout, empty, {Table(*layout->tables.front(), empty.data())}};
+        const Rebuilt rebuilt = rebuild(device, metadata, metadata.tables.front(), text, false);
+        if (rebuilt.block) {
+            return make_metadata(*layout, *rebuilt.block, device);
+        }
+        for (const std::string &message : rebuilt.messages) {
+            complaint += fmt::format("; {}: {}", layout->name, shown_text(message));
+        }
+    }
+    throw std::runtime_error(complaint);
+}
+
+} // namespace
+
+bool has_super(const Device &device)
+{
+    alignas(SIZE_4K) Block block;
+    return device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K) && metadata_of(block, device);
+}
+
+Metadata read_metadata(const Device &device, const std::string &super_file)
+{
+    if (super_file.empty()) {
+        return read_metadata(device);
+    }
+    const Device file(super_file, Access::read_only);
+    std::optional<Metadata> metadata = metadata_of(read_block(file), device);
+    if (!metadata) {
+        metadata = build(super_file, device);
+    }
+    complain(fmt::format("the super block is that of {}, not of {}", super_file, device.path()));
+    return *metadata;
+}
+
+} // namespace tierctl
