@@ -65,6 +65,7 @@ RunResult run_on_terminal(const std::string &path, const std::vector<std::string
 {
     PseudoTerminal terminal(columns);
     options.stdout_path = terminal.path();
+    options.environment.insert(options.environment.begin(), {"TERM", "xterm"});
     RunResult result = run_program(path, args, options);
     result.out = terminal.take();
     return result;

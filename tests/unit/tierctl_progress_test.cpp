@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
 
@@ -15,17 +16,23 @@ using namespace tierctl;
 
 namespace {
 
+// Whatever the terminal of the tests is.
+const int HAS_TERM = setenv("TERM", "xterm", 1);
+
 // Longer than a bar stays as it is.
 constexpr auto WHILE = std::chrono::milliseconds(110);
 
-// What comes out of standard error, which is what `open_error` opens, while `run` runs.
+// What comes out of standard error, which is what `open_error` opens, while `run` runs. The
+// terminal has so many columns; 0: it does not know.
 template <class Open, class Run>
-std::string shown_on(const Open &open_error, const Run &run)
+std::string shown_on(const Open &open_error, const Run &run, unsigned short columns = 0)
 {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     EXPECT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
     const int other_side = open(ptsname(terminal), O_RDWR | O_NOCTTY);
     EXPECT_GE(other_side, 0);
+    const winsize size{.ws_row = 24, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
+    EXPECT_EQ(ioctl(terminal, TIOCSWINSZ, &size), 0);
     const int kept = dup(STDERR_FILENO);
     fflush(stderr);
     dup2(open_error(other_side), STDERR_FILENO);
@@ -74,6 +81,47 @@ TEST(Progress, OfNothingIsComplete)
 TEST(Progress, IsNotShownElsewhere)
 {
     EXPECT_EQ(shown_on([](int) { return open("/dev/null", O_WRONLY); }, half_way), "|\r\n");
+}
+
+// The bar shrinks first, then the title is cut; the last column stays free.
+TEST(Progress, IsNeverWrapped)
+{
+    const auto line = [](unsigned short columns) {
+        const std::string shown =
+            shown_on([](int terminal) { return terminal; }, half_way, columns);
+        const std::size_t start = std::string("\r\x1b[K").size();
+        return shown.substr(start, shown.find('\r', start) - start);
+    };
+    EXPECT_EQ(line(58), "reading [" + std::string(20, '#') + std::string(20, '.') + "]  50 %");
+    EXPECT_EQ(line(57), line(58));
+    EXPECT_EQ(line(56), "reading [" + std::string(19, '#') + std::string(20, '.') + "]  50 %");
+    EXPECT_EQ(line(21), "reading [##..]  50 %");
+    EXPECT_EQ(line(17), "reading []  50 %");
+    EXPECT_EQ(line(14), "read []  50 %");
+    for (unsigned short columns = 1; columns < 64; columns++)
+        EXPECT_LT(line(columns).size(), columns);
+}
+
+TEST(Progress, OfSumsThatNoNumberHolds)
+{
+    EXPECT_EQ(capped_sum(1, 2), 3U);
+    EXPECT_EQ(capped_sum(uint64_t{1} << 63, uint64_t{1} << 63), ~uint64_t{0});
+    EXPECT_EQ(capped_sum(~uint64_t{0}, 1), ~uint64_t{0});
+    const std::string shown = shown_on([](int terminal) { return terminal; },
+                                       [] {
+                                           Progress progress("reading", ~uint64_t{0});
+                                           progress.add(uint64_t{1} << 63);
+                                           std::this_thread::sleep_for(WHILE);
+                                           progress.add(uint64_t{1} << 63);
+                                       });
+    EXPECT_NE(shown.find("] 100 %"), std::string::npos) << shown;
+}
+
+TEST(Progress, IsNotShownOnADumbTerminal)
+{
+    setenv("TERM", "dumb", 1);
+    EXPECT_EQ(shown_on([](int terminal) { return terminal; }, half_way), "|\r\n");
+    setenv("TERM", "xterm", 1);
 }
 
 } // namespace

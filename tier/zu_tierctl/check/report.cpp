@@ -90,7 +90,7 @@ private:
     }
 
     /* Begins each line: on a terminal it wipes the progress bar. */
-    const char *wipe_ = isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "";
+    const char *wipe_ = is_able_terminal(STDOUT_FILENO) ? "\r\x1b[K" : "";
     bool told_ = false; /* there are lines before the counts */
 };
 

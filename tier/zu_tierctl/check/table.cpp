@@ -213,9 +213,10 @@ private:
     }
 
     template <class Visit>
-    void walk(const Visit &visit) const
+    void walk(const Visit &visit)
     {
-        Progress progress(fmt::format("checking {}", table_.name),
+        const std::string pass = ++pass_ == 1 ? "" : fmt::format(", pass {}", pass_);
+        Progress progress(fmt::format("checking {}{}", table_.name, pass),
                           slots_present(table_, context_.device.size()));
         read_table(context_.device, table_.regions, [&](const Slots &slots) {
             visit(slots);
@@ -242,7 +243,7 @@ private:
 
     /* Visits again what is in use; throws when that has changed and must not. */
     template <class Visit>
-    void later_pass(const Visit &visit) const
+    void later_pass(const Visit &visit)
     {
         uint64_t visited = 0;
         walk([this, &visit, &visited](const Slots &slots) {
@@ -417,6 +418,7 @@ private:
     const bool is_owner_;
     std::vector<Referrers> unknown_owners_; /* by number: damaged or unreadable, but referred to */
     TableOutcome outcome_;
+    unsigned pass_ = 0; /* over the table */
 };
 
 } // namespace

@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fmt/core.h>
+#include <unistd.h>
 
 namespace tierctl {
 
@@ -31,6 +33,12 @@ void print_text(std::string_view text)
 }
 
 void finish_output() { require(fflush(stdout) == 0); }
+
+bool is_able_terminal(int fd)
+{
+    const char *kind = getenv("TERM");
+    return isatty(fd) != 0 && (kind == nullptr || std::string_view(kind) != "dumb");
+}
 
 void complain(std::string_view message)
 {

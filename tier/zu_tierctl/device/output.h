@@ -20,6 +20,9 @@ void print(fmt::format_string<Args...> format, Args &&...args)
 /* Writes what is still in the buffer of standard output; throws when that fails. */
 void finish_output();
 
+/* Whether a descriptor is a terminal that knows control sequences: not one with TERM=dumb. */
+bool is_able_terminal(int fd);
+
 /* Writes the line "zu_tierctl: <message>" to standard error, whatever the message holds. A failure
  * is ignored: it cannot be reported. */
 void complain(std::string_view message);

@@ -242,7 +242,7 @@ bool diff(const std::string &path_a, const std::string &path_b, DiffReport &repo
         a.metadata.tables.size(); /* the same number in every device of a layout */
     uint64_t total = 0;
     for (const Table &table : a.metadata.tables) {
-        total += table.count();
+        total = capped_sum(total, table.count());
     }
     Progress progress("diff", total);
     bool equal = true;

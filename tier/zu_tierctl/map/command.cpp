@@ -73,7 +73,7 @@ void write_html(const MapOptions &options)
 void print_map(const MapOptions &options)
 {
     const size_t width = output_width();
-    const bool colours = isatty(STDOUT_FILENO) != 0 && variable("NO_COLOR").empty();
+    const bool colours = is_able_terminal(STDOUT_FILENO) && variable("NO_COLOR").empty();
     const Map map = read_map(
         options.device, [width](uint64_t last) { return terminal_cells(width, last); },
         options.super_file, options.quick);

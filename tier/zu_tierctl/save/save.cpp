@@ -68,7 +68,7 @@ bool save(const std::string &device_path, const std::string &file_path,
     UnreadableWriter unreadable(file_path);
     uint64_t total = 0;
     for (const Table &table : metadata.tables) {
-        total += table.count();
+        total = capped_sum(total, table.count());
     }
     Progress progress("save", total);
     for (const Table &table : metadata.tables) {
