@@ -27,7 +27,8 @@ private:
     std::future<std::string> written_;
 };
 
-// Runs a program on a terminal, an xterm unless the environment of the run has another: what it writes there is `out`, with line ends as it writes them.
+// Runs a program on a terminal, an xterm unless the environment of the run has another: what it
+// writes there is `out`, with line ends as it writes them.
 RunResult run_on_terminal(const std::string &path, const std::vector<std::string> &args,
                           unsigned short columns, RunOptions options = {});
 
