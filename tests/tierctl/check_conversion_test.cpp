@@ -33,10 +33,11 @@ bool is_said(const Device &device)
         EXPECT_EQ(summary(report.findings[0]),
                   error("tables_of_another_layout", "super", 0, SUPER_OFFSET));
         EXPECT_EQ(report.findings[0].text,
-                  "the tables are those of layout v2: zu_tier -p " + device.path() +
+                  "the tables are those of layout v2: zu_tier -l tier.log -p " + device.path() +
                       " -v 2 -c convert_super -f FILE makes their super block, where FILE is the "
                       "output of dump_super");
-        EXPECT_EQ(report.findings[0].command, "zu_tier -p " + device.path() + " -c dump_super");
+        EXPECT_EQ(report.findings[0].command,
+                  "zu_tier -l tier.log -p " + device.path() + " -c dump_super");
     }
     return said != 0;
 }

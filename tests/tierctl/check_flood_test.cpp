@@ -184,7 +184,7 @@ TEST(CheckRuns, OtherNumbersAndNames)
     world.sb = super_v1(3, 5, 30);
     world.extents.clear();
     for (std::uint32_t no = 0; no < 20; ++no) {
-        world.extents.push_back(extent_used(no, 3 + no % 2)); // both are free
+        world.extents.push_back(sound_extent(extent_used(no, 3 + no % 2))); // both are free
         world.extents.back().block = no;
     }
     const Device device = world.device();
@@ -207,14 +207,14 @@ TEST(CheckRuns, ReferrersOfDamagedEntries)
     world.sb = super_v1(3, 9, 12);
     world.inodes.clear();
     for (std::uint32_t no = 0; no < 8; ++no) {
-        world.inodes.push_back(inode_used(no, 0));
+        world.inodes.push_back(sound_inode(inode_used(no, 0)));
         if (no != 5)
             world.inodes.back().checksum = 1;
     }
     world.extents.clear();
     const std::uint32_t owners[] = {2, 1, 4, 1, 5, 7, 6, 1};
     for (std::uint64_t no = 0; no < std::size(owners); ++no) {
-        world.extents.push_back(extent_used(no, owners[no]));
+        world.extents.push_back(sound_extent(extent_used(no, owners[no])));
         world.extents.back().block = static_cast<std::uint32_t>(no);
     }
     const Device device = world.device();
@@ -238,7 +238,7 @@ TEST(CheckRuns, PackedEntriesAndTheirBlocks)
     for (std::uint32_t slot = 1; slot < 10; ++slot)
         world.shards[1].shards.push_back({.slot = slot, .ino = 4, .index = slot});
     world.extents.clear();
-    world.extents[3].extents = {{.slot = 6, .lba = 1, .shard = 600}};
+    world.extents[3].extents = {{.slot = 6, .lba = 1, .shard = 600, .bitmap = 1}};
     const Device device = world.device();
     const Report report = run_check_in_runs(device.path());
     EXPECT_EQ(ranges_of(report),

@@ -1,5 +1,6 @@
 // zu_tierctl map: the list of findings, its filter, and a map without duplicates.
 
+#include "check_run.h"
 #include "map_fixture.h"
 
 #include <algorithm>
@@ -35,7 +36,7 @@ protected:
 
     Json report_of(const Device &device) const
     {
-        return Json::parse(run_ctl({"check", "--json", device.path()}).out);
+        return Json::parse(run_ctl({"check", "--json", "--all", device.path()}).out);
     }
 
     // "inode 3", for the findings for which `chosen` holds.
@@ -116,7 +117,7 @@ TEST_F(MapFindings, NoKindKeepsTheOthersOut)
     // 1010 extents of a free inode, 1020 of one that does not exist, then a damaged one.
     std::vector<ExtentV1> extents;
     for (std::uint64_t no = 0; no < 2030; ++no)
-        extents.push_back(extent_used(no, no < 1010 ? 0 : 7));
+        extents.push_back(sound_extent(extent_used(no, no < 1010 ? 0 : 7)));
     SuperV1 sb = super_v1(1, 1, 2031);
     Device device = make_v1_device(sb, {}, {}, extents);
     flip(device, extent_offset(sb, 2030) + 20);

@@ -121,7 +121,7 @@ MapTable &table_of(std::vector<MapTable> &tables, const std::string &name)
 
 void add_findings(std::vector<MapTable> &tables, const std::string &device)
 {
-    const auto report = nlohmann::json::parse(run_ctl({"check", "--json", device}).out);
+    const auto report = nlohmann::json::parse(run_ctl({"check", "--json", "--all", device}).out);
     for (const nlohmann::json &finding : report.at("findings")) {
         MapTable &table = table_of(tables, finding.at("table"));
         const std::uint64_t no = finding.at("no");

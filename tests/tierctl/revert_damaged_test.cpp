@@ -94,7 +94,11 @@ TEST_P(RevertDamaged, SuperBlock)
     fs::remove(saved);
     fs::copy_file(cache.device.path(), saved);
     put_block(cache.device, SUPER_OFFSET, sound);
-    expect_refused("super", 0, saved + " has no super block of a known layout");
+    const RunResult refused = revert("super", 0);
+    EXPECT_EQ(refused.status, 1) << refused;
+    EXPECT_TRUE(
+        refused.err.starts_with("zu_tierctl: " + saved + " has a damaged super block of layout "))
+        << refused;
     const RunResult done = revert("super", 0, {"--damaged", "--commit"});
     EXPECT_EQ(done.status, 0) << done;
     EXPECT_NE(done.out.find("\nthen damaged: checksum\n"), std::string::npos) << done;

@@ -52,11 +52,22 @@ TEST_F(TemplateCommand, Tables)
            "extent 18446744073709551615: the table has 4 entries");
 }
 
+// Control characters as the program shows them.
+std::string one_line(const std::string &words)
+{
+    std::string line;
+    for (const char byte : words)
+        line +=
+            byte < ' ' ? text("\\x%02x", static_cast<unsigned char>(byte)) : std::string(1, byte);
+    return line;
+}
+
 TEST_F(TemplateCommand, Numbers)
 {
     for (const std::string &no : NO_NUMBERS)
         refuse({"inode", no}, 2,
-               "NO " + no + ": expected a number of up to 64 bits, or several as in 3,7,9..12");
+               "NO " + one_line(no) +
+                   ": expected a number of up to 64 bits, or several as in 3,7,9..12");
     refuse({"inode", ""}, 2, "NO is required");
     EXPECT_EQ(run_template(device, {"inode", "-1"}).status, 2);
     EXPECT_EQ(run_template(device, {"inode", "007"}).status, 2);

@@ -74,10 +74,10 @@ void check_conversion(const Metadata &metadata, const Device &device, const Tabl
             has_tables(*layout, metadata, device)) {
             findings.add(
                 {"tables_of_another_layout"}, SUPER_PLACE,
-                fmt::format("the tables are those of layout {0}: zu_tier -p {1} -v {2} -c "
+                fmt::format("the tables are those of layout {0}: {1} -v {2} -c "
                             "{3} -f FILE makes their super block, where FILE is the output "
                             "of dump_super",
-                            layout->name, shell_word(device.path()), layout->version,
+                            layout->name, tool_command(device.path()), layout->version,
                             layout->conversion));
         }
     }
