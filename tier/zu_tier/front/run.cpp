@@ -57,28 +57,28 @@ int32_t run_command(zutr_params_t *params)
     return ret == 0 ? handler(params) : ret;
 }
 
-/* Flushes `stream`. Gives the error number of its first failed write, or 0. */
+/* Flushes `stream`. Gives 0, or the negative errno of its first failed write. */
 int32_t finish_stream(FILE *stream)
 {
     if (ferror(stream) != 0) {
         /* GCOVR_EXCL_BR_START: the C library says why */
-        return zutr_output_errno() != 0 ? zutr_output_errno() : EIO;
+        return zutr_output_errno() != 0 ? -zutr_output_errno() : -EIO;
         /* GCOVR_EXCL_BR_STOP */
     }
-    return fflush(stream) == 0 ? 0 : errno;
+    return fflush(stream) == 0 ? 0 : -errno;
 }
 
 /* A truncated dump must not look complete, nor a block that was written untouched. */
-int32_t judge_output(int32_t cause, int64_t written)
+int32_t judge_output(int32_t ret, int64_t written)
 {
-    if (cause == 0) {
+    if (ret == 0) {
         return 0;
     }
     if (written >= 0) {
-        zutr_error(FUNC, "write output failed:%s, the block at %ld was written", strerror(cause),
+        zutr_error(FUNC, "write output failed:%s, the block at %ld was written", strerror(-ret),
                    written);
     } else {
-        zutr_error(FUNC, "write output failed:%s", strerror(cause));
+        zutr_error(FUNC, "write output failed:%s", strerror(-ret));
     }
     return -EIO;
 }
@@ -86,14 +86,14 @@ int32_t judge_output(int32_t cause, int64_t written)
 /* Flushes the outputs and closes the output file. Gives 0 or -EIO. */
 int32_t finish_output(zutr_params_t *params)
 {
-    int32_t cause = finish_stream(stdout);
+    int32_t ret = finish_stream(stdout);
     if (params->out_path != nullptr) {
-        cause = cause != 0 ? cause : finish_stream(params->out_fp);
+        ret = ret != 0 ? ret : finish_stream(params->out_fp);
         const bool closed = fclose(params->out_fp) == 0;
         params->out_fp = nullptr;
-        cause = cause == 0 && !closed ? errno : cause;
+        ret = ret == 0 && !closed ? -errno : ret;
     }
-    return judge_output(cause, params->written);
+    return judge_output(ret, params->written);
 }
 
 } // namespace
