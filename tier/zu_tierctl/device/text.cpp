@@ -176,6 +176,19 @@ std::string text_shape(std::string_view text)
     return shape;
 }
 
+std::vector<std::string_view> split(std::string_view text, char delimiter)
+{
+    std::vector<std::string_view> parts;
+    while (true) {
+        const size_t end = text.find(delimiter);
+        parts.push_back(text.substr(0, end));
+        if (end == std::string_view::npos) {
+            return parts;
+        }
+        text.remove_prefix(end + 1);
+    }
+}
+
 std::string range_text(uint64_t first, uint64_t last)
 {
     return first == last ? std::to_string(first) : fmt::format("{}..{}", first, last);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tierctl {
 
@@ -23,6 +24,9 @@ std::string one_line(std::string_view text);
 /* The text with # in place of each word that has a digit, and of each text in quotation marks: what
  * sentences about different entries have in common. */
 std::string text_shape(std::string_view text);
+
+/* The parts of a text between the delimiters; of an empty text the empty one. */
+std::vector<std::string_view> split(std::string_view text, char delimiter);
 
 /* "7", "20..4047" */
 std::string range_text(uint64_t first, uint64_t last);

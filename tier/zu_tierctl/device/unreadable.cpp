@@ -33,7 +33,7 @@ Json read_list(const std::string &path)
         return Json::array();
     }
     const std::unique_ptr<FILE, CloseFile> file(fd < 0 ? nullptr : fdopen(fd, "r"));
-    const Json list = file != nullptr ? Json::parse(file.get(), nullptr, false) : Json();
+    Json list = file != nullptr ? Json::parse(file.get(), nullptr, false) : Json();
     if (file == nullptr || ferror(file.get()) != 0) {
         throw_errno("cannot read " + path);
     }

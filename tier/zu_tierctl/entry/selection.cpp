@@ -2,10 +2,10 @@
 
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
+#include "zu_tierctl/device/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <ranges>
 
 namespace tierctl {
 
@@ -43,11 +43,6 @@ void require_entry(const Table &table, uint64_t no)
     }
 }
 
-std::string range_text(uint64_t first, uint64_t last)
-{
-    return first == last ? std::to_string(first) : fmt::format("{}{}{}", first, RANGE, last);
-}
-
 } // namespace
 
 EntryOperands read_operands(const std::string &table, const std::string &numbers)
@@ -60,11 +55,8 @@ EntryOperands read_operands(const std::string &table, const std::string &numbers
     }
     EntryOperands operands{
         table.substr(0, colon), entries ? table.substr(colon + 1) : numbers, entries, {}};
-    for (const auto part : std::views::split(std::string_view(operands.numbers), ',')) {
-        operands.ranges.push_back(read_range({part.begin(), part.end()}));
-    }
-    if (operands.ranges.empty()) {
-        read_range("");
+    for (const std::string_view part : split(operands.numbers, ',')) {
+        operands.ranges.push_back(read_range(part));
     }
     return operands;
 }
@@ -102,8 +94,8 @@ Selection select_slots(const std::vector<Table> &tables, const EntryOperands &op
         }
     }
     std::ranges::sort(selection.slots);
-    const auto repeated = std::ranges::unique(selection.slots);
-    selection.slots.erase(repeated.begin(), repeated.end());
+    selection.slots.erase(std::unique(selection.slots.begin(), selection.slots.end()),
+                          selection.slots.end());
     return selection;
 }
 

@@ -13,7 +13,6 @@
 #include <fmt/core.h>
 #include <limits>
 #include <map>
-#include <ranges>
 #include <utility>
 
 namespace tierctl {
@@ -267,8 +266,8 @@ void TableBuilder::finish()
         }
     }
     std::ranges::stable_sort(map_.use.owners, [](const MapOwner &a, const MapOwner &b) {
-        return std::ranges::lexicographical_compare(b.entries | std::views::reverse,
-                                                    a.entries | std::views::reverse);
+        return std::lexicographical_compare(b.entries.rbegin(), b.entries.rend(),
+                                            a.entries.rbegin(), a.entries.rend());
     });
     map_.ages.assign(std::begin(AGES), std::end(AGES));
     if (accesses_.empty()) {

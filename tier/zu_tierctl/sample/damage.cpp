@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
+#include "zu_tierctl/device/text.h"
 #include "zu_tierctl/sample/random.h"
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <fmt/core.h>
 #include <optional>
-#include <ranges>
 #include <string_view>
 
 namespace tierctl {
@@ -58,16 +58,6 @@ constexpr DamageKind KINDS[] = {
     throw UsageError(fmt::format("--damage {}: {}", text, why));
 }
 
-/* The parts of "inode:7:bit". */
-std::vector<std::string_view> split(std::string_view text)
-{
-    std::vector<std::string_view> parts;
-    for (const auto part : std::views::split(text, ':')) {
-        parts.emplace_back(part.begin(), part.end());
-    }
-    return parts;
-}
-
 /* The item called `name` among those of `list` that apply. If there is none, throws a complaint
  * about `text` in which `what` names the list. */
 template <class List, class Applies>
@@ -99,7 +89,7 @@ const DamageKind &choose_kind(const Table &table, std::span<const std::string_vi
 
 Damage parse(const std::string &text, std::span<const Table> tables)
 {
-    const std::vector<std::string_view> parts = split(text);
+    const std::vector<std::string_view> parts = split(text, ':'); /* "inode:7:bit" */
     if (parts.size() != 2 && parts.size() != 3) {
         refuse(text, "expected TABLE:NO or TABLE:NO:KIND");
     }
