@@ -19,7 +19,7 @@ run_sanitized_tests() {
     run_tests "unit, under the sanitizers" build-sanitize/unit_tests \
         --gtest_filter='-*.EveryZoneOfTheMachine'
     local -x ZU_TIER_PROGRAMS=$PWD/build-sanitize
-    run_tests "fault, under the sanitizers" build/fault_tests
+    run_tests "fault, under the sanitizers" build/fault_tests --gtest_filter='-Interrupted.*'
     # The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for
     # them. Keeping the place of each allocation takes another sixth.
     local -x ASAN_OPTIONS=detect_leaks=0:malloc_context_size=1
