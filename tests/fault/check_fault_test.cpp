@@ -144,6 +144,13 @@ TEST_F(CheckFaults, NoMemory)
     EXPECT_EQ(run.err, "zu_tierctl: std::bad_alloc\n");
 }
 
+TEST_F(CheckFaults, JsonWithoutMemory)
+{
+    const RunResult run = check("posix_memalign=ENOMEM", {"--json"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(nlohmann::json::parse(run.out).at("error"), "std::bad_alloc") << run;
+}
+
 TEST_F(CheckFaults, LostOutput)
 {
     const RunResult run = check("write=ENOSPC");

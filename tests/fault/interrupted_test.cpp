@@ -30,6 +30,13 @@ protected:
     const std::string file = directory.path("saved");
     const std::string list = file + ".unreadable.json";
 
+    // The programs inherit what the test run ignores, as one under nohup does.
+    void SetUp() override
+    {
+        for (const int number : {SIGHUP, SIGINT, SIGTERM})
+            signal(number, SIG_DFL);
+    }
+
     RunResult run(const std::vector<std::string> &args, const std::string &faults) const
     {
         RunOptions options;

@@ -95,6 +95,23 @@ TEST(CheckConversion, IsPartOfTheSuperBlock)
         EXPECT_EQ(finding.table, "extent");
 }
 
+// It is the first line, and the only cause, whichever findings are asked for.
+TEST(CheckConversion, IsTheOneCause)
+{
+    const Device device = convertible();
+    const std::string first = "cause: the tables are those of layout v2: zu_tier -l tier.log -p " +
+                              device.path() + " -v 2 -c convert_super";
+    for (const std::vector<std::string> &options :
+         std::vector<std::vector<std::string>>{{}, {"--table", "extent"}, {"--summary"}}) {
+        std::vector<std::string> args{"check", device.path()};
+        args.insert(args.end(), options.begin(), options.end());
+        const RunResult run = run_program(ZU_TIERCTL, args);
+        EXPECT_EQ(run.status, 1) << run;
+        EXPECT_TRUE(run.out.starts_with(first)) << run;
+        EXPECT_EQ(run.out.find("\ncause: "), std::string::npos) << run;
+    }
+}
+
 // Numbers for which the rule of the pieces has no answer, or of which the probe must not read much.
 TEST(CheckConversion, StrangeSuperBlocks)
 {

@@ -4,10 +4,14 @@
 #include "cache.h"
 #include "check_run.h"
 
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 
 using namespace tier_test;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -123,6 +127,25 @@ TYPED_TEST(CheckFlood, AFewAreNoCause)
     EXPECT_EQ(run_check(device.path()).causes.size(), 0U);
 }
 
+// A block that cannot be read may hide one entry; many may hide all.
+TYPED_TEST(CheckFlood, BlocksThatCannotBeRead)
+{
+    const Device device = this->spoiled(4, 0);
+    for (const auto &[count, causes] :
+         std::map<std::uint64_t, std::size_t>{{1, 1}, {16, 1}, {17, 0}}) {
+        const std::string list = device.path() + ".unreadable.json";
+        std::ofstream(list) << text(R"([{"table":"inode","no":20,"count":%lu,"offset":%ld}])",
+                                    count, inode_offset(this->world.sb, 20));
+        const Report report = run_check_in_runs(device.path(), {"--table", "inode"});
+        ASSERT_EQ(report.causes.size(), causes) << count;
+        if (causes != 0) {
+            EXPECT_EQ(report.causes[0].text,
+                      "inode 4..39 are no inodes: inode_cnt 40, the last inode found is 3");
+        }
+        fs::remove(list);
+    }
+}
+
 TYPED_TEST(CheckFlood, RunsEndWhereEntriesAreSoundOrOtherwiseDamaged)
 {
     Device device = this->spoiled(20, 0);
@@ -167,10 +190,11 @@ TYPED_TEST(CheckFlood, AllAndSummary)
     EXPECT_EQ(summary.out.find("error: "), std::string::npos);
 
     const auto json = nlohmann::ordered_json::parse(check(device, {"--summary", "--json"}).out);
-    EXPECT_EQ(json.at("findings").dump(),
-              R"([{"kind":"bad_checksum","table":"inode","no":20,"last":39,"count":20},)"
-              R"({"kind":"bad_magic","table":"inode","no":20,"last":39,"count":20},)"
-              R"({"kind":"bad_number","table":"inode","no":20,"last":39,"count":20}])");
+    EXPECT_EQ(
+        json.at("findings").dump(),
+        R"([{"kind":"bad_checksum","table":"inode","unit":"entry","no":20,"last":39,"count":20},)"
+        R"({"kind":"bad_magic","table":"inode","unit":"entry","no":20,"last":39,"count":20},)"
+        R"({"kind":"bad_number","table":"inode","unit":"entry","no":20,"last":39,"count":20}])");
     const auto runs = nlohmann::ordered_json::parse(check(device, {"--json"}).out);
     EXPECT_EQ(json.at("kinds"), runs.at("kinds"));
     EXPECT_EQ(json.at("tables"), runs.at("tables"));

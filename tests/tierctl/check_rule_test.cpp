@@ -210,6 +210,8 @@ TYPED_TEST(CheckExtentRules, BlocksOfFiles)
 {
     const std::uint64_t block = this->world.sb.block_size;
     this->world.extents.resize(2);
+    if constexpr (requires { this->world.extents[0].maps; })
+        this->world.extents[0].maps.clear(); // which have places of their own
     this->world.extents[0].block = 0xFFFF'FFFF;
     this->world.inodes[0].size = 0xFFFF'FFFF * block + 1;
     this->world.extents[1].block = 7;
@@ -282,6 +284,18 @@ TEST_F(CheckRulesV2, TextsOfPieces)
         world.extents[0].maps[31] = piece;
         EXPECT_EQ(only_text(), text);
     }
+}
+
+TEST_F(CheckRulesV2, PiecesPastTheirFile)
+{
+    world.extents[0].maps = {{0, {0, 1, 4096, 0, 1}}, {2, {1'000'000, 1, 4096, 1, 1}}};
+    world.inodes[0].size = 1'000'001;
+    expect({});
+    world.inodes[0].size = 1'000'000;
+    expect({error("piece_past_file", "extent", 0, extent_at(0))});
+    EXPECT_EQ(only_text(), "piece 2 begins at byte 1000000 of its file, which has 1000000");
+    world.extents[0].maps[2].orig_len = 0; // no piece
+    expect({});
 }
 
 TEST_F(CheckRulesV2, PiecesOfOneOffset)

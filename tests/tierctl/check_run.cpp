@@ -164,7 +164,7 @@ Device WorldV1::device() const { return whole(make_v1_device(sb, bricks, inodes,
 WorldV2::WorldV2()
 {
     extents[0].maps[0] = {0x7000, 1, 32768, 0, 8};
-    extents[0].maps[2] = {0x8000'0000'0000'0000U, 0, 1, 200, 1};
+    extents[0].maps[2] = {0x1000'0000'0000'0000U, 0, 1, 200, 1};
     extents[0].maps[3] = {4096, 1, 192 * 4096, 8, 192};
 }
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -289,14 +290,22 @@ TEST_F(Save, NothingIsOverwritten)
     EXPECT_TRUE(cache.device.bytes() == before);
 }
 
-TEST_F(Save, AnIncompleteFileIsNotSavedAgain)
+// What the first file lacks the second lacks, and lists.
+TEST_F(Save, AnIncompleteFileIsSavedWithItsList)
 {
     const Cache cache = make_cache("v3");
     fs::resize_file(cache.device.path(), static_cast<std::uint64_t>(cache.offset("extent", 1)));
     ASSERT_EQ(save(cache.device.path()).status, 1);
     const std::string again = directory.path("again");
-    expect_complaint(run_ctl({"save", file, again}), 1, file + " is incomplete: see " + list);
-    EXPECT_FALSE(fs::exists(again));
+    const std::string lacking = again + ".unreadable.json";
+    expect_complaint(run_ctl({"save", file, again}), 1, again + " is incomplete: see " + lacking);
+    EXPECT_TRUE(read_file(again) == read_file(file));
+    auto first = nlohmann::json::parse(read_file(list));
+    auto second = nlohmann::json::parse(read_file(lacking));
+    for (auto *runs : {&first, &second})
+        for (auto &run : *runs)
+            EXPECT_EQ(run.erase("error"), 1U);
+    EXPECT_EQ(first, second);
 }
 
 TEST_F(Save, FileThatMayNotBeSoLarge)

@@ -36,7 +36,8 @@ protected:
     }
     std::string note(const std::string &file) const
     {
-        return "zu_tierctl: the super block is that of " + file + ", not of " + device + "\n";
+        return "zu_tierctl: the super block is that of " + file + ", not of " + device +
+               ", which needs one before zu_tier can read it\n";
     }
 
     // Each kind of file that has the super block.
@@ -143,8 +144,8 @@ TEST_P(SuperFile, DiffUsesItForTheSideThatLacksOne)
         EXPECT_EQ(run.status, 1) << run;
         EXPECT_TRUE(run.out.starts_with("super 0, all zero in A, sound in B\n")) << run;
         EXPECT_EQ(run.out.find("\ninode "), std::string::npos);
-        EXPECT_EQ(run.err,
-                  "zu_tierctl: the super block is that of " + file + ", not of " + copy + "\n");
+        EXPECT_EQ(run.err, "zu_tierctl: the super block is that of " + file + ", not of " + copy +
+                               ", which needs one before zu_tier can read it\n");
     }
     EXPECT_EQ(run_ctl({"diff", copy, device}).status, 2);
 }

@@ -18,8 +18,12 @@ struct Cause {
     std::string text;
 };
 
-/* Looks for such a cause in the `region` th area of a table. Reads its last slots only, up to the
- * first that is sound. */
+/* The cause of a finding about nearly every entry: a super block that a conversion would replace.
+ */
+std::optional<Cause> find_conversion(const Device &device, const Metadata &metadata);
+
+/* Looks for a cause in area number `region` of a table. Reads its last slots only, up to one that
+ * is sound. */
 std::optional<Cause> find_cause(const Device &device, const Metadata &metadata, const Table &table,
                                 size_t region);
 

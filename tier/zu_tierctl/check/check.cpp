@@ -21,7 +21,7 @@ public:
     Check(const CheckOptions &options, const Device &device, const Metadata &metadata,
           Report &report, Watcher *watcher)
         : options_(options), device_(device), metadata_(metadata), report_(report),
-          watcher_(watcher)
+          watcher_(watcher), conversion_(find_conversion(device, metadata))
     {
     }
 
@@ -52,6 +52,9 @@ private:
 
     std::vector<Cause> causes() const
     {
+        if (conversion_) {
+            return {*conversion_};
+        }
         std::vector<Cause> found;
         for (auto table = metadata_.tables.begin() + 1; table != metadata_.tables.end(); ++table) {
             const size_t regions =
@@ -67,16 +70,16 @@ private:
 
     void check_super_block(const Table &table)
     {
+        const TableFindings findings(wanted(table) ? &report_ : nullptr, table);
         begin_table(table);
-        if (watcher_ != nullptr) {
+        check_super(metadata_, conversion_, device_.size(), findings);
+        const Counts counts = options_.super_file.empty() ? Counts{.entries = 1, .in_use = 1}
+                                                          : check_own_super(table, findings);
+        add_counts(table, counts);
+        if (watcher_ != nullptr && counts.in_use != 0) {
             watcher_->add_in_use(0, metadata_.super_block.data());
-        }
-        if (wanted(table)) {
-            const TableFindings findings(&report_, table);
-            check_super(metadata_, device_, findings);
-            report_.add_counts(table.name, options_.super_file.empty()
-                                               ? Counts{.entries = 1, .in_use = 1}
-                                               : check_own_super(table, findings));
+        } else if (watcher_ != nullptr) {
+            watcher_->add_lost(0, 1, counts.damaged != 0 ? &Counts::damaged : &Counts::unreadable);
         }
     }
 
@@ -136,18 +139,20 @@ private:
     const Metadata &metadata_;
     Report &report_;
     Watcher *watcher_;
+    std::optional<Cause> conversion_;
     std::map<std::string_view, States> states_; /* by table */
 };
 
-/* What all passes but the last find, each after a pause; fewer passes when one finds nothing. */
-Seen find_lasting(const CheckOptions &options, const Device &device)
+/* What all passes but the last find, each followed by a pause; fewer passes when one finds nothing.
+ */
+Seen find_lasting(const CheckOptions &options, const Device &device, const Metadata &metadata)
 {
     constexpr int PASSES = 3;
     Seen seen;
     for (int pass = 1; pass < PASSES; pass++) {
         SeenReport report(options.device);
         report.keep_only(pass > 1 ? &seen : nullptr);
-        check_metadata(options, device, read_metadata(device, options.super_file), report, nullptr);
+        check_metadata(options, device, metadata, report, nullptr);
         seen = report.seen();
         if (seen.empty()) {
             break;
@@ -181,8 +186,8 @@ bool check(const CheckOptions &options)
     try {
         const Device device(options.device, Access::read_only);
         hint_in_use(options.device);
-        const Seen seen = options.live ? find_lasting(options, device) : Seen();
         const Metadata metadata = read_metadata(device, options.super_file);
+        const Seen seen = options.live ? find_lasting(options, device, metadata) : Seen();
         for (const std::string &name : options.tables) {
             find_table(metadata.tables, name);
         }

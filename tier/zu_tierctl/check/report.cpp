@@ -78,7 +78,9 @@ private:
         text += "\n\n";
         if (detail() == Detail::summary) {
             for (const auto &[what, range] : ranges()) {
-                text += fmt::format("{:<32} {:>12} {} {}\n", what.first, range.count, what.second,
+                const auto &[kind, table, unit] = what;
+                text += fmt::format("{:<32} {:>12} {}{} {}\n", kind, range.count, table,
+                                    unit == "block" ? " block" : "",
                                     range_text(range.first, range.last));
             }
         } else {
@@ -114,6 +116,7 @@ private:
               "\n"
               R"("findings":[)",
               json_text(device_), layout_, text);
+        begun_ = true;
     }
 
     void write(const Finding &finding) override
@@ -131,6 +134,9 @@ private:
 
     void write_failure(std::string_view error) override
     {
+        if (!begun_) {
+            write_causes({});
+        }
         write_document_end(",\n\"error\":" + json_text(error));
     }
 
@@ -153,8 +159,9 @@ private:
     void write_ranges()
     {
         for (const auto &[what, range] : ranges()) {
-            print(R"({}{{"kind":"{}","table":"{}","no":{},"last":{},"count":{}}})", delimiter_,
-                  what.first, what.second, range.first, range.last, range.count);
+            const auto &[kind, table, unit] = what;
+            print(R"({}{{"kind":"{}","table":"{}","unit":"{}","no":{},"last":{},"count":{}}})",
+                  delimiter_, kind, table, unit, range.first, range.last, range.count);
             delimiter_ = ",\n";
         }
     }
@@ -162,6 +169,7 @@ private:
     std::string device_;
     std::string layout_;
     const char *delimiter_ = "\n";
+    bool begun_ = false;
 };
 
 } // namespace
@@ -194,8 +202,8 @@ void Report::add(const Finding &finding)
         return;
     }
     findings_ = add_limited(findings_, finding.count);
-    const auto [place, is_new] = ranges_.try_emplace({finding.kind.name, finding.table},
-                                                     KindRange{finding.no, finding.last, 0});
+    const auto [place, is_new] = ranges_.try_emplace(
+        {finding.kind.name, finding.table, finding.unit}, KindRange{finding.no, finding.last, 0});
     KindRange &range = place->second;
     range.first = std::min(range.first, finding.no);
     range.last = std::max(range.last, finding.last);
@@ -230,7 +238,7 @@ std::map<std::string, uint64_t> Report::kinds() const
 {
     std::map<std::string, uint64_t> kinds;
     for (const auto &[what, range] : ranges_) {
-        uint64_t &count = kinds[what.first];
+        uint64_t &count = kinds[std::get<0>(what)];
         count = add_limited(count, range.count);
     }
     return kinds;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -85,8 +86,9 @@ public:
     uint64_t findings() const { return findings_; }
 
 protected:
-    /* By kind and table. */
-    using KindRanges = std::map<std::pair<std::string, std::string_view>, KindRange>;
+    /* By kind, table and unit. */
+    using KindRanges =
+        std::map<std::tuple<std::string, std::string_view, std::string_view>, KindRange>;
 
     Detail detail() const { return detail_; }
     const std::vector<std::pair<std::string_view, Counts>> &counts() const { return counts_; }

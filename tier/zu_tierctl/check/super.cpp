@@ -1,20 +1,10 @@
 #include "zu_tierctl/check/table.h"
 
-#include "zu_tierctl/device/text.h"
-#include "zu_tierctl/entry/log_capture.h"
-
 #include <fmt/format.h>
 
 namespace tierctl {
 
 namespace {
-
-/* Whether the tables are of the layout. What the tool logs of its search is dropped. */
-bool has_tables(const tier_layout &layout, const Metadata &metadata, const Device &device)
-{
-    const LogCapture log;
-    return layout.has_tables(metadata.super(), device.fd(), device.size());
-}
 
 constexpr EntryPlace SUPER_PLACE = {0, 0, TIER_SUPER_OFFSET};
 
@@ -66,28 +56,14 @@ void check_areas(const std::vector<tier_area> &areas, uint64_t device_size,
     }
 }
 
-/* The one cause of a finding about each extent. */
-void check_conversion(const Metadata &metadata, const Device &device, const TableFindings &findings)
-{
-    for (const tier_layout *layout : tier_layouts()) {
-        if (layout != metadata.layout && layout->has_tables != nullptr &&
-            has_tables(*layout, metadata, device)) {
-            findings.add(
-                {"tables_of_another_layout"}, SUPER_PLACE,
-                fmt::format("the tables are those of layout {0}: {1} -v {2} -c "
-                            "{3} -f FILE makes their super block, where FILE is the output "
-                            "of dump_super",
-                            layout->name, tool_command(device.path()), layout->version,
-                            layout->conversion));
-        }
-    }
-}
-
 } // namespace
 
-void check_super(const Metadata &metadata, const Device &device, const TableFindings &findings)
+void check_super(const Metadata &metadata, const std::optional<Cause> &conversion,
+                 uint64_t device_size, const TableFindings &findings)
 {
-    check_conversion(metadata, device, findings);
+    if (conversion) {
+        findings.add({"tables_of_another_layout"}, SUPER_PLACE, conversion->text);
+    }
     EntryFindings rule_findings(findings, SUPER_PLACE);
     const void *sb = metadata.super();
     for (const tier_rule &rule : metadata.tables.front().row->rules) {
@@ -95,7 +71,7 @@ void check_super(const Metadata &metadata, const Device &device, const TableFind
             rule.explain(sb, rule.kind, rule_findings);
         }
     }
-    check_areas(metadata.layout->areas(sb), device.size(), findings);
+    check_areas(metadata.layout->areas(sb), device_size, findings);
 }
 
 } // namespace tierctl

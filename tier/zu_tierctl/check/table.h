@@ -6,6 +6,7 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
+#include <optional>
 
 namespace tierctl {
 
@@ -31,7 +32,8 @@ struct TableOutcome {
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
 
 /* Reports what is wrong in the super block: that it is of another layout than the tables, its
- * parameters, and the places of its areas on the device. */
-void check_super(const Metadata &metadata, const Device &device, const TableFindings &findings);
+ * parameters, and the places of its areas on a device of so many bytes. */
+void check_super(const Metadata &metadata, const std::optional<Cause> &conversion,
+                 uint64_t device_size, const TableFindings &findings);
 
 } // namespace tierctl

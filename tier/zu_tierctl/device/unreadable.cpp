@@ -120,17 +120,6 @@ void UnreadableList::add_stretch(const UnreadableRun &run)
     }
 }
 
-bool UnreadableList::holds(const std::string &table, uint64_t no) const
-{
-    const auto place = [](const UnreadableRun &run) { return std::tie(run.table, run.no); };
-    const auto after = std::ranges::upper_bound(runs_, std::tie(table, no), {}, place);
-    if (after == runs_.begin()) {
-        return false;
-    }
-    const UnreadableRun &run = *std::prev(after);
-    return run.table == table && no - run.no < run.count;
-}
-
 bool UnreadableList::touches(int64_t offset, size_t length) const
 {
     const auto start = static_cast<uint64_t>(offset);

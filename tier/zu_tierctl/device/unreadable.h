@@ -54,7 +54,6 @@ public:
     explicit UnreadableList(const std::string &saved);
 
     bool empty() const { return runs_.empty(); }
-    bool holds(const std::string &table, uint64_t no) const;
 
     /* Whether any of so many bytes from `offset` on, which is not negative, lies in a block of the
      * list. */

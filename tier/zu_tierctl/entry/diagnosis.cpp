@@ -93,7 +93,7 @@ private:
                                  both);
     }
 
-    /* The one bit of the content without whose change the checksum would be right. */
+    /* The one bit of the content that must be flipped to make the checksum right. */
     std::optional<size_t> wrong_bit() const
     {
         for (size_t bit = 0; bit < size_t{length_} * 8; bit++) {
@@ -155,6 +155,12 @@ std::optional<Suspect> find_suspect(const Block &block)
 }
 
 } // namespace
+
+std::vector<std::string> super_flaws(const Block &block)
+{
+    const std::optional<Suspect> suspect = find_suspect(block);
+    return suspect ? suspect->reasons() : std::vector<std::string>();
+}
 
 std::string diagnose_super(const std::string &device, const Block &block)
 {

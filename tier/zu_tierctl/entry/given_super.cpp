@@ -15,16 +15,6 @@ namespace {
 
 constexpr size_t TEXT_MAX = SIZE_1M; /* of a repair file */
 
-std::optional<Metadata> metadata_of(const Block &block, const Device &device)
-{
-    for (const tier_layout *layout : tier_layouts()) {
-        if (is_super(*layout, block)) {
-            return make_metadata(*layout, block, device);
-        }
-    }
-    return std::nullopt;
-}
-
 /* The block where the super block lies, or the only one. */
 Block read_block(const Device &file)
 {
@@ -73,7 +63,7 @@ Metadata build(const std::string &path, const Device &device)
 bool has_super(const Device &device)
 {
     alignas(SIZE_4K) Block block;
-    return device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K) && metadata_of(block, device);
+    return device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K) && layout_of(block) != nullptr;
 }
 
 Metadata read_metadata(const Device &device, const std::string &super_file)
@@ -82,12 +72,13 @@ Metadata read_metadata(const Device &device, const std::string &super_file)
         return read_metadata(device);
     }
     const Device file(super_file, Access::read_only);
-    std::optional<Metadata> metadata = metadata_of(read_block(file), device);
-    if (!metadata) {
-        metadata = build(super_file, device);
-    }
-    complain(fmt::format("the super block is that of {}, not of {}", super_file, device.path()));
-    return *metadata;
+    const Block block = read_block(file);
+    const tier_layout *layout = layout_of(block);
+    Metadata metadata =
+        layout != nullptr ? make_metadata(*layout, block, device) : build(super_file, device);
+    complain(fmt::format("the super block is that of {}, not of {}{}", super_file, device.path(),
+                         has_super(device) ? "" : ", which needs one before zu_tier can read it"));
+    return metadata;
 }
 
 } // namespace tierctl

@@ -29,7 +29,7 @@ std::vector<std::string> LogCapture::messages() const
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with("[ERROR] [")) {
             messages.push_back(line.substr(line.find("] ", line.find("] ") + 2) + 2));
-        } else {
+        } else if (!messages.empty()) {
             messages.back() += '\n' + line;
         }
     }

@@ -3,6 +3,7 @@
 #include "zu_tier/record/text.h"
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/check/states.h"
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/fields.h"
 #include "zu_tierctl/entry/given_super.h"
@@ -352,9 +353,11 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max,
              const std::string &super_file, bool quick)
 {
     const Device device(device_path, Access::read_only);
+    hint_in_use(device_path);
     const Metadata metadata = read_metadata(device, super_file);
     Map map;
     map.device = device_path;
+    map.super_file = super_file;
     map.quick = quick;
     map.layout = metadata.layout->name;
     for (const tier_column &column : metadata.tables.front().row->fields()) {

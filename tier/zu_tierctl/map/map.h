@@ -102,6 +102,7 @@ struct Map {
     static constexpr uint64_t KIND_MAX = 1000;
 
     std::string device;
+    std::string super_file; /* with its super block; empty: the device's own */
     std::string_view layout;
     std::string identity;
     std::string created;

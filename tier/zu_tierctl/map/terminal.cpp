@@ -332,7 +332,9 @@ std::string draw_terminal(const Map &map, size_t width, bool colours)
         lines.end_line();
         lines.add_words(BOLD, fmt::format("{}", map.findings_count));
         lines.add_words(PLAIN, "findings; to see them:");
-        lines.add_phrase(PLAIN, "zu_tierctl check " + shown_text(shell_word(map.device)));
+        const std::string option =
+            map.super_file.empty() ? "" : "--super " + shell_word(map.super_file) + ' ';
+        lines.add_phrase(PLAIN, "zu_tierctl check " + option + shell_word(map.device));
         lines.end_line();
     }
     if (map.quick) {

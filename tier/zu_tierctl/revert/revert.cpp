@@ -5,11 +5,9 @@
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/progress.h"
-#include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/revert/same_cache.h"
 
-#include <cstring>
 #include <fmt/core.h>
 #include <optional>
 #include <span>
@@ -25,7 +23,7 @@ public:
         : options_(options), saved_(options.saved, Access::read_only),
           device_(options.device, options.commit ? Access::exclusive : Access::read_only),
           metadata_(read_either()), selection_(select_slots(metadata_.tables, options.entries)),
-          table_(selection_.table), unreadable_(options.saved)
+          table_(selection_.table)
     {
     }
 
@@ -39,16 +37,14 @@ public:
         for (const std::string &note : selection_.notes) {
             complain(note);
         }
-        for (const uint64_t no : selection_.slots) {
-            load(no);
-            if (now_is_read_ && now_ == then_) {
-                print("{} is the same in both: nothing to do\n", name(no));
-            } else {
-                show(no);
-                changes_.push_back(change(no));
+        try {
+            show_all(); /* the operator must see what is replaced before it is written */
+        } catch (const OutputClosed &error) {
+            if (!options_.commit) {
+                throw;
             }
+            throw std::runtime_error(fmt::format("nothing was written: {}", error.what()));
         }
-        finish_output(); /* the operator must see what is replaced before it is written */
         if (changes_.empty()) {
             return;
         }
@@ -68,6 +64,20 @@ private:
 
         bool operator==(const Change &) const = default;
     };
+
+    void show_all()
+    {
+        for (const uint64_t no : selection_.slots) {
+            load(no);
+            if (now_is_read_ && now_ == then_) {
+                print("{} is the same in both: nothing to do\n", name(no));
+            } else {
+                show(no);
+                changes_.push_back(change(no));
+            }
+        }
+        finish_output();
+    }
 
     bool is_super() const { return options_.entries.table == SUPER_TABLE; }
 
@@ -115,11 +125,12 @@ private:
 
     void load_saved(uint64_t no)
     {
-        if (unreadable_.holds(std::string(table_.name), no)) {
-            throw std::runtime_error(name(no) + " is missing in " + saved_.path() +
-                                     ": it could not be read when that was saved");
-        }
-        if (!saved_.read(table_.slot(no), then_.data(), SIZE_4K)) {
+        const int64_t offset = table_.slot(no);
+        if (!saved_.read(offset, then_.data(), SIZE_4K)) {
+            if (offset >= 0 && saved_.unreadable().touches(offset, SIZE_4K)) {
+                throw std::runtime_error(name(no) + " is missing in " + saved_.path() +
+                                         ": it could not be read when that was saved");
+            }
             throw_errno("cannot read " + name(no) + " in " + saved_.path());
         }
         damage_ = damage(no);
@@ -166,7 +177,8 @@ private:
         const Entry then{metadata_, table_, no, then_.data()};
         const Entry now{metadata_, table_, no, now_.data()};
         print("{} at byte {}\nnow:  {}\nthen: {}\n", name(no), table_.slot(no),
-              now_is_read_ ? entry_text(now) : fmt::format("cannot be read: {}", strerror(error_)),
+              now_is_read_ ? entry_text(now)
+                           : fmt::format("cannot be read: {}", error_text(error_)),
               entry_text(then));
         if (!damage_.empty()) {
             print("then damaged: {}\n", damage_);
@@ -232,7 +244,6 @@ private:
     Metadata metadata_;
     Selection selection_;
     const Table &table_;
-    UnreadableList unreadable_;
     std::vector<Change> changes_;
     std::string damage_; /* of the entry that was loaded last */
     bool now_is_read_ = false;

@@ -56,10 +56,6 @@ bool save(const std::string &device_path, const std::string &file_path,
 {
     const Device device(device_path, Access::read_only);
     const Metadata metadata = read_metadata(device, super_file);
-    if (!device.unreadable().empty()) {
-        throw std::runtime_error(device_path + " is incomplete: see " +
-                                 unreadable_path(device_path));
-    }
     hint_in_use(device_path);
     refuse_existing(file_path);
     refuse_existing(unreadable_path(file_path));

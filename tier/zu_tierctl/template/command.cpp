@@ -1,6 +1,7 @@
 #include "zu_tier/layout/layout.h"
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/entry/selection.h"
@@ -113,6 +114,7 @@ void run(const TemplateOptions &options)
 {
     const EntryOperands entries = read_operands(options.table, options.numbers);
     const Device device(options.device, Access::read_only);
+    hint_in_use(options.device);
     const Metadata metadata =
         read_template_metadata(device, entries.table, options.layout, options.super_file);
     const Selection selection = select_slots(metadata.tables, entries);

@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/diagnosis.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/fields.h"
 #include "zu_tierctl/entry/given_super.h"
@@ -25,8 +26,8 @@ const tier_layout &choose_layout(const Device &device, std::string_view name, co
         return name.empty() ? looks_like(*layout, block) : layout->name == name;
     });
     if (found == layouts.end()) {
-        throw UsageError(name.empty() ? device.path() + " has no super block of a known layout, "
-                                                        "--layout must say which it had"
+        throw UsageError(name.empty() ? diagnose_super(device.path(), block) +
+                                            "; --layout must say which it had"
                                       : fmt::format("unknown layout {}", name));
     }
     return **found;
@@ -81,7 +82,7 @@ public:
     }
 
 private:
-    void note(std::string text) { notes_.push_back(std::move(text)); }
+    void note(std::string_view text) { notes_.emplace_back(text); }
 
     /* Parts lie after the fields of their entry and within the slot. */
     bool parts_fit() const
@@ -108,6 +109,14 @@ private:
         if ((flaws & BAD_NUMBER) != 0) {
             note(fmt::format("has number {}, the file has {}",
                              table_.row->number.get(stored_.data()), no_));
+        }
+        if (table_.name == SUPER_TABLE && !is_super(*metadata_.layout, stored_)) {
+            for (const std::string &flaw : super_flaws(stored_)) {
+                note(fmt::format("{}; the file has what is there", flaw));
+            }
+        }
+        if (is_zero(stored_.data()) && table_.row->in_use && !table_.row->packed()) {
+            note("all zero: what it held is lost, and a repair with this file makes it free");
         }
     }
 

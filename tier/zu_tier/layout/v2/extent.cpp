@@ -282,6 +282,23 @@ void check_extent(const void *p, const uint8_t *entry, tier_findings &to)
     check_overlap(found, to);
 }
 
+/* Where the extent, and each of its pieces, lies in its file. */
+void check_extent_in_file(const void *p, const uint8_t *entry, uint64_t file_size,
+                          tier_findings &to)
+{
+    const tier_super_block_v2_t &sb = tier_super_v2(p);
+    const auto *extent = reinterpret_cast<const tier_extent_v2_t *>(entry);
+    tier_check_extent_in_file(*extent, sb.sb_block_size, file_size, to);
+    const uint32_t pieces = pieces_are_known(sb) ? sb.sb_map_cnt : 0;
+    for (uint32_t mapno = 0; mapno < pieces; mapno++) {
+        const shown_piece piece = load_piece(sb, extent, mapno);
+        if (piece.orig_len() != 0 && piece.offset >= file_size) {
+            to.add({"piece_past_file"}, "piece %u begins at byte %lu of its file, which has %lu",
+                   mapno, piece.offset, file_size);
+        }
+    }
+}
+
 constexpr tier_parts PIECES = {
     .key = "te_mapped_meta",
     .prefix = "te_mapped_meta",
@@ -331,6 +348,7 @@ constexpr tier_table extent_table()
         [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, TIER_EXTENT_OWNER_KEYS)); },
         &PIECES, {parse_extent_from_json_v2, __print_extent_v2});
     table.check = check_extent;
+    table.check_with_owner = check_extent_in_file;
     table.stretches = stretches;
     return table;
 }
