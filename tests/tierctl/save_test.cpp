@@ -4,6 +4,7 @@
 #include "loop_device.h"
 
 #include <algorithm>
+#include <climits>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -306,6 +307,22 @@ TEST_F(Save, AnIncompleteFileIsSavedWithItsList)
         for (auto &run : *runs)
             EXPECT_EQ(run.erase("error"), 1U);
     EXPECT_EQ(first, second);
+}
+
+// No list could be written beside it.
+TEST_F(Save, NamesThatAreTooLongAreRefusedBeforeTheCopy)
+{
+    const Cache cache = make_cache("v1");
+    const std::string suffix = ".unreadable.json";
+    const std::string longest = directory.path(std::string(NAME_MAX - suffix.size(), 's'));
+    EXPECT_EQ(run_ctl({"save", cache.device.path(), longest}).status, 0);
+    fs::remove(longest);
+    expect_complaint(run_ctl({"save", cache.device.path(), longest + "s"}), 1,
+                     "cannot create " + longest + "s" + suffix + ": File name too long");
+    const std::string impossible = directory.path(std::string(NAME_MAX + 1, 's'));
+    expect_complaint(run_ctl({"save", cache.device.path(), impossible}), 1,
+                     "cannot create " + impossible + ": File name too long");
+    EXPECT_EQ(names_in(directory), std::vector<std::string>{});
 }
 
 TEST_F(Save, FileThatMayNotBeSoLarge)

@@ -3,6 +3,7 @@
 
 #include "cache.h"
 
+#include <climits>
 #include <filesystem>
 #include <gtest/gtest.h>
 
@@ -130,6 +131,31 @@ TEST_P(Unreadable, BlocksThatWereWrittenSinceCount)
     EXPECT_EQ(run.out, "extent 1: cannot be read in B: not in the saved file\n");
     write_block(extent, block_of_device(extent));
     EXPECT_EQ(run_ctl({"diff", cache.device.path(), saved}).status, 0);
+}
+
+// No list can have the name that would be that of theirs.
+TEST_P(Unreadable, LongNamesHaveNoList)
+{
+    const std::string device = cache.device.path();
+    const std::string name = directory.path(std::string(NAME_MAX, 'd'));
+    fs::copy_file(device, name);
+    const auto commands = [&](const std::string &file) -> std::vector<std::vector<std::string>> {
+        return {{"check", file},
+                {"map", file},
+                {"template", file, "inode", "1"},
+                {"save", file, directory.path("again")},
+                {"diff", file, device},
+                {"revert", file, device, "inode", "1"}};
+    };
+    for (std::size_t i = 0; i < commands(name).size(); ++i) {
+        const RunResult expected = run_ctl(commands(device)[i]);
+        fs::remove(directory.path("again"));
+        const RunResult run = run_ctl(commands(name)[i]);
+        fs::remove(directory.path("again"));
+        EXPECT_EQ(run.status, expected.status) << run;
+        EXPECT_EQ(run.err.find("File name too long"), std::string::npos) << run;
+        EXPECT_EQ(lines_of(run.err).size(), lines_of(expected.err).size()) << run;
+    }
 }
 
 TEST_P(Unreadable, SuperBlockThatTheFileLacks)

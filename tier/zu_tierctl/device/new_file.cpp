@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fmt/core.h>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -20,8 +21,17 @@ namespace {
 
 std::string directory_of(const std::string &path) { return fs::path(path).replace_filename("."); }
 
-/* The name by which an open file is reached that has none of its own. */
-std::string link_to(const Fd &fd) { return fmt::format("/proc/self/fd/{}", fd.get()); }
+Fd open_without_name(const std::string &directory)
+{
+    return Fd(open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666));
+}
+
+/* Gives a name to an open file that has none. */
+bool name_file(const Fd &fd, const char *name)
+{
+    const std::string link = fmt::format("/proc/self/fd/{}", fd.get());
+    return linkat(AT_FDCWD, link.c_str(), AT_FDCWD, name, AT_SYMLINK_FOLLOW) == 0;
+}
 
 /* Gives a file another name, unless something has that: then the error is EEXIST. Where the file
  * system knows no such rename a link does the same, and the old name stays as well. */
@@ -29,6 +39,21 @@ bool move_file(const char *from, const char *to)
 {
     return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0 ||
            (errno != EEXIST && link(from, to) == 0);
+}
+
+/* Calls `take` with names in the directory of the path until it takes a free one, and gives that.
+ * Empty, with the reason in errno, when it takes none. */
+std::string find_scratch_name(const std::string &path,
+                              const std::function<bool(const char *name)> &take)
+{
+    std::string name;
+    unsigned turn = 0;
+    bool taken = false;
+    do {
+        name = fs::path(path).replace_filename(fmt::format(".zu_tierctl.{}.{}", getpid(), turn++));
+        taken = take(name.c_str());
+    } while (!taken && errno == EEXIST);
+    return taken ? name : "";
 }
 
 /* A new name lasts only once its directory is on the disk. One that cannot be opened or synced is
@@ -43,24 +68,44 @@ void sync_directory_of(const std::string &path)
 
 void refuse_existing(const std::string &path)
 {
-    std::error_code unknown; /* a path that cannot be looked up cannot be created either */
-    if (fs::exists(fs::symlink_status(path, unknown))) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0) {
         throw std::runtime_error(path + " exists");
+    }
+    if (errno != ENOENT) { /* what cannot be looked up cannot be created either */
+        throw_errno("cannot create " + path);
     }
 }
 
 NewFile::NewFile(std::string path, Naming naming) : path_(std::move(path)), naming_(naming)
 {
+    if (naming_ == Naming::new_name) {
+        refuse_existing(path_);
+    }
     if (naming_ == Naming::replace || !open_unnamed()) {
         open_named();
     }
 }
 
-/* A file system that has files without a name can give them one by a link. */
+/* Not every file system that has files without a name can give them one later: an empty file tells.
+ * It is another one, as a file that has lost its name cannot get a new one. */
 bool NewFile::open_unnamed()
 {
-    fd_ = Fd(open(directory_of(path_).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666));
-    return fd_.get() >= 0 && access(link_to(fd_).c_str(), F_OK) == 0;
+    const std::string directory = directory_of(path_);
+    const Fd trial = open_without_name(directory);
+    if (trial.get() < 0) {
+        return false;
+    }
+    {
+        const SignalsHeld held;
+        const std::string name = find_scratch_name(
+            path_, [&trial](const char *free_name) { return name_file(trial, free_name); });
+        if (name.empty() || unlink(name.c_str()) != 0) {
+            return false;
+        }
+    }
+    fd_ = open_without_name(directory);
+    return fd_.get() >= 0;
 }
 
 void NewFile::open_named()
@@ -77,14 +122,8 @@ void NewFile::open_named()
 
 void NewFile::take_scratch_name(const std::function<bool(const char *name)> &take)
 {
-    std::string name;
-    unsigned turn = 0;
-    bool taken = false;
-    do {
-        name = fs::path(path_).replace_filename(fmt::format(".zu_tierctl.{}.{}", getpid(), turn++));
-        taken = take(name.c_str());
-    } while (!taken && errno == EEXIST);
-    if (!taken) {
+    std::string name = find_scratch_name(path_, take);
+    if (name.empty()) {
         fail("cannot create ");
     }
     scratch_ = std::make_unique<ScratchName>(std::move(name));
@@ -123,8 +162,7 @@ void NewFile::commit()
 bool NewFile::give_name() const
 {
     if (scratch_ == nullptr) {
-        return linkat(AT_FDCWD, link_to(fd_).c_str(), AT_FDCWD, path_.c_str(), AT_SYMLINK_FOLLOW) ==
-               0;
+        return name_file(fd_, path_.c_str());
     }
     return naming_ == Naming::replace ? rename(scratch_->path(), path_.c_str()) == 0
                                       : move_file(scratch_->path(), path_.c_str());

@@ -16,16 +16,16 @@ enum class Naming {
     replace,  /* takes the place of the file that has that name */
 };
 
-/* Throws when something has that name. */
+/* Throws when something has that name or nothing can have it. */
 void refuse_existing(const std::string &path);
 
 /* A file that appears under its name only when it is complete. Until then it has no name, so that
- * nothing is left of it however the program ends; where the file system has no such files, and for
- * a file that replaces another, it has a scratch name in the same directory. Every failure is an
- * exception. */
+ * nothing is left of it however the program ends; where such files cannot be had or named, and for
+ * a file that replaces another, it has a scratch name in the same directory. A kill during the
+ * constructor may leave an empty file of a scratch name. Every failure is an exception. */
 class NewFile {
 public:
-    /* Throws when the file could not be given its name later. */
+    /* Throws when the file could not be given its name later, or something has a new name now. */
     NewFile(std::string path, Naming naming);
 
     int fd() const { return fd_.get(); }
@@ -45,7 +45,7 @@ private:
     void open_named();
     bool give_name() const;
 
-    /* Calls `take` with free names in the directory of the file until it takes one. */
+    /* Gives the file the first free scratch name that `take` takes. */
     void take_scratch_name(const std::function<bool(const char *name)> &take);
 
     [[noreturn]] void fail(const char *what) const;

@@ -29,7 +29,7 @@ struct CloseFile {
 Json read_list(const std::string &path)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); /* it may be a FIFO */
-    if (fd < 0 && errno == ENOENT) {
+    if (fd < 0 && (errno == ENOENT || errno == ENAMETOOLONG)) { /* none has so long a name */
         return Json::array();
     }
     const std::unique_ptr<FILE, CloseFile> file(fd < 0 ? nullptr : fdopen(fd, "r"));

@@ -57,9 +57,8 @@ bool save(const std::string &device_path, const std::string &file_path,
     const Device device(device_path, Access::read_only);
     const Metadata metadata = read_metadata(device, super_file);
     hint_in_use(device_path);
-    refuse_existing(file_path);
-    refuse_existing(unreadable_path(file_path));
     NewFile file(file_path, Naming::new_name);
+    refuse_existing(unreadable_path(file_path));
     file.resize(device.size());
     UnreadableWriter unreadable(file_path);
     uint64_t total = 0;
