@@ -8,7 +8,8 @@
 //            "=" effect
 //   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
 //          | "realloc" | "open" | "close" | "stat" | "fstat" | "fopen" | "fread" | "fclose"
-//          | "fsync" | "write" | "tmpfile" | "link" | "linkat" | "renameat2" | "access"
+//          | "fsync" | "write" | "tmpfile" | "link" | "linkat" | "renameat2"
+//          | "blkid_device" | "blkid_value"
 //   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "EPERM" | "EINVAL"
 //          | "EOPNOTSUPP" | "short:" bytes | "lost" | "pass"
 //
@@ -24,6 +25,8 @@
 // "pread(4096)@8192=EIO", the offset only for device calls.
 //
 // "tmpfile" is an open of a file without a name (O_TMPFILE), which is no "open" here.
+//
+// "blkid_device" gives a device to libblkid, "blkid_value" asks what the library has found.
 //
 // "write" stands for the writes of standard output and of the files that the program opens as
 // streams to write to: what the C library does with the bytes that it has collected.

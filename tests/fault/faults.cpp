@@ -279,12 +279,6 @@ int renameat2(int from_fd, const char *from, int to_fd, const char *to, unsigned
     return fails("renameat2") ? -1 : real(from_fd, from, to_fd, to, flags);
 }
 
-int access(const char *path, int mode) noexcept
-{
-    static auto *const real = hidden<int(const char *, int)>("access");
-    return fails("access") ? -1 : real(path, mode);
-}
-
 int stat(const char *path, struct stat *stat)
 {
     static auto *const real = hidden<int(const char *, struct stat *)>("stat");
@@ -307,6 +301,22 @@ int fstat64(int fd, struct stat64 *stat)
 {
     static auto *const real = hidden<int(int, struct stat64 *)>("fstat64");
     return get_stat("fstat", real, fd, stat);
+}
+
+// Of libblkid
+
+int blkid_probe_set_device(void *probe, int fd, std::int64_t offset, std::int64_t size)
+{
+    static auto *const real =
+        hidden<int(void *, int, std::int64_t, std::int64_t)>("blkid_probe_set_device");
+    return fails("blkid_device") ? -1 : real(probe, fd, offset, size);
+}
+
+int blkid_probe_lookup_value(void *probe, const char *name, const char **data, size_t *length)
+{
+    static auto *const real =
+        hidden<int(void *, const char *, const char **, size_t *)>("blkid_probe_lookup_value");
+    return fails("blkid_value") ? -1 : real(probe, name, data, length);
 }
 
 } // extern "C"

@@ -1,10 +1,12 @@
 #include "zu_tierctl/sample/content.h"
 
 #include "common/zutr_utils.h"
+#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/entry/metadata.h"
 
 #include <algorithm>
 #include <blkid/blkid.h>
+#include <cerrno>
 #include <fmt/core.h>
 #include <memory>
 #include <new>
@@ -21,7 +23,7 @@ constexpr int FOUND = 0; /* results of blkid_do_safeprobe */
 constexpr int FOUND_NOTHING = 1;
 constexpr int FOUND_SEVERAL = -2;
 
-/* "ext4, uuid 0b63…" */
+/* "ext4, uuid 0b63…"; never empty. */
 std::string found_text(blkid_probe probe)
 {
     constexpr std::pair<const char *, const char *> VALUES[] = {
@@ -33,14 +35,18 @@ std::string found_text(blkid_probe probe)
             text += fmt::format("{}{}{}", text.empty() ? "" : ", ", before, value);
         }
     }
-    return text;
+    return text.empty() ? "something that blkid recognises" : text;
 }
 
-std::string recognised_content(int fd)
+std::string recognised_content(int fd, const std::string &path)
 {
     const std::unique_ptr<blkid_struct_probe, FreeProbe> probe(blkid_new_probe());
-    if (probe == nullptr || blkid_probe_set_device(probe.get(), fd, 0, 0) != 0) {
+    if (probe == nullptr) {
         throw std::bad_alloc();
+    }
+    errno = EIO; /* the reason when the library gives none */
+    if (blkid_probe_set_device(probe.get(), fd, 0, 0) != 0) {
+        throw_errno("cannot look for file systems on " + path);
     }
     blkid_probe_enable_partitions(probe.get(), 1);
     switch (blkid_do_safeprobe(probe.get())) {
@@ -57,7 +63,7 @@ std::string recognised_content(int fd)
 
 } // namespace
 
-std::string valuable_content(int fd)
+std::string valuable_content(int fd, const std::string &path)
 {
     Block block;
     if (zutr_readn(fd, block.data(), SIZE_4K, TIER_SUPER_OFFSET) < 0) {
@@ -68,7 +74,7 @@ std::string valuable_content(int fd)
             return fmt::format("a cache of layout {}", layout->name);
         }
     }
-    return recognised_content(fd);
+    return recognised_content(fd, path);
 }
 
 } // namespace tierctl

@@ -57,7 +57,7 @@ void Image::open_device(uint64_t size, bool overwrite)
     if (static_cast<uint64_t>(room) < size) {
         throw std::runtime_error(fmt::format("{} is too small: {} bytes of {}", path_, room, size));
     }
-    const std::string content = overwrite ? "" : valuable_content(device_.get());
+    const std::string content = overwrite ? "" : valuable_content(device_.get(), path_);
     if (!content.empty()) {
         throw std::runtime_error(
             fmt::format("{} holds {}: only --overwrite-cache overwrites it", path_, content));
