@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -256,6 +257,35 @@ TEST_F(Interrupted, AFileThatAppearsMeanwhileIsKept)
         }
         EXPECT_GT(refused, 20U);
     }
+}
+
+// Its name leads to something else from a system call on: that is not read as a device.
+TEST_F(Interrupted, AnExchangedDeviceIsRefused)
+{
+    const std::string image = directory.write("image", std::string(8192, '\0'));
+    const std::string name = directory.path("name");
+    const std::string errors = directory.path("errors");
+    const std::vector<std::string> args{"-c", "exec \"$@\" 2>\"$0\"", errors, ZU_TIERCTL, "check",
+                                        name};
+    const std::string complaint = "zu_tierctl: " + name;
+    std::map<std::string, std::size_t> seen;
+    std::size_t stop = 1;
+    for (bool has_ended = false; !has_ended; stop += STEP) {
+        fs::remove(name);
+        fs::create_symlink(image, name);
+        if (stop == 1) // before the program looks at the name only the loader is at work
+            stop = std::max<std::size_t>(
+                       run_stopped_at(100'000, args, "/bin/sh", [](pid_t) {}).reached, 120) -
+                   119;
+        has_ended = run_stopped_at(stop, args, "/bin/sh", [&](pid_t) {
+                        fs::remove(name);
+                        fs::create_symlink("/dev/null", name);
+                    }).reached < stop;
+        ++seen[read_file(errors)];
+    }
+    EXPECT_EQ(seen.size(), 2U) << testing::PrintToString(seen);
+    EXPECT_GT(seen[complaint + " is neither a regular file nor a block device\n"], 1U);
+    EXPECT_GT(seen[complaint + " has no super block of a known layout\n"], 1U);
 }
 
 } // namespace

@@ -37,6 +37,8 @@ protected:
         const auto before = cache.device.bytes();
         expect_complaint(revert_on(path, "inode", 2, {"--commit"}), 1,
                          in_use + ": stop that first");
+        expect_complaint(run_ctl({"sample", "--layout", "v1", "--force", path}), 1,
+                         in_use + ": stop that first");
         EXPECT_TRUE(cache.device.bytes() == before);
     }
 

@@ -3,6 +3,7 @@
 #include "device.h"
 #include "zu_tierctl/device/device.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 using namespace tier_test;
@@ -51,6 +52,22 @@ TEST_F(WriteBlock, TakesThePlaceOfTheExpectedOne)
     std::fill_n(expected.begin() + 4096, 4096, 9);
     write(4096, seven.data());
     EXPECT_TRUE(image.bytes() == expected);
+}
+
+// An entry of zeros is the same as a hole: the list still names it.
+TEST_F(WriteBlock, ZerosInPlaceOfWhatASavedFileLacks)
+{
+    image.write(4096, Aligned(0));
+    image.directory().write(
+        std::filesystem::path(image.path()).filename().string() + ".unreadable.json",
+        R"([{"table":"inode","no":0,"count":1,"offset":4096,"error":"Input/output error"}])");
+    const auto expected = image.bytes();
+    tierctl::Device device(image.path(), tierctl::Access::exclusive);
+    ASSERT_FALSE(device.unreadable().empty());
+    device.write_block(4096, nullptr, Aligned(0).data());
+    EXPECT_TRUE(image.bytes() == expected);
+    device.write_block(4096, nullptr, Aligned(9).data());
+    EXPECT_TRUE(image.block(4096) == Aligned(9));
 }
 
 TEST_F(WriteBlock, RefusesAnyOther)

@@ -54,6 +54,26 @@ TEST_F(InUse, ByMounts)
                        "\"/srv/\\\\0\" (mounted), \"/srv/c\\x0ad\" (mounted)");
 }
 
+// Some file systems are mounted under a number that is not that of their device.
+TEST_F(InUse, ByMountsThatNameItsPath)
+{
+    struct stat status {};
+    const std::string path = "/dev/loop0";
+    if (stat(path.c_str(), &status) != 0 || !S_ISBLK(status.st_mode))
+        GTEST_SKIP() << "no loop device";
+    lay("proc/self/mountinfo", "25 1 0:45 / /one rw - btrfs " + path +
+                                   " rw\n"
+                                   "26 1 0:45 /sub /two rw shared:1 master:2 - btrfs /dev/loo\\1600"
+                                   " rw\n"
+                                   "27 1 0:46 / /other rw - btrfs /dev/null rw\n"
+                                   "28 1 0:47 " +
+                                   path + " /within rw - btrfs /dev/null rw\n" +
+                                   "29 1 0:48 / /none rw " + path + "\n" +
+                                   "30 1 0:49 / /kind rw - " + path + "\n");
+    EXPECT_EQ(users(major(status.st_rdev), minor(status.st_rdev)),
+              "/one (mounted), /two (mounted)");
+}
+
 TEST_F(InUse, ByUsersOfItsPartitions)
 {
     lay("sys/dev/block/7:3/loop3p1/partition", "1\n");

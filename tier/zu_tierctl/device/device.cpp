@@ -27,28 +27,33 @@ int open_direct(const std::string &path, int flags)
     return fd < 0 && errno == EINVAL ? open(path.c_str(), flags) : fd;
 }
 
+void refuse_other_kinds(const std::string &path, mode_t mode)
+{
+    if (!S_ISREG(mode) && !S_ISBLK(mode)) {
+        throw std::runtime_error(path + " is neither a regular file nor a block device");
+    }
+}
+
 } // namespace
 
 /* Whatever else there is, a FIFO or a terminal, is not even opened: that may wait, or have effects.
- */
+ * What the name has come to mean since then is refused as well. */
 Device::Device(const std::string &path, Access access) : path_(path)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         throw_errno("cannot open " + path);
     }
-    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
-        throw std::runtime_error(path + " is neither a regular file nor a block device");
-    }
+    refuse_other_kinds(path, status.st_mode);
     const int flags = access == Access::exclusive ? O_RDWR | O_EXCL : O_RDONLY;
     fd_ = Fd(open_direct(path, flags | O_NONBLOCK | O_CLOEXEC));
-    if (fd_.get() < 0 && errno == EBUSY) {
-        throw std::runtime_error(
-            fmt::format("{} is in use by {}: stop that first", path, users_text(status.st_rdev)));
-    }
     if (fd_.get() < 0) {
+        throw_open_error(path);
+    }
+    if (fstat(fd_.get(), &status) != 0) {
         throw_errno("cannot open " + path);
     }
+    refuse_other_kinds(path, status.st_mode);
     const off_t end = lseek(fd_.get(), 0, SEEK_END);
     if (end < 0) {
         throw_errno("cannot measure " + path);
@@ -57,7 +62,7 @@ Device::Device(const std::string &path, Access access) : path_(path)
     unreadable_ = UnreadableList(path);
 }
 
-bool Device::read(int64_t offset, void *data, size_t length) const
+bool Device::read_stored(int64_t offset, void *data, size_t length) const
 {
     if (offset < 0 || offset % SIZE_4K != 0 || static_cast<uint64_t>(offset) > size_ ||
         length > size_ - static_cast<uint64_t>(offset)) {
@@ -65,7 +70,12 @@ bool Device::read(int64_t offset, void *data, size_t length) const
         return false;
     }
     errno = EIO; /* the reason when the file has been cut short meanwhile */
-    if (zutr_readn(fd_.get(), data, length, offset) < 0) {
+    return zutr_readn(fd_.get(), data, length, offset) >= 0;
+}
+
+bool Device::read(int64_t offset, void *data, size_t length) const
+{
+    if (!read_stored(offset, data, length)) {
         return false;
     }
     if (unreadable_.touches(offset, length) &&
@@ -96,7 +106,7 @@ void Device::write_block(int64_t offset, const void *expected, const void *block
     if (pwrite(fd_.get(), block, SIZE_4K, offset) != ssize_t{SIZE_4K} || fsync(fd_.get()) != 0) {
         throw_errno("cannot write " + where + ", which may be damaged now");
     }
-    if (!read(offset, stored.data(), SIZE_4K)) {
+    if (!read_stored(offset, stored.data(), SIZE_4K)) {
         throw_errno("wrote, but cannot read back " + where);
     }
     if (memcmp(stored.data(), block, SIZE_4K) != 0) {

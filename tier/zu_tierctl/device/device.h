@@ -33,7 +33,7 @@ public:
 
     /* Reads into memory aligned to 4096. False, with the reason in errno, when any of it cannot be
      * read or lies outside the device, or when `offset` is no multiple of 4096. A block that a
-     * saved file lacks cannot be read either, until something is written there. */
+     * saved file lacks cannot be read either, until anything but zeros is written there. */
     bool read(int64_t offset, void *data, size_t length) const;
 
     /* The only way to write to a device: puts `block` in place of the block at `offset`, which must
@@ -43,6 +43,9 @@ public:
     void write_block(int64_t offset, const void *expected, const void *block);
 
 private:
+    /* The same, whatever the list says. */
+    bool read_stored(int64_t offset, void *data, size_t length) const;
+
     std::string path_;
     uint64_t size_ = 0;
     Fd fd_;

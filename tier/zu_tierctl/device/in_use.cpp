@@ -1,5 +1,6 @@
 #include "zu_tierctl/device/in_use.h"
 
+#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/fd.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/text.h"
@@ -13,6 +14,7 @@
 #include <fmt/ranges.h>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -101,7 +103,7 @@ public:
     {
         const std::string number = number_text(device);
         add_holders(root_ / BLOCK_DEVICES / number / "holders");
-        add_mounts(number);
+        add_mounts(number, device);
         add_swap(device);
         add_processes(device);
     }
@@ -129,19 +131,27 @@ private:
         }
     }
 
-    /* A line has the number of the device in its third field, and the place in its fifth. */
-    void add_mounts(const std::string &number)
+    /* A line has the number of the device in its third field, and the place in its fifth. A field
+     * "-" precedes the kind of the file system and the path of the device, which tells where the
+     * number is not that of a device, as with btrfs. */
+    void add_mounts(const std::string &number, dev_t device)
     {
         std::ifstream mounts(root_ / "proc/self/mountinfo");
         for (std::string line; std::getline(mounts, line);) {
             std::istringstream fields(line);
             std::string id;
             std::string parent;
-            std::string device;
+            std::string mounted;
             std::string directory;
             std::string place;
-            fields >> id >> parent >> device >> directory >> place;
-            if (device == number) {
+            fields >> id >> parent >> mounted >> directory >> place;
+            std::string field;
+            while (fields >> field && field != "-") {
+            }
+            std::string kind;
+            std::string source;
+            fields >> kind >> source;
+            if (mounted == number || is_device(unescaped(source), device)) {
                 add_text(shown_text(unescaped(place)) + " (mounted)");
             }
         }
@@ -190,6 +200,18 @@ std::string users_text(dev_t device, const std::string &root)
         users.add(one);
     }
     return users.text();
+}
+
+void throw_open_error(const std::string &path)
+{
+    const int error = errno;
+    struct stat status {};
+    if (error == EBUSY && stat(path.c_str(), &status) == 0) {
+        throw std::runtime_error(
+            fmt::format("{} is in use by {}: stop that first", path, users_text(status.st_rdev)));
+    }
+    errno = error;
+    throw_errno("cannot open " + path);
 }
 
 void hint_in_use(const std::string &path)

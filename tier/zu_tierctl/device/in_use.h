@@ -10,6 +10,9 @@ namespace tierctl {
  * where /proc and /sys lie. */
 std::string users_text(dev_t device, const std::string &root = "/");
 
+/* Throws why the path could not be opened, from errno; of a device that is in use also by whom. */
+[[noreturn]] void throw_open_error(const std::string &path);
+
 /* When the path is a block device that something holds, says by whom on standard error. */
 void hint_in_use(const std::string &path);
 

@@ -2,6 +2,7 @@
 
 #include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/sample/content.h"
 
 #include <fcntl.h>
@@ -46,7 +47,7 @@ void Image::open_device(uint64_t size, bool overwrite)
     device_ = Fd(open(path_.c_str(),
                       O_RDWR | O_EXCL | O_CLOEXEC)); /* fails when something else has it open */
     if (device_.get() < 0) {
-        throw_errno("cannot open " + path_);
+        throw_open_error(path_);
     }
     const off_t room = lseek(device_.get(), 0, SEEK_END);
     /* GCOVR_EXCL_START: an open block device has an end */
