@@ -1,6 +1,7 @@
 #include "zu_tierctl/device/progress.h"
 
 #include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/sum.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -45,7 +46,7 @@ Progress::~Progress()
 
 void Progress::add(uint64_t done)
 {
-    done_ = capped_sum(done_, done);
+    done_ = add_limited(done_, done);
     if (!shown_) {
         return;
     }

@@ -2,17 +2,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <limits>
 #include <string>
 
 namespace tierctl {
-
-/* The sum; the largest number when it is larger. */
-inline uint64_t capped_sum(uint64_t a, uint64_t b)
-{
-    uint64_t sum = 0;
-    return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<uint64_t>::max() : sum;
-}
 
 /* A bar on standard error that shows the progress of a walk. Drawn only on a terminal, and wiped at
  * destruction. */

@@ -3,6 +3,7 @@
 #include "zu_tierctl/device/device.h"
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/sum.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/given_super.h"
 
@@ -242,7 +243,7 @@ bool diff(const std::string &path_a, const std::string &path_b, DiffReport &repo
         a.metadata.tables.size(); /* the same number in every device of a layout */
     uint64_t total = 0;
     for (const Table &table : a.metadata.tables) {
-        total = capped_sum(total, table.count());
+        total = add_limited(total, table.count());
     }
     Progress progress("diff", total);
     bool equal = true;

@@ -3,6 +3,7 @@
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/sum.h"
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/entry/given_super.h"
 
@@ -63,7 +64,7 @@ bool save(const std::string &device_path, const std::string &file_path,
     UnreadableWriter unreadable(file_path);
     uint64_t total = 0;
     for (const Table &table : metadata.tables) {
-        total = capped_sum(total, table.count());
+        total = add_limited(total, table.count());
     }
     Progress progress("save", total);
     for (const Table &table : metadata.tables) {
