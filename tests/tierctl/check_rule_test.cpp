@@ -288,6 +288,8 @@ TEST_F(CheckRulesV2, TextsOfPieces)
 
 TEST_F(CheckRulesV2, PiecesPastTheirFile)
 {
+    world.extents.resize(1);
+    world.extents[0].block = 0;
     world.extents[0].maps = {{0, {0, 1, 4096, 0, 1}}, {2, {1'000'000, 1, 4096, 1, 1}}};
     world.inodes[0].size = 1'000'001;
     expect({});
