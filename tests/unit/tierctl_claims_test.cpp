@@ -106,6 +106,22 @@ TEST(Claims, Identities)
     EXPECT_GT(rounds, 1U);
 }
 
+// Texts, compared byte by byte.
+TEST(Claims, OfTexts)
+{
+    std::vector<Text> keys;
+    for (const std::uint64_t number : random_keys(300, 100)) {
+        Text text{};
+        text.back() = static_cast<Text::value_type>(number);
+        keys.push_back(text);
+    }
+    for (const std::size_t capacity : {2, 16, 100, 1000}) {
+        std::size_t rounds = 0;
+        EXPECT_EQ(by_claims(keys, capacity, &rounds), by_map(keys)) << capacity;
+        EXPECT_EQ(rounds == 1, capacity == 1000);
+    }
+}
+
 TEST(Claims, CapacityKeepsWithinMemory)
 {
     for (const std::size_t bytes : {1000, 1'000'000, 400 << 20}) {

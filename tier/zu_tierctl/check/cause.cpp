@@ -79,9 +79,10 @@ std::string count_text(const Metadata &metadata, std::string_view key)
 {
     const tier_columns columns = metadata.tables.front().row->fields();
     const auto column = std::ranges::find(columns, key, &tier_column::key);
-    return column == columns.end()
-               ? ""
-               : fmt::format("{} {}, ", key, column_text(*column, metadata.super()));
+    if (column == columns.end()) {
+        return "";
+    }
+    return fmt::format("{} {}, ", key, column_text(*column, metadata.super()));
 }
 
 /* Whether the tables are of the layout. What the tool logs of its search is dropped. */

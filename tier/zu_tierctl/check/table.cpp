@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/check/claims.h"
 #include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/text.h"
 
 #include <algorithm>
 #include <array>
@@ -147,12 +148,18 @@ private:
         }
     }
 
+    Progress next_pass()
+    {
+        pass_++;
+        return {fmt::format("checking {}{}", table_.name,
+                            text_if(pass_ > 1, fmt::format(", pass {}", pass_))),
+                slots_present(table_, context_.device.size())};
+    }
+
     template <class Visit>
     void walk(const Visit &visit)
     {
-        const std::string pass = ++pass_ == 1 ? "" : fmt::format(", pass {}", pass_);
-        Progress progress(fmt::format("checking {}{}", table_.name, pass),
-                          slots_present(table_, context_.device.size()));
+        Progress progress = next_pass();
         read_table(context_.device, table_.regions, [&](const Slots &slots) {
             visit(slots);
             progress.add(slots.count);

@@ -25,7 +25,10 @@ constexpr int NOT_SAVED = 1 << 16;
 /* What an error number means. */
 inline std::string error_text(int error)
 {
-    return error == NOT_SAVED ? "not in the saved file" : std::generic_category().message(error);
+    if (error == NOT_SAVED) {
+        return "not in the saved file";
+    }
+    return std::generic_category().message(error);
 }
 
 /* Throws "<what>: <text of errno>". */

@@ -25,6 +25,15 @@ std::string one_line(std::string_view text);
  * sentences about different entries have in common. */
 std::string text_shape(std::string_view text);
 
+/* The text, or an empty one. */
+inline std::string text_if(bool is_wanted, std::string text)
+{
+    if (!is_wanted) {
+        text.clear();
+    }
+    return text;
+}
+
 /* The parts of a text between the delimiters; of an empty text the empty one. */
 std::vector<std::string_view> split(std::string_view text, char delimiter);
 

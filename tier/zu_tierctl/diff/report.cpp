@@ -31,8 +31,8 @@ std::string states_text(const EntryRun &run)
     if (run.a == SlotState::zero) {
         return fmt::format(", all zero in A, {} in B", state_name(run.b));
     }
-    return run.b == SlotState::zero ? fmt::format(", all zero in B, {} in A", state_name(run.a))
-                                    : "";
+    return text_if(run.b == SlotState::zero,
+                   fmt::format(", all zero in B, {} in A", state_name(run.a)));
 }
 
 class TextReport : public DiffReport {
@@ -46,7 +46,7 @@ public:
     {
         const uint64_t count = run.range.count;
         print("{}{}{}{}\n{}", entries_text(run.range),
-              count == 1 ? "" : fmt::format(", {} entries that differ alike", count),
+              text_if(count != 1, fmt::format(", {} entries that differ alike", count)),
               states_text(run),
               count == 1 ? "" : ", the first:", differences_text(run.differences));
     }
@@ -65,7 +65,7 @@ public:
 private:
     static std::string in_side(const char *side, int error)
     {
-        return error == 0 ? "" : fmt::format(" in {}: {}", side, error_text(error));
+        return text_if(error != 0, fmt::format(" in {}: {}", side, error_text(error)));
     }
 };
 
@@ -76,7 +76,13 @@ std::string json_head(const char *kind, const EntryRange &range)
                        range.first, range.count);
 }
 
-std::string json_error(int error) { return error == 0 ? "null" : json_text(error_text(error)); }
+std::string json_error(int error)
+{
+    if (error == 0) {
+        return "null";
+    }
+    return json_text(error_text(error));
+}
 
 class JsonReport : public DiffReport {
 public:
@@ -137,7 +143,7 @@ public:
 
     void only_in(std::string_view side, const EntryRange &range) override
     {
-        add("only", side == "a" ? "only in A" : "only in B", range);
+        add("only", fmt::format("only in {}", side == "a" ? 'A' : 'B'), range);
     }
 
     void finish() override

@@ -1,5 +1,6 @@
 #include "zu_tierctl/entry/entry.h"
 
+#include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/fields.h"
 
 #include <algorithm>
@@ -90,10 +91,13 @@ std::string parts_text(const Entry &entry, const std::vector<Part> &parts)
     std::string text;
     for (const Part &part : parts) {
         const std::string &word = part.fields.front().value;
-        text += is_bitmap ? word.substr(1, word.size() - 2) + ' '
-                          : fmt::format("{}{{{}}}", text.empty() ? "" : ",", members(part.fields));
+        if (is_bitmap) {
+            text += word.substr(1, word.size() - 2) + ' ';
+        } else {
+            text += fmt::format("{}{{{}}}", text.empty() ? "" : ",", members(part.fields));
+        }
     }
-    return is_bitmap ? '"' + text + '"' : '[' + text + ']';
+    return fmt::format("{}{}{}", is_bitmap ? '"' : '[', text, is_bitmap ? '"' : ']');
 }
 
 /* All fields of an entry in one list, those of its parts under their full names. */
@@ -103,7 +107,7 @@ std::vector<Field> flatten(const Entry &entry, Content content)
     for (Part &part : content.parts) {
         const std::string name = fmt::format("{}[{}]", entry.table.row->parts->prefix, part.no);
         for (Field &field : part.fields) {
-            field.key = field.key.empty() ? name : name + '.' + field.key;
+            field.key = name + text_if(!field.key.empty(), '.' + field.key);
             fields.push_back(std::move(field));
         }
     }

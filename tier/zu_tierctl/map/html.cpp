@@ -76,7 +76,8 @@ std::string element(std::string_view name, std::string_view content)
 /* Name and value stay on one line. */
 std::string fact(const char *name, std::string_view value)
 {
-    return value.empty() ? "" : element("div", element("dt", name) + element("dd", value)) + '\n';
+    return text_if(!value.empty(),
+                   element("div", element("dt", name) + element("dd", value)) + '\n');
 }
 
 std::string facts_of(const Map &map)
@@ -103,7 +104,7 @@ std::string class_of(const MapCell &cell)
 
 std::string cell_html(const MapCell &cell)
 {
-    const std::string last = cell.last == cell.first ? "" : fmt::format(" to {}", cell.last);
+    const std::string last = text_if(cell.last != cell.first, fmt::format(" to {}", cell.last));
     return fmt::format("<i class=\"{}\" title=\"{}{}: {}\"></i>\n", class_of(cell), cell.first,
                        last, counts_text(cell.counts, cell.findings));
 }
@@ -176,7 +177,7 @@ std::string list_html(std::string_view heading, std::string_view columns, const 
     return fmt::format(
         "<section>\n<h2>{}</h2>\n<div class=\"wide\"><table>\n"
         "<thead><tr>{}</tr></thead>\n<tbody>\n{}</tbody>\n</table></div>\n{}</section>\n",
-        heading, columns, rows, note.empty() ? "" : element("p", note) + '\n');
+        heading, columns, rows, text_if(!note.empty(), element("p", note) + '\n'));
 }
 
 std::string number_head(std::string_view name)

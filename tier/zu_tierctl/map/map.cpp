@@ -423,7 +423,10 @@ std::string counts_text(const Counts &counts, uint64_t findings)
             text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count, what);
         }
     }
-    return text.empty() ? "nothing" : text;
+    if (text.empty()) {
+        return "nothing";
+    }
+    return text;
 }
 
 } // namespace tierctl

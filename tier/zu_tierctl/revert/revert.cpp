@@ -91,17 +91,23 @@ private:
         return read_metadata(is_damaged ? device_ : saved_);
     }
 
+    [[noreturn]] void refuse_different(std::string_view what) const
+    {
+        throw std::runtime_error(
+            fmt::format("the {} of {} and {} differ", what, saved_.path(), device_.path()));
+    }
+
     /* The super block on the device may be damaged when it is put back. */
     void require_same_device() const
     {
         if (options_.other_device && !is_super()) {
             throw UsageError("--other-device is for the super block only");
         }
-        if (is_super() ? saved_.size() != device_.size()
-                       : read_metadata(device_).super_block != metadata_.super_block) {
-            throw std::runtime_error(fmt::format("the {} of {} and {} differ",
-                                                 is_super() ? "sizes" : "super blocks",
-                                                 saved_.path(), device_.path()));
+        if (is_super() && saved_.size() != device_.size()) {
+            refuse_different("sizes");
+        }
+        if (!is_super() && read_metadata(device_).super_block != metadata_.super_block) {
+            refuse_different("super blocks");
         }
         const std::string reason =
             is_super() ? other_cache_reason(saved_, device_, metadata_) : std::string();
@@ -148,9 +154,10 @@ private:
             return "record that does not fit its slot";
         }
         const uint32_t flaws = table_.flaws(no, then_.data());
-        return flaws == 0 && is_super() && !tierctl::is_super(*metadata_.layout, then_)
-                   ? "version"
-                   : flaws_text(flaws);
+        if (flaws == 0 && is_super() && !tierctl::is_super(*metadata_.layout, then_)) {
+            return "version";
+        }
+        return flaws_text(flaws);
     }
 
     /* A block that cannot be read may still be writable, unless it lies outside the device. */
@@ -176,9 +183,11 @@ private:
     {
         const Entry then{metadata_, table_, no, then_.data()};
         const Entry now{metadata_, table_, no, now_.data()};
-        print("{} at byte {}\nnow:  {}\nthen: {}\n", name(no), table_.slot(no),
-              now_is_read_ ? entry_text(now)
-                           : fmt::format("cannot be read: {}", error_text(error_)),
+        std::string now_text = "cannot be read: " + error_text(error_);
+        if (now_is_read_) {
+            now_text = entry_text(now);
+        }
+        print("{} at byte {}\nnow:  {}\nthen: {}\n", name(no), table_.slot(no), now_text,
               entry_text(then));
         if (!damage_.empty()) {
             print("then damaged: {}\n", damage_);
@@ -223,7 +232,10 @@ private:
             numbers.push_back(planned.no);
         }
         const std::span all(numbers);
-        std::string text = done < all.size() ? name(all[done]) + ": " + error : error;
+        std::string text = error;
+        if (done < all.size()) {
+            text.insert(0, name(all[done]) + ": ");
+        }
         if (done > 0) {
             text += fmt::format("; written: {} {}", table_.name, numbers_text(all.first(done)));
         }

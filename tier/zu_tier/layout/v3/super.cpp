@@ -88,8 +88,10 @@ constexpr tier_rule TABLE_RULE = tier_make_rule<super_v3>(
     [](const super_v3 &sb) {
         const uint64_t count = sb.*Limits.count;
         const uint64_t needed = count * Limits.entry_size;
-        return count >= 1 && count <= Limits.count_max &&
-               (sb.*Limits.size == needed || (Limits.may_be_larger && sb.*Limits.size > needed));
+        if constexpr (Limits.may_be_larger) {
+            return count >= 1 && count <= Limits.count_max && sb.*Limits.size >= needed;
+        }
+        return count >= 1 && count <= Limits.count_max && sb.*Limits.size == needed;
     },
     [](const char *func, const super_v3 &sb) {
         zutr_error(func, "%s params is invalid. %s_cnt:%lu, %s:%lu, expect %s_cnt:[%u-%u]",
