@@ -58,11 +58,6 @@ uint64_t tier_multiply(uint64_t a, uint64_t b)
     return __builtin_mul_overflow(a, b, &product) ? TIER_PAST_ANY : product;
 }
 
-std::string tier_offset_text(uint64_t value)
-{
-    return value == TIER_PAST_ANY ? "past any offset" : std::to_string(value);
-}
-
 tier_area tier_table_area(std::string_view name, uint64_t start, uint64_t count, uint64_t size)
 {
     return {name, start, std::max(size, tier_multiply(count, SIZE_4K))};

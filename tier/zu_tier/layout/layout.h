@@ -80,9 +80,6 @@ constexpr uint64_t TIER_PAST_ANY = ~uint64_t{0};
 uint64_t tier_add(uint64_t a, uint64_t b);
 uint64_t tier_multiply(uint64_t a, uint64_t b);
 
-/* Such a number for people: "past any offset" when it does not fit. */
-std::string tier_offset_text(uint64_t value);
-
 /* A table of `size` bytes, or more if its entries need more. `start` may be TIER_PAST_ANY; a region
  * begins where the super block says. */
 tier_area tier_table_area(std::string_view name, uint64_t start, uint64_t count, uint64_t size);

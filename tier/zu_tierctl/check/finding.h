@@ -10,6 +10,9 @@ namespace tierctl {
 
 using Severity = tier_severity;
 
+/* "error" or "warning" */
+const char *severity_name(Severity severity);
+
 struct Kind {
     std::string name;
     Severity severity = Severity::error;

@@ -29,11 +29,6 @@ constexpr CountColumn COLUMNS[] = {
     {"unreadable", "unreadable", &Counts::unreadable},
 };
 
-const char *severity_name(Severity severity)
-{
-    return severity == Severity::error ? "error" : "warning";
-}
-
 /* The whole line of a finding. */
 std::string finding_line(const Finding &finding, const std::string &command)
 {
@@ -173,6 +168,11 @@ private:
 };
 
 } // namespace
+
+const char *severity_name(Severity severity)
+{
+    return severity == Severity::error ? "error" : "warning";
+}
 
 std::string about_text(const Finding &finding)
 {

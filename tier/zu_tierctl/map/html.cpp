@@ -235,11 +235,6 @@ std::string ages_html(const Map &map)
                      odd_text(map));
 }
 
-const char *severity_name(Severity severity)
-{
-    return severity == Severity::error ? "error" : "warning";
-}
-
 std::string kinds_html(const Map &map)
 {
     std::string rows;

@@ -24,6 +24,25 @@ struct Evidence {
     std::string tables; /* that were compared */
 };
 
+/* Where the entries of a table have their identity; null: they have none. */
+const tier_claim *identity_claim(const tier_table &row)
+{
+    const auto found = std::ranges::find(row.claims, tier_claim_type::identity, &tier_claim::type);
+    return found == row.claims.end() ? nullptr : &*found;
+}
+
+/* The identity of the cache in its super block, as text; empty when it has none. */
+std::string cache_identity(const tier_layout &layout, const Block &super_block)
+{
+    const tier_claim *claim = identity_claim(*layout.tables.front());
+    if (claim == nullptr) {
+        return "";
+    }
+    const auto identity = std::span(super_block).subspan(claim->number.at, IDENTITY_SIZE);
+    const bool is_nil = std::ranges::all_of(identity, [](uint8_t byte) { return byte == 0; });
+    return is_nil ? "" : zutr_uuid_utoa(identity.data());
+}
+
 /* A super block that is damaged is taken for one of `layout`. */
 Side read_side(const Device &device, const tier_layout &layout)
 {
@@ -33,13 +52,6 @@ Side read_side(const Device &device, const tier_layout &layout)
     }
     const tier_layout *own = layout_of(block);
     return {own != nullptr, cache_identity(own != nullptr ? *own : layout, block)};
-}
-
-/* Where the entries of a table have their identity; null: they have none. */
-const tier_claim *identity_claim(const tier_table &row)
-{
-    const auto found = std::ranges::find(row.claims, tier_claim_type::identity, &tier_claim::type);
-    return found == row.claims.end() ? nullptr : &*found;
 }
 
 bool is_sound_and_in_use(const Table &table, uint64_t no, const uint8_t *slot)
@@ -86,17 +98,6 @@ Evidence compare_tables(const Device &saved, const Device &device, const Metadat
 }
 
 } // namespace
-
-std::string cache_identity(const tier_layout &layout, const Block &super_block)
-{
-    const tier_claim *claim = identity_claim(*layout.tables.front());
-    if (claim == nullptr) {
-        return "";
-    }
-    const auto identity = std::span(super_block).subspan(claim->number.at, IDENTITY_SIZE);
-    const bool is_nil = std::ranges::all_of(identity, [](uint8_t byte) { return byte == 0; });
-    return is_nil ? "" : zutr_uuid_utoa(identity.data());
-}
 
 std::string other_cache_reason(const Device &saved, const Device &device, const Metadata &metadata)
 {
