@@ -27,6 +27,7 @@ protected:
         put_number(sample.super, super_table.field(field), value);
         seal(super_table, {}, sample.super);
         device.write(SUPER_OFFSET, sample.super);
+        content = device.bytes();
     }
 
     void set_bounds(std::uint64_t first, std::uint64_t behind)

@@ -54,9 +54,13 @@ protected:
     RepairSample sample = *GetParam();
     const TableModel &table = *sample.table;
     Device device = sample.device();
+    std::vector<std::uint8_t> content = device.bytes(); // as every run finds it
 
-    // Counts the runs of a sweep.
-    virtual void count_run() {}
+    // Runs the repair command of the table. A sweep counts its runs here.
+    virtual LoggedRun run(const std::vector<std::string> &args)
+    {
+        return run_logged(device, table.repair, args);
+    }
 
     // The sample with the value of one key.
     Members with(const std::string &key, const std::string &value) const;

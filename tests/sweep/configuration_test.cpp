@@ -21,7 +21,11 @@ constexpr const char *NUMBERS =
 
 class Configuration : public KeySweep {
 protected:
-    void count_run() override { configuration_runs.count(); }
+    LoggedRun run(const std::vector<std::string> &args) override
+    {
+        configuration_runs.count();
+        return KeySweep::run(args);
+    }
     void TearDown() override { configuration_runs.record_test(); }
 };
 

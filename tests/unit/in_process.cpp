@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <getopt.h>
 #include <ostream>
 #include <sys/mman.h>
 #include <system_error>
@@ -106,6 +107,32 @@ Call captured(const std::function<std::int64_t()> &function)
     call.log = parse_log(read_file(log_path));
     EXPECT_EQ(parse_log(err), errors_of(call.log));
     return call;
+}
+
+LoggedRun run_in_process(const Device &device, const std::string &command,
+                         const std::vector<std::string> &args)
+{
+    const std::string log_path = device.directory().write("log", "");
+    std::vector<std::string> all{"zu_tier", "-l", log_path, "-p", device.path(), "-c", command};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char *> argv;
+    for (std::string &each : all)
+        argv.push_back(each.data());
+    argv.push_back(nullptr);
+
+    LoggedRun run;
+    {
+        Redirection out(STDOUT_FILENO, stdout);
+        Redirection errors(STDERR_FILENO, stderr);
+        optind = 0; // so that the C library begins anew
+        run.status = zutr_run(static_cast<int>(all.size()), argv.data());
+        run.err = errors.text();
+        run.out = out.text();
+    }
+    fflush(zutr_get_logger());
+    run.log = parse_log(read_file(log_path));
+    run.errors = parse_log(run.err);
+    return run;
 }
 
 std::ostream &operator<<(std::ostream &out, const Call &call)

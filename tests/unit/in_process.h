@@ -4,6 +4,7 @@
 
 #include "device.h"
 #include "log.h"
+#include "run.h"
 #include "zu_tier/front/zu_tier.h"
 #include "zu_tier/layout/registry.h"
 
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tier_test {
 
@@ -63,6 +65,10 @@ std::ostream &operator<<(std::ostream &out, const Call &call);
 // Makes the call with standard output and the log captured. Standard error must repeat the ERROR
 // lines of the log and nothing else.
 Call captured(const std::function<std::int64_t()> &function);
+
+// What run_logged() gives of a program, of a run of the tool within the test.
+LoggedRun run_in_process(const Device &device, const std::string &command,
+                         const std::vector<std::string> &args);
 
 // Fresh run parameters on a device.
 zutr_params_t params_on(const Device &device, const OpenDevice &open);
