@@ -178,6 +178,15 @@ TEST_F(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
     EXPECT_TRUE(device.bytes() == before);
 }
 
+// The kernel lets a block device be opened that it does not let be written.
+TEST_F(RevertFaults, AReadOnlyDeviceIsNotDamaged)
+{
+    const RunResult failed = revert("pwrite=EPERM");
+    EXPECT_EQ(failed.status, 1) << failed;
+    EXPECT_EQ(failed.err,
+              "zu_tierctl: inode 2: nothing was written: " + device.path() + " is read-only\n");
+}
+
 TEST_F(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
 {
     const RunResult done = revert("pwrite=pass;pread=pass");

@@ -264,6 +264,17 @@ TEST_F(SampleOccupied, CachesOfEveryLayout)
     }
 }
 
+TEST_F(SampleOccupied, CachesWithoutTheMagicOfTheirSuperBlock)
+{
+    for (const std::string layout : {"v1", "v2", "v3"})
+        expect_refused_content({"/bin/sh", "-c",
+                                "\"$1\" sample --layout \"$2\" --force --blocks 2 \"$3\" && dd "
+                                "if=/dev/zero of=\"$3\" bs=1 seek=4100 count=4 conv=notrunc "
+                                "status=none",
+                                "sh", ZU_TIERCTL, layout, directory.path("disk")},
+                               "a cache whose super block is damaged:");
+}
+
 TEST_F(SampleOccupied, WhatTheLibraryRecognises)
 {
     const std::string disk = directory.path("disk");

@@ -103,7 +103,11 @@ void Device::write_block(int64_t offset, const void *expected, const void *block
         throw std::runtime_error("nothing was written: " + where + " has changed meanwhile");
     }
     errno = EIO; /* the reason when only a part of it was written */
-    if (pwrite(fd_.get(), block, SIZE_4K, offset) != ssize_t{SIZE_4K} || fsync(fd_.get()) != 0) {
+    const ssize_t written = pwrite(fd_.get(), block, SIZE_4K, offset);
+    if (written < 0 && errno == EPERM) {
+        throw std::runtime_error("nothing was written: " + path_ + " is read-only");
+    }
+    if (written != ssize_t{SIZE_4K} || fsync(fd_.get()) != 0) {
         throw_errno("cannot write " + where + ", which may be damaged now");
     }
     if (!read_stored(offset, stored.data(), SIZE_4K)) {

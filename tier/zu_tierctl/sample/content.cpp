@@ -2,6 +2,7 @@
 
 #include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/entry/diagnosis.h"
 #include "zu_tierctl/entry/metadata.h"
 
 #include <algorithm>
@@ -74,7 +75,8 @@ std::string valuable_content(int fd, const std::string &path)
             return fmt::format("a cache of layout {}", layout->name);
         }
     }
-    return recognised_content(fd, path);
+    return super_flaws(block).empty() ? recognised_content(fd, path)
+                                      : "a cache whose super block is damaged";
 }
 
 } // namespace tierctl
