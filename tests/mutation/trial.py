@@ -166,8 +166,10 @@ class Copy:
             return Outcome("same")
         if cause is None and mutant.path.endswith(".cpp"):  # these need only be linked again
             cause = self.failing_unit_test()
+        if cause is None and first == "zu_tier":  # the companion is no part of these
+            cause = self.failing_test(self.most("cli_tests"))
         if cause is None:
-            cause = self.failing_test(self.most("cli_tests") + self.most("fault_tests"))
+            cause = self.failing_test(self.most("fault_tests"))
         if cause is None and not mutant.path.endswith(".cpp"):
             cause = self.failing_unit_test()
         if cause is None:
