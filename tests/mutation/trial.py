@@ -12,6 +12,7 @@ import time
 
 PROGRAMS = ["zu_tier", "zu_tierctl", "restore_driver"]
 TESTS = ["cli_tests", "fault_tests", "unit_tests", "tierctl_tests"]
+UNIT_TESTS = ["unit_tests", "tests/libunit_test_cases.a"]
 COPIED = ["CHANGELOG.md", "CMakeLists.txt", "CMakePresets.json", "README.md", "bench", "docs",
           "packaging", "scripts", "tests", "tier"]
 
@@ -112,9 +113,9 @@ class Copy:
         for where, _, names in os.walk(self.build):
             for name in names:
                 path = os.path.relpath(os.path.join(where, name), self.build)
-                of_tool = path.startswith("tier/") or "/unit_tests.dir/" in path \
+                of_tool = path.startswith("tier/") or "/unit_test_cases.dir/" in path \
                     or "/restore_driver.dir/" in path
-                if path in PROGRAMS + ["unit_tests"] or (name.endswith(".o") and of_tool):
+                if path in PROGRAMS + UNIT_TESTS or (name.endswith(".o") and of_tool):
                     yield path
 
     def stale(self):
