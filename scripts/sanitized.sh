@@ -16,16 +16,16 @@ build() {
 run_sanitized_tests() {
     find build-sanitize -name '*.gcda' -delete
     # All zones of the machine, and every bit of the largest blocks, take long and reach the same code.
-    run_tests "unit, under the sanitizers" build-sanitize/unit_tests \
-        --gtest_filter='-*.EveryZoneOfTheMachine:*.EveryBitIsToldInLayoutV3:TemplateOfEveryWord.V3'
+    GTEST_FILTER='-*.EveryZoneOfTheMachine:*.EveryBitIsToldInLayoutV3:TemplateOfEveryWord.V3' \
+        run_tests "unit, under the sanitizers" build-sanitize/unit_tests
     local -x ZU_TIER_PROGRAMS=$PWD/build-sanitize
-    run_tests "fault, under the sanitizers" build/fault_tests --gtest_filter='-Interrupted.*'
+    GTEST_FILTER='-Interrupted.*' run_tests "fault, under the sanitizers" build/fault_tests
     # The search for leaks takes a third of a short run; fault, memcheck and fuzz tests look for
     # them. Keeping the place of each allocation takes another sixth.
     local -x ASAN_OPTIONS=detect_leaks=0:malloc_context_size=1
     run_tests "cli, under the sanitizers" build/cli_tests
-    run_tests "tierctl, under the sanitizers" build/tierctl_tests \
-        --gtest_filter='-*Large*:Killed*:CheckCause.HalfFormatted*:*TheExpansion*:CheckLive.*'
+    GTEST_FILTER='-*Large*:Killed*:CheckCause.HalfFormatted*:*TheExpansion*:CheckLive.*' \
+        run_tests "tierctl, under the sanitizers" build/tierctl_tests
 }
 
 # Prints a table of the sources in tier/. Fails if the tests have reached too little.

@@ -38,7 +38,7 @@ fi
 all_failed=0
 for sweep in "$@"; do
     passed=0 failed=0 runs=0 SECONDS=0
-    run_tests "$sweep sweep" build/sweep_tests --gtest_filter="${suites[$sweep]}"
+    GTEST_FILTER=${suites[$sweep]} run_tests "$sweep sweep" build/sweep_tests
     echo "$runs runs in $passed tests that passed and $failed that failed, $SECONDS s"
     all_failed=$((all_failed + failed))
 done

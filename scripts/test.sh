@@ -13,9 +13,8 @@ install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" dpkg-dev gcovr git
 
 build test
 cpack --config build/CPackConfig.cmake -B build/package >/dev/null
-for tests in unit cli tierctl fault sweep cost hardening memcheck package runbook; do
-    run_tests "$tests, release build" "build/${tests}_tests"
-done
+run_tests "release build" \
+    build/{tierctl,sweep,cli,fault,unit,memcheck,runbook,package,cost,hardening}_tests
 
 build sanitize
 run_sanitized_tests
