@@ -2,6 +2,7 @@
 
 #include "v1_device.h"
 #include "zu_tier/format/v1.h"
+#include "zu_tier/layout/super.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -16,6 +17,21 @@ tier_super_block_v1_t record_of(const SuperV1 &sb)
     tier_super_block_v1_t record;
     std::memcpy(&record, encode(sb).data(), sizeof(record));
     return record;
+}
+
+// Sums that wrap are told from those that just do not.
+TEST(GeometryV1, InodeTablesPastAnyOffset)
+{
+    SuperV1 sb = super_v1(1, 0x100000, 1);
+    tier_super_block_v1_t record = record_of(sb);
+    const std::uint64_t bytes = std::uint64_t{sb.inode_cnt} * 4096 + MIB;
+    const std::uint64_t bricks_start = 0x101000;
+    record.sb_brick_table_size = ~std::uint64_t{0} - bytes - bricks_start;
+    EXPECT_EQ(tier_inode_bytes(record), TIER_PAST_ANY);
+    record.sb_brick_table_size -= 4096;
+    EXPECT_NE(tier_inode_bytes(record), TIER_PAST_ANY);
+    record.sb_brick_table_size += bytes;
+    EXPECT_EQ(tier_inode_bytes(record), TIER_PAST_ANY);
 }
 
 TEST(GeometryV1, TablesOfEveryShape)
