@@ -20,7 +20,7 @@ protected:
     };
 
     Device device{0};
-    std::unique_ptr<std::uint8_t, Free> memory;
+    std::unique_ptr<std::uint8_t, Free> memory; // the buffer, with a MiB before and after it
     std::size_t size = 0;
 
     // An image with `readable` blocks of content from RANGE_START, each filled with its own value,
@@ -34,9 +34,11 @@ protected:
             device.write(RANGE_START + i * BLOCK_SIZE, block);
         }
         size = blocks * BLOCK_SIZE;
-        memory.reset(static_cast<std::uint8_t *>(std::aligned_alloc(BLOCK_SIZE, size)));
-        std::memset(memory.get(), OLD, size);
+        const std::size_t all = MIB + size + MIB;
+        memory.reset(static_cast<std::uint8_t *>(std::aligned_alloc(BLOCK_SIZE, all)));
+        std::memset(memory.get(), OLD, all);
     }
+    std::uint8_t *buffer() const { return memory.get() + MIB; }
 
     static std::uint8_t value(std::size_t block)
     {
@@ -47,14 +49,18 @@ protected:
     {
         // Not direct: a direct read may clear the buffer past the end of the image.
         const OpenDevice open(device, O_RDONLY);
-        return captured(
-            [&] { return zutr_repair_readn(open.fd(), memory.get(), size, RANGE_START); });
+        const Call call =
+            captured([&] { return zutr_repair_readn(open.fd(), buffer(), size, RANGE_START); });
+        const auto is_old = [](std::uint8_t byte) { return byte == OLD; };
+        EXPECT_TRUE(std::all_of(memory.get(), buffer(), is_old));
+        EXPECT_TRUE(std::all_of(buffer() + size, buffer() + size + MIB, is_old));
+        return call;
     }
 
     // The value that fills block i of the buffer, or -1 when its bytes differ.
     int filling(std::size_t i) const
     {
-        const std::uint8_t *block = memory.get() + i * BLOCK_SIZE;
+        const std::uint8_t *block = buffer() + i * BLOCK_SIZE;
         const bool even = std::all_of(block, block + BLOCK_SIZE,
                                       [&](std::uint8_t byte) { return byte == block[0]; });
         return even ? block[0] : -1;
@@ -82,10 +88,10 @@ TEST_F(RepairReadn, BadArgumentsAreMinusOne)
 {
     prepare(1, 1);
     const OpenDevice open(device, O_RDONLY | O_DIRECT);
-    EXPECT_EQ(zutr_repair_readn(-1, memory.get(), 4096, RANGE_START), -1);
+    EXPECT_EQ(zutr_repair_readn(-1, buffer(), 4096, RANGE_START), -1);
     EXPECT_EQ(zutr_repair_readn(open.fd(), nullptr, 4096, RANGE_START), -1);
     for (const std::size_t bytes : {0U, 1U, 4095U, 4097U, 6000U})
-        EXPECT_EQ(zutr_repair_readn(open.fd(), memory.get(), bytes, RANGE_START), -1) << bytes;
+        EXPECT_EQ(zutr_repair_readn(open.fd(), buffer(), bytes, RANGE_START), -1) << bytes;
     EXPECT_EQ(filling(0), OLD);
 }
 
