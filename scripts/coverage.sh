@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 . scripts/sanitized.sh
 
 install_packages "${BUILD_PACKAGES[@]}" gcovr "${TEST_PACKAGES[@]}"
-build test cli_tests tierctl_tests fault_tests
+build test unit_test_cases cli_tests tierctl_tests fault_tests
 build sanitize
 run_sanitized_tests
 [ "$failed" -eq 0 ]
