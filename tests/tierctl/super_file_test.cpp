@@ -90,6 +90,22 @@ TEST_P(SuperFile, CheckSeesTheEntriesAndTheLoss)
         EXPECT_EQ(run.out.find(flaw), std::string::npos) << flaw << run;
 }
 
+// The row of the super block is about the device's own.
+TEST_P(SuperFile, CheckCountsTheOwnBlock)
+{
+    const std::string row = "\nsuper               1            %d            0            %d"
+                            "            0\n";
+    const auto expect_row = [&](int in_use, int damaged) {
+        const RunResult run = run_ctl({"check", "--super", saved, device});
+        EXPECT_NE(run.out.find(text(row.c_str(), in_use, damaged)), std::string::npos) << run;
+    };
+    expect_row(0, 1);
+    Block block;
+    std::copy_n(whole.begin() + SUPER_OFFSET, BLOCK_SIZE, block.begin());
+    cache.device.write(SUPER_OFFSET, block);
+    expect_row(1, 0);
+}
+
 TEST_P(SuperFile, SaveCopiesTheRealBlock)
 {
     for (const std::string &file : files()) {

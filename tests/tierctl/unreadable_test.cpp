@@ -102,6 +102,9 @@ TEST_P(Unreadable, MapShowsThem)
     EXPECT_EQ(run.status, 0) << run;
     EXPECT_NE(run.out.find(" 1 unreadable"), std::string::npos) << run;
     EXPECT_EQ(run.out.find(" damaged,"), std::string::npos) << run;
+    write_block(cache.offset("inode", 3), std::string(BLOCK_SIZE, '\1'));
+    const RunResult both = run_ctl({"map", saved});
+    EXPECT_NE(both.out.find(", 1 damaged, 1 unreadable"), std::string::npos) << both;
     fs::remove(list);
     EXPECT_EQ(run_ctl({"map", saved}).out.find(" 1 unreadable"), std::string::npos);
 }
