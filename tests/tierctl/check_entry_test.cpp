@@ -206,6 +206,25 @@ TEST_F(CheckV2, Pieces)
     }
 }
 
+// Of a last piece that ends after the checksummed bytes nothing is known, nor of those before it.
+TEST_F(CheckV2, PiecesPastTheChecksummedBytes)
+{
+    world.sb.hot_size = 0;
+    world.extents[0].maps[31] = {0, 0, 1, 256, 1};
+    const std::uint32_t end = world.sb.extent_size + world.sb.total_map_size;
+    for (const std::uint32_t missing : {0U, 1U}) {
+        world.sb.total_extent_size = end - missing;
+        const Device device = world.device();
+        std::vector<std::string> found;
+        for (const Finding &finding : run_check(device.path()).findings) {
+            if (finding.table == "extent")
+                found.push_back(finding.kind);
+        }
+        EXPECT_EQ(found, missing == 0 ? std::vector<std::string>{"piece_outside_block"}
+                                      : std::vector<std::string>{});
+    }
+}
+
 TEST_F(CheckV2, PiecesOfAFreeExtent)
 {
     world.extents[0].maps[31] = {0, 0, 1, 256, 1};

@@ -48,6 +48,23 @@ TEST_P(MapLayouts, WhatDoesNotReachTheDeviceIsUnreadable)
     expect_map(cache.device, tables);
 }
 
+// The looks of cells, by what the legend calls them.
+TEST_F(Map, TheLegendShowsTheLooksOfCells)
+{
+    const Cache cache = make_cache("v1");
+    const pugi::xml_document page = page_of(cache.device);
+    std::map<std::string, std::string> shown;
+    for (const pugi::xpath_node &entry : page.select_nodes("//ul[@class='legend']/li")) {
+        const pugi::xpath_node_set cells = entry.node().select_nodes("span/i");
+        if (cells.size() == 1)
+            shown[entry.node().child("span").next_sibling().value()] =
+                cells[0].node().attribute("class").value();
+    }
+    const std::map<std::string, std::string> looks = {
+        {"free", "u0"}, {"finding", "f"}, {"damaged", "x"}, {"unreadable", "q"}};
+    EXPECT_EQ(shown, looks);
+}
+
 TEST_P(MapLayouts, HeadNamesTheDevice)
 {
     const pugi::xml_document page = page_of(cache.device);
