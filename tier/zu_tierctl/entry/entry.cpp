@@ -22,7 +22,7 @@ constexpr const char ABSENT[] = "null";
 
 /* One of the repeated parts of an entry. */
 struct Part {
-    uint64_t no;
+    uint32_t k;
     std::vector<Field> fields; /* a word of a bitmap is a single one, without a key */
 };
 
@@ -36,14 +36,6 @@ struct Content {
 uint64_t part_number(const Entry &entry, uint32_t k)
 {
     return entry.table.row->packed() ? entry.no * entry.table.end_word + k : k;
-}
-
-/* Where part `k` lies in its slot. */
-size_t part_offset(const Entry &entry, uint32_t k)
-{
-    const tier_parts &parts = *entry.table.row->parts;
-    const size_t first = parts.at != nullptr ? parts.at(entry.metadata.super()) : 0;
-    return first + size_t{k} * parts.size;
 }
 
 /* `twin`, unless it is null, is the slot of another entry: packed words that are the same in both
@@ -68,7 +60,7 @@ Content content_of(const Entry &entry, const uint8_t *twin)
         const bool is_told =
             twin != nullptr && row.packed() && memcmp(entry.slot + at, twin + at, size) == 0;
         if (!is_told && (row.parts->is_shown == nullptr || row.parts->is_shown(record))) {
-            content.parts.push_back({part_number(entry, k), get_fields(columns, record, at, size)});
+            content.parts.push_back({k, get_fields(columns, record, at, size)});
         }
     });
     return content;
@@ -105,7 +97,7 @@ std::vector<Field> flatten(const Entry &entry, Content content)
 {
     std::vector<Field> fields = std::move(content.fields);
     for (Part &part : content.parts) {
-        const std::string name = fmt::format("{}[{}]", entry.table.row->parts->prefix, part.no);
+        const std::string name = part_name(entry, part.k);
         for (Field &field : part.fields) {
             field.key = name + text_if(!field.key.empty(), '.' + field.key);
             fields.push_back(std::move(field));
@@ -197,6 +189,31 @@ const Field *find_field(const std::vector<Field> &fields, const std::string &key
 }
 
 } // namespace
+
+size_t part_offset(const Entry &entry, uint32_t k)
+{
+    const tier_parts &parts = *entry.table.row->parts;
+    const size_t first = parts.at != nullptr ? parts.at(entry.metadata.super()) : 0;
+    return first + size_t{k} * parts.size;
+}
+
+std::string part_name(const Entry &entry, uint32_t k)
+{
+    return fmt::format("{}[{}]", entry.table.row->parts->prefix, part_number(entry, k));
+}
+
+std::string stretch_text(const Metadata &metadata, const tier_table &row, size_t byte)
+{
+    if (row.stretches == nullptr) {
+        return "";
+    }
+    for (const tier_stretch &stretch : row.stretches(metadata.super())) {
+        if (byte < stretch.end) {
+            return fmt::format(" ({})", stretch.name);
+        }
+    }
+    return "";
+}
 
 void each_part(const Entry &entry, const std::function<void(uint32_t, const void *)> &use)
 {

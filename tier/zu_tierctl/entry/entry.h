@@ -27,6 +27,13 @@ std::string entry_text(const Entry &entry);
  * the parts describe it. `use` must not keep the record. */
 void each_part(const Entry &entry, const std::function<void(uint32_t k, const void *record)> &use);
 
+/* The byte of the slot at which part `k` of an entry lies, and the name of the part: "sno[517]". */
+size_t part_offset(const Entry &entry, uint32_t k);
+std::string part_name(const Entry &entry, uint32_t k);
+
+/* The name of what lies at a byte that no field shows, " (hot area)"; empty when it has none. */
+std::string stretch_text(const Metadata &metadata, const tier_table &row, size_t byte);
+
 /* A field in which two entries differ. A repeated part bears its number: "te_bitmap[2]",
  * "te_mapped_meta[3].begin", "sno[517].ino". */
 struct Difference {

@@ -18,8 +18,11 @@ bool looks_like(const tier_layout &layout, const Block &block)
 
 bool is_super(const tier_layout &layout, const Block &block)
 {
-    return looks_like(layout, block) &&
-           Table(*layout.tables.front(), block.data()).flaws(0, block.data()) == 0;
+    if (!looks_like(layout, block)) {
+        return false;
+    }
+    const Table table(*layout.tables.front(), block.data());
+    return table.fits() && table.flaws(0, block.data()) == 0;
 }
 
 const tier_layout *layout_of(const Block &block)

@@ -76,6 +76,14 @@ void Table::seal_slot(uint8_t *slot) const
     tier_seal(*row, slot, static_cast<uint32_t>(record_length));
 }
 
+uint32_t Table::checksum_difference(const uint8_t *slot) const
+{
+    alignas(uint64_t) std::array<uint8_t, SIZE_4K> copy;
+    memcpy(copy.data(), slot, record_length);
+    const uint32_t stored = row->checksum->get(copy.data());
+    return stored ^ row->crc(copy.data(), static_cast<uint32_t>(record_length));
+}
+
 uint32_t Table::flaws(uint64_t no, const uint8_t *slot) const
 {
     uint32_t flaws = 0;
@@ -85,13 +93,8 @@ uint32_t Table::flaws(uint64_t no, const uint8_t *slot) const
     if (row->number && row->number.get(slot) != no) {
         flaws |= BAD_NUMBER;
     }
-    if (row->crc != nullptr) {
-        alignas(uint64_t) std::array<uint8_t, SIZE_4K> copy;
-        memcpy(copy.data(), slot, record_length);
-        const uint32_t stored = row->checksum->get(copy.data());
-        if (stored != row->crc(copy.data(), static_cast<uint32_t>(record_length))) {
-            flaws |= BAD_CHECKSUM;
-        }
+    if (row->crc != nullptr && checksum_difference(slot) != 0) {
+        flaws |= BAD_CHECKSUM;
     }
     return flaws;
 }

@@ -74,6 +74,10 @@ struct Table {
     /* Stores the checksum, if there is one, of the record in `slot`. */
     void seal_slot(uint8_t *slot) const;
 
+    /* The stored checksum of a record, which fits and has one, XOR that of its content; 0: it is
+     * right. */
+    uint32_t checksum_difference(const uint8_t *slot) const;
+
     /* The flaws of the slot of entry `no`, as the tool checks them; 0: none. The record fits. */
     uint32_t flaws(uint64_t no, const uint8_t *slot) const;
 };
