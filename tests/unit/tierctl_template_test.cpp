@@ -69,7 +69,8 @@ public:
         const tierctl::Metadata damaged = tierctl::read_template_metadata(
             companion_, table_name, tells ? "" : std::string(layout_.name));
         const tierctl::Template made = tierctl::make_template(
-            companion_, damaged, tierctl::find_table(damaged.tables, table_name), no, "");
+            companion_, damaged, tierctl::find_table(damaged.tables, table_name), no, "",
+            tierctl::Damage::as_is);
         const Notes refusals = notes_with(made.notes, "zu_tier refuses this file as it stands: ");
         const Notes changes = notes_with(made.notes, "a repair changes ");
 

@@ -94,7 +94,7 @@ private:
                 return;
             }
             const uint32_t flaws = table.flaws(0, slots.data);
-            findings.add_flaws(flaws, 0, slots.offset, slots.data);
+            findings.add_flaws(metadata_, flaws, 0, slots.offset, slots.data);
             (flaws != 0 ? counts.damaged : counts.in_use)++;
         });
         return counts;

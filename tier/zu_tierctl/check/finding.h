@@ -39,11 +39,17 @@ struct Finding {
     bool zero = false;   /* all bytes of each slot are zero */
     bool varied = false; /* the text is that of the first, the others differ in numbers and names */
     std::string text;
-    std::string alike{}; /* what joined findings have in common; empty: the shape of the text */
+    uint64_t one_bit = 0; /* of the findings, those about an entry that one flipped bit explains, */
+    uint64_t two_bits = 0; /* or two */
+    std::string alike{};   /* what joined findings have in common; empty: the shape of the text */
 };
 
 /* What the finding is about: "inode 7", "inode 20..4047 (4028 findings)", "extent 1542 (block 3)",
  * "extent block 3". */
 std::string about_text(const Finding &finding);
+
+/* Its text, and what flipped bits explain: "its number is 9; one flipped bit explains it", of
+ * several findings "each" or "3 of them". */
+std::string finding_text(const Finding &finding);
 
 } // namespace tierctl

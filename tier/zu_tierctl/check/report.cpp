@@ -4,6 +4,7 @@
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/sum.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/mend.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -32,10 +33,10 @@ constexpr CountColumn COLUMNS[] = {
 /* The whole line of a finding. */
 std::string finding_line(const Finding &finding, const std::string &command)
 {
-    return one_line(
-        fmt::format("{}: {} at {}: {}{}{} ({}): {}", severity_name(finding.kind.severity),
-                    about_text(finding), finding.offset, finding.zero ? "all zero: " : "",
-                    finding.varied ? "the first: " : "", finding.text, finding.kind.name, command));
+    return one_line(fmt::format(
+        "{}: {} at {}: {}{}{} ({}): {}", severity_name(finding.kind.severity), about_text(finding),
+        finding.offset, finding.zero ? "all zero: " : "", finding.varied ? "the first: " : "",
+        finding_text(finding), finding.kind.name, command));
 }
 
 class TextReport : public Report {
@@ -117,11 +118,13 @@ private:
     void write(const Finding &finding) override
     {
         print(R"({}{{"kind":"{}","severity":"{}","table":"{}","unit":"{}","no":{},"last":{},)"
-              R"("count":{},"block":{},"offset":{},"zero":{},"command":{},"text":{}}})",
+              R"("count":{},"block":{},"offset":{},"zero":{},"one_bit":{},"two_bits":{},)"
+              R"("command":{},"text":{}}})",
               delimiter_, finding.kind.name, severity_name(finding.kind.severity), finding.table,
               finding.unit, finding.no, finding.last, finding.count,
               finding.packed ? std::to_string(finding.slot) : "null", finding.offset, finding.zero,
-              json_text(command(finding)), json_text(finding.text));
+              finding.one_bit, finding.two_bits, json_text(command(finding)),
+              json_text(finding_text(finding)));
         delimiter_ = ",\n";
     }
 
@@ -188,6 +191,20 @@ std::string about_text(const Finding &finding)
     return fmt::format("{}{} {}{}", finding.table, is_block ? " block" : "",
                        range_text(finding.no, finding.last),
                        notes.empty() ? "" : " (" + notes + ')');
+}
+
+std::string finding_text(const Finding &finding)
+{
+    std::string text = finding.text;
+    for (const auto &[bits, explained] : {std::pair{1U, finding.one_bit}, {2U, finding.two_bits}}) {
+        if (explained != 0) {
+            text += "; " + explained_text(bits, finding.count == 1 ? "it"
+                                                : explained == finding.count
+                                                    ? "each"
+                                                    : fmt::format("{} of them", explained));
+        }
+    }
+    return text;
 }
 
 Report::Report(const std::string &device, Detail detail)

@@ -33,6 +33,8 @@ void join(Finding &run, const Finding &next)
     joined.joins = run.joins;
     joined.joins_end = next.joins_end;
     joined.count = add_limited(run.count, next.count);
+    joined.one_bit = add_limited(run.one_bit, next.one_bit);
+    joined.two_bits = add_limited(run.two_bits, next.two_bits);
     joined.varied = run.varied || next.text != run.text;
     run = std::move(joined);
 }

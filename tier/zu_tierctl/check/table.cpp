@@ -216,7 +216,7 @@ private:
         set_states(no, 0, first_, State::head);
         const uint32_t flaws = table_.flaws(no, slot);
         if (flaws != 0) {
-            context_.findings.add_flaws(flaws, no, offset, slot);
+            context_.findings.add_flaws(context_.metadata, flaws, no, offset, slot);
             set_states(no, first_, end_, State::damaged);
             add_lost(no, 1, &Counts::damaged);
             return;

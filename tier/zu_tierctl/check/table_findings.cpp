@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/mend.h"
 
 #include <cstring>
 #include <fmt/format.h>
@@ -112,17 +113,22 @@ void TableFindings::add(const Kind &kind, const EntryPlace &place, const std::st
     }
 }
 
-void TableFindings::add_flaws(uint32_t flaws, uint64_t slot, int64_t offset,
-                              const uint8_t *content) const
+void TableFindings::add_flaws(const Metadata &metadata, uint32_t flaws, uint64_t slot,
+                              int64_t offset, const uint8_t *content) const
 {
     if (!wanted()) {
         return;
     }
     const tier_table &row = *table_->row;
     const bool zero = is_zero(content);
+    Block block;
+    memcpy(block.data(), content, block.size());
+    const size_t bits = mend(metadata, *table_, slot, block).bits.size();
     const auto add_flaw = [&](const char *kind, const std::string &text) {
         Finding finding = about_slots({kind}, slot, 1, offset, text);
         finding.zero = zero;
+        finding.one_bit = bits == 1 ? 1 : 0;
+        finding.two_bits = bits == 2 ? 1 : 0;
         report_->add(finding);
     };
     if ((flaws & BAD_MAGIC) != 0) {

@@ -3,7 +3,7 @@
 #include "zu_tierctl/check/report.h"
 #include "zu_tierctl/check/states.h"
 #include "zu_tierctl/device/device.h"
-#include "zu_tierctl/entry/table.h"
+#include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
 #include <optional>
@@ -29,8 +29,9 @@ public:
 
     void add(const Kind &kind, const EntryPlace &place, const std::string &text) const;
 
-    /* Reports the flaws of the slot at `content`. */
-    void add_flaws(uint32_t flaws, uint64_t slot, int64_t offset, const uint8_t *content) const;
+    /* Reports the flaws of the slot at `content`, and whether flipped bits explain them. */
+    void add_flaws(const Metadata &metadata, uint32_t flaws, uint64_t slot, int64_t offset,
+                   const uint8_t *content) const;
 
     /* Reports that these slots could not be read. */
     void add_unread(const Slots &slots, uint64_t device_size) const;

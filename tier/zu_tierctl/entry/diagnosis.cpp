@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/fields.h"
+#include "zu_tierctl/entry/mend.h"
 
 #include <algorithm>
 #include <bit>
@@ -86,37 +87,19 @@ private:
         if (std::has_single_bit(stored() ^ expected)) {
             return "one bit of its checksum is wrong: " + both;
         }
-        const std::optional<size_t> bit = wrong_bit();
-        return bit ? bit_text(*bit)
+        const Metadata metadata = {&layout_, block_, {Table(row_, block_.data())}};
+        const Mended mended = mend(metadata, metadata.tables.front(), 0, block_);
+        return mended.bits.size() == 1
+                   ? bit_text(mended.bits.front(), mended.block)
                    : fmt::format("its checksum does not match its content, in which more than one "
                                  "bit is wrong: {}",
                                  both);
     }
 
-    /* The one bit of the content that must be flipped to make the checksum right. */
-    std::optional<size_t> wrong_bit() const
-    {
-        for (size_t bit = 0; bit < size_t{length_} * 8; bit++) {
-            const Block changed = with_bit(bit);
-            if (row_.checksum->get(changed.data()) == stored() && computed(changed) == stored()) {
-                return bit;
-            }
-        }
-        return std::nullopt;
-    }
-
-    Block with_bit(size_t bit) const
-    {
-        Block changed = block_;
-        changed[bit / 8] = static_cast<uint8_t>(changed[bit / 8] ^ 1U << bit % 8);
-        return changed;
-    }
-
     /* What is wrong with a field when this bit of it is. */
-    std::string bit_text(size_t bit) const
+    std::string bit_text(size_t bit, const Block &right) const
     {
         const size_t byte = bit / 8;
-        const Block right = with_bit(bit);
         for (const tier_column &column : row_.fields()) {
             const std::string is = valid_utf8(column_text(column, block_.data()));
             const std::string should_be = valid_utf8(column_text(column, right.data()));

@@ -326,9 +326,10 @@ std::vector<std::string> mend_texts(const Metadata &metadata, const Table &table
     return texts;
 }
 
-std::string_view explained_text(size_t bits)
+std::string explained_text(size_t bits, std::string_view what)
 {
-    return bits == 1 ? "one flipped bit explains it" : "two flipped bits explain it";
+    return fmt::format("{} {}", bits == 1 ? "one flipped bit explains" : "two flipped bits explain",
+                       what);
 }
 
 } // namespace tierctl

@@ -40,6 +40,6 @@ std::vector<std::string> mend_texts(const Metadata &metadata, const Table &table
                                     const Block &slot, const Mended &mended);
 
 /* "one flipped bit explains it", for one or two bits. */
-std::string_view explained_text(size_t bits);
+std::string explained_text(size_t bits, std::string_view what = "it");
 
 } // namespace tierctl

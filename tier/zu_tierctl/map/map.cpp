@@ -315,7 +315,7 @@ private:
         if (kind.kept < Map::KIND_MAX && map_.findings.size() < Map::FINDINGS_MAX) {
             kind.kept++;
             map_.findings.push_back({finding.kind.severity, finding.kind.name, finding.table,
-                                     about_text(finding), finding.text, command(finding)});
+                                     about_text(finding), finding_text(finding), command(finding)});
         }
     }
 

@@ -26,8 +26,9 @@ namespace {
 constexpr const char TEMPLATE_FOOTER[] =
     "Standard error tells what is wrong with the entry, every field and byte that a\n"
     "repair with the unchanged file would change, what zu_tier would refuse, and the\n"
-    "command that repairs it. Of a damaged entry the file has what can be read. The\n"
-    "device is not changed.\n"
+    "command that repairs it. Where the checksum tells which one or two bits of a damaged\n"
+    "entry have flipped, standard error names them, and the file has the entry mended;\n"
+    "otherwise it has what can be read. The device is not changed.\n"
     "\n"
     "Example, an inode whose checksum is wrong:\n"
     "  zu_tierctl template /dev/vg/tcache inode 7 > inode7.json\n"
@@ -44,6 +45,9 @@ struct TemplateOptions {
     std::string layout;
     std::string into;
     std::string super_file;
+    bool as_is = false;
+
+    Damage damage() const { return as_is ? Damage::as_is : Damage::mended; }
 };
 
 std::vector<std::string_view> layout_names()
@@ -76,9 +80,10 @@ void write_file(const std::string &path, const std::string &text)
 
 /* Writes a file for each entry. What cannot be read does not keep the others from being written. */
 void write_files(const Device &device, const Metadata &metadata, const Selection &selection,
-                 const std::string &directory)
+                 const TemplateOptions &options)
 {
     const Table &table = selection.table;
+    const std::string &directory = options.into;
     const auto path_of = [&](uint64_t no) {
         return (fs::path(directory) / fmt::format("{}-{}.json", table.name, no)).string();
     };
@@ -95,7 +100,7 @@ void write_files(const Device &device, const Metadata &metadata, const Selection
         const std::string path = path_of(no);
         std::optional<Template> made;
         try {
-            made = make_template(device, metadata, table, no, path);
+            made = make_template(device, metadata, table, no, path, options.damage());
         } catch (const std::runtime_error &reason) {
             complain_of(table, no, reason.what());
             failed++;
@@ -125,11 +130,12 @@ void run(const TemplateOptions &options)
         complain(note);
     }
     if (!options.into.empty()) {
-        write_files(device, metadata, selection, options.into);
+        write_files(device, metadata, selection, options);
         return;
     }
     const uint64_t no = selection.slots.front();
-    const Template made = make_template(device, metadata, selection.table, no, "");
+    const Template made =
+        make_template(device, metadata, selection.table, no, "", options.damage());
     print_text(made.file);
     finish_output();
     tell(selection.table, no, made);
@@ -152,6 +158,10 @@ void add_template(CLI::App &app)
                      "inode-7.json; made if there is none. Several entries\n"
                      "need it")
         ->type_name("DIR");
+    command->add_flag("--as-is", options->as_is,
+                      "Give a damaged entry as it stands. Without it the file\n"
+                      "has the entry mended where one or two flipped bits\n"
+                      "explain the damage");
     command
         ->add_option("--layout", options->layout,
                      fmt::format("Layout of a super block that does not say so: {}",

@@ -6,6 +6,7 @@
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/fields.h"
 #include "zu_tierctl/entry/given_super.h"
+#include "zu_tierctl/entry/mend.h"
 #include "zu_tierctl/entry/rebuild.h"
 #include "zu_tierctl/template/json.h"
 
@@ -56,7 +57,7 @@ void check_number(const Table &table, uint64_t no)
 class Draft {
 public:
     Draft(const Device &device, const Metadata &metadata, const Table &table, uint64_t no,
-          const std::string &path)
+          const std::string &path, Damage damage)
         : device_(device), metadata_(metadata), table_(table), no_(no), path_(path)
     {
         alignas(SIZE_4K) Block block;
@@ -64,6 +65,13 @@ public:
             throw_errno(fmt::format("cannot read {} {} of {}", table.name, no, device.path()));
         }
         stored_ = block;
+        source_ = block;
+        if (damage == Damage::mended) {
+            mended_ = mend(metadata, table, no, block);
+        }
+        if (is_mended()) {
+            source_ = mended_.block;
+        }
     }
 
     Template make()
@@ -106,11 +114,18 @@ private:
         if (flaws != 0) {
             note("damaged: " + flaws_text(flaws));
         }
+        if (is_mended()) {
+            note(
+                fmt::format("{} ({}): {}", explained_text(mended_.bits.size()),
+                            certainty_name(mended_.certainty),
+                            fmt::join(mend_texts(metadata_, table_, no_, stored_, mended_), ", ")));
+            note("the file has the entry mended so; --as-is gives it as it stands");
+        }
         if ((flaws & BAD_NUMBER) != 0) {
             note(fmt::format("has number {}, the file has {}",
                              table_.row->number.get(stored_.data()), no_));
         }
-        if (table_.name == SUPER_TABLE && !is_super(*metadata_.layout, stored_)) {
+        if (table_.name == SUPER_TABLE && !is_super(*metadata_.layout, source_)) {
             for (const std::string &flaw : super_flaws(stored_)) {
                 note(fmt::format("{}; the file has what is there", flaw));
             }
@@ -120,10 +135,12 @@ private:
         }
     }
 
-    /* The entry as it stands, but with what identifies its place: a repair makes nothing else. */
+    bool is_mended() const { return mended_.certainty != Certainty::none; }
+
+    /* The entry with what identifies its place: a repair makes nothing else. */
     Block identified() const
     {
-        Block block = stored_;
+        Block block = source_;
         if (table_.row->number) {
             table_.row->number.put(block.data(), no_);
         }
@@ -230,23 +247,17 @@ private:
         for (const Difference &difference : entry_differences(before, after)) {
             const bool is_random = std::ranges::find(random, difference.key) != random.end();
             note(fmt::format("a repair changes {}{}: {} -> {}", difference.key,
-                             stretch_text(difference), difference.a,
+                             stretch_of(difference), difference.a,
                              is_random ? "a new one each time" : difference.b));
         }
     }
 
-    /* The name of what lies at the bytes of no field, " (hot area)". */
-    std::string stretch_text(const Difference &difference) const
+    std::string stretch_of(const Difference &difference) const
     {
-        if (table_.row->stretches == nullptr || !difference.first_byte) {
+        if (!difference.first_byte) {
             return "";
         }
-        for (const tier_stretch &stretch : table_.row->stretches(metadata_.super())) {
-            if (*difference.first_byte < stretch.end) {
-                return fmt::format(" ({})", stretch.name);
-            }
-        }
-        return "";
+        return stretch_text(metadata_, *table_.row, *difference.first_byte);
     }
 
     void note_command()
@@ -267,6 +278,8 @@ private:
     uint64_t no_;
     const std::string &path_;
     Block stored_;
+    Mended mended_;
+    Block source_; /* of the file */
     std::vector<std::string> notes_;
 };
 
@@ -288,10 +301,10 @@ Metadata read_template_metadata(const Device &device, std::string_view table,
 }
 
 Template make_template(const Device &device, const Metadata &metadata, const Table &table,
-                       uint64_t no, const std::string &path)
+                       uint64_t no, const std::string &path, Damage damage)
 {
     check_number(table, no);
-    return Draft(device, metadata, table, no, path).make();
+    return Draft(device, metadata, table, no, path, damage).make();
 }
 
 } // namespace tierctl

@@ -9,11 +9,17 @@
 
 namespace tierctl {
 
-/* The repair file that makes an entry anew as it stands, and what there is to say of it: what is
- * wrong with the entry, what gets lost in a repair, what the tool refuses, the command to use. */
+/* The repair file that makes an entry anew, and what there is to say of it: what is wrong with the
+ * entry, what gets lost in a repair, what the tool refuses, the command to use. */
 struct Template {
     std::string file;
     std::vector<std::string> notes;
+};
+
+/* What the file of a damaged entry is made from. */
+enum class Damage {
+    mended, /* the entry as it was, where its checksum tells that, else as it stands */
+    as_is,  /* the entry as it stands */
 };
 
 /* What templates of a table need. The super block, of which `layout` ("" when not given) names the
@@ -25,6 +31,6 @@ Metadata read_template_metadata(const Device &device, std::string_view table,
 /* The template of entry `no`, which exists, of one of the tables. `path` is what the file will be
  * called, "" when that is not known. */
 Template make_template(const Device &device, const Metadata &metadata, const Table &table,
-                       uint64_t no, const std::string &path);
+                       uint64_t no, const std::string &path, Damage damage = Damage::mended);
 
 } // namespace tierctl
