@@ -36,11 +36,30 @@ std::vector<std::string> keys_of(const Json &object)
     return keys;
 }
 
+// The text ends with what flipped bits explain of the findings.
+void expect_explained(const Json &json)
+{
+    const std::uint64_t count = json.at("count");
+    std::string end;
+    for (const auto &[key, words] : {std::pair{"one_bit", "; one flipped bit explains "},
+                                     {"two_bits", "; two flipped bits explain "}}) {
+        EXPECT_TRUE(json.at(key).is_number_unsigned()) << json;
+        const std::uint64_t explained = json.at(key);
+        if (explained != 0)
+            end += words + (count == 1           ? "it"
+                            : explained == count ? std::string("each")
+                                                 : text("%lu of them", explained));
+    }
+    const std::string said = json.at("text");
+    EXPECT_TRUE(said.ends_with(end)) << json;
+    EXPECT_EQ(said.substr(0, said.size() - end.size()).find("flipped"), std::string::npos) << json;
+}
+
 Finding finding_of(const Json &json)
 {
-    EXPECT_EQ(keys_of(json),
-              (std::vector<std::string>{"kind", "severity", "table", "unit", "no", "last", "count",
-                                        "block", "offset", "zero", "command", "text"}));
+    EXPECT_EQ(keys_of(json), (std::vector<std::string>{"kind", "severity", "table", "unit", "no",
+                                                       "last", "count", "block", "offset", "zero",
+                                                       "one_bit", "two_bits", "command", "text"}));
     EXPECT_TRUE(json.at("no").is_number_unsigned() && json.at("offset").is_number_integer())
         << json;
     EXPECT_TRUE(json.at("zero").is_boolean()) << json;
@@ -49,9 +68,11 @@ Finding finding_of(const Json &json)
     std::optional<std::uint64_t> block;
     if (!json.at("block").is_null())
         block = json.at("block").get<std::uint64_t>();
-    return {json.at("kind"),   json.at("severity"), json.at("table"),   json.at("unit"),
-            json.at("no"),     json.at("last"),     json.at("count"),   block,
-            json.at("offset"), json.at("zero"),     json.at("command"), json.at("text")};
+    expect_explained(json);
+    return {json.at("kind"),    json.at("severity"), json.at("table"),   json.at("unit"),
+            json.at("no"),      json.at("last"),     json.at("count"),   block,
+            json.at("offset"),  json.at("zero"),     json.at("one_bit"), json.at("two_bits"),
+            json.at("command"), json.at("text")};
 }
 
 Cause cause_of(const Json &json)

@@ -27,6 +27,8 @@ struct Finding {
     std::optional<std::uint64_t> block;
     std::int64_t offset = 0;
     bool zero = false;
+    std::uint64_t one_bit = 0; // findings that so many flipped bits explain, as the text says too
+    std::uint64_t two_bits = 0;
     std::string command;
     std::string text;
 };

@@ -243,11 +243,11 @@ std::vector<std::string> TemplateProof::take_changes(const std::string &table,
 }
 
 std::vector<Template> check_table(TemplateProof &proof, const std::string &table,
-                                  std::uint64_t count)
+                                  std::uint64_t count, const std::vector<std::string> &args)
 {
     std::vector<Template> all;
     for (std::uint64_t no = 0; no < count; ++no)
-        all.push_back(proof.check(table, no));
+        all.push_back(proof.check(table, no, args));
     return all;
 }
 

@@ -56,6 +56,6 @@ private:
 
 // Every entry of a table with `count` of them.
 std::vector<Template> check_table(TemplateProof &proof, const std::string &table,
-                                  std::uint64_t count);
+                                  std::uint64_t count, const std::vector<std::string> &args = {});
 
 } // namespace tier_test

@@ -64,6 +64,16 @@ protected:
     }
 };
 
+// What is said of an entry of which one bit has flipped, whose file has it as it was.
+void expect_mended(const Template &made)
+{
+    ASSERT_GE(made.flaws.size(), 3U);
+    EXPECT_TRUE(made.flaws[0].starts_with("damaged: "));
+    EXPECT_TRUE(made.flaws[1].starts_with("one flipped bit explains it (")) << made.flaws[1];
+    EXPECT_TRUE(made.flaws[1].ends_with(" turned")) << made.flaws[1];
+    EXPECT_EQ(made.flaws[2], "the file has the entry mended so; --as-is gives it as it stands");
+}
+
 INSTANTIATE_TEST_SUITE_P(Layouts, TemplateOfSample, testing::ValuesIn(SAMPLES),
                          [](const auto &sample) { return sample.param.layout; });
 
@@ -111,7 +121,7 @@ TEST_P(TemplateOfSample, SoundEntries)
 
 TEST_P(TemplateOfSample, DamagedEntries)
 {
-    for (const std::string seed : {"1", "2"}) {
+    for (const auto &[seed, args] : {std::pair<std::string, Notes>{"1", {}}, {"2", {"--as-is"}}}) {
         std::vector<std::string> damages;
         for (const Table &table : sample.tables)
             for (std::size_t no = 0; no < table.kinds.size(); ++no)
@@ -119,7 +129,7 @@ TEST_P(TemplateOfSample, DamagedEntries)
         const Device device = make(seed, damages);
         TemplateProof proof(device);
         for (const Table &table : sample.tables) {
-            const std::vector<Template> all = check_table(proof, table.name, table.count);
+            const std::vector<Template> all = check_table(proof, table.name, table.count, args);
             for (std::size_t no = 0; no < table.kinds.size() && table.name != "hot"; ++no) {
                 const std::string &kind = table.kinds[no];
                 ASSERT_FALSE(all[no].flaws.empty()) << table.name << ' ' << kind;
@@ -143,6 +153,30 @@ TEST_P(TemplateOfSample, DamagedEntries)
     }
 }
 
+// The file of an entry with a flipped bit is that of the sound one.
+TEST_P(TemplateOfSample, MendedEntries)
+{
+    const Device sound = make("1");
+    for (const std::string kind : {"checksum", "bit"}) {
+        std::vector<std::string> damages;
+        for (const Table &table : sample.tables)
+            damages.push_back(table.name + ":1:" + kind);
+        if (kind == "checksum")
+            std::erase(damages, "hot:1:checksum");
+        const Device device = make("1", damages);
+        TemplateProof proof(device);
+        for (const Table &table : sample.tables) {
+            if (table.name == "hot") // has no checksum
+                continue;
+            SCOPED_TRACE(table.name + ' ' + kind);
+            const Template made = proof.check(table.name, 1);
+            EXPECT_EQ(made.file, read_template(sound, {table.name, "1"}).file);
+            EXPECT_EQ(made.refusals, Notes{});
+            expect_mended(made);
+        }
+    }
+}
+
 TEST_P(TemplateOfSample, DamagedSuperBlocks)
 {
     for (const std::string kind : {"checksum", "magic", "zero", "bit", "version"}) {
@@ -155,7 +189,14 @@ TEST_P(TemplateOfSample, DamagedSuperBlocks)
             device.write(SUPER_OFFSET, super);
         }
         TemplateProof proof(device);
-        const Template made = proof.check("super", 0, {"--layout", sample.layout});
+        const bool one_bit = kind == "checksum" || kind == "bit";
+        if (one_bit) {
+            const Template mended = proof.check("super", 0);
+            EXPECT_EQ(mended.file, read_template(make("1"), {"super", "0"}).file);
+            EXPECT_EQ(mended.option, "-v" + sample.layout.substr(1));
+            expect_mended(mended);
+        }
+        const Template made = proof.check("super", 0, {"--layout", sample.layout, "--as-is"});
         EXPECT_EQ(made.option, "-v" + sample.layout.substr(1));
         ASSERT_FALSE(made.flaws.empty());
         EXPECT_EQ(made.flaws[0].starts_with("damaged: "), kind != "version");
@@ -166,13 +207,13 @@ TEST_P(TemplateOfSample, DamagedSuperBlocks)
             EXPECT_EQ(made.refusals.empty(), kind != "zero");
         }
         proof.finish();
-        if (kind == "checksum" || kind == "bit") { // it still says which layout it has
-            EXPECT_EQ(run_template(device, {"super", "0"}).out, made.file);
+        if (one_bit) { // it still says which layout it has
+            EXPECT_EQ(run_template(device, {"super", "0", "--as-is"}).out, made.file);
         }
         const std::string said =
             kind == "zero" ? " has no super block of a known layout"
                            : " has a damaged super block of layout " + sample.layout + ": ";
-        if (kind != "checksum" && kind != "bit") {
+        if (!one_bit) {
             const RunResult super = run_template(device, {"super", "0"});
             EXPECT_EQ(super.status, 2);
             EXPECT_TRUE(super.err.starts_with("zu_tierctl: " + device.path() + said)) << super;
