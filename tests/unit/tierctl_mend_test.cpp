@@ -65,11 +65,12 @@ Record make_record(const Metadata &metadata, const std::string &name, std::mt199
     const TableModel &rules = model(version, name);
     Block super;
     std::ranges::copy(metadata.super_block, super.begin());
-    Record record = {.name = text("V%d %s", version, name.c_str()),
+    const std::size_t length = rules.length(super);
+    Record record = {.name = text("V%d %s of %zu bytes", version, name.c_str(), length),
                      .metadata = metadata,
                      .table = tierctl::find_table(metadata.tables, name),
                      .no = name == "super" ? 0U : 1U,
-                     .length = rules.length(super),
+                     .length = length,
                      .names = {},
                      .sound = {}};
     for (int i = 0; i < 8; ++i) {
@@ -198,6 +199,164 @@ TEST_F(Mend, TwoBits)
             }
         }
     }
+}
+
+// As a sentence shows a number or a byte of the field.
+std::string shown(const Field &field, std::uint64_t value, std::size_t byte)
+{
+    switch (field.form) {
+    case FieldForm::DECIMAL:
+        return text("%lu", value);
+    case FieldForm::REVERSED:
+        return text("%08lx", value);
+    case FieldForm::TEXT:
+        if (byte >= ' ' && byte <= '~')
+            return text("'%c'", static_cast<char>(byte));
+        [[fallthrough]];
+    case FieldForm::UUID:
+        return text("0x%02lx", byte);
+    case FieldForm::TIME:
+    case FieldForm::HEX_AND_TIME:
+        return text("0x%lx(%s)", value, time_text(value).c_str());
+    default:
+        return text("0x%lx", value);
+    }
+}
+
+// What is said of a bit of the field, counted from its lowest, of the record or part at `base`.
+std::string sentence(const std::string &name, const Field &field, const Block &wrong,
+                     const Block &right, std::size_t bit, std::size_t base = 0)
+{
+    const std::size_t byte = base + field.byte + bit / 8;
+    if (field.is_number()) {
+        const std::size_t place = field.form == FieldForm::REVERSED ? bit ^ 24 : bit;
+        return text("%s: %s is %s with bit %lu turned", name.c_str(),
+                    shown(field, get_number(wrong, field, base), 0).c_str(),
+                    shown(field, get_number(right, field, base), 0).c_str(), place);
+    }
+    return text("%s[%lu]: %s is %s with bit %lu turned", name.c_str(), bit / 8,
+                shown(field, 0, wrong[byte]).c_str(), shown(field, 0, right[byte]).c_str(),
+                bit % 8);
+}
+
+class MendTexts : public Mend {
+protected:
+    struct Turned {
+        std::vector<std::string> texts;
+        Block wrong;
+        Block right;
+    };
+
+    // Turns so many bits that the test knows of a sound slot of the record.
+    Turned turned(const Record &record, const std::vector<std::size_t> &bits)
+    {
+        Turned result{};
+        tierctl::Block slot = some_sound(record);
+        std::ranges::copy(slot, result.right.begin());
+        for (const std::size_t bit : bits)
+            turn(slot, bit);
+        std::ranges::copy(slot, result.wrong.begin());
+        const Mended mended = record.mend(slot);
+        EXPECT_EQ(mended.bits, bits);
+        result.texts = mend_texts(record.metadata, record.table, record.no, slot, mended);
+        return result;
+    }
+
+    void expect_said(const Record &record, const std::string &name, const Field &field,
+                     std::size_t base = 0)
+    {
+        const std::size_t bit = below(field.width);
+        const Turned slot = turned(record, {(base + field.byte) * 8 + field.shift + bit});
+        EXPECT_EQ(slot.texts, std::vector{sentence(name, field, slot.wrong, slot.right, bit, base)})
+            << record.name;
+    }
+
+    const Record &record_of(const std::string &name) const
+    {
+        return *std::ranges::find(records, name, &Record::name);
+    }
+};
+
+TEST_F(MendTexts, OfFields)
+{
+    std::size_t said = 0;
+    for (const Record &record : records) {
+        const TableModel &rules =
+            model(record.metadata.layout->version, std::string(record.table.name));
+        for (const Field &field : rules.fields) {
+            if (rules.is_packed() || field.form == FieldForm::UNITS)
+                continue;
+            for (int i = 0; i < 40; ++i, ++said)
+                expect_said(record, field.name, field);
+        }
+    }
+    EXPECT_GT(said, 4000U);
+}
+
+TEST_F(MendTexts, OfPackedEntries)
+{
+    for (const std::string name : {"shard", "extent"}) {
+        const TableModel &rules = model(3, name);
+        const Record &record = record_of("V3 " + name + " of 4096 bytes");
+        for (int i = 0; i < 40; ++i) {
+            for (const Field &field : rules.fields) {
+                const std::size_t k = rules.first_slot + below(SLOTS_V3 - rules.first_slot);
+                expect_said(record,
+                            text("%s[%lu].%s", rules.items->keys[0].name.c_str(),
+                                 record.no * SLOTS_V3 + k, field.name.c_str()),
+                            field, 8 * k);
+            }
+        }
+    }
+    const Record &shards = record_of("V3 shard of 4096 bytes");
+    expect_said(shards, "checksum", {"checksum", 0, 32, FieldForm::HEX});
+    expect_said(shards, "magic", {"magic", 4, 32, FieldForm::HEX});
+
+    // Bit 9 of the checksum is the lowest of word 9; that of word 40 belongs to nothing.
+    const Record &extents = record_of("V3 extent of 4096 bytes");
+    const Turned crc = turned(extents, {9 * 64});
+    const std::uint32_t was = extent_block_checksum(crc.right);
+    EXPECT_EQ(crc.texts,
+              std::vector{text("checksum: 0x%x is 0x%x with bit 9 turned", was ^ 1U << 9, was)});
+    const Turned unused = turned(extents, {40 * 64});
+    EXPECT_EQ(unused.texts, std::vector{text("byte 320: 0x%02x is 0x%02x with bit 0 turned",
+                                             unused.wrong[320], unused.right[320])});
+}
+
+TEST_F(MendTexts, OfWordsAndPieces)
+{
+    for (const std::size_t word : {0U, 1U})
+        expect_said(record_of("V1 extent of 72 bytes"), text("te_bitmap[%lu]", word),
+                    {"", 0, 64, FieldForm::HEX}, 56 + 8 * word);
+    const Record &extent = record_of("V2 extent of 648 bytes");
+    for (const std::size_t piece : {0U, 31U}) {
+        for (const Field &field : std::vector<Field>{{"offset", 0, 64},
+                                                     {"clean", 8, 1},
+                                                     {"orig_len", 8, 31, FieldForm::DECIMAL, 1},
+                                                     {"begin", 12, 16},
+                                                     {"cnt", 14, 16}})
+            expect_said(extent, text("te_mapped_meta[%lu].%s", piece, field.name.c_str()), field,
+                        72 + 16 * piece);
+    }
+    for (const auto &[byte, name] : {std::pair{60U, "bitmap"}, {600U, "hot area"}}) {
+        const Turned slot = turned(extent, {byte * 8 + 5});
+        EXPECT_EQ(slot.texts, std::vector{text("byte %u (%s): 0x%02x is 0x%02x with bit 5 turned",
+                                               byte, name, slot.wrong[byte], slot.right[byte])});
+    }
+}
+
+// The second is said of what is left of the first.
+TEST_F(MendTexts, OfTwoBits)
+{
+    const Record &brick = record_of("V1 brick of 168 bytes");
+    const Turned slot = turned(brick, {
+                                          8 * 8 + 1,
+                                          8 * 8 + 31,
+                                      });
+    const std::uint32_t use = get_u32(slot.wrong, 8);
+    EXPECT_EQ(slot.texts, (std::vector{text("bi_use: %u is %u with bit 1 turned", use, use ^ 2U),
+                                       text("bi_use: %u is %u with bit 31 turned", use ^ 2U,
+                                            get_u32(slot.right, 8))}));
 }
 
 } // namespace
