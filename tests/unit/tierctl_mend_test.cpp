@@ -24,6 +24,19 @@ namespace {
 
 constexpr std::size_t PAIRS_MAX = 371; // covered bytes in which two bits are found
 
+// Flips of each kind in each record, of which there are twenty: 200,000 of each kind. The
+// sanitizers make them slow. The figures of docs/reliability.md are those of a million.
+std::size_t rounds()
+{
+    const char *chosen = std::getenv("ZU_TIER_FLIPS");
+#ifdef __SANITIZE_ADDRESS__
+    constexpr std::size_t USUAL = 500;
+#else
+    constexpr std::size_t USUAL = 10'000;
+#endif
+    return chosen == nullptr ? USUAL : std::stoul(chosen);
+}
+
 // Sound slots of an entry of a table, with anything but its names in them.
 struct Record {
     std::string name;
@@ -164,7 +177,7 @@ TEST_F(Mend, OneBit)
 {
     for (const Record &record : records) {
         SCOPED_TRACE(record.name);
-        for (std::size_t i = 0; i < 5000; ++i) {
+        for (std::size_t i = 0; i < rounds(); ++i) {
             const tierctl::Block &sound = some_sound(record);
             tierctl::Block wrong = sound;
             const std::size_t bit = below(record.bits());
@@ -183,7 +196,7 @@ TEST_F(Mend, TwoBits)
 {
     for (const Record &record : records) {
         SCOPED_TRACE(record.name);
-        for (std::size_t i = 0; i < 5000; ++i) {
+        for (std::size_t i = 0; i < rounds(); ++i) {
             const tierctl::Block &sound = some_sound(record);
             tierctl::Block wrong = sound;
             const std::vector<std::size_t> bits = some_bits(record, 2);
@@ -199,6 +212,342 @@ TEST_F(Mend, TwoBits)
             }
         }
     }
+}
+
+// How often an answer is wrong where there is none, and how often it should be: an arbitrary
+// checksum is explained by one of all bits, or of all pairs of bits.
+class Figures {
+public:
+    // `excludes_one`: no single bit can explain them.
+    explicit Figures(const std::string &what, bool excludes_one = false)
+        : what_(what), excludes_one_(excludes_one)
+    {
+    }
+
+    void add(const Record &record, Certainty certainty)
+    {
+        const auto bits = static_cast<double>(record.bits());
+        runs_++;
+        certain_.wrong += certainty == Certainty::certain ? 1 : 0;
+        certain_.computed += excludes_one_ ? 0 : bits / BIT_32;
+        likely_.wrong += certainty == Certainty::likely ? 1 : 0;
+        if (record.tells_pairs())
+            likely_.computed += bits * (bits - 1) / 2 / BIT_32;
+    }
+
+    // Of rare events hardly ever more than six standard deviations too many happen, and none of
+    // those that cannot.
+    void expect() const
+    {
+        for (const auto &[name, rate] : {std::pair{"certain", certain_}, {"likely", likely_}}) {
+            const double most = rate.computed + 6 * std::sqrt(rate.computed + 0.1);
+            EXPECT_LE(static_cast<double>(rate.wrong), rate.computed == 0 ? 0 : most)
+                << what_ << ", " << name;
+            std::cout << text("%s: %lu runs, %lu wrongly %s, computed %.1f\n", what_.c_str(), runs_,
+                              rate.wrong, name, rate.computed);
+        }
+    }
+
+private:
+    struct Rate {
+        std::size_t wrong = 0;
+        double computed = 0;
+    };
+
+    std::string what_;
+    bool excludes_one_;
+    std::size_t runs_ = 0;
+    Rate certain_;
+    Rate likely_;
+};
+
+TEST_F(Mend, ThreeBits)
+{
+    Figures of_short("three bits where two are told", true);
+    Figures of_long("three bits elsewhere");
+    for (const Record &record : records) {
+        SCOPED_TRACE(record.name);
+        Figures &figures = record.tells_pairs() ? of_short : of_long;
+        for (std::size_t i = 0; i < rounds(); ++i) {
+            const tierctl::Block &sound = some_sound(record);
+            tierctl::Block wrong = sound;
+            for (const std::size_t bit : some_bits(record, 3))
+                turn(wrong, bit);
+            const Mended mended = record.mend(wrong);
+            if (mended.certainty != Certainty::none) {
+                ASSERT_FALSE(mended.block == sound);
+            }
+            figures.add(record, mended.certainty);
+        }
+    }
+    of_short.expect();
+    of_long.expect();
+}
+
+// Anything but the names, which would end the search.
+TEST_F(Mend, Garbage)
+{
+    Figures of_short("garbage where two bits are told");
+    Figures of_long("garbage elsewhere");
+    for (const Record &record : records) {
+        Figures &figures = record.tells_pairs() ? of_short : of_long;
+        for (std::size_t i = 0; i < rounds(); ++i) {
+            tierctl::Block slot{};
+            for (std::size_t at = 0; at < record.length; at += 8)
+                put_u64(slot, at, random());
+            for (const std::size_t at : record.names)
+                slot[at] = record.sound[0][at];
+            figures.add(record, record.mend(slot).certainty);
+        }
+    }
+    of_short.expect();
+    of_long.expect();
+}
+
+TEST_F(Mend, WhatIsNotMended)
+{
+    for (const Record &record : records) {
+        SCOPED_TRACE(record.name);
+        const tierctl::Block &sound = record.sound[0];
+        EXPECT_EQ(record.mend(sound).certainty, Certainty::none);
+        EXPECT_TRUE(record.mend(sound).bits.empty());
+        EXPECT_EQ(record.mend({}).certainty, Certainty::none);
+        tierctl::Block last = {}; // nothing but the end of the record
+        last[record.length - 1] = 1;
+        EXPECT_EQ(record.mend(last).certainty, Certainty::none);
+
+        // An entry in the wrong place has the right checksum; with a wrong one it remains there.
+        if (record.table.row->number) {
+            tierctl::Block slot = sound;
+            EXPECT_EQ(tierctl::mend(record.metadata, record.table, record.no + 1, slot).certainty,
+                      Certainty::none);
+            turn(slot, record.bits() - 1);
+            EXPECT_EQ(tierctl::mend(record.metadata, record.table, record.no + 1, slot).certainty,
+                      Certainty::none);
+            EXPECT_EQ(record.mend(slot).certainty, Certainty::certain);
+        }
+        // Three bits of what names it are too many, whatever the checksum says.
+        if (!record.names.empty()) {
+            tierctl::Block slot = sound;
+            for (const std::size_t bit : {0U, 1U, 2U})
+                turn(slot, record.names[0] * 8 + bit);
+            EXPECT_EQ(record.mend(slot).certainty, Certainty::none);
+        }
+    }
+}
+
+// Two bits of the names, of the version too, are told as any others.
+TEST_F(Mend, TwoBitsOfTheNames)
+{
+    for (const Record &record : records) {
+        if (!record.tells_pairs() || record.names.empty())
+            continue;
+        SCOPED_TRACE(record.name);
+        tierctl::Block wrong = record.sound[0];
+        turn(wrong, record.names.front() * 8);
+        turn(wrong, record.names.back() * 8 + 7);
+        const Mended mended = record.mend(wrong);
+        EXPECT_EQ(mended.certainty, Certainty::likely);
+        EXPECT_TRUE(mended.block == record.sound[0]);
+    }
+}
+
+// A table without a checksum has nothing to go by, nor one whose records do not fit.
+TEST_F(Mend, TablesThatCannotBeMended)
+{
+    const Metadata v3 = metadata_of("v3", encode(super_v3(2, 2)));
+    tierctl::Block slot{};
+    slot[7] = 7;
+    EXPECT_EQ(tierctl::mend(v3, tierctl::find_table(v3.tables, "hot"), 0, slot).certainty,
+              Certainty::none);
+    for (const std::uint32_t size : {0U, 3U, 4097U, UINT32_MAX}) {
+        SuperV1 sb = super_v1(2, 2, 2);
+        sb.extent_size = size;
+        const Metadata v1 = metadata_of("v1", encode(sb));
+        EXPECT_EQ(tierctl::mend(v1, tierctl::find_table(v1.tables, "extent"), 0, slot).certainty,
+                  Certainty::none);
+        Block brick = encode(brick_used(1));
+        brick[100] ^= 1;
+        std::ranges::copy(brick, slot.begin());
+        EXPECT_EQ(tierctl::mend(v1, tierctl::find_table(v1.tables, "brick"), 1, slot).certainty,
+                  Certainty::certain);
+    }
+}
+
+// An inode where an extent of the same length should be, whose number it happens to have.
+TEST_F(Mend, MagicOfAnotherTable)
+{
+    SuperV1 sb = super_v1(2, 2, 2);
+    sb.extent_size = InodeV1::LENGTH;
+    const Metadata v1 = metadata_of("v1", encode(sb));
+    const Table &extents = tierctl::find_table(v1.tables, "extent");
+    for (const bool is_inode : {true, false}) {
+        Block block = encode(inode_used(1, 1));
+        put_u64(block, 48, 1); // the number of an extent, in the identity
+        if (!is_inode)
+            put_u32(block, 4, 5);
+        seal(block, InodeV1::LENGTH);
+        block[60] ^= 4;
+        tierctl::Block slot;
+        std::ranges::copy(block, slot.begin());
+        EXPECT_EQ(tierctl::mend(v1, extents, 1, slot).certainty,
+                  is_inode ? Certainty::none : Certainty::certain);
+    }
+}
+
+// Sets the last four bytes of a record so that its checksum is the one that it stores.
+void force_checksum(Block &block, std::size_t length)
+{
+    struct Row {
+        std::uint32_t change;
+        std::uint32_t bits;
+    };
+    std::vector<Row> rows;
+    std::uint32_t wanted = record_crc(block, length) ^ get_u32(block, 0);
+    for (std::uint32_t bit = 0; bit < 32; ++bit) {
+        const std::uint32_t last = get_u32(block, length - 4);
+        const std::uint32_t before = record_crc(block, length);
+        put_u32(block, length - 4, last ^ 1U << bit);
+        Row row = {record_crc(block, length) ^ before, 1U << bit};
+        put_u32(block, length - 4, last);
+        for (const Row &other : rows)
+            row = (row.change ^ other.change) < row.change
+                      ? Row{row.change ^ other.change, row.bits ^ other.bits}
+                      : row;
+        rows.push_back(row);
+        std::ranges::sort(rows, std::greater(), &Row::change);
+    }
+    std::uint32_t bits = 0;
+    for (const Row &row : rows) {
+        if ((wanted ^ row.change) < wanted) {
+            wanted ^= row.change;
+            bits ^= row.bits;
+        }
+    }
+    put_u32(block, length - 4, get_u32(block, length - 4) ^ bits);
+}
+
+// An extent where a brick should be, which one bit would explain as well.
+TEST_F(Mend, SoundRecordOfAnotherTable)
+{
+    const Metadata v1 = metadata_of("v1", encode(super_v1(2, 2, 2)));
+    const Table &bricks = tierctl::find_table(v1.tables, "brick");
+    for (const bool is_extent : {true, false}) {
+        Block block = encode(brick_used(1));
+        seal(block, 72); // as an extent
+        force_checksum(block, BrickV1::LENGTH);
+        ASSERT_EQ(get_u32(block, 0), record_crc(block, BrickV1::LENGTH));
+        ASSERT_EQ(get_u32(block, 0), record_crc(block, 72));
+        block[is_extent ? 100 : 50] ^= 1;
+        tierctl::Block slot;
+        std::ranges::copy(block, slot.begin());
+        EXPECT_EQ(tierctl::mend(v1, bricks, 1, slot).certainty,
+                  is_extent ? Certainty::none : Certainty::certain);
+    }
+}
+
+// A layout whose super block says itself how long it is, and half of whose notes is not covered.
+
+constexpr tier_table LONG_SUPER = {
+    .name = "super",
+    .regions =
+        [](const void *) {
+            return tier_regions{{{TIER_SUPER_OFFSET, 1}}};
+        },
+    .record_length =
+        [](const void *sb) {
+            return get_u64({static_cast<const std::uint8_t *>(sb), BLOCK_SIZE}, 16);
+        },
+    .crc = [](void *record, std::uint32_t length) { return tier_crc(record, length); },
+    .checksum = &TIER_HEAD_CHECKSUM,
+    .magic = tier_number_at(4, 4),
+    .magic_value = 0x10A6,
+};
+constexpr tier_table NOTES = {
+    .name = "note",
+    .regions = [](const void *) { return tier_regions{}; },
+    .record_length = [](const void *) { return std::uint64_t{64}; },
+    .crc = [](void *record, std::uint32_t) { return tier_crc(record, 32); },
+    .checksum = &TIER_HEAD_CHECKSUM,
+};
+constexpr const tier_table *LONG_TABLES[] = {&LONG_SUPER, &NOTES};
+constexpr tier_layout LONG_LAYOUT = {
+    .name = "long",
+    .version_number = tier_number_at(8, 4),
+    .version_value = 1,
+    .tables = LONG_TABLES,
+};
+
+Metadata long_metadata(const Block &super)
+{
+    tierctl::Block block;
+    std::ranges::copy(super, block.begin());
+    return {&LONG_LAYOUT, block, tierctl::tables_of(LONG_LAYOUT, block.data())};
+}
+
+Block long_super(std::uint64_t length)
+{
+    Block block{};
+    put_u32(block, 4, 0x10A6);
+    put_u32(block, 8, 1);
+    put_u64(block, 16, length);
+    return block;
+}
+
+TEST(MendOfLengths, ThatAreWrong)
+{
+    Block sound = long_super(64);
+    seal(sound, 64);
+    std::size_t certain = 0;
+    for (std::size_t bit = 0; bit < std::size_t{64} * 8; ++bit) {
+        Block wrong = sound;
+        wrong[bit / 8] ^= 1U << bit % 8;
+        const Metadata metadata = long_metadata(wrong);
+        const Mended mended =
+            tierctl::mend(metadata, metadata.tables.front(), 0, metadata.super_block);
+        certain += mended.certainty == Certainty::certain ? 1 : 0;
+        if (bit / 64 != 2) {
+            ASSERT_EQ(mended.bits, std::vector{bit});
+        }
+        if (mended.certainty != Certainty::none) {
+            ASSERT_EQ(memcmp(mended.block.data(), sound.data(), BLOCK_SIZE), 0);
+        }
+    }
+    EXPECT_EQ(certain, std::size_t{(64 - 8 - 4 - 4) * 8});
+
+    // The bit that would make the checksum right makes the record too long for its block.
+    for (const std::uint64_t length : {std::uint64_t{64} + 4096, BIT_63 + 64}) {
+        Block wrong = long_super(length);
+        seal(wrong, 64);
+        put_u64(wrong, 16, 64);
+        const Metadata metadata = long_metadata(wrong);
+        EXPECT_EQ(
+            tierctl::mend(metadata, metadata.tables.front(), 0, metadata.super_block).certainty,
+            Certainty::none);
+    }
+}
+
+TEST(MendOfLengths, ThatAreNotCovered)
+{
+    Block super = long_super(64);
+    seal(super, 64);
+    const Metadata metadata = long_metadata(super);
+    tierctl::Block sound{};
+    sound[20] = 0x77;
+    put_u32(sound, 0, record_crc(sound, 32));
+    for (std::size_t bit = 0; bit < std::size_t{64} * 8; ++bit) {
+        tierctl::Block wrong = sound;
+        turn(wrong, bit);
+        const Mended mended = tierctl::mend(metadata, metadata.tables[1], 0, wrong);
+        ASSERT_EQ(mended.certainty, bit < 32 * 8 ? Certainty::certain : Certainty::none) << bit;
+    }
+}
+
+TEST(MendWords, ForClasses)
+{
+    EXPECT_EQ(tierctl::certainty_name(Certainty::certain), "certain");
+    EXPECT_EQ(tierctl::certainty_name(Certainty::likely), "likely");
+    EXPECT_EQ(tierctl::certainty_name(Certainty::none), "none");
 }
 
 // As a sentence shows a number or a byte of the field.
