@@ -92,10 +92,10 @@ private:
         return found != sorted_.end() && found->syndrome == syndrome ? &*found : nullptr;
     }
 
-    static constexpr uint32_t BEGIN_SHIFT = 16;
+    static constexpr uint32_t BEGIN_SHIFT = 14;
 
     std::vector<Turned> sorted_;
-    std::bitset<size_t{1} << (32 - BEGIN_SHIFT)> begun_; /* the first half of each; most searches
+    std::bitset<size_t{1} << (32 - BEGIN_SHIFT)> begun_; /* how each begins; most searches
                                                             for the second of a pair end here */
     bool tells_pairs_ = false;
 };
