@@ -23,7 +23,8 @@ class Suspect {
 public:
     Suspect(const tier_layout &layout, const Block &block)
         : layout_(layout), row_(*layout.tables.front()), found_(block), block_(block),
-          length_(static_cast<uint32_t>(row_.record_length(block.data())))
+          length_(static_cast<uint32_t>(
+              std::clamp<uint64_t>(row_.record_length(block.data()), TIER_CHECKSUM_SIZE, SIZE_4K)))
     {
         row_.magic.put(block_.data(), row_.magic_value);
         layout_.version_number.put(block_.data(), layout_.version_value);
