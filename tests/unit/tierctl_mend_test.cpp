@@ -352,6 +352,21 @@ TEST_F(Mend, TwoBitsOfTheNames)
     }
 }
 
+// Of some length the checksum of zeroes looks as if it were two flipped bits away.
+TEST_F(Mend, RecordsOfZeroes)
+{
+    for (std::uint32_t size = 56; size <= 375; ++size) {
+        SuperV1 sb = super_v1(2, 2, 2);
+        sb.extent_size = size;
+        const Metadata v1 = metadata_of("v1", encode(sb));
+        tierctl::Block slot{};
+        slot[size] = 1; // after the record
+        ASSERT_EQ(tierctl::mend(v1, tierctl::find_table(v1.tables, "extent"), 0, slot).certainty,
+                  Certainty::none)
+            << size;
+    }
+}
+
 // A table without a checksum has nothing to go by, nor one whose records do not fit.
 TEST_F(Mend, TablesThatCannotBeMended)
 {
