@@ -26,9 +26,9 @@ namespace {
 constexpr const char TEMPLATE_FOOTER[] =
     "Standard error tells what is wrong with the entry, every field and byte that a\n"
     "repair with the unchanged file would change, what zu_tier would refuse, and the\n"
-    "command that repairs it. Where the checksum tells which one or two bits of a damaged\n"
-    "entry have flipped, standard error names them, and the file has the entry mended;\n"
-    "otherwise it has what can be read. The device is not changed.\n"
+    "command that repairs it. Where the checksum tells which one or two bits of a\n"
+    "damaged entry have flipped, standard error names them, and the file has the entry\n"
+    "mended; otherwise it has what can be read. The device is not changed.\n"
     "\n"
     "Example, an inode whose checksum is wrong:\n"
     "  zu_tierctl template /dev/vg/tcache inode 7 > inode7.json\n"
