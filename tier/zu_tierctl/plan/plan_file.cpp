@@ -1,0 +1,359 @@
+#include "zu_tierctl/plan/plan_file.h"
+
+#include "zu_tierctl/device/base64.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/text.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+#include <fstream>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <utility>
+
+namespace tierctl {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr uint64_t FORMAT = 1; /* of the file */
+
+/* More than any line has: the keys of a block of packed entries are the longest. */
+constexpr size_t LINE_MAX_SIZE = SIZE_1M;
+
+constexpr uint64_t NUMBER_MAX = std::numeric_limits<uint64_t>::max();
+constexpr uint64_t OFFSET_MAX = std::numeric_limits<int64_t>::max();
+
+/* Deeper nesting is in no repair file. */
+constexpr int DEPTH_MAX = 8;
+
+constexpr std::array ACTIONS = {Action::mend, Action::copy, Action::restore, Action::free,
+                                Action::leave};
+constexpr std::array CERTAINTIES = {Certainty::certain, Certainty::likely, Certainty::none};
+
+/* The one of the values that has this name. */
+template <class Values, class Name>
+auto value_of(const Values &values, const Name &name, const char *key, const std::string &text)
+{
+    const auto found = std::ranges::find(values, text, name);
+    if (found == values.end()) {
+        throw std::runtime_error(fmt::format("{} {} is unknown", key, tierctl::quoted(text)));
+    }
+    return *found;
+}
+
+/* The object in a line, in which no key comes twice. */
+Json parse_line(const std::string &line)
+{
+    std::vector<std::set<std::string>> keys; /* of the objects that are open */
+    Json json = Json::parse(
+        line,
+        [&keys](int depth, Json::parse_event_t event, const Json &parsed) {
+            if (depth > DEPTH_MAX) {
+                throw std::runtime_error("it is nested too deeply");
+            }
+            if (event == Json::parse_event_t::object_start) {
+                keys.emplace_back();
+            } else if (event == Json::parse_event_t::object_end) {
+                keys.pop_back();
+            } else if (event == Json::parse_event_t::key && !keys.back().insert(parsed).second) {
+                throw std::runtime_error(
+                    fmt::format("{} comes twice", tierctl::quoted(parsed.get<std::string>())));
+            }
+            return true;
+        },
+        false);
+    if (!json.is_object()) {
+        throw std::runtime_error("it is no JSON object");
+    }
+    return json;
+}
+
+/* Takes the members of an object, one after another, and refuses what is left. */
+class Members {
+public:
+    explicit Members(Json object) : object_(std::move(object)) {}
+
+    bool has(const char *key) const { return object_.contains(key); }
+
+    Json take(const char *key, bool (Json::*is_right)() const, const char *type)
+    {
+        const auto found = object_.find(key);
+        if (found == object_.end()) {
+            throw std::runtime_error(fmt::format("{} is missing", key));
+        }
+        if (!((*found).*is_right)()) {
+            throw std::runtime_error(fmt::format("{} is no {}", key, type));
+        }
+        Json value = std::move(*found);
+        object_.erase(found);
+        return value;
+    }
+
+    std::string text(const char *key) { return take(key, &Json::is_string, "text"); }
+
+    uint64_t number(const char *key, uint64_t max)
+    {
+        const uint64_t value = take(key, &Json::is_number_unsigned, "whole number from 0 on");
+        if (value > max) {
+            throw std::runtime_error(fmt::format("{} is {}, more than {}", key, value, max));
+        }
+        return value;
+    }
+
+    int64_t offset(const char *key)
+    {
+        const Json value = take(key, &Json::is_number_integer, "whole number");
+        if (value.is_number_unsigned() && value.get<uint64_t>() > OFFSET_MAX) {
+            throw std::runtime_error(fmt::format("{} is past any offset", key));
+        }
+        return value.get<int64_t>();
+    }
+
+    Block block(const char *key)
+    {
+        const auto bytes = base64_bytes(text(key));
+        if (!bytes || bytes->size() != SIZE_4K) {
+            throw std::runtime_error(fmt::format("{} is no base64 text of 4096 bytes", key));
+        }
+        Block block;
+        std::ranges::copy(*bytes, block.begin());
+        return block;
+    }
+
+    void end() const
+    {
+        if (!object_.empty()) {
+            throw std::runtime_error(tierctl::quoted(object_.begin().key()) + " is unknown");
+        }
+    }
+
+private:
+    Json object_;
+};
+
+Plan read_header(const std::string &line)
+{
+    Members header(parse_line(line));
+    if (!header.has("plan") || header.number("plan", NUMBER_MAX) != FORMAT) {
+        throw std::runtime_error(fmt::format("it is no plan of format {}", FORMAT));
+    }
+    header.text("zu_tierctl");
+    header.text("device");
+    Plan plan{
+        header.text("layout"), header.number("size", OFFSET_MAX), header.block("super_block"), {}};
+    header.end();
+    const tier_layout *layout = find_layout(plan.layout);
+    if (layout == nullptr) {
+        throw std::runtime_error(fmt::format("layout {} is unknown", tierctl::quoted(plan.layout)));
+    }
+    if (!is_super(*layout, plan.super_block)) {
+        throw std::runtime_error("super_block is no sound super block of layout " + plan.layout);
+    }
+    return plan;
+}
+
+void read_block(Members &members, const Table &table, Step &step)
+{
+    if (step.action == Action::leave) {
+        return;
+    }
+    if (table.name == SUPER_TABLE) {
+        throw std::runtime_error("a plan does not change the super block");
+    }
+    step.certainty = value_of(CERTAINTIES, certainty_name, "class", members.text("class"));
+    if (members.has("unreadable")) {
+        step.unreadable = members.take("unreadable", &Json::is_boolean, "true or false");
+    }
+    if (!step.unreadable) {
+        step.crc =
+            static_cast<uint32_t>(members.number("crc", std::numeric_limits<uint32_t>::max()));
+    }
+    if (members.has("keys")) {
+        step.keys = members.take("keys", &Json::is_object, "object").dump();
+    } else {
+        step.block = members.block("block");
+        if (members.has("fields")) {
+            members.take("fields", &Json::is_object, "object");
+        }
+    }
+    step.lost = members.text("lost");
+}
+
+/* Throws unless the slot is one of the table, at its place. */
+void require_slot(const Plan &plan, const Table &table, const Step &step)
+{
+    const std::string name = fmt::format("{} {}", table.name, step.no);
+    if (step.no >= table.count()) {
+        throw std::runtime_error(
+            fmt::format("there is no {}: the table has {} slots", name, table.count()));
+    }
+    if (step.offset != table.slot(step.no)) {
+        throw std::runtime_error(
+            fmt::format("offset is {}, but {} lies at {}", step.offset, name, table.slot(step.no)));
+    }
+    const auto offset = static_cast<uint64_t>(step.offset);
+    const bool is_on_device =
+        step.offset >= 0 && step.offset % SIZE_4K == 0 && offset + SIZE_4K <= plan.size;
+    if (step.action != Action::leave && !is_on_device) {
+        throw std::runtime_error(fmt::format("{} at {} is no block of a device of {} bytes", name,
+                                             step.offset, plan.size));
+    }
+}
+
+Step read_step(const std::string &line, const Plan &plan, const std::vector<Table> &tables)
+{
+    Members members(parse_line(line));
+    Step step{members.text("table"), members.number("no", NUMBER_MAX), members.offset("offset")};
+    const auto table = std::ranges::find(tables, step.table, &Table::name);
+    if (table == tables.end()) {
+        throw std::runtime_error(fmt::format("table {} is unknown in layout {}",
+                                             tierctl::quoted(step.table), plan.layout));
+    }
+    step.action = value_of(ACTIONS, action_name, "action", members.text("action"));
+    read_block(members, *table, step);
+    step.reason = members.text("reason");
+    members.end();
+    require_slot(plan, *table, step);
+    return step;
+}
+
+/* Reads a file line by line. */
+class Lines {
+public:
+    explicit Lines(const std::string &path) : path_(path), file_(path, std::ios::binary)
+    {
+        if (!file_) {
+            throw_errno("cannot read " + path_);
+        }
+    }
+
+    /* The next line that is not empty; nothing at the end of the file. */
+    std::optional<std::string> next()
+    {
+        std::string line;
+        while (line.empty()) {
+            no_++;
+            if (!read(line)) {
+                return std::nullopt;
+            }
+        }
+        return line;
+    }
+
+    [[noreturn]] void refuse(const std::string &reason) const
+    {
+        throw std::runtime_error(fmt::format("{}, line {}: {}", path_, no_, reason));
+    }
+
+private:
+    bool read(std::string &line)
+    {
+        line.clear();
+        errno = 0;
+        for (int c = file_.get(); c != std::ifstream::traits_type::eof(); c = file_.get()) {
+            if (c == '\n') {
+                return true;
+            }
+            if (line.size() == LINE_MAX_SIZE) {
+                refuse("it is longer than any line of a plan");
+            }
+            line += static_cast<char>(c);
+        }
+        if (errno != 0) {
+            throw_errno("cannot read " + path_);
+        }
+        return !line.empty();
+    }
+
+    const std::string &path_;
+    std::ifstream file_;
+    uint64_t no_ = 0; /* of the last line */
+};
+
+/* Calls `read` with the next line; false at the end of the file. */
+template <class Read>
+bool read_next(Lines &lines, const Read &read)
+{
+    const std::optional<std::string> line = lines.next();
+    if (!line) {
+        return false;
+    }
+    try {
+        read(*line);
+    } catch (const std::exception &error) {
+        lines.refuse(error.what());
+    }
+    return true;
+}
+
+} // namespace
+
+std::string_view action_name(Action action)
+{
+    switch (action) {
+    case Action::mend:
+        return "mend";
+    case Action::copy:
+        return "copy";
+    case Action::restore:
+        return "restore";
+    case Action::free:
+        return "free";
+    default:
+        return "leave";
+    }
+}
+
+std::string plan_header_line(const Plan &plan, std::string_view release, std::string_view device)
+{
+    return fmt::format(R"({{"plan":{},"zu_tierctl":{},"device":{},"layout":{},"size":{},)"
+                       R"("super_block":"{}"}})"
+                       "\n",
+                       FORMAT, json_text(release), json_text(device), json_text(plan.layout),
+                       plan.size, base64_text(plan.super_block));
+}
+
+std::string step_line(const Step &step, std::string_view fields)
+{
+    std::string line = fmt::format(R"({{"table":"{}","no":{},"offset":{},"action":"{}")",
+                                   step.table, step.no, step.offset, action_name(step.action));
+    if (step.action == Action::leave) {
+        return line + fmt::format(",\"reason\":{}}}\n", json_text(step.reason));
+    }
+    line +=
+        fmt::format(",\"class\":\"{}\",\"reason\":{},\"lost\":{}", certainty_name(step.certainty),
+                    json_text(step.reason), json_text(step.lost));
+    line += step.unreadable ? ",\"unreadable\":true" : fmt::format(",\"crc\":{}", step.crc);
+    if (step.keys) {
+        line += ",\"keys\":" + *step.keys;
+    } else {
+        line += fmt::format(",\"fields\":{},\"block\":\"{}\"", fields, base64_text(*step.block));
+    }
+    return line + "}\n";
+}
+
+Plan read_plan(const std::string &path)
+{
+    Lines lines(path);
+    Plan plan{};
+    if (!read_next(lines, [&plan](const std::string &line) { plan = read_header(line); })) {
+        throw std::runtime_error(path + " is empty: it is no plan");
+    }
+    const std::vector<Table> tables = tables_of(*find_layout(plan.layout), plan.super_block.data());
+    std::set<std::pair<std::string, uint64_t>> slots;
+    while (read_next(lines, [&](const std::string &line) {
+        Step step = read_step(line, plan, tables);
+        if (!slots.emplace(step.table, step.no).second) {
+            throw std::runtime_error(fmt::format("{} {} has a step already", step.table, step.no));
+        }
+        plan.steps.push_back(std::move(step));
+    })) {
+    }
+    return plan;
+}
+
+} // namespace tierctl

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "zu_tierctl/entry/mend.h"
+#include "zu_tierctl/entry/metadata.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tierctl {
+
+/* A plan of repairs as a file: a header in its first line, then a step in each line, all JSON. An
+ * operator reads it, and takes steps out with an editor. */
+
+/* How the block of a step is made. */
+enum class Action {
+    mend,    /* wrong bits of the entry turned back */
+    copy,    /* the entry of a saved file */
+    restore, /* an inode to which nothing belongs any more gets its identity back */
+    free,    /* what refers to an owner that does not exist becomes free */
+    leave,   /* no block: the reason says why there is none */
+};
+
+/* Its name in the file: "mend". */
+std::string_view action_name(Action action);
+
+/* What is to become of a slot. Of an action "leave" only table, no, offset and reason count. */
+struct Step {
+    std::string table;
+    uint64_t no;             /* of the slot */
+    int64_t offset;          /* of the slot, bytes */
+    uint32_t crc = 0;        /* CRC-32 (zutr_crc32) of all 4096 bytes of the block as it is */
+    bool unreadable = false; /* the block cannot be read: `crc` says nothing */
+    Action action = Action::leave;
+    Certainty certainty = Certainty::none;
+    std::optional<std::string> keys{}; /* a repair file that makes every byte of the block, */
+    std::optional<Block> block{};      /* or else the block itself */
+    std::string reason{};
+    std::string lost{}; /* what the step gives up; empty: nothing */
+};
+
+struct Plan {
+    std::string layout;
+    uint64_t size; /* of the device, bytes */
+    Block super_block;
+    std::vector<Step> steps;
+};
+
+/* The first line of the file. `release` is that of the program and `device` a path; both are for
+ * people only. */
+std::string plan_header_line(const Plan &plan, std::string_view release, std::string_view device);
+
+/* The line of a step. `fields` shows the block of a step that has one, as a JSON object. */
+std::string step_line(const Step &step, std::string_view fields);
+
+/* Reads a plan. Every step has a slot of its own, which lies on the device where the super block of
+ * the header places it; the super block itself is no step. Throws a sentence that names the line
+ * otherwise. */
+Plan read_plan(const std::string &path);
+
+} // namespace tierctl
