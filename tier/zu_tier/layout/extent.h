@@ -78,6 +78,7 @@ constexpr tier_table tier_extent_table(tier_regions (*regions)(const void *sb),
         .repair = repair,
         .in_use = tier_number_at(offsetof(tier_extent_t, te_use), 2),
         .owner = {"inode", tier_number_at(offsetof(tier_extent_t, te_inode_no), 4)},
+        .ends_with_owner = true,
         .claims = TIER_EXTENT_CLAIMS,
         .check = tier_check_extent_of<Super>,
         .check_with_owner =

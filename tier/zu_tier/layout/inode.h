@@ -59,10 +59,11 @@ void tier_check_inode(const void *sb, const uint8_t *entry, tier_findings &to);
 
 /* A layout's inode table, which tells extents or shards the size of their file; a layout with
  * `bounds` sets them. */
-constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(const void *sb),
-                                      uint32_t (*crc)(void *record, uint32_t length),
-                                      tier_columns (*fields)(), tier_columns (*keys)(),
-                                      const zutr_repair_t &repair)
+constexpr tier_table
+tier_inode_table(uint32_t magic, tier_regions (*regions)(const void *sb),
+                 uint32_t (*crc)(void *record, uint32_t length), tier_columns (*fields)(),
+                 tier_columns (*keys)(), const zutr_repair_t &repair,
+                 int32_t (*restore)(zutr_params_t *params, tier_restore *plan) = nullptr)
 {
     return {
         .name = "inode",
@@ -78,6 +79,7 @@ constexpr tier_table tier_inode_table(uint32_t magic, tier_regions (*regions)(co
         .fields = fields,
         .keys = keys,
         .repair = repair,
+        .restore = restore,
         .in_use = tier_number_at(offsetof(tier_inode_t, i_use), 2),
         .owner = {"brick", tier_number_at(offsetof(tier_inode_t, i_brick_no), 4)},
         .claims = TIER_INODE_CLAIMS,

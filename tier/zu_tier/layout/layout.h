@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+struct tier_restore; /* layout/restore.h */
+
 /* What a layout is: a constant that says everything that is asked of it. `sb` is always the super
  * block of the layout, at least as many bytes as its record has; `slot` the 4096 bytes of a slot.
  */
@@ -186,10 +188,15 @@ struct tier_table {
     /* Builds the block that a repair file describes, and prints it. */
     zutr_repair_t repair{};
 
+    /* Says in `plan` how entry `params->meta_no` is restored: 0, or a negative errno, logged, where
+     * it never is. Null: no entry is. */
+    int32_t (*restore)(zutr_params_t *params, tier_restore *plan) = nullptr;
+
     /* Of the entry, or of each word of a slot with packed entries. Without `in_use` all are in use.
      */
     tier_number in_use{};
     tier_owner owner{};
+    bool ends_with_owner = false; /* it is worth nothing when its owner does not exist */
     std::span<const tier_claim> claims{};
     tier_bounds (*bounds)(const void *sb) = nullptr; /* null: every entry may be referred to */
     /* Checks the entry by itself; null: there is nothing to check. */

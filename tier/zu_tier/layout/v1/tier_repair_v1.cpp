@@ -98,25 +98,19 @@ int32_t zutr_repair_inode_v1(zutr_params_t *params)
     return zutr_repair_common(params, INODE_TABLE.repair);
 }
 
-constexpr tier_table INODE_TABLE = tier_inode_table(
-    TIER_INODE_MAGIC_V1,
-    [](const void *sb) { return tier_regions{tier_inodes(tier_super_v1(sb))}; }, crc_inode_v1,
-    [] { return tier_make_columns(INODE_FIELDS); },
-    [] { return tier_make_columns(std::tuple_cat(TIER_INODE_KEYS, TIER_INODE_IN_USE_KEYS)); },
-    {parse_inode_from_json_v1, __print_inode_v1});
-
 /* Inode restore. No command of the command line names it. */
 
-int32_t zutr_restore_inode_v1(zutr_params_t *params)
+constexpr const char *RESTORE_FUNC = "zutr_restore_inode_v1";
+
+int32_t plan_restore(zutr_params_t *params, tier_restore *plan)
 {
-    tier_assert_super_v1(params);
     const tier_super_block_v1_t &sb = tier_super_v1(params->sb);
     if (params->meta_no < 0 || static_cast<uint32_t>(params->meta_no) >= sb.sb_inode_cnt) {
-        zutr_error(__func__, "invalid inode no %d max inode cnt:%d", params->meta_no,
+        zutr_error(RESTORE_FUNC, "invalid inode no %d max inode cnt:%d", params->meta_no,
                    static_cast<int32_t>(sb.sb_inode_cnt));
         return -EINVAL;
     }
-    const int32_t ret = tier_check_size(__func__, "sb_extent_size", sb.sb_extent_size,
+    const int32_t ret = tier_check_size(RESTORE_FUNC, "sb_extent_size", sb.sb_extent_size,
                                         TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX);
     if (ret != 0) {
         return ret;
@@ -124,16 +118,31 @@ int32_t zutr_restore_inode_v1(zutr_params_t *params)
     /* The distance into the table is a 32-bit product. */
     const auto distance = static_cast<int32_t>(static_cast<uint32_t>(params->meta_no) * SIZE_4K);
     const int64_t offset = zutr_advance(tier_inodes(sb).start, distance);
-    return tier_restore_inode({.func = __func__,
-                               .inode_offset = offset,
-                               .inode_magic = TIER_INODE_MAGIC_V1,
-                               .extents = tier_extents(sb),
-                               .extent_table_size = sb.sb_extent_table_size,
-                               .extent_size = sb.sb_extent_size,
-                               .failed_read_offset = offset,
-                               .shows_write_offset = true},
-                              params);
+    *plan = {.func = RESTORE_FUNC,
+             .inode_offset = offset,
+             .inode_magic = TIER_INODE_MAGIC_V1,
+             .extents = tier_extents(sb),
+             .extent_table_size = sb.sb_extent_table_size,
+             .extent_size = sb.sb_extent_size,
+             .failed_read_offset = offset,
+             .shows_write_offset = true};
+    return 0;
 }
+
+int32_t zutr_restore_inode_v1(zutr_params_t *params)
+{
+    tier_assert_super_v1(params);
+    tier_restore plan = {};
+    const int32_t ret = plan_restore(params, &plan);
+    return ret != 0 ? ret : tier_restore_inode(plan, params);
+}
+
+constexpr tier_table INODE_TABLE = tier_inode_table(
+    TIER_INODE_MAGIC_V1,
+    [](const void *sb) { return tier_regions{tier_inodes(tier_super_v1(sb))}; }, crc_inode_v1,
+    [] { return tier_make_columns(INODE_FIELDS); },
+    [] { return tier_make_columns(std::tuple_cat(TIER_INODE_KEYS, TIER_INODE_IN_USE_KEYS)); },
+    {parse_inode_from_json_v1, __print_inode_v1}, plan_restore);
 
 /* The layout */
 

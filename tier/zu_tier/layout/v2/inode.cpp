@@ -1,6 +1,8 @@
 #include "zu_tier/layout/inode.h"
 
 #include "zu_tier/driver/dump.h"
+#include "zu_tier/layout/extent.h"
+#include "zu_tier/layout/restore.h"
 #include "zu_tier/layout/v2/v2.h"
 #include "zu_tier/record/log.h"
 
@@ -126,7 +128,7 @@ constexpr tier_table inode_table()
         TIER_INODE_MAGIC_V2, regions, crc_inode_v2,
         [] { return tier_make_columns(TIER_INODE_FIELDS); },
         [] { return tier_make_columns(std::tuple_cat(TIER_INODE_KEYS, IN_USE_KEYS)); },
-        {parse_inode_from_json_v2, __print_inode_v2});
+        {parse_inode_from_json_v2, __print_inode_v2}, tier_plan_restore_v2);
     table.bounds = [](const void *p) {
         const tier_super_block_v2_t &sb = tier_super_v2(p);
         const bool in_use = sb.sb_inode_exp_inuse == TIER_EXP_INUSE_V2;
@@ -159,6 +161,36 @@ int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino)
                "exp_inuse: 0x%x",
                ino, sb->sb_inode_cnt, TIER_INODE_NO_BOUND_V2, tier_inode_sum_v2(*sb),
                sb->sb_inode_exp_magic, sb->sb_inode_exp_inuse);
+    return 0;
+}
+
+int32_t tier_plan_restore_v2(zutr_params_t *params, tier_restore *plan)
+{
+    constexpr const char *FUNC = "zutr_restore_inode_v2"; /* of the handler */
+    const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
+    /* In this layout only a number that is not a usable inode's is restored. */
+    if (inode_is_valid(&sb, params->meta_no) != 0) {
+        return -EINVAL;
+    }
+    const int32_t ret =
+        tier_check_size(FUNC, "sb_extent_size", sb.sb_extent_size, TIER_CHECKSUM_SIZE, SIZE_4K);
+    if (ret != 0) {
+        return ret;
+    }
+    const auto no = static_cast<uint32_t>(params->meta_no);
+    /* In the regular table the distance is a 32-bit product. */
+    const int64_t offset = no < sb.sb_inode_cnt ? zutr_advance(tier_inodes(sb).start,
+                                                               static_cast<int32_t>(no * SIZE_4K))
+                                                : tier_inode_slot_v2(sb, no);
+    const tier_region extents = tier_extents(sb);
+    *plan = {.func = FUNC,
+             .inode_offset = offset,
+             .inode_magic = TIER_INODE_MAGIC_V2,
+             .extents = extents,
+             .extent_table_size = sb.sb_extent_table_size,
+             .extent_size = sb.sb_extent_size,
+             .failed_read_offset = extents.start,
+             .shows_write_offset = false};
     return 0;
 }
 

@@ -55,31 +55,9 @@ constexpr tier_table BRICK_TABLE =
 int32_t zutr_restore_inode_v2(zutr_params_t *params)
 {
     tier_assert_super_v2(params);
-    const tier_super_block_v2_t &sb = tier_super_v2(params->sb);
-    /* In this layout only a number that is not a usable inode's is restored. */
-    if (inode_is_valid(&sb, params->meta_no) != 0) {
-        return -EINVAL;
-    }
-    const int32_t ret =
-        tier_check_size(__func__, "sb_extent_size", sb.sb_extent_size, TIER_CHECKSUM_SIZE, SIZE_4K);
-    if (ret != 0) {
-        return ret;
-    }
-    const auto no = static_cast<uint32_t>(params->meta_no);
-    /* In the regular table the distance is a 32-bit product. */
-    const int64_t offset = no < sb.sb_inode_cnt ? zutr_advance(tier_inodes(sb).start,
-                                                               static_cast<int32_t>(no * SIZE_4K))
-                                                : tier_inode_slot_v2(sb, no);
-    const tier_region extents = tier_extents(sb);
-    return tier_restore_inode({.func = __func__,
-                               .inode_offset = offset,
-                               .inode_magic = TIER_INODE_MAGIC_V2,
-                               .extents = extents,
-                               .extent_table_size = sb.sb_extent_table_size,
-                               .extent_size = sb.sb_extent_size,
-                               .failed_read_offset = extents.start,
-                               .shows_write_offset = false},
-                              params);
+    tier_restore plan = {};
+    const int32_t ret = tier_plan_restore_v2(params, &plan);
+    return ret != 0 ? ret : tier_restore_inode(plan, params);
 }
 
 /* The layout */

@@ -31,6 +31,9 @@ inline const tier_super_block_v2_t &tier_super_v2(const void *sb)
 /* Whether `ino` names a regular inode or one of an expansion area in use; if not, says so. */
 int32_t inode_is_valid(const tier_super_block_v2_t *sb, int32_t ino);
 
+/* How inode `params->meta_no` is restored: 0, or a negative errno, logged. */
+int32_t tier_plan_restore_v2(zutr_params_t *params, tier_restore *plan);
+
 /* Whether an area of `exp_inode_cnt` expansion inodes has been formatted after the data blocks of
  * `sb`: looks at its first and its last slot. 0 or -EINVAL. */
 int32_t __check_exp_inode_formated(const tier_super_block_v2_t *sb, int32_t fd,

@@ -174,6 +174,7 @@ constexpr tier_table TIER_EXTENT_TABLE_V3 = {
     .repair = {parse_extent_from_json_v3, nullptr},
     .in_use = {0, EXTENT_IN_USE_V3.mask()},
     .owner = {"shard", {0, EXTENT_SHARD_V3.mask()}},
+    .ends_with_owner = true,
     .claims = CLAIMS,
     .word_rules = WORD_RULES,
 };

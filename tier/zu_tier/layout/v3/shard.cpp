@@ -141,6 +141,7 @@ constexpr tier_table TIER_SHARD_TABLE_V3 = {
     .repair = {parse_shard_from_json_v3, nullptr},
     .in_use = {0, SHARD_IN_USE_V3.mask()},
     .owner = {"inode", {0, SHARD_INO_V3.mask()}},
+    .ends_with_owner = true,
     .claims = CLAIMS,
     .check = check_shard,
     .check_with_owner = check_shard_in_file,
