@@ -31,6 +31,7 @@ int run(int argc, char *argv[], int *status)
     add_check(app, status);
     add_diff(app, status);
     add_map(app);
+    add_plan(app);
     add_revert(app);
     add_sample(app);
     add_save(app, status);

@@ -165,6 +165,7 @@ void TableFindings::add_owner(uint64_t owner_no, State state, const EntryPlace &
                 {fmt::format(fmt::runtime(known.kind), table_->name, owner), known.severity}, place,
                 fmt::format("{} {} {}, which {}", referrers_text(others ? others->count : 0), owner,
                             owner_no, known.text));
+            finding.no_owner = known.severity == Severity::error;
             if (others) {
                 finding.joins = others->joins;
                 finding.joins_end = others->joins + 1;

@@ -43,14 +43,12 @@ Metadata read_any_super(const Device &device, std::string_view layout_name)
 }
 
 /* Beyond the largest number that an entry can have, repairs would find another slot. */
-void check_number(const Table &table, uint64_t no)
+bool can_be_named(const Table &table, uint64_t no)
 {
     const tier_number &number = table.row->number;
     Block copy{};
     number.put(copy.data(), no);
-    if (number && number.get(copy.data()) != no) {
-        throw std::runtime_error(fmt::format("no repair file can name {} {}", table.name, no));
-    }
+    return !number || number.get(copy.data()) == no;
 }
 
 /* One template in the making. */
@@ -72,6 +70,20 @@ public:
         if (is_mended()) {
             source_ = mended_.block;
         }
+    }
+
+    /* Of a block that need not be on the device. */
+    Draft(const Device &device, const Metadata &metadata, const Table &table, uint64_t no,
+          const Block &block)
+        : device_(device), metadata_(metadata), table_(table), no_(no), path_(device.path()),
+          stored_(block), source_(block)
+    {
+    }
+
+    /* The file alone. */
+    std::optional<std::string> make_file()
+    {
+        return table_.fits() && parts_fit() ? std::optional(write_file()) : std::nullopt;
     }
 
     Template make()
@@ -303,8 +315,17 @@ Metadata read_template_metadata(const Device &device, std::string_view table,
 Template make_template(const Device &device, const Metadata &metadata, const Table &table,
                        uint64_t no, const std::string &path, Damage damage)
 {
-    check_number(table, no);
+    if (!can_be_named(table, no)) {
+        throw std::runtime_error(fmt::format("no repair file can name {} {}", table.name, no));
+    }
     return Draft(device, metadata, table, no, path, damage).make();
+}
+
+std::optional<std::string> repair_file(const Device &device, const Metadata &metadata,
+                                       const Table &table, uint64_t no, const Block &block)
+{
+    return can_be_named(table, no) ? Draft(device, metadata, table, no, block).make_file()
+                                   : std::nullopt;
 }
 
 } // namespace tierctl

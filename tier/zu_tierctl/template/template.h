@@ -3,6 +3,7 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,5 +33,10 @@ Metadata read_template_metadata(const Device &device, std::string_view table,
  * called, "" when that is not known. */
 Template make_template(const Device &device, const Metadata &metadata, const Table &table,
                        uint64_t no, const std::string &path, Damage damage = Damage::mended);
+
+/* The repair file that says of an entry what the block says; nothing: no file can. Of another
+ * block than zu_tier makes the file has only a part: see rebuild(). */
+std::optional<std::string> repair_file(const Device &device, const Metadata &metadata,
+                                       const Table &table, uint64_t no, const Block &block);
 
 } // namespace tierctl

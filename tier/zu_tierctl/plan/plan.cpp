@@ -1,0 +1,496 @@
+#include "zu_tierctl/plan/plan.h"
+
+#include "common/zutr_crc32.h"
+#include "zu_tierctl/check/check.h"
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/in_use.h"
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/entry.h"
+#include "zu_tierctl/entry/rebuild.h"
+#include "zu_tierctl/entry/selection.h"
+#include "zu_tierctl/plan/restore.h"
+#include "zu_tierctl/plan/troubles.h"
+#include "zu_tierctl/revert/same_cache.h"
+#include "zu_tierctl/template/template.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace tierctl {
+
+namespace {
+
+/* Of the fields in which two entries differ so many are named. */
+constexpr size_t FIELDS_NAMED = 3;
+
+/* What an action makes of a slot. */
+struct Made {
+    Action action = Action::leave;
+    Certainty certainty = Certainty::none;
+    Block block{};
+    std::string reason{}; /* or why there is no block */
+    std::string lost{};
+
+    bool is_made() const { return action != Action::leave; }
+};
+
+/* A slot with errors, as it is. */
+struct Slot {
+    const Table &table;
+    uint64_t no;
+    bool readable;
+    Block block; /* all zero when it cannot be read */
+};
+
+/* Plans the steps of a device, one slot after another. */
+class Planner {
+public:
+    Planner(const Device &device, const Metadata &metadata, const Device *saved, bool free_lost)
+        : device_(device), metadata_(metadata), saved_(saved), free_lost_(free_lost),
+          restorer_(device, metadata)
+    {
+    }
+
+    Step plan(const Table &table, uint64_t no, const Trouble &trouble)
+    {
+        Step step{.table = std::string(table.name), .no = no, .offset = table.slot(no)};
+        step.reason = trouble_text(trouble);
+        if (table.name == SUPER_TABLE || !table.identifies() || trouble.slots > 1) {
+            return step;
+        }
+        const Slot slot = read(table, no);
+        if (!slot.readable && errno == ENXIO) { /* past the end of the device */
+            return step;
+        }
+        const bool sound = slot.readable && table.flaws(no, slot.block.data()) == 0;
+        const Made made = sound ? free(slot, trouble) : mend_or_replace(slot);
+        step.reason += text_if(!made.reason.empty(), "; " + made.reason);
+        if (made.is_made()) {
+            step.crc = zutr_crc32(slot.block.data(), SIZE_4K);
+            step.unreadable = !slot.readable;
+            step.action = made.action;
+            step.certainty = made.certainty;
+            step.lost = made.lost;
+            put_block(slot, made.block, step);
+        }
+        return step;
+    }
+
+private:
+    static std::string trouble_text(const Trouble &trouble)
+    {
+        std::string text = trouble.text;
+        if (trouble.left_out != 0) {
+            text += fmt::format("; and {} more", trouble.left_out);
+        }
+        if (trouble.slots > 1) {
+            text += fmt::format("; so it is with {} slots from this one on", trouble.slots);
+        }
+        return text;
+    }
+
+    Slot read(const Table &table, uint64_t no) const
+    {
+        alignas(SIZE_4K) Block block;
+        const bool readable = device_.read(table.slot(no), block.data(), SIZE_4K);
+        if (!readable) {
+            block.fill(0);
+        }
+        return {table, no, readable, block};
+    }
+
+    Entry entry(const Slot &slot, const Block &block) const
+    {
+        return {metadata_, slot.table, slot.no, block.data()};
+    }
+
+    /* What is certain comes first. A mended entry is what lies there, a saved one may be older. */
+    Made mend_or_replace(const Slot &slot)
+    {
+        Made mended = mend(slot);
+        Made copied = copy(slot);
+        if (mended.is_made() && copied.is_made()) {
+            return choose(slot, std::move(mended), std::move(copied));
+        }
+        for (Made *made : {&mended, &copied}) {
+            if (made->is_made()) {
+                return std::move(*made);
+            }
+        }
+        Made restored = restore(slot);
+        if (!restored.is_made()) {
+            restored.reason = fmt::format("{}; {}{}{}", mended.reason, copied.reason,
+                                          restored.reason.empty() ? "" : "; ", restored.reason);
+        }
+        return restored;
+    }
+
+    Made choose(const Slot &slot, Made mended, Made copied) const
+    {
+        if (mended.block == copied.block) {
+            mended.certainty = Certainty::certain;
+            mended.reason += fmt::format("; {} has the same", saved_->path());
+            return mended;
+        }
+        if (mended.certainty != Certainty::certain && copied.certainty == Certainty::certain) {
+            copied.reason += "; " + mended.reason + ", too";
+            return copied;
+        }
+        mended.reason += fmt::format("; {} has another one: {}", saved_->path(),
+                                     differing_text(slot, mended.block, copied.block));
+        return mended;
+    }
+
+    /* The fields in which two blocks for a slot differ. */
+    std::string differing_text(const Slot &slot, const Block &a, const Block &b) const
+    {
+        const std::vector<Difference> differences =
+            entry_differences(entry(slot, a), entry(slot, b));
+        std::string text;
+        for (size_t i = 0; i < std::min(differences.size(), FIELDS_NAMED); i++) {
+            text += (i == 0 ? "" : ", ") + differences[i].key;
+        }
+        if (differences.size() > FIELDS_NAMED) {
+            text += fmt::format(" and {} more", differences.size() - FIELDS_NAMED);
+        }
+        return text + (differences.size() == 1 ? " differs" : " differ");
+    }
+
+    Made mend(const Slot &slot) const
+    {
+        if (!slot.readable) {
+            return {.reason = "nothing of it is left to mend"};
+        }
+        const Mended mended = tierctl::mend(metadata_, slot.table, slot.no, slot.block);
+        if (mended.certainty == Certainty::none) {
+            return {.reason = is_zero(slot.block.data()) ? "it is all zero"
+                                                         : "no flipped bit explains it"};
+        }
+        return {
+            .action = Action::mend,
+            .certainty = mended.certainty,
+            .block = mended.block,
+            .reason = fmt::format(
+                "{}: {}", explained_text(mended.bits.size()),
+                fmt::join(mend_texts(metadata_, slot.table, slot.no, slot.block, mended), ", "))};
+    }
+
+    Made copy(const Slot &slot) const
+    {
+        if (saved_ == nullptr) {
+            return {.reason = "a saved file may have it: --from"};
+        }
+        const std::string &path = saved_->path();
+        alignas(SIZE_4K) Block then;
+        if (!saved_->read(slot.table.slot(slot.no), then.data(), SIZE_4K)) {
+            return {.reason = fmt::format("{} lacks it: {}", path, error_text(errno))};
+        }
+        const uint32_t flaws = slot.table.flaws(slot.no, then.data());
+        if (flaws != 0) {
+            return {.reason = fmt::format("{} has it damaged, too: {}", path, flaws_text(flaws))};
+        }
+        if (is_proven(slot, then)) {
+            return {.action = Action::copy,
+                    .certainty = Certainty::certain,
+                    .block = then,
+                    .reason =
+                        fmt::format("{} has the one whose checksum is still stored here", path)};
+        }
+        const std::string stale = missing_owner(slot.table, then);
+        if (!stale.empty()) {
+            return {.reason = fmt::format("{} has one, but {}: it is older, and revert copies it "
+                                          "all the same",
+                                          path, stale)};
+        }
+        return {.action = Action::copy,
+                .certainty = Certainty::likely,
+                .block = then,
+                .reason = path + " has it as it was then",
+                .lost = "what has changed in it since it was saved"};
+    }
+
+    /* Whether a saved block must be what was here: the checksum that is stored here is its own, and
+     * what no checksum covers is the same. */
+    static bool is_proven(const Slot &slot, Block then)
+    {
+        const Table &table = slot.table;
+        if (!slot.readable || table.row->crc == nullptr || is_zero(slot.block.data())) {
+            return false;
+        }
+        Block now = slot.block;
+        return table.row->checksum->get(now.data()) == table.row->checksum->get(then.data()) &&
+               memcmp(now.data() + table.record_length, then.data() + table.record_length,
+                      SIZE_4K - table.record_length) == 0;
+    }
+
+    /* The first entry in use of a block whose owner is sound and no entry in use, as a sentence;
+     * empty: there is none. */
+    std::string missing_owner(const Table &table, const Block &block) const
+    {
+        if (table.row->owner.table.empty()) {
+            return "";
+        }
+        const Table &owners = find_table(metadata_.tables, table.row->owner.table);
+        OwnerSlot last{owners, device_};
+        for (uint32_t k = table.first_word; k < table.end_word; k++) {
+            const uint8_t *entry = Table::entry(block.data(), k);
+            const uint64_t owner = table.row->owner.no.get(entry);
+            if (table.in_use(entry) && !last.may_own(owner)) {
+                return fmt::format("it refers to {} {}, which is not in use", owners.name, owner);
+            }
+        }
+        return "";
+    }
+
+    /* Entries that others refer to, read slot by slot. */
+    class OwnerSlot {
+    public:
+        OwnerSlot(const Table &table, const Device &device) : table_(table), device_(device) {}
+
+        /* Whether an entry is in use, or may be: it is damaged or cannot be read. */
+        bool may_own(uint64_t no)
+        {
+            const uint64_t slot = no / table_.end_word;
+            const auto word = static_cast<uint32_t>(no % table_.end_word);
+            if (slot >= table_.count() || word < table_.first_word) {
+                return false;
+            }
+            if (slot != slot_) {
+                slot_ = slot;
+                sound_ = table_.identifies() &&
+                         device_.read(table_.slot(slot), block_.data(), SIZE_4K) &&
+                         table_.flaws(slot, block_.data()) == 0;
+            }
+            return !sound_ || table_.in_use(Table::entry(block_.data(), word));
+        }
+
+    private:
+        const Table &table_;
+        const Device &device_;
+        std::optional<uint64_t> slot_; /* that was read last */
+        bool sound_ = false;
+        alignas(SIZE_4K) Block block_;
+    };
+
+    /* As the layout's own restore does it. */
+    Made restore(const Slot &slot)
+    {
+        if (slot.table.row->restore == nullptr) {
+            return {};
+        }
+        const Restored restored = restorer_.restore(slot.table, slot.no, slot.block);
+        if (!restored.block) {
+            return {.reason = restored.reason};
+        }
+        if (slot.table.in_use(restored.block->data())) {
+            return {.reason = restored.reason + ", but a restore would leave it in use, with "
+                                                "values that nothing proves"};
+        }
+        return {.action = Action::restore,
+                .certainty = Certainty::likely,
+                .block = *restored.block,
+                .reason = restored.reason,
+                .lost = fmt::format("what {} {} held", slot.table.name, slot.no)};
+    }
+
+    /* Of a sound slot: its entries without an owner become free. */
+    Made free(const Slot &slot, const Trouble &trouble) const
+    {
+        const Table &table = slot.table;
+        if (trouble.orphans.empty()) {
+            return {.reason = "its checksum is right: only a person can say what it should be" +
+                              saved_hint(slot)};
+        }
+        if (!free_lost_) {
+            return {.reason = "--free-lost makes it free"};
+        }
+        Made made{.action = Action::free,
+                  .reason = text_if(trouble.other, "the other errors stay"),
+                  .lost = fmt::format("what is cached in {} {}, written back or not", table.name,
+                                      numbers_text(trouble.orphans))};
+        if (table.row->packed()) {
+            made.block = slot.block;
+            for (const uint64_t no : trouble.orphans) {
+                memset(made.block.data() + no % table.end_word * sizeof(uint64_t), 0,
+                       sizeof(uint64_t));
+            }
+            table.seal_slot(made.block.data());
+            return made;
+        }
+        if (auto freed = free_block(table, slot.no)) {
+            made.block = *freed;
+            return made;
+        }
+        return {.reason = "zu_tier makes no free one of that number"};
+    }
+
+    /* A free entry as the tool makes it. */
+    std::optional<Block> free_block(const Table &table, uint64_t no) const
+    {
+        Block empty{};
+        const auto file = repair_file(device_, metadata_, table, no, empty);
+        return file ? rebuild(device_, metadata_, table, *file, false).block : std::nullopt;
+    }
+
+    /* What the saved file has in place of a sound slot. */
+    std::string saved_hint(const Slot &slot) const
+    {
+        alignas(SIZE_4K) Block then;
+        if (saved_ == nullptr || !saved_->read(slot.table.slot(slot.no), then.data(), SIZE_4K) ||
+            slot.table.flaws(slot.no, then.data()) != 0) {
+            return "";
+        }
+        return then == slot.block ? fmt::format("; {} has the same", saved_->path())
+                                  : fmt::format("; {} has another one: {}", saved_->path(),
+                                                differing_text(slot, slot.block, then));
+    }
+
+    /* The block as a repair file, when that has all of it. */
+    void put_block(const Slot &slot, const Block &block, Step &step) const
+    {
+        const Table &table = slot.table;
+        if (const auto file = repair_file(device_, metadata_, table, slot.no, block)) {
+            std::string keys = nlohmann::ordered_json::parse(*file).dump();
+            const Rebuilt rebuilt = rebuild(device_, metadata_, table, keys, false);
+            if (rebuilt.block && *rebuilt.block == block) {
+                step.keys = std::move(keys);
+                return;
+            }
+        }
+        step.block = block;
+    }
+
+    const Device &device_;
+    const Metadata &metadata_;
+    const Device *saved_;
+    bool free_lost_;
+    Restorer restorer_;
+};
+
+/* "mend 2 certain, 1 likely; copy 256 likely" */
+std::string actions_text(const std::vector<Step> &steps)
+{
+    std::string text;
+    for (const Action action : {Action::mend, Action::copy, Action::restore, Action::free}) {
+        std::string counts;
+        for (const Certainty certainty : {Certainty::certain, Certainty::likely, Certainty::none}) {
+            const auto count = std::ranges::count_if(steps, [&](const Step &step) {
+                return step.action == action && step.certainty == certainty;
+            });
+            if (count != 0) {
+                counts += fmt::format("{} {}{}", counts.empty() ? "" : ",", count,
+                                      certainty == Certainty::none ? "to decide on"
+                                                                   : certainty_name(certainty));
+            }
+        }
+        if (!counts.empty()) {
+            text += fmt::format("{}{}{}", text.empty() ? "" : "; ", action_name(action), counts);
+        }
+    }
+    return text;
+}
+
+void tell(const std::vector<Step> &steps, uint64_t left_out)
+{
+    const auto left =
+        static_cast<uint64_t>(std::ranges::count(steps, Action::leave, &Step::action));
+    const uint64_t planned = steps.size() - left;
+    complain(fmt::format("{} step{}{}{}", planned, planned == 1 ? "" : "s",
+                         planned == 0 ? "" : ": ", actions_text(steps)));
+    if (left_out != 0) {
+        complain(fmt::format("left out, because not certain: {} step{}", left_out,
+                             left_out == 1 ? "" : "s"));
+    }
+    if (left != 0) {
+        complain(fmt::format("left as they are: {}; each line \"leave\" says why", left));
+    }
+}
+
+/* The metadata of the device. A plan needs its super block. */
+Metadata read_planned(const Device &device)
+{
+    try {
+        return read_metadata(device);
+    } catch (const std::exception &error) {
+        throw std::runtime_error(fmt::format(
+            "{}; there is no plan without a super block: zu_tierctl rescue {} makes its repair "
+            "file from the tables",
+            error.what(), shell_word(device.path())));
+    }
+}
+
+} // namespace
+
+void require_saved(const Device &saved, const Device &device, const Metadata &metadata)
+{
+    const Metadata then = read_metadata(saved);
+    if (then.layout != metadata.layout) {
+        throw std::runtime_error(fmt::format("{} is of layout {}, {} of layout {}", saved.path(),
+                                             then.layout->name, device.path(),
+                                             metadata.layout->name));
+    }
+    const std::string reason = other_cache_reason(saved, device, metadata);
+    if (!reason.empty()) {
+        throw std::runtime_error(reason);
+    }
+    if (then.super_block != metadata.super_block) {
+        throw std::runtime_error(
+            fmt::format("the super blocks of {} and {} differ", saved.path(), device.path()));
+    }
+}
+
+Plan make_plan(const Device &device, const Metadata &metadata, const Device *saved, bool free_lost)
+{
+    Troubles troubles(device.path(), metadata, free_lost);
+    check_metadata({.device = device.path()}, device, metadata, troubles, &troubles);
+    Planner planner(device, metadata, saved, free_lost);
+    Plan plan{std::string(metadata.layout->name), device.size(), metadata.super_block, {}};
+    for (const Table &table : metadata.tables) {
+        const auto &slots = troubles.of(table);
+        Progress progress(fmt::format("planning {}", table.name), slots.size());
+        for (const auto &[no, trouble] : slots) {
+            plan.steps.push_back(planner.plan(table, no, trouble));
+            progress.add(1);
+        }
+    }
+    return plan;
+}
+
+void plan(const PlanOptions &options)
+{
+    const Device device(options.device, Access::read_only);
+    hint_in_use(options.device);
+    const Metadata metadata = read_planned(device);
+    std::optional<Device> saved;
+    if (!options.saved.empty()) {
+        saved.emplace(options.saved, Access::read_only);
+        require_saved(*saved, device, metadata);
+    }
+    Plan plan = make_plan(device, metadata, saved ? &*saved : nullptr, options.free_lost);
+    const auto left_out = options.only_certain
+                              ? std::erase_if(plan.steps,
+                                              [](const Step &step) {
+                                                  return step.action != Action::leave &&
+                                                         step.certainty != Certainty::certain;
+                                              })
+                              : 0;
+    print_text(plan_header_line(plan, options.release, options.device));
+    for (const Step &step : plan.steps) {
+        std::string fields;
+        if (step.block) {
+            const Table &table = find_table(metadata.tables, step.table);
+            fields = entry_text({metadata, table, step.no, step.block->data()});
+        }
+        print_text(step_line(step, fields));
+    }
+    finish_output();
+    tell(plan.steps, left_out);
+}
+
+} // namespace tierctl

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "zu_tierctl/check/report.h"
+#include "zu_tierctl/entry/metadata.h"
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tierctl {
+
+/* What is wrong with a slot. */
+struct Trouble {
+    std::string text{};              /* the errors of a check, as a sentence */
+    uint64_t left_out = 0;           /* errors that the text does not name */
+    uint64_t slots = 1;              /* the same is wrong with so many slots from this one on */
+    std::vector<uint64_t> orphans{}; /* entries whose owner does not exist, or will not */
+    bool other = false;              /* not all errors are about such entries */
+};
+
+/* Collects the errors of a check by slot. It must be the check's report and its watcher. */
+class Troubles : public Report, public Watcher {
+public:
+    /* `free_orphans`: entries that are worth nothing without their owner become free, and so do
+     * those that refer to them. */
+    Troubles(const std::string &device, const Metadata &metadata, bool free_orphans)
+        : Report(device), metadata_(metadata), free_orphans_(free_orphans)
+    {
+    }
+
+    /* Of a table, by slot. */
+    const std::map<uint64_t, Trouble> &of(const Table &table) { return slots_[table.name]; }
+
+    void begin_table(const Table &table) override { table_ = &table; }
+    void add_lost(uint64_t, uint64_t, uint64_t Counts::*) override {}
+    void add_free(uint64_t) override {}
+    void add_in_use(uint64_t no, const uint8_t *entry) override;
+
+private:
+    void write(const Finding &finding) override;
+    void write_end() override {} /* GCOVR_EXCL_LINE: is not finished */
+
+    void add_orphan(const Table &table, uint64_t no, const std::string &text);
+
+    const Metadata &metadata_;
+    bool free_orphans_;
+    const Table *table_ = nullptr; /* that is being read */
+    std::map<std::string_view, std::map<uint64_t, Trouble>> slots_;
+    std::map<std::string_view, std::set<uint64_t>> freed_; /* entries that will be free */
+};
+
+} // namespace tierctl
