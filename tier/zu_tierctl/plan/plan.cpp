@@ -70,7 +70,9 @@ public:
         }
         const bool sound = slot.readable && table.flaws(no, slot.block.data()) == 0;
         const Made made = sound ? free(slot, trouble) : mend_or_replace(slot);
-        step.reason += text_if(!made.reason.empty(), "; " + made.reason);
+        step.reason =
+            joined({slot.readable && is_zero(slot.block.data()) ? "it is all zero" : step.reason,
+                    made.reason});
         if (made.is_made()) {
             step.crc = zutr_crc32(slot.block.data(), SIZE_4K);
             step.unreadable = !slot.readable;
@@ -91,6 +93,16 @@ private:
         }
         if (trouble.slots > 1) {
             text += fmt::format("; so it is with {} slots from this one on", trouble.slots);
+        }
+        return text;
+    }
+
+    /* The texts that are not empty. */
+    static std::string joined(const std::vector<std::string> &texts)
+    {
+        std::string text;
+        for (const std::string &part : texts) {
+            text += text_if(!text.empty() && !part.empty(), "; ") + part;
         }
         return text;
     }
@@ -125,8 +137,7 @@ private:
         }
         Made restored = restore(slot);
         if (!restored.is_made()) {
-            restored.reason = fmt::format("{}; {}{}{}", mended.reason, copied.reason,
-                                          restored.reason.empty() ? "" : "; ", restored.reason);
+            restored.reason = joined({mended.reason, copied.reason, restored.reason});
         }
         return restored;
     }
@@ -164,13 +175,12 @@ private:
 
     Made mend(const Slot &slot) const
     {
-        if (!slot.readable) {
-            return {.reason = "nothing of it is left to mend"};
+        if (!slot.readable || is_zero(slot.block.data())) {
+            return {};
         }
         const Mended mended = tierctl::mend(metadata_, slot.table, slot.no, slot.block);
         if (mended.certainty == Certainty::none) {
-            return {.reason = is_zero(slot.block.data()) ? "it is all zero"
-                                                         : "no flipped bit explains it"};
+            return {.reason = "no flipped bit explains it"};
         }
         return {
             .action = Action::mend,
@@ -384,7 +394,7 @@ std::string actions_text(const std::vector<Step> &steps)
                 return step.action == action && step.certainty == certainty;
             });
             if (count != 0) {
-                counts += fmt::format("{} {}{}", counts.empty() ? "" : ",", count,
+                counts += fmt::format("{} {} {}", counts.empty() ? "" : ",", count,
                                       certainty == Certainty::none ? "to decide on"
                                                                    : certainty_name(certainty));
             }

@@ -58,7 +58,7 @@ Restored Restorer::restore(const Table &table, uint64_t no, const Block &now)
     case tier_restore_decision::doubtful:
         return {std::nullopt,
                 fmt::format("the layout's restore is not sure that nothing belongs to it: {} of {} "
-                            "extents are doubtful, {}",
+                            "extents are doubtful, {}; once they are repaired, plan again",
                             doubtful_, extents_, doubt_)};
     case tier_restore_decision::owned:
         return {std::nullopt,
