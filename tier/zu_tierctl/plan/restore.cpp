@@ -104,7 +104,7 @@ void Restorer::walk(const tier_restore &plan)
                 add_doubt(no, 1, "is all zero");
                 break;
             case tier_extent_state::bad_checksum:
-                add_doubt(no, 1, "has a wrong checksum");
+                add_doubt(no, 1, "has another checksum than that computes");
                 break;
             case tier_extent_state::free:
                 break;

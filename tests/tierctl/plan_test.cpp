@@ -1,0 +1,534 @@
+// zu_tierctl plan: a step, or a reason why there is none, for each error of a check.
+
+#include "revert_run.h"
+#include "v1_device.h"
+#include "v2_device.h"
+#include "v3_device.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+using namespace tier_test;
+using nlohmann::ordered_json;
+
+namespace {
+
+using Steps = std::vector<ordered_json>;
+
+// The text in base64 that holds these bytes.
+std::string base64(const Block &block)
+{
+    const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (std::size_t at = 0; at < 8 * block.size(); at += 6) {
+        unsigned digit = 0;
+        for (std::size_t bit = at; bit < at + 6; ++bit) {
+            const bool is_set =
+                bit < 8 * block.size() && (block[bit / 8] >> (7 - bit % 8) & 1U) != 0;
+            digit = digit << 1 | (is_set ? 1U : 0U);
+        }
+        text += digits[digit];
+    }
+    return text.append((4 - text.size() % 4) % 4, '=');
+}
+
+struct Planned {
+    RunResult run;
+    ordered_json header;
+    Steps steps;
+};
+
+Planned plan_of(const std::string &device, const std::vector<std::string> &options = {})
+{
+    std::vector<std::string> args{"plan", device};
+    args.insert(args.end(), options.begin(), options.end());
+    Planned planned{run_ctl(args), {}, {}};
+    EXPECT_EQ(planned.run.status, 0) << planned.run;
+    for (const std::string &line : lines_of(planned.run.out))
+        planned.steps.push_back(ordered_json::parse(line));
+    EXPECT_FALSE(planned.steps.empty());
+    planned.header = planned.steps.front();
+    planned.steps.erase(planned.steps.begin());
+    return planned;
+}
+
+std::string name_of(const ordered_json &step)
+{
+    return step["table"].get<std::string>() + ' ' + std::to_string(step["no"].get<int>());
+}
+
+bool says(const ordered_json &step, const std::string &words)
+{
+    return step["reason"].get<std::string>().find(words) != std::string::npos;
+}
+
+class PlanOf : public Revert {
+protected:
+    explicit PlanOf(const std::string &layout) : Revert(layout)
+    {
+        make_sound();
+        std::filesystem::remove(saved);
+        save();
+    }
+    PlanOf() : PlanOf(GetParam()) {}
+
+    // The entries of the cache have values that break rules.
+    void make_sound()
+    {
+        constexpr std::uint64_t LARGE = std::uint64_t{1} << 40;
+        cache.device.truncate(64 * MIB); // with all of the data area
+        if (cache.layout == "v1") {
+            InodeV1 inode = inode_used(2, 1);
+            inode.size = LARGE;
+            put("inode", 2, encode(inode));
+            for (const std::uint64_t no : {1, 3}) {
+                ExtentV1 extent = extent_used(no, 2);
+                extent.size = MIB;
+                extent.block = static_cast<std::uint32_t>(no);
+                put("extent", no, encode(extent, decode_super(block_of("super", 0)).extent_size));
+            }
+        } else if (cache.layout == "v2") {
+            InodeV2 inode = inode_v2_used(2, 1);
+            inode.size = LARGE;
+            put("inode", 2, encode(inode));
+            for (const std::uint64_t no : {1, 3}) {
+                ExtentV2 extent = extent_v2_used(no, 2);
+                extent.size = MIB;
+                extent.block = static_cast<std::uint32_t>(no);
+                extent.maps.clear();
+                put("extent", no, encode(extent, decode_super_v2(block_of("super", 0))));
+            }
+        } else {
+            InodeV3 inode = inode_v3_used(2, 1);
+            inode.size = LARGE;
+            put("inode", 2, encode(inode));
+            ShardBlockV3 shards;
+            shards.shards = {{.slot = 1, .ino = 2, .index = 7}, {.slot = 511, .ino = 2}};
+            put("shard", 1, encode(shards));
+            ExtentBlockV3 extents;
+            extents.extents = {{.slot = 0, .lba = 1, .shard = 513, .bitmap = 1},
+                               {.slot = 100, .lba = 2, .shard = 513, .bitmap = 1}};
+            put("extent", 2, encode(extents));
+        }
+    }
+
+    Planned plan(const std::vector<std::string> &options = {}) const
+    {
+        return plan_of(cache.device.path(), options);
+    }
+
+    // The only step.
+    ordered_json step(const std::vector<std::string> &options = {}) const
+    {
+        const Planned planned = plan(options);
+        EXPECT_EQ(planned.steps.size(), 1U) << planned.run;
+        return planned.steps.at(0);
+    }
+
+    void put(const std::string &table, std::uint64_t no, const Block &block)
+    {
+        put_block(cache.device, cache.offset(table, no), block);
+    }
+
+    // That the step makes this block: by itself, or by the tool from its keys.
+    void expect_makes(const ordered_json &step, const Block &block)
+    {
+        if (step.contains("block")) {
+            EXPECT_EQ(step["block"], base64(block));
+            EXPECT_TRUE(step["fields"].is_object());
+            return;
+        }
+        const std::string table = step["table"];
+        const std::string file = directory.write("keys.json", step["keys"].dump());
+        const LoggedRun run = run_logged(cache.device, "repair_" + table, {"-f", file, "-y"});
+        EXPECT_EQ(run.status, 0) << run;
+        EXPECT_EQ(block_of(table, step["no"]), block);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, PlanOf, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return layout.param; });
+
+class PlanOfV1 : public PlanOf {
+protected:
+    PlanOfV1() : PlanOf("v1") {}
+};
+
+class PlanOfV3 : public PlanOf {
+protected:
+    PlanOfV3() : PlanOf("v3") {}
+};
+
+TEST_P(PlanOf, NothingToDo)
+{
+    const Planned planned = plan();
+    EXPECT_TRUE(planned.steps.empty()) << planned.run;
+    EXPECT_EQ(planned.run.err, "zu_tierctl: 0 steps\n");
+    EXPECT_EQ(planned.header["plan"], 1);
+    EXPECT_EQ(planned.header["device"], cache.device.path());
+    EXPECT_EQ(planned.header["layout"], cache.layout);
+    EXPECT_EQ(planned.header["size"], cache.device.size());
+    EXPECT_EQ(planned.header["super_block"], base64(block_of("super", 0)));
+}
+
+TEST_P(PlanOf, AFlippedBitOfAnyEntryIsMended)
+{
+    for (const CacheTable &table : cache.tables) {
+        if (table.name == "super" || table.name == "hot")
+            continue;
+        for (std::uint64_t no = 0; no < table.count; ++no) {
+            SCOPED_TRACE(table.name + ' ' + std::to_string(no));
+            const Block good = block_of(table.name, no);
+            flip(cache.device, table.offset(no) + 40, 0x10);
+            const Block damaged = block_of(table.name, no);
+            const ordered_json mend = step();
+            EXPECT_EQ(name_of(mend), table.name + ' ' + std::to_string(no));
+            EXPECT_EQ(mend["offset"], table.offset(no));
+            EXPECT_EQ(mend["action"], "mend");
+            EXPECT_EQ(mend["class"], "certain");
+            EXPECT_EQ(mend["lost"], "");
+            EXPECT_EQ(mend["crc"], crc32(damaged));
+            EXPECT_TRUE(says(mend, "; one flipped bit explains it: ")) << mend;
+            EXPECT_FALSE(mend.contains("unreadable"));
+            EXPECT_EQ(block_of(table.name, no), damaged);
+            expect_makes(mend, good);
+            put(table.name, no, good);
+        }
+    }
+}
+
+TEST_P(PlanOf, AZeroedEntryIsCopied)
+{
+    const Block good = block_of("extent", 1);
+    put("extent", 1, {});
+    const ordered_json left = step();
+    EXPECT_EQ(left["action"], "leave");
+    EXPECT_EQ(left["reason"], "it is all zero; a saved file may have it: --from");
+    EXPECT_EQ(left.size(), 5U);
+    const ordered_json copy = step({"--from", saved});
+    EXPECT_EQ(copy["action"], "copy");
+    EXPECT_EQ(copy["class"], "likely");
+    EXPECT_EQ(copy["reason"], "it is all zero; " + saved + " has it as it was then");
+    EXPECT_EQ(copy["lost"], "what has changed in it since it was saved");
+    expect_makes(copy, good);
+}
+
+// Half of it is lost, but its checksum is still there.
+TEST_P(PlanOf, TheChecksumOfASavedEntryProvesIt)
+{
+    const Block good = block_of("brick", 1);
+    Block damaged = good;
+    for (std::size_t at = 32; at < 100; ++at)
+        damaged[at] = 0xEE;
+    put("brick", 1, damaged);
+    const ordered_json copy = step({"--from", saved});
+    EXPECT_EQ(copy["action"], "copy");
+    EXPECT_EQ(copy["class"], "certain");
+    EXPECT_TRUE(says(copy, saved + " has the one whose checksum is still stored here")) << copy;
+    EXPECT_EQ(copy["lost"], "");
+    expect_makes(copy, good);
+}
+
+TEST_P(PlanOf, WhatIsSavedConfirmsOrContradictsAMend)
+{
+    const Block good = block_of("inode", 2);
+    flip(cache.device, cache.offset("inode", 2) + 20, 0x10);
+    EXPECT_TRUE(says(step({"--from", saved}), "; " + saved + " has the same"));
+    put("inode", 2, good);
+    edit("inode", 2, 20, 0x01); // newer than what was saved
+    const Block newer = block_of("inode", 2);
+    flip(cache.device, cache.offset("inode", 2) + 20, 0x10);
+    const ordered_json mend = step({"--from", saved});
+    EXPECT_EQ(mend["action"], "mend");
+    EXPECT_EQ(mend["class"], "certain");
+    EXPECT_TRUE(says(mend, "; " + saved + " has another one: ")) << mend;
+    expect_makes(mend, newer);
+}
+
+TEST_P(PlanOf, ABlockThatCannotBeRead)
+{
+    const Block good = block_of("inode", 2);
+    put("inode", 2, {});
+    cache.device.directory().write(
+        "device.unreadable.json",
+        text(R"([{"table":"inode","no":2,"count":1,"offset":%ld,"error":"x"}])",
+             cache.offset("inode", 2)));
+    const ordered_json copy = step({"--from", saved});
+    EXPECT_EQ(copy["action"], "copy");
+    EXPECT_EQ(copy["class"], "likely");
+    EXPECT_EQ(copy["unreadable"], true);
+    EXPECT_FALSE(copy.contains("crc"));
+    EXPECT_NE(step()["action"], "copy");
+    expect_makes(copy, good);
+}
+
+TEST_P(PlanOf, WhatASavedFileLacks)
+{
+    put("extent", 1, {});
+    const auto at = cache.offset("extent", 1);
+    std::fstream file(saved, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(at);
+    file << std::string(BLOCK_SIZE, '\0') << std::flush;
+    EXPECT_TRUE(says(step({"--from", saved}), saved + " has it damaged, too: "));
+    directory.write("saved.unreadable.json",
+                    text(R"([{"table":"extent","no":1,"count":1,"offset":%ld,"error":"x"}])", at));
+    const ordered_json left = step({"--from", saved});
+    EXPECT_EQ(left["action"], "leave");
+    EXPECT_EQ(left["reason"], "it is all zero; " + saved + " lacks it: not in the saved file");
+}
+
+TEST_P(PlanOf, OnlyWhatIsCertain)
+{
+    put("extent", 1, {});
+    flip(cache.device, cache.offset("inode", 2) + 20, 0x10);
+    put("brick", 2, {});
+    edit("inode", 3, 70, 0x01); // its number
+    const Planned all = plan({"--from", saved});
+    EXPECT_EQ(all.steps.size(), 4U);
+    EXPECT_EQ(all.run.err, "zu_tierctl: 4 steps: mend 1 certain; copy 3 likely\n");
+    const Planned certain = plan({"--from", saved, "--only", "certain"});
+    ASSERT_EQ(certain.steps.size(), 1U);
+    EXPECT_EQ(name_of(certain.steps[0]), "inode 2");
+    EXPECT_EQ(certain.run.err, "zu_tierctl: 1 step: mend 1 certain\n"
+                               "zu_tierctl: left out, because not certain: 3 steps\n");
+    const Planned alone = plan({"--only", "certain"});
+    EXPECT_EQ(alone.steps.size(), 4U);
+    EXPECT_EQ(alone.run.err, "zu_tierctl: 1 step: mend 1 certain\n"
+                             "zu_tierctl: left as they are: 3; each line \"leave\" says why\n");
+    EXPECT_EQ(run_ctl({"plan", cache.device.path(), "--only", "likely"}).status, 2);
+}
+
+class AnotherSavedFile : public PlanOf {
+protected:
+    void expect_no_plan(const std::string &complaint) const
+    {
+        expect_complaint(run_ctl({"plan", cache.device.path(), "--from", saved}), 1, complaint);
+    }
+
+    // Changes the bits of a byte of a field of the super block.
+    void edit_super(const std::string &key, std::uint8_t mask)
+    {
+        edit("super", 0,
+             static_cast<std::int64_t>(model(cache.layout[1] - '0', "super").field(key).byte),
+             mask);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, AnotherSavedFile, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return layout.param; });
+
+TEST_P(AnotherSavedFile, OfAnotherCache)
+{
+    edit_super("uuid", 0x18);
+    const RunResult run = run_ctl({"plan", cache.device.path(), "--from", saved});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find(saved + " was saved from the cache "), std::string::npos) << run;
+}
+
+TEST_P(AnotherSavedFile, UnderAnotherSuperBlock)
+{
+    edit_super("ctime", 0x01);
+    expect_no_plan("the super blocks of " + saved + " and " + cache.device.path() + " differ");
+}
+
+TEST_P(AnotherSavedFile, OfAnotherLayout)
+{
+    const Cache other = make_cache(cache.layout == "v1" ? "v2" : "v1");
+    expect_complaint(run_ctl({"plan", other.device.path(), "--from", saved}), 1,
+                     saved + " is of layout " + cache.layout + ", " + other.device.path() +
+                         " of layout " + other.layout);
+}
+
+TEST_P(PlanOf, WithoutASuperBlockOtherCommandsHelp)
+{
+    put("super", 0, {});
+    const RunResult lost = run_ctl({"plan", cache.device.path()});
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_EQ(lost.out, "");
+    EXPECT_TRUE(lost.err.ends_with("; there is no plan without a super block: zu_tierctl rescue " +
+                                   cache.device.path() +
+                                   " makes its repair file from the tables\n"))
+        << lost;
+}
+
+// A sound entry with values that break a rule is left, whatever is saved.
+TEST_F(PlanOfV1, ASoundEntryIsLeft)
+{
+    edit("extent", 1, 8, 0x01); // its block is that of another
+    const Planned planned = plan({"--from", saved});
+    for (const ordered_json &step : planned.steps) {
+        EXPECT_EQ(step["action"], "leave") << step;
+        EXPECT_TRUE(says(step, "its checksum is right: only a person can say what it should be"));
+    }
+}
+
+constexpr char WITHOUT[] = "--free-lost makes it free";
+
+TEST_F(PlanOfV1, ExtentsOfAnInodeThatIsFree)
+{
+    put("inode", 2, block_of("inode", 3));
+    const SuperV1 sb = decode_super(block_of("super", 0));
+    InodeV1 gone;
+    gone.no = 2;
+    put("inode", 2, encode(gone));
+    const Planned left = plan({"--from", saved});
+    ASSERT_EQ(left.steps.size(), 2U) << left.run;
+    for (const ordered_json &step : left.steps) {
+        EXPECT_EQ(step["action"], "leave");
+        EXPECT_EQ(step["reason"], std::string("it refers to inode 2, which is free; ") + WITHOUT);
+    }
+    const Planned planned = plan({"--free-lost"});
+    ASSERT_EQ(planned.steps.size(), 2U) << planned.run;
+    EXPECT_EQ(planned.run.err, "zu_tierctl: 2 steps: free 2 to decide on\n");
+    for (const ordered_json &step : planned.steps) {
+        const std::uint64_t no = step["no"];
+        EXPECT_EQ(step["action"], "free");
+        EXPECT_EQ(step["class"], "none");
+        EXPECT_EQ(step["lost"], text("what is cached in extent %lu, written back or not", no));
+        ExtentV1 free;
+        free.no = no;
+        expect_makes(step, encode(free, sb.extent_size));
+    }
+    EXPECT_TRUE(plan().steps.empty());
+}
+
+// The extents end with the shards.
+TEST_F(PlanOfV3, ShardsOfAnInodeThatIsFree)
+{
+    InodeV3 gone;
+    gone.no = 2;
+    put("inode", 2, encode(gone));
+    const Planned left = plan();
+    ASSERT_EQ(left.steps.size(), 1U) << left.run;
+    EXPECT_EQ(name_of(left.steps[0]), "shard 1");
+    EXPECT_TRUE(says(left.steps[0], WITHOUT));
+    const Planned planned = plan({"--free-lost"});
+    std::set<std::string> names;
+    for (const ordered_json &step : planned.steps) {
+        EXPECT_EQ(step["action"], "free");
+        names.insert(name_of(step));
+    }
+    EXPECT_TRUE(names.contains("shard 1")) << planned.run;
+    EXPECT_GT(names.size(), 1U) << planned.run;
+    const auto made = [&](const ordered_json &step) {
+        expect_makes(step,
+                     step["table"] == "shard" ? encode(ShardBlockV3{}) : encode(ExtentBlockV3{}));
+    };
+    for (const ordered_json &step : planned.steps)
+        made(step);
+    EXPECT_TRUE(plan().steps.empty());
+}
+
+// The inode of a device without damaged extents, to which none belongs.
+TEST_F(PlanOfV1, AnInodeIsRestored)
+{
+    put("inode", 4, {});
+    const ordered_json restore = step();
+    EXPECT_EQ(restore["action"], "restore");
+    EXPECT_EQ(restore["class"], "likely");
+    EXPECT_EQ(restore["reason"],
+              "it is all zero; none of 4 extents belongs to it, and none is doubtful");
+    EXPECT_EQ(restore["lost"], "what inode 4 held");
+    InodeV1 free;
+    free.no = 4;
+    expect_makes(restore, encode(free));
+}
+
+TEST_F(PlanOfV1, AnInodeThatHasExtentsIsNotRestored)
+{
+    put("inode", 2, {});
+    EXPECT_TRUE(says(step(), "; the layout's restore leaves it: 2 of 4 extents belong to it, the "
+                             "first is 1"));
+}
+
+TEST_F(PlanOfV1, DoubtfulExtentsMayBelongToAnInode)
+{
+    put("inode", 4, {});
+    put("extent", 0, {});
+    const Planned zero = plan();
+    ASSERT_EQ(zero.steps.size(), 2U);
+    EXPECT_TRUE(says(zero.steps[0],
+                     "the layout's restore is not sure that nothing belongs to it: 1 of 4 extents "
+                     "are doubtful, the first, 0, is all zero; once they are repaired, plan again"))
+        << zero.run;
+    flip(cache.device, cache.offset("extent", 0), 0x3F);
+    EXPECT_TRUE(says(plan().steps[0], "the first, 0, has another checksum than that computes"));
+    put("extent", 0, {});
+    cache.device.directory().write(
+        "device.unreadable.json",
+        text(R"([{"table":"extent","no":0,"count":1,"offset":%ld,"error":"x"}])",
+             cache.offset("extent", 0)));
+    EXPECT_TRUE(says(plan().steps[0], "the first, 0, cannot be read"));
+}
+
+TEST_F(PlanOfV1, ARestoreThatWouldLeaveGarbageInUse)
+{
+    Block block = block_of("inode", 4);
+    for (std::size_t at = 0; at < InodeV1::LENGTH; ++at)
+        block[at] = static_cast<std::uint8_t>(0x80 + at);
+    put("inode", 4, block);
+    const ordered_json left = step();
+    EXPECT_EQ(left["action"], "leave");
+    EXPECT_TRUE(says(left, "but a restore would leave it in use, with values that nothing proves"));
+}
+
+// The restore of this layout is for inodes of an expansion area that is not in use.
+TEST(PlanOfV2, Restore)
+{
+    SuperV2 sb = super_v2(2, 4, 0);
+    set_expansion(sb, 25'600, false);
+    Device device = make_v2_device(sb, {}, {}, {}, Expansion::FORMATTED);
+    put_block(device, inode_offset(sb, 1), {});
+    put_block(device, expansion_offset(sb, 7), {});
+    const Planned planned = plan_of(device.path());
+    std::map<std::string, ordered_json> steps;
+    for (const ordered_json &step : planned.steps)
+        steps[name_of(step)] = step;
+    EXPECT_EQ(steps.at("inode 1")["action"], "leave");
+    EXPECT_TRUE(says(steps.at("inode 1"), "; the layout's restore refuses it"));
+    EXPECT_EQ(steps.at("inode 11")["action"], "restore") << steps.at("inode 11");
+}
+
+// A copy of an inode whose brick is gone is older than that.
+TEST_P(PlanOf, ASavedEntryWhoseOwnerIsGone)
+{
+    put("inode", 2, {});
+    put("brick", 1, {});
+    const Planned both = plan({"--from", saved});
+    EXPECT_EQ(both.steps.size(), 2U);
+    for (const ordered_json &step : both.steps)
+        EXPECT_EQ(step["action"], "copy") << step;
+    Block gone = block_of("brick", 2);
+    const TableModel &bricks = model(cache.layout[1] - '0', "brick");
+    put_number(gone, bricks.field("bi_no"), 1);
+    seal(bricks, block_of("super", 0), gone);
+    put("brick", 1, gone);
+    const Planned planned = plan({"--from", saved});
+    ASSERT_FALSE(planned.steps.empty());
+    EXPECT_EQ(planned.steps[0]["action"], "leave");
+    EXPECT_TRUE(says(planned.steps[0],
+                     saved + " has one, but it refers to brick 1, which is not in use: it is "
+                             "older, and revert copies it all the same"))
+        << planned.run;
+}
+
+// A sealed super block may place tables anywhere; memory does not grow with its numbers.
+TEST_F(PlanOfV1, ATablePastTheEndOfTheDevice)
+{
+    cache.device.truncate(static_cast<std::uint64_t>(cache.offset("extent", 1)));
+    const Planned planned = plan({"--from", saved});
+    std::vector<std::string> names;
+    for (const ordered_json &step : planned.steps) {
+        EXPECT_EQ(step["action"], "leave");
+        names.push_back(name_of(step));
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"super 0", "extent 1"})) << planned.run;
+    EXPECT_TRUE(says(planned.steps.back(), "; so it is with 3 slots from this one on"));
+}
+
+} // namespace
