@@ -40,6 +40,7 @@ struct MapOptions {
     std::string html;
     bool quick = false;
     std::string super_file;
+    std::string plan_file;
 };
 
 /* The value of an environment variable; empty when it is not set. */
@@ -64,8 +65,8 @@ void write_html(const MapOptions &options)
     refuse_existing(options.html);
     NewFile file(options.html, Naming::new_name);
     const std::string page = draw_page(read_map(
-        options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.super_file,
-        options.quick));
+        options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.super_file, options.quick,
+        options.plan_file));
     file.write(0, page.data(), page.size());
     file.commit();
 }
@@ -76,7 +77,7 @@ void print_map(const MapOptions &options)
     const bool colours = is_able_terminal(STDOUT_FILENO) && variable("NO_COLOR").empty();
     const Map map = read_map(
         options.device, [width](uint64_t last) { return terminal_cells(width, last); },
-        options.super_file, options.quick);
+        options.super_file, options.quick, options.plan_file);
     print_text(draw_terminal(map, width, colours));
     finish_output();
 }
@@ -94,6 +95,11 @@ void add_map(CLI::App &app)
             ->type_name("FILE");
     command->add_flag("--quick", options->quick,
                       "Read once, with little memory: do not search for duplicates");
+    command
+        ->add_option("--plan", options->plan_file,
+                     "Show what this plan would change: cells of which it repairs all that\n"
+                     "is damaged or cannot be read are marked")
+        ->type_name("PLAN");
     add_super_option(*command, options->super_file);
     command->callback([options, html] {
         if (html->empty()) {

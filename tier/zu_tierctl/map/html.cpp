@@ -39,9 +39,10 @@ constexpr const char PAGE[] = R"(<!DOCTYPE html>
 </html>
 )";
 
+/* 0: what a plan repairs, if there is one. */
 constexpr const char LEGEND[] =
     R"(<ul class="legend">
-<li><span class="grid"><i class="u1"></i><i class="u2"></i><i class="u3"></i><i class="u4"></i>)"
+{}<li><span class="grid"><i class="u1"></i><i class="u2"></i><i class="u3"></i><i class="u4"></i>)"
     R"(<i class="u5"></i><i class="u6"></i><i class="u7"></i><i class="u8"></i></span>)"
     R"(in use, little to all</li>
 <li><span class="grid"><i class="u0"></i></span>free</li>
@@ -49,6 +50,10 @@ constexpr const char LEGEND[] =
 <li><span class="grid"><i class="x"></i></span>damaged</li>
 <li><span class="grid"><i class="q"></i></span>unreadable</li>
 </ul>
+)";
+
+constexpr const char PLAN_LEGEND[] =
+    R"(<li><span class="grid"><i class="p"></i></span>repaired by the plan</li>
 )";
 
 /* The text as content of an element or as the value of an attribute. */
@@ -84,13 +89,15 @@ std::string facts_of(const Map &map)
 {
     return "<dl class=\"facts\">\n" + fact("Layout", map.layout) + fact("Cache", map.identity) +
            fact("Created", map.created) + fact("Last access", map.accessed) +
-           fact("Findings", fmt::format("{}", map.findings_count)) +
+           fact("Findings", fmt::format("{}", map.findings_count)) + fact("Plan", map.plan) +
            fact("Quick", map.quick ? QUICK_TEXT : "") + "</dl>\n";
 }
 
 std::string class_of(const MapCell &cell)
 {
     switch (cell.look()) {
+    case Look::planned:
+        return "p";
     case Look::unreadable:
         return "q";
     case Look::damaged:
@@ -106,7 +113,7 @@ std::string cell_html(const MapCell &cell)
 {
     const std::string last = text_if(cell.last != cell.first, fmt::format(" to {}", cell.last));
     return fmt::format("<i class=\"{}\" title=\"{}{}: {}\"></i>\n", class_of(cell), cell.first,
-                       last, counts_text(cell.counts, cell.findings));
+                       last, counts_text(cell.counts, cell.findings, cell.steps));
 }
 
 /* Each row begins with the number of its first entry. */
@@ -141,7 +148,7 @@ std::string grid_html(const MapTable &table, std::string_view counts)
 
 std::string table_html(const MapTable &table)
 {
-    const std::string counts = counts_text(table.counts, table.findings);
+    const std::string counts = counts_text(table.counts, table.findings, table.steps);
     std::string html =
         "<section>\n<div class=\"head\">" + element("h2", table.name) + element("p", counts);
     if (table.cell_entries > 1) {
@@ -306,7 +313,8 @@ std::string draw_page(const Map &map)
         sections += table_html(table);
     }
     sections += use_html(map.use) + ages_html(map) + findings_html(map);
-    return fmt::format(PAGE, escaped(shown_text(map.device)), MAP_STYLE, facts_of(map), LEGEND,
+    const std::string legend = fmt::format(LEGEND, map.plan.empty() ? "" : PLAN_LEGEND);
+    return fmt::format(PAGE, escaped(shown_text(map.device)), MAP_STYLE, facts_of(map), legend,
                        sections, MAP_SCRIPT);
 }
 

@@ -1,5 +1,6 @@
 #include "zu_tierctl/map/map.h"
 
+#include "common/zutr_crc32.h"
 #include "zu_tier/record/text.h"
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/check/states.h"
@@ -7,6 +8,7 @@
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/fields.h"
 #include "zu_tierctl/entry/given_super.h"
+#include "zu_tierctl/plan/plan_file.h"
 
 #include <algorithm>
 #include <bit>
@@ -325,10 +327,89 @@ private:
     const Metadata &metadata_;
 };
 
+/* Shows a plan in a map: its steps for blocks that are as it says. */
+class PlanBuilder {
+public:
+    PlanBuilder(Map &map, const Device &device, const Metadata &metadata)
+        : map_(map), device_(device), metadata_(metadata)
+    {
+    }
+
+    void add(const Plan &plan)
+    {
+        uint64_t others = 0;
+        uint64_t steps = 0;
+        for (const Step &step : plan.steps) {
+            if (step.action == Action::leave) {
+                continue;
+            }
+            if (is_due(step)) {
+                add(step);
+                steps++;
+            } else {
+                others++;
+            }
+        }
+        map_.plan = fmt::format("{} step{}", steps, steps == 1 ? "" : "s");
+        if (others != 0) {
+            map_.plan += fmt::format(", and {} for blocks that are not as it says", others);
+        }
+    }
+
+private:
+    /* Whether the block is still what it was when the plan was made. */
+    bool is_due(const Step &step) const
+    {
+        alignas(SIZE_4K) std::array<uint8_t, SIZE_4K> block;
+        if (!device_.read(step.offset, block.data(), SIZE_4K)) {
+            return step.unreadable;
+        }
+        return !step.unreadable && zutr_crc32(block.data(), SIZE_4K) == step.crc;
+    }
+
+    void add(const Step &step)
+    {
+        MapTable &table = *std::ranges::find(map_.tables, step.table, &MapTable::name);
+        const uint64_t entries = find_table(metadata_.tables, step.table).entries_a_slot();
+        table.steps++;
+        for (uint64_t index = step.no * entries, end = index + entries; index < end;) {
+            MapCell &cell = table.cell(index);
+            const uint64_t here = std::min(end - index, cell_end(table, index) - index);
+            cell.steps++;
+            cell.repaired += step.action == Action::free ? 0 : here;
+            index += here;
+        }
+    }
+
+    /* The index of the entry after the last of a cell. */
+    static uint64_t cell_end(const MapTable &table, uint64_t index)
+    {
+        const uint64_t first = index < table.entries_before ? 0 : table.entries_before;
+        return first + ((index - first) / table.cell_entries + 1) * table.cell_entries;
+    }
+
+    Map &map_;
+    const Device &device_;
+    const Metadata &metadata_;
+};
+
+void show_plan(Map &map, const std::string &path, const Device &device, const Metadata &metadata)
+{
+    const Plan plan = read_plan(path);
+    if (plan.super_block != metadata.super_block || plan.size != device.size()) {
+        throw std::runtime_error(
+            fmt::format("{} is a plan for another device than {}", path, device.path()));
+    }
+    PlanBuilder(map, device, metadata).add(plan);
+}
+
 } // namespace
 
 Look MapCell::look() const
 {
+    if (steps != 0 && repaired >= counts.unreadable + counts.damaged) {
+        return Look::planned;
+    }
     if (counts.unreadable != 0) {
         return Look::unreadable;
     }
@@ -350,7 +431,7 @@ unsigned MapCell::level() const
 }
 
 Map read_map(const std::string &device_path, const CellsMax &cells_max,
-             const std::string &super_file, bool quick)
+             const std::string &super_file, bool quick, const std::string &plan_file)
 {
     const Device device(device_path, Access::read_only);
     hint_in_use(device_path);
@@ -375,6 +456,9 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max,
     }
     check_metadata(options, device, metadata, report, &tables);
     tables.finish();
+    if (!plan_file.empty()) {
+        show_plan(map, plan_file, device, metadata);
+    }
     return map;
 }
 
@@ -408,7 +492,7 @@ std::string odd_text(const Map &map)
                              map.odd, map.odd_access);
 }
 
-std::string counts_text(const Counts &counts, uint64_t findings)
+std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps)
 {
     const std::pair<uint64_t, const char *> parts[] = {
         {counts.in_use, "in use"},
@@ -416,6 +500,7 @@ std::string counts_text(const Counts &counts, uint64_t findings)
         {counts.damaged, "damaged"},
         {counts.unreadable, "unreadable"},
         {findings, findings == 1 ? "finding" : "findings"},
+        {steps, steps == 1 ? "step" : "steps"},
     };
     std::string text;
     for (const auto &[count, what] : parts) {

@@ -16,7 +16,7 @@ namespace tierctl {
 /* The content of a map. Its size does not grow with that of the device. */
 
 /* What a cell shows: the first of these that applies. */
-enum class Look { unreadable, damaged, finding, in_use, free };
+enum class Look { planned, unreadable, damaged, finding, in_use, free };
 
 /* Entries that follow one another. */
 struct MapCell {
@@ -24,7 +24,9 @@ struct MapCell {
     uint64_t last;  /* and of the last */
     Counts counts;
     uint64_t findings =
-        0; /* about one of the entries, or about entries that begin with one of them */
+        0;              /* about one of the entries, or about entries that begin with one of them */
+    uint64_t steps = 0; /* of the plan, that change entries of the cell */
+    uint64_t repaired = 0; /* damaged or unreadable entries that the plan repairs */
 
     Look look() const;
 
@@ -38,6 +40,7 @@ struct MapTable {
     Counts counts;
     uint64_t findings = 0;
     std::vector<MapCell> cells{};
+    uint64_t steps = 0; /* of the plan */
 
     /* Entries and cells before the table's second region, its expansion. */
     uint64_t entries_before = 0;
@@ -117,21 +120,25 @@ struct Map {
     std::map<std::string, MapKind> kinds; /* of all findings, by name */
     uint64_t findings_count = 0;
     bool quick = false; /* duplicates were not searched for */
+    std::string plan;   /* what it would change; empty: there is none */
 };
 
 /* How many cells, 1 or more, a table may have whose last entry has the number `last`. */
 using CellsMax = std::function<size_t(uint64_t last)>;
 
 /* Reads the metadata of a device, by the super block in `super_file` unless that is empty, and
- * checks it; `quick`: in one pass, without the duplicate search. Throws when it cannot be read. */
+ * checks it; `quick`: in one pass, without the duplicate search. Shows what the plan in
+ * `plan_file`, unless that is empty, would change. Throws when one of them cannot be read, or when
+ * the plan is one of another device. */
 Map read_map(const std::string &device, const CellsMax &cells_max,
-             const std::string &super_file = "", bool quick = false);
+             const std::string &super_file = "", bool quick = false,
+             const std::string &plan_file = "");
 
 /* "7", "1.5 KiB" */
 std::string bytes_text(uint64_t bytes);
 
-/* "30 in use, 19 free, 1 damaged, 2 findings", without zeros; "nothing" when all are 0. */
-std::string counts_text(const Counts &counts, uint64_t findings);
+/* "30 in use, 19 free, 1 damaged, 2 findings, 1 step", without zeros; "nothing" when all are 0. */
+std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps);
 
 /* "inode ages: time from the last access to the newest one" */
 std::string ages_heading(const Map &map);

@@ -35,6 +35,7 @@ struct LookMarks {
 };
 
 constexpr LookMarks LOOKS[] = {
+    {Look::planned, "1;32", "+", "repaired by the plan;"},
     {Look::in_use, USE, nullptr, "in use, part to all;"},
     {Look::free, DIM, "·", "free;"},
     {Look::finding, "1;33", "!", "finding;"},
@@ -171,7 +172,14 @@ void draw_head(const Map &map, Lines &lines)
         lines.add_phrase(PLAIN, fmt::format("last access {}", map.accessed));
     }
     lines.end_line();
+    if (!map.plan.empty()) {
+        lines.add_words(PLAIN, "plan: " + map.plan);
+        lines.end_line();
+    }
     for (const LookMarks &look : LOOKS) {
+        if (look.look == Look::planned && map.plan.empty()) {
+            continue;
+        }
         std::string marks = look.mark != nullptr ? look.mark : "";
         for (size_t level = 1; look.mark == nullptr && level <= 8; level++) {
             marks += RISING[level];
@@ -208,7 +216,7 @@ void draw_table(const MapTable &table, Lines &lines)
 {
     lines.end_line();
     lines.add_words(BOLD, table.name);
-    lines.add_words(PLAIN, counts_text(table.counts, table.findings));
+    lines.add_words(PLAIN, counts_text(table.counts, table.findings, table.steps));
     if (table.cell_entries > 1) {
         lines.add_phrase(DIM, fmt::format("({} entries a cell)", table.cell_entries));
     }
