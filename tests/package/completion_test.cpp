@@ -98,6 +98,7 @@ TEST(Completion, TablesOfTheCompanion)
     EXPECT_EQ(offered({"zu_tierctl", "revert", "saved", "dev", "s"}), (Words{"super", "shard"}));
     EXPECT_EQ(offered({"zu_tierctl", "check", "dev", "--table", "h"}), Words{"hot"});
     EXPECT_EQ(offered({"zu_tierctl", "sample", "--layout", ""}), (Words{"v1", "v2", "v3"}));
+    EXPECT_EQ(offered({"zu_tierctl", "plan", "dev", "--only", ""}), Words{"certain"});
     EXPECT_EQ(offered({"zu_tierctl", "revert", "sav"}), Words{});
 }
 

@@ -439,6 +439,40 @@ TEST_F(PlanOfV1, AnInodeIsRestored)
     expect_makes(restore, encode(free));
 }
 
+// Perhaps the super block counts too many.
+TEST(PlanOfMany, InodesThatMayNotExistAreNotRestored)
+{
+    Device device = make_sample({"--inodes", "64", "--blocks", "64"});
+    const std::string saved = device.directory().path("saved");
+    EXPECT_EQ(run_ctl({"save", device.path(), saved}).status, 0);
+    const SuperV1 sb = decode_super(device.block(SUPER_OFFSET));
+    for (std::uint64_t no = 40; no < 64; ++no)
+        put_block(device, inode_offset(sb, no), {});
+    const std::string cause = "zu_tierctl: cause: inode 40..63 are no inodes: inode_cnt 64, the "
+                              "last inode found is 39; they are all zero\n";
+    const Planned left = plan_of(device.path());
+    ASSERT_EQ(left.steps.size(), 24U);
+    for (const ordered_json &step : left.steps)
+        EXPECT_TRUE(says(step, "perhaps there is no such entry: see the cause that check names"))
+            << step;
+    EXPECT_EQ(left.run.err, cause + "zu_tierctl: 0 steps\n"
+                                    "zu_tierctl: left as they are: 24; each line \"leave\" says "
+                                    "why\n");
+    const Planned copied = plan_of(device.path(), {"--from", saved});
+    EXPECT_EQ(copied.run.err, cause + "zu_tierctl: 24 steps: copy 24 likely\n");
+}
+
+TEST(PlanOfMany, TablesOfAnotherLayout)
+{
+    const Device device = make_sample({"--for-conversion"});
+    const RunResult run = run_ctl({"plan", device.path()});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_TRUE(
+        run.err.starts_with("zu_tierctl: there is no plan: the tables are those of layout v2: "))
+        << run;
+}
+
 TEST_F(PlanOfV1, AnInodeThatHasExtentsIsNotRestored)
 {
     put("inode", 2, {});
@@ -492,6 +526,37 @@ TEST(PlanOfV2, Restore)
     EXPECT_EQ(steps.at("inode 1")["action"], "leave");
     EXPECT_TRUE(says(steps.at("inode 1"), "; the layout's restore refuses it"));
     EXPECT_EQ(steps.at("inode 11")["action"], "restore") << steps.at("inode 11");
+}
+
+// One plan has all of them.
+TEST_P(PlanOf, AMiBOfZeroedExtents)
+{
+    Device device =
+        make_sample(cache.layout == "v3" ? std::vector<std::string>{"--extents", "262144"}
+                                         : std::vector<std::string>{"--blocks", "512"},
+                    cache.layout);
+    const std::string whole = device.directory().path("saved");
+    EXPECT_EQ(run_ctl({"save", device.path(), whole}).status, 0);
+    const Block super = device.block(SUPER_OFFSET);
+    const TableModel &extents = model(cache.layout[1] - '0', "extent");
+    const auto start = static_cast<std::uint64_t>(slot_offset(extents, super, 0));
+    std::vector<Block> good;
+    for (std::uint64_t no = 0; no < 256; ++no)
+        good.push_back(device.block(start + no * BLOCK_SIZE));
+    device.write(start, std::vector<std::uint8_t>(256 * BLOCK_SIZE));
+    const Planned planned = plan_of(device.path(), {"--from", whole});
+    ASSERT_EQ(planned.steps.size(), 256U);
+    EXPECT_EQ(planned.run.err, "zu_tierctl: 256 steps: copy 256 likely\n");
+    for (std::uint64_t no = 0; no < 256; ++no) {
+        const ordered_json &step = planned.steps[no];
+        EXPECT_EQ(step["table"], "extent");
+        EXPECT_EQ(step["no"], no);
+        if (step.contains("block")) {
+            EXPECT_EQ(step["block"], base64(good[no]));
+        } else {
+            EXPECT_TRUE(step["keys"].is_object());
+        }
+    }
 }
 
 // A copy of an inode whose brick is gone is older than that.

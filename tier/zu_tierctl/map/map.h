@@ -138,7 +138,7 @@ Map read_map(const std::string &device, const CellsMax &cells_max,
 std::string bytes_text(uint64_t bytes);
 
 /* "30 in use, 19 free, 1 damaged, 2 findings, 1 step", without zeros; "nothing" when all are 0. */
-std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps);
+std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps = 0);
 
 /* "inode ages: time from the last access to the newest one" */
 std::string ages_heading(const Map &map);

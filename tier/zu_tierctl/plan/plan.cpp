@@ -51,9 +51,10 @@ struct Slot {
 /* Plans the steps of a device, one slot after another. */
 class Planner {
 public:
-    Planner(const Device &device, const Metadata &metadata, const Device *saved, bool free_lost)
+    Planner(const Device &device, const Metadata &metadata, const Device *saved, bool free_lost,
+            const std::vector<Cause> &causes)
         : device_(device), metadata_(metadata), saved_(saved), free_lost_(free_lost),
-          restorer_(device, metadata)
+          causes_(causes), restorer_(device, metadata)
     {
     }
 
@@ -294,6 +295,12 @@ private:
         if (slot.table.row->restore == nullptr) {
             return {};
         }
+        if (std::ranges::any_of(causes_, [&slot](const Cause &cause) {
+                return cause.table == slot.table.name && cause.first <= slot.no &&
+                       slot.no <= cause.last;
+            })) {
+            return {.reason = "perhaps there is no such entry: see the cause that check names"};
+        }
         const Restored restored = restorer_.restore(slot.table, slot.no, slot.block);
         if (!restored.block) {
             return {.reason = restored.reason};
@@ -380,6 +387,7 @@ private:
     const Metadata &metadata_;
     const Device *saved_;
     bool free_lost_;
+    const std::vector<Cause> &causes_;
     Restorer restorer_;
 };
 
@@ -459,7 +467,13 @@ Plan make_plan(const Device &device, const Metadata &metadata, const Device *sav
 {
     Troubles troubles(device.path(), metadata, free_lost);
     check_metadata({.device = device.path()}, device, metadata, troubles, &troubles);
-    Planner planner(device, metadata, saved, free_lost);
+    for (const Cause &cause : troubles.causes()) {
+        if (cause.table == SUPER_TABLE) {
+            throw std::runtime_error("there is no plan: " + cause.text);
+        }
+        complain("cause: " + cause.text);
+    }
+    Planner planner(device, metadata, saved, free_lost, troubles.causes());
     Plan plan{std::string(metadata.layout->name), device.size(), metadata.super_block, {}};
     for (const Table &table : metadata.tables) {
         const auto &slots = troubles.of(table);

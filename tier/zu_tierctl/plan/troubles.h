@@ -34,12 +34,16 @@ public:
     /* Of a table, by slot. */
     const std::map<uint64_t, Trouble> &of(const Table &table) { return slots_[table.name]; }
 
+    /* What explains many of the errors. */
+    const std::vector<Cause> &causes() const { return causes_; }
+
     void begin_table(const Table &table) override { table_ = &table; }
     void add_lost(uint64_t, uint64_t, uint64_t Counts::*) override {}
     void add_free(uint64_t) override {}
     void add_in_use(uint64_t no, const uint8_t *entry) override;
 
 private:
+    void write_causes(const std::vector<Cause> &causes) override { causes_ = causes; }
     void write(const Finding &finding) override;
     void write_end() override {} /* GCOVR_EXCL_LINE: is not finished */
 
@@ -48,6 +52,7 @@ private:
     const Metadata &metadata_;
     bool free_orphans_;
     const Table *table_ = nullptr; /* that is being read */
+    std::vector<Cause> causes_;
     std::map<std::string_view, std::map<uint64_t, Trouble>> slots_;
     std::map<std::string_view, std::set<uint64_t>> freed_; /* entries that will be free */
 };
