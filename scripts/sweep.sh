@@ -1,23 +1,25 @@
 #!/usr/bin/env bash
 # Runs sweeps, on the release build or on the programs of the sanitizer build, and counts their runs
 # of the tool: every failure of input, output and allocation, every moment to be killed, every kind
-# of damage, every number of a repair file.
+# of damage, every number of a repair file; and plans of repairs against what was there, in 10,000
+# rounds of random damage for each layout.
 #
-#   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration]...
+#   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration|plan]...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 . scripts/shards.sh
 
 declare -A suites=([io]='*IoSweep*' [memory]='*MemorySweep*' [kill]='*KillSweep*'
-    [damage]='*Damaged*' [configuration]='*Configuration*')
+    [damage]='*Damaged*' [configuration]='*Configuration*' [plan]='*PlanProperty*')
+programs=build
 
 sanitize=false
 if [ "${1-}" = --sanitize ]; then
     sanitize=true
     shift
 fi
-[ $# -gt 0 ] || set -- io memory kill damage configuration
+[ $# -gt 0 ] || set -- io memory kill damage configuration plan
 for sweep in "$@"; do
     [ -n "${suites[$sweep]-}" ] || {
         echo "There is no sweep \"$sweep\"." >&2
@@ -27,18 +29,23 @@ done
 
 install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 cmake --preset test >/dev/null
-cmake --build --preset test --parallel "$(nproc)" --target sweep_tests -- --quiet >/dev/null
+cmake --build --preset test --parallel "$(nproc)" --target sweep_tests unit_tests -- --quiet \
+    >/dev/null
 if $sanitize; then
     cmake --preset sanitize >/dev/null
-    cmake --build --preset sanitize --parallel "$(nproc)" --target zu_tier zu_tierctl -- --quiet \
-        >/dev/null
+    cmake --build --preset sanitize --parallel "$(nproc)" --target zu_tier zu_tierctl \
+        unit_tests -- --quiet >/dev/null
     export ZU_TIER_PROGRAMS=$PWD/build-sanitize
+    programs=build-sanitize
 fi
+export ZU_TIER_PLAN_ROUNDS=10000
 
 all_failed=0
 for sweep in "$@"; do
     passed=0 failed=0 runs=0 SECONDS=0
-    GTEST_FILTER=${suites[$sweep]} run_tests "$sweep sweep" build/sweep_tests
+    tests=build/sweep_tests
+    [ "$sweep" != plan ] || tests=$programs/unit_tests # these call the functions, not the programs
+    GTEST_FILTER=${suites[$sweep]} run_tests "$sweep sweep" "$tests"
     echo "$runs runs in $passed tests that passed and $failed that failed, $SECONDS s"
     all_failed=$((all_failed + failed))
 done

@@ -50,8 +50,7 @@ struct Place {
 struct Tally {
     std::uint64_t damaged = 0;
     std::map<std::pair<std::string, std::string>, std::uint64_t> steps; // by action and class
-    std::uint64_t likely_right = 0;
-    std::uint64_t likely = 0;
+    std::map<std::string, std::uint64_t> right; // of the likely ones, by action
     std::uint64_t left = 0;
 };
 
@@ -111,9 +110,11 @@ public:
         const bool has_saved = below(3) != 0;
         if (has_saved)
             tierctl::require_saved(saved, device, *metadata_);
+        const bool frees = below(2) == 0;
         const tierctl::Plan plan =
-            tierctl::make_plan(device, *metadata_, has_saved ? &saved : nullptr, false);
+            tierctl::make_plan(device, *metadata_, has_saved ? &saved : nullptr, frees);
         std::vector<std::int64_t> written;
+        const std::map<std::int64_t, Block> truth = damaged_;
         for (const Step &step : plan.steps) {
             if (step.action == Action::leave) {
                 ++tally.left;
@@ -122,13 +123,19 @@ public:
             ++tally.steps[{std::string(action_name(step.action)),
                            std::string(certainty_name(step.certainty))}];
             const Block block = block_of(device, step);
-            judge(step, block, tally);
-            device_.write(step.offset, block);
+            if (step.action == Action::free) {
+                EXPECT_TRUE(frees);
+                judge_freed(step, block, truth);
+            } else {
+                ASSERT_TRUE(truth.contains(step.offset)) << "it was sound";
+                judge(step, block, tally);
+            }
+            put(step.offset, block);
             written.push_back(step.offset);
         }
         expect_mended(device, written);
-        for (const auto &[offset, truth] : damaged_)
-            device_.write(offset, truth);
+        for (const auto &[offset, block] : damaged_)
+            device_.write(offset, block);
     }
 
 private:
@@ -235,7 +242,6 @@ private:
     {
         const Table &table = tierctl::find_table(metadata_->tables, step.table);
         SCOPED_TRACE(step_line(step, "{}").substr(0, 500));
-        ASSERT_TRUE(damaged_.contains(step.offset)) << "it was sound";
         const Block &truth = damaged_.at(step.offset);
         const Block now = device_.read(step.offset);
         EXPECT_NE(now, truth);
@@ -249,9 +255,36 @@ private:
             for (std::size_t at = table.record_length; at < block.size(); ++at)
                 ASSERT_EQ(block[at], now[at]);
         } else {
-            ++tally.likely;
-            tally.likely_right += is_right ? 1 : 0;
+            tally.right[std::string(action_name(step.action))] += is_right ? 1 : 0;
         }
+    }
+
+    // What becomes free was in use, and its owner is not as it was, or becomes free as well.
+    void judge_freed(const Step &step, const Block &block,
+                     const std::map<std::int64_t, Block> &truth) const
+    {
+        const Table &table = tierctl::find_table(metadata_->tables, step.table);
+        const Table &owners = tierctl::find_table(metadata_->tables, table.row->owner.table);
+        SCOPED_TRACE(step_line(step, "{}").substr(0, 500));
+        const Block now = device_.read(step.offset);
+        EXPECT_EQ(table.flaws(step.no, now.data()), 0U);
+        EXPECT_EQ(table.flaws(step.no, block.data()), 0U);
+        EXPECT_EQ(step.certainty, Certainty::none);
+        EXPECT_FALSE(step.lost.empty());
+        std::size_t freed = 0;
+        for (std::uint32_t k = table.first_word; k < table.end_word; ++k) {
+            const std::uint8_t *before = Table::entry(now.data(), k);
+            const std::uint8_t *after = Table::entry(block.data(), k);
+            if (table.in_use(before) == table.in_use(after))
+                continue;
+            ++freed;
+            EXPECT_TRUE(table.in_use(before));
+            const std::uint64_t owner = table.row->owner.no.get(before);
+            const std::uint64_t slot = owner / owners.end_word;
+            EXPECT_TRUE(truth.contains(step.offset) || slot >= owners.count() ||
+                        damaged_.contains(owners.slot(slot)));
+        }
+        EXPECT_NE(freed, 0U);
     }
 
     // Nothing is left to do about what was written but about whom it refers to.
@@ -290,8 +323,11 @@ TEST_P(PlanProperty, WhatIsCertainIsRightAndWhatIsSoundIsLeft)
     std::cout << GetParam() << ": " << rounds() << " rounds, " << tally.damaged << " slots damaged";
     for (const auto &[what, count] : tally.steps)
         std::cout << ", " << what.first << ' ' << what.second << ' ' << count;
-    std::cout << ", left " << tally.left << "; of " << tally.likely << " likely steps "
-              << tally.likely_right << " gave what was there\n";
+    std::cout << ", left " << tally.left << "; likely, and what was there:";
+    for (const auto &[action, count] : tally.right)
+        std::cout << ' ' << action << ' ' << count;
+    std::cout << '\n';
+    RecordProperty("runs", std::to_string(rounds()));
     EXPECT_NE((tally.steps[{"mend", "certain"}]), 0U);
     EXPECT_NE((tally.steps[{"copy", "certain"}]), 0U);
     EXPECT_NE((tally.steps[{"copy", "likely"}]), 0U);
