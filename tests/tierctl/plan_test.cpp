@@ -430,7 +430,7 @@ TEST_F(PlanOfV1, AnInodeIsRestored)
     put("inode", 4, {});
     const ordered_json restore = step();
     EXPECT_EQ(restore["action"], "restore");
-    EXPECT_EQ(restore["class"], "likely");
+    EXPECT_EQ(restore["class"], "none");
     EXPECT_EQ(restore["reason"],
               "it is all zero; none of 4 extents belongs to it, and none is doubtful");
     EXPECT_EQ(restore["lost"], "what inode 4 held");

@@ -310,7 +310,6 @@ private:
                                                 "values that nothing proves"};
         }
         return {.action = Action::restore,
-                .certainty = Certainty::likely,
                 .block = *restored.block,
                 .reason = restored.reason,
                 .lost = fmt::format("what {} {} held", slot.table.name, slot.no)};
