@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <memory>
 
 using namespace tier_test;
 
@@ -90,6 +91,80 @@ TEST_F(WriteBlock, RefusesWhatIsNoBlockOfTheDevice)
             expect_refused(offset, expected,
                            "nothing was written: cannot read " + at(offset) +
                                ": No such device or address");
+}
+
+// Blocks that lie over a device
+
+class LaidOver : public testing::Test {
+protected:
+    LaidOver()
+    {
+        for (std::uint64_t i = 0; i < 4; ++i)
+            image.write(i * BLOCK_SIZE, Aligned(static_cast<std::uint8_t>(i)));
+    }
+
+    // The first byte of each block of a read; empty when it fails.
+    std::string read(const tierctl::Device &device, std::int64_t offset, std::size_t blocks) const
+    {
+        struct alignas(4096) Buffer : std::array<std::uint8_t, 4 * BLOCK_SIZE> {};
+        const auto buffer = std::make_unique<Buffer>();
+        std::string firsts;
+        const bool is_read = device.read(offset, buffer->data(), blocks * BLOCK_SIZE);
+        for (std::size_t i = 0; is_read && i < blocks; ++i) {
+            const Block block = [&] {
+                Block copy;
+                std::copy_n(buffer->begin() + static_cast<std::ptrdiff_t>(i * BLOCK_SIZE),
+                            BLOCK_SIZE, copy.begin());
+                return copy;
+            }();
+            EXPECT_TRUE(block == Aligned(block[0]));
+            firsts += static_cast<char>('0' + block[0]);
+        }
+        return firsts;
+    }
+
+    Device image{4 * BLOCK_SIZE};
+};
+
+TEST_F(LaidOver, AreReadInPlaceOfWhatIsThere)
+{
+    const auto before = image.bytes();
+    tierctl::Device device(image.path(), tierctl::Access::read_only);
+    EXPECT_EQ(read(device, 0, 4), "0123");
+    device.lay_over(4096, Aligned(7).data());
+    device.lay_over(3 * 4096, Aligned(8).data());
+    EXPECT_EQ(read(device, 0, 4), "0728");
+    EXPECT_EQ(read(device, 0, 1), "0");
+    EXPECT_EQ(read(device, 4096, 1), "7");
+    EXPECT_EQ(read(device, 4096, 3), "728");
+    EXPECT_EQ(read(device, 2 * 4096, 1), "2");
+    device.lay_over(4096, Aligned(9).data());
+    EXPECT_EQ(read(device, 0, 3), "092");
+    EXPECT_TRUE(image.bytes() == before);
+}
+
+TEST_F(LaidOver, DoNotMakeTheDeviceLonger)
+{
+    tierctl::Device device(image.path(), tierctl::Access::read_only);
+    device.lay_over(4 * 4096, Aligned(7).data());
+    EXPECT_EQ(read(device, 4 * 4096, 1), "");
+    EXPECT_EQ(read(device, 3 * 4096, 2), "");
+    EXPECT_EQ(read(device, 3 * 4096, 1), "3");
+    EXPECT_EQ(read(device, INT64_MAX - 4095, 1), "");
+    EXPECT_EQ(read(device, -4096, 1), "");
+}
+
+TEST_F(LaidOver, WhatCannotBeRead)
+{
+    image.write(4096, Aligned(0));
+    image.directory().write(
+        std::filesystem::path(image.path()).filename().string() + ".unreadable.json",
+        R"([{"table":"inode","no":0,"count":1,"offset":4096,"error":"Input/output error"}])");
+    tierctl::Device device(image.path(), tierctl::Access::read_only);
+    EXPECT_EQ(read(device, 4096, 1), "");
+    device.lay_over(4096, Aligned(7).data());
+    EXPECT_EQ(read(device, 4096, 1), "7");
+    EXPECT_EQ(read(device, 4096, 2), ""); // block by block
 }
 
 } // namespace

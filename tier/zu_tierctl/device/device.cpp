@@ -62,10 +62,15 @@ Device::Device(const std::string &path, Access access) : path_(path)
     unreadable_ = UnreadableList(path);
 }
 
+bool Device::holds(int64_t offset, size_t length) const
+{
+    return offset >= 0 && offset % SIZE_4K == 0 && static_cast<uint64_t>(offset) <= size_ &&
+           length <= size_ - static_cast<uint64_t>(offset);
+}
+
 bool Device::read_stored(int64_t offset, void *data, size_t length) const
 {
-    if (offset < 0 || offset % SIZE_4K != 0 || static_cast<uint64_t>(offset) > size_ ||
-        length > size_ - static_cast<uint64_t>(offset)) {
+    if (!holds(offset, length)) {
         errno = ENXIO;
         return false;
     }
@@ -73,7 +78,7 @@ bool Device::read_stored(int64_t offset, void *data, size_t length) const
     return zutr_readn(fd_.get(), data, length, offset) >= 0;
 }
 
-bool Device::read(int64_t offset, void *data, size_t length) const
+bool Device::read_listed(int64_t offset, void *data, size_t length) const
 {
     if (!read_stored(offset, data, length)) {
         return false;
@@ -84,6 +89,30 @@ bool Device::read(int64_t offset, void *data, size_t length) const
         return false;
     }
     return true;
+}
+
+/* What lies over a single block is given even where the block cannot be read. */
+bool Device::read(int64_t offset, void *data, size_t length) const
+{
+    if (laid_over_.empty() || !holds(offset, length)) {
+        return read_listed(offset, data, length);
+    }
+    auto block = laid_over_.lower_bound(offset);
+    const auto end = laid_over_.lower_bound(offset + static_cast<int64_t>(length));
+    const bool is_covered = block != end && length == SIZE_4K;
+    if (!is_covered && !read_listed(offset, data, length)) {
+        return false;
+    }
+    for (; block != end; ++block) {
+        memcpy(static_cast<uint8_t *>(data) + (block->first - offset), block->second.data(),
+               SIZE_4K);
+    }
+    return true;
+}
+
+void Device::lay_over(int64_t offset, const void *block)
+{
+    memcpy(laid_over_[offset].data(), block, SIZE_4K);
 }
 
 bool is_zero(const uint8_t *block)

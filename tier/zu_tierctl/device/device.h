@@ -5,9 +5,11 @@
 #include "zu_tierctl/device/fd.h"
 #include "zu_tierctl/device/unreadable.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <span>
 #include <string>
 
@@ -36,6 +38,10 @@ public:
      * saved file lacks cannot be read either, until anything but zeros is written there. */
     bool read(int64_t offset, void *data, size_t length) const;
 
+    /* From now on reads give this block of 4096 bytes in place of the one at `offset`, a multiple
+     * of 4096. Nothing is written, and a block that lies outside the device stays there. */
+    void lay_over(int64_t offset, const void *block);
+
     /* The only way to write to a device: puts `block` in place of the block at `offset`, which must
      * still be `expected`, or still be unreadable when that is null. Waits until it is there, reads
      * it back and compares. All blocks have 4096 bytes, aligned to 4096. Throws; the message says
@@ -43,13 +49,19 @@ public:
     void write_block(int64_t offset, const void *expected, const void *block);
 
 private:
-    /* The same, whatever the list says. */
+    bool holds(int64_t offset, size_t length) const;
+
+    /* Reads what the device has, whatever lies over it and whatever the list says. */
     bool read_stored(int64_t offset, void *data, size_t length) const;
+
+    /* The same where the list allows it. */
+    bool read_listed(int64_t offset, void *data, size_t length) const;
 
     std::string path_;
     uint64_t size_ = 0;
     Fd fd_;
     UnreadableList unreadable_;
+    std::map<int64_t, std::array<uint8_t, SIZE_4K>> laid_over_; /* by offset */
 };
 
 /* Whether all bytes of a block of 4096 are zero. */
