@@ -244,6 +244,9 @@ public:
         return line;
     }
 
+    uint64_t no() const { return no_; } /* of the last line */
+    std::string take_text() { return std::move(text_); }
+
     [[noreturn]] void refuse(const std::string &reason) const
     {
         throw std::runtime_error(fmt::format("{}, line {}: {}", path_, no_, reason));
@@ -255,6 +258,7 @@ private:
         line.clear();
         errno = 0;
         for (int c = file_.get(); c != std::ifstream::traits_type::eof(); c = file_.get()) {
+            text_ += static_cast<char>(c);
             if (c == '\n') {
                 return true;
             }
@@ -271,7 +275,8 @@ private:
 
     const std::string &path_;
     std::ifstream file_;
-    uint64_t no_ = 0; /* of the last line */
+    std::string text_; /* read so far */
+    uint64_t no_ = 0;
 };
 
 /* Calls `read` with the next line; false at the end of the file. */
@@ -350,9 +355,11 @@ Plan read_plan(const std::string &path)
         if (!slots.emplace(step.table, step.no).second) {
             throw std::runtime_error(fmt::format("{} {} has a step already", step.table, step.no));
         }
+        step.line = lines.no();
         plan.steps.push_back(std::move(step));
     })) {
     }
+    plan.text = lines.take_text();
     return plan;
 }
 

@@ -39,6 +39,7 @@ struct Step {
     std::optional<Block> block{};      /* or else the block itself */
     std::string reason{};
     std::string lost{}; /* what the step gives up; empty: nothing */
+    uint64_t line = 0;  /* of the file that it was read from; the header is line 1 */
 };
 
 struct Plan {
@@ -46,6 +47,7 @@ struct Plan {
     uint64_t size; /* of the device, bytes */
     Block super_block;
     std::vector<Step> steps;
+    std::string text{}; /* of the file that it was read from, byte for byte */
 };
 
 /* The first line of the file. `release` is that of the program and `device` a path; both are for
