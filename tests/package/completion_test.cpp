@@ -96,6 +96,7 @@ TEST(Completion, TablesOfTheCompanion)
     const Words tables{"super", "brick", "inode", "extent", "shard", "hot"};
     EXPECT_EQ(offered({"zu_tierctl", "template", "dev", ""}), tables);
     EXPECT_EQ(offered({"zu_tierctl", "revert", "saved", "dev", "s"}), (Words{"super", "shard"}));
+    EXPECT_EQ(offered({"zu_tierctl", "undo", "undo", "dev", "b"}), Words{"brick"});
     EXPECT_EQ(offered({"zu_tierctl", "check", "dev", "--table", "h"}), Words{"hot"});
     EXPECT_EQ(offered({"zu_tierctl", "sample", "--layout", ""}), (Words{"v1", "v2", "v3"}));
     EXPECT_EQ(offered({"zu_tierctl", "plan", "dev", "--only", ""}), Words{"certain"});

@@ -3,6 +3,7 @@
 
 #include "cache.h"
 #include "conformance.h"
+#include "plans.h"
 
 #include <algorithm>
 #include <csignal>
@@ -17,7 +18,8 @@ namespace {
 
 constexpr char OUT[] = "out"; // names a file to be created
 
-// Runs on two images, "device" and "saved", of which the first has a damaged inode 2.
+// Runs on two images, "device" and "saved", of which the first has a damaged inode 2; on a plan
+// that mends it, and on the undo file of a plan that made it so.
 struct Command {
     std::vector<std::string> args;
     std::string last; // the operand that is missing without the last argument
@@ -30,6 +32,8 @@ struct Command {
 };
 
 const std::vector<Command> COMMANDS{
+    {{"apply", "--undo", "new", "plan", "device"}, "DEVICE"},
+    {{"apply", "--commit", "--undo", OUT, "plan", "device"}, "DEVICE", 1, 0, true, true},
     {{"check", "device"}, "DEVICE", 2, 1},
     {{"check", "--json", "device"}, "DEVICE", 2, 1, true, false, true},
     {{"save", "device", OUT}, "FILE", 1, 0, false},
@@ -43,7 +47,11 @@ const std::vector<Command> COMMANDS{
     {{"map", "device"}, "DEVICE"},
     {{"map", "--html", OUT, "device"}, "DEVICE", 1, 0, false},
     {{"sample", "--layout", "v1", OUT}, "FILE", 1, 0, false},
+    {{"undo", "undo", "device", "inode", "2"}, "NO"},
+    {{"undo", "--commit", "undo", "device", "inode", "2"}, "NO", 1, 0, true, true},
 };
+
+const std::set<std::string> FILES{"device", "saved", "plan", "undo", "new", OUT};
 
 // An input, and what is said of the path.
 struct Input {
@@ -84,7 +92,14 @@ protected:
     void SetUp() override
     {
         std::filesystem::copy_file(path("device"), path("saved"));
+        const std::int64_t offset = cache.offset("inode", 2);
+        const auto place = static_cast<std::uint64_t>(offset);
+        const Block sound = cache.device.block(place);
         damage();
+        const Block damaged = cache.device.block(place);
+        const PlannedDevice device{"v1", cache.device.size(), cache.device.block(SUPER_OFFSET)};
+        directory.write("plan", plan_text(device, {{"inode", 2, offset, damaged, sound}}));
+        directory.write("undo", undo_file(device, "", {{"inode", 2, offset, sound, damaged}}));
     }
 
     void damage() const { flip(cache.device, cache.offset("inode", 2) + 60); }
@@ -94,9 +109,9 @@ protected:
     std::vector<std::string> args_of(const Command &command, std::size_t place = 0) const
     {
         std::vector<std::string> args = command.args;
-        for (std::string &arg : args)
-            if (arg == "device" || arg == "saved" || arg == OUT)
-                arg = path(arg);
+        for (std::size_t i = 1; i < args.size(); ++i)
+            if (FILES.contains(args[i]))
+                args[i] = path(args[i]);
         if (place != 0)
             args[place] = bad;
         return args;

@@ -23,20 +23,29 @@ class UndoFiles : public testing::Test {
 protected:
     UndoFiles()
     {
-        undo.layout = "a layout of 16 b";
         undo.size = 1U << 30;
         undo.plan = PLAN;
         fill(undo.super_block);
         for (std::uint64_t no = 0; no < 3; ++no) {
-            Change change{"inode", no << 40, static_cast<std::int64_t>(no * BLOCK_SIZE),
-                          no == 1, {},       {}};
+            Change change{"a name of 16 cha",
+                          no << 40,
+                          static_cast<std::int64_t>(no * BLOCK_SIZE),
+                          no == 1,
+                          {},
+                          {}};
             fill(change.after);
             if (!change.unreadable)
                 fill(change.before);
             undo.changes.push_back(change);
         }
-        tierctl::write_undo_file(path, undo);
+        write(path, undo);
         written = read_file(path);
+    }
+
+    static void write(const std::string &to, const UndoFile &undo_file)
+    {
+        tierctl::NewFile file(to, tierctl::Naming::new_name);
+        tierctl::write_undo_file(file, undo_file);
     }
 
     void fill(tierctl::Block &block)
@@ -70,7 +79,6 @@ TEST_F(UndoFiles, AreReadAsTheyWereWritten)
 {
     ASSERT_EQ(written.size(), HEAD + BLOCK_SIZE + PLAN.size() + 3 * CHANGE);
     const UndoFile read = tierctl::read_undo_file(path);
-    EXPECT_EQ(read.layout, undo.layout);
     EXPECT_EQ(read.size, undo.size);
     EXPECT_TRUE(read.super_block == undo.super_block);
     EXPECT_EQ(read.plan, PLAN);
@@ -88,16 +96,16 @@ TEST_F(UndoFiles, AreReadAsTheyWereWritten)
 TEST_F(UndoFiles, OfNothing)
 {
     const std::string empty = directory.path("empty");
-    tierctl::write_undo_file(empty, {});
+    write(empty, {});
     EXPECT_EQ(std::filesystem::file_size(empty), HEAD + BLOCK_SIZE);
     EXPECT_TRUE(tierctl::read_undo_file(empty).changes.empty());
 }
 
 TEST_F(UndoFiles, ReplaceNothing)
 {
-    EXPECT_THROW(tierctl::write_undo_file(path, undo), std::runtime_error);
-    undo.layout += 'x';
-    EXPECT_THROW(tierctl::write_undo_file(directory.path("other"), undo), std::runtime_error);
+    EXPECT_THROW(write(path, undo), std::runtime_error);
+    undo.changes.back().table = "a name of 17 char";
+    EXPECT_THROW(write(directory.path("other"), undo), std::runtime_error);
     EXPECT_FALSE(std::filesystem::exists(directory.path("other")));
     EXPECT_TRUE(read_file(path) == written);
 }

@@ -20,6 +20,7 @@ void add_super_option(CLI::App &command, std::string &value);
 /* Each function adds a subcommand to `app`: its options, and a callback that runs it. The callback
  * may store the program's exit status in `*status`, which must outlive `app`; by default it is 0,
  * or 1 after an exception. */
+void add_apply(CLI::App &app);
 void add_check(CLI::App &app, int *status);
 void add_diff(CLI::App &app, int *status);
 void add_map(CLI::App &app);
@@ -28,5 +29,6 @@ void add_revert(CLI::App &app);
 void add_sample(CLI::App &app);
 void add_save(CLI::App &app, int *status);
 void add_template(CLI::App &app);
+void add_undo(CLI::App &app);
 
 } // namespace tierctl

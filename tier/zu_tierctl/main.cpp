@@ -28,6 +28,7 @@ int run(int argc, char *argv[], int *status)
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
+    add_apply(app);
     add_check(app, status);
     add_diff(app, status);
     add_map(app);
@@ -36,6 +37,7 @@ int run(int argc, char *argv[], int *status)
     add_sample(app);
     add_save(app, status);
     add_template(app);
+    add_undo(app);
     try {
         app.parse(argc, argv);
         return *status;

@@ -9,7 +9,7 @@ Rebuilt rebuild(const Device &device, const Metadata &metadata, const Table &tab
 {
     zutr_json document;
     if (zutr_json_parse(text.c_str(), &document) != 0) {
-        return {std::nullopt, {"it is no valid JSON"}};
+        return {std::nullopt, {"it is no valid JSON"}, -1};
     }
     Block super_block = metadata.super_block;
     zutr_params_t params = {};
@@ -22,7 +22,8 @@ Rebuilt rebuild(const Device &device, const Metadata &metadata, const Table &tab
     Rebuilt rebuilt;
     rebuilt.block.emplace();
     rebuilt.block->fill(0);
-    if (table.row->repair.parse(&params, document.get(), rebuilt.block->data()) < 0) {
+    rebuilt.offset = table.row->repair.parse(&params, document.get(), rebuilt.block->data());
+    if (rebuilt.offset < 0) {
         rebuilt.block.reset();
     }
     rebuilt.messages = log.messages();

@@ -2,6 +2,7 @@
 
 #include "zu_tierctl/entry/metadata.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@ namespace tierctl {
 struct Rebuilt {
     std::optional<Block> block;        /* empty: it refuses the file */
     std::vector<std::string> messages; /* its ERROR messages, without what precedes their text */
+    int64_t offset = -1;               /* on the device, where it would write the block */
 };
 
 /* Gives the text of a repair file to the tool's own parser of the table. `force` is the tool's -F,

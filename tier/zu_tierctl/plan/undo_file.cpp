@@ -4,7 +4,6 @@
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/fd.h"
 #include "zu_tierctl/device/in_use.h"
-#include "zu_tierctl/device/new_file.h"
 
 #include <algorithm>
 #include <array>
@@ -37,8 +36,7 @@ struct Head {
     uint64_t device_size;
     uint64_t plan_length;
     uint64_t changes;
-    Name layout;
-    uint64_t zero;
+    std::array<uint8_t, 24> zero;
 };
 static_assert(sizeof(Head) == 64);
 
@@ -132,7 +130,6 @@ public:
     {
         Head head = read_head();
         UndoFile undo;
-        undo.layout = name_of(head.layout);
         undo.size = head.device_size;
         PartsChecksum checksum;
         const uint32_t crc = std::exchange(head.crc, 0);
@@ -218,12 +215,9 @@ private:
 
 std::string Change::name() const { return fmt::format("{} {}", table, no); }
 
-void write_undo_file(const std::string &path, const UndoFile &undo)
+void write_undo_file(NewFile &file, const UndoFile &undo)
 {
-    NewFile file(path, Naming::new_name);
-    Head head{
-        {}, VERSION, 0, undo.size, undo.plan.size(), undo.changes.size(), stored_name(undo.layout),
-        0};
+    Head head{{}, VERSION, 0, undo.size, undo.plan.size(), undo.changes.size(), {}};
     std::ranges::copy(MAGIC, head.magic.begin());
     PartsChecksum checksum;
     checksum.add(&head, sizeof(head));

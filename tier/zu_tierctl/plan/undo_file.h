@@ -1,5 +1,6 @@
 #pragma once
 
+#include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/entry/metadata.h"
 
 #include <cstdint>
@@ -13,9 +14,8 @@ namespace tierctl {
  *
  * Numbers are little-endian. One after the other:
  *
- *     64     head: magic "ZUTRUNDO"; 4 version, 1; 4 CRC-32 of the parts, see below; 8 size of the
- *            device; 8 length of the plan; 8 number of changes; 16 name of the layout, filled up
- *            with NUL; 8 zero
+ *     64     head: 8 magic, "ZUTRUNDO"; 4 version, 1; 4 CRC-32 of the parts, see below; 8 size of
+ *            the device; 8 length of the plan; 8 number of changes; 24 zero
  *     4096   block of the super block
  *     ...    plan, as it was read
  *
@@ -43,16 +43,14 @@ struct Change {
 };
 
 struct UndoFile {
-    std::string layout;
     uint64_t size = 0; /* of the device, bytes */
     Block super_block{};
     std::string plan; /* its text */
     std::vector<Change> changes;
 };
 
-/* Creates the file under a name that nothing has yet, and waits until all of it is on the disk.
- * Throws. */
-void write_undo_file(const std::string &path, const UndoFile &undo);
+/* Fills a new file and gives it its name, when all of it is on the disk. Throws. */
+void write_undo_file(NewFile &file, const UndoFile &undo);
 
 /* Throws unless the file is complete and every checksum right. */
 UndoFile read_undo_file(const std::string &path);

@@ -1,0 +1,198 @@
+#include "zu_tierctl/plan/rewrite.h"
+
+#include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/entry/entry.h"
+#include "zu_tierctl/entry/selection.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <map>
+#include <stdexcept>
+
+namespace tierctl {
+
+namespace {
+
+/* The smallest unit that a disk writes as a whole. */
+constexpr size_t SECTOR_SIZE = 512;
+
+/* Whether each sector of a block is one of the change's: a write that the power failed in the
+ * middle of leaves such a block. What could not be read before counts as zeros. */
+bool is_of(const Change &change, const Block &block)
+{
+    for (size_t at = 0; at < SIZE_4K; at += SECTOR_SIZE) {
+        if (memcmp(&block[at], &change.before[at], SECTOR_SIZE) != 0 &&
+            memcmp(&block[at], &change.after[at], SECTOR_SIZE) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void require_slot(const Metadata &metadata, const std::string &source, const Change &change)
+{
+    const auto table = std::ranges::find(metadata.tables, change.table, &Table::name);
+    if (table == metadata.tables.end() || change.no >= table->count() ||
+        change.offset != table->slot(change.no)) {
+        throw std::runtime_error(fmt::format("{} has {} at byte {}, where there is none", source,
+                                             change.name(), change.offset));
+    }
+}
+
+} // namespace
+
+Metadata require_device(const Device &device, const std::string &source, const UndoFile &undo)
+{
+    Metadata metadata = read_metadata(device);
+    if (metadata.super_block != undo.super_block) {
+        throw std::runtime_error(
+            fmt::format("the super block of {} is not the one in {}: it is another device, or its "
+                        "super block has changed",
+                        device.path(), source));
+    }
+    if (device.size() != undo.size) {
+        throw std::runtime_error(fmt::format("{} has {} bytes, the device of {} has {}",
+                                             device.path(), device.size(), source, undo.size));
+    }
+    for (const Change &change : undo.changes) {
+        require_slot(metadata, source, change);
+    }
+    return metadata;
+}
+
+/* A block of the device beside a change. */
+struct Rewrite::Found {
+    alignas(SIZE_4K) Block now;
+    bool is_read;
+    int error;     /* error number that says why not */
+    bool is_there; /* nothing is to be done */
+};
+
+Rewrite::Rewrite(Device &device, const Metadata &metadata, const std::vector<Change> &changes,
+                 Block Change::*target)
+    : device_(device), metadata_(metadata), changes_(changes), target_(target)
+{
+}
+
+/* A block that cannot be read holds nothing that anybody would miss. */
+Rewrite::Found Rewrite::find(const Change &change) const
+{
+    Found found{};
+    found.is_read = device_.read(change.offset, found.now.data(), SIZE_4K);
+    found.error = errno;
+    if (is_undo() && change.unreadable) { /* there is nothing to go back to */
+        found.is_there = true;
+        return found;
+    }
+    found.is_there = found.is_read && found.now == change.*target_;
+    if (found.is_read && !is_of(change, found.now)) {
+        throw std::runtime_error(fmt::format(
+            "{} at byte {} of {} is neither as it was before nor as it was to be: something else "
+            "has changed it",
+            change.name(), change.offset, device_.path()));
+    }
+    return found;
+}
+
+void Rewrite::show(const std::function<std::string(const Change &)> &note, bool commit)
+{
+    try {
+        show_each(note);
+    } catch (const OutputClosed &error) {
+        if (!commit) {
+            throw;
+        }
+        throw std::runtime_error(fmt::format("nothing was written: {}", error.what()));
+    }
+}
+
+void Rewrite::show_each(const std::function<std::string(const Change &)> &note)
+{
+    for (const Change &change : changes_) {
+        const Found found = find(change);
+        if (is_undo() && change.unreadable) {
+            print("{} could not be read before: nothing to go back to\n", change.name());
+        } else if (!found.is_there) {
+            const Table &table = find_table(metadata_.tables, change.table);
+            print("{} at byte {}\n{}", change.name(), change.offset, note(change));
+            const Entry target{metadata_, table, change.no, (change.*target_).data()};
+            if (found.is_read) {
+                print_text(differences_text(
+                    entry_differences({metadata_, table, change.no, found.now.data()}, target)));
+            } else {
+                print("  cannot be read: {} -> {}\n", error_text(found.error), entry_text(target));
+            }
+            left_.push_back(&change);
+        }
+    }
+    finish_output();
+}
+
+void Rewrite::lay_over()
+{
+    for (const Change *change : left_) {
+        device_.lay_over(change->offset, (change->*target_).data());
+    }
+}
+
+void Rewrite::write(const std::string &advice)
+{
+    size_t done = 0;
+    try {
+        Progress progress("writing", left_.size());
+        for (; done < left_.size(); done++) {
+            write(*left_[done]);
+            progress.add(1);
+        }
+        print("written\n");
+        finish_output();
+    } catch (const std::exception &error) {
+        throw std::runtime_error(outcome(error.what(), done) + "; " + advice);
+    }
+}
+
+void Rewrite::write(const Change &change)
+{
+    const Found found = find(change);
+    if (found.is_there) {
+        return;
+    }
+    alignas(SIZE_4K) Block block = change.*target_;
+    device_.write_block(change.offset, found.is_read ? found.now.data() : nullptr, block.data());
+}
+
+/* What failed after so many writes, and which blocks were written and which were not. */
+std::string Rewrite::outcome(const std::string &error, size_t done) const
+{
+    std::string text = error;
+    if (done < left_.size()) {
+        text.insert(0, left_[done]->name() + ": ");
+    }
+    if (done > 0) {
+        text += "; written: " + names(0, done);
+    }
+    if (done + 1 < left_.size()) {
+        text += "; not written: " + names(done + 1, left_.size());
+    }
+    return text;
+}
+
+/* "inode 3..5,9, extent 2" */
+std::string Rewrite::names(size_t first, size_t end) const
+{
+    std::map<std::string_view, std::vector<uint64_t>> numbers; /* by table */
+    for (size_t i = first; i < end; i++) {
+        numbers[left_[i]->table].push_back(left_[i]->no);
+    }
+    std::string text;
+    for (auto &[table, all] : numbers) {
+        std::ranges::sort(all);
+        text += fmt::format("{}{} {}", text.empty() ? "" : ", ", table, numbers_text(all));
+    }
+    return text;
+}
+
+} // namespace tierctl

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "zu_tierctl/plan/undo_file.h"
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tierctl {
+
+/* The metadata of the device. Throws when it is another one than `undo` is for, or when a change is
+ * none of its slots. `source` is the name of the plan or file that says so. */
+Metadata require_device(const Device &device, const std::string &source, const UndoFile &undo);
+
+/* Takes the blocks of changes to one of their two sides, from whatever moment of an earlier run: a
+ * block is on either side, or in part on both after a power cut, or cannot be read. Device,
+ * metadata and changes must outlive it. */
+class Rewrite {
+public:
+    /* `target` is &Change::before or &Change::after. */
+    Rewrite(Device &device, const Metadata &metadata, const std::vector<Change> &changes,
+            Block Change::*target);
+
+    /* Prints for each block that is not there yet what the rewrite changes, after the text of
+     * `note`, which may be empty or lines. Throws when a block is on neither side; with `commit`
+     * also when nobody reads the output: the operator must see what is replaced. */
+    void show(const std::function<std::string(const Change &)> &note, bool commit);
+
+    /* How many of those that were shown are not there yet. */
+    size_t left() const { return left_.size(); }
+
+    /* Lays them over the device, which then reads as after the rewrite. */
+    void lay_over();
+
+    /* Writes them. Throws when one fails, with what was written, what was not, and `advice`. */
+    void write(const std::string &advice);
+
+private:
+    struct Found;
+
+    bool is_undo() const { return target_ == &Change::before; }
+
+    Found find(const Change &change) const;
+    void show_each(const std::function<std::string(const Change &)> &note);
+    void write(const Change &change);
+    std::string outcome(const std::string &error, size_t done) const;
+    std::string names(size_t first, size_t end) const;
+
+    Device &device_;
+    const Metadata &metadata_;
+    const std::vector<Change> &changes_;
+    Block Change::*target_;
+    std::vector<const Change *> left_;
+};
+
+} // namespace tierctl
