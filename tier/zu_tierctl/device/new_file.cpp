@@ -56,14 +56,6 @@ std::string find_scratch_name(const std::string &path,
     return taken ? name : "";
 }
 
-/* A new name lasts only once its directory is on the disk. One that cannot be opened or synced is
- * left to the system. */
-void sync_directory_of(const std::string &path)
-{
-    const Fd fd(open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    fsync(fd.get());
-}
-
 } // namespace
 
 void refuse_existing(const std::string &path)
@@ -75,6 +67,12 @@ void refuse_existing(const std::string &path)
     if (errno != ENOENT) { /* what cannot be looked up cannot be created either */
         throw_errno("cannot create " + path);
     }
+}
+
+bool sync_name(const std::string &path)
+{
+    const Fd fd(open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.get() >= 0 && (fsync(fd.get()) == 0 || errno == EINVAL);
 }
 
 NewFile::NewFile(std::string path, Naming naming) : path_(std::move(path)), naming_(naming)
@@ -156,7 +154,7 @@ void NewFile::commit()
     if (!give_name()) {
         fail("cannot create ");
     }
-    sync_directory_of(path_);
+    sync_name(path_); /* a directory that cannot be synced is left to the system */
 }
 
 bool NewFile::give_name() const

@@ -19,6 +19,10 @@ enum class Naming {
 /* Throws when something has that name or nothing can have it. */
 void refuse_existing(const std::string &path);
 
+/* Waits until the name of a new file is on the disk. False, with the reason in errno, when its
+ * directory cannot be opened or synced; true where there is no such thing. */
+bool sync_name(const std::string &path);
+
 /* A file that appears under its name only when it is complete. Until then it has no name, so that
  * nothing is left of it however the program ends; where such files cannot be had or named, and for
  * a file that replaces another, it has a scratch name in the same directory. A kill during the

@@ -149,6 +149,9 @@ private:
         if (new_undo_) {
             write_undo_file(*new_undo_, undo_);
         }
+        if (!sync_name(options_.undo)) { /* an earlier run may have been killed before it */
+            throw_errno("nothing was written: cannot sync the directory of " + options_.undo);
+        }
         rewrite.write(fmt::format("the same command goes on from here, and zu_tierctl undo {} {} "
                                   "goes back",
                                   shell_word(options_.undo), shell_word(options_.device)));

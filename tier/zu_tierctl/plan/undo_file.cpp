@@ -110,14 +110,10 @@ private:
 /* An undo file that is being read from its start to its end. */
 class Reader {
 public:
-    explicit Reader(const std::string &path)
-        : path_(path), fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+    Reader(const std::string &path, int fd) : path_(path), fd_(fd)
     {
-        if (fd_.get() < 0) {
-            throw_open_error(path);
-        }
         struct stat status {};
-        if (fstat(fd_.get(), &status) != 0) {
+        if (fstat(fd, &status) != 0) {
             throw_errno("cannot open " + path);
         }
         if (!S_ISREG(status.st_mode)) {
@@ -199,17 +195,30 @@ private:
     void take(void *data, size_t length)
     {
         errno = EIO; /* the reason when the file has been cut short meanwhile */
-        if (length != 0 && zutr_readn(fd_.get(), data, length, at_) < 0) {
+        if (length != 0 && zutr_readn(fd_, data, length, at_) < 0) {
             throw_errno("cannot read " + path_);
         }
         at_ += static_cast<int64_t>(length);
     }
 
     const std::string &path_;
-    Fd fd_;
+    int fd_;
     uint64_t size_ = 0;
     int64_t at_ = 0;
 };
+
+/* Throws unless what was written can be read again: there is no other way back. */
+void require_written(NewFile &file)
+{
+    file.sync();
+    try {
+        Reader(file.path(), file.fd()).read();
+    } catch (const std::exception &error) {
+        throw std::runtime_error(
+            fmt::format("nothing was written to the device: what {} takes does not read back: {}",
+                        file.path(), error.what()));
+    }
+}
 
 } // namespace
 
@@ -236,9 +245,17 @@ void write_undo_file(NewFile &file, const UndoFile &undo)
     }
     head.crc = checksum.get();
     file.write(0, &head, sizeof(head));
+    require_written(file);
     file.commit();
 }
 
-UndoFile read_undo_file(const std::string &path) { return Reader(path).read(); }
+UndoFile read_undo_file(const std::string &path)
+{
+    const Fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (fd.get() < 0) {
+        throw_open_error(path);
+    }
+    return Reader(path, fd.get()).read();
+}
 
 } // namespace tierctl

@@ -1,0 +1,145 @@
+// zu_tierctl apply and undo killed where they enter and leave every system call: from there, undo
+// gives the device back byte for byte, and apply finishes it.
+
+#include "apply_run.h"
+#include "kill_run.h"
+#include "loop_device.h"
+
+#include <filesystem>
+#include <memory>
+#include <set>
+
+using namespace tier_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+// The parameter is what the device is.
+class ApplyKilled : public ApplyRuns {
+protected:
+    ApplyKilled() : ApplyRuns("v1") {}
+
+    void SetUp() override
+    {
+        if (GetParam() == "LoopDevice") {
+            loop_ = LoopDevice::attach(path);
+            if (loop_ == nullptr)
+                GTEST_SKIP() << "no right to set up a loop device";
+            device_ = loop_->path();
+        }
+    }
+
+    // What a run may leave: the bytes of the slots that the plan is about, and the undo file.
+    struct State {
+        std::vector<Block> blocks;
+        std::string undo;
+
+        auto operator<=>(const State &) const = default;
+    };
+
+    State state() const
+    {
+        State state;
+        for (const PlanStep &step : steps)
+            state.blocks.push_back(cache.device.block(static_cast<std::uint64_t>(step.offset)));
+        if (fs::exists(undo))
+            state.undo = directory.read("undo");
+        return state;
+    }
+
+    void restore(const State &state)
+    {
+        for (std::size_t i = 0; i < steps.size(); ++i)
+            if (cache.device.block(static_cast<std::uint64_t>(steps[i].offset)) != state.blocks[i])
+                put_block(cache.device, steps[i].offset, state.blocks[i]);
+        for (const std::string &name : names_in(directory))
+            if (name != "plan" && name != "undo")
+                fs::remove(directory.path(name)); // shows that files without a name can get one
+        if (!state.undo.empty()) {
+            directory.write("undo", state.undo);
+        } else {
+            fs::remove(undo);
+        }
+    }
+
+    std::vector<std::string> args_of(const std::string &command) const
+    {
+        if (command == "apply")
+            return {"apply", plan, device_, "--undo", undo, "--commit"};
+        return {"undo", undo, device_, "--commit"};
+    }
+
+    void expect_end(const std::string &command, const std::vector<std::uint8_t> &bytes) const
+    {
+        const RunResult run = run_ctl(args_of(command));
+        EXPECT_EQ(run.status, 0) << run;
+        expect_device(bytes);
+    }
+
+    // Nothing but the blocks of the plan has changed, and both ways are open. Without an undo file
+    // nothing has been written.
+    void expect_ways(const State &left, const std::string &complete)
+    {
+        for (std::size_t i = 0; i < steps.size(); ++i)
+            EXPECT_TRUE(left.blocks[i] == steps[i].before || left.blocks[i] == steps[i].after);
+        EXPECT_TRUE(left.undo.empty() || left.undo == complete);
+        if (left.undo.empty()) {
+            expect_device(bad);
+        } else {
+            expect_end("undo", bad);
+            restore(left);
+        }
+        expect_end("apply", good);
+        restore(left);
+    }
+
+    // Kills the command at every stop, from the same start. What was seen before is not tried
+    // again.
+    void kill_everywhere(const std::string &command, std::size_t states)
+    {
+        const State start = state();
+        const std::string complete = undo_file(planned(), directory.read("plan"), steps);
+        std::set<State> seen;
+        // Before the first stop that counts only the loader is at work, as in any run.
+        const std::size_t first = run_killed_at(100'000, {"--version"}, ZU_TIERCTL) - 60;
+        std::size_t stop = first;
+        for (; run_killed_at(stop, args_of(command), ZU_TIERCTL, 0) == stop; ++stop) {
+            SCOPED_TRACE(stop);
+            const State left = state();
+            if (seen.insert(left).second)
+                expect_ways(left, complete);
+            restore(start);
+        }
+        EXPECT_GT(stop - first, 100U);
+        EXPECT_EQ(seen.size(), states);
+        RecordProperty("stops", static_cast<int>(stop - first));
+    }
+
+private:
+    std::unique_ptr<LoopDevice> loop_;
+    std::string device_ = path;
+};
+
+INSTANTIATE_TEST_SUITE_P(, ApplyKilled, testing::Values("File", "LoopDevice"),
+                         [](const auto &device) { return device.param; });
+
+// Nothing, the undo file, and each block.
+TEST_P(ApplyKilled, Apply) { kill_everywhere("apply", 2 + steps.size()); }
+
+TEST_P(ApplyKilled, ApplyThatGoesOn)
+{
+    const RunResult done = run_ctl(args_of("apply"));
+    ASSERT_EQ(done.status, 0) << done;
+    put_block(cache.device, steps[1].offset, steps[1].before);
+    put_block(cache.device, steps[2].offset, steps[2].before);
+    kill_everywhere("apply", steps.size());
+}
+
+TEST_P(ApplyKilled, Undo)
+{
+    const RunResult done = run_ctl(args_of("apply"));
+    ASSERT_EQ(done.status, 0) << done;
+    kill_everywhere("undo", 1 + steps.size());
+}
+
+} // namespace
