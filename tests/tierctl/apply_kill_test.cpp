@@ -15,9 +15,9 @@ namespace fs = std::filesystem;
 namespace {
 
 // The parameter is what the device is.
-class ApplyKilled : public ApplyRuns {
+class KilledApply : public ApplyRuns {
 protected:
-    ApplyKilled() : ApplyRuns("v1") {}
+    KilledApply() : ApplyRuns("v1") {}
 
     void SetUp() override
     {
@@ -120,13 +120,13 @@ private:
     std::string device_ = path;
 };
 
-INSTANTIATE_TEST_SUITE_P(, ApplyKilled, testing::Values("File", "LoopDevice"),
+INSTANTIATE_TEST_SUITE_P(, KilledApply, testing::Values("File", "LoopDevice"),
                          [](const auto &device) { return device.param; });
 
 // Nothing, the undo file, and each block.
-TEST_P(ApplyKilled, Apply) { kill_everywhere("apply", 2 + steps.size()); }
+TEST_P(KilledApply, Apply) { kill_everywhere("apply", 2 + steps.size()); }
 
-TEST_P(ApplyKilled, ApplyThatGoesOn)
+TEST_P(KilledApply, ApplyThatGoesOn)
 {
     const RunResult done = run_ctl(args_of("apply"));
     ASSERT_EQ(done.status, 0) << done;
@@ -135,7 +135,7 @@ TEST_P(ApplyKilled, ApplyThatGoesOn)
     kill_everywhere("apply", steps.size());
 }
 
-TEST_P(ApplyKilled, Undo)
+TEST_P(KilledApply, Undo)
 {
     const RunResult done = run_ctl(args_of("apply"));
     ASSERT_EQ(done.status, 0) << done;

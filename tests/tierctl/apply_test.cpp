@@ -2,6 +2,7 @@
 
 #include "apply_run.h"
 #include "loop_device.h"
+#include "v3_device.h"
 
 #include <algorithm>
 #include <chrono>
@@ -157,6 +158,7 @@ TEST_P(Apply, WhatSomethingElseHasChanged)
             const RunResult run = back ? run_undo({"--commit"}) : run_apply({"--commit"});
             EXPECT_EQ(run.status, 1) << run;
             EXPECT_EQ(run.err, "zu_tierctl: " + complaint + "\n");
+            EXPECT_EQ(run.out, "");
             expect_device(found);
         }
     }
@@ -313,6 +315,62 @@ TEST_P(Apply, BlocksThatAreNoSoundEntries)
     steps[1].after = block;
     write_plan();
     EXPECT_EQ(run_apply().status, 0);
+}
+
+// Packed entries, each by itself. An error of the block that is there already may stay.
+TEST(ApplyV3, BlocksWithErrors)
+{
+    Cache cache = make_cache("v3");
+    const auto shards = static_cast<std::uint32_t>(super_v3(3, 5).shard_cnt);
+    const TempDir directory;
+    const std::string plan = directory.path("plan");
+    const std::string undo = directory.path("undo");
+    const auto place = static_cast<std::uint64_t>(cache.offset("extent", 2));
+    const auto run_with = [&](const ExtentBlockV3 &now, const ExtentBlockV3 &then) {
+        cache.device.write(place, encode(now));
+        const PlannedDevice device{"v3", cache.device.size(), cache.device.block(SUPER_OFFSET)};
+        const PlanStep step{"extent", 2, cache.offset("extent", 2), encode(now), encode(then)};
+        directory.write("plan", plan_text(device, {step}));
+        return run_ctl({"apply", plan, cache.device.path(), "--undo", undo});
+    };
+    const ExtentBlockV3 sound{{{.slot = 7, .shard = 1, .bitmap = 1}}};
+    const auto refused = [&](const ExtentBlockV3 &then, const std::string &error) {
+        expect_complaint(run_with(sound, then), 1,
+                         plan +
+                             ", line 2, extent 2: its block has an error that is not there "
+                             "now: " +
+                             error);
+        EXPECT_EQ(run_with(then, {{then.extents.front(), sound.extents.front()}}).status, 0);
+    };
+    refused({{{.slot = 1, .shard = shards, .bitmap = 1}}},
+            text("it refers to shard %u, but they end before %u (owner)", shards, shards));
+    refused({{{.slot = 511, .dirty = 1, .in_use = 0}}},
+            "it is free, but dirty: not yet written back (free_but_dirty)");
+    refused({{{.slot = 2, .shard = 1, .dirty = 1}}},
+            "it is dirty, but its bitmap is empty: there is nothing to write back "
+            "(dirty_but_empty)");
+    // What is only odd is written.
+    EXPECT_EQ(run_with(sound, {{{.slot = 2, .shard = 1, .dm_err = 1}}}).status, 0);
+}
+
+// Of a super block with sizes that no entry can have.
+TEST(ApplyV2, EntriesThatDoNotFitTheirSlots)
+{
+    Cache cache = make_cache("v2");
+    const TableModel &super = model(2, "super");
+    Block super_block = cache.device.block(SUPER_OFFSET);
+    put_number(super_block, super.field("total_extent_size"), 8192);
+    seal(super, super_block, super_block);
+    cache.device.write(SUPER_OFFSET, super_block);
+    const TempDir directory;
+    const std::int64_t offset = cache.offset("extent", 0);
+    const Block block = cache.device.block(static_cast<std::uint64_t>(offset));
+    const std::string plan =
+        directory.write("plan", plan_text({"v2", cache.device.size(), super_block},
+                                          {{"extent", 0, offset, block, block}}));
+    expect_complaint(
+        run_ctl({"apply", plan, cache.device.path(), "--undo", directory.path("undo")}), 1,
+        plan + ", line 2, extent 0: entries of extent do not fit their slots");
 }
 
 TEST_F(ApplyV1, LinesThatAreNoSteps)

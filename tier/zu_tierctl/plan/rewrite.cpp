@@ -63,12 +63,12 @@ Metadata require_device(const Device &device, const std::string &source, const U
     return metadata;
 }
 
-/* A block of the device beside a change. */
+/* A block of the device beside a change. Only a variable is aligned, not what a function gives. */
 struct Rewrite::Found {
-    alignas(SIZE_4K) Block now;
-    bool is_read;
-    int error;     /* error number that says why not */
-    bool is_there; /* nothing is to be done */
+    alignas(SIZE_4K) Block now{};
+    bool is_read = false;
+    int error = 0;         /* error number that says why not */
+    bool is_there = false; /* nothing is to be done */
 };
 
 Rewrite::Rewrite(Device &device, const Metadata &metadata, const std::vector<Change> &changes,
@@ -78,14 +78,13 @@ Rewrite::Rewrite(Device &device, const Metadata &metadata, const std::vector<Cha
 }
 
 /* A block that cannot be read holds nothing that anybody would miss. */
-Rewrite::Found Rewrite::find(const Change &change) const
+void Rewrite::find(const Change &change, Found &found) const
 {
-    Found found{};
     found.is_read = device_.read(change.offset, found.now.data(), SIZE_4K);
     found.error = errno;
     if (is_undo() && change.unreadable) { /* there is nothing to go back to */
         found.is_there = true;
-        return found;
+        return;
     }
     found.is_there = found.is_read && found.now == change.*target_;
     if (found.is_read && !is_of(change, found.now)) {
@@ -94,11 +93,14 @@ Rewrite::Found Rewrite::find(const Change &change) const
             "has changed it",
             change.name(), change.offset, device_.path()));
     }
-    return found;
 }
 
 void Rewrite::show(const std::function<std::string(const Change &)> &note, bool commit)
 {
+    Found found;
+    for (const Change &change : changes_) { /* refused before any is shown */
+        find(change, found);
+    }
     try {
         show_each(note);
     } catch (const OutputClosed &error) {
@@ -111,8 +113,9 @@ void Rewrite::show(const std::function<std::string(const Change &)> &note, bool 
 
 void Rewrite::show_each(const std::function<std::string(const Change &)> &note)
 {
+    Found found;
     for (const Change &change : changes_) {
-        const Found found = find(change);
+        find(change, found);
         if (is_undo() && change.unreadable) {
             print("{} could not be read before: nothing to go back to\n", change.name());
         } else if (!found.is_there) {
@@ -156,7 +159,8 @@ void Rewrite::write(const std::string &advice)
 
 void Rewrite::write(const Change &change)
 {
-    const Found found = find(change);
+    Found found;
+    find(change, found);
     if (found.is_there) {
         return;
     }

@@ -41,7 +41,7 @@ private:
 
     bool is_undo() const { return target_ == &Change::before; }
 
-    Found find(const Change &change) const;
+    void find(const Change &change, Found &found) const;
     void show_each(const std::function<std::string(const Change &)> &note);
     void write(const Change &change);
     std::string outcome(const std::string &error, size_t done) const;
