@@ -25,6 +25,7 @@ void add_check(CLI::App &app, int *status);
 void add_diff(CLI::App &app, int *status);
 void add_map(CLI::App &app);
 void add_plan(CLI::App &app);
+void add_rescue(CLI::App &app, int *status);
 void add_revert(CLI::App &app);
 void add_sample(CLI::App &app);
 void add_save(CLI::App &app, int *status);

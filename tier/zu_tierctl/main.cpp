@@ -33,6 +33,7 @@ int run(int argc, char *argv[], int *status)
     add_diff(app, status);
     add_map(app);
     add_plan(app);
+    add_rescue(app, status);
     add_revert(app);
     add_sample(app);
     add_save(app, status);

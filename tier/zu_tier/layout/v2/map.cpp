@@ -72,8 +72,9 @@ uint32_t candidate_crc(uint32_t at, uint32_t size)
     return zutr_crc32(s_ext_buff.get() + at + 4, covered);
 }
 
-/* The rule for the bytes of a piece. It does not fit every block size. */
-uint32_t map_size_for(uint32_t block_cnt, uint32_t block_size)
+} // namespace
+
+uint32_t tier_map_size_v2(uint32_t block_cnt, uint32_t block_size)
 {
     const uint64_t ssd_size = uint64_t{block_cnt} * block_size;
     const auto *step = std::find_if(std::begin(MAP_SIZES), std::end(MAP_SIZES),
@@ -88,12 +89,10 @@ uint32_t map_size_for(uint32_t block_cnt, uint32_t block_size)
     return def_map_size;
 }
 
-} // namespace
-
 int32_t get_def_min_alloc_size(uint32_t block_cnt, uint32_t block_size)
 {
     zutr_assert(block_size <= 4 * SIZE_1M, "block_size <= 4 * SIZE_1M");
-    const uint32_t def_map_size = map_size_for(block_cnt, block_size);
+    const uint32_t def_map_size = tier_map_size_v2(block_cnt, block_size);
     zutr_assert((def_map_size & (def_map_size - 1)) == 0,
                 "(def_map_size & (def_map_size - 1)) == 0");
     zutr_assert(block_size / def_map_size <= EXTENT_HOT_LEN,
@@ -137,7 +136,7 @@ bool tier_has_tables_v2(const void *old_sb, int32_t dev_fd, uint64_t size)
         return false;
     }
     sb.sb_data_offset = std::min(sb.sb_data_offset, size); /* where the probe gives up reading */
-    const uint32_t map_size = map_size_for(sb.sb_block_cnt, sb.sb_block_size);
+    const uint32_t map_size = tier_map_size_v2(sb.sb_block_cnt, sb.sb_block_size);
     const auto fits = [&sb](uint32_t map_cnt) {
         return map_cnt <= EXTENT_HOT_LEN &&
                sb.sb_extent_size + map_cnt * sizeof(tier_mapped_meta_v2_t) + sb.sb_hot_size <=

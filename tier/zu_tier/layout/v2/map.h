@@ -6,8 +6,12 @@
 
 /* The geometry of mapped pieces, for a super block that is converted from the older layout. */
 
-/* Bytes of data for each mapped piece of a device of `block_cnt` blocks of `block_size` bytes.
- * Asserts that the rule fits the block size. */
+/* Bytes of data for each mapped piece, by the rule. It does not fit every block size: a block may
+ * have more pieces than an extent has room for. */
+uint32_t tier_map_size_v2(uint32_t block_cnt, uint32_t block_size);
+
+/* The same for a device of `block_cnt` blocks of `block_size` bytes. Asserts that the rule fits the
+ * block size. */
 int32_t get_def_min_alloc_size(uint32_t block_cnt, uint32_t block_size);
 
 /* Whether the extents on the device have `map_cnt` mapped pieces: 0, -EINVAL when they have not,

@@ -1,0 +1,112 @@
+#include "zu_tierctl/rescue/survey.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace tierctl {
+
+namespace {
+
+/* A place that so many times as many entries name as the next is certain. */
+constexpr uint64_t CERTAIN_TIMES = 4;
+
+} // namespace
+
+void BlockStates::set(int64_t offset, BlockState state)
+{
+    const auto index = static_cast<size_t>((offset - start_) / SIZE_4K);
+    if (index >= states_.size()) {
+        states_.resize(index + 1, BlockState::unread);
+    }
+    states_[index] = state;
+}
+
+BlockState BlockStates::at(int64_t offset) const
+{
+    return offset < start_ || offset >= end()
+               ? BlockState::unread
+               : states_[static_cast<size_t>((offset - start_) / SIZE_4K)];
+}
+
+uint64_t BlockStates::count(int64_t from, int64_t to, BlockState state) const
+{
+    uint64_t count = 0;
+    for (int64_t offset = std::max(from, start_); offset < std::min(to, end()); offset += SIZE_4K) {
+        count += at(offset) == state ? 1 : 0;
+    }
+    return count;
+}
+
+bool BlockStates::are_zero(int64_t from, int64_t to) const
+{
+    return to <= from ||
+           (from >= start_ && to <= end() &&
+            count(from, to, BlockState::zero) == static_cast<uint64_t>(to - from) / SIZE_4K);
+}
+
+void read_blocks(const Device &device, int64_t offset, uint64_t count,
+                 const std::function<bool(int64_t offset, const uint8_t *block)> &take)
+{
+    const auto end = static_cast<int64_t>(device.size() / SIZE_4K * SIZE_4K);
+    if (offset >= end) {
+        return;
+    }
+    const std::array<tier_region, 1> region = {
+        {{offset, std::min(count, static_cast<uint64_t>(end - offset) / SIZE_4K)}}};
+    TableReader reader(device, region);
+    Slots slots{};
+    while (reader.next(&slots)) {
+        for (uint64_t i = 0; i < slots.count; i++) {
+            const int64_t at = slots.offset + static_cast<int64_t>(i * SIZE_4K);
+            if (!take(at, slots.data == nullptr ? nullptr : slots.slot(i))) {
+                return;
+            }
+        }
+    }
+}
+
+void Trace::add(uint64_t no)
+{
+    sound++;
+    add_known(no);
+}
+
+void Trace::add_known(uint64_t no) { last = std::max(last, no); }
+
+BestTrace best_trace(const Traces &traces)
+{
+    BestTrace found;
+    for (const auto &trace : traces) {
+        if (trace.second.sound == 0) {
+            continue;
+        }
+        if (found.best == nullptr || trace.second.sound > found.best->second.sound) {
+            found.next = found.best;
+            found.best = &trace;
+        } else if (found.next == nullptr || trace.second.sound > found.next->second.sound) {
+            found.next = &trace;
+        }
+    }
+    if (found.best != nullptr) {
+        const uint64_t next = found.next == nullptr ? 0 : found.next->second.sound;
+        const uint64_t most = found.best->second.sound;
+        found.certainty = most >= CERTAIN_TIMES * next + 1 ? Certainty::certain
+                          : most > next                    ? Certainty::likely
+                                                           : Certainty::none;
+    }
+    return found;
+}
+
+bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length)
+{
+    if (row.magic && row.magic.get(block) != row.magic_value) {
+        return false;
+    }
+    alignas(uint64_t) std::array<uint8_t, SIZE_4K> copy;
+    memcpy(copy.data(), block, length);
+    const uint32_t stored = row.checksum->get(copy.data());
+    return stored == row.crc(copy.data(), length);
+}
+
+} // namespace tierctl

@@ -1,0 +1,59 @@
+#include "zu_tier/format/v1.h"
+#include "zu_tierctl/rescue/rescue.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace tierctl {
+
+/* The super block of layout V1. */
+
+namespace {
+
+/* Extents whose bitmap has no bit for a page after the block. */
+uint64_t explained_extents(const AreaNumbers &numbers)
+{
+    if (numbers.extents == nullptr) {
+        return 0;
+    }
+    const ExtentTrace &extents = *numbers.extents;
+    uint64_t others = 0;
+    for (const Block &block : extents.samples) {
+        others += bitmap_end(block.data(), numbers.extent_length) > numbers.block_size / SIZE_4K;
+    }
+    const uint64_t samples = std::max<uint64_t>(extents.samples.size(), 1);
+    return extents.sound - extents.in_use * others / samples;
+}
+
+SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vector<Hint> &hints)
+{
+    Readings readings(layout, hints);
+    const AreaNumbers numbers = read_areas(area_facts(remains, layout), {}, &readings);
+    tier_super_block_v1_t super{};
+    put_areas(numbers, &super);
+    super.sb_magic = TIER_SB_MAGIC_V1;
+    super.sb_version = TIER_SB_VERSION_V1;
+    std::vector<Values> lengths;
+    if (numbers.extents != nullptr) {
+        lengths.push_back(value_of(numbers.extent_length, "the checksums of the extents"));
+    } else {
+        lengths.push_back({TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"});
+    }
+    super.sb_extent_size = static_cast<uint32_t>(
+        readings.add("extent_size", numbers.extents_certainty, std::move(lengths)));
+    add_area_sizes(numbers, super, &readings);
+
+    SuperReading reading{.layout = &layout};
+    const uint64_t extents = explained_extents(numbers);
+    reading.explained = numbers.explained + extents;
+    reading.explained_text = fmt::format("{}, {} extents", numbers.explained_text, extents);
+    memcpy(reading.block.data(), &super, sizeof(super));
+    reading.numbers = readings.take();
+    return reading;
+}
+
+} // namespace
+
+constinit const RescueLayout RESCUE_LAYOUT_V1 = {"v1", read_v1};
+
+} // namespace tierctl
