@@ -253,24 +253,31 @@ private:
     ExpansionFacts found_;
 };
 
-void add_expansion(const ExpansionSearch &search, const ExtentEvidence &evidence, Readings *to,
-                   tier_super_block_v2_t *super)
+/* No inode of an area was found. */
+void add_no_expansion(bool has_room, Readings *to, tier_super_block_v2_t *super)
 {
-    if (!evidence.expansion) {
-        const Certainty certainty = search.has_room() ? Certainty::none : Certainty::certain;
-        const char *reason = search.has_room() ? "no inode of one was found after the data"
-                                               : "the device has no room for one";
-        std::vector<Values> counts = {value_of(0, reason)};
-        if (search.has_room()) {
-            counts.push_back({TIER_EXP_CNT_MIN_V2, EXPANSION_UNITS_MAX * TIER_EXP_UNIT_V2,
-                              "in steps of 25600: what the layout allows"});
+    const Certainty certainty = has_room ? Certainty::none : Certainty::certain;
+    const std::string reason = has_room ? "no inode of an expansion area was found after the data"
+                                        : "the device has no room for an expansion area";
+    const auto values = [&](uint64_t least, uint64_t most) {
+        std::vector<Values> all = {value_of(0, reason)};
+        if (has_room) {
+            all.push_back({least, most, "what the layout allows"});
         }
-        to->add("exp_inode_cnt", certainty, counts.front().first, reason);
-        to->add("exp_inode_magic", certainty, uint64_t{0}, reason);
-        to->add("exp_inode_inuse", certainty, uint64_t{0}, reason);
-        return;
-    }
-    const ExpansionFacts &found = *evidence.expansion;
+        return all;
+    };
+    super->sb_inode_exp_area = static_cast<uint8_t>(
+        to->add("exp_inode_cnt", certainty,
+                values(TIER_EXP_CNT_MIN_V2, EXPANSION_UNITS_MAX * TIER_EXP_UNIT_V2)) /
+        TIER_EXP_UNIT_V2);
+    super->sb_inode_exp_magic = static_cast<uint16_t>(
+        to->add("exp_inode_magic", certainty, values(TIER_EXP_MAGIC_V2, TIER_EXP_MAGIC_V2)));
+    super->sb_inode_exp_inuse = static_cast<uint8_t>(
+        to->add("exp_inode_inuse", certainty, values(TIER_EXP_INUSE_V2, TIER_EXP_INUSE_V2)));
+}
+
+void add_expansion(const ExpansionFacts &found, Readings *to, tier_super_block_v2_t *super)
+{
     const std::string reason =
         fmt::format("{} sound inodes of it, whose numbers begin at {}", found.found, found.first);
     super->sb_inode_exp_area = static_cast<uint8_t>(
@@ -367,7 +374,11 @@ SuperReading read_v2(const tier_layout &layout, Remains &remains, const std::vec
     put_areas(numbers, &super);
     super.sb_magic = TIER_SB_MAGIC_V2;
     super.sb_version = TIER_SB_VERSION_V2;
-    add_expansion(search, evidence, &readings, &super);
+    if (evidence.expansion) {
+        add_expansion(*evidence.expansion, &readings, &super);
+    } else {
+        add_no_expansion(search.has_room(), &readings, &super);
+    }
     add_parts(numbers, splits, &readings, &super);
     add_area_sizes(numbers, super, &readings);
 
