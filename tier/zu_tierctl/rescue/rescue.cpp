@@ -163,6 +163,9 @@ public:
     Rescued run()
     {
         alignas(SIZE_4K) Block block{};
+        if (device_.size() < TIER_SUPER_OFFSET + SIZE_4K) {
+            block = read_super(device_); /* throws */
+        }
         if (device_.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K)) {
             sources_.left = block;
         } else {
@@ -251,8 +254,9 @@ private:
         std::ranges::stable_sort(readings, std::greater<>(), &SuperReading::explained);
         const uint64_t most = readings.front().explained;
         if (most == 0) {
-            throw std::runtime_error(device_.path() + " has no entry of any table that can be told "
-                                                      "without its super block");
+            throw std::runtime_error(device_.path() +
+                                     " has no super block of a known layout, and no entry of a "
+                                     "table that can be told without one");
         }
         const uint64_t next = readings[1].explained;
         found_.reading = std::move(readings.front());

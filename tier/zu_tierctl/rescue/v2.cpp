@@ -120,11 +120,8 @@ public:
           row_(**std::ranges::find(layout.tables, "inode", &tier_table::name))
     {
         std::tie(low_, high_) = inode_bounds(facts, true);
-        const auto *extents = best_extents(facts);
-        start_ = extents == nullptr
-                     ? facts.states.end()
-                     : extents->first.first + static_cast<int64_t>(extents->second.last * SIZE_4K);
         end_ = static_cast<int64_t>(device.size() / SIZE_4K * SIZE_4K);
+        start_ = std::min(least_data_end(), end_);
     }
 
     /* Whether the device has room for one after the blocks that are known. */
@@ -149,6 +146,19 @@ public:
     }
 
 private:
+    /* Where the known blocks end at least. */
+    int64_t least_data_end() const
+    {
+        const auto *extents = best_extents(facts_);
+        if (extents == nullptr) {
+            return facts_.states.end();
+        }
+        const uint64_t size = std::clamp<uint64_t>(extents->second.size.second, TIER_BLOCK_SIZE_MIN,
+                                                   TIER_BLOCK_SIZE_MAX);
+        const uint64_t blocks = extents->second.last + 1;
+        return extents->first.first + static_cast<int64_t>(blocks * (SIZE_4K + size));
+    }
+
     void look_near(int64_t place)
     {
         for (uint64_t i = 0; i < LOOKS_A_UNIT; i++) {

@@ -1,0 +1,402 @@
+// zu_tierctl rescue: the repair file of a super block that is lost, and what is said of it.
+
+#include "cache.h"
+
+#include "bytes.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace tier_test;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+// A sample of a layout, what its super block says, and a saved file of it.
+class Rescue : public testing::TestWithParam<std::string> {
+protected:
+    const std::string layout = GetParam();
+    const std::string version = layout.substr(1);
+    Device device = make_sample(sizes(), layout);
+    const TempDir directory;
+    const std::string path = device.path();
+    const std::string saved = directory.path("saved");
+    const Block sound = device.block(SUPER_OFFSET);
+    const Json truth = Json::parse(dump_of(path, "dump_super"));
+
+    // A small device.
+    std::vector<std::string> sizes(const std::vector<std::string> &more = {}) const
+    {
+        std::vector<std::string> args{"--block-size", "8192", "--extents", "1024"};
+        if (layout != "v3")
+            args = {"--block-size", "262144", "--blocks", "64"};
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    }
+
+    void SetUp() override { ASSERT_EQ(run_ctl({"save", path, saved}).status, 0); }
+
+    void lose_super_block() { zero(SUPER_OFFSET, 1); }
+    void zero(std::int64_t offset, std::uint64_t blocks)
+    {
+        device.write(static_cast<std::uint64_t>(offset),
+                     std::vector<std::uint8_t>(blocks * BLOCK_SIZE));
+    }
+
+    std::string true_ctime() const
+    {
+        const auto text = truth["ctime"].get<std::string>();
+        return text.substr(0, text.find('('));
+    }
+    std::vector<std::string> identity() const
+    {
+        return {"--uuid",     truth["uuid"].get<std::string>(),
+                "--ssd-uuid", truth["ssd_uuid"].get<std::string>(),
+                "--ctime",    true_ctime()};
+    }
+
+    RunResult rescue(std::vector<std::string> args = {}) const
+    {
+        args.insert(args.begin(), "rescue");
+        args.push_back(path);
+        return run_ctl(args);
+    }
+
+    LoggedRun repair(const std::string &file, const std::vector<std::string> &more = {}) const
+    {
+        std::vector<std::string> args{"-v", version, "-f", directory.write("super.json", file)};
+        args.insert(args.end(), more.begin(), more.end());
+        return run_logged(device, "repair_super", args);
+    }
+
+    // What standard error says of a value: "64, likely: the last known …".
+    static std::string said_of(const RunResult &run, const std::string &key)
+    {
+        for (const std::string &line : lines_of(run.err))
+            if (line.starts_with("zu_tierctl: " + key + " "))
+                return line.substr(key.size() + 13);
+        return "";
+    }
+
+    // The file has the values of the lost block, but for those that are null in it.
+    void expect_right(const RunResult &run, const std::vector<std::string> &unknown) const
+    {
+        const Json file = Json::parse(run.out);
+        for (const auto &[key, value] : file.items()) {
+            if (std::ranges::count(unknown, key) != 0) {
+                EXPECT_TRUE(value.is_null()) << key;
+            } else {
+                EXPECT_EQ(value, key == "ctime" ? Json(true_ctime()) : truth[key]) << key;
+            }
+        }
+    }
+
+    // No value that is called certain is another than that of the lost block; gives their number.
+    std::size_t expect_certain_ones_right(const RunResult &run) const
+    {
+        std::size_t certain = 0;
+        const Json file = Json::parse(run.out);
+        for (const auto &[key, value] : file.items()) {
+            if (said_of(run, key).find(", certain: ") == std::string::npos)
+                continue;
+            EXPECT_EQ(value, truth[key]) << key << run;
+            certain++;
+        }
+        return certain;
+    }
+
+    // The file of the run makes the device sound, with the very block that it had.
+    void expect_repaired(const RunResult &run)
+    {
+        EXPECT_EQ(run.status, 0) << run;
+        const LoggedRun repaired = repair(run.out, {"-y"});
+        EXPECT_EQ(repaired.status, 0) << repaired;
+        EXPECT_TRUE(device.block(SUPER_OFFSET) == sound);
+        EXPECT_EQ(run_ctl({"check", path}).status, 0);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, Rescue, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return layout.param; });
+
+const std::vector<std::string> IDENTITY{"uuid", "ssd_uuid", "ctime"};
+
+TEST_P(Rescue, PlaceholdersAreRefused)
+{
+    lose_super_block();
+    const RunResult run = rescue();
+    EXPECT_EQ(run.status, 1) << run;
+    expect_right(run, IDENTITY);
+    for (const std::string &key : IDENTITY) {
+        std::string option = "--" + key;
+        std::ranges::replace(option, '_', '-');
+        EXPECT_EQ(said_of(run, key), "is in no table: the file has null, which zu_tier refuses; "
+                                     "give it with " +
+                                         option + ", or a saved file of this cache with --like");
+    }
+    EXPECT_EQ(lines_of(run.err).front(), "zu_tierctl: the block of the super block is all zero");
+    for (const std::string &key : IDENTITY) {
+        Json file = Json::parse(run.out);
+        for (const std::string &other : IDENTITY)
+            if (other != key)
+                file[other] = other == "ctime" ? Json(true_ctime()) : truth[other];
+        const LoggedRun refused = repair(file.dump(), {"-y"});
+        EXPECT_EQ(refused.status, 22) << refused;
+        EXPECT_EQ(repair(file.dump(), {"-y", "-F"}).status, 22);
+    }
+    EXPECT_TRUE(device.block(SUPER_OFFSET) == Block{});
+}
+
+TEST_P(Rescue, GivenIdentityMakesTheFileWhole)
+{
+    lose_super_block();
+    const RunResult run = rescue(identity());
+    for (const std::string &key : IDENTITY)
+        EXPECT_TRUE(said_of(run, key).ends_with(", certain: given")) << run;
+    EXPECT_NE(run.err.find("\nzu_tierctl: check under it: 0 findings\n"), std::string::npos) << run;
+    EXPECT_NE(run.err.find("zu_tierctl: check under it: inode: 64 entries, "), std::string::npos);
+    EXPECT_TRUE(run.err.ends_with(
+        "zu_tierctl: to repair it, with this file as FILE: zu_tier -l tier.log -p " + path +
+        " -c repair_super -v " + version + " -f FILE; with -y it writes\n"))
+        << run;
+    expect_repaired(run);
+}
+
+TEST_P(Rescue, VerificationCanBeLeftOut)
+{
+    lose_super_block();
+    const RunResult run = rescue({"--no-verify"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err.find("check under it"), std::string::npos) << run;
+    EXPECT_EQ(run.out, rescue().out);
+}
+
+TEST_P(Rescue, SoundBlockIsGivenBack)
+{
+    const RunResult run = rescue();
+    EXPECT_EQ(lines_of(run.err).front(), "zu_tierctl: the super block is sound: nothing is lost");
+    EXPECT_EQ(said_of(run, "inode_cnt"), "64, certain: the block itself, which is sound");
+    expect_right(run, {});
+    lose_super_block();
+    expect_repaired(run);
+}
+
+TEST_P(Rescue, FlippedBitIsMended)
+{
+    flip(device, SUPER_OFFSET + 50, 0x04);
+    const RunResult run = rescue();
+    EXPECT_EQ(said_of(run, "inode_cnt"), "64, certain: the block itself, mended") << run;
+    EXPECT_NE(lines_of(run.err).front().find("uuid"), std::string::npos) << run;
+    expect_repaired(run);
+}
+
+// Its magic and numbers are gone: the rest is believed because the tables say the same.
+TEST_P(Rescue, WhatIsLeftOfTheBlockIsBelieved)
+{
+    device.write(SUPER_OFFSET, std::vector<std::uint8_t>(8, 0x5A));
+    const RunResult run = rescue();
+    EXPECT_EQ(lines_of(run.err).front(),
+              "zu_tierctl: the block of the super block is damaged, and its checksum mends no bit "
+              "or two");
+    for (const std::string &key : IDENTITY)
+        EXPECT_TRUE(said_of(run, key).ends_with(", likely: what is left of the block")) << run;
+    EXPECT_NE(said_of(run, "inode_cnt").find("; so says what is left of the block"),
+              std::string::npos)
+        << run;
+    EXPECT_EQ(expect_certain_ones_right(run), layout == "v3" ? 18U : layout == "v2" ? 15U : 10U);
+    expect_repaired(run);
+}
+
+// It is no super block at all, but bytes that happen to be there.
+TEST_P(Rescue, NoiseInTheBlockIsNotBelieved)
+{
+    device.write(SUPER_OFFSET, std::vector<std::uint8_t>(BLOCK_SIZE, 0x7A));
+    const RunResult run = rescue();
+    EXPECT_EQ(run.status, 1);
+    expect_right(run, IDENTITY);
+    EXPECT_EQ(run.err.find("left of the block"), std::string::npos) << run;
+}
+
+TEST_P(Rescue, LikeASavedFileOfTheSameCache)
+{
+    lose_super_block();
+    const RunResult run = rescue({"--like", saved});
+    for (const std::string &key : IDENTITY)
+        EXPECT_TRUE(said_of(run, key).ends_with(", likely: " + saved + " is of the same cache"))
+            << run;
+    EXPECT_NE(said_of(run, "inode_cnt").find("; so says " + saved), std::string::npos);
+    expect_repaired(run);
+}
+
+TEST_P(Rescue, LikeAnotherCacheGivesNoIdentity)
+{
+    const Device other = make_sample(sizes({"--seed", "2"}), layout);
+    lose_super_block();
+    const RunResult run = rescue({"--like", other.path()});
+    EXPECT_EQ(run.status, 1);
+    expect_right(run, IDENTITY);
+    EXPECT_NE(run.err.find("zu_tierctl: " + other.path() + " gives no identity: "),
+              std::string::npos)
+        << run;
+    expect_repaired(rescue([&] {
+        std::vector<std::string> args = identity();
+        args.insert(args.end(), {"--like", other.path()});
+        return args;
+    }()));
+}
+
+TEST_P(Rescue, LikeAnotherKindIsRefused)
+{
+    lose_super_block();
+    const std::string kind = layout == "v1" ? "v2" : "v1";
+    Device other = make_sample({}, kind);
+    other.truncate(device.size());
+    expect_complaint(rescue({"--like", other.path()}), 1,
+                     other.path() + " is of layout " + kind + ", the tables of " + path +
+                         " are of " + layout + ": --like needs one of the same layout");
+    const Device larger = make_sample({"--blocks", "70"}, layout);
+    expect_complaint(rescue({"--like", larger.path()}), 1,
+                     larger.path() + " has " + std::to_string(larger.size()) + " bytes, " + path +
+                         " has " + std::to_string(device.size()) +
+                         ": --like needs one of the same size");
+    expect_complaint(rescue({"--like", path}), 1, path + " has no super block of a known layout");
+}
+
+// A half of every table: the second, then also the first but for some entries.
+TEST_P(Rescue, HalfOfEachTableIsZero)
+{
+    const auto tables = layout == "v1"   ? sample_tables(super_v1(4, 64, 64))
+                        : layout == "v2" ? sample_tables(super_v2(4, 64, 64))
+                                         : std::vector<SampleTable>();
+    lose_super_block();
+    const std::string whole = read_file(path);
+    for (const bool second : {false, true}) {
+        device.write(0, std::vector<std::uint8_t>(whole.begin(), whole.end()));
+        const std::vector<std::pair<std::string, std::string>> places =
+            layout == "v3" ? std::vector<std::pair<std::string, std::string>>{{"inode_table_offset",
+                                                                               "inode_cnt"},
+                                                                              {"brick_table_offset",
+                                                                               "brick_cnt"}}
+                           : std::vector<std::pair<std::string, std::string>>{};
+        for (const auto &[offset, count] : places) {
+            const auto half = truth[count].get<std::uint64_t>() / 2;
+            zero(truth[offset].get<std::int64_t>() +
+                     static_cast<std::int64_t>(second ? half * BLOCK_SIZE : 0),
+                 half);
+        }
+        for (const SampleTable &table : tables) {
+            const std::uint64_t count = truth[table.name == "brick"   ? "brick_cnt"
+                                              : table.name == "inode" ? "inode_cnt"
+                                                                      : "block_cnt"]
+                                            .get<std::uint64_t>();
+            zero(table.offset(second ? count / 2 : 0), count / 2);
+        }
+        const RunResult run = rescue();
+        EXPECT_EQ(run.status, 1);
+        EXPECT_GE(expect_certain_ones_right(run), 2U) << run;
+        if (!second) {
+            expect_right(run, IDENTITY);
+        }
+        EXPECT_NE(said_of(run, "inode_cnt").find(second ? ", not certain: " : "64, "),
+                  std::string::npos)
+            << run;
+    }
+}
+
+TEST_P(Rescue, UnreadableBlocks)
+{
+    const auto offset = layout == "v3" ? truth["inode_table_offset"].get<std::int64_t>()
+                                       : 0x101000 + truth["brick_table_size"].get<std::int64_t>();
+    std::string content = read_file(saved);
+    content.replace(SUPER_OFFSET, BLOCK_SIZE, BLOCK_SIZE, '\0');
+    content.replace(static_cast<std::size_t>(offset) + 8 * BLOCK_SIZE, 32 * BLOCK_SIZE,
+                    32 * BLOCK_SIZE, '\0');
+    directory.write("saved", content);
+    directory.write("saved.unreadable.json",
+                    text("[\n"
+                         R"({"table":"super","no":0,"count":1,"offset":4096,"error":"I/O"},)"
+                         "\n"
+                         R"({"table":"inode","no":8,"count":32,"offset":%ld,"error":"I/O"})"
+                         "\n]\n",
+                         offset + 8 * std::int64_t{BLOCK_SIZE}));
+    const RunResult run = run_ctl({"rescue", saved});
+    EXPECT_EQ(run.status, 1) << run;
+    expect_right(run, IDENTITY);
+    EXPECT_EQ(lines_of(run.err).front(), "zu_tierctl: the block of the super block cannot be read: "
+                                         "not in the saved file");
+    EXPECT_NE(run.err.find(" 0 damaged, 32 unreadable\n"), std::string::npos) << run;
+    expect_certain_ones_right(run);
+}
+
+// It ends in the middle of its last table.
+TEST_P(Rescue, ImageThatWasCutShort)
+{
+    lose_super_block();
+    const auto start = layout == "v3" ? truth["extent_table_offset"].get<std::uint64_t>()
+                                      : truth["data_offset"].get<std::uint64_t>() - (3U << 20);
+    device.truncate(start + 4 * BLOCK_SIZE);
+    const RunResult run = rescue();
+    EXPECT_EQ(run.status, 1) << run;
+    const Json file = Json::parse(run.out);
+    EXPECT_EQ(file["brick_cnt"], truth["brick_cnt"]);
+    EXPECT_EQ(said_of(run, "block_cnt").find(", certain"), std::string::npos) << run;
+    EXPECT_EQ(said_of(run, "block_size").find(", certain"), std::string::npos) << run;
+}
+
+TEST_P(Rescue, BadOptions)
+{
+    lose_super_block();
+    const std::string uuid = "--uuid 5ef9c224-2659: expected a UUID";
+    expect_complaint(rescue({"--uuid", "5ef9c224-2659"}), 2, uuid);
+    expect_complaint(rescue({"--ssd-uuid", "Nr0hl4"}), 2,
+                     "--ssd-uuid Nr0hl4: it has 6 characters, expected 38");
+    expect_complaint(rescue({"--ctime", "today"}), 2,
+                     "--ctime today: expected a number of up to 64 bits");
+    expect_complaint(rescue({"--like", "/none"}), 1,
+                     "cannot open /none: No such file or directory");
+}
+
+// What no table is read from.
+TEST(RescueOfNoCache, IsRefused)
+{
+    const TempDir directory;
+    const std::string path = directory.path("blank");
+    for (const bool noise : {false, true}) {
+        std::string content(32U << 20, '\0');
+        std::uint32_t state = 1;
+        for (char &byte : content)
+            byte = noise ? static_cast<char>((state = state * 1664525 + 1013904223) >> 24) : '\0';
+        directory.write("blank", content);
+        expect_complaint(run_ctl({"rescue", path}), 1,
+                         path + " has no super block of a known layout, and no entry of a table "
+                                "that can be told without one");
+    }
+}
+
+// Entries with right checksums and the largest numbers, and sizes that fit nothing.
+TEST(RescueOfHostileTables, EndsAndIsNotCertain)
+{
+    Device device = make_sample({"--inodes", "2", "--blocks", "600"});
+    device.write(SUPER_OFFSET, std::vector<std::uint8_t>(BLOCK_SIZE));
+    const SuperV1 sb = super_v1(4, 2, 600);
+    for (std::uint32_t no = 0; no < 600; ++no) {
+        ExtentV1 extent = extent_used(no, no % 2 == 0 ? 0xFFFFFFFF : 1);
+        extent.no = no % 3 == 0 ? ~std::uint64_t{0} - no : no;
+        extent.size = ~std::uint64_t{0} - no;
+        extent.block = 0xFFFFFFFF;
+        put_block(device, extent_offset(sb, no), encode(extent, sb.extent_size));
+    }
+    for (std::uint32_t no = 0; no < 2; ++no) {
+        InodeV1 inode = inode_used(no, 0xFFFFFFFF);
+        inode.size = ~std::uint64_t{0};
+        put_block(device, inode_offset(sb, no), encode(inode));
+    }
+    const RunResult run = run_ctl({"rescue", device.path()});
+    EXPECT_EQ(run.status, 1) << run;
+    EXPECT_FALSE(run.timed_out);
+    EXPECT_EQ(run.err.find("block_size 262144, certain"), std::string::npos) << run;
+}
+
+} // namespace
