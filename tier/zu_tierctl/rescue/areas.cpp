@@ -167,7 +167,7 @@ private:
     {
         const auto *extent = reinterpret_cast<const tier_extent_t *>(block);
         const uint64_t no = extent->te_reserved1;
-        if (no > static_cast<uint64_t>(at) / SIZE_4K) {
+        if (no > static_cast<uint64_t>(at) / SIZE_4K || is_entry_elsewhere(block)) {
             return false;
         }
         const int64_t start = at - static_cast<int64_t>(no * SIZE_4K);
@@ -182,6 +182,13 @@ private:
         quiet_ = 0;
         add_extent(&facts_.extents[{start, length}], *extent, length, block);
         return true;
+    }
+
+    /* A brick or inode at a place where it does not belong. */
+    bool is_entry_elsewhere(const uint8_t *block) const
+    {
+        return brick_.magic.get(block) == brick_.magic_value ||
+               inode_.magic.get(block) == inode_.magic_value;
     }
 
     /* A number of 0 is in many blocks that are no extent 0. */

@@ -42,13 +42,40 @@ public:
     {
         read_bricks();
         read_extents();
+        count_losses();
         read_inodes();
         read_blocks();
+        if (to_.certainty("block_cnt") == Certainty::none &&
+            to_.certainty("inode_cnt") == Certainty::likely) {
+            to_.limit("inode_cnt", Certainty::none); /* ends of tables may be lost */
+        }
         explain();
         return std::move(numbers_);
     }
 
 private:
+    /* Of the entries up to the last of each table. */
+    void count_losses()
+    {
+        const auto add = [this](const Trace &trace) {
+            entries_ += trace.sound == 0 ? 0 : trace.last + 1;
+            sound_ += trace.sound;
+        };
+        entries_ = numbers_.brick_cnt;
+        sound_ = facts_.bricks.sound;
+        if (inodes_.best != nullptr) {
+            add(inodes_.best->second);
+        }
+        if (extents_ != nullptr) {
+            add(extents_->second);
+        }
+    }
+
+    Certainty end_of(bool is_clean) const
+    {
+        return end_certainty(entries_, entries_ - std::min(entries_, sound_), is_clean);
+    }
+
     /* The inodes begin where the bricks end. */
     void read_bricks()
     {
@@ -99,10 +126,7 @@ private:
         for (const auto &trace : facts_.extents) {
             next = std::max(next, &trace == extents_ ? 0 : trace.second.sound);
         }
-        const uint64_t sound = extents_->second.sound;
-        extents_certainty_ = sound > 4 * next ? Certainty::certain
-                             : sound > next   ? Certainty::likely
-                                              : Certainty::none;
+        extents_certainty_ = place_certainty(extents_->second.sound, next);
         numbers_.extents = &extents_->second;
         numbers_.extent_length = extents_->first.second;
         numbers_.extents_certainty = extents_certainty_;
@@ -112,7 +136,6 @@ private:
     void read_inodes()
     {
         auto [low, high] = inode_bounds(facts_, evidence_.expansion.has_value());
-        const uint64_t sound = inodes_.best == nullptr ? 0 : inodes_.best->second.sound;
         std::vector<Values> values;
         Certainty certainty = lower(to_.certainty("brick_cnt"), extents_certainty_);
         if (evidence_.expansion && evidence_.expansion->first >= low &&
@@ -132,11 +155,14 @@ private:
                 certainty = Certainty::none; /* it lies where the extents are */
             } else if (low != high) {
                 const bool ends = last + 1 >= low && facts_.states.are_zero(end, extent_start_);
-                certainty = lower(certainty, end_certainty(low, low - std::min(low, sound), ends));
+                certainty = lower(certainty, end_of(ends));
             }
         }
         if (low != high) {
             values.push_back({low, high, "what ends in the MiB before the extents"});
+        }
+        if (lower(to_.certainty("brick_cnt"), extents_certainty_) != Certainty::certain) {
+            values.push_back({1, TIER_INODE_CNT_MAX, "what the layout allows"});
         }
         numbers_.inode_cnt = to_.add("inode_cnt", certainty, std::move(values));
     }
@@ -365,8 +391,7 @@ private:
             return lower(Certainty::likely, to_.certainty("block_size"));
         }
         const int64_t end = extent_start_ + static_cast<int64_t>(least_ * SIZE_4K);
-        return end_certainty(least_, lost_,
-                             facts_.states.are_zero(end, end + int64_t{SLOTS_A_MIB} * SIZE_4K));
+        return end_of(facts_.states.are_zero(end, end + int64_t{SLOTS_A_MIB} * SIZE_4K));
     }
 
     void explain()
@@ -387,6 +412,8 @@ private:
     Certainty extents_certainty_ = Certainty::none;
     int64_t inode_start_ = 0;
     int64_t extent_start_ = 0;
+    uint64_t entries_ = 0; /* up to the last of each table, and how many are sound */
+    uint64_t sound_ = 0;
     uint64_t least_ = 1; /* blocks */
     uint64_t lost_ = 0;  /* of their extents */
     uint64_t low_ = 0;   /* bounds of the block size */

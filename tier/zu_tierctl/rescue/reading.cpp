@@ -41,6 +41,12 @@ Certainty Readings::certainty(std::string_view key) const
     return std::ranges::find(readings_, key, &NumberReading::key)->certainty;
 }
 
+void Readings::limit(std::string_view key, Certainty certainty)
+{
+    const auto reading = std::ranges::find(readings_, key, &NumberReading::key);
+    reading->certainty = lower(reading->certainty, certainty);
+}
+
 /* A number of the hint that the tables allow is taken; one that they chose themselves is surer. */
 void Readings::follow(const Hint &hint, NumberReading *reading) const
 {

@@ -67,6 +67,9 @@ public:
     /* How certain a number is that has been added. */
     Certainty certainty(std::string_view key) const;
 
+    /* Makes a number that has been added no more certain than that. */
+    void limit(std::string_view key, Certainty certainty);
+
     std::vector<NumberReading> take() { return std::move(readings_); }
 
 private:

@@ -371,12 +371,11 @@ private:
     Rescued found_;
 };
 
-std::string values_text(const Values &values)
+/* The values that may stand in place of the best one. */
+std::string others_text(uint64_t best, const Values &values)
 {
-    return fmt::format("{}: {}",
-                       values.first == values.last ? std::to_string(values.first)
-                                                   : range_text(values.first, values.last),
-                       values.reason);
+    const uint64_t first = values.first == best ? best + 1 : values.first;
+    return fmt::format("{}: {}", range_text(first, values.last), values.reason);
 }
 
 void tell(const Rescued &found)
@@ -392,7 +391,7 @@ void tell(const Rescued &found)
             return values.first != best.first || values.last != best.last;
         });
         if (next != number.values.end()) {
-            line += "; runner-up " + values_text(*next);
+            line += "; runner-up " + others_text(best.first, *next);
         }
         complain(one_line(line));
     }

@@ -8,7 +8,8 @@ namespace tierctl {
 
 namespace {
 
-/* A place that so many times as many entries name as the next is certain. */
+/* A place is certain that so many entries name, and so many times as many as the next. */
+constexpr uint64_t CERTAIN_MIN = 2;
 constexpr uint64_t CERTAIN_TIMES = 4;
 
 } // namespace
@@ -89,13 +90,18 @@ BestTrace best_trace(const Traces &traces)
         }
     }
     if (found.best != nullptr) {
-        const uint64_t next = found.next == nullptr ? 0 : found.next->second.sound;
-        const uint64_t most = found.best->second.sound;
-        found.certainty = most >= CERTAIN_TIMES * next + 1 ? Certainty::certain
-                          : most > next                    ? Certainty::likely
-                                                           : Certainty::none;
+        found.certainty = place_certainty(found.best->second.sound,
+                                          found.next == nullptr ? 0 : found.next->second.sound);
     }
     return found;
+}
+
+Certainty place_certainty(uint64_t most, uint64_t next)
+{
+    if (most >= CERTAIN_MIN && most > CERTAIN_TIMES * next) {
+        return Certainty::certain;
+    }
+    return most > next ? Certainty::likely : Certainty::none;
 }
 
 bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length)

@@ -73,6 +73,9 @@ struct BestTrace {
 };
 BestTrace best_trace(const Traces &traces);
 
+/* How sure the place with the most sound entries is: one entry may be a stray. */
+Certainty place_certainty(uint64_t most, uint64_t next);
+
 /* The record of an entry with a fixed length is sound but for its number. */
 bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length);
 

@@ -36,7 +36,8 @@ SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vec
     std::vector<Values> lengths;
     if (numbers.extents != nullptr) {
         lengths.push_back(value_of(numbers.extent_length, "the checksums of the extents"));
-    } else {
+    }
+    if (numbers.extents_certainty != Certainty::certain) {
         lengths.push_back({TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"});
     }
     super.sb_extent_size = static_cast<uint32_t>(

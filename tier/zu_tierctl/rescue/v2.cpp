@@ -332,6 +332,10 @@ void add_parts(const AreaNumbers &numbers, const Splits &splits, Readings *to,
         sizes.push_back(value_of(split.extent_size, reason));
         counts.push_back(value_of(split.map_cnt, reason));
     }
+    if (certainty == Certainty::none) {
+        sizes.push_back({TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"});
+        counts.push_back({0, EXTENT_HOT_LEN, "what the layout allows"});
+    }
     super->sb_extent_size =
         static_cast<uint32_t>(to->add("extent_size", certainty, std::move(sizes)));
     super->sb_map_cnt = static_cast<uint32_t>(to->add("map_cnt", certainty, std::move(counts)));
