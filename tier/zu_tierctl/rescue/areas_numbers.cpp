@@ -136,6 +136,7 @@ private:
     void read_inodes()
     {
         auto [low, high] = inode_bounds(facts_, evidence_.expansion.has_value());
+        const uint64_t last = inodes_.best == nullptr ? 0 : inodes_.best->second.last;
         std::vector<Values> values;
         Certainty certainty = lower(to_.certainty("brick_cnt"), extents_certainty_);
         if (evidence_.expansion && evidence_.expansion->first >= low &&
@@ -147,19 +148,19 @@ private:
             certainty = first_is_known(first) ? certainty : Certainty::none;
         } else {
             const int64_t end = inode_start_ + static_cast<int64_t>(low * SIZE_4K);
-            const uint64_t last = inodes_.best == nullptr ? 0 : inodes_.best->second.last;
             values.push_back(
                 value_of(low, fmt::format("the last known inode is {}, and the extents begin at {}",
                                           low - 1, extent_start_)));
-            if (last >= high) {
-                certainty = Certainty::none; /* it lies where the extents are */
+            if (last >= high || last + 1 < low) { /* it lies among the extents, or others follow */
+                certainty = Certainty::none;
             } else if (low != high) {
-                const bool ends = last + 1 >= low && facts_.states.are_zero(end, extent_start_);
-                certainty = lower(certainty, end_of(ends));
+                certainty = lower(certainty, end_of(facts_.states.are_zero(end, extent_start_)));
             }
         }
-        if (low != high) {
-            values.push_back({low, high, "what ends in the MiB before the extents"});
+        if (certainty != Certainty::certain) {
+            const uint64_t least = std::max(last + 1, high - std::min(high, SLOTS_A_MIB) + 1);
+            values.push_back(
+                {std::min(least, high), high, "what ends in the MiB before the extents"});
         }
         if (lower(to_.certainty("brick_cnt"), extents_certainty_) != Certainty::certain) {
             values.push_back({1, TIER_INODE_CNT_MAX, "what the layout allows"});

@@ -369,12 +369,14 @@ private:
         std::vector<Values> values = {value_of(
             least, referred > known ? fmt::format("entry {} is referred to", least - 1)
                                     : fmt::format("the last known entry is {}", least - 1))};
-        Certainty certainty = trace.best == nullptr ? Certainty::none : trace.certainty;
-        if (least != most || known > most) {
-            values.push_back({least, most, "what has room before the next table"});
-            certainty =
-                lower(certainty, referred > known ? Certainty::none
-                                                  : end_of(as_offset(start + least * SIZE_4K)));
+        Certainty certainty = Certainty::none;
+        if (referred <= known && known <= most && trace.best != nullptr) {
+            certainty = known == most
+                            ? trace.certainty
+                            : lower(trace.certainty, end_of(as_offset(start + known * SIZE_4K)));
+        }
+        if (known != most || least != most) {
+            values.push_back({std::min(known, most), most, "what has room before the next table"});
         }
         return to_.add(key, certainty, std::move(values));
     }
@@ -402,8 +404,11 @@ private:
         const uint64_t bricks_end = super_.sb_brick_table_offset + super_.sb_brick_table_size;
         super_.sb_inode_table_offset =
             read_offset("inode_table_offset", inodes_, after(bricks_end));
-        const uint64_t referred =
-            facts_.last_indexes.empty() ? 0 : facts_.last_indexes.rbegin()->first + 1;
+        LargestTwo owners;
+        for (const auto &[owner, index] : facts_.last_indexes) {
+            owners.add(owner);
+        }
+        const uint64_t referred = owners.second + 1;
         super_.sb_inode_table_cnt = read_count("inode_cnt", super_.sb_inode_table_offset, inodes_,
                                                referred, TIER_INODE_CNT_MAX_V3);
         super_.sb_inode_table_size =
@@ -444,10 +449,13 @@ private:
         }
         const int64_t last = facts_.shards.empty() ? start : facts_.shards.rbegin()->first;
         uint64_t blocks = last < start ? 1 : blocks_between(start, last);
-        const uint64_t needed = referred.empty() ? 0 : referred.back() / TIER_PACKED_SLOTS_V3 + 1;
+        const uint64_t needed =
+            referred.size() < 2 ? 0 : referred.end()[-2] / TIER_PACKED_SLOTS_V3 + 1;
         Certainty certainty = needed > blocks || facts_.shards.empty()
                                   ? Certainty::none
                                   : end_of(start + as_offset(blocks * SIZE_4K));
+        const uint64_t known = blocks;
+        const bool is_certain = to_.certainty("shard_table_offset") == Certainty::certain;
         blocks = std::clamp<uint64_t>(std::max(blocks, needed), 1, SHARD_BLOCKS_MAX);
         certainty = lower(certainty, to_.certainty("shard_table_offset"));
         super_.sb_shard_table_offset = static_cast<uint64_t>(start);
@@ -455,7 +463,8 @@ private:
         super_.sb_shard_table_cnt = to_.add(
             "shard_table_cnt", certainty,
             {value_of(count, fmt::format("the last known block of shards is {}", blocks - 1)),
-             {count - TIER_PACKED_SLOTS_V3 + 1, TIER_SHARD_CNT_MAX_V3, "what the layout allows"}});
+             {is_certain ? (known - 1) * TIER_PACKED_SLOTS_V3 + 1 : 1, TIER_SHARD_CNT_MAX_V3,
+              "what the layout allows"}});
         super_.sb_shard_table_size =
             to_.add("shard_table_size", to_.certainty("shard_table_cnt"),
                     super_.sb_shard_table_cnt * TIER_PACKED_SIZE_V3, "8 for each of them");
