@@ -29,7 +29,8 @@ constexpr int64_t PEEK_BYTES_MIN = 64 * MIB;
 constexpr size_t SHARD_BLOCKS_MAX = TIER_SHARD_CNT_MAX_V3 / TIER_PACKED_SLOTS_V3;
 constexpr size_t OWNERS_MAX = TIER_INODE_CNT_MAX_V3;
 constexpr uint64_t REFERENCES_TRIED = 4096;
-constexpr uint64_t REFERENCES_MIN = 64;
+constexpr int64_t REFERENCES_MIN = 64;
+constexpr int64_t REFERENCES_TIMES = 4; /* as many as at the next place */
 
 constexpr uint64_t EXTENTS_WEIGHT = 8; /* as many blocks as extents fill the device */
 constexpr uint64_t USUAL_WEIGHT = 2;
@@ -436,7 +437,9 @@ private:
     /* The table begins where the shards that extents refer to are in use. */
     void read_shards()
     {
-        const uint64_t inodes_end = super_.sb_inode_table_offset + super_.sb_inode_table_size;
+        const uint64_t inodes_end =
+            super_.sb_inode_table_offset +
+            (inodes_.best == nullptr ? 1 : inodes_.best->second.last + 1) * SIZE_4K;
         const std::vector<uint64_t> referred = referred_shards();
         int64_t start = 0;
         if (facts_.shards.empty()) {
@@ -475,45 +478,59 @@ private:
         const int64_t first = facts_.shards.begin()->first;
         const int64_t lowest = std::max(TABLES_START, std::min(as_offset(inodes_end), first));
         const auto shifts = std::min<uint64_t>(blocks_between(lowest, first), SHARD_BLOCKS_MAX);
-        std::vector<Values> values;
+        References best;
+        References next;
         for (uint64_t shift = 0; shift < shifts; shift++) {
-            const int64_t start = first - as_offset(shift * SIZE_4K);
-            const std::optional<uint64_t> found = references_found(start, referred);
-            if (found && *found >= REFERENCES_MIN) {
-                values.push_back(
-                    value_of(static_cast<uint64_t>(start),
-                             fmt::format("{} extents refer to shards in use then", *found)));
+            const References found = count_references(first - as_offset(shift * SIZE_4K), referred);
+            if (found.score() > best.score()) {
+                next = std::exchange(best, found);
+            } else if (found.score() > next.score()) {
+                next = found;
             }
         }
-        Certainty certainty = values.size() == 1 ? Certainty::certain : Certainty::none;
-        if (values.size() != 1) {
-            const bool on_grid = grid_ && first / MIB * MIB >= lowest;
-            const int64_t chosen = on_grid ? first / MIB * MIB : first;
-            certainty = on_grid ? Certainty::likely : Certainty::none;
-            values.insert(values.begin(), value_of(static_cast<uint64_t>(chosen),
-                                                   on_grid ? "a multiple of 1 MiB, as the others"
-                                                           : "the first sound block of shards"));
-            values.push_back({static_cast<uint64_t>(lowest), static_cast<uint64_t>(first),
-                              "from the inodes to the first sound block"});
+        const bool on_grid = grid_ && first / MIB * MIB >= lowest;
+        std::vector<Values> values = {
+            on_grid ? value_of(static_cast<uint64_t>(first / MIB * MIB),
+                               "a multiple of 1 MiB, as the others")
+                    : value_of(static_cast<uint64_t>(first), "the first sound block of shards"),
+            {static_cast<uint64_t>(lowest), static_cast<uint64_t>(first),
+             "from the inodes to the first sound block"}};
+        Certainty certainty = on_grid ? Certainty::likely : Certainty::none;
+        if (best.score() >= REFERENCES_MIN && best.score() >= REFERENCES_TIMES * next.score()) {
+            certainty = best.free == 0 && best.blocks > 1 ? Certainty::certain : Certainty::likely;
+            values.insert(values.begin(),
+                          value_of(static_cast<uint64_t>(best.start),
+                                   fmt::format("of {} shards that extents refer to {} are in use "
+                                               "then",
+                                               best.used + best.free, best.used)));
         }
         return as_offset(to_.add("shard_table_offset", certainty, std::move(values)));
     }
 
-    /* How many of the shards that lie in sound blocks then are in use; nothing when one is free. */
-    std::optional<uint64_t> references_found(int64_t start,
-                                             const std::vector<uint64_t> &referred) const
+    /* The shards that extents refer to and that lie in sound blocks, when the table begins at
+     * `start`. */
+    struct References {
+        int64_t start = 0;
+        int64_t used = 0;
+        int64_t free = 0;
+        uint64_t blocks = 0; /* in which they lie */
+
+        /* Of the shards at a wrong place so many are in use that this is hardly above 0. */
+        int64_t score() const { return used - 3 * free; }
+    };
+
+    References count_references(int64_t start, const std::vector<uint64_t> &referred) const
     {
-        uint64_t found = 0;
+        References found{.start = start};
+        uint64_t last = UINT64_MAX;
         for (const uint64_t no : referred) {
-            const auto block =
-                facts_.shards.find(start + as_offset(no / TIER_PACKED_SLOTS_V3 * SIZE_4K));
+            const uint64_t block_no = no / TIER_PACKED_SLOTS_V3;
+            const auto block = facts_.shards.find(start + as_offset(block_no * SIZE_4K));
             if (block == facts_.shards.end()) {
                 continue;
             }
-            if (!block->second.test(no % TIER_PACKED_SLOTS_V3)) {
-                return std::nullopt;
-            }
-            found++;
+            (block->second.test(no % TIER_PACKED_SLOTS_V3) ? found.used : found.free)++;
+            found.blocks += std::exchange(last, block_no) == block_no ? 0 : 1;
         }
         return found;
     }
