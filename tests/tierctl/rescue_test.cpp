@@ -226,7 +226,7 @@ TEST_P(Rescue, WhatIsLeftOfTheBlockIsBelieved)
     EXPECT_NE(said_of(run, "inode_cnt").find("; so says what is left of the block"),
               std::string::npos)
         << run;
-    EXPECT_EQ(expect_certain_ones_right(run), layout == "v3" ? 18U : layout == "v2" ? 15U : 10U);
+    EXPECT_EQ(expect_certain_ones_right(run), layout == "v3" ? 16U : layout == "v2" ? 15U : 10U);
     expect_repaired(run);
 }
 

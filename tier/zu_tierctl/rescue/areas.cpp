@@ -45,7 +45,7 @@ class AreaSurvey {
 public:
     AreaSurvey(const Device &device, const tier_layout &layout)
         : device_(device), brick_(row_of(layout, "brick")), inode_(row_of(layout, "inode")),
-          facts_(device)
+          strangers_(layout), facts_(device)
     {
     }
 
@@ -54,7 +54,8 @@ public:
         int64_t offset = read_on(AREA_START);
         const auto mib = int64_t{SIZE_1M};
         offset = (offset + mib - 1) / mib * mib;
-        for (uint64_t peeks = 0; offset < peek_end() && peeks < PEEKS_MAX; peeks++) {
+        for (uint64_t peeks = 0; offset < peek_end() && peeks < PEEKS_MAX && !is_strange();
+             peeks++) {
             if (peek(offset)) {
                 offset = read_on(offset + int64_t{PEEK_BLOCKS} * SIZE_4K);
                 offset = (offset + mib - 1) / mib * mib;
@@ -74,7 +75,8 @@ private:
         read_blocks(device_, offset, UINT64_MAX / SIZE_4K, [&](int64_t at, const uint8_t *block) {
             look(at, block);
             next = at + SIZE_4K;
-            return next < read_end() && (facts_.extents.empty() || quiet_ < QUIET_BLOCKS);
+            return next < read_end() && !is_strange() &&
+                   (facts_.extents.empty() || quiet_ < QUIET_BLOCKS);
         });
         return next;
     }
@@ -88,6 +90,13 @@ private:
             return true;
         });
         return quiet_ < PEEK_BLOCKS && offset < static_cast<int64_t>(device_.size());
+    }
+
+    /* Whether all that was found is of other layouts. */
+    bool is_strange() const
+    {
+        return strangers_.are_many() && facts_.bricks.sound == 0 && facts_.inodes.empty() &&
+               facts_.extents.empty();
     }
 
     int64_t read_end() const { return facts_.extents.empty() ? HEAD_END : peek_end(); }
@@ -127,7 +136,11 @@ private:
         if (is_inode(at, block)) {
             return BlockState::inode;
         }
-        return is_extent(at, block) ? BlockState::extent : BlockState::other;
+        if (is_extent(at, block)) {
+            return BlockState::extent;
+        }
+        strangers_.look(block);
+        return BlockState::other;
     }
 
     bool is_brick(int64_t at, const uint8_t *block)
@@ -273,6 +286,7 @@ private:
     const Device &device_;
     const tier_table &brick_;
     const tier_table &inode_;
+    Strangers strangers_;
     AreaFacts facts_;
     uint64_t quiet_ = 0; /* blocks since the last that may be an extent */
     uint64_t searches_ = 0;

@@ -12,6 +12,8 @@ namespace {
 constexpr uint64_t CERTAIN_MIN = 2;
 constexpr uint64_t CERTAIN_TIMES = 4;
 
+constexpr uint64_t MANY_STRANGERS = 4;
+
 } // namespace
 
 void BlockStates::set(int64_t offset, BlockState state)
@@ -114,5 +116,29 @@ bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length)
     const uint32_t stored = row.checksum->get(copy.data());
     return stored == row.crc(copy.data(), length);
 }
+
+Strangers::Strangers(const tier_layout &own)
+{
+    const std::array<uint8_t, SIZE_4K> nothing{}; /* of no record the length depends on it */
+    const auto is_own = [&own](uint32_t magic) {
+        return std::ranges::find(own.tables, magic, &tier_table::magic_value) != own.tables.end();
+    };
+    for (const tier_layout *layout : tier_layouts()) {
+        for (const tier_table *row : layout->tables.subspan(1)) {
+            const uint64_t length = row->magic ? row->record_length(nothing.data()) : 0;
+            if (length > TIER_CHECKSUM_SIZE && length <= SIZE_4K && !is_own(row->magic_value)) {
+                kinds_.push_back({row, static_cast<uint32_t>(length)});
+            }
+        }
+    }
+}
+
+void Strangers::look(const uint8_t *block)
+{
+    found_ += std::ranges::any_of(
+        kinds_, [block](const Kind &kind) { return is_sound(*kind.row, block, kind.length); });
+}
+
+bool Strangers::are_many() const { return found_ >= MANY_STRANGERS; }
 
 } // namespace tierctl

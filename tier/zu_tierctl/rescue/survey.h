@@ -79,4 +79,23 @@ Certainty place_certainty(uint64_t most, uint64_t next);
 /* The record of an entry with a fixed length is sound but for its number. */
 bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length);
 
+/* Entries of layouts with other magics. A survey that finds some of them and none of its own ends:
+ * it would only read their data. */
+class Strangers {
+public:
+    explicit Strangers(const tier_layout &own);
+
+    void look(const uint8_t *block);
+    bool are_many() const;
+
+private:
+    struct Kind {
+        const tier_table *row;
+        uint32_t length;
+    };
+
+    std::vector<Kind> kinds_;
+    uint64_t found_ = 0;
+};
+
 } // namespace tierctl

@@ -19,12 +19,12 @@ constexpr auto MIB = int64_t{SIZE_1M};
 /* Blocks without an entry after which the tables seem to have ended: before the extents, where the
  * hot table lies, and after some of them. */
 constexpr uint64_t QUIET_BEFORE_EXTENTS = 16384;
-constexpr uint64_t QUIET_AFTER_EXTENTS = SIZE_1M / SIZE_4K;
+constexpr uint64_t QUIET_AFTER_EXTENTS = 64;
 
 /* Then a few blocks of each MiB are looked at. */
 constexpr uint64_t PEEK_BLOCKS = 4;
 constexpr int64_t PEEK_BYTES = 4096 * MIB;
-constexpr int64_t PEEK_BYTES_MIN = 64 * MIB;
+constexpr int64_t PEEK_BYTES_MIN = 8 * MIB;
 
 constexpr size_t SHARD_BLOCKS_MAX = TIER_SHARD_CNT_MAX_V3 / TIER_PACKED_SLOTS_V3;
 constexpr size_t OWNERS_MAX = TIER_INODE_CNT_MAX_V3;
@@ -62,21 +62,21 @@ class Survey {
 public:
     Survey(const Device &device, const tier_layout &layout)
         : device_(device), brick_(row_of(layout, "brick")), inode_(row_of(layout, "inode")),
-          shard_(row_of(layout, "shard")),
-          extent_(row_of(layout, "extent")), facts_{.device_size = device.size(),
-                                                    .bricks = {},
-                                                    .inodes = {},
-                                                    .file_sizes = {},
-                                                    .brick_numbers = {},
-                                                    .shards = {},
-                                                    .last_indexes = {}}
+          shard_(row_of(layout, "shard")), extent_(row_of(layout, "extent")),
+          strangers_(layout), facts_{.device_size = device.size(),
+                                     .bricks = {},
+                                     .inodes = {},
+                                     .file_sizes = {},
+                                     .brick_numbers = {},
+                                     .shards = {},
+                                     .last_indexes = {}}
     {
     }
 
     Facts run()
     {
         int64_t offset = read_on(TABLES_START);
-        while (offset < peek_end()) {
+        while (offset < peek_end() && !is_strange()) {
             quiet_ = 0;
             read_blocks(device_, offset, PEEK_BLOCKS, [this](int64_t at, const uint8_t *block) {
                 look(at, block);
@@ -97,10 +97,17 @@ private:
         read_blocks(device_, offset, UINT64_MAX / SIZE_4K, [&](int64_t at, const uint8_t *block) {
             look(at, block);
             next = at + SIZE_4K;
-            return quiet_ <
-                   (facts_.extent_blocks == 0 ? QUIET_BEFORE_EXTENTS : QUIET_AFTER_EXTENTS);
+            return !is_strange() && quiet_ < (facts_.extent_blocks == 0 ? QUIET_BEFORE_EXTENTS
+                                                                        : QUIET_AFTER_EXTENTS);
         });
         return (next + MIB - 1) / MIB * MIB;
+    }
+
+    /* Whether all that was found is of other layouts. */
+    bool is_strange() const
+    {
+        return strangers_.are_many() && facts_.bricks.empty() && facts_.inodes.empty() &&
+               facts_.shards.empty() && facts_.extent_blocks == 0;
     }
 
     int64_t peek_end() const
@@ -146,6 +153,7 @@ private:
             add_extents(at, block);
             return BlockState::extent;
         }
+        strangers_.look(block);
         return BlockState::other;
     }
 
@@ -207,6 +215,7 @@ private:
     const tier_table &inode_;
     const tier_table &shard_;
     const tier_table &extent_;
+    Strangers strangers_;
     Facts facts_;
     uint64_t quiet_ = 0;
 };
