@@ -13,7 +13,7 @@ void flip(Device &device, std::int64_t slot, std::size_t bits)
 {
     Block block = device.block(static_cast<std::uint64_t>(slot));
     for (std::size_t i = 0; i < bits; ++i)
-        block[8 * i + 8] ^= 1U << i % 8;
+        put_u8(block, 8 * i + 8, static_cast<std::uint8_t>(get_u8(block, 8 * i + 8) ^ 1U << i % 8));
     put_block(device, slot, block);
 }
 

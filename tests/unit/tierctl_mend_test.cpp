@@ -56,7 +56,10 @@ struct Record {
     }
 };
 
-void turn(tierctl::Block &block, std::size_t bit) { block[bit / 8] ^= 1U << bit % 8; }
+void turn(ByteSpan block, std::size_t bit)
+{
+    block[bit / 8] = static_cast<std::uint8_t>(block[bit / 8] ^ 1U << bit % 8);
+}
 
 Metadata metadata_of(const std::string &layout, const Block &super)
 {
@@ -516,7 +519,7 @@ TEST(MendOfLengths, ThatAreWrong)
     std::size_t certain = 0;
     for (std::size_t bit = 0; bit < std::size_t{64} * 8; ++bit) {
         Block wrong = sound;
-        wrong[bit / 8] ^= 1U << bit % 8;
+        turn(wrong, bit);
         const Metadata metadata = long_metadata(wrong);
         const Mended mended =
             tierctl::mend(metadata, metadata.tables.front(), 0, metadata.super_block);
