@@ -259,6 +259,7 @@ constexpr tier_table BOXES = {
     .repair = {parse_boxes, nullptr},
     .in_use = {0, BOX_IN_USE.mask()},
     .owner = {"shelf", {0, BOX_SHELF.mask()}},
+    .ends_with_owner = true,
     .claims = BOX_CLAIMS,
 };
 

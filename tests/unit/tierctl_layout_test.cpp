@@ -6,7 +6,9 @@
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/diff/diff.h"
 #include "zu_tierctl/entry/table.h"
+#include "zu_tierctl/entry/rebuild.h"
 #include "zu_tierctl/map/map.h"
+#include "zu_tierctl/plan/plan.h"
 #include "zu_tierctl/revert/revert.h"
 #include "zu_tierctl/save/save.h"
 #include "zu_tierctl/template/template.h"
@@ -266,6 +268,38 @@ TEST_F(FourthLayout, Templates)
         make_template("shelf", 0).notes,
         (Notes{"damaged: checksum", "zu_tier refuses this file as it stands: shelf 0 has no label",
                command("shelf", "")}));
+}
+
+// A bit of a shelf is turned back, and what stands on a shelf that is not in use is freed.
+TEST_F(FourthLayout, Plan)
+{
+    const Block shelf = device.block(DEPOT.shelves_at);
+    Block damaged = shelf;
+    damaged[offsetof(DepotShelf, label)] ^= 0x20;
+    device.write(DEPOT.shelves_at, damaged);
+    const Block boxes = device.block(DEPOT.boxes_at);
+    put_box(device, 0, 5, box_word(1, 3, 9));
+    const tierctl::Device opened(device.path(), tierctl::Access::read_only);
+    const tierctl::Metadata metadata = tierctl::read_metadata(opened);
+    const auto block_of = [&](const tierctl::Step &step) {
+        const tierctl::Table &table = tierctl::find_table(metadata.tables, step.table);
+        const auto made = step.block ? step.block
+                                     : rebuild(opened, metadata, table, *step.keys, false).block;
+        return Block(*made);
+    };
+    const auto left = tierctl::make_plan(opened, metadata, nullptr, false).steps;
+    ASSERT_EQ(left.size(), 2U);
+    EXPECT_EQ(left[0].action, tierctl::Action::mend);
+    EXPECT_EQ(left[0].certainty, tierctl::Certainty::certain);
+    EXPECT_EQ(block_of(left[0]), shelf);
+    EXPECT_EQ(left[1].action, tierctl::Action::leave);
+    EXPECT_EQ(left[1].reason,
+              "box 5: it refers to shelf 1, which is free; --free-lost makes it free");
+    const auto freed = tierctl::make_plan(opened, metadata, nullptr, true).steps;
+    ASSERT_EQ(freed.size(), 2U);
+    EXPECT_EQ(freed[1].action, tierctl::Action::free);
+    EXPECT_EQ(freed[1].lost, "what is cached in box 5, written back or not");
+    EXPECT_EQ(block_of(freed[1]), boxes);
 }
 
 TEST_F(FourthLayout, TemplateOfADamagedSuperBlock)

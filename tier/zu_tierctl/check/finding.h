@@ -37,7 +37,7 @@ struct Finding {
     uint64_t joins_end;
 
     bool no_owner = false; /* the entry refers to one that does not exist */
-    bool zero = false;   /* all bytes of each slot are zero */
+    bool zero = false;     /* all bytes of each slot are zero */
     bool varied = false; /* the text is that of the first, the others differ in numbers and names */
     std::string text;
     uint64_t one_bit = 0; /* of the findings, those about an entry that one flipped bit explains, */

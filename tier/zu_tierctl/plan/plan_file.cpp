@@ -329,14 +329,13 @@ std::string step_line(const Step &step, std::string_view fields)
     if (step.action == Action::leave) {
         return line + fmt::format(",\"reason\":{}}}\n", json_text(step.reason));
     }
-    line +=
-        fmt::format(",\"class\":\"{}\",\"reason\":{},\"lost\":{}", certainty_name(step.certainty),
-                    json_text(step.reason), json_text(step.lost));
+    line += fmt::format(R"(,"class":"{}","reason":{},"lost":{})", certainty_name(step.certainty),
+                        json_text(step.reason), json_text(step.lost));
     line += step.unreadable ? ",\"unreadable\":true" : fmt::format(",\"crc\":{}", step.crc);
     if (step.keys) {
         line += ",\"keys\":" + *step.keys;
     } else {
-        line += fmt::format(",\"fields\":{},\"block\":\"{}\"", fields, base64_text(*step.block));
+        line += fmt::format(R"(,"fields":{},"block":"{}")", fields, base64_text(*step.block));
     }
     return line + "}\n";
 }
