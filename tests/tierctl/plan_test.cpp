@@ -559,6 +559,21 @@ TEST_P(PlanOf, AMiBOfZeroedExtents)
     }
 }
 
+// It may be noise that one bit explains by chance.
+TEST_F(PlanOfV1, AMendedEntryWithoutAnOwner)
+{
+    InodeV1 gone;
+    gone.no = 2;
+    put("inode", 2, encode(gone));
+    const Block good = block_of("extent", 1);
+    flip(cache.device, cache.offset("extent", 1) + 40, 0x10);
+    const Planned planned = plan({"--free-lost"});
+    ASSERT_EQ(planned.steps.size(), 2U);
+    EXPECT_EQ(planned.steps[0]["class"], "likely");
+    EXPECT_TRUE(says(planned.steps[0], ", but it refers to inode 2, which is not in use"));
+    expect_makes(planned.steps[0], good);
+}
+
 // A copy of an inode whose brick is gone is older than that.
 TEST_P(PlanOf, ASavedEntryWhoseOwnerIsGone)
 {

@@ -183,13 +183,20 @@ private:
         if (mended.certainty == Certainty::none) {
             return {.reason = "no flipped bit explains it"};
         }
-        return {
+        Made made{
             .action = Action::mend,
             .certainty = mended.certainty,
             .block = mended.block,
             .reason = fmt::format(
                 "{}: {}", explained_text(mended.bits.size()),
                 fmt::join(mend_texts(metadata_, slot.table, slot.no, slot.block, mended), ", "))};
+        /* Of noise that a turned bit explains by chance, the numbers make no sense. */
+        const std::string stray = missing_owner(slot.table, mended.block);
+        if (!stray.empty()) {
+            made.certainty = Certainty::likely;
+            made.reason += ", but " + stray;
+        }
+        return made;
     }
 
     Made copy(const Slot &slot) const
