@@ -559,6 +559,22 @@ TEST_P(PlanOf, AMiBOfZeroedExtents)
     }
 }
 
+TEST(PlanOfMany, ATableThatIsMisaligned)
+{
+    SuperV1 sb = super_v1(1, 1, 1);
+    Device device = make_v1_device(sb);
+    sb.brick_table_size += 512;
+    put_block(device, SUPER_OFFSET, encode(sb));
+    const Planned planned = plan_of(device.path());
+    EXPECT_FALSE(planned.steps.empty());
+    bool told = false;
+    for (const ordered_json &step : planned.steps) {
+        EXPECT_EQ(step["action"], "leave") << step;
+        told = told || (name_of(step) == "inode 0" && says(step, "not at multiples of 4096"));
+    }
+    EXPECT_TRUE(told) << planned.run;
+}
+
 // It may be noise that one bit explains by chance.
 TEST_F(PlanOfV1, AMendedEntryWithoutAnOwner)
 {

@@ -62,13 +62,11 @@ public:
     {
         Step step{.table = std::string(table.name), .no = no, .offset = table.slot(no)};
         step.reason = trouble_text(trouble);
-        if (table.name == SUPER_TABLE || !table.identifies() || trouble.slots > 1) {
+        if (table.name == SUPER_TABLE || !table.identifies() || trouble.slots > 1 ||
+            !is_on_device(step.offset)) {
             return step;
         }
         const Slot slot = read(table, no);
-        if (!slot.readable && errno == ENXIO) { /* past the end of the device */
-            return step;
-        }
         const bool sound = slot.readable && table.flaws(no, slot.block.data()) == 0;
         const Made made = sound ? free(slot, trouble) : mend_or_replace(slot);
         step.reason =
@@ -96,6 +94,11 @@ private:
             text += fmt::format("; so it is with {} slots from this one on", trouble.slots);
         }
         return text;
+    }
+
+    bool is_on_device(int64_t offset) const
+    {
+        return slots_on_device({offset, 1}, device_.size()) == 1;
     }
 
     /* The texts that are not empty. */
