@@ -20,14 +20,16 @@ constexpr size_t DIGIT_BITS = 6;
 constexpr uint8_t NO_DIGIT = 0xFF;
 
 /* The value of each character. */
-constexpr std::array<uint8_t, 256> VALUES = [] {
+constexpr std::array<uint8_t, 256> values_of_digits()
+{
     std::array<uint8_t, 256> values{};
     values.fill(NO_DIGIT);
     for (size_t i = 0; i < DIGITS.size(); i++) {
         values[static_cast<uint8_t>(DIGITS[i])] = static_cast<uint8_t>(i);
     }
     return values;
-}();
+}
+constexpr std::array<uint8_t, 256> VALUES = values_of_digits();
 
 } // namespace
 
