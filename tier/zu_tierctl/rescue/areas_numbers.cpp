@@ -340,10 +340,10 @@ private:
             order.emplace_back(weight.first, size);
         }
         std::ranges::sort(order, std::greater<>());
-        std::vector<Values> values;
-        for (const auto &[weight, size] : order) {
-            values.push_back(value_of(size, weights_[size].second));
-        }
+        std::vector<Values> values(order.size());
+        std::ranges::transform(order, values.begin(), [this](const auto &choice) {
+            return value_of(choice.second, weights_[choice.second].second);
+        });
         lead_ = order.front().first - (order.size() > 1 ? order[1].first : 0);
         weight_ = order.front().first;
         return values;

@@ -402,7 +402,7 @@ void tell(const Rescued &found)
                                           certainty_text(value.certainty), value.reason)));
             continue;
         }
-        const auto option = std::ranges::find_if(OPTIONS, [&value](std::string_view name) {
+        const auto *option = std::ranges::find_if(OPTIONS, [&value](std::string_view name) {
             std::string key(name.substr(2));
             std::ranges::replace(key, '-', '_');
             return key == value.key;

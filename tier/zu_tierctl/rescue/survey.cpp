@@ -135,8 +135,9 @@ Strangers::Strangers(const tier_layout &own)
 
 void Strangers::look(const uint8_t *block)
 {
-    found_ += std::ranges::any_of(
+    const bool found = std::ranges::any_of(
         kinds_, [block](const Kind &kind) { return is_sound(*kind.row, block, kind.length); });
+    found_ += found ? 1 : 0;
 }
 
 bool Strangers::are_many() const { return found_ >= MANY_STRANGERS; }

@@ -17,10 +17,10 @@ uint64_t explained_extents(const AreaNumbers &numbers)
         return 0;
     }
     const ExtentTrace &extents = *numbers.extents;
-    uint64_t others = 0;
-    for (const Block &block : extents.samples) {
-        others += bitmap_end(block.data(), numbers.extent_length) > numbers.block_size / SIZE_4K;
-    }
+    const auto others = static_cast<uint64_t>(
+        std::ranges::count_if(extents.samples, [&numbers](const Block &block) {
+            return bitmap_end(block.data(), numbers.extent_length) > numbers.block_size / SIZE_4K;
+        }));
     const uint64_t samples = std::max<uint64_t>(extents.samples.size(), 1);
     return extents.sound - extents.in_use * others / samples;
 }

@@ -117,11 +117,11 @@ class ExpansionSearch {
 public:
     ExpansionSearch(const Device &device, const tier_layout &layout, const AreaFacts &facts)
         : device_(device), facts_(facts),
-          row_(**std::ranges::find(layout.tables, "inode", &tier_table::name))
+          row_(**std::ranges::find(layout.tables, "inode", &tier_table::name)),
+          end_(static_cast<int64_t>(device.size() / SIZE_4K * SIZE_4K)),
+          start_(std::min(least_data_end(), end_))
     {
         std::tie(low_, high_) = inode_bounds(facts, true);
-        end_ = static_cast<int64_t>(device.size() / SIZE_4K * SIZE_4K);
-        start_ = std::min(least_data_end(), end_);
     }
 
     /* Whether the device has room for one after the blocks that are known. */
@@ -257,8 +257,8 @@ private:
     const tier_table &row_;
     uint64_t low_ = 0;
     uint64_t high_ = 0;
-    int64_t start_ = 0;
-    int64_t end_ = 0;
+    int64_t end_;   /* of the device */
+    int64_t start_; /* where an area may begin at the earliest */
     Traces bases_;
     ExpansionFacts found_;
 };

@@ -669,10 +669,10 @@ private:
             choices.front().weight >= EXTENTS_WEIGHT
                 ? lower(Certainty::likely, to_.certainty("extent_table_cnt"))
                 : Certainty::none;
-        std::vector<Values> sizes;
-        for (const Choice &choice : choices) {
-            sizes.push_back(value_of(choice.size, choice.reason));
-        }
+        std::vector<Values> sizes(choices.size());
+        std::ranges::transform(choices, sizes.begin(), [](const Choice &choice) {
+            return value_of(choice.size, choice.reason);
+        });
         sizes.push_back({TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3,
                          "in steps of 4096: what the layout allows"});
         super_.sb_block_size = to_.add("block_size", certainty, std::move(sizes));
