@@ -27,6 +27,12 @@ constexpr uint64_t EXACT_MIN = 16;
 /* So many blocks more than the extents that are known may be lost at the end of the table. */
 constexpr uint64_t END_LOSS = 8;
 
+/* The last inode of fewer than `most`. What seems to be a damaged one after these is an extent. */
+uint64_t last_inode(const Trace &trace, uint64_t most)
+{
+    return trace.known < most ? trace.known : trace.last;
+}
+
 uint64_t round_down(uint64_t value, uint64_t unit) { return value / unit * unit; }
 
 /* The numbers in the making. */
@@ -136,7 +142,7 @@ private:
     void read_inodes()
     {
         auto [low, high] = inode_bounds(facts_, evidence_.expansion.has_value());
-        const uint64_t last = inodes_.best == nullptr ? 0 : inodes_.best->second.last;
+        const uint64_t last = inodes_.best == nullptr ? 0 : last_inode(inodes_.best->second, high);
         std::vector<Values> values;
         Certainty certainty = lower(to_.certainty("brick_cnt"), extents_certainty_);
         if (evidence_.expansion && evidence_.expansion->first >= low &&
@@ -219,9 +225,9 @@ private:
     {
         if (extents_ != nullptr) {
             const auto numbered = facts_.numbered_extents.find(extent_start_);
-            least_ =
-                1 + std::max(extents_->second.last,
-                             numbered == facts_.numbered_extents.end() ? 0 : numbered->second.last);
+            least_ = 1 + std::max(extents_->second.last, numbered == facts_.numbered_extents.end()
+                                                             ? 0
+                                                             : numbered->second.known);
             lost_ = least_ - std::min(least_, extents_->second.sound);
         }
         read_block_size();
@@ -430,8 +436,8 @@ std::pair<uint64_t, uint64_t> inode_bounds(const AreaFacts &facts, bool has_expa
 {
     const BestTrace inodes = best_trace(facts.inodes);
     const auto *extents = best_extents(facts);
-    uint64_t low = inodes.best == nullptr ? 1 : inodes.best->second.last + 1;
     uint64_t high = TIER_INODE_CNT_MAX;
+    uint64_t low = 1;
     if (extents != nullptr) {
         const int64_t start =
             inodes.best != nullptr
@@ -440,13 +446,15 @@ std::pair<uint64_t, uint64_t> inode_bounds(const AreaFacts &facts, bool has_expa
         const auto room = static_cast<uint64_t>(
             std::max<int64_t>((extents->first.first - start) / int64_t{SIZE_4K}, 1));
         high = std::min(high, room);
-        low = std::max(low, room - std::min(room, SLOTS_A_MIB) + 1);
+        low = room - std::min(room, SLOTS_A_MIB) + 1;
         if (!has_expansion && extents->second.inode.second < high) {
             low = std::max(low, extents->second.inode.second + 1);
         }
-        low = std::min(low, high);
     }
-    return {low, std::max(low, high)};
+    if (inodes.best != nullptr) {
+        low = std::max(low, last_inode(inodes.best->second, high) + 1);
+    }
+    return {std::min(low, high), high};
 }
 
 AreaNumbers read_areas(const AreaFacts &facts, const ExtentEvidence &evidence, Readings *to)

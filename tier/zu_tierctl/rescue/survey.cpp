@@ -8,8 +8,9 @@ namespace tierctl {
 
 namespace {
 
-/* A place is certain that so many entries name, and so many times as many as the next. */
-constexpr uint64_t CERTAIN_MIN = 2;
+/* A place that fewer entries name is a guess, and one that so many times as many name as the next
+ * is certain. */
+constexpr uint64_t PLACE_MIN = 2;
 constexpr uint64_t CERTAIN_TIMES = 4;
 
 constexpr uint64_t MANY_STRANGERS = 4;
@@ -72,10 +73,11 @@ void read_blocks(const Device &device, int64_t offset, uint64_t count,
 void Trace::add(uint64_t no)
 {
     sound++;
+    last = std::max(last, no);
     add_known(no);
 }
 
-void Trace::add_known(uint64_t no) { last = std::max(last, no); }
+void Trace::add_known(uint64_t no) { known = std::max(known, no); }
 
 BestTrace best_trace(const Traces &traces)
 {
@@ -100,10 +102,10 @@ BestTrace best_trace(const Traces &traces)
 
 Certainty place_certainty(uint64_t most, uint64_t next)
 {
-    if (most >= CERTAIN_MIN && most > CERTAIN_TIMES * next) {
-        return Certainty::certain;
+    if (most < PLACE_MIN || most == next) {
+        return Certainty::none;
     }
-    return most > next ? Certainty::likely : Certainty::none;
+    return most > CERTAIN_TIMES * next ? Certainty::certain : Certainty::likely;
 }
 
 bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length)

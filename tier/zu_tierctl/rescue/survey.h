@@ -55,7 +55,8 @@ void read_blocks(const Device &device, int64_t offset, uint64_t count,
 /* The entries of a table that all begin at the same offset, if their numbers are right. */
 struct Trace {
     uint64_t sound = 0;
-    uint64_t last = 0; /* highest number, that of damaged entries included */
+    uint64_t last = 0;  /* highest number */
+    uint64_t known = 0; /* the same, that of damaged entries included */
 
     void add(uint64_t no);       /* a sound entry */
     void add_known(uint64_t no); /* a damaged one that still has its number */
