@@ -106,6 +106,9 @@ private:
             } else if (referred != facts_.brick_numbers.end() && referred->second.second >= count) {
                 certainty = Certainty::none;
             }
+            if (certainty != Certainty::certain) {
+                values.push_back({1, TIER_BRICK_CNT_MAX, "what the layout allows"});
+            }
             numbers_.brick_cnt = to_.add("brick_cnt", certainty, std::move(values));
         }
         inode_start_ = AREA_START + static_cast<int64_t>(numbers_.brick_cnt * SIZE_4K);

@@ -365,6 +365,9 @@ private:
                     fmt::format("{} sound entries have numbers from there on", one->second.sound)));
             }
         }
+        if (trace.certainty != Certainty::certain) {
+            values.push_back({0, facts_.device_size, "they may be strays"});
+        }
         return to_.add(key, trace.certainty, std::move(values));
     }
 
@@ -373,7 +376,8 @@ private:
                         uint64_t referred, uint64_t max)
     {
         const uint64_t known = trace.best == nullptr ? 1 : trace.best->second.last + 1;
-        const auto room = static_cast<uint64_t>(next_table(as_offset(start)) - as_offset(start));
+        const auto next = static_cast<uint64_t>(next_table(as_offset(start)));
+        const uint64_t room = next - std::min(next, start);
         const uint64_t most = std::max<uint64_t>(std::min(max, room / SIZE_4K), 1);
         const uint64_t least = std::min(std::max(known, referred), most);
         std::vector<Values> values = {value_of(
@@ -386,7 +390,9 @@ private:
                             : lower(trace.certainty, end_of(as_offset(start + known * SIZE_4K)));
         }
         if (known != most || least != most) {
-            values.push_back({std::min(known, most), most, "what has room before the next table"});
+            const bool is_placed = trace.certainty == Certainty::certain;
+            values.push_back({is_placed ? std::min(known, most) : 1, is_placed ? most : max,
+                              "what has room before the next table"});
         }
         return to_.add(key, certainty, std::move(values));
     }
