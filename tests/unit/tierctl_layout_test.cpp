@@ -5,10 +5,12 @@
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/diff/diff.h"
-#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/entry/rebuild.h"
+#include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/map/map.h"
+#include "zu_tierctl/plan/apply.h"
 #include "zu_tierctl/plan/plan.h"
+#include "zu_tierctl/plan/undo.h"
 #include "zu_tierctl/revert/revert.h"
 #include "zu_tierctl/save/save.h"
 #include "zu_tierctl/template/template.h"
@@ -283,8 +285,8 @@ TEST_F(FourthLayout, Plan)
     const tierctl::Metadata metadata = tierctl::read_metadata(opened);
     const auto block_of = [&](const tierctl::Step &step) {
         const tierctl::Table &table = tierctl::find_table(metadata.tables, step.table);
-        const auto made = step.block ? step.block
-                                     : rebuild(opened, metadata, table, *step.keys, false).block;
+        const auto made =
+            step.block ? step.block : rebuild(opened, metadata, table, *step.keys, false).block;
         return Block(*made);
     };
     const auto left = tierctl::make_plan(opened, metadata, nullptr, false).steps;
@@ -300,6 +302,34 @@ TEST_F(FourthLayout, Plan)
     EXPECT_EQ(freed[1].action, tierctl::Action::free);
     EXPECT_EQ(freed[1].lost, "what is cached in box 5, written back or not");
     EXPECT_EQ(block_of(freed[1]), boxes);
+}
+
+// The same, carried out and taken back.
+TEST_F(FourthLayout, ApplyAndUndo)
+{
+    const auto sound = device.bytes();
+    Block shelf = device.block(DEPOT.shelves_at);
+    shelf[offsetof(DepotShelf, label)] ^= 0x20;
+    device.write(DEPOT.shelves_at, shelf);
+    put_box(device, 0, 5, box_word(1, 3, 9));
+    const auto damaged = device.bytes();
+    const std::string plan = device.directory().write(
+        "plan", printed([this] {
+            tierctl::plan({.device = device.path(), .free_lost = true, .release = "1"});
+        }));
+    const std::string undo = device.directory().path("undo");
+    const tierctl::ApplyOptions dry{.plan = plan, .device = device.path(), .undo = undo};
+    const std::string shown = printed([&dry] { tierctl::apply(dry); });
+    EXPECT_NE(shown.find("box[5].weight: 9 -> 0\n"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("\nfindings                                    0\n"), std::string::npos)
+        << shown;
+    EXPECT_TRUE(device.bytes() == damaged);
+    tierctl::ApplyOptions committed = dry;
+    committed.commit = true;
+    printed([&committed] { tierctl::apply(committed); });
+    EXPECT_TRUE(device.bytes() == sound);
+    printed([&] { tierctl::undo({.file = undo, .device = device.path(), .commit = true}); });
+    EXPECT_TRUE(device.bytes() == damaged);
 }
 
 TEST_F(FourthLayout, TemplateOfADamagedSuperBlock)
