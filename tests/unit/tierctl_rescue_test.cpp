@@ -216,7 +216,7 @@ TEST_P(RescueSamples, AreRightOrSaySo)
     Engine random(GetParam().back());
     Tally tally;
     Tally whole; // of devices with no damage but to the super block
-    for (unsigned round = 0; round < rounds(15); ++round) {
+    for (unsigned round = 0; round < rounds(10); ++round) {
         Lost lost(random, GetParam());
         const bool damaged = below(random, 3) != 0;
         if (damaged)
