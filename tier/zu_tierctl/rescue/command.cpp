@@ -38,9 +38,7 @@ void add_rescue(CLI::App &app, int *status)
     command->get_formatter()->column_width(32);
     add_operand(*command, "DEVICE", options->device, "Device, or image of one");
     command->add_option("--uuid", options->uuid, "Identity of the cache")->type_name("UUID");
-    command
-        ->add_option("--ssd-uuid", options->ssd_uuid,
-                     "Identity of the SSD, 38 characters, as lvs shows it")
+    command->add_option("--ssd-uuid", options->ssd_uuid, "Identity of the SSD, 38 characters")
         ->type_name("TEXT");
     command
         ->add_option("--ctime", options->ctime,
