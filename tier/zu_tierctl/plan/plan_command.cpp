@@ -27,7 +27,7 @@ constexpr const char PLAN_FOOTER[] =
     "\n"
     "Example:\n"
     "  zu_tierctl plan /dev/nvme0n1 --from before.img >repair.plan\n"
-    "  jq -r '[.action, .class, .table, .no, .reason] | @tsv' repair.plan";
+    "  jq -r 'select(.action) | [.action, .class, .table, .no, .reason] | @tsv' repair.plan";
 
 } // namespace
 
@@ -47,7 +47,7 @@ void add_plan(CLI::App &app)
                       "refers to these");
     command->add_option("--only", *only, "Leave out the steps that are not certain")
         ->check(CLI::IsMember({"certain"}))
-        ->type_name("certain");
+        ->type_name("CLASS");
     options->release = ZU_TIER_RELEASE;
     command->callback([options, only] {
         options->only_certain = !only->empty();
