@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
 # Runs sweeps, on the release build or on the programs of the sanitizer build, and counts their runs
 # of the tool: every failure of input, output and allocation, every moment to be killed, every kind
-# of damage, every number of a repair file; and plans of repairs against what was there, in 10,000
-# rounds of random damage for each layout.
+# of damage, every number of a repair file; and what the companion makes of random damage against
+# what was there: 10,000 plans, 1,000 lost super blocks and 100,000 flips of bits for each layout.
 #
-#   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration|plan]...
+#   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration|plan|rescue|mend]...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 . scripts/shards.sh
 
 declare -A suites=([io]='*IoSweep*' [memory]='*MemorySweep*' [kill]='*KillSweep*'
-    [damage]='*Damaged*' [configuration]='*Configuration*' [plan]='*PlanProperty*')
+    [damage]='*Damaged*' [configuration]='*Configuration*' [plan]='*PlanProperty*'
+    [rescue]='*RescueSamples*' [mend]='Mend.*')
 programs=build
 
 sanitize=false
@@ -19,7 +20,7 @@ if [ "${1-}" = --sanitize ]; then
     sanitize=true
     shift
 fi
-[ $# -gt 0 ] || set -- io memory kill damage configuration plan
+[ $# -gt 0 ] || set -- io memory kill damage configuration plan rescue mend
 for sweep in "$@"; do
     [ -n "${suites[$sweep]-}" ] || {
         echo "There is no sweep \"$sweep\"." >&2
@@ -38,13 +39,16 @@ if $sanitize; then
     export ZU_TIER_PROGRAMS=$PWD/build-sanitize
     programs=build-sanitize
 fi
-export ZU_TIER_PLAN_ROUNDS=10000
+export ZU_TIER_PLAN_ROUNDS=10000 ZU_TIER_RESCUE_SAMPLES=1000 ZU_TIER_FLIPS=100000
 
 all_failed=0
 for sweep in "$@"; do
     passed=0 failed=0 runs=0 SECONDS=0
     tests=build/sweep_tests
-    [ "$sweep" != plan ] || tests=$programs/unit_tests # these call the functions, not the programs
+    case $sweep in plan | rescue | mend) # these call the functions, not the programs
+        tests=$programs/unit_tests
+        ;;
+    esac
     GTEST_FILTER=${suites[$sweep]} run_tests "$sweep sweep" "$tests"
     echo "$runs runs in $passed tests that passed and $failed that failed, $SECONDS s"
     all_failed=$((all_failed + failed))
