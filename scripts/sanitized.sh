@@ -15,7 +15,9 @@ build() {
 # starts are watched and counted. Runs at the same time add up their counts; a killed one has none.
 run_sanitized_tests() {
     find build-sanitize -name '*.gcda' -delete
-    # All zones of the machine, and every bit of the largest blocks, take long and reach the same code.
+    # All zones of the machine, every bit of the largest blocks and many rounds of random damage take
+    # long and reach the same code.
+    local -x ZU_TIER_FLIPS=500 ZU_TIER_PLAN_ROUNDS=50 ZU_TIER_RESCUE_SAMPLES=5
     GTEST_FILTER='-*.EveryZoneOfTheMachine:*.EveryBitIsToldInLayoutV3:TemplateOfEveryWord.V3' \
         run_tests "unit, under the sanitizers" build-sanitize/unit_tests
     local -x ZU_TIER_PROGRAMS=$PWD/build-sanitize

@@ -24,17 +24,12 @@ namespace {
 
 constexpr std::size_t PAIRS_MAX = 371; // covered bytes in which two bits are found
 
-// Flips of each kind in each record, of which there are twenty: 200,000 of each kind. The
-// sanitizers make them slow. The figures of docs/reliability.md are those of a million.
+// Flips of each kind in each record, of which there are twenty: 200,000 of each kind. The figures of
+// docs/reliability.md are those of a million.
 std::size_t rounds()
 {
     const char *chosen = std::getenv("ZU_TIER_FLIPS");
-#ifdef __SANITIZE_ADDRESS__
-    constexpr std::size_t USUAL = 500;
-#else
-    constexpr std::size_t USUAL = 10'000;
-#endif
-    return chosen == nullptr ? USUAL : std::stoul(chosen);
+    return chosen == nullptr ? 10'000 : std::stoul(chosen);
 }
 
 // Sound slots of an entry of a table, with anything but its names in them.
