@@ -90,7 +90,7 @@ TEST_P(Apply, TheWayBackAndOn)
     expect_device(good);
     expect_done(run_undo({"--commit"}), bad);
     EXPECT_EQ(run_undo({"--commit"}).err,
-              "zu_tierctl: nothing to do: every block is as it was before\n");
+              "zu_tierctl: nothing to do: every block that could be read before is as it was\n");
     expect_done(run_apply({"--commit"}), good);
 }
 
@@ -391,6 +391,41 @@ TEST_F(ApplyV1, LinesThatAreNoSteps)
     refused("\"inode\"", "\"node\"", "table \"node\" is unknown in layout v1");
     refused("\"copy\"", "\"steal\"", "action \"steal\" is unknown");
     refused("\"lost\":\"\",", "", "lost is missing");
+}
+
+// The second would write over what the first has written, and undo could take back neither.
+TEST(ApplyV3, StepsOfOneBlock)
+{
+    Cache cache = make_cache("v3");
+    const TableModel &super = model(3, "super");
+    const TempDir directory;
+    const auto expect_refused = [&](const std::string &field, const std::string &value_of,
+                                    std::uint64_t value, const std::vector<std::string> &tables,
+                                    const std::string &complaint) {
+        SCOPED_TRACE(value_of);
+        Block super_block = cache.device.block(SUPER_OFFSET);
+        put_number(super_block, super.field(field), value);
+        seal(super, super_block, super_block);
+        std::vector<PlanStep> steps;
+        for (const std::string &table : tables)
+            steps.push_back({table, 0, static_cast<std::int64_t>(value), {}, {}});
+        const std::string plan =
+            directory.write("plan", plan_text({"v3", cache.device.size(), super_block}, steps));
+        Device device(cache.device.size());
+        device.write(0, cache.device.bytes());
+        device.write(SUPER_OFFSET, super_block);
+        const auto before = device.bytes();
+        expect_complaint(
+            run_ctl({"apply", plan, device.path(), "--commit", "--undo", directory.path("undo")}),
+            1, plan + complaint);
+        EXPECT_TRUE(device.bytes() == before);
+        EXPECT_FALSE(fs::exists(directory.path("undo")));
+    };
+    const auto shards = static_cast<std::uint64_t>(cache.offset("shard", 0));
+    expect_refused("extent_table_offset", "two tables", shards, {"shard", "extent"},
+                   text(", line 3: another step writes the block at %lu already", shards));
+    expect_refused("brick_table_offset", "the super block", SUPER_OFFSET, {"brick"},
+                   ", line 2: brick 0 lies on the super block");
 }
 
 // A line twice: the first would be written over.

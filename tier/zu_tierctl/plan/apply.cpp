@@ -31,6 +31,9 @@ public:
                                                 {}},
           metadata_(require_device(device_, options.plan, undo_))
     {
+        for (const Step &step : plan_.steps) {
+            steps_[{step.table, step.no}] = &step;
+        }
     }
 
     void run()
@@ -74,6 +77,12 @@ private:
         }
         undo_ = std::move(found);
         require_device(device_, options_.undo, undo_);
+        for (const Change &change : undo_.changes) {
+            if (!steps_.contains({change.table, change.no})) {
+                throw std::runtime_error(fmt::format("{} has {}, of which {} has no step",
+                                                     options_.undo, change.name(), options_.plan));
+            }
+        }
         return true;
     }
 
@@ -130,9 +139,6 @@ private:
 
     void show(Rewrite &rewrite)
     {
-        for (const Step &step : plan_.steps) {
-            steps_[{step.table, step.no}] = &step;
-        }
         rewrite.show([this](const Change &change) { return note(change); }, options_.commit);
     }
 

@@ -386,6 +386,7 @@ private:
             const Rebuilt rebuilt = rebuild(device_, metadata_, table, keys, false);
             if (rebuilt.block && *rebuilt.block == block) {
                 step.keys = std::move(keys);
+                step.makes = zutr_crc32(block.data(), SIZE_4K);
                 return;
             }
         }

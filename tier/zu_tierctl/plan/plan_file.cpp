@@ -174,6 +174,10 @@ void read_block(Members &members, const Table &table, Step &step)
     }
     if (members.has("keys")) {
         step.keys = members.take("keys", &Json::is_object, "object").dump();
+        if (members.has("makes")) {
+            step.makes = static_cast<uint32_t>(
+                members.number("makes", std::numeric_limits<uint32_t>::max()));
+        }
     } else {
         step.block = members.block("block");
         if (members.has("fields")) {
@@ -201,6 +205,9 @@ void require_slot(const Plan &plan, const Table &table, const Step &step)
     if (step.action != Action::leave && !is_on_device) {
         throw std::runtime_error(fmt::format("{} at {} is no block of a device of {} bytes", name,
                                              step.offset, plan.size));
+    }
+    if (step.action != Action::leave && step.offset == TIER_SUPER_OFFSET) {
+        throw std::runtime_error(name + " lies on the super block");
     }
 }
 
@@ -332,6 +339,9 @@ std::string step_line(const Step &step, std::string_view fields)
     line += fmt::format(R"(,"class":"{}","reason":{},"lost":{})", certainty_name(step.certainty),
                         json_text(step.reason), json_text(step.lost));
     line += step.unreadable ? ",\"unreadable\":true" : fmt::format(",\"crc\":{}", step.crc);
+    if (step.makes) {
+        line += fmt::format(",\"makes\":{}", *step.makes);
+    }
     if (step.keys) {
         line += ",\"keys\":" + *step.keys;
     } else {
@@ -349,10 +359,15 @@ Plan read_plan(const std::string &path)
     }
     const std::vector<Table> tables = tables_of(*find_layout(plan.layout), plan.super_block.data());
     std::set<std::pair<std::string, uint64_t>> slots;
+    std::set<int64_t> blocks; /* that are written */
     while (read_next(lines, [&](const std::string &line) {
         Step step = read_step(line, plan, tables);
         if (!slots.emplace(step.table, step.no).second) {
             throw std::runtime_error(fmt::format("{} {} has a step already", step.table, step.no));
+        }
+        if (step.action != Action::leave && !blocks.insert(step.offset).second) {
+            throw std::runtime_error(
+                fmt::format("another step writes the block at {} already", step.offset));
         }
         step.line = lines.no();
         plan.steps.push_back(std::move(step));

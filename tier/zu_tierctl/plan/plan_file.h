@@ -36,6 +36,7 @@ struct Step {
     Action action = Action::leave;
     Certainty certainty = Certainty::none;
     std::optional<std::string> keys{}; /* a repair file that makes every byte of the block, */
+    std::optional<uint32_t> makes{};   /* with this CRC-32 of all 4096 bytes; */
     std::optional<Block> block{};      /* or else the block itself */
     std::string reason{};
     std::string lost{}; /* what the step gives up; empty: nothing */
@@ -57,9 +58,9 @@ std::string plan_header_line(const Plan &plan, std::string_view release, std::st
 /* The line of a step. `fields` shows the block of a step that has one, as a JSON object. */
 std::string step_line(const Step &step, std::string_view fields);
 
-/* Reads a plan. Every step has a slot of its own, which lies on the device where the super block of
- * the header places it; the super block itself is no step. Throws a sentence that names the line
- * otherwise. */
+/* Reads a plan. Every step has a slot and a block of its own, which lies on the device where the
+ * super block of the header places it, and is not that of the super block. Throws a sentence that
+ * names the line otherwise. */
 Plan read_plan(const std::string &path);
 
 } // namespace tierctl

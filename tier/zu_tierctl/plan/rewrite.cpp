@@ -36,7 +36,7 @@ void require_slot(const Metadata &metadata, const std::string &source, const Cha
 {
     const auto table = std::ranges::find(metadata.tables, change.table, &Table::name);
     if (table == metadata.tables.end() || change.no >= table->count() ||
-        change.offset != table->slot(change.no)) {
+        change.offset != table->slot(change.no) || change.offset == TIER_SUPER_OFFSET) {
         throw std::runtime_error(fmt::format("{} has {} at byte {}, where there is none", source,
                                              change.name(), change.offset));
     }

@@ -1,5 +1,6 @@
 #include "zu_tierctl/plan/step_block.h"
 
+#include "common/zutr_crc32.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/rebuild.h"
 
@@ -139,6 +140,11 @@ Block build(const Device &device, const Metadata &metadata, const Table &table, 
     if (rebuilt.offset != step.offset) {
         throw std::runtime_error(fmt::format(
             "its keys are those of the block at byte {}, not at {}", rebuilt.offset, step.offset));
+    }
+    if (step.makes && zutr_crc32(rebuilt.block->data(), SIZE_4K) != *step.makes) {
+        throw std::runtime_error(
+            "its keys no longer make the block of the plan: they were changed, "
+            "perhaps by a program that rounds numbers beyond 2^53");
     }
     return *rebuilt.block;
 }

@@ -55,7 +55,7 @@ void undo(const UndoOptions &options)
     Rewrite rewrite(device, metadata, undo.changes, &Change::before);
     rewrite.show([](const Change &) { return std::string(); }, options.commit);
     if (rewrite.left() == 0) {
-        complain("nothing to do: every block is as it was before");
+        complain("nothing to do: every block that could be read before is as it was");
     } else if (options.commit) {
         rewrite.write("the same command goes on from here");
     } else {
