@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 namespace tier_test {
@@ -46,6 +47,16 @@ std::unique_ptr<LoopDevice> LoopDevice::attach(const std::string &image)
     return fd < 0 ? nullptr : std::unique_ptr<LoopDevice>(new LoopDevice(path, fd));
 }
 
-LoopDevice::~LoopDevice() { close(fd_); }
+LoopDevice::~LoopDevice()
+{
+    set_read_only(false);
+    close(fd_);
+}
+
+bool LoopDevice::set_read_only(bool is_read_only) const
+{
+    const int value = is_read_only ? 1 : 0;
+    return ioctl(fd_, BLKROSET, &value) == 0;
+}
 
 } // namespace tier_test

@@ -17,6 +17,9 @@ public:
 
     const std::string &path() const { return path_; }
 
+    // From now on, or for writing again. The kernel keeps it for the next image.
+    bool set_read_only(bool is_read_only) const;
+
 private:
     LoopDevice(std::string path, int fd) : path_(std::move(path)), fd_(fd) {}
 

@@ -187,15 +187,17 @@ TEST_P(Apply, WhatIsAsItShallBe)
 
 TEST_P(Apply, OtherDevices)
 {
-    Cache other = make_cache(cache.layout);
-    Block super_block = other.device.block(SUPER_OFFSET);
-    super_block[80] ^= 1; // of an identity or a time
-    seal(model(cache.layout[1] - '0', "super"), super_block, super_block);
-    const PlannedDevice another{cache.layout, cache.device.size(), super_block};
-    directory.write("plan", plan_text(another, steps));
-    expect_refused(is_other(plan));
-    directory.write("undo", undo_file(another, "", steps));
-    expect_undo_refused(is_other(undo));
+    const TableModel &super = model(cache.layout[1] - '0', "super");
+    for (const char *field : {"uuid", "inode_cnt", "version"}) {
+        SCOPED_TRACE(field);
+        Block super_block = block_of("super", 0);
+        super_block[super.field(field).byte] ^= 1;
+        seal(super, super_block, super_block);
+        const PlannedDevice another{cache.layout, cache.device.size(), super_block};
+        directory.write("undo", undo_file(another, "", steps));
+        expect_undo_refused(is_other(undo));
+        fs::remove(undo);
+    }
     PlannedDevice larger = planned();
     larger.size += BLOCK_SIZE;
     const auto has = [&](const std::string &file) {
@@ -207,6 +209,31 @@ TEST_P(Apply, OtherDevices)
     fs::remove(undo);
     directory.write("plan", plan_text(larger, steps));
     expect_refused(has(plan));
+}
+
+// What else has changed in the super block, as a time, makes the plan an old one, but does not bar
+// the way back, or on, from what was begun.
+TEST_P(Apply, AnotherTimeInTheSuperBlock)
+{
+    const std::string whole = directory.read("plan");
+    const auto change = [this](std::vector<std::uint8_t> &bytes) {
+        Block block = block_of("super", 0);
+        const TableModel &super = model(cache.layout[1] - '0', "super");
+        block[super.field("ctime").byte] ^= 0x10;
+        seal(super, block, block);
+        std::ranges::copy(block, bytes.begin() + SUPER_OFFSET);
+        cache.device.write(SUPER_OFFSET, block);
+    };
+    expect_done(run_apply({"--commit"}), good);
+    change(bad);
+    const std::string begun = directory.read("undo");
+    fs::remove(undo);
+    expect_refused(is_other(plan));
+    directory.write("undo", begun);
+    expect_done(run_undo({"--commit"}), bad);
+    const std::string longer = path; // the device has grown
+    fs::resize_file(longer, bad.size() + 8 * BLOCK_SIZE);
+    EXPECT_EQ(run_undo({"--commit"}).status, 0);
 }
 
 // Keys, given to the tool's own parser
@@ -307,17 +334,32 @@ TEST_P(Apply, BlocksThatAreNoSoundEntries)
     block = sound;
     put_number(block, inode.field(inode.owner), 3);
     seal(inode, super_block, block);
-    refused(block, " has an error that is not there now: it refers to brick 3, but they end before "
-                   "3 (owner)");
-    // What is free refers to nothing.
+    refused(block,
+            " has an error that is not there now: it refers to brick 3, which does not exist "
+            "(inode_of_missing_brick)");
+    // What is free refers to nothing, but something refers to it.
     put_number(block, inode.field(inode.use), 0);
     seal(inode, super_block, block);
     steps[1].after = block;
     write_plan();
+    const RunResult owner = run_apply({"--commit"});
+    EXPECT_EQ(owner.status, 1);
+    EXPECT_TRUE(owner.err.starts_with("zu_tierctl: " + plan + ", line 3, inode 2: with its block "))
+        << owner;
+    EXPECT_NE(
+        owner.err.find(" has an error that is not there now: it refers to inode 2, which is free"),
+        std::string::npos)
+        << owner;
+    put_number(block, inode.field(inode.number), 4);
+    seal(inode, super_block, block);
+    zero("inode", 4);
+    steps.back().after = block;
+    steps = {steps.back()};
+    write_plan();
     EXPECT_EQ(run_apply().status, 0);
 }
 
-// Packed entries, each by itself. An error of the block that is there already may stay.
+// Packed entries, each by itself. An error that an entry has already may stay.
 TEST(ApplyV3, BlocksWithErrors)
 {
     Cache cache = make_cache("v3");
@@ -333,24 +375,40 @@ TEST(ApplyV3, BlocksWithErrors)
         directory.write("plan", plan_text(device, {step}));
         return run_ctl({"apply", plan, cache.device.path(), "--undo", undo});
     };
-    const ExtentBlockV3 sound{{{.slot = 7, .shard = 1, .bitmap = 1}}};
+    const ExtentBlockV3 sound{{{.slot = 7, .lba = 5, .shard = 513, .bitmap = 1}}};
     const auto refused = [&](const ExtentBlockV3 &then, const std::string &error) {
         expect_complaint(run_with(sound, then), 1,
-                         plan +
-                             ", line 2, extent 2: its block has an error that is not there "
-                             "now: " +
-                             error);
+                         plan + ", line 2, extent 2: its extent " + error);
         EXPECT_EQ(run_with(then, {{then.extents.front(), sound.extents.front()}}).status, 0);
+        // The same error of another entry, or of a block with a wrong checksum, excuses nothing.
+        ExtentBlockV3 others = then;
+        others.extents.front().slot = 400;
+        EXPECT_EQ(run_with(others, then).status, 1);
+        EXPECT_EQ(run_with(sound, sound).status, 0);
+        Block damaged = encode(then);
+        for (std::size_t at = 4000; at < 4010; ++at)
+            damaged[at] ^= 0x55;
+        cache.device.write(place, damaged);
+        const PlannedDevice device{"v3", cache.device.size(), cache.device.block(SUPER_OFFSET)};
+        directory.write("plan", plan_text(device, {{"extent", 2, cache.offset("extent", 2), damaged,
+                                                    encode(then)}}));
+        EXPECT_EQ(run_ctl({"apply", plan, cache.device.path(), "--undo", undo}).status, 1);
     };
     refused({{{.slot = 1, .shard = shards, .bitmap = 1}}},
-            text("it refers to shard %u, but they end before %u (owner)", shards, shards));
+            text("%u has an error that is not there now: it refers to shard %u, which does not "
+                 "exist (extent_of_missing_shard)",
+                 2 * 512 + 1, shards));
     refused({{{.slot = 511, .dirty = 1, .in_use = 0}}},
-            "it is free, but dirty: not yet written back (free_but_dirty)");
-    refused({{{.slot = 2, .shard = 1, .dirty = 1}}},
-            "it is dirty, but its bitmap is empty: there is nothing to write back "
-            "(dirty_but_empty)");
+            text("%u has an error that is not there now: it is free, but dirty: not yet written "
+                 "back (free_but_dirty)",
+                 2 * 512 + 511));
+    refused({{{.slot = 2, .shard = 513, .dirty = 1}}},
+            text("%u has an error that is not there now: it is dirty, but its bitmap is empty: "
+                 "there is nothing to write back "
+                 "(dirty_but_empty)",
+                 2 * 512 + 2));
     // What is only odd is written.
-    EXPECT_EQ(run_with(sound, {{{.slot = 2, .shard = 1, .dm_err = 1}}}).status, 0);
+    EXPECT_EQ(run_with(sound, {{{.slot = 2, .shard = 513, .dm_err = 1}}}).status, 0);
 }
 
 // Of a super block with sizes that no entry can have.
@@ -370,7 +428,7 @@ TEST(ApplyV2, EntriesThatDoNotFitTheirSlots)
                                           {{"extent", 0, offset, block, block}}));
     expect_complaint(
         run_ctl({"apply", plan, cache.device.path(), "--undo", directory.path("undo")}), 1,
-        plan + ", line 2, extent 0: entries of extent do not fit their slots");
+        plan + ", line 2: entries of extent do not fit their slots");
 }
 
 TEST_F(ApplyV1, LinesThatAreNoSteps)
@@ -425,7 +483,7 @@ TEST(ApplyV3, StepsOfOneBlock)
     expect_refused("extent_table_offset", "two tables", shards, {"shard", "extent"},
                    text(", line 3: another step writes the block at %lu already", shards));
     expect_refused("brick_table_offset", "the super block", SUPER_OFFSET, {"brick"},
-                   ", line 2: brick 0 lies on the super block");
+                   ", line 2: the super block lies there");
 }
 
 // A line twice: the first would be written over.
@@ -469,7 +527,7 @@ TEST_F(ApplyV1, UndoFilesOfSomethingElse)
     }
     EXPECT_EQ(directory.read("plan"), whole);
     const PlannedDevice other{"v1", cache.device.size() + 1, block_of("super", 0)};
-    directory.write("undo", undo_file(other, whole, steps));
+    directory.write("undo", undo_file(other, whole, {steps[0]}));
     expect_refused(path + text(" has %lu bytes, the device of ", cache.device.size()) + undo +
                    text(" has %lu", other.size));
 }
@@ -477,22 +535,28 @@ TEST_F(ApplyV1, UndoFilesOfSomethingElse)
 // Whatever an undo file with right checksums says, only slots of the tables are read or written.
 TEST_F(ApplyV1, UndoFilesOfSlotsThatAreNone)
 {
-    const auto refused = [&](const std::string &table, std::uint64_t no, std::int64_t offset) {
+    const auto refused = [&](const std::string &table, std::uint64_t no, std::int64_t offset,
+                             const std::string &why) {
         PlanStep step = steps[1];
         step.table = table;
         step.no = no;
         step.offset = offset;
         directory.write("undo", undo_file(planned(), directory.read("plan"), {steps[0], step}));
         const std::string complaint =
-            undo + " has " + table + text(" %lu at byte %ld, where there is none", no, offset);
+            undo + " has " + table + text(" %lu at byte %ld: ", no, offset) + why;
         expect_undo_refused(complaint);
         expect_refused(complaint);
     };
-    refused("inode", 2, steps[1].offset + 4096);
-    refused("inode", 5, cache.offset("inode", 5));
-    refused("inode", ~std::uint64_t{0}, steps[1].offset);
-    refused("node", 2, steps[1].offset);
-    refused("brick", 2, -4096);
+    const std::int64_t place = steps[1].offset;
+    refused("inode", 2, place + 4096,
+            text("offset is %ld, but inode 2 lies at %ld", place + 4096, place));
+    refused("inode", 5, cache.offset("inode", 5), "there is no inode 5: the table has 5 slots");
+    refused("inode", ~std::uint64_t{0}, place,
+            "there is no inode 18446744073709551615: the table has 5 slots");
+    refused("node", 2, place, "there is no table node, but super, brick, inode, extent");
+    refused("brick", 2, -4096,
+            text("offset is -4096, but brick 2 lies at %ld", cache.offset("brick", 2)));
+    refused("super", 0, SUPER_OFFSET, "the super block lies there");
 }
 
 TEST_F(ApplyV1, UndoFilesThatAreDamaged)
@@ -540,6 +604,9 @@ TEST_F(ApplyV1, UndoFilesThatCannotBeMadeOrRead)
     expect_complaint(run_ctl({"undo", directory.path("none"), path}), 1,
                      "cannot open " + directory.path("none") + ": No such file or directory");
     expect_complaint(run_ctl({"apply", plan, path}), 2, "--undo is required");
+    for (const auto &options : {std::vector<std::string>{}, {"--commit"}})
+        expect_complaint(run({"apply", plan, path, "--undo", ""}, options), 2,
+                         "--undo needs the name of a file");
     expect_device(bad);
 }
 
@@ -641,6 +708,41 @@ TEST_F(ApplyV1, WhatCannotBeRead)
     expect_refused(line(3) + ", inode 3: cannot read its block of " + path +
                    ": not in the saved file");
     fs::remove(list);
+}
+
+// Before anything is written, and before an undo file is made.
+TEST_F(ApplyV1, ADeviceThatIsReadOnly)
+{
+    const std::unique_ptr<LoopDevice> loop = LoopDevice::attach(path);
+    if (loop == nullptr)
+        GTEST_SKIP() << "no right to set up a loop device";
+    ASSERT_TRUE(loop->set_read_only(true));
+    expect_complaint(run({"apply", plan, loop->path(), "--undo", undo}, {"--commit"}), 1,
+                     "nothing was written: " + loop->path() + " is read-only");
+    EXPECT_FALSE(fs::exists(undo));
+    EXPECT_EQ(run({"apply", plan, loop->path(), "--undo", undo}, {}).status, 0);
+    expect_device(bad);
+}
+
+// Whoever does not see what is replaced does not replace it.
+TEST_F(ApplyV1, OutputThatIsLost)
+{
+    const auto run_into = [&](const std::string &target) {
+        return run_program("/bin/bash",
+                           {"-c", "set -o pipefail; \"$0\" \"$@\" " + target, ZU_TIERCTL, "apply",
+                            plan, path, "--undo", undo, "--commit"});
+    };
+    const RunResult full = run_into(">/dev/full");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err,
+              "zu_tierctl: nothing was written: cannot write to standard output: No space "
+              "left on device\n");
+    const RunResult closed = run_into("| exec true");
+    EXPECT_EQ(closed.status, 141);
+    EXPECT_EQ(closed.err,
+              "zu_tierctl: nothing was written: cannot write to standard output: Broken pipe\n");
+    expect_device(bad);
+    EXPECT_FALSE(fs::exists(undo));
 }
 
 // A plan that comes from a pipe, as from a filter, is read once.

@@ -8,6 +8,7 @@
 #include <memory>
 
 using namespace tier_test;
+using tierctl::KeptBlock;
 
 namespace {
 
@@ -131,14 +132,14 @@ TEST_F(LaidOver, AreReadInPlaceOfWhatIsThere)
     const auto before = image.bytes();
     tierctl::Device device(image.path(), tierctl::Access::read_only);
     EXPECT_EQ(read(device, 0, 4), "0123");
-    device.lay_over(4096, Aligned(7).data());
-    device.lay_over(3 * 4096, Aligned(8).data());
+    device.lay_over(4096, KeptBlock(Aligned(7).data()));
+    device.lay_over(3 * 4096, KeptBlock(Aligned(8).data()));
     EXPECT_EQ(read(device, 0, 4), "0728");
     EXPECT_EQ(read(device, 0, 1), "0");
     EXPECT_EQ(read(device, 4096, 1), "7");
     EXPECT_EQ(read(device, 4096, 3), "728");
     EXPECT_EQ(read(device, 2 * 4096, 1), "2");
-    device.lay_over(4096, Aligned(9).data());
+    device.lay_over(4096, KeptBlock(Aligned(9).data()));
     EXPECT_EQ(read(device, 0, 3), "092");
     EXPECT_TRUE(image.bytes() == before);
 }
@@ -146,7 +147,7 @@ TEST_F(LaidOver, AreReadInPlaceOfWhatIsThere)
 TEST_F(LaidOver, DoNotMakeTheDeviceLonger)
 {
     tierctl::Device device(image.path(), tierctl::Access::read_only);
-    device.lay_over(4 * 4096, Aligned(7).data());
+    device.lay_over(4 * 4096, KeptBlock(Aligned(7).data()));
     EXPECT_EQ(read(device, 4 * 4096, 1), "");
     EXPECT_EQ(read(device, 3 * 4096, 2), "");
     EXPECT_EQ(read(device, 3 * 4096, 1), "3");
@@ -162,7 +163,7 @@ TEST_F(LaidOver, WhatCannotBeRead)
         R"([{"table":"inode","no":0,"count":1,"offset":4096,"error":"Input/output error"}])");
     tierctl::Device device(image.path(), tierctl::Access::read_only);
     EXPECT_EQ(read(device, 4096, 1), "");
-    device.lay_over(4096, Aligned(7).data());
+    device.lay_over(4096, KeptBlock(Aligned(7).data()));
     EXPECT_EQ(read(device, 4096, 1), "7");
     EXPECT_EQ(read(device, 4096, 2), ""); // block by block
 }

@@ -281,13 +281,12 @@ TEST_F(FourthLayout, Plan)
     device.write(DEPOT.shelves_at, damaged);
     const Block boxes = device.block(DEPOT.boxes_at);
     put_box(device, 0, 5, box_word(1, 3, 9));
-    const tierctl::Device opened(device.path(), tierctl::Access::read_only);
+    tierctl::Device opened(device.path(), tierctl::Access::read_only);
     const tierctl::Metadata metadata = tierctl::read_metadata(opened);
-    const auto block_of = [&](const tierctl::Step &step) {
-        const tierctl::Table &table = tierctl::find_table(metadata.tables, step.table);
-        const auto made =
-            step.block ? step.block : rebuild(opened, metadata, table, *step.keys, false).block;
-        return Block(*made);
+    const auto block_of = [](const tierctl::Step &step) {
+        Block made;
+        step.block->get(made.data());
+        return made;
     };
     const auto left = tierctl::make_plan(opened, metadata, nullptr, false).steps;
     ASSERT_EQ(left.size(), 2U);

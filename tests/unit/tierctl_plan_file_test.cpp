@@ -5,6 +5,7 @@
 #include "temp_dir.h"
 #include "v1_device.h"
 #include "zu_tierctl/device/base64.h"
+#include "zu_tierctl/entry/entry.h"
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -126,9 +127,13 @@ protected:
 TEST_F(PlanFile, WhatIsWrittenIsRead)
 {
     tierctl::Plan plan = make_plan();
-    tierctl::Block block;
-    for (std::size_t i = 0; i < block.size(); ++i)
-        block[i] = static_cast<std::uint8_t>(i * 7);
+    tierctl::Block bytes;
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<std::uint8_t>(i * 7);
+    const tierctl::KeptBlock block(bytes.data());
+    const tierctl::Metadata metadata{
+        tierctl::find_layout("v1"), plan.super_block,
+        tierctl::tables_of(*tierctl::find_layout("v1"), plan.super_block.data())};
     const auto at = [this](std::uint64_t no) { return static_cast<std::int64_t>(inode_at(no)); };
     plan.steps = {
         {.table = "inode",
@@ -159,8 +164,10 @@ TEST_F(PlanFile, WhatIsWrittenIsRead)
         {.table = "super", .no = 0, .offset = BLOCK_SIZE, .reason = "odd"},
     };
     std::string text = header();
-    for (const tierctl::Step &step : plan.steps)
-        text += step_line(step, R"({"a":{"b":[1]}})");
+    for (const tierctl::Step &step : plan.steps) {
+        const tierctl::Table &table = tierctl::find_table(metadata.tables, step.table);
+        text += step_line(step, tierctl::entry_text({metadata, table, step.no, bytes.data()}));
+    }
     const tierctl::Plan read = tierctl::read_plan(dir.write("plan", text));
     EXPECT_EQ(read.layout, plan.layout);
     EXPECT_EQ(read.size, plan.size);
@@ -249,15 +256,27 @@ TEST_F(PlanFile, Members)
     EXPECT_EQ(changed([](auto &object) { object["unreadable"] = true; }), "\"crc\" is unknown");
     EXPECT_EQ(changed([](auto &object) { object["block"] = "x"; }),
               "block is no base64 text of 4096 bytes");
-    EXPECT_EQ(changed([](auto &object) { object["keys"] = "x"; }), "keys is no object");
+    EXPECT_EQ(changed([](auto &object) {
+                  object.erase("block");
+                  object["keys"] = "x";
+              }),
+              "keys is no object");
     EXPECT_EQ(changed([](auto &object) { object["keys"] = ordered_json::object(); }),
-              "\"block\" is unknown");
+              "it has both keys and block: only one can be written");
     EXPECT_EQ(changed([](auto &object) { object["fields"] = 1; }), "fields is no object");
     EXPECT_EQ(changed([](auto &object) { object["note"] = 1; }), "\"note\" is unknown");
     ordered_json object = leave();
     EXPECT_EQ(step_refusal(object.dump()), "it is a plan");
-    object["block"] = step()["block"];
-    EXPECT_EQ(step_refusal(object.dump()), "\"block\" is unknown");
+    for (const char *key :
+         {"class", "lost", "crc", "unreadable", "keys", "makes", "block", "fields"}) {
+        object = leave();
+        object[key] = 1;
+        EXPECT_EQ(step_refusal(object.dump()),
+                  std::string("action leave has no ") + key +
+                      ": to leave an entry as it is, take out its line");
+    }
+    EXPECT_EQ(changed([](auto &changed_step) { changed_step["action"] = "leave"; }),
+              "action leave has no class: to leave an entry as it is, take out its line");
 }
 
 TEST_F(PlanFile, Places)
@@ -284,9 +303,64 @@ TEST_F(PlanFile, BlocksLieOnTheDevice)
     plan.size = inode_at(2) + BLOCK_SIZE - 1;
     const std::string start = tierctl::plan_header_line(plan, "1", "x");
     EXPECT_EQ(refusal(start + step().dump()),
-              text(", line 2: inode 2 at %lu is no block of a device of %lu bytes", inode_at(2),
+              text(", line 2: what lies at %lu is no block of a device of %lu bytes", inode_at(2),
                    plan.size));
     EXPECT_EQ(refusal(start + leave().dump()), "it is a plan");
+}
+
+// As a copy that a full disk or a lost connection has cut off. Whole lines may be missing: an
+// operator takes them out.
+TEST_F(PlanFile, TheLastLineCutShort)
+{
+    ordered_json keys = step();
+    keys.erase("block");
+    keys["keys"] = {{"i_no", 2}};
+    const std::string whole = header() + keys.dump();
+    EXPECT_EQ(refusal(whole), "it is a plan");
+    for (std::size_t length = header().size() + 1; length < whole.size(); ++length)
+        EXPECT_EQ(refusal(whole.substr(0, length)), ", line 2: it is no JSON object") << length;
+}
+
+// What is there to read is not what is written.
+TEST_F(PlanFile, FieldsThatWereChanged)
+{
+    const tierctl::Plan plan = make_plan();
+    const tierctl::Metadata metadata{
+        tierctl::find_layout("v1"), plan.super_block,
+        tierctl::tables_of(*tierctl::find_layout("v1"), plan.super_block.data())};
+    const Block block = device.block(inode_at(2));
+    const tierctl::Table &inodes = tierctl::find_table(metadata.tables, "inode");
+    const auto shown =
+        ordered_json::parse(tierctl::entry_text({metadata, inodes, 2, block.data()}));
+    const auto with = [&](const ordered_json &fields) {
+        return changed([&](auto &object) {
+            object["block"] = base64({reinterpret_cast<const char *>(block.data()), BLOCK_SIZE});
+            object["fields"] = fields;
+        });
+    };
+    EXPECT_EQ(with(shown), "it is a plan");
+    EXPECT_EQ(with(ordered_json::parse(nlohmann::json(shown).dump())), "it is a plan") << "sorted";
+    const std::string complaint = "fields are not those of the block: they are there to read, and "
+                                  "changing them changes nothing";
+    ordered_json edited = shown;
+    edited["no"] = 3;
+    EXPECT_EQ(with(edited), complaint);
+    EXPECT_EQ(with(ordered_json::object()), complaint);
+}
+
+// What its reader gives on is the file to the byte, and empty lines are lines.
+TEST_F(PlanFile, ItsText)
+{
+    const std::string text = header() + std::string(200'000, '\n') + step().dump() + "\n\n";
+    std::string taken;
+    const tierctl::Plan plan = tierctl::read_plan(
+        dir.write("plan", text), [&taken](std::string_view piece) { taken += piece; });
+    EXPECT_TRUE(taken == text);
+    ASSERT_EQ(plan.steps.size(), 1U);
+    EXPECT_EQ(plan.steps[0].line, 200'002U);
+    tierctl::TextSum sum;
+    sum.add(text);
+    EXPECT_EQ(plan.text, sum);
 }
 
 TEST_F(PlanFile, HostileLines)

@@ -104,7 +104,7 @@ public:
         for (std::size_t left = below(DAMAGES) + 1; left > 0; --left)
             damage();
         tally.damaged += damaged_.size();
-        const tierctl::Device device(device_.path(), Access::read_only);
+        tierctl::Device device(device_.path(), Access::read_only);
         const tierctl::Device saved(below(2) == 0 ? saved_.path() : older_.path(),
                                     Access::read_only);
         const bool has_saved = below(3) != 0;
@@ -230,11 +230,15 @@ private:
 
     Block block_of(const tierctl::Device &device, const Step &step) const
     {
-        if (step.block)
-            return *step.block;
+        if (!step.keys) {
+            Block block;
+            step.block->get(block.data());
+            return block;
+        }
         const Table &table = tierctl::find_table(metadata_->tables, step.table);
         const auto rebuilt = rebuild(device, *metadata_, table, *step.keys, false);
         EXPECT_TRUE(rebuilt.block) << *step.keys;
+        EXPECT_EQ(tierctl::KeptBlock(rebuilt.block->data()), *step.block);
         return *rebuilt.block;
     }
 
@@ -288,7 +292,7 @@ private:
     }
 
     // Nothing is left to do about what was written but about whom it refers to.
-    void expect_mended(const tierctl::Device &device, std::vector<std::int64_t> written) const
+    void expect_mended(tierctl::Device &device, std::vector<std::int64_t> written) const
     {
         const tierctl::Plan plan = tierctl::make_plan(device, *metadata_, nullptr, false);
         for (const Step &step : plan.steps) {

@@ -24,8 +24,8 @@ protected:
     UndoFiles()
     {
         undo.size = 1U << 30;
-        undo.plan = PLAN;
-        fill(undo.super_block);
+        undo.plan.add(PLAN);
+        random_block().get(undo.super_block.data());
         for (std::uint64_t no = 0; no < 3; ++no) {
             Change change{"a name of 16 cha",
                           no << 40,
@@ -33,25 +33,30 @@ protected:
                           no == 1,
                           {},
                           {}};
-            fill(change.after);
+            change.after = random_block();
             if (!change.unreadable)
-                fill(change.before);
+                change.before = random_block();
             undo.changes.push_back(change);
         }
-        write(path, undo);
+        write(path, undo, {PLAN.substr(0, 5), PLAN.substr(5)});
         written = read_file(path);
     }
 
-    static void write(const std::string &to, const UndoFile &undo_file)
+    static void write(const std::string &to, const UndoFile &undo_file,
+                      const std::vector<std::string> &pieces)
     {
-        tierctl::NewFile file(to, tierctl::Naming::new_name);
-        tierctl::write_undo_file(file, undo_file);
+        tierctl::NewUndoFile file(to);
+        for (const std::string &piece : pieces)
+            file.add_plan(piece);
+        file.finish(undo_file);
     }
 
-    void fill(tierctl::Block &block)
+    tierctl::KeptBlock random_block()
     {
+        tierctl::Block block;
         for (std::uint8_t &byte : block)
             byte = static_cast<std::uint8_t>(random());
+        return tierctl::KeptBlock(block.data());
     }
 
     // What is said of the file, without its path.
@@ -81,7 +86,7 @@ TEST_F(UndoFiles, AreReadAsTheyWereWritten)
     const UndoFile read = tierctl::read_undo_file(path);
     EXPECT_EQ(read.size, undo.size);
     EXPECT_TRUE(read.super_block == undo.super_block);
-    EXPECT_EQ(read.plan, PLAN);
+    EXPECT_EQ(read.plan, undo.plan);
     ASSERT_EQ(read.changes.size(), 3U);
     for (std::size_t i = 0; i < 3; ++i) {
         const Change &change = read.changes[i];
@@ -96,16 +101,16 @@ TEST_F(UndoFiles, AreReadAsTheyWereWritten)
 TEST_F(UndoFiles, OfNothing)
 {
     const std::string empty = directory.path("empty");
-    write(empty, {});
+    write(empty, {}, {});
     EXPECT_EQ(std::filesystem::file_size(empty), HEAD + BLOCK_SIZE);
     EXPECT_TRUE(tierctl::read_undo_file(empty).changes.empty());
 }
 
 TEST_F(UndoFiles, ReplaceNothing)
 {
-    EXPECT_THROW(write(path, undo), std::runtime_error);
+    EXPECT_THROW(write(path, undo, {}), std::runtime_error);
     undo.changes.back().table = "a name of 17 char";
-    EXPECT_THROW(write(directory.path("other"), undo), std::runtime_error);
+    EXPECT_THROW(write(directory.path("other"), undo, {}), std::runtime_error);
     EXPECT_FALSE(std::filesystem::exists(directory.path("other")));
     EXPECT_TRUE(read_file(path) == written);
 }
@@ -167,6 +172,40 @@ TEST_F(UndoFiles, HugeNumbers)
             EXPECT_EQ(complaint_of(huge), "is damaged: it has another size than its head says");
         }
     }
+}
+
+// Holes take no room: what a head promises may be larger than any memory.
+TEST_F(UndoFiles, HugeHoles)
+{
+    const std::string huge = directory.write("bad", written.substr(0, HEAD));
+    std::string head = written.substr(0, HEAD);
+    const std::uint64_t changes = std::uint64_t{1} << 30;
+    put_u64({reinterpret_cast<std::uint8_t *>(head.data()), HEAD}, 24, 0);
+    put_u64({reinterpret_cast<std::uint8_t *>(head.data()), HEAD}, 32, changes);
+    directory.write("bad", head);
+    std::filesystem::resize_file(huge, HEAD + BLOCK_SIZE + changes * CHANGE);
+    try {
+        tierctl::read_undo_file(huge);
+        ADD_FAILURE() << "it was read";
+    } catch (const std::runtime_error &error) {
+        EXPECT_EQ(error.what(),
+                  huge + " is damaged: the checksum of a block does not match its content");
+    }
+}
+
+// More than is read at a time.
+TEST_F(UndoFiles, LongPlans)
+{
+    const std::string piece(300'000, 'p');
+    const std::string file = directory.path("long");
+    write(file, undo, std::vector<std::string>(10, piece));
+    const UndoFile read = tierctl::read_undo_file(file);
+    EXPECT_EQ(read.plan.length, 10 * piece.size());
+    tierctl::TextSum sum;
+    for (int i = 0; i < 10; ++i)
+        sum.add(piece);
+    EXPECT_EQ(read.plan, sum);
+    EXPECT_EQ(read.changes.size(), 3U);
 }
 
 TEST_F(UndoFiles, OfAnotherVersionOrKind)

@@ -178,8 +178,10 @@ const zutr_crc32_way &zutr_crc32_choose(std::span<const zutr_crc32_way> ways)
     return found != ways.end() ? *found : ways.back();
 }
 
-uint32_t zutr_crc32(const void *data, size_t len)
+uint32_t zutr_crc32(const void *data, size_t len) { return zutr_crc32_append(0, data, len); }
+
+uint32_t zutr_crc32_append(uint32_t crc, const void *data, size_t len)
 {
     static const auto &way = zutr_crc32_choose(WAYS); /* GCOVR_EXCL_BR_LINE: no other thread */
-    return ~way.update(UINT32_MAX, static_cast<const uint8_t *>(data), len);
+    return ~way.update(~crc, static_cast<const uint8_t *>(data), len);
 }

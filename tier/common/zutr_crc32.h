@@ -10,6 +10,9 @@
 /* Over `len` bytes; 0 for an empty range. */
 uint32_t zutr_crc32(const void *data, size_t len);
 
+/* Of a text of which `crc` is the CRC of all that comes before these bytes. */
+uint32_t zutr_crc32_append(uint32_t crc, const void *data, size_t len);
+
 /* A way to compute it: takes the state, which is the inverted CRC of what came before, over `len`
  * more bytes. All ways give the same. */
 struct zutr_crc32_way {

@@ -42,7 +42,12 @@ struct Finding {
     std::string text;
     uint64_t one_bit = 0; /* of the findings, those about an entry that one flipped bit explains, */
     uint64_t two_bits = 0; /* or two */
-    std::string alike{};   /* what joined findings have in common; empty: the shape of the text */
+    /* The other entry that the finding is about: the one referred to, or the first that claims the
+     * same; of no table: none. */
+    std::string_view other_table{};
+    uint64_t other = 0;
+
+    std::string alike{}; /* what joined findings have in common; empty: the shape of the text */
 };
 
 /* What the finding is about: "inode 7", "inode 20..4047 (4028 findings)", "extent 1542 (block 3)",

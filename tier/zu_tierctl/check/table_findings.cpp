@@ -165,6 +165,8 @@ void TableFindings::add_owner(uint64_t owner_no, State state, const EntryPlace &
                 {fmt::format(fmt::runtime(known.kind), table_->name, owner), known.severity}, place,
                 fmt::format("{} {} {}, which {}", referrers_text(others ? others->count : 0), owner,
                             owner_no, known.text));
+            finding.other_table = owner;
+            finding.other = owner_no;
             finding.no_owner = known.severity == Severity::error;
             if (others) {
                 finding.joins = others->joins;
@@ -179,9 +181,13 @@ void TableFindings::add_owner(uint64_t owner_no, State state, const EntryPlace &
 void TableFindings::add_claim(const tier_claim &claim, const uint8_t *entry, uint64_t first,
                               const EntryPlace &place) const
 {
-    add({fmt::format("duplicate_{}", table_->name)}, place,
-        fmt::format("{} {} is also that of {} {}", claim.what,
-                    claimed_value(*table_->row, claim, entry), table_->name, first));
+    Finding finding =
+        about({fmt::format("duplicate_{}", table_->name)}, place,
+              fmt::format("{} {} is also that of {} {}", claim.what,
+                          claimed_value(*table_->row, claim, entry), table_->name, first));
+    finding.other_table = table_->name;
+    finding.other = first;
+    report_->add(finding);
 }
 
 void TableFindings::add_unfit() const

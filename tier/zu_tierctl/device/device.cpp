@@ -11,6 +11,8 @@
 #include <fmt/format.h>
 #include <new>
 #include <span>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,6 +36,15 @@ void refuse_other_kinds(const std::string &path, mode_t mode)
     }
 }
 
+/* A block device that is read-only may be opened for writing all the same. */
+void refuse_read_only(const std::string &path, int fd)
+{
+    int is_read_only = 0;
+    if (ioctl(fd, BLKROGET, &is_read_only) == 0 && is_read_only != 0) {
+        throw std::runtime_error("nothing was written: " + path + " is read-only");
+    }
+}
+
 } // namespace
 
 /* Whatever else there is, a FIFO or a terminal, is not even opened: that may wait, or have effects.
@@ -54,6 +65,9 @@ Device::Device(const std::string &path, Access access) : path_(path)
         throw_errno("cannot open " + path);
     }
     refuse_other_kinds(path, status.st_mode);
+    if (access == Access::exclusive) {
+        refuse_read_only(path, fd_.get());
+    }
     const off_t end = lseek(fd_.get(), 0, SEEK_END);
     if (end < 0) {
         throw_errno("cannot measure " + path);
@@ -104,16 +118,12 @@ bool Device::read(int64_t offset, void *data, size_t length) const
         return false;
     }
     for (; block != end; ++block) {
-        memcpy(static_cast<uint8_t *>(data) + (block->first - offset), block->second.data(),
-               SIZE_4K);
+        block->second.get(static_cast<uint8_t *>(data) + (block->first - offset));
     }
     return true;
 }
 
-void Device::lay_over(int64_t offset, const void *block)
-{
-    memcpy(laid_over_[offset].data(), block, SIZE_4K);
-}
+void Device::lay_over(int64_t offset, const KeptBlock &block) { laid_over_[offset] = block; }
 
 bool is_zero(const uint8_t *block)
 {

@@ -3,6 +3,7 @@
 #include "common/zutr_utils.h"
 #include "zu_tier/format/records.h"
 #include "zu_tierctl/device/fd.h"
+#include "zu_tierctl/device/kept_block.h"
 #include "zu_tierctl/device/unreadable.h"
 
 #include <array>
@@ -17,7 +18,7 @@ namespace tierctl {
 
 enum class Access {
     read_only,
-    exclusive, /* for writing; a block device that is in use is refused */
+    exclusive, /* for writing; a block device that is in use, or read-only, is refused */
 };
 
 /* A device or an image of one: a block device or a regular file, read with direct I/O where
@@ -40,7 +41,10 @@ public:
 
     /* From now on reads give this block of 4096 bytes in place of the one at `offset`, a multiple
      * of 4096. Nothing is written, and a block that lies outside the device stays there. */
-    void lay_over(int64_t offset, const void *block);
+    void lay_over(int64_t offset, const KeptBlock &block);
+
+    /* From now on reads give again what the device has. */
+    void uncover() { laid_over_.clear(); }
 
     /* The only way to write to a device: puts `block` in place of the block at `offset`, which must
      * still be `expected`, or still be unreadable when that is null. Waits until it is there, reads
@@ -61,7 +65,7 @@ private:
     uint64_t size_ = 0;
     Fd fd_;
     UnreadableList unreadable_;
-    std::map<int64_t, std::array<uint8_t, SIZE_4K>> laid_over_; /* by offset */
+    std::map<int64_t, KeptBlock> laid_over_; /* by offset */
 };
 
 /* Whether all bytes of a block of 4096 are zero. */

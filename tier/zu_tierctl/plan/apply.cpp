@@ -6,6 +6,7 @@
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/plan/new_errors.h"
 #include "zu_tierctl/plan/plan_file.h"
 #include "zu_tierctl/plan/rewrite.h"
 #include "zu_tierctl/plan/step_block.h"
@@ -20,16 +21,19 @@ namespace tierctl {
 
 namespace {
 
+bool exists(const std::string &path)
+{
+    std::error_code ignored; /* what cannot be looked up cannot be created either */
+    return std::filesystem::exists(path, ignored);
+}
+
 class Apply {
 public:
     explicit Apply(const ApplyOptions &options)
         : options_(options),
           device_(options.device, options.commit ? Access::exclusive : Access::read_only),
-          plan_(read_plan(options.plan)), undo_{plan_.size,
-                                                plan_.super_block,
-                                                std::move(plan_.text),
-                                                {}},
-          metadata_(require_device(device_, options.plan, undo_))
+          goes_on_(exists(options.undo)), new_undo_(make_undo_file()), plan_(read()),
+          metadata_(require_unchanged(device_, options.plan, plan_.size, plan_.super_block))
     {
         for (const Step &step : plan_.steps) {
             steps_[{step.table, step.no}] = &step;
@@ -38,11 +42,12 @@ public:
 
     void run()
     {
-        if (!is_undo_of_this_plan()) {
+        if (goes_on_) {
+            read_undo();
+        } else {
+            undo_ = {plan_.size, plan_.super_block, plan_.text, {}};
             make_changes();
-            if (options_.commit && !undo_.changes.empty()) { /* better known before the work */
-                new_undo_.emplace(options_.undo, Naming::new_name);
-            }
+            refuse_new_errors();
         }
         if (!options_.commit) {
             hint_in_use(options_.device);
@@ -61,43 +66,63 @@ public:
     }
 
 private:
-    /* Whether the undo file is there, from an earlier run. Its blocks are those to be written: the
-     * tool's parser may make up another identity each time. */
-    bool is_undo_of_this_plan()
+    /* Better known before the work. */
+    std::optional<NewUndoFile> make_undo_file() const
     {
-        std::error_code ignored; /* what cannot be looked up cannot be created either */
-        if (!std::filesystem::exists(options_.undo, ignored)) {
-            refuse_existing(options_.undo); /* as is a link that leads nowhere */
-            return false;
+        if (goes_on_) {
+            return std::nullopt;
         }
-        UndoFile found = read_undo_file(options_.undo);
-        if (found.plan != undo_.plan) {
+        refuse_existing(options_.undo); /* as is a link that leads nowhere */
+        return options_.commit ? std::make_optional<NewUndoFile>(options_.undo) : std::nullopt;
+    }
+
+    Plan read()
+    {
+        return read_plan(options_.plan, [this](std::string_view piece) {
+            if (new_undo_) {
+                new_undo_->add_plan(piece);
+            }
+        });
+    }
+
+    /* The undo file of an earlier run. Its blocks are those to be written: the
+     * tool's parser may make up another identity each time. They were judged by that run, and the
+     * file's checksums say that they are the same. */
+    void read_undo()
+    {
+        undo_ = read_undo_file(options_.undo);
+        if (undo_.plan != plan_.text) {
             throw std::runtime_error(fmt::format("{} is the undo file of another plan than {}",
                                                  options_.undo, options_.plan));
         }
-        undo_ = std::move(found);
-        require_device(device_, options_.undo, undo_);
+        require_same(device_, options_.undo, undo_);
         for (const Change &change : undo_.changes) {
             if (!steps_.contains({change.table, change.no})) {
                 throw std::runtime_error(fmt::format("{} has {}, of which {} has no step",
                                                      options_.undo, change.name(), options_.plan));
             }
         }
-        return true;
+    }
+
+    [[noreturn]] void refuse(const Step &step, std::string_view why) const
+    {
+        throw std::runtime_error(fmt::format("{}, line {}, {} {}: {}", options_.plan, step.line,
+                                             step.table, step.no, why));
     }
 
     void make_changes()
     {
-        for (const Step &step : plan_.steps) {
+        for (Step &step : plan_.steps) {
             if (step.action == Action::leave) {
                 continue;
             }
             try {
                 add_change(step);
             } catch (const std::exception &error) {
-                throw std::runtime_error(fmt::format("{}, line {}, {} {}: {}", options_.plan,
-                                                     step.line, step.table, step.no, error.what()));
+                refuse(step, error.what());
             }
+            step.keys.reset(); /* there may be many */
+            step.block.reset();
         }
     }
 
@@ -109,20 +134,38 @@ private:
         if (!is_read && !step.unreadable) {
             throw_errno("cannot read its block of " + options_.device);
         }
-        const Table &table = find_table(metadata_.tables, step.table);
-        Change change{step.table, step.no, step.offset, !is_read, {}, {}};
-        change.after = make_step_block(device_, metadata_, table, step, is_read ? &now : nullptr);
+        const Block after =
+            make_step_block(device_, metadata_, find_table(metadata_.tables, step.table), step);
+        Change change{step.table, step.no, step.offset, !is_read, {}, KeptBlock(after.data())};
         if (is_read) {
-            if (now == change.after) {
+            if (now == after) {
                 return;
             }
             if (step.unreadable || zutr_crc32(now.data(), SIZE_4K) != step.crc) {
                 throw std::runtime_error("its block of " + options_.device +
                                          " has changed since the plan was made");
             }
-            change.before = now;
+            change.before = KeptBlock(now.data());
         }
         undo_.changes.push_back(std::move(change));
+    }
+
+    void refuse_new_errors()
+    {
+        if (undo_.changes.empty()) {
+            return;
+        }
+        NewBlocks blocks;
+        for (const Change &change : undo_.changes) {
+            blocks[{change.table, change.no}] = {change.offset, &change.after};
+        }
+        const auto errors = NewErrors(device_, metadata_, blocks).find(blocks);
+        for (const Step &step : plan_.steps) {
+            const auto error = errors.find({step.table, step.no});
+            if (error != errors.end()) {
+                refuse(step, error->second);
+            }
+        }
     }
 
     /* What a step is, for people. */
@@ -153,7 +196,7 @@ private:
     void write(Rewrite &rewrite)
     {
         if (new_undo_) {
-            write_undo_file(*new_undo_, undo_);
+            new_undo_->finish(undo_);
         }
         if (!sync_name(options_.undo)) { /* an earlier run may have been killed before it */
             throw_errno("nothing was written: cannot sync the directory of " + options_.undo);
@@ -165,15 +208,22 @@ private:
 
     const ApplyOptions &options_;
     Device device_;
+    bool goes_on_;                        /* where an earlier run ended: its undo file is there */
+    std::optional<NewUndoFile> new_undo_; /* empty: none is made */
     Plan plan_;
-    UndoFile undo_;
     Metadata metadata_;
-    std::optional<NewFile> new_undo_; /* empty: it is that of an earlier run */
+    UndoFile undo_;
     std::map<std::pair<std::string_view, uint64_t>, const Step *> steps_; /* by table and number */
 };
 
 } // namespace
 
-void apply(const ApplyOptions &options) { Apply(options).run(); }
+void apply(const ApplyOptions &options)
+{
+    if (options.undo.empty()) {
+        throw UsageError("--undo needs the name of a file");
+    }
+    Apply(options).run();
+}
 
 } // namespace tierctl

@@ -10,6 +10,7 @@
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/rebuild.h"
 #include "zu_tierctl/entry/selection.h"
+#include "zu_tierctl/plan/new_errors.h"
 #include "zu_tierctl/plan/restore.h"
 #include "zu_tierctl/plan/troubles.h"
 #include "zu_tierctl/revert/same_cache.h"
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -28,6 +30,8 @@ namespace {
 
 /* Of the fields in which two entries differ so many are named. */
 constexpr size_t FIELDS_NAMED = 3;
+
+constexpr size_t IDENTITY_SIZE = 16;
 
 /* What an action makes of a slot. */
 struct Made {
@@ -177,7 +181,7 @@ private:
         return text + (differences.size() == 1 ? " differs" : " differ");
     }
 
-    Made mend(const Slot &slot) const
+    Made mend(const Slot &slot)
     {
         if (!slot.readable || is_zero(slot.block.data())) {
             return {};
@@ -202,7 +206,7 @@ private:
         return made;
     }
 
-    Made copy(const Slot &slot) const
+    Made copy(const Slot &slot)
     {
         if (saved_ == nullptr) {
             return {.reason = "a saved file may have it: --from"};
@@ -223,17 +227,28 @@ private:
                     .reason =
                         fmt::format("{} has the one whose checksum is still stored here", path)};
         }
-        const std::string stale = missing_owner(slot.table, then);
-        if (!stale.empty()) {
-            return {.reason = fmt::format("{} has one, but {}: it is older, and revert copies it "
-                                          "all the same",
-                                          path, stale)};
+        for (const std::string &stale :
+             {missing_owner(slot.table, then), replaced_owner(slot.table, then)}) {
+            if (!stale.empty()) {
+                return {.reason = fmt::format("{} has one, but {}: it is older, and revert copies "
+                                              "it all the same",
+                                              path, stale)};
+            }
         }
         return {.action = Action::copy,
                 .certainty = Certainty::likely,
                 .block = then,
                 .reason = path + " has it as it was then",
-                .lost = "what has changed in it since it was saved"};
+                .lost = joined({misplaced(slot), "what has changed in it since it was saved"})};
+    }
+
+    /* A sound entry that lies in the wrong slot, or is of another table; empty: there is none. */
+    static std::string misplaced(const Slot &slot)
+    {
+        const uint32_t flaws = slot.table.flaws(slot.no, slot.block.data());
+        const bool is_sealed = slot.readable && (flaws & BAD_CHECKSUM) == 0;
+        return text_if(is_sealed, "what lies there, whose checksum is right: wrong is its " +
+                                      flaws_text(flaws));
     }
 
     /* Whether a saved block must be what was here: the checksum that is stored here is its own, and
@@ -252,52 +267,115 @@ private:
 
     /* The first entry in use of a block whose owner is sound and no entry in use, as a sentence;
      * empty: there is none. */
-    std::string missing_owner(const Table &table, const Block &block) const
+    std::string missing_owner(const Table &table, const Block &block)
+    {
+        return find_owner(table, block, [this](const Table &owners, uint64_t owner) {
+            return text_if(
+                !owner_slots(device_, owners).may_own(owner),
+                fmt::format("it refers to {} {}, which is not in use", owners.name, owner));
+        });
+    }
+
+    /* The first owner of a saved block's entries in whose place there is another one by now. */
+    std::string replaced_owner(const Table &table, const Block &then)
+    {
+        return find_owner(table, then, [this](const Table &owners, uint64_t owner) {
+            return text_if(
+                !may_be_same(owners, owner),
+                fmt::format("it refers to {} {}, which was another one then", owners.name, owner));
+        });
+    }
+
+    /* What `text` says of the first owner of which it says anything. */
+    template <class Text>
+    std::string find_owner(const Table &table, const Block &block, const Text &text) const
     {
         if (table.row->owner.table.empty()) {
             return "";
         }
         const Table &owners = find_table(metadata_.tables, table.row->owner.table);
-        OwnerSlot last{owners, device_};
         for (uint32_t k = table.first_word; k < table.end_word; k++) {
             const uint8_t *entry = Table::entry(block.data(), k);
-            const uint64_t owner = table.row->owner.no.get(entry);
-            if (table.in_use(entry) && !last.may_own(owner)) {
-                return fmt::format("it refers to {} {}, which is not in use", owners.name, owner);
+            std::string found =
+                table.in_use(entry) ? text(owners, table.row->owner.no.get(entry)) : "";
+            if (!found.empty()) {
+                return found;
             }
         }
         return "";
     }
 
-    /* Entries that others refer to, read slot by slot. */
-    class OwnerSlot {
+    /* Whether an entry may be the same on the device and in the saved file: by its identity or, if
+     * it has none, by its number within what it refers to. What is damaged may be anything. */
+    bool may_be_same(const Table &table, uint64_t no)
+    {
+        const uint8_t *now = owner_slots(device_, table).entry(no);
+        const uint8_t *then = owner_slots(*saved_, table).entry(no);
+        if (now == nullptr || then == nullptr || !table.in_use(then)) {
+            return true;
+        }
+        const tier_table &row = *table.row;
+        for (const tier_claim &claim : row.claims) {
+            if (claim.type == tier_claim_type::identity) {
+                return memcmp(now + claim.number.at, then + claim.number.at, IDENTITY_SIZE) == 0;
+            }
+            if (claim.number.get(now) != claim.number.get(then)) {
+                return false;
+            }
+        }
+        const uint64_t owner = row.owner.no.get(now);
+        return row.owner.table.empty() ||
+               (owner == row.owner.no.get(then) &&
+                may_be_same(find_table(metadata_.tables, row.owner.table), owner));
+    }
+
+    /* Entries that others refer to, by number. Keeps some of the slots that it has read. */
+    class OwnerSlots {
     public:
-        OwnerSlot(const Table &table, const Device &device) : table_(table), device_(device) {}
+        OwnerSlots(const Device &device, const Table &table) : device_(device), table_(table) {}
 
         /* Whether an entry is in use, or may be: it is damaged or cannot be read. */
         bool may_own(uint64_t no)
         {
-            const uint64_t slot = no / table_.end_word;
-            const auto word = static_cast<uint32_t>(no % table_.end_word);
-            if (slot >= table_.count() || word < table_.first_word) {
+            if (no / table_.end_word >= table_.count() ||
+                no % table_.end_word < table_.first_word) {
                 return false;
             }
-            if (slot != slot_) {
-                slot_ = slot;
-                sound_ = table_.identifies() &&
-                         device_.read(table_.slot(slot), block_.data(), SIZE_4K) &&
-                         table_.flaws(slot, block_.data()) == 0;
+            const uint8_t *found = entry(no);
+            return found == nullptr || table_.in_use(found);
+        }
+
+        /* Null: it is damaged, or cannot be read. Valid until the next call. */
+        const uint8_t *entry(uint64_t no)
+        {
+            const uint64_t slot = no / table_.end_word;
+            if (slots_.size() == SLOTS_MAX) {
+                slots_.clear();
             }
-            return !sound_ || table_.in_use(Table::entry(block_.data(), word));
+            const auto [found, is_new] = slots_.try_emplace(slot);
+            if (is_new) {
+                alignas(SIZE_4K) Block block;
+                if (table_.identifies() && device_.read(table_.slot(slot), block.data(), SIZE_4K) &&
+                    table_.flaws(slot, block.data()) == 0) {
+                    found->second = block;
+                }
+            }
+            const auto word = static_cast<uint32_t>(no % table_.end_word);
+            return found->second ? Table::entry(found->second->data(), word) : nullptr;
         }
 
     private:
-        const Table &table_;
+        static constexpr size_t SLOTS_MAX = 1024;
+
         const Device &device_;
-        std::optional<uint64_t> slot_; /* that was read last */
-        bool sound_ = false;
-        alignas(SIZE_4K) Block block_;
+        const Table &table_;
+        std::map<uint64_t, std::optional<Block>> slots_; /* empty: damaged, or not readable */
     };
+
+    OwnerSlots &owner_slots(const Device &device, const Table &table)
+    {
+        return owner_slots_.try_emplace({&device, table.name}, device, table).first->second;
+    }
 
     /* As the layout's own restore does it. */
     Made restore(const Slot &slot)
@@ -330,8 +408,11 @@ private:
     {
         const Table &table = slot.table;
         if (trouble.orphans.empty()) {
-            return {.reason = "its checksum is right: only a person can say what it should be" +
-                              saved_hint(slot)};
+            return {.reason = !trouble.doubt.empty()
+                                  ? trouble.doubt
+                                  : "its checksum is right: only a person can say what it should "
+                                    "be" +
+                                        saved_hint(slot)};
         }
         if (!free_lost_) {
             return {.reason = "--free-lost makes it free"};
@@ -387,10 +468,9 @@ private:
             if (rebuilt.block && *rebuilt.block == block) {
                 step.keys = std::move(keys);
                 step.makes = zutr_crc32(block.data(), SIZE_4K);
-                return;
             }
         }
-        step.block = block;
+        step.block.emplace(block.data());
     }
 
     const Device &device_;
@@ -399,7 +479,41 @@ private:
     bool free_lost_;
     const std::vector<Cause> &causes_;
     Restorer restorer_;
+    std::map<std::pair<const Device *, std::string_view>, OwnerSlots> owner_slots_; /* by table */
 };
+
+NewBlocks new_blocks(const std::vector<Step> &steps)
+{
+    NewBlocks blocks;
+    for (const Step &step : steps) {
+        if (step.block) {
+            blocks[{step.table, step.no}] = {step.offset, &*step.block};
+        }
+    }
+    return blocks;
+}
+
+/* Leaves the slots to which a step would bring an error: apply would refuse it. */
+void leave_new_errors(Device &device, const Metadata &metadata, std::vector<Step> &steps)
+{
+    NewBlocks blocks = new_blocks(steps);
+    if (blocks.empty()) {
+        return;
+    }
+    NewErrors new_errors(device, metadata, blocks);
+    for (auto errors = new_errors.find(blocks); !errors.empty(); errors = new_errors.find(blocks)) {
+        for (Step &step : steps) {
+            const auto error = errors.find({step.table, step.no});
+            if (error != errors.end()) {
+                step = {.table = step.table,
+                        .no = step.no,
+                        .offset = step.offset,
+                        .reason = step.reason + "; but " + error->second};
+            }
+        }
+        blocks = new_blocks(steps);
+    }
+}
 
 /* "mend 2 certain, 1 likely; copy 256 likely" */
 std::string actions_text(const std::vector<Step> &steps)
@@ -473,9 +587,9 @@ void require_saved(const Device &saved, const Device &device, const Metadata &me
     }
 }
 
-Plan make_plan(const Device &device, const Metadata &metadata, const Device *saved, bool free_lost)
+Plan make_plan(Device &device, const Metadata &metadata, const Device *saved, bool free_lost)
 {
-    Troubles troubles(device.path(), metadata, free_lost);
+    Troubles troubles(device, metadata, free_lost);
     check_metadata({.device = device.path()}, device, metadata, troubles, &troubles);
     for (const Cause &cause : troubles.causes()) {
         if (cause.table == SUPER_TABLE) {
@@ -493,12 +607,13 @@ Plan make_plan(const Device &device, const Metadata &metadata, const Device *sav
             progress.add(1);
         }
     }
+    leave_new_errors(device, metadata, plan.steps);
     return plan;
 }
 
 void plan(const PlanOptions &options)
 {
-    const Device device(options.device, Access::read_only);
+    Device device(options.device, Access::read_only);
     hint_in_use(options.device);
     const Metadata metadata = read_planned(device);
     std::optional<Device> saved;
@@ -517,9 +632,11 @@ void plan(const PlanOptions &options)
     print_text(plan_header_line(plan, options.release, options.device));
     for (const Step &step : plan.steps) {
         std::string fields;
-        if (step.block) {
+        if (step.block && !step.keys) {
+            Block block;
+            step.block->get(block.data());
             const Table &table = find_table(metadata.tables, step.table);
-            fields = entry_text({metadata, table, step.no, step.block->data()});
+            fields = entry_text({metadata, table, step.no, block.data()});
         }
         print_text(step_line(step, fields));
     }

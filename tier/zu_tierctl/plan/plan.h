@@ -17,8 +17,9 @@ struct PlanOptions {
 /* A step for each slot of a device in which a check finds an error, or one that leaves it. `saved`
  * may be null, and is a saved file of the same device: see require_saved(). Says on standard error
  * what explains many of the errors, and throws when the tables are of another layout. Writes
- * nothing. */
-Plan make_plan(const Device &device, const Metadata &metadata, const Device *saved, bool free_lost);
+ * nothing, but lays the blocks over the device meanwhile: a step that would bring an error is left
+ * out. */
+Plan make_plan(Device &device, const Metadata &metadata, const Device *saved, bool free_lost);
 
 /* Throws unless entries can be copied from `saved`: it was saved from this device, under this super
  * block. */

@@ -3,12 +3,14 @@
 #include "zu_tierctl/device/base64.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/entry.h"
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <fmt/format.h>
-#include <fstream>
 #include <limits>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <utility>
@@ -156,13 +158,45 @@ Plan read_header(const std::string &line)
     return plan;
 }
 
-void read_block(Members &members, const Table &table, Step &step)
+/* The members that only a step with a block has. */
+constexpr std::array OF_A_BLOCK = {"class", "lost",  "crc",   "unreadable",
+                                   "keys",  "makes", "block", "fields"};
+
+/* As an operator leaves it who has changed nothing but the action. */
+void refuse_block(const Members &members)
+{
+    for (const char *key : OF_A_BLOCK) {
+        if (members.has(key)) {
+            throw std::runtime_error(fmt::format(
+                "action leave has no {}: to leave an entry as it is, take out its line", key));
+        }
+    }
+}
+
+/* What people read must be what is written. */
+void require_fields(const Metadata &metadata, const Table &table, const Step &step,
+                    const Json &fields)
+{
+    alignas(SIZE_4K) Block block;
+    step.block->get(block.data());
+    const std::string shown = entry_text({metadata, table, step.no, block.data()});
+    if (nlohmann::json::parse(fields.dump()) != nlohmann::json::parse(shown)) {
+        throw std::runtime_error("fields are not those of the block: they are there to read, and "
+                                 "changing them changes nothing");
+    }
+}
+
+void read_block(Members &members, const Metadata &metadata, const Table &table, Step &step)
 {
     if (step.action == Action::leave) {
+        refuse_block(members);
         return;
     }
     if (table.name == SUPER_TABLE) {
         throw std::runtime_error("a plan does not change the super block");
+    }
+    if (!table.identifies()) {
+        throw std::runtime_error(fmt::format("entries of {} do not fit their slots", table.name));
     }
     step.certainty = value_of(CERTAINTIES, certainty_name, "class", members.text("class"));
     if (members.has("unreadable")) {
@@ -172,6 +206,9 @@ void read_block(Members &members, const Table &table, Step &step)
         step.crc =
             static_cast<uint32_t>(members.number("crc", std::numeric_limits<uint32_t>::max()));
     }
+    if (members.has("keys") && members.has("block")) {
+        throw std::runtime_error("it has both keys and block: only one can be written");
+    }
     if (members.has("keys")) {
         step.keys = members.take("keys", &Json::is_object, "object").dump();
         if (members.has("makes")) {
@@ -179,61 +216,46 @@ void read_block(Members &members, const Table &table, Step &step)
                 members.number("makes", std::numeric_limits<uint32_t>::max()));
         }
     } else {
-        step.block = members.block("block");
+        step.block.emplace(members.block("block").data());
         if (members.has("fields")) {
-            members.take("fields", &Json::is_object, "object");
+            require_fields(metadata, table, step,
+                           members.take("fields", &Json::is_object, "object"));
         }
     }
     step.lost = members.text("lost");
 }
 
-/* Throws unless the slot is one of the table, at its place. */
-void require_slot(const Plan &plan, const Table &table, const Step &step)
-{
-    const std::string name = fmt::format("{} {}", table.name, step.no);
-    if (step.no >= table.count()) {
-        throw std::runtime_error(
-            fmt::format("there is no {}: the table has {} slots", name, table.count()));
-    }
-    if (step.offset != table.slot(step.no)) {
-        throw std::runtime_error(
-            fmt::format("offset is {}, but {} lies at {}", step.offset, name, table.slot(step.no)));
-    }
-    const auto offset = static_cast<uint64_t>(step.offset);
-    const bool is_on_device =
-        step.offset >= 0 && step.offset % SIZE_4K == 0 && offset + SIZE_4K <= plan.size;
-    if (step.action != Action::leave && !is_on_device) {
-        throw std::runtime_error(fmt::format("{} at {} is no block of a device of {} bytes", name,
-                                             step.offset, plan.size));
-    }
-    if (step.action != Action::leave && step.offset == TIER_SUPER_OFFSET) {
-        throw std::runtime_error(name + " lies on the super block");
-    }
-}
-
-Step read_step(const std::string &line, const Plan &plan, const std::vector<Table> &tables)
+Step read_step(const std::string &line, const Plan &plan, const Metadata &metadata)
 {
     Members members(parse_line(line));
     Step step{members.text("table"), members.number("no", NUMBER_MAX), members.offset("offset")};
-    const auto table = std::ranges::find(tables, step.table, &Table::name);
-    if (table == tables.end()) {
+    const auto table = std::ranges::find(metadata.tables, step.table, &Table::name);
+    if (table == metadata.tables.end()) {
         throw std::runtime_error(fmt::format("table {} is unknown in layout {}",
                                              tierctl::quoted(step.table), plan.layout));
     }
     step.action = value_of(ACTIONS, action_name, "action", members.text("action"));
-    read_block(members, *table, step);
+    require_slot(*table, step.no, step.offset);
+    read_block(members, metadata, *table, step);
     step.reason = members.text("reason");
     members.end();
-    require_slot(plan, *table, step);
+    if (step.action != Action::leave) {
+        require_writable(plan.size, step.offset);
+    }
     return step;
 }
+
+struct CloseFile {
+    void operator()(FILE *file) const { fclose(file); }
+};
 
 /* Reads a file line by line. */
 class Lines {
 public:
-    explicit Lines(const std::string &path) : path_(path), file_(path, std::ios::binary)
+    Lines(const std::string &path, const TakeText &take)
+        : path_(path), take_(take), file_(fopen(path.c_str(), "re"))
     {
-        if (!file_) {
+        if (file_ == nullptr) {
             throw_errno("cannot read " + path_);
         }
     }
@@ -252,7 +274,7 @@ public:
     }
 
     uint64_t no() const { return no_; } /* of the last line */
-    std::string take_text() { return std::move(text_); }
+    const TextSum &sum() const { return sum_; }
 
     [[noreturn]] void refuse(const std::string &reason) const
     {
@@ -260,29 +282,47 @@ public:
     }
 
 private:
+    /* False at the end of the file; the last line may lack its line feed. */
     bool read(std::string &line)
     {
-        line.clear();
-        errno = 0;
-        for (int c = file_.get(); c != std::ifstream::traits_type::eof(); c = file_.get()) {
-            text_ += static_cast<char>(c);
-            if (c == '\n') {
-                return true;
+        while (true) {
+            if (unread_.empty() && !fill()) {
+                return !line.empty();
             }
-            if (line.size() == LINE_MAX_SIZE) {
+            const size_t end = unread_.find('\n');
+            line += unread_.substr(0, end);
+            if (line.size() > LINE_MAX_SIZE) {
                 refuse("it is longer than any line of a plan");
             }
-            line += static_cast<char>(c);
+            if (end != std::string_view::npos) {
+                unread_.remove_prefix(end + 1);
+                return true;
+            }
+            unread_ = {};
         }
-        if (errno != 0) {
+    }
+
+    bool fill()
+    {
+        const size_t length = fread(buffer_.data(), 1, buffer_.size(), file_.get());
+        if (ferror(file_.get()) != 0) {
             throw_errno("cannot read " + path_);
         }
-        return !line.empty();
+        if (length == 0) {
+            return false;
+        }
+        unread_ = {buffer_.data(), length};
+        sum_.add(unread_);
+        take_(unread_);
+        return true;
     }
 
     const std::string &path_;
-    std::ifstream file_;
-    std::string text_; /* read so far */
+    const TakeText &take_;
+    std::unique_ptr<FILE, CloseFile> file_;
+    std::array<char, size_t{1} << 16> buffer_;
+    std::string_view unread_; /* of the buffer */
+    TextSum sum_;             /* of what was read */
     uint64_t no_ = 0;
 };
 
@@ -345,23 +385,52 @@ std::string step_line(const Step &step, std::string_view fields)
     if (step.keys) {
         line += ",\"keys\":" + *step.keys;
     } else {
-        line += fmt::format(R"(,"fields":{},"block":"{}")", fields, base64_text(*step.block));
+        Block block;
+        step.block->get(block.data());
+        line += fmt::format(R"(,"fields":{},"block":"{}")", fields, base64_text(block));
     }
     return line + "}\n";
 }
 
-Plan read_plan(const std::string &path)
+void require_slot(const Table &table, uint64_t no, int64_t offset)
 {
-    Lines lines(path);
+    const std::string name = fmt::format("{} {}", table.name, no);
+    if (no >= table.count()) {
+        throw std::runtime_error(
+            fmt::format("there is no {}: the table has {} slots", name, table.count()));
+    }
+    if (offset != table.slot(no)) {
+        throw std::runtime_error(
+            fmt::format("offset is {}, but {} lies at {}", offset, name, table.slot(no)));
+    }
+}
+
+void require_writable(uint64_t size, int64_t offset)
+{
+    const bool is_on_device =
+        offset >= 0 && offset % SIZE_4K == 0 && static_cast<uint64_t>(offset) + SIZE_4K <= size;
+    if (!is_on_device) {
+        throw std::runtime_error(
+            fmt::format("what lies at {} is no block of a device of {} bytes", offset, size));
+    }
+    if (offset == TIER_SUPER_OFFSET) {
+        throw std::runtime_error("the super block lies there");
+    }
+}
+
+Plan read_plan(const std::string &path, const TakeText &take)
+{
+    Lines lines(path, take);
     Plan plan{};
     if (!read_next(lines, [&plan](const std::string &line) { plan = read_header(line); })) {
         throw std::runtime_error(path + " is empty: it is no plan");
     }
-    const std::vector<Table> tables = tables_of(*find_layout(plan.layout), plan.super_block.data());
+    const tier_layout &layout = *find_layout(plan.layout);
+    const Metadata metadata{&layout, plan.super_block, tables_of(layout, plan.super_block.data())};
     std::set<std::pair<std::string, uint64_t>> slots;
     std::set<int64_t> blocks; /* that are written */
     while (read_next(lines, [&](const std::string &line) {
-        Step step = read_step(line, plan, tables);
+        Step step = read_step(line, plan, metadata);
         if (!slots.emplace(step.table, step.no).second) {
             throw std::runtime_error(fmt::format("{} {} has a step already", step.table, step.no));
         }
@@ -373,7 +442,7 @@ Plan read_plan(const std::string &path)
         plan.steps.push_back(std::move(step));
     })) {
     }
-    plan.text = lines.take_text();
+    plan.text = lines.sum();
     return plan;
 }
 

@@ -2,8 +2,10 @@
 
 #include "zu_tierctl/entry/mend.h"
 #include "zu_tierctl/entry/metadata.h"
+#include "zu_tierctl/plan/text_sum.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,8 +38,8 @@ struct Step {
     Action action = Action::leave;
     Certainty certainty = Certainty::none;
     std::optional<std::string> keys{}; /* a repair file that makes every byte of the block, */
-    std::optional<uint32_t> makes{};   /* with this CRC-32 of all 4096 bytes; */
-    std::optional<Block> block{};      /* or else the block itself */
+    std::optional<uint32_t> makes{};   /* with this CRC-32 of all 4096 bytes */
+    std::optional<KeptBlock> block{};  /* the block; not of a step with keys that was read */
     std::string reason{};
     std::string lost{}; /* what the step gives up; empty: nothing */
     uint64_t line = 0;  /* of the file that it was read from; the header is line 1 */
@@ -48,19 +50,30 @@ struct Plan {
     uint64_t size; /* of the device, bytes */
     Block super_block;
     std::vector<Step> steps;
-    std::string text{}; /* of the file that it was read from, byte for byte */
+    TextSum text{}; /* of the file that it was read from */
 };
 
 /* The first line of the file. `release` is that of the program and `device` a path; both are for
  * people only. */
 std::string plan_header_line(const Plan &plan, std::string_view release, std::string_view device);
 
-/* The line of a step. `fields` shows the block of a step that has one, as a JSON object. */
+/* The line of a step. `fields` shows the block of a step without keys, as a JSON object. */
 std::string step_line(const Step &step, std::string_view fields);
 
-/* Reads a plan. Every step has a slot and a block of its own, which lies on the device where the
- * super block of the header places it, and is not that of the super block. Throws a sentence that
- * names the line otherwise. */
-Plan read_plan(const std::string &path);
+/* Throws unless the table has such a slot, and it lies there. */
+void require_slot(const Table &table, uint64_t no, int64_t offset);
+
+/* Throws unless that is the place of a block of a device of so many bytes, and not that of its
+ * super block. */
+void require_writable(uint64_t size, int64_t offset);
+
+/* Takes a file piece by piece. */
+using TakeText = std::function<void(std::string_view piece)>;
+
+/* Reads a plan, once, and gives the file's text to `take` on the way. Every step has a slot and a
+ * block of its own, which lies on the device where the super block of the header places it, and is
+ * not that of the super block. Throws a sentence that names the line otherwise. */
+Plan read_plan(
+    const std::string &path, const TakeText &take = [](std::string_view) {});
 
 } // namespace tierctl

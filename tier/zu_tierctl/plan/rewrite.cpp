@@ -5,6 +5,8 @@
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/selection.h"
+#include "zu_tierctl/plan/plan_file.h"
+#include "zu_tierctl/revert/same_cache.h"
 
 #include <algorithm>
 #include <cstring>
@@ -23,42 +25,89 @@ constexpr size_t SECTOR_SIZE = 512;
  * middle of leaves such a block. What could not be read before counts as zeros. */
 bool is_of(const Change &change, const Block &block)
 {
+    Block before;
+    Block after;
+    change.before.get(before.data());
+    change.after.get(after.data());
     for (size_t at = 0; at < SIZE_4K; at += SECTOR_SIZE) {
-        if (memcmp(&block[at], &change.before[at], SECTOR_SIZE) != 0 &&
-            memcmp(&block[at], &change.after[at], SECTOR_SIZE) != 0) {
+        if (memcmp(&block[at], &before[at], SECTOR_SIZE) != 0 &&
+            memcmp(&block[at], &after[at], SECTOR_SIZE) != 0) {
             return false;
         }
     }
     return true;
 }
 
-void require_slot(const Metadata &metadata, const std::string &source, const Change &change)
+void require_change(const Device &device, const Metadata &metadata, const std::string &source,
+                    const Change &change)
 {
-    const auto table = std::ranges::find(metadata.tables, change.table, &Table::name);
-    if (table == metadata.tables.end() || change.no >= table->count() ||
-        change.offset != table->slot(change.no) || change.offset == TIER_SUPER_OFFSET) {
-        throw std::runtime_error(fmt::format("{} has {} at byte {}, where there is none", source,
-                                             change.name(), change.offset));
+    try {
+        require_slot(find_table(metadata.tables, change.table), change.no, change.offset);
+        require_writable(device.size(), change.offset);
+    } catch (const std::exception &error) {
+        throw std::runtime_error(fmt::format("{} has {} at byte {}: {}", source, change.name(),
+                                             change.offset, error.what()));
     }
+}
+
+bool have_same_place(const Table &a, const Table &b)
+{
+    return a.record_length == b.record_length &&
+           std::ranges::equal(a.regions, b.regions,
+                              [](const tier_region &one, const tier_region &other) {
+                                  return one.start == other.start && one.count == other.count;
+                              });
+}
+
+bool are_of_same_cache(const Metadata &metadata, const Block &super_block)
+{
+    if (!is_super(*metadata.layout, super_block)) {
+        return false;
+    }
+    return cache_identity(*metadata.layout, super_block) ==
+               cache_identity(*metadata.layout, metadata.super_block) &&
+           std::ranges::equal(metadata.tables, tables_of(*metadata.layout, super_block.data()),
+                              have_same_place);
+}
+
+void require_size(const Device &device, const std::string &source, uint64_t size, bool is_right)
+{
+    if (!is_right) {
+        throw std::runtime_error(fmt::format("{} has {} bytes, the device of {} has {}",
+                                             device.path(), device.size(), source, size));
+    }
+}
+
+[[noreturn]] void refuse_other(const Device &device, const std::string &source)
+{
+    throw std::runtime_error(
+        fmt::format("the super block of {} is not the one in {}: it is another "
+                    "device, or its super block has changed",
+                    device.path(), source));
 }
 
 } // namespace
 
-Metadata require_device(const Device &device, const std::string &source, const UndoFile &undo)
+Metadata require_unchanged(const Device &device, const std::string &source, uint64_t size,
+                           const Block &super_block)
 {
     Metadata metadata = read_metadata(device);
-    if (metadata.super_block != undo.super_block) {
-        throw std::runtime_error(
-            fmt::format("the super block of {} is not the one in {}: it is another device, or its "
-                        "super block has changed",
-                        device.path(), source));
+    if (metadata.super_block != super_block) {
+        refuse_other(device, source);
     }
-    if (device.size() != undo.size) {
-        throw std::runtime_error(fmt::format("{} has {} bytes, the device of {} has {}",
-                                             device.path(), device.size(), source, undo.size));
+    require_size(device, source, size, device.size() == size);
+    return metadata;
+}
+
+Metadata require_same(const Device &device, const std::string &source, const UndoFile &undo)
+{
+    Metadata metadata = read_metadata(device);
+    if (!are_of_same_cache(metadata, undo.super_block)) {
+        refuse_other(device, source);
     }
+    require_size(device, source, undo.size, device.size() >= undo.size);
     for (const Change &change : undo.changes) {
-        require_slot(metadata, source, change);
+        require_change(device, metadata, source, change);
     }
     return metadata;
 }
@@ -72,7 +121,7 @@ struct Rewrite::Found {
 };
 
 Rewrite::Rewrite(Device &device, const Metadata &metadata, const std::vector<Change> &changes,
-                 Block Change::*target)
+                 KeptBlock Change::*target)
     : device_(device), metadata_(metadata), changes_(changes), target_(target)
 {
 }
@@ -86,7 +135,7 @@ void Rewrite::find(const Change &change, Found &found) const
         found.is_there = true;
         return;
     }
-    found.is_there = found.is_read && found.now == change.*target_;
+    found.is_there = found.is_read && KeptBlock(found.now.data()) == change.*target_;
     if (found.is_read && !is_of(change, found.now)) {
         throw std::runtime_error(fmt::format(
             "{} at byte {} of {} is neither as it was before nor as it was to be: something else "
@@ -104,9 +153,11 @@ void Rewrite::show(const std::function<std::string(const Change &)> &note, bool 
     try {
         show_each(note);
     } catch (const OutputClosed &error) {
-        if (!commit) {
-            throw;
+        if (commit) {
+            complain(fmt::format("nothing was written: {}", error.what()));
         }
+        throw;
+    } catch (const std::exception &error) {
         throw std::runtime_error(fmt::format("nothing was written: {}", error.what()));
     }
 }
@@ -121,7 +172,9 @@ void Rewrite::show_each(const std::function<std::string(const Change &)> &note)
         } else if (!found.is_there) {
             const Table &table = find_table(metadata_.tables, change.table);
             print("{} at byte {}\n{}", change.name(), change.offset, note(change));
-            const Entry target{metadata_, table, change.no, (change.*target_).data()};
+            Block block;
+            (change.*target_).get(block.data());
+            const Entry target{metadata_, table, change.no, block.data()};
             if (found.is_read) {
                 print_text(differences_text(
                     entry_differences({metadata_, table, change.no, found.now.data()}, target)));
@@ -137,7 +190,7 @@ void Rewrite::show_each(const std::function<std::string(const Change &)> &note)
 void Rewrite::lay_over()
 {
     for (const Change *change : left_) {
-        device_.lay_over(change->offset, (change->*target_).data());
+        device_.lay_over(change->offset, change->*target_);
     }
 }
 
@@ -164,7 +217,8 @@ void Rewrite::write(const Change &change)
     if (found.is_there) {
         return;
     }
-    alignas(SIZE_4K) Block block = change.*target_;
+    alignas(SIZE_4K) Block block;
+    (change.*target_).get(block.data());
     device_.write_block(change.offset, found.is_read ? found.now.data() : nullptr, block.data());
 }
 

@@ -9,9 +9,16 @@
 
 namespace tierctl {
 
-/* The metadata of the device. Throws when it is another one than `undo` is for, or when a change is
- * none of its slots. `source` is the name of the plan or file that says so. */
-Metadata require_device(const Device &device, const std::string &source, const UndoFile &undo);
+/* The metadata of the device. Throws unless it has that size and that super block, to the byte.
+ * `source` is the name of the plan that says so. */
+Metadata require_unchanged(const Device &device, const std::string &source, uint64_t size,
+                           const Block &super_block);
+
+/* The metadata of the device. Throws unless it is the one that the undo file `source` is for: its
+ * super block has the same layout and identity and places all tables alike, it is not smaller, and
+ * every change is one of its slots. Whatever else has changed in the super block since then does
+ * not matter to these blocks, and must not bar the way back. */
+Metadata require_same(const Device &device, const std::string &source, const UndoFile &undo);
 
 /* Takes the blocks of changes to one of their two sides, from whatever moment of an earlier run: a
  * block is on either side, or in part on both after a power cut, or cannot be read. Device,
@@ -20,11 +27,12 @@ class Rewrite {
 public:
     /* `target` is &Change::before or &Change::after. */
     Rewrite(Device &device, const Metadata &metadata, const std::vector<Change> &changes,
-            Block Change::*target);
+            KeptBlock Change::*target);
 
     /* Prints for each block that is not there yet what the rewrite changes, after the text of
-     * `note`, which may be empty or lines. Throws when a block is on neither side; with `commit`
-     * also when nobody reads the output: the operator must see what is replaced. */
+     * `note`, which may be empty or lines. Throws when a block is on neither side, or the output
+     * cannot be written; with `commit` it says then that nothing was written to the device: the
+     * operator must see what is replaced. */
     void show(const std::function<std::string(const Change &)> &note, bool commit);
 
     /* How many of those that were shown are not there yet. */
@@ -50,7 +58,7 @@ private:
     Device &device_;
     const Metadata &metadata_;
     const std::vector<Change> &changes_;
-    Block Change::*target_;
+    KeptBlock Change::*target_;
     std::vector<const Change *> left_;
 };
 

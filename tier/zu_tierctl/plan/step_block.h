@@ -5,10 +5,8 @@
 namespace tierctl {
 
 /* The block that a step of a plan writes to its slot, made by the tool's own parser where the step
- * has keys. Throws a sentence unless it has the right magic, number and checksum, and no error by
- * the layout's checks that `now` has not, which is the block as it is, or null: it cannot be read.
- */
+ * has keys. Throws a sentence unless it has the right magic, number and checksum. */
 Block make_step_block(const Device &device, const Metadata &metadata, const Table &table,
-                      const Step &step, const Block *now);
+                      const Step &step);
 
 } // namespace tierctl

@@ -41,11 +41,14 @@ void select_changes(std::vector<Change> &changes, const Metadata &metadata,
 
 } // namespace
 
+/* The old blocks are held by the checksums of the file, not by the layout's checks: most are
+ * damaged, which is why they were replaced. As in an apply, each block of the device must be on one
+ * of the two sides, and is written through the same door. */
 void undo(const UndoOptions &options)
 {
     Device device(options.device, options.commit ? Access::exclusive : Access::read_only);
     UndoFile undo = read_undo_file(options.file);
-    const Metadata metadata = require_device(device, options.file, undo);
+    const Metadata metadata = require_same(device, options.file, undo);
     if (options.entries) {
         select_changes(undo.changes, metadata, options);
     }

@@ -56,7 +56,8 @@ constexpr uint64_t CHANGE_SIZE = sizeof(ChangeHead) + 2 * uint64_t{SIZE_4K};
 /* The checksum of the parts that were added. */
 class PartsChecksum {
 public:
-    void add(const void *part, size_t length) { crcs_.push_back(zutr_crc32(part, length)); }
+    void add(const void *part, size_t length) { add(zutr_crc32(part, length)); }
+    void add(uint32_t crc) { crcs_.push_back(crc); }
     uint32_t get() const { return zutr_crc32(crcs_.data(), crcs_.size() * sizeof(uint32_t)); }
 
 private:
@@ -78,34 +79,18 @@ std::string_view name_of(const Name &stored)
     return {stored.data(), strnlen(stored.data(), stored.size())};
 }
 
-ChangeHead head_of(const Change &change)
-{
-    return {stored_name(change.table),
-            change.no,
-            change.offset,
-            change.unreadable ? 1U : 0U,
-            zutr_crc32(change.before.data(), SIZE_4K),
-            zutr_crc32(change.after.data(), SIZE_4K),
-            {}};
-}
+/* The blocks of a change one after the other. */
+struct Pair {
+    Block before;
+    Block after;
 
-/* Appends to a new file. */
-class Appender {
-public:
-    explicit Appender(NewFile &file, size_t at) : file_(file), at_(static_cast<int64_t>(at)) {}
-
-    void append(const void *data, size_t length)
+    explicit Pair(const Change &change)
     {
-        if (length != 0) {
-            file_.write(at_, data, length);
-        }
-        at_ += static_cast<int64_t>(length);
+        change.before.get(before.data());
+        change.after.get(after.data());
     }
-
-private:
-    NewFile &file_;
-    int64_t at_;
 };
+static_assert(sizeof(Pair) == 2 * SIZE_4K);
 
 /* An undo file that is being read from its start to its end. */
 class Reader {
@@ -132,12 +117,10 @@ public:
         checksum.add(&head, sizeof(head));
         take(undo.super_block.data(), SIZE_4K);
         checksum.add(undo.super_block.data(), SIZE_4K);
-        undo.plan.resize(head.plan_length);
-        take(undo.plan.data(), undo.plan.size());
-        checksum.add(undo.plan.data(), undo.plan.size());
-        undo.changes.resize(head.changes);
-        for (Change &change : undo.changes) {
-            read_change(change, checksum);
+        undo.plan = take_plan(head.plan_length);
+        checksum.add(undo.plan.crc);
+        for (uint64_t left = head.changes; left > 0; left--) {
+            undo.changes.push_back(read_change(checksum));
         }
         if (checksum.get() != crc) {
             refuse("is damaged: its checksum does not match its content");
@@ -175,27 +158,43 @@ private:
         return head;
     }
 
-    void read_change(Change &change, PartsChecksum &checksum)
+    TextSum take_plan(uint64_t length)
+    {
+        TextSum plan;
+        std::vector<char> piece(std::min<uint64_t>(length, SIZE_1M));
+        while (plan.length < length) {
+            piece.resize(std::min<uint64_t>(length - plan.length, piece.size()));
+            take(piece.data(), piece.size());
+            plan.add({piece.data(), piece.size()});
+        }
+        return plan;
+    }
+
+    Change read_change(PartsChecksum &checksum)
     {
         ChangeHead head{};
         take(&head, sizeof(head));
         checksum.add(&head, sizeof(head));
-        take(change.before.data(), SIZE_4K);
-        take(change.after.data(), SIZE_4K);
-        if (zutr_crc32(change.before.data(), SIZE_4K) != head.crc_before ||
-            zutr_crc32(change.after.data(), SIZE_4K) != head.crc_after) {
+        Block before;
+        Block after;
+        take(before.data(), SIZE_4K);
+        take(after.data(), SIZE_4K);
+        if (zutr_crc32(before.data(), SIZE_4K) != head.crc_before ||
+            zutr_crc32(after.data(), SIZE_4K) != head.crc_after) {
             refuse("is damaged: the checksum of a block does not match its content");
         }
-        change.table = name_of(head.table);
-        change.no = head.no;
-        change.offset = head.offset;
-        change.unreadable = head.unreadable != 0;
+        return {std::string(name_of(head.table)),
+                head.no,
+                head.offset,
+                head.unreadable != 0,
+                KeptBlock(before.data()),
+                KeptBlock(after.data())};
     }
 
     void take(void *data, size_t length)
     {
         errno = EIO; /* the reason when the file has been cut short meanwhile */
-        if (length != 0 && zutr_readn(fd_, data, length, at_) < 0) {
+        if (zutr_readn(fd_, data, length, at_) < 0) {
             throw_errno("cannot read " + path_);
         }
         at_ += static_cast<int64_t>(length);
@@ -224,29 +223,49 @@ void require_written(NewFile &file)
 
 std::string Change::name() const { return fmt::format("{} {}", table, no); }
 
-void write_undo_file(NewFile &file, const UndoFile &undo)
+NewUndoFile::NewUndoFile(const std::string &path)
+    : file_(path, Naming::new_name), end_(sizeof(Head) + SIZE_4K)
 {
-    Head head{{}, VERSION, 0, undo.size, undo.plan.size(), undo.changes.size(), {}};
+}
+
+void NewUndoFile::append(const void *data, size_t length)
+{
+    file_.write(end_, data, length);
+    end_ += static_cast<int64_t>(length);
+}
+
+void NewUndoFile::add_plan(std::string_view piece)
+{
+    plan_.add(piece);
+    append(piece.data(), piece.size());
+}
+
+void NewUndoFile::finish(const UndoFile &undo)
+{
+    Head head{{}, VERSION, 0, undo.size, plan_.length, undo.changes.size(), {}};
     std::ranges::copy(MAGIC, head.magic.begin());
     PartsChecksum checksum;
     checksum.add(&head, sizeof(head));
-    Appender rest(file, sizeof(head));
-    const auto append_part = [&](const void *part, size_t length) {
-        checksum.add(part, length);
-        rest.append(part, length);
-    };
-    append_part(undo.super_block.data(), SIZE_4K);
-    append_part(undo.plan.data(), undo.plan.size());
+    checksum.add(undo.super_block.data(), SIZE_4K);
+    checksum.add(plan_.crc);
     for (const Change &change : undo.changes) {
-        const ChangeHead change_head = head_of(change);
-        append_part(&change_head, sizeof(change_head));
-        rest.append(change.before.data(), SIZE_4K);
-        rest.append(change.after.data(), SIZE_4K);
+        const Pair blocks(change);
+        const ChangeHead change_head{stored_name(change.table),
+                                     change.no,
+                                     change.offset,
+                                     change.unreadable ? 1U : 0U,
+                                     zutr_crc32(&blocks.before, SIZE_4K),
+                                     zutr_crc32(&blocks.after, SIZE_4K),
+                                     {}};
+        checksum.add(&change_head, sizeof(change_head));
+        append(&change_head, sizeof(change_head));
+        append(&blocks, sizeof(blocks));
     }
     head.crc = checksum.get();
-    file.write(0, &head, sizeof(head));
-    require_written(file);
-    file.commit();
+    file_.write(sizeof(head), undo.super_block.data(), SIZE_4K);
+    file_.write(0, &head, sizeof(head));
+    require_written(file_);
+    file_.commit();
 }
 
 UndoFile read_undo_file(const std::string &path)

@@ -2,9 +2,11 @@
 
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/entry/metadata.h"
+#include "zu_tierctl/plan/text_sum.h"
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tierctl {
@@ -36,8 +38,8 @@ struct Change {
     uint64_t no = 0;
     int64_t offset = 0;      /* of the slot, bytes */
     bool unreadable = false; /* it could not be read before */
-    Block before{};
-    Block after{};
+    KeptBlock before{};
+    KeptBlock after{};
 
     std::string name() const;
 };
@@ -45,14 +47,33 @@ struct Change {
 struct UndoFile {
     uint64_t size = 0; /* of the device, bytes */
     Block super_block{};
-    std::string plan; /* its text */
+    TextSum plan{}; /* its text, which the file holds */
     std::vector<Change> changes;
 };
 
-/* Fills a new file and gives it its name, when all of it is on the disk. Throws. */
-void write_undo_file(NewFile &file, const UndoFile &undo);
+/* An undo file that is being made. It has no name until it is complete. */
+class NewUndoFile {
+public:
+    /* Throws when no file of that name can be made. */
+    explicit NewUndoFile(const std::string &path);
 
-/* Throws unless the file is complete and every checksum right. */
+    /* The next piece of the plan's text. */
+    void add_plan(std::string_view piece);
+
+    /* Adds everything else, and gives the file its name when all of it is on the disk and can be
+     * read again. Throws. */
+    void finish(const UndoFile &undo);
+
+private:
+    void append(const void *data, size_t length);
+
+    NewFile file_;
+    int64_t end_; /* of what was added */
+    TextSum plan_;
+};
+
+/* Throws unless the file is complete and every checksum right. Takes memory only for changes that
+ * are there and whole. */
 UndoFile read_undo_file(const std::string &path);
 
 } // namespace tierctl

@@ -31,7 +31,8 @@ const tier_claim *identity_claim(const tier_table &row)
     return found == row.claims.end() ? nullptr : &*found;
 }
 
-/* The identity of the cache in its super block, as text; empty when it has none. */
+} // namespace
+
 std::string cache_identity(const tier_layout &layout, const Block &super_block)
 {
     const tier_claim *claim = identity_claim(*layout.tables.front());
@@ -42,6 +43,8 @@ std::string cache_identity(const tier_layout &layout, const Block &super_block)
     const bool is_nil = std::ranges::all_of(identity, [](uint8_t byte) { return byte == 0; });
     return is_nil ? "" : zutr_uuid_utoa(identity.data());
 }
+
+namespace {
 
 /* A super block that is damaged is taken for one of `layout`. */
 Side read_side(const Device &device, const tier_layout &layout)
