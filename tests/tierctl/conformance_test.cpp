@@ -63,6 +63,7 @@ struct Input {
 };
 
 const std::string NONE = "cannot read the super block of %: No such device or address";
+const std::string NO_SUPER_BLOCK = "% has no super block of a known layout";
 const std::string NO_TABLES = ", and no entry of a table that can be told without one";
 const std::string NEITHER = "% is neither a regular file nor a block device";
 
@@ -71,7 +72,7 @@ const std::vector<Input> INPUTS{
     {"unreadable", "cannot open %: Permission denied"},
     {"tiny", NONE},
     {"empty", NONE},
-    {"random", "% has no super block of a known layout"},
+    {"random", NO_SUPER_BLOCK},
     {"read-only", "", "cannot open %: Permission denied"},
     {"directory", NEITHER},
     {"fifo", NEITHER},
@@ -227,8 +228,9 @@ TEST_F(Conformance, Inputs)
                     said += "; there is no plan without a super block: zu_tierctl rescue " + bad +
                             " makes its repair file from the tables\n";
                 }
-                if (command.rescues && good == "device" && input.kind == "random")
-                    said.replace(said.size() - 1, 0, NO_TABLES);
+                if (command.rescues && good == "device" &&
+                    (input.complaint == NONE || input.kind == "random"))
+                    said = of_path(NO_SUPER_BLOCK + NO_TABLES, bad);
                 const std::string answer = command.answers && failed
                                                ? R"({"device":")" + bad + R"(","error":")" +
                                                      said.substr(12, said.size() - 13) + "\"}\n"

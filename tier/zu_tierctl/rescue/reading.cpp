@@ -15,11 +15,27 @@ constexpr uint64_t ENTRIES_A_LOST_ONE = 100;
 
 } // namespace
 
+bool NumberReading::may_be(uint64_t value) const
+{
+    return (range && range->first <= value && value <= range->last) ||
+           std::ranges::find(candidates, value, &Candidate::value) != candidates.end();
+}
+
 Certainty lower(Certainty a, Certainty b) { return std::max(a, b); }
 
-uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Values> values)
+uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Candidate> candidates,
+                       Range range)
 {
-    NumberReading reading{key, certainty, std::move(values)};
+    NumberReading reading{.key = key, .certainty = certainty};
+    if (certainty != Certainty::certain) {
+        reading.range = std::move(range);
+    }
+    for (Candidate &candidate : candidates) {
+        if (std::ranges::find(reading.candidates, candidate.value, &Candidate::value) ==
+            reading.candidates.end()) {
+            reading.candidates.push_back(std::move(candidate));
+        }
+    }
     for (const Hint &hint : hints_) {
         if (hint.layout == &layout_) {
             follow(hint, &reading);
@@ -32,7 +48,8 @@ uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Va
 uint64_t Readings::add(std::string_view key, Certainty certainty, uint64_t value,
                        std::string reason)
 {
-    readings_.push_back({key, certainty, {value_of(value, std::move(reason))}});
+    readings_.push_back({.key = key, .certainty = certainty});
+    readings_.back().candidates.push_back({value, std::move(reason)});
     return value;
 }
 
@@ -41,36 +58,34 @@ Certainty Readings::certainty(std::string_view key) const
     return std::ranges::find(readings_, key, &NumberReading::key)->certainty;
 }
 
-void Readings::limit(std::string_view key, Certainty certainty)
-{
-    const auto reading = std::ranges::find(readings_, key, &NumberReading::key);
-    reading->certainty = lower(reading->certainty, certainty);
-}
-
-/* A number of the hint that the tables allow is taken; one that they chose themselves is surer. */
+/* A number that the tables chose themselves is surer when the hint says the same: certain when what
+ * is left of the block does, unless it is 0, as bytes are that were overwritten. One that the
+ * tables allow is taken where they are not sure, and otherwise the runner-up. */
 void Readings::follow(const Hint &hint, NumberReading *reading) const
 {
-    const std::optional<uint64_t> number = super_number(layout_, hint.block, reading->key);
-    if (!number) {
+    const uint64_t number = super_number(layout_, hint.block, reading->key).value();
+    std::vector<Candidate> &candidates = reading->candidates;
+    if (!reading->may_be(number)) {
         return;
     }
-    if (*number == reading->value()) {
-        const bool twice = hint.own && reading->certainty == Certainty::likely;
-        if (twice) {
-            reading->certainty = Certainty::certain;
-        } else if (reading->certainty == Certainty::none) {
+    const bool is_sure = reading->certainty != Certainty::none;
+    if (number == reading->value()) {
+        candidates.front().reason += "; so says " + hint.source;
+        if (!is_sure) {
             reading->certainty = Certainty::likely;
+        } else if (hint.own && number != 0) {
+            reading->certainty = Certainty::certain;
+            reading->range.reset();
+            candidates.resize(1);
         }
-        reading->values.front().reason += "; so says " + hint.source;
         return;
     }
-    const bool allowed = std::ranges::any_of(
-        reading->values, [&](const Values &values) { return values.has(*number); });
-    if (allowed && reading->certainty == Certainty::none) {
+    std::erase_if(candidates,
+                  [&](const Candidate &candidate) { return candidate.value == number; });
+    candidates.insert(candidates.begin() + (is_sure ? 1 : 0),
+                      {number, "so says " + hint.source + ", and the tables do not contradict it"});
+    if (!is_sure) {
         reading->certainty = Certainty::likely;
-        reading->values.insert(
-            reading->values.begin(),
-            value_of(*number, "so says " + hint.source + ", and the tables do not contradict it"));
     }
 }
 
@@ -79,7 +94,7 @@ std::optional<uint64_t> super_number(const tier_layout &layout, const Block &blo
 {
     const tier_columns columns = layout.tables.front()->keys();
     const auto column = std::ranges::find(columns, key, &tier_column::key);
-    if (column == columns.end() || column->type != tier_column_type::number) {
+    if (column == columns.end()) {
         return std::nullopt;
     }
     return column_number(*column, block.data());

@@ -13,28 +13,32 @@ namespace tierctl {
 
 /* What the tables of a device say of its super block. */
 
-/* Values that a number of the super block may have, from the first to the last, and why. */
-struct Values {
+/* A value that a number of the super block may have, and why. */
+struct Candidate {
+    uint64_t value;
+    std::string reason;
+};
+
+/* Everything that a number may be, whatever the candidates say. */
+struct Range {
     uint64_t first;
     uint64_t last;
     std::string reason;
-
-    bool has(uint64_t value) const { return first <= value && value <= last; }
 };
-
-/* A value that follows from a reason. */
-inline Values value_of(uint64_t value, std::string reason)
-{
-    return {value, value, std::move(reason)};
-}
+/* Of an offset or a size, of which the tables give no bound; more lies on no device. */
+inline const Range ANY_NUMBER = {0, uint64_t{1} << 62, "no table says"};
 
 /* What is known of a number of the super block, by its key in a repair file. */
 struct NumberReading {
     std::string_view key;
     Certainty certainty;
-    std::vector<Values> values; /* never empty; the first of the first is the value chosen */
+    std::vector<Candidate> candidates{}; /* never empty; the likeliest first, each once */
+    std::optional<Range> range{};        /* none: it follows from other numbers, or is certain */
 
-    uint64_t value() const { return values.front().first; }
+    uint64_t value() const { return candidates.front().value; }
+
+    /* Whether it is one of the candidates or in the range. */
+    bool may_be(uint64_t value) const;
 };
 
 /* A super block that says something of the lost one: what is left of it, or that of a similar
@@ -58,17 +62,15 @@ public:
     {
     }
 
-    /* Adds a number and gives the value chosen; `values` has the likeliest first. */
-    uint64_t add(std::string_view key, Certainty certainty, std::vector<Values> values);
+    /* Adds a number and gives the value chosen. */
+    uint64_t add(std::string_view key, Certainty certainty, std::vector<Candidate> candidates,
+                 Range range);
 
-    /* Adds a number that has a single value. */
+    /* Adds a number that follows from others, or from the layout. */
     uint64_t add(std::string_view key, Certainty certainty, uint64_t value, std::string reason);
 
     /* How certain a number is that has been added. */
     Certainty certainty(std::string_view key) const;
-
-    /* Makes a number that has been added no more certain than that. */
-    void limit(std::string_view key, Certainty certainty);
 
     std::vector<NumberReading> take() { return std::move(readings_); }
 
@@ -94,8 +96,8 @@ struct SuperReading {
 std::optional<uint64_t> super_number(const tier_layout &layout, const Block &block,
                                      std::string_view key);
 
-/* How certain the end of a table is, after whose last known entry `clean_end` tells that nothing
- * but zeros follows: of `entries` so many are lost. */
+/* How sure the end of a table is when `lost` of all `entries` are damaged. `clean_end`: nothing but
+ * zeros follows its last entry. */
 Certainty end_certainty(uint64_t entries, uint64_t lost, bool clean_end);
 
 } // namespace tierctl

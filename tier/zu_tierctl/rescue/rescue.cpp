@@ -20,7 +20,11 @@ namespace tierctl {
 
 namespace {
 
-constexpr const RescueLayout *LAYOUTS[] = {&RESCUE_LAYOUT_V1, &RESCUE_LAYOUT_V2, &RESCUE_LAYOUT_V3};
+std::vector<const RescueLayout *> &rescue_layouts()
+{
+    static std::vector<const RescueLayout *> layouts;
+    return layouts;
+}
 
 /* A layout that explains so many entries more than the next is certain. */
 constexpr uint64_t CERTAIN_LEAD = 8;
@@ -41,20 +45,85 @@ std::string certainty_text(Certainty certainty)
     return certainty == Certainty::none ? "not certain" : std::string(certainty_name(certainty));
 }
 
-/* What identifies a cache: a field of its super block that no table tells. */
-enum class Identity { uuid, ssd_uuid, ctime };
-
-std::optional<Identity> identity_of(const tier_column &column)
+bool is_uuid(const uint8_t *uuid)
 {
-    switch (column.type) {
-    case tier_column_type::uuid:
-        return Identity::uuid;
-    case tier_column_type::text:
-        return Identity::ssd_uuid;
-    default:
-        return column.form == zutr_form::hex_and_time ? std::optional(Identity::ctime)
-                                                      : std::nullopt;
+    const int type = uuid_type(uuid);
+    return uuid_variant(uuid) == UUID_VARIANT_DCE && type >= UUID_TYPE_DCE_TIME &&
+           type <= UUID_TYPE_DCE_SHA1;
+}
+
+bool is_ctime(uint64_t time) { return time >= CTIME_MIN && time < CTIME_MAX; }
+
+bool is_ssd_uuid(std::string_view text)
+{
+    return text.size() == TIER_SSD_UUID_LEN &&
+           std::ranges::all_of(text, [](char c) { return c > ' ' && c < 0x7F; });
+}
+
+/* The values that the command line gives, as JSON. */
+
+std::string given_uuid(const std::string &text)
+{
+    uuid_t uuid;
+    if (uuid_parse(text.c_str(), uuid) != 0) {
+        throw UsageError("--uuid " + text + ": expected a UUID");
     }
+    if (uuid_is_null(uuid) != 0) {
+        throw UsageError("--uuid " + text + ": no cache has the identity 0");
+    }
+    return json_text(zutr_uuid_utoa(uuid));
+}
+
+std::string given_ssd_uuid(const std::string &text)
+{
+    if (!is_ssd_uuid(text)) {
+        throw UsageError(fmt::format("--ssd-uuid {}: it has {} characters, expected {}, none of "
+                                     "them blank, as in {}",
+                                     shown_text(text), text.size(), TIER_SSD_UUID_LEN,
+                                     TIER_SSD_UUID_SAMPLE));
+    }
+    return json_text(text);
+}
+
+/* Also as a dump shows it: "0x1816687ec0570000(2025-01-01 00:00:00)". */
+std::string given_ctime(const std::string &text)
+{
+    const std::string number = text.ends_with(')') ? text.substr(0, text.find('(')) : text;
+    const uint64_t time = read_number("--ctime", number);
+    if (!is_ctime(time)) {
+        throw UsageError("--ctime " + text +
+                         ": expected a time from 2010 to 2100, in nanoseconds since the epoch");
+    }
+    return number_text(zutr_form::hex, time);
+}
+
+/* Fields that identify a cache, which no table tells. */
+struct Identity {
+    std::string_view key; /* in a repair file */
+    std::string_view option;
+    std::string RescueOptions::*given;
+    std::string (*check)(const std::string &text); /* gives the JSON of what is given */
+};
+constexpr Identity IDENTITIES[] = {
+    {"uuid", "--uuid", &RescueOptions::uuid, given_uuid},
+    {"ssd_uuid", "--ssd-uuid", &RescueOptions::ssd_uuid, given_ssd_uuid},
+    {"ctime", "--ctime", &RescueOptions::ctime, given_ctime},
+};
+
+/* Throws a usage error when a given value is no such value. */
+void check_given_values(const RescueOptions &options)
+{
+    for (const Identity &identity : IDENTITIES) {
+        if (!(options.*identity.given).empty()) {
+            identity.check(options.*identity.given);
+        }
+    }
+}
+
+/* Whether a field of a super block is no number of its tables. */
+bool is_identity(const tier_column &column)
+{
+    return column.type != tier_column_type::number || column.form == zutr_form::hex_and_time;
 }
 
 /* A field of a super block as a repair file has it. */
@@ -66,19 +135,17 @@ std::string file_text(const tier_column &column, const Block &block)
 }
 
 /* Whether a field of a damaged block can be what it was. */
-bool is_plausible(const tier_column &column, Identity identity, const Block &block)
+bool is_well_formed(const tier_column &column, const Block &block)
 {
     const uint8_t *field = block.data() + column.at;
-    if (identity == Identity::uuid) {
-        return uuid_is_null(field) == 0;
+    switch (column.type) {
+    case tier_column_type::uuid:
+        return is_uuid(field);
+    case tier_column_type::text:
+        return is_ssd_uuid(zutr_bounded(reinterpret_cast<const char *>(field), column.size));
+    default:
+        return is_ctime(column_number(column, block.data()));
     }
-    if (identity == Identity::ctime) {
-        const uint64_t time = column_number(column, block.data());
-        return time >= CTIME_MIN && time < CTIME_MAX;
-    }
-    const auto text = zutr_bounded(reinterpret_cast<const char *>(field), column.size);
-    return text.size() == TIER_SSD_UUID_LEN &&
-           std::ranges::all_of(text, [](char c) { return c > ' ' && c < 0x7F; });
 }
 
 Block sealed(const tier_layout &layout, Block block)
@@ -93,39 +160,6 @@ struct Sources {
     std::optional<Hint> like;  /* a similar device */
 };
 
-/* Values that the command line gives. */
-std::string given_value(const RescueOptions &options, Identity identity)
-{
-    switch (identity) {
-    case Identity::uuid: {
-        uuid_t parsed;
-        if (!options.uuid.empty() && uuid_parse(options.uuid.c_str(), parsed) != 0) {
-            throw UsageError("--uuid " + options.uuid + ": expected a UUID");
-        }
-        return options.uuid.empty() ? "" : json_text(options.uuid);
-    }
-    case Identity::ssd_uuid:
-        if (!options.ssd_uuid.empty() && options.ssd_uuid.size() != TIER_SSD_UUID_LEN) {
-            throw UsageError(fmt::format("--ssd-uuid {}: it has {} characters, expected {}",
-                                         options.ssd_uuid, options.ssd_uuid.size(),
-                                         TIER_SSD_UUID_LEN));
-        }
-        return options.ssd_uuid.empty() ? "" : json_text(options.ssd_uuid);
-    default:
-        return options.ctime.empty()
-                   ? ""
-                   : number_text(zutr_form::hex, read_number("--ctime", options.ctime));
-    }
-}
-
-/* Throws a usage error when one is no such value. */
-void check_given_values(const RescueOptions &options)
-{
-    for (const Identity identity : {Identity::uuid, Identity::ssd_uuid, Identity::ctime}) {
-        given_value(options, identity);
-    }
-}
-
 /* A sound super block of another device, or of a saved file. */
 Hint read_like(const std::string &path, const Device &device)
 {
@@ -139,19 +173,34 @@ Hint read_like(const std::string &path, const Device &device)
     return {metadata.layout, metadata.super_block, path, false};
 }
 
-/* Whether the numbers that the tables give are those that are left in the block. */
-bool is_confirmed(const SuperReading &reading, const Block &left)
-{
+/* How the numbers that the tables give compare with those that are left in the block. */
+struct Agreement {
     uint64_t same = 0;
     uint64_t other = 0;
+
+    /* What is left tells more than the tables. */
+    bool is_close() const { return same >= AGREEING_MIN && same >= AGREEING_TIMES * other; }
+    bool is_full() const { return same >= AGREEING_MIN && other == 0; }
+};
+
+Agreement compare(const SuperReading &reading, const Block &left)
+{
+    Agreement found;
     for (const NumberReading &number : reading.numbers) {
-        const std::optional<uint64_t> stored = super_number(*reading.layout, left, number.key);
-        if (stored && number.certainty != Certainty::none && number.value() != 0) {
-            (*stored == number.value() ? same : other)++;
+        const uint64_t stored = super_number(*reading.layout, left, number.key).value();
+        if (number.certainty != Certainty::none && number.value() != 0) {
+            (stored == number.value() ? found.same : found.other)++;
         }
     }
-    return same >= AGREEING_MIN && same >= AGREEING_TIMES * other;
+    return found;
 }
+
+/* A layout's reading of a device. */
+struct Contender {
+    uint64_t head; /* entries in the head of the device */
+    SuperReading reading{};
+    Agreement left{};
+};
 
 /* The search for the super block of a device. */
 class Search {
@@ -163,9 +212,6 @@ public:
     Rescued run()
     {
         alignas(SIZE_4K) Block block{};
-        if (device_.size() < TIER_SUPER_OFFSET + SIZE_4K) {
-            block = read_super(device_); /* throws */
-        }
         if (device_.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K)) {
             sources_.left = block;
         } else {
@@ -226,65 +272,98 @@ private:
         found_.reading.block = block;
         found_.reading.certainty = certainty;
         for (const tier_column &column : layout.tables.front()->keys()) {
-            if (!identity_of(column) && is_number(column)) {
-                found_.reading.numbers.push_back(
-                    {column.key,
-                     certainty,
-                     {value_of(column_number(column, block.data()), reason)}});
+            if (!is_identity(column)) {
+                found_.reading.numbers.push_back({.key = column.key, .certainty = certainty});
+                found_.reading.numbers.back().candidates.push_back(
+                    {column_number(column, block.data()), reason});
             }
         }
         reason_ = reason;
     }
 
-    static bool is_number(const tier_column &column)
-    {
-        return column.type == tier_column_type::number;
-    }
-
-    /* Takes the reading of the layout that explains the most entries. */
-    void read_tables()
+    /* Reads the tables of each layout that has some in the head of the device. When none has, of
+     * each. */
+    std::vector<Contender> read_layouts()
     {
         Remains remains(device_);
-        std::vector<SuperReading> readings;
-        for (const RescueLayout *row : LAYOUTS) {
-            if (const tier_layout *layout = find_layout(row->name)) {
-                readings.push_back(read_layout(*row, *layout, remains));
+        std::vector<std::pair<const RescueLayout *, Contender>> all;
+        uint64_t most = 0;
+        for (const tier_layout *layout : tier_layouts()) {
+            const auto row = std::ranges::find(rescue_layouts(), layout->name, &RescueLayout::name);
+            if (row != rescue_layouts().end()) {
+                const uint64_t head = count_head(remains.blocks(), *layout);
+                all.push_back({*row, {head, {.layout = layout}}});
+                most = std::max(most, head);
             }
         }
-        std::ranges::stable_sort(readings, std::greater<>(), &SuperReading::explained);
-        const uint64_t most = readings.front().explained;
-        if (most == 0) {
-            throw std::runtime_error(device_.path() +
-                                     " has no super block of a known layout, and no entry of a "
-                                     "table that can be told without one");
+        std::vector<Contender> found;
+        for (auto &[row, contender] : all) {
+            if (contender.head != 0 || most == 0) {
+                read_layout(*row, remains, &contender);
+                found.push_back(std::move(contender));
+            }
         }
-        const uint64_t next = readings[1].explained;
-        found_.reading = std::move(readings.front());
-        SuperReading &best = found_.reading;
-        const bool says_so = sources_.left && looks_like(*best.layout, *sources_.left);
-        best.certainty = most >= next + CERTAIN_LEAD || says_so ? Certainty::certain
-                         : most > next                          ? Certainty::likely
-                                                                : Certainty::none;
-        for (NumberReading &number : best.numbers) {
-            number.certainty = lower(number.certainty, best.certainty);
-        }
-        note(fmt::format("layout {}, {}: it explains {}; runner-up {}: {}", best.layout->name,
-                         certainty_text(best.certainty), best.explained_text,
-                         readings[1].layout->name, readings[1].explained_text));
+        return found;
     }
 
-    SuperReading read_layout(const RescueLayout &row, const tier_layout &layout, Remains &remains)
+    void read_layout(const RescueLayout &row, Remains &remains, Contender *to)
     {
+        const tier_layout &layout = *to->reading.layout;
         std::vector<Hint> hints;
-        SuperReading reading = row.read(layout, remains, hints);
-        if (sources_.left && is_confirmed(reading, *sources_.left)) {
-            hints.push_back({&layout, *sources_.left, "what is left of the block", true});
-            confirmed_.push_back(&layout);
+        to->reading = row.read(layout, remains, hints);
+        if (sources_.left) {
+            to->left = compare(to->reading, *sources_.left);
+            if (to->left.is_close()) {
+                hints.push_back({&layout, *sources_.left, "what is left of the block", true});
+            }
         }
         if (sources_.like) {
             hints.push_back(*sources_.like);
         }
-        return hints.empty() ? reading : row.read(layout, remains, hints);
+        if (!hints.empty()) {
+            to->reading = row.read(layout, remains, hints);
+        }
+    }
+
+    /* Takes the layout with the most entries in the head of the device, where no data is; then the
+     * one that explains the most. */
+    void read_tables()
+    {
+        std::vector<Contender> all = read_layouts();
+        const auto is_like = [this](const Contender &contender) {
+            return sources_.like && sources_.like->layout == contender.reading.layout;
+        };
+        std::ranges::stable_sort(all, std::greater<>(), [&is_like](const Contender &contender) {
+            return std::tuple(contender.head, contender.reading.explained, is_like(contender));
+        });
+        if (all.front().reading.explained == 0) {
+            throw std::runtime_error(device_.path() +
+                                     " has no super block of a known layout, and no entry of a "
+                                     "table that can be told without one");
+        }
+        const Contender nothing{0};
+        const Contender &next = all.size() > 1 ? all[1] : nothing;
+        SuperReading &best = all.front().reading;
+        const uint64_t lead = all.front().head != next.head
+                                  ? all.front().head - next.head
+                                  : best.explained - next.reading.explained;
+        const bool says_so = sources_.left && looks_like(*best.layout, *sources_.left);
+        if (lead >= CERTAIN_LEAD || says_so) {
+            best.certainty = Certainty::certain;
+        } else if (lead > 0 || is_like(all.front())) {
+            best.certainty = Certainty::likely;
+        }
+        for (NumberReading &number : best.numbers) {
+            number.certainty = lower(number.certainty, best.certainty);
+        }
+        note(fmt::format("layout {}, {}: it explains {}", best.layout->name,
+                         certainty_text(best.certainty), best.explained_text) +
+             text_if(next.reading.layout != nullptr,
+                     fmt::format("; runner-up {}: {}",
+                                 next.reading.layout == nullptr ? "" : next.reading.layout->name,
+                                 next.reading.explained_text)));
+        left_ = all.front().left;
+        found_.reading = std::move(best);
     }
 
     void check_like() const
@@ -310,43 +389,55 @@ private:
 
     void read_identity()
     {
-        std::string other;
+        bool is_same = false;
         if (sources_.like && !whole_) {
-            other = other_cache();
-            if (!other.empty()) {
+            const std::string other = other_cache();
+            is_same = other.empty();
+            if (!is_same) {
                 note(options_.like + " gives no identity: " + other);
             }
         }
-        found_.complete = true;
         for (const tier_column &column : found_.reading.layout->tables.front()->keys()) {
-            if (const std::optional<Identity> identity = identity_of(column)) {
-                found_.identity.push_back(
-                    read_identity(column, *identity, sources_.like && other.empty()));
-                found_.complete = found_.complete && found_.identity.back().json != PLACEHOLDER;
+            if (is_identity(column)) {
+                found_.identity.push_back(read_identity(column, is_same));
             }
         }
+        found_.complete = std::ranges::find(found_.identity, PLACEHOLDER, &IdentityValue::json) ==
+                          found_.identity.end();
     }
 
-    IdentityValue read_identity(const tier_column &column, Identity identity, bool is_same) const
+    /* What is given comes first, then what the same cache has elsewhere, then what is left of the
+     * block. What one of these says otherwise is told. */
+    IdentityValue read_identity(const tier_column &column, bool is_same)
     {
-        const std::string given = given_value(options_, identity);
-        if (!given.empty()) {
-            return {column.key, given, "given", Certainty::certain};
+        std::vector<IdentityValue> values;
+        const auto *identity = std::ranges::find(IDENTITIES, column.key, &Identity::key);
+        if (identity != std::end(IDENTITIES) && !(options_.*identity->given).empty()) {
+            values.push_back({column.key, identity->check(options_.*identity->given), "given",
+                              Certainty::certain});
         }
-        const SuperReading &reading = found_.reading;
         if (whole_) {
-            return {column.key, file_text(column, reading.block), reason_, certainty_};
-        }
-        if (std::ranges::find(confirmed_, reading.layout) != confirmed_.end() &&
-            is_plausible(column, identity, *sources_.left)) {
-            return {column.key, file_text(column, *sources_.left), "what is left of the block",
-                    Certainty::likely};
+            values.push_back(
+                {column.key, file_text(column, found_.reading.block), reason_, certainty_});
         }
         if (is_same) {
-            return {column.key, file_text(column, sources_.like->block),
-                    options_.like + " is of the same cache", Certainty::likely};
+            values.push_back({column.key, file_text(column, sources_.like->block),
+                              options_.like + " is of the same cache", Certainty::likely});
         }
-        return {column.key, PLACEHOLDER, "", Certainty::none};
+        if (left_.is_full() && is_well_formed(column, *sources_.left)) {
+            values.push_back({column.key, file_text(column, *sources_.left),
+                              "what is left of the block", Certainty::likely});
+        }
+        if (values.empty()) {
+            return {column.key, PLACEHOLDER};
+        }
+        for (const IdentityValue &value : values) {
+            if (value.json != values.front().json) {
+                note(fmt::format("{}: {} says {}, which is not taken", column.key, value.reason,
+                                 value.json));
+            }
+        }
+        return values.front();
     }
 
     /* The numbers are those of the block; what identifies the cache takes their places. */
@@ -355,7 +446,7 @@ private:
         TemplateJson file;
         auto identity = found_.identity.begin();
         for (const tier_column &column : found_.reading.layout->tables.front()->keys()) {
-            file.value(column.key, identity_of(column) ? (identity++)->json
+            file.value(column.key, is_identity(column) ? (identity++)->json
                                                        : file_text(column, found_.reading.block));
         }
         found_.file = file.take();
@@ -364,18 +455,44 @@ private:
     const Device &device_;
     const RescueOptions &options_;
     Sources sources_;
-    std::vector<const tier_layout *> confirmed_; /* by what is left of the block */
-    bool whole_ = false;                         /* the block itself was taken */
+    Agreement left_;     /* of what is left of the block with the tables */
+    bool whole_ = false; /* the block itself was taken */
     Certainty certainty_ = Certainty::none;
     std::string reason_;
     Rescued found_;
 };
 
-/* The values that may stand in place of the best one. */
-std::string others_text(uint64_t best, const Values &values)
+std::string number_line(const NumberReading &number)
 {
-    const uint64_t first = values.first == best ? best + 1 : values.first;
-    return fmt::format("{}: {}", range_text(first, values.last), values.reason);
+    std::string line =
+        fmt::format("{} {}, {}: {}", number.key, number.value(), certainty_text(number.certainty),
+                    number.candidates.front().reason);
+    if (number.candidates.size() > 1) {
+        const Candidate &next = number.candidates[1];
+        line += fmt::format("; runner-up {}: {}", next.value, next.reason);
+    }
+    if (number.range) {
+        const Range &range = *number.range;
+        line +=
+            fmt::format("; else {}: {}",
+                        range.last == ANY_NUMBER.last ? "any" : range_text(range.first, range.last),
+                        range.reason);
+    }
+    return line;
+}
+
+std::string identity_line(const IdentityValue &value)
+{
+    if (value.json != PLACEHOLDER) {
+        return fmt::format("{} {}, {}: {}", value.key, value.json, certainty_text(value.certainty),
+                           value.reason);
+    }
+    const auto *identity = std::ranges::find(IDENTITIES, value.key, &Identity::key);
+    return fmt::format(
+        "{} is in no table: the file has null, which zu_tier refuses; give it {}a "
+        "saved file of this cache with --like",
+        value.key,
+        identity == std::end(IDENTITIES) ? "" : fmt::format("with {}, or ", identity->option));
 }
 
 void tell(const Rescued &found)
@@ -384,32 +501,10 @@ void tell(const Rescued &found)
         complain(one_line(note));
     }
     for (const NumberReading &number : found.reading.numbers) {
-        const Values &best = number.values.front();
-        std::string line = fmt::format("{} {}, {}: {}", number.key, best.first,
-                                       certainty_text(number.certainty), best.reason);
-        const auto next = std::ranges::find_if(number.values, [&best](const Values &values) {
-            return values.first != best.first || values.last != best.last;
-        });
-        if (next != number.values.end()) {
-            line += "; runner-up " + others_text(best.first, *next);
-        }
-        complain(one_line(line));
+        complain(one_line(number_line(number)));
     }
-    constexpr std::string_view OPTIONS[] = {"--uuid", "--ssd-uuid", "--ctime"};
     for (const IdentityValue &value : found.identity) {
-        if (value.json != PLACEHOLDER) {
-            complain(one_line(fmt::format("{} {}, {}: {}", value.key, value.json,
-                                          certainty_text(value.certainty), value.reason)));
-            continue;
-        }
-        const auto *option = std::ranges::find_if(OPTIONS, [&value](std::string_view name) {
-            std::string key(name.substr(2));
-            std::ranges::replace(key, '-', '_');
-            return key == value.key;
-        });
-        complain(fmt::format("{} is in no table: the file has null, which zu_tier refuses; give it "
-                             "with {}, or a saved file of this cache with --like",
-                             value.key, *option));
+        complain(one_line(identity_line(value)));
     }
 }
 
@@ -442,8 +537,9 @@ Block checked_block(const Rescued &found)
     const tier_layout &layout = *found.reading.layout;
     Block block = found.reading.block;
     for (const tier_column &column : layout.tables.front()->keys()) {
-        if (identity_of(column) == Identity::ssd_uuid) {
-            memcpy(block.data() + column.at, TIER_SSD_UUID_SAMPLE, sizeof(TIER_SSD_UUID_SAMPLE));
+        if (column.type == tier_column_type::text) {
+            memcpy(block.data() + column.at, TIER_SSD_UUID_SAMPLE,
+                   std::min<size_t>(column.size, sizeof(TIER_SSD_UUID_SAMPLE)));
         }
     }
     return sealed(layout, block);
@@ -476,6 +572,8 @@ void tell_repair(const RescueOptions &options, const Device &device, const Rescu
 }
 
 } // namespace
+
+void register_rescue(const RescueLayout *layout) { rescue_layouts().push_back(layout); }
 
 Rescued find_super(const Device &device, const RescueOptions &options)
 {

@@ -5,7 +5,6 @@
 
 #include <any>
 #include <map>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,9 +16,9 @@ namespace tierctl {
 /* The device as the layouts read it. */
 class Remains {
 public:
-    explicit Remains(const Device &device) : device_(device) {}
+    explicit Remains(const Device &device) : blocks_(device) {}
 
-    const Device &device() const { return device_; }
+    const BlockReader &blocks() const { return blocks_; }
 
     /* What `survey` gives, which runs once for each name. */
     template <class Survey>
@@ -34,32 +33,32 @@ public:
     }
 
 private:
-    const Device &device_;
+    BlockReader blocks_;
     std::map<std::string_view, std::any> facts_;
 };
 
 /* The tables that the layouts V1 and V2 have in common. */
 inline const AreaFacts &area_facts(Remains &remains, const tier_layout &layout)
 {
-    return remains.facts("areas", [&] { return survey_areas(remains.device(), layout); });
+    return remains.facts("areas", [&] { return survey_areas(remains.blocks(), layout); });
 }
 
-/* How the super block of a layout follows from the tables. */
+/* How the super block of a layout follows from the tables. A layout without is told from its block
+ * alone. */
 struct RescueLayout {
     std::string_view name;
     SuperReading (*read)(const tier_layout &layout, Remains &remains,
                          const std::vector<Hint> &hints);
 };
 
-extern const RescueLayout RESCUE_LAYOUT_V1;
-extern const RescueLayout RESCUE_LAYOUT_V2;
-extern const RescueLayout RESCUE_LAYOUT_V3;
+/* Registers how a layout is read, once, before main. */
+void register_rescue(const RescueLayout *layout);
 
 /* A value that no table holds, as JSON; "null" where nobody knows it, which the tool refuses. */
 struct IdentityValue {
     std::string_view key;
-    std::string json;
-    std::string reason;
+    std::string json{};
+    std::string reason{};
     Certainty certainty = Certainty::none;
 };
 

@@ -4,99 +4,142 @@
 #include "zu_tierctl/entry/mend.h"
 #include "zu_tierctl/entry/table.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <string>
 #include <vector>
 
 namespace tierctl {
 
 /* Looking at the blocks of a device without its super block. */
 
-/* What a block of 4096 bytes holds, as far as can be told. */
-enum class BlockState : uint8_t {
-    unread, /* it was not looked at */
-    zero,
-    unreadable,
-    other, /* none of the layout's entries, or a damaged one */
-    brick,
-    inode,
-    shard,
-    extent,
-};
+/* The first megabytes, in which every layout has tables. */
+constexpr int64_t HEAD_START = TIER_SUPER_OFFSET + int64_t{SIZE_1M};
+constexpr int64_t HEAD_END = 5 * int64_t{SIZE_1M};
 
-/* The states of the blocks from an offset on, in their order. */
-class BlockStates {
+/* Takes a block, or null when it cannot be read, and says whether to go on. */
+using TakeBlock = std::function<bool(int64_t offset, const uint8_t *block)>;
+
+/* The blocks of a device. Those of its head are read once and kept, since each layout looks at
+ * them. */
+class BlockReader {
 public:
-    explicit BlockStates(int64_t start) : start_(start) {}
+    explicit BlockReader(const Device &device);
 
-    void set(int64_t offset, BlockState state);
-    BlockState at(int64_t offset) const;
+    const Device &device() const { return device_; }
 
-    /* Those of blocks from `from` up to, but not at, `to`. */
-    uint64_t count(int64_t from, int64_t to, BlockState state) const;
-    /* Whether all of them are zero. */
-    bool are_zero(int64_t from, int64_t to) const;
-
-    int64_t start() const { return start_; }
-    int64_t end() const { return start_ + static_cast<int64_t>(states_.size()) * SIZE_4K; }
+    /* Gives the blocks from `from` up to `to`, but none after the end of the device. */
+    void read(int64_t from, int64_t to, const TakeBlock &take) const;
 
 private:
-    int64_t start_;
-    std::vector<BlockState> states_;
-};
-
-/* Calls `take` with each block from `offset` on: with null when it cannot be read. Blocks after the
- * end of the device are not given. `take` gives whether to go on. */
-void read_blocks(const Device &device, int64_t offset, uint64_t count,
-                 const std::function<bool(int64_t offset, const uint8_t *block)> &take);
-
-/* The entries of a table that all begin at the same offset, if their numbers are right. */
-struct Trace {
-    uint64_t sound = 0;
-    uint64_t last = 0;  /* highest number */
-    uint64_t known = 0; /* the same, that of damaged entries included */
-
-    void add(uint64_t no);       /* a sound entry */
-    void add_known(uint64_t no); /* a damaged one that still has its number */
-};
-
-/* Traces by the offset of entry 0. */
-using Traces = std::map<int64_t, Trace>;
-
-/* The trace with the most sound entries, null when there is none, and how sure it is: against the
- * next. */
-struct BestTrace {
-    const Traces::value_type *best = nullptr;
-    const Traces::value_type *next = nullptr;
-    Certainty certainty = Certainty::none;
-};
-BestTrace best_trace(const Traces &traces);
-
-/* How sure the place with the most sound entries is: one entry may be a stray. */
-Certainty place_certainty(uint64_t most, uint64_t next);
-
-/* The record of an entry with a fixed length is sound but for its number. */
-bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length);
-
-/* Entries of layouts with other magics. A survey that finds some of them and none of its own ends:
- * it would only read their data. */
-class Strangers {
-public:
-    explicit Strangers(const tier_layout &own);
-
-    void look(const uint8_t *block);
-    bool are_many() const;
-
-private:
-    struct Kind {
-        const tier_table *row;
-        uint32_t length;
+    struct Kept {
+        bool is_read;
+        Block block;
     };
 
-    std::vector<Kind> kinds_;
-    uint64_t found_ = 0;
+    const Device &device_;
+    int64_t end_; /* of its last whole block */
+    std::vector<Kept> head_;
 };
+
+/* Which blocks are zero, as far as they were read in order. */
+class Blanks {
+public:
+    void add(int64_t offset, bool is_blank);
+
+    /* Whether all of these blocks were read and are zero. */
+    bool are_blank(int64_t from, int64_t to) const;
+    /* Where the last of these blocks ends that was read and is not zero; `from` when there is none.
+     */
+    int64_t content_end(int64_t from, int64_t to) const;
+
+private:
+    enum State : uint8_t { UNREAD, BLANK, FULL };
+    State at(int64_t offset) const;
+
+    std::vector<State> states_; /* from the head on */
+};
+
+/* The two largest of many numbers: one entry alone is no evidence. */
+struct LargestTwo {
+    uint64_t first = 0;
+    uint64_t second = 0;
+
+    void add(uint64_t value);
+};
+
+/* The sound entries of a table that all begin at the same offset, if their numbers are right. */
+struct Trace {
+    uint64_t sound = 0;
+    uint64_t firm = 0; /* found where the device cannot have data */
+    uint64_t first = UINT64_MAX;
+    uint64_t last = 0; /* highest number */
+    LargestTwo owner;  /* numbers of the entries that those in use belong to */
+
+    void add(uint64_t no, bool is_firm);
+};
+
+/* The trace that belongs to `key`, made when there is none. A map that is full loses its smallest
+ * one: a hostile device may have any number of them. */
+template <class Traces>
+auto &trace_at(Traces *traces, const typename Traces::key_type &key)
+{
+    constexpr size_t TRACES_MAX = 64;
+    if (traces->size() >= TRACES_MAX && !traces->contains(key)) {
+        traces->erase(std::ranges::min_element(
+            *traces, {}, [](const auto &trace) { return trace.second.sound; }));
+    }
+    return (*traces)[key];
+}
+
+using Traces = std::map<int64_t, Trace>; /* by offset of entry 0 */
+
+/* Those with the most entries that cannot be data, then with the most entries. */
+template <class Traces>
+struct Best {
+    const typename Traces::value_type *best = nullptr; /* null: there is none */
+    const typename Traces::value_type *next = nullptr;
+
+    explicit Best(const Traces &traces)
+    {
+        for (const auto &trace : traces) {
+            if (best == nullptr || rank(trace) > rank(*best)) {
+                next = best;
+                best = &trace;
+            } else if (next == nullptr || rank(trace) > rank(*next)) {
+                next = &trace;
+            }
+        }
+    }
+
+    /* One entry may be a stray; a place that many times as many name as the next is likely. */
+    Certainty certainty() const
+    {
+        constexpr uint64_t SOUND_MIN = 2;
+        constexpr uint64_t TIMES = 4;
+        const uint64_t rival = next == nullptr ? 0 : next->second.sound;
+        return best != nullptr && best->second.sound >= SOUND_MIN &&
+                       best->second.sound > TIMES * rival
+                   ? Certainty::likely
+                   : Certainty::none;
+    }
+
+private:
+    static std::pair<uint64_t, uint64_t> rank(const typename Traces::value_type &trace)
+    {
+        return {trace.second.firm, trace.second.sound};
+    }
+};
+
+/* The row of a table that the layout has. */
+const tier_table &row_of(const tier_layout &layout, std::string_view name);
+
+/* Whether the magic and the checksum of a record with a fixed length are right. */
+bool is_sound(const tier_table &row, const uint8_t *block, uint32_t length);
+
+/* The blocks in the head of a device that are sound entries of the layout, of those with a magic.
+ */
+uint64_t count_head(const BlockReader &blocks, const tier_layout &layout);
 
 } // namespace tierctl

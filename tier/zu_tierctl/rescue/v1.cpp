@@ -1,4 +1,5 @@
 #include "zu_tier/format/v1.h"
+#include "zu_tierctl/rescue/areas.h"
 #include "zu_tierctl/rescue/rescue.h"
 
 #include <algorithm>
@@ -28,20 +29,18 @@ uint64_t explained_extents(const AreaNumbers &numbers)
 SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vector<Hint> &hints)
 {
     Readings readings(layout, hints);
-    const AreaNumbers numbers = read_areas(area_facts(remains, layout), {}, &readings);
+    const AreaNumbers numbers =
+        read_areas(area_facts(remains, layout), {}, std::nullopt, &readings);
     tier_super_block_v1_t super{};
     put_areas(numbers, &super);
     super.sb_magic = TIER_SB_MAGIC_V1;
     super.sb_version = TIER_SB_VERSION_V1;
-    std::vector<Values> lengths;
-    if (numbers.extents != nullptr) {
-        lengths.push_back(value_of(numbers.extent_length, "the checksums of the extents"));
-    }
-    if (numbers.extents_certainty != Certainty::certain) {
-        lengths.push_back({TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"});
-    }
+    const bool any = numbers.extents != nullptr;
     super.sb_extent_size = static_cast<uint32_t>(
-        readings.add("extent_size", numbers.extents_certainty, std::move(lengths)));
+        readings.add("extent_size", numbers.extents_certainty,
+                     {{any ? numbers.extent_length : TIER_EXTENT_SIZE_MIN,
+                       any ? "the checksums of the extents" : "no sound extent was found"}},
+                     {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"}));
     add_area_sizes(numbers, super, &readings);
 
     SuperReading reading{.layout = &layout};
@@ -53,8 +52,10 @@ SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vec
     return reading;
 }
 
-} // namespace
+constexpr RescueLayout RESCUE_V1 = {"v1", read_v1};
 
-constinit const RescueLayout RESCUE_LAYOUT_V1 = {"v1", read_v1};
+[[gnu::constructor]] void register_v1() { register_rescue(&RESCUE_V1); }
+
+} // namespace
 
 } // namespace tierctl
