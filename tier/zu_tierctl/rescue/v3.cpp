@@ -38,6 +38,7 @@ struct PackedTrace {
     uint64_t blocks = 0;
     int64_t first = 0;
     int64_t last = 0;
+    int64_t gap = 0;  /* the last before the first MiB without one; 0: there is no such MiB */
     LargestTwo owner; /* numbers of the entries that those in use belong to */
 
     bool any() const { return blocks != 0; }
@@ -49,6 +50,7 @@ struct PackedTrace {
              const tier_bits &refers_to)
     {
         first = any() ? first : at;
+        gap = any() && gap == 0 && at - last > MIB ? last : gap;
         last = at;
         blocks++;
         for (uint32_t k = first_word; k < TIER_PACKED_SLOTS_V3; k++) {
@@ -115,8 +117,8 @@ private:
         return offset;
     }
 
-    /* Where a table may go on after a gap: to where the smallest blocks, as many as extents, fill
-     * the device, unless those that are known fill it already. */
+    /* Where a table may go on: behind the end of a MiB, and after a gap to where the smallest
+     * blocks, as many as extents, fill the device; not when those that are known fill it. */
     int64_t peek_end() const
     {
         const PackedTrace &extents = facts_.extents;
@@ -127,9 +129,12 @@ private:
             const uint64_t count = blocks_between(start, extents.last) * TIER_PACKED_SLOTS_V3;
             const uint64_t bytes = facts_.device_size - std::min(facts_.device_size, data);
             const uint64_t most = bytes / (TIER_PACKED_SLOTS_V3 * TIER_BLOCK_SIZE_MIN_V3);
-            end = size_that_fills(count, bytes) != 0
-                      ? 0
-                      : start + static_cast<int64_t>(std::min(most, EXTENT_BLOCKS_MAX) * SIZE_4K);
+            if (size_that_fills(count, bytes) != 0) {
+                return 0;
+            }
+            end =
+                std::max(extents.last + 2 * int64_t{SIZE_4K},
+                         start + static_cast<int64_t>(std::min(most, EXTENT_BLOCKS_MAX) * SIZE_4K));
         }
         return std::min(end, static_cast<int64_t>(facts_.device_size));
     }
@@ -384,18 +389,25 @@ private:
     uint64_t read_packed_count(std::string_view key, std::string_view offset_key, uint64_t start,
                                const PackedTrace &table, uint64_t referred, uint64_t max)
     {
-        const uint64_t blocks = table.any() && table.last >= as_offset(start)
-                                    ? blocks_between(as_offset(start), table.last)
-                                    : 1;
+        const auto blocks_to = [start](int64_t last) {
+            return last < as_offset(start) ? 1 : blocks_between(as_offset(start), last);
+        };
+        const uint64_t blocks = blocks_to(table.last);
         const uint64_t needed = referred / TIER_PACKED_SLOTS_V3 + 1;
-        const Certainty certainty =
-            needed > blocks ? Certainty::none : end_of(start + blocks * SIZE_4K);
-        return to_.add(
-            key, lower(certainty, to_.certainty(offset_key)),
-            {{std::min(max, std::max(blocks, needed) * TIER_PACKED_SLOTS_V3),
-              needed > blocks ? fmt::format("entry {} is referred to", referred)
-                              : fmt::format("{} blocks up to the last sound one", blocks)}},
-            {1, max, "what the layout allows"});
+        std::vector<Candidate> counts = {
+            {std::min(max, std::max(blocks, needed) * TIER_PACKED_SLOTS_V3),
+             needed > blocks ? fmt::format("entry {} is referred to", referred)
+                             : fmt::format("{} blocks up to the last sound one", blocks)}};
+        Certainty certainty = end_of(start + blocks * SIZE_4K);
+        if (table.gap != 0) {
+            certainty = Certainty::none;
+            counts.push_back(
+                {blocks_to(table.gap) * TIER_PACKED_SLOTS_V3, "up to a gap of more than 1 MiB"});
+        } else if (needed > blocks) {
+            certainty = Certainty::none;
+        }
+        return to_.add(key, lower(certainty, to_.certainty(offset_key)), std::move(counts),
+                       {1, max, "what the layout allows"});
     }
 
     void read_shards()
