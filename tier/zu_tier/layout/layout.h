@@ -129,6 +129,36 @@ struct tier_claim {
     tier_claim_type type = tier_claim_type::number;
 };
 
+/* A stretch of a data block that holds a part of a file. */
+struct tier_piece {
+    uint32_t part;   /* of the entry: the number of the one that describes it; else 0 */
+    bool clean;      /* written back */
+    uint64_t place;  /* in the file: a byte offset, or a number that only the service can place */
+    uint64_t start;  /* byte offset on the device; TIER_PAST_ANY: larger than any */
+    uint64_t length; /* bytes, at most those of a data block */
+};
+
+/* No entry holds more pieces. */
+constexpr uint32_t TIER_PIECES_MAX = SIZE_4K / 16;
+
+/* The data of the files that entries in use hold. */
+struct tier_data {
+    /* Whether `place` is a byte offset in the file. */
+    bool placed = false;
+    /* Whether a length is an upper bound: which part of it is in use only the service knows. */
+    bool bounded = false;
+    /* Bytes of a data block. */
+    uint64_t (*block_size)(const void *sb) = nullptr;
+    /* Writes the pieces of entry `no`, which is in use, to `to`, in the order of its parts; gives
+     * their number. A piece may reach past its
+     * data block on a damaged device. */
+    uint32_t (*pieces)(const void *sb, const uint8_t *entry, uint64_t no, tier_piece *to) = nullptr;
+    /* Whether entries mark the valid ones of all the pages, of 4096 bytes, of their data block, and
+     * whether page `page` is marked; null: they never do. */
+    bool (*marks_pages)(const void *sb) = nullptr;
+    bool (*page_is_valid)(const uint8_t *entry, uint32_t page) = nullptr;
+};
+
 /* What is wrong with a packed entry, in use or free, that has these bits under the mask. */
 struct tier_word_rule {
     tier_kind kind;
@@ -209,6 +239,8 @@ struct tier_table {
      */
     void (*check_with_owner)(const void *sb, const uint8_t *entry, uint64_t number,
                              tier_findings &to) = nullptr;
+    /* What entries in use hold of files; null: nothing. */
+    const tier_data *data = nullptr;
     /* Of a super block. */
     std::span<const tier_rule> rules{};
 

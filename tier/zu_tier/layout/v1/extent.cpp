@@ -151,13 +151,53 @@ constexpr tier_parts BITMAP = {
     .keys = [] { return tier_columns{tier_make_column("", &bitmap_word::word, zutr_form::plain)}; },
 };
 
+/* An extent is one piece of a file, from the start of its data block. */
+uint32_t pieces(const void *p, const uint8_t *entry, uint64_t no, tier_piece *to)
+{
+    const tier_super_block_v1_t &sb = tier_super_v1(p);
+    const auto *extent = reinterpret_cast<const tier_extent_v1_t *>(entry);
+    *to = {.part = 0,
+           .clean = extent->te_clean != 0,
+           .place = uint64_t{extent->te_block} * sb.sb_block_size,
+           .start = tier_add(sb.sb_data_offset, tier_multiply(no, sb.sb_block_size)),
+           .length = std::min(extent->te_size, uint64_t{sb.sb_block_size})};
+    return 1;
+}
+
+bool marks_pages(const void *p)
+{
+    const tier_super_block_v1_t &sb = tier_super_v1(p);
+    const int64_t words = tier_bitmap_words_v1(sb.sb_extent_size);
+    return words > 0 && words * 64 >= sb.sb_block_size / SIZE_4K;
+}
+
+bool page_is_valid(const uint8_t *entry, uint32_t page)
+{
+    const auto *bitmap = reinterpret_cast<const uint64_t *>(entry + sizeof(tier_extent_v1_t));
+    return (bitmap[page / 64] >> page % 64 & 1) != 0;
+}
+
+constexpr tier_data DATA = {
+    .placed = true,
+    .block_size = [](const void *sb) { return uint64_t{tier_super_v1(sb).sb_block_size}; },
+    .pieces = pieces,
+    .marks_pages = marks_pages,
+    .page_is_valid = page_is_valid};
+
+constexpr tier_table extent_table()
+{
+    tier_table table = tier_extent_table<tier_super_block_v1_t>(
+        [](const void *sb) { return tier_regions{tier_extents(tier_super_v1(sb))}; },
+        [](const void *sb) { return uint64_t{tier_super_v1(sb).sb_extent_size}; }, crc_extent_v1,
+        [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, IN_USE_KEYS)); }, &BITMAP,
+        {parse_extent_from_json_v1, __print_extent_v1});
+    table.data = &DATA;
+    return table;
+}
+
 } // namespace
 
-constexpr tier_table TIER_EXTENT_TABLE_V1 = tier_extent_table<tier_super_block_v1_t>(
-    [](const void *sb) { return tier_regions{tier_extents(tier_super_v1(sb))}; },
-    [](const void *sb) { return uint64_t{tier_super_v1(sb).sb_extent_size}; }, crc_extent_v1,
-    [] { return tier_make_columns(std::tuple_cat(TIER_EXTENT_KEYS, IN_USE_KEYS)); }, &BITMAP,
-    {parse_extent_from_json_v1, __print_extent_v1});
+constexpr tier_table TIER_EXTENT_TABLE_V1 = extent_table();
 
 int32_t zutr_dump_extent_v1(zutr_params_t *params)
 {

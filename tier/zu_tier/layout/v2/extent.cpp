@@ -339,6 +339,33 @@ std::vector<tier_stretch> stretches(const void *p)
             {"hot area", sb.sb_total_extent_size}};
 }
 
+/* Those of which the length is not 0; none where their places are not known. */
+uint32_t held_pieces(const void *p, const uint8_t *entry, uint64_t no, tier_piece *to)
+{
+    const tier_super_block_v2_t &sb = tier_super_v2(p);
+    const auto *extent = reinterpret_cast<const tier_extent_v2_t *>(entry);
+    const uint64_t block = tier_add(sb.sb_data_offset, tier_multiply(no, sb.sb_block_size));
+    const uint32_t pieces = pieces_are_known(sb) ? sb.sb_map_cnt : 0;
+    uint32_t held = 0;
+    for (uint32_t mapno = 0; mapno < pieces; mapno++) {
+        const shown_piece piece = load_piece(sb, extent, mapno);
+        if (piece.orig_len() == 0) {
+            continue;
+        }
+        to[held++] = {.part = mapno,
+                      .clean = piece.clean() != 0,
+                      .place = piece.offset,
+                      .start = tier_add(block, uint64_t{piece.begin} * SIZE_4K),
+                      .length = std::min(piece.orig_len(), sb.sb_block_size)};
+    }
+    return held;
+}
+
+constexpr tier_data DATA = {
+    .placed = true,
+    .block_size = [](const void *sb) { return uint64_t{tier_super_v2(sb).sb_block_size}; },
+    .pieces = held_pieces};
+
 constexpr tier_table extent_table()
 {
     tier_table table = tier_extent_table<tier_super_block_v2_t>(
@@ -350,6 +377,7 @@ constexpr tier_table extent_table()
     table.check = check_extent;
     table.check_with_owner = check_extent_in_file;
     table.stretches = stretches;
+    table.data = &DATA;
     return table;
 }
 

@@ -159,6 +159,25 @@ constexpr tier_word_rule WORD_RULES[] = {
      "its reserved bit is set, which is odd"},
 };
 
+/* An extent is a data block, in use as far as its bitmap says in a unit that only the service
+ * knows. Where the block lies in its file is told by the shard and the address, in the same way. */
+uint32_t pieces(const void *p, const uint8_t *entry, uint64_t no, tier_piece *to)
+{
+    const tier_super_block_v3_t &sb = tier_super_v3(p);
+    const uint64_t word = *reinterpret_cast<const uint64_t *>(entry);
+    *to = {.part = 0,
+           .clean = EXTENT_DIRTY_V3.get(word) == 0,
+           .place = EXTENT_LBA_V3.get(word),
+           .start = tier_add(sb.sb_block_area_offset, tier_multiply(no, sb.sb_block_size)),
+           .length = sb.sb_block_size};
+    return 1;
+}
+
+constexpr tier_data DATA = {
+    .bounded = true,
+    .block_size = [](const void *sb) { return tier_super_v3(sb).sb_block_size; },
+    .pieces = pieces};
+
 } // namespace
 
 constexpr tier_table TIER_EXTENT_TABLE_V3 = {
@@ -177,6 +196,7 @@ constexpr tier_table TIER_EXTENT_TABLE_V3 = {
     .ends_with_owner = true,
     .claims = CLAIMS,
     .word_rules = WORD_RULES,
+    .data = &DATA,
 };
 
 int32_t zutr_dump_extent_v3(zutr_params_t *params)
