@@ -100,6 +100,8 @@ TEST(Completion, TablesOfTheCompanion)
     EXPECT_EQ(offered({"zu_tierctl", "check", "dev", "--table", "h"}), Words{"hot"});
     EXPECT_EQ(offered({"zu_tierctl", "sample", "--layout", ""}), (Words{"v1", "v2", "v3"}));
     EXPECT_EQ(offered({"zu_tierctl", "plan", "dev", "--only", ""}), Words{"certain"});
+    EXPECT_EQ(offered({"zu_tierctl", "usage", "dev", "--by", ""}),
+              (Words{"age", "brick", "inode"}));
     EXPECT_EQ(offered({"zu_tierctl", "revert", "sav"}), Words{});
 }
 

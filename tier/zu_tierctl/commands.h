@@ -31,5 +31,6 @@ void add_sample(CLI::App &app);
 void add_save(CLI::App &app, int *status);
 void add_template(CLI::App &app);
 void add_undo(CLI::App &app);
+void add_usage(CLI::App &app, int *status);
 
 } // namespace tierctl

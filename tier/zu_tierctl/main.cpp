@@ -39,6 +39,7 @@ int run(int argc, char *argv[], int *status)
     add_save(app, status);
     add_template(app);
     add_undo(app);
+    add_usage(app, status);
     try {
         app.parse(argc, argv);
         return *status;

@@ -149,9 +149,10 @@ struct tier_data {
     bool bounded = false;
     /* Bytes of a data block. */
     uint64_t (*block_size)(const void *sb) = nullptr;
+    /* Whether the super block tells where an entry says which pieces it holds; null: always. */
+    bool (*is_known)(const void *sb) = nullptr;
     /* Writes the pieces of entry `no`, which is in use, to `to`, in the order of its parts; gives
-     * their number. A piece may reach past its
-     * data block on a damaged device. */
+     * their number. A piece may reach past its data block on a damaged device. */
     uint32_t (*pieces)(const void *sb, const uint8_t *entry, uint64_t no, tier_piece *to) = nullptr;
     /* Whether entries mark the valid ones of all the pages, of 4096 bytes, of their data block, and
      * whether page `page` is marked; null: they never do. */

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <fmt/core.h>
 #include <string_view>
 #include <utility>
@@ -22,6 +23,12 @@ void finish_output();
 
 /* Whether a descriptor is a terminal that knows control sequences: not one with TERM=dumb. */
 bool is_able_terminal(int fd);
+
+/* Columns of a line on standard output: COLUMNS, those of the terminal, or 80; 1 to 1000. */
+size_t output_width();
+
+/* Whether standard output gets colours: on a terminal, unless NO_COLOR is set. */
+bool wants_colours();
 
 /* Writes the line "zu_tierctl: <message>" to standard error, whatever the message holds. A failure
  * is ignored: it cannot be reported. */

@@ -1,6 +1,8 @@
 #include "zu_tierctl/device/text.h"
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <fmt/core.h>
@@ -192,6 +194,17 @@ std::vector<std::string_view> split(std::string_view text, char delimiter)
 std::string range_text(uint64_t first, uint64_t last)
 {
     return first == last ? std::to_string(first) : fmt::format("{}..{}", first, last);
+}
+
+std::string bytes_text(uint64_t bytes)
+{
+    constexpr const char *UNITS[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    if (bytes < 1024) {
+        return fmt::format("{}", bytes);
+    }
+    const size_t power = (std::bit_width(bytes) - 1) / 10; /* of 1024 */
+    const double unit = std::ldexp(1.0, static_cast<int>(10 * power));
+    return fmt::format("{:.1f} {}", static_cast<double>(bytes) / unit, UNITS[power - 1]);
 }
 
 std::string tool_command(std::string_view device)

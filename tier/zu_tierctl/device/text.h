@@ -40,6 +40,9 @@ std::vector<std::string_view> split(std::string_view text, char delimiter);
 /* "7", "20..4047" */
 std::string range_text(uint64_t first, uint64_t last);
 
+/* "7", "1.5 KiB" */
+std::string bytes_text(uint64_t bytes);
+
 /* The start of a command that runs zu_tier on a device. It names a log: zu_tier ends without one,
  * and the default place can rarely be written. */
 std::string tool_command(std::string_view device);

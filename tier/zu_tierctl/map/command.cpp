@@ -1,23 +1,16 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/new_file.h"
-#include "zu_tierctl/device/number.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/map/map.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cstdlib>
 #include <memory>
 #include <string>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace tierctl {
 
 namespace {
 
-constexpr size_t WIDTH_FALLBACK = 80;
-constexpr size_t WIDTH_MAX = 1000;
 constexpr size_t HTML_CELLS_MAX = 3000; /* of a table */
 
 constexpr const char MAP_DESCRIPTION[] = "Draw what the tables of a device hold, and where";
@@ -43,23 +36,6 @@ struct MapOptions {
     std::string plan_file;
 };
 
-/* The value of an environment variable; empty when it is not set. */
-std::string variable(const char *name)
-{
-    const char *value = getenv(name);
-    return value != nullptr ? value : "";
-}
-
-size_t output_width()
-{
-    winsize window{};
-    uint64_t width = parse_number(variable("COLUMNS")).value_or(0);
-    if (width == 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0) {
-        width = window.ws_col;
-    }
-    return std::min<uint64_t>(width != 0 ? width : WIDTH_FALLBACK, WIDTH_MAX);
-}
-
 void write_html(const MapOptions &options)
 {
     refuse_existing(options.html);
@@ -74,7 +50,7 @@ void write_html(const MapOptions &options)
 void print_map(const MapOptions &options)
 {
     const size_t width = output_width();
-    const bool colours = is_able_terminal(STDOUT_FILENO) && variable("NO_COLOR").empty();
+    const bool colours = wants_colours();
     const Map map = read_map(
         options.device, [width](uint64_t last) { return terminal_cells(width, last); },
         options.super_file, options.quick, options.plan_file);

@@ -6,13 +6,12 @@
 #include "zu_tierctl/check/states.h"
 #include "zu_tierctl/device/in_use.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/entry/ages.h"
 #include "zu_tierctl/entry/fields.h"
 #include "zu_tierctl/entry/given_super.h"
 #include "zu_tierctl/plan/plan_file.h"
 
 #include <algorithm>
-#include <bit>
-#include <cmath>
 #include <fmt/core.h>
 #include <limits>
 #include <map>
@@ -22,32 +21,7 @@ namespace tierctl {
 
 namespace {
 
-constexpr uint64_t HOUR = 3600ULL * 1000 * 1000 * 1000;
-constexpr uint64_t DAY = 24 * HOUR;
 constexpr uint64_t ANY = std::numeric_limits<uint64_t>::max();
-
-constexpr MapAge AGES[] = {
-    {"hour", HOUR},      {"day", DAY},        {"week", 7 * DAY},
-    {"month", 30 * DAY}, {"year", 365 * DAY}, {"older", ANY},
-};
-
-/* Some accesses, at most one in so many but always one of three or more, are odd when they come so
- * much later than all others: without a rule one wrong clock would make everything else old. */
-constexpr size_t ENTRIES_AN_ODD = 100;
-constexpr uint64_t ODD_AFTER = 365 * DAY;
-
-/* How many of the accesses, the earliest first, are not odd. */
-size_t count_plausible(const std::vector<uint64_t> &accesses)
-{
-    const size_t count = accesses.size();
-    const size_t odd_max = count < 3 ? 0 : std::max<size_t>(1, count / ENTRIES_AN_ODD);
-    for (size_t i = count - odd_max; i < count; i++) {
-        if (accesses[i] - accesses[i - 1] > ODD_AFTER) {
-            return i;
-        }
-    }
-    return count;
-}
 
 /* No layout has more bricks; references to other numbers are counted together. */
 constexpr size_t OWNERS = 300;
@@ -272,22 +246,20 @@ void TableBuilder::finish()
         return std::lexicographical_compare(b.entries.rbegin(), b.entries.rend(),
                                             a.entries.rbegin(), a.entries.rend());
     });
-    map_.ages.assign(std::begin(AGES), std::end(AGES));
+    for (const AgeGroup &group : AGE_GROUPS) {
+        map_.ages.push_back({group.name});
+    }
     if (accesses_.empty()) {
         return;
     }
-    std::ranges::sort(accesses_);
-    const size_t plausible = count_plausible(accesses_);
-    map_.odd = accesses_.size() - plausible;
-    map_.odd_access = time_text(accesses_.back());
-    accesses_.resize(plausible);
-    const uint64_t newest = accesses_.back();
-    map_.accessed = time_text(newest);
+    const NewestTime newest = find_newest(accesses_);
+    map_.odd = newest.odd;
+    map_.odd_access = time_text(newest.latest);
+    map_.accessed = time_text(newest.time);
     for (const uint64_t access : accesses_) {
-        const uint64_t age = newest - access;
-        std::ranges::find_if(map_.ages, [age](const auto &known) {
-            return age <= known.end;
-        })->entries++;
+        if (access <= newest.time) {
+            map_.ages[age_group(newest, access)].entries++;
+        }
     }
 }
 
@@ -460,17 +432,6 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max,
         show_plan(map, plan_file, device, metadata);
     }
     return map;
-}
-
-std::string bytes_text(uint64_t bytes)
-{
-    constexpr const char *UNITS[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-    if (bytes < 1024) {
-        return fmt::format("{}", bytes);
-    }
-    const size_t power = (std::bit_width(bytes) - 1) / 10; /* of 1024 */
-    const double unit = std::ldexp(1.0, static_cast<int>(10 * power));
-    return fmt::format("{:.1f} {}", static_cast<double>(bytes) / unit, UNITS[power - 1]);
 }
 
 std::string ages_heading(const Map &map)

@@ -80,7 +80,6 @@ struct MapUse {
 /* Entries in use by the time from their last access to the newest one of the device. */
 struct MapAge {
     std::string_view name;
-    uint64_t end; /* the longest such time, in nanoseconds */
     uint64_t entries = 0;
 };
 
@@ -133,9 +132,6 @@ using CellsMax = std::function<size_t(uint64_t last)>;
 Map read_map(const std::string &device, const CellsMax &cells_max,
              const std::string &super_file = "", bool quick = false,
              const std::string &plan_file = "");
-
-/* "7", "1.5 KiB" */
-std::string bytes_text(uint64_t bytes);
 
 /* "30 in use, 19 free, 1 damaged, 2 findings, 1 step", without zeros; "nothing" when all are 0. */
 std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps = 0);

@@ -1,3 +1,4 @@
+#include "zu_tierctl/device/lines.h"
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/map/map.h"
 
@@ -11,7 +12,6 @@ namespace tierctl {
 namespace {
 
 constexpr size_t ROWS_MAX = 12; /* of a table's grid, and of owners */
-constexpr size_t BAR_WIDTH = 16;
 constexpr size_t PATH_MIN = 12; /* fewer characters of a path would say nothing */
 
 /* Widths of the columns about owners and ages, where a line has room for all of them. */
@@ -19,13 +19,6 @@ constexpr size_t NAME_WIDTH = 7;
 constexpr size_t COUNT_WIDTH = 9; /* of entries of the first table; of any other: */
 constexpr size_t MORE_WIDTH = 11;
 constexpr size_t BYTES_WIDTH = 12;
-
-using TextStyle = const char *; /* parameters of its escape sequence */
-
-constexpr TextStyle PLAIN = "";
-constexpr TextStyle BOLD = "1";
-constexpr TextStyle DIM = "2";
-constexpr TextStyle USE = "36";
 
 struct LookMarks {
     Look look;
@@ -41,115 +34,6 @@ constexpr LookMarks LOOKS[] = {
     {Look::finding, "1;33", "!", "finding;"},
     {Look::damaged, "1;31", "X", "damaged;"},
     {Look::unreadable, "1;35", "?", "unreadable"},
-};
-
-/* Blocks of which so many eighths are filled, from below and from the left. */
-constexpr const char *RISING[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-constexpr const char *ADVANCING[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
-
-bool begins_character(char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }
-
-size_t columns(std::string_view text)
-{
-    return static_cast<size_t>(std::ranges::count_if(text, begins_character));
-}
-
-std::string bar(uint64_t part, uint64_t whole)
-{
-    if (part == 0) {
-        return "";
-    }
-    const double eighths = static_cast<double>(part) / static_cast<double>(whole) * (8 * BAR_WIDTH);
-    const auto length = std::max<size_t>(1, static_cast<size_t>(eighths));
-    std::string text;
-    for (size_t i = 0; i < length / 8; i++) {
-        text += RISING[8];
-    }
-    return text + ADVANCING[length % 8];
-}
-
-/* Text in lines of at most `width` characters. */
-class Lines {
-public:
-    Lines(size_t width, bool colours) : width_(width), colours_(colours) {}
-
-    size_t width() const { return width_; }
-
-    /* Breaks a line where it is full. */
-    void add(TextStyle style, std::string_view text)
-    {
-        for (const char byte : text) {
-            if (begins_character(byte) && column_++ == width_) {
-                end_line();
-                column_ = 1;
-            }
-            if (colours_ && style != style_) {
-                text_.append("\x1b[0").append(*style != '\0' ? ";" : "").append(style) += 'm';
-                style_ = style;
-            }
-            text_ += byte;
-        }
-    }
-
-    /* Breaks lines between words. */
-    void add_words(TextStyle style, std::string_view text)
-    {
-        while (!text.empty()) {
-            const std::string_view word = text.substr(0, text.find(' '));
-            if (column_ != 0 && column_ + 1 + columns(word) > width_) {
-                end_line();
-            }
-            if (column_ != 0) {
-                add(style, " ");
-            }
-            add(style, word);
-            text.remove_prefix(std::min(text.size(), word.size() + 1));
-        }
-    }
-
-    /* Begins a new line when so many characters fit there, but not in this one. */
-    void keep_together(size_t length)
-    {
-        if (column_ != 0 && column_ + 1 + length > width_ && length <= width_) {
-            end_line();
-        }
-    }
-
-    void add_phrase(TextStyle style, std::string_view text)
-    {
-        keep_together(columns(text));
-        add_words(style, text);
-    }
-
-    /* Aligned to the right of one of the columns, which take `all` characters, where they fit;
-     * otherwise as words. */
-    void add_column(TextStyle style, const std::string &text, size_t width, size_t all)
-    {
-        if (width_ < all || text.size() >= width) {
-            add_words(style, text);
-        } else {
-            add(style, std::string(width - text.size(), ' ') + text);
-        }
-    }
-
-    void end_line()
-    {
-        if (style_ != PLAIN) {
-            text_ += "\x1b[0m";
-            style_ = PLAIN;
-        }
-        text_ += '\n';
-        column_ = 0;
-    }
-
-    std::string take() { return std::move(text_); }
-
-private:
-    size_t width_;
-    bool colours_;
-    size_t column_ = 0;
-    TextStyle style_ = PLAIN;
-    std::string text_;
 };
 
 /* Each row of a grid begins with the number of its first entry, unless that would take half of the
@@ -232,12 +116,6 @@ void draw_table(const MapTable &table, Lines &lines)
         lines.end_line();
         draw_cells(cells.subspan(table.cells_before), label, lines);
     }
-}
-
-/* The end of a path tells more than its start. */
-std::string path_end(const std::string &path, size_t width)
-{
-    return path.size() <= width ? path : "…" + path.substr(path.size() - width + 1);
 }
 
 /* The width of all columns about owners. */

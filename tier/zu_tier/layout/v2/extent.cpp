@@ -364,6 +364,7 @@ uint32_t held_pieces(const void *p, const uint8_t *entry, uint64_t no, tier_piec
 constexpr tier_data DATA = {
     .placed = true,
     .block_size = [](const void *sb) { return uint64_t{tier_super_v2(sb).sb_block_size}; },
+    .is_known = [](const void *sb) { return pieces_are_known(tier_super_v2(sb)); },
     .pieces = held_pieces};
 
 constexpr tier_table extent_table()
