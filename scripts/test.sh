@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 . scripts/sanitized.sh
 
 install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" dpkg-dev gcovr git jq lintian pdsh \
-    strace valgrind
+    prometheus strace systemd valgrind
 
 build test
 cpack --config build/CPackConfig.cmake -B build/package >/dev/null

@@ -180,7 +180,7 @@ void report_failure(const CheckOptions &options, Report *report, const char *err
 
 void wait_for_writers() { std::this_thread::sleep_for(std::chrono::seconds(2)); }
 
-bool check(const CheckOptions &options)
+bool check(const CheckOptions &options, const std::function<void(const Report &)> &done)
 {
     std::unique_ptr<Report> report;
     try {
@@ -197,6 +197,9 @@ bool check(const CheckOptions &options)
         report->keep_only(options.live ? &seen : nullptr);
         check_metadata(options, device, metadata, *report, nullptr);
         report->finish();
+        if (done) {
+            done(*report);
+        }
         return report->findings() == 0;
     } catch (const std::exception &error) {
         if (options.json) {

@@ -30,9 +30,9 @@ struct CheckOptions {
 };
 
 /* Reads the metadata of a device and reports, on standard output, what breaks the rules of its
- * layout. True when nothing does; throws when it cannot be checked, which a JSON document says too.
- */
-bool check(const CheckOptions &options);
+ * layout; gives the finished report to `done`, unless that is empty. True when nothing does; throws
+ * when it cannot be checked, which a JSON document says too. */
+bool check(const CheckOptions &options, const std::function<void(const Report &)> &done = {});
 
 /* The same for an open device, to another report, which it does not finish. `watcher`, unless it is
  * null, sees the tables that are read. */

@@ -1,9 +1,12 @@
 #include "zu_tierctl/check/check.h"
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/entry/table.h"
+#include "zu_tierctl/metrics/metrics.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace tierctl {
 
@@ -13,7 +16,8 @@ constexpr int STATUS_FINDINGS = 1;
 constexpr int STATUS_NOT_CHECKED = 2;
 
 constexpr const char CHECK_FOOTER[] =
-    "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked.\n"
+    "Exit status: 0 nothing was found, 1 something was found, 2 DEVICE could not be checked,\n"
+    "or the metrics could not be written.\n"
     "A warning counts as found: it breaks no rule, but is odd, or something could not be checked.\n"
     "\n"
     "What explains many findings at once comes first, as a line \"cause: ...\". Commands that are\n"
@@ -32,6 +36,7 @@ constexpr const char CHECK_FOOTER[] =
 void add_check(CLI::App &app, int *status)
 {
     const auto options = std::make_shared<CheckOptions>();
+    const auto metrics = std::make_shared<std::optional<std::string>>();
     CLI::App *command =
         app.add_subcommand("check", "Check the metadata of a device, without changing it");
     command->footer(CHECK_FOOTER);
@@ -50,15 +55,24 @@ void add_check(CLI::App &app, int *status)
     command->add_flag("--live", options->live,
                       "DEVICE is in use: check three times, some seconds\n"
                       "apart, and report only what stays");
+    CLI::Option *tables =
+        command
+            ->add_option("--table", options->tables,
+                         "Report on this table only; may be repeated\n" + tables_text())
+            ->type_name("TABLE")
+            ->allow_extra_args(false);
     command
-        ->add_option("--table", options->tables,
-                     "Report on this table only; may be repeated\n" + tables_text())
-        ->type_name("TABLE")
-        ->allow_extra_args(false);
+        ->add_option("--metrics", *metrics,
+                     "Also write what was found, and the bytes that were\n"
+                     "not written back, to FILE as OpenMetrics text")
+        ->type_name("FILE")
+        ->excludes(tables);
     add_super_option(*command, options->super_file);
-    command->callback([options, status] {
+    command->callback([options, metrics, status] {
         *status = STATUS_NOT_CHECKED; /* if it throws */
-        *status = check(*options) ? 0 : STATUS_FINDINGS;
+        const bool fine =
+            metrics->has_value() ? check_with_metrics(*options, **metrics) : check(*options);
+        *status = fine ? 0 : STATUS_FINDINGS;
     });
 }
 

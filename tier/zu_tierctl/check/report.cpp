@@ -16,20 +16,6 @@ namespace tierctl {
 
 namespace {
 
-struct CountColumn {
-    const char *key;
-    const char *title;
-    uint64_t Counts::*count;
-};
-
-constexpr CountColumn COLUMNS[] = {
-    {"entries", "entries", &Counts::entries},
-    {"in_use", "in use", &Counts::in_use},
-    {"free", "free", &Counts::free},
-    {"damaged", "damaged", &Counts::damaged},
-    {"unreadable", "unreadable", &Counts::unreadable},
-};
-
 /* The whole line of a finding. */
 std::string finding_line(const Finding &finding, const std::string &command)
 {
@@ -62,12 +48,12 @@ private:
     {
         std::string text = told_ ? "\n" : "";
         text += fmt::format("{:<8}", "table");
-        for (const CountColumn &column : COLUMNS) {
+        for (const CountColumn &column : COUNT_COLUMNS) {
             text += fmt::format(" {:>12}", column.title);
         }
         for (const auto &[table, counts] : counts()) {
             text += fmt::format("\n{:<8}", table);
-            for (const CountColumn &column : COLUMNS) {
+            for (const CountColumn &column : COUNT_COLUMNS) {
                 text += fmt::format(" {:>12}", counts.*column.count);
             }
         }
@@ -146,7 +132,7 @@ private:
         }
         auto tables = nlohmann::ordered_json::object();
         for (const auto &[table, counts] : counts()) {
-            for (const CountColumn &column : COLUMNS) {
+            for (const CountColumn &column : COUNT_COLUMNS) {
                 tables[std::string(table)][column.key] = counts.*column.count;
             }
         }
@@ -219,8 +205,9 @@ void Report::add(const Finding &finding)
         return;
     }
     findings_ = add_limited(findings_, finding.count);
-    const auto [place, is_new] = ranges_.try_emplace(
-        {finding.kind.name, finding.table, finding.unit}, KindRange{finding.no, finding.last, 0});
+    const auto [place, is_new] =
+        ranges_.try_emplace({finding.kind.name, finding.table, finding.unit},
+                            KindRange{finding.kind.severity, finding.no, finding.last, 0});
     KindRange &range = place->second;
     range.first = std::min(range.first, finding.no);
     range.last = std::max(range.last, finding.last);

@@ -28,6 +28,20 @@ struct Counts {
     uint64_t unreadable = 0;
 };
 
+/* The counts in the order in which they are shown. */
+struct CountColumn {
+    const char *key;
+    const char *title;
+    uint64_t Counts::*count;
+};
+inline constexpr CountColumn COUNT_COLUMNS[] = {
+    {"entries", "entries", &Counts::entries},
+    {"in_use", "in use", &Counts::in_use},
+    {"free", "free", &Counts::free},
+    {"damaged", "damaged", &Counts::damaged},
+    {"unreadable", "unreadable", &Counts::unreadable},
+};
+
 /* Sees every entry of a device once while the device is checked: table by table, by number. */
 class Watcher {
 public:
@@ -52,6 +66,7 @@ enum class Detail {
 
 /* The findings of a kind in a table, wherever they are. */
 struct KindRange {
+    Severity severity;
     uint64_t first;
     uint64_t last;
     uint64_t count;
@@ -84,15 +99,14 @@ public:
 
     /* The number of findings added. */
     uint64_t findings() const { return findings_; }
-
-protected:
-    /* By kind, table and unit. */
+    /* They by kind, table and unit, and the counts by table. */
     using KindRanges =
         std::map<std::tuple<std::string, std::string_view, std::string_view>, KindRange>;
-
-    Detail detail() const { return detail_; }
-    const std::vector<std::pair<std::string_view, Counts>> &counts() const { return counts_; }
     const KindRanges &ranges() const { return ranges_; }
+    const std::vector<std::pair<std::string_view, Counts>> &counts() const { return counts_; }
+
+protected:
+    Detail detail() const { return detail_; }
     /* Numbers of findings by kind. */
     std::map<std::string, uint64_t> kinds() const;
 
