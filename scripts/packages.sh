@@ -25,3 +25,15 @@ install_packages() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
+
+# Installs DuckDB, which Debian does not have, as its package for Node.js, and names that in
+# ZU_TIER_DUCKDB. Without npm and its registry the tests do without it.
+install_duckdb() {
+    local to=$PWD/build/duckdb
+    if [ ! -d "$to/node_modules" ]; then
+        command -v npm >/dev/null || return 0
+        timeout 120 npm install --prefix "$to" --no-audit --no-fund --silent \
+            @duckdb/node-api@1.5.6-r.1 >/dev/null 2>&1 || return 0
+    fi
+    export ZU_TIER_DUCKDB=$to/node_modules/@duckdb/node-api
+}

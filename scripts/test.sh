@@ -10,6 +10,7 @@ cd "$(dirname "$0")/.."
 
 install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" dpkg-dev gcovr git jq lintian pdsh \
     prometheus strace systemd valgrind
+install_duckdb
 
 build test
 cpack --config build/CPackConfig.cmake -B build/package >/dev/null

@@ -12,9 +12,17 @@ using namespace tier_test;
 
 namespace {
 
+// Where the commands of a section are looked for.
+std::string path()
+{
+    std::string path = std::filesystem::path(ZU_TIER).parent_path().string() + ":" + getenv("PATH");
+    return getenv("ZU_TIER_DUCKDB") != nullptr ? path + ":" + STAND_INS : path;
+}
+
 bool is_installed(const std::string &name)
 {
-    return run_program("/bin/sh", {"-c", "command -v " + name}).status == 0;
+    const RunOptions options{.environment = {{"PATH", path()}}};
+    return run_program("/bin/sh", {"-c", "command -v " + name}, options).status == 0;
 }
 
 // What the commands of a section need and not every machine has.
@@ -40,10 +48,9 @@ TEST_P(Runbook, Section)
     const std::vector<Step> &steps = GetParam().steps;
     for (std::size_t i = 0; i < steps.size(); ++i)
         script += "{ " + steps[i].command + "} >output." + std::to_string(i) + " 2>&1\n";
-    const std::string programs = std::filesystem::path(ZU_TIER).parent_path();
     const RunResult run =
         run_program("/bin/bash", {"-c", script},
-                    {.environment = {{"PATH", programs + ":" + getenv("PATH")},
+                    {.environment = {{"PATH", path()},
                                      {"TZ", "UTC"},
                                      {"LC_ALL", "C.UTF-8"},
                                      {"PDSH_RCMD_TYPE", "exec"}}, // here, instead of there
