@@ -90,9 +90,10 @@ protected:
         expect_end("undo", bad);
     }
 
-    // Every call that the command makes, failed in turn in this way.
-    void fail_in_turn(const std::string &command, const std::string &call,
-                      const std::string &effect)
+    // Every call that the command makes, failed in turn in this way. Gives how many runs failed.
+    // `always` is what fails besides in all runs of it.
+    std::size_t fail_in_turn(const std::string &command, const std::string &call,
+                             const std::string &effect, const std::string &always = "")
     {
         fs::remove(undo);
         device.write(0, bad);
@@ -107,8 +108,11 @@ protected:
             device.write(0, command == "apply" ? bad : good);
             if (command == "undo")
                 directory.write("undo", complete);
-            const RunResult ended = run(command, fault);
-            if (lines_of(read_file(traces.path("trace"))).empty())
+            const RunResult ended = run(command, always + fault);
+            const auto trace = lines_of(read_file(traces.path("trace")));
+            if (std::ranges::none_of(trace, [&](const std::string &line) {
+                    return line.starts_with(call) && line.ends_with("=" + effect);
+                }))
                 break;
             EXPECT_TRUE(ended.status == 0 || ended.status == 1) << ended;
             EXPECT_EQ(ended.status == 0, ended.err.empty()) << ended;
@@ -120,7 +124,7 @@ protected:
         }
         EXPECT_GT(turn, 1U);
         EXPECT_LT(turn, 1000U);
-        EXPECT_GT(failed, 0U);
+        return failed;
     }
 
 private:
@@ -130,29 +134,51 @@ private:
 TEST_F(ApplyFaults, EveryReadInTurn)
 {
     for (const char *command : {"apply", "undo"})
-        fail_in_turn(command, "pread", "EIO");
+        EXPECT_GT(fail_in_turn(command, "pread", "EIO"), 0U);
 }
 
 TEST_F(ApplyFaults, EveryWriteInTurn)
 {
     for (const char *command : {"apply", "undo"})
         for (const char *effect : {"EIO", "short:512", "lost"})
-            fail_in_turn(command, "pwrite", effect);
-    fail_in_turn("apply", "pwrite", "ENOSPC");
+            EXPECT_GT(fail_in_turn(command, "pwrite", effect), 0U);
+    EXPECT_GT(fail_in_turn("apply", "pwrite", "ENOSPC"), 0U);
 }
 
 TEST_F(ApplyFaults, EveryFlushInTurn)
 {
     for (const char *command : {"apply", "undo"})
-        fail_in_turn(command, "fsync", "EIO");
+        EXPECT_GT(fail_in_turn(command, "fsync", "EIO"), 0U);
 }
 
 TEST_F(ApplyFaults, EveryOpeningInTurn)
 {
     for (const char *command : {"apply", "undo"})
         for (const char *call : {"open", "stat", "fstat"})
-            fail_in_turn(command, call, "EIO");
-    fail_in_turn("apply", "linkat", "EIO");
+            EXPECT_GT(fail_in_turn(command, call, "EIO"), 0U);
+    EXPECT_GT(fail_in_turn("apply", "linkat", "EIO"), 0U);
+}
+
+// Where files without a name cannot be had, and where no file can be renamed without replacing
+// another.
+TEST_F(ApplyFaults, EveryNamingInTurn)
+{
+    const std::string named = "tmpfile=EOPNOTSUPP;";
+    EXPECT_EQ(fail_in_turn("apply", "renameat2", "EIO", named), 0U) << "a link does it";
+    EXPECT_GT(fail_in_turn("apply", "link", "EIO", named + "renameat2=EINVAL;"), 0U);
+    EXPECT_EQ(fail_in_turn("apply", "tmpfile", "EIO"), 0U) << "it gets a name";
+}
+
+// The plan is read in pieces; a part of it is no plan.
+TEST_F(ApplyFaults, EveryReadOfThePlanInTurn)
+{
+    EXPECT_GT(fail_in_turn("apply", "fread", "EIO"), 0U);
+    EXPECT_GT(fail_in_turn("apply", "fopen", "EIO"), 0U);
+    fs::remove(undo);
+    device.write(0, bad);
+    const RunResult refused = run("apply", "fread=EIO");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "zu_tierctl: cannot read " + plan + ": Input/output error\n");
 }
 
 TEST_F(ApplyFaults, ItIsSaidWhatIsWritten)

@@ -5,6 +5,7 @@
 #include "kill_run.h"
 #include "loop_device.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -27,6 +28,16 @@ protected:
                 GTEST_SKIP() << "no right to set up a loop device";
             device_ = loop_->path();
         }
+        if (GetParam() == "FileSystemWithoutUnnamedFiles") {
+            setenv("LD_PRELOAD", ZUTR_FAULTS_LIB, 1);
+            setenv("ZUTR_FAULTS", "tmpfile=EOPNOTSUPP", 1);
+        }
+    }
+
+    void TearDown() override
+    {
+        unsetenv("LD_PRELOAD");
+        unsetenv("ZUTR_FAULTS");
     }
 
     // What a run may leave: the bytes of the slots that the plan is about, and the undo file.
@@ -78,10 +89,11 @@ protected:
 
     // Nothing but the blocks of the plan has changed, and both ways are open. Without an undo file
     // nothing has been written.
-    void expect_ways(const State &left, const std::string &complete)
+    void expect_ways(const State &start, const State &left, const std::string &complete)
     {
         for (std::size_t i = 0; i < steps.size(); ++i)
-            EXPECT_TRUE(left.blocks[i] == steps[i].before || left.blocks[i] == steps[i].after);
+            EXPECT_TRUE(left.blocks[i] == steps[i].before || left.blocks[i] == steps[i].after ||
+                        left.blocks[i] == start.blocks[i]);
         EXPECT_TRUE(left.undo.empty() || left.undo == complete);
         if (left.undo.empty()) {
             expect_device(bad);
@@ -107,7 +119,7 @@ protected:
             SCOPED_TRACE(stop);
             const State left = state();
             if (seen.insert(left).second)
-                expect_ways(left, complete);
+                expect_ways(start, left, complete);
             restore(start);
         }
         EXPECT_GT(stop - first, 100U);
@@ -120,7 +132,8 @@ private:
     std::string device_ = path;
 };
 
-INSTANTIATE_TEST_SUITE_P(, KilledApply, testing::Values("File", "LoopDevice"),
+INSTANTIATE_TEST_SUITE_P(, KilledApply,
+                         testing::Values("File", "LoopDevice", "FileSystemWithoutUnnamedFiles"),
                          [](const auto &device) { return device.param; });
 
 // Nothing, the undo file, and each block.
@@ -140,6 +153,18 @@ TEST_P(KilledApply, Undo)
     const RunResult done = run_ctl(args_of("apply"));
     ASSERT_EQ(done.status, 0) << done;
     kill_everywhere("undo", 1 + steps.size());
+}
+
+// The first is written, the second in part.
+TEST_P(KilledApply, UndoFromTheMiddleOfAnApply)
+{
+    const RunResult done = run_ctl(args_of("apply"));
+    ASSERT_EQ(done.status, 0) << done;
+    Block torn = steps[1].before;
+    std::copy_n(steps[1].after.begin(), 512, torn.begin());
+    put_block(cache.device, steps[1].offset, torn);
+    put_block(cache.device, steps[2].offset, steps[2].before);
+    kill_everywhere("undo", 3);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // zu_tierctl plan: a step, or a reason why there is none, for each error of a check.
 
+#include "plans.h"
 #include "revert_run.h"
 #include "v1_device.h"
 #include "v2_device.h"
@@ -18,23 +19,6 @@ using nlohmann::ordered_json;
 namespace {
 
 using Steps = std::vector<ordered_json>;
-
-// The text in base64 that holds these bytes.
-std::string base64(const Block &block)
-{
-    const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    for (std::size_t at = 0; at < 8 * block.size(); at += 6) {
-        unsigned digit = 0;
-        for (std::size_t bit = at; bit < at + 6; ++bit) {
-            const bool is_set =
-                bit < 8 * block.size() && (block[bit / 8] >> (7 - bit % 8) & 1U) != 0;
-            digit = digit << 1 | (is_set ? 1U : 0U);
-        }
-        text += digits[digit];
-    }
-    return text.append((4 - text.size() % 4) % 4, '=');
-}
 
 struct Planned {
     RunResult run;
@@ -601,7 +585,7 @@ TEST_P(PlanOf, ASavedEntryWhoseOwnerIsGone)
         EXPECT_EQ(step["action"], "copy") << step;
     Block gone = block_of("brick", 2);
     const TableModel &bricks = model(cache.layout[1] - '0', "brick");
-    put_number(gone, bricks.field("bi_no"), 1);
+    put_number(gone, bricks.field(bricks.number), 1);
     seal(bricks, block_of("super", 0), gone);
     put("brick", 1, gone);
     const Planned planned = plan({"--from", saved});
@@ -611,6 +595,196 @@ TEST_P(PlanOf, ASavedEntryWhoseOwnerIsGone)
                      saved + " has one, but it refers to brick 1, which is not in use: it is "
                              "older, and revert copies it all the same"))
         << planned.run;
+}
+
+// The file that it belonged to has gone, and another has taken its number.
+TEST_P(PlanOf, ASavedEntryWhoseOwnerIsAnotherByNow)
+{
+    const std::uint64_t no = cache.layout == "v3" ? 2 : 1;
+    const std::string owner = cache.layout == "v3" ? "shard 513" : "inode 2";
+    const Block good = block_of("extent", no);
+    put("extent", no, {});
+    EXPECT_EQ(step({"--from", saved})["action"], "copy");
+    const auto expect_left = [&] {
+        const ordered_json left = step({"--from", saved});
+        EXPECT_EQ(left["action"], "leave");
+        EXPECT_TRUE(says(left, saved + " has one, but it refers to " + owner +
+                                   ", which was another one then: it is older, and revert copies "
+                                   "it all the same"))
+            << left;
+    };
+    const TableModel &inodes = model(cache.layout[1] - '0', "inode");
+    const auto identity = static_cast<std::int64_t>(inodes.field("uuid").byte);
+    edit("inode", 2, identity, 0x18);
+    expect_left();
+    edit("inode", 2, identity, 0x18);
+    EXPECT_EQ(step({"--from", saved})["action"], "copy");
+    if (cache.layout == "v3") {
+        ShardBlockV3 shards;
+        shards.shards = {{.slot = 1, .ino = 2, .index = 8}, {.slot = 511, .ino = 2}};
+        put("shard", 1, encode(shards));
+        expect_left();
+        put("inode", 3, block_of("inode", 2));
+        edit("inode", 3, static_cast<std::int64_t>(inodes.field(inodes.number).byte), 1);
+        edit("inode", 3, identity, 0x18);
+        shards.shards = {{.slot = 1, .ino = 3, .index = 7}, {.slot = 511, .ino = 2}};
+        put("shard", 1, encode(shards));
+        expect_left();
+    }
+    if (cache.layout == "v3")
+        return;
+    // What the checksum proves was there, whoever it belonged to.
+    edit("inode", 2, identity, 0x18);
+    Block damaged = good;
+    damaged[8] ^= 0xFF;
+    damaged[9] ^= 0xFF;
+    put("extent", no, damaged);
+    const ordered_json proven = step({"--from", saved});
+    EXPECT_EQ(proven["class"], "certain") << proven;
+}
+
+// What has been written since then claims the same: apply would refuse the copy, and refuses it
+// from another plan.
+TEST_P(PlanOf, ACopyThatWouldBringAnError)
+{
+    const std::uint64_t no = cache.layout == "v3" ? 2 : 1;
+    const Block good = block_of("extent", no);
+    std::string error;
+    if (cache.layout == "v3") {
+        ExtentBlockV3 extents;
+        extents.extents = {{.slot = 7, .lba = 1, .shard = 513, .bitmap = 1}};
+        put("extent", 1, encode(extents));
+        error =
+            "its extent 1024 has an error that is not there now: address 1 of shard 513 is also "
+            "that of extent 519 (duplicate_extent)";
+    } else {
+        const TableModel &extents = model(cache.layout[1] - '0', "extent");
+        edit("extent", 3, static_cast<std::int64_t>(extents.field("te_block").byte), 2);
+        error = "with its block extent 3 has an error that is not there now: block 1 of inode 2 is "
+                "also that of extent 1 (duplicate_extent)";
+    }
+    put("extent", no, {});
+    const ordered_json left = step({"--from", saved});
+    EXPECT_EQ(left["action"], "leave");
+    EXPECT_EQ(left["reason"], "it is all zero; " + saved + " has it as it was then; but " + error);
+    EXPECT_EQ(left.size(), 5U);
+    const std::string plan_file =
+        directory.write("plan", plan_text({cache.layout, cache.device.size(), block_of("super", 0)},
+                                          {{"extent", no, cache.offset("extent", no), {}, good}}));
+    expect_complaint(run_ctl({"apply", plan_file, cache.device.path(), "--undo",
+                              directory.path("undo"), "--commit"}),
+                     1, plan_file + text(", line 2, extent %lu: ", no) + error);
+    EXPECT_EQ(block_of("extent", no), Block{});
+}
+
+TEST_P(PlanOf, AnInodeThatWouldBeThereTwice)
+{
+    const TableModel &inodes = model(cache.layout[1] - '0', "inode");
+    put("inode", 3, block_of("inode", 2));
+    edit("inode", 3, static_cast<std::int64_t>(inodes.field(inodes.number).byte), 1);
+    put("inode", 2, {});
+    const ordered_json left = step({"--from", saved});
+    EXPECT_EQ(left["action"], "leave");
+    EXPECT_TRUE(says(left, "with its block inode 3 has an error that is not there now: identity "))
+        << left;
+}
+
+// It is what was there, but its brick has gone; so it is with a free inode, when others refer to
+// it.
+TEST_P(PlanOf, ACopyAgainstWhatHasHappenedSince)
+{
+    const Block good = block_of("inode", 2);
+    Block damaged = good;
+    for (std::size_t at = 20; at < 40; ++at)
+        damaged[at] = 0xEE;
+    put("inode", 2, damaged);
+    EXPECT_EQ(step({"--from", saved})["class"], "certain");
+    const Block brick = block_of("brick", 1);
+    Block gone = block_of("brick", 2);
+    const TableModel &bricks = model(cache.layout[1] - '0', "brick");
+    put_number(gone, bricks.field(bricks.number), 1);
+    seal(bricks, block_of("super", 0), gone);
+    put("brick", 1, gone);
+    const ordered_json left = step({"--from", saved});
+    EXPECT_EQ(left["action"], "leave");
+    EXPECT_TRUE(says(left, saved + " has the one whose checksum is still stored here; but its "
+                                   "block has an error that is not there now: it refers to brick "
+                                   "1, which is free (inode_of_free_brick)"))
+        << left;
+    put("brick", 1, brick);
+    Block free = block_of("inode", 3);
+    const TableModel &inodes = model(cache.layout[1] - '0', "inode");
+    put_number(free, inodes.field(inodes.number), 2);
+    seal(inodes, block_of("super", 0), free);
+    put("inode", 2, free);
+    std::filesystem::remove(saved);
+    save();
+    put("inode", 2, {});
+    const ordered_json unused = step({"--from", saved});
+    EXPECT_EQ(unused["action"], "leave");
+    EXPECT_TRUE(says(unused, "; but with its block "));
+    EXPECT_TRUE(says(unused, "it refers to inode 2, which is free"));
+}
+
+// The entry of another slot, under its own right checksum.
+TEST_P(PlanOf, WhatLiesInTheWrongSlotIsLost)
+{
+    put("inode", 3, block_of("inode", 2));
+    const ordered_json copy = step({"--from", saved});
+    EXPECT_EQ(copy["action"], "copy");
+    EXPECT_EQ(copy["lost"], "what lies there, whose checksum is right: wrong is its number; what "
+                            "has changed in it since it was saved");
+}
+
+// Nothing is freed on the word of a super block that may be wrong.
+TEST_P(PlanOf, OwnersThatTheSuperBlockDoesNotCount)
+{
+    const TableModel &supers = model(cache.layout[1] - '0', "super");
+    Block super = block_of("super", 0);
+    const Block counted = super;
+    put_number(super, supers.field("inode_cnt"), 2);
+    if (cache.layout == "v3")
+        put_number(super, supers.field("inode_table_size"), 2 * BLOCK_SIZE);
+    seal(supers, super, super);
+    put("super", 0, super);
+    const Planned planned = plan({"--free-lost"});
+    EXPECT_FALSE(planned.steps.empty());
+    for (const ordered_json &step : planned.steps) {
+        EXPECT_EQ(step["action"], "leave") << step;
+        EXPECT_TRUE(says(step,
+                         "it refers to inode 2, which does not exist; inode 2 is there, sound "
+                         "and in use: perhaps the super block counts too few"))
+            << step;
+    }
+    // It is none when it is free, or damaged.
+    const Block inode = block_of("inode", 2);
+    for (const Block &none : {block_of("inode", 3), Block{}}) {
+        put("inode", 2, none);
+        const Planned freed = plan({"--free-lost"});
+        ASSERT_FALSE(freed.steps.empty());
+        for (const ordered_json &step : freed.steps)
+            EXPECT_EQ(step["action"], "free") << step;
+    }
+    put("inode", 2, inode);
+    put("super", 0, counted);
+    EXPECT_TRUE(plan({"--free-lost"}).steps.empty());
+}
+
+TEST_F(PlanOfV1, ASuperBlockThatContradictsItself)
+{
+    InodeV1 gone;
+    gone.no = 2;
+    put("inode", 2, encode(gone));
+    cache.device.truncate(static_cast<std::uint64_t>(cache.offset("extent", 4)));
+    const Planned planned = plan({"--free-lost"});
+    ASSERT_EQ(planned.steps.size(), 3U) << planned.run;
+    EXPECT_EQ(name_of(planned.steps[0]), "super 0");
+    for (const std::size_t i : {1, 2}) {
+        EXPECT_EQ(planned.steps[i]["action"], "leave");
+        EXPECT_EQ(planned.steps[i]["reason"],
+                  "it refers to inode 2, which is free; nothing is freed while the super block "
+                  "contradicts itself");
+    }
 }
 
 // A sealed super block may place tables anywhere; memory does not grow with its numbers.

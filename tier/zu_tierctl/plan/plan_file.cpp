@@ -304,8 +304,9 @@ private:
 
     bool fill()
     {
+        errno = 0;
         const size_t length = fread(buffer_.data(), 1, buffer_.size(), file_.get());
-        if (ferror(file_.get()) != 0) {
+        if (length == 0 && errno != 0) {
             throw_errno("cannot read " + path_);
         }
         if (length == 0) {
