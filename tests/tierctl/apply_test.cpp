@@ -107,6 +107,11 @@ TEST_P(Apply, OnlyWhatIsNamedIsUndone)
     expect_undo_refused("there is no table node, but " + tables.substr(2), 2, {"node", "2"});
     expect_undo_refused("NO is required", 2, {"inode"});
     expect_undo_refused("there is no table , but " + tables.substr(2), 2, {"", "2"});
+    if (cache.layout == "v3") { // an entry by its own number
+        const RunResult named = run_undo({"extent:7"});
+        EXPECT_EQ(named.status, 0) << named;
+        EXPECT_TRUE(named.err.starts_with("zu_tierctl: extent 7 is in block 0\n")) << named;
+    }
     expect_done(run_undo({"inode", "2", "--commit"}), expected);
     expect_done(run_undo({"--commit"}), bad);
 }
@@ -188,7 +193,11 @@ TEST_P(Apply, WhatIsAsItShallBe)
 TEST_P(Apply, OtherDevices)
 {
     const TableModel &super = model(cache.layout[1] - '0', "super");
-    for (const char *field : {"uuid", "inode_cnt", "version"}) {
+    std::vector<std::string> fields{"uuid", "inode_cnt", "version"};
+    fields.emplace_back(cache.layout == "v1"   ? "extent_size"
+                        : cache.layout == "v2" ? "total_extent_size"
+                                               : "extent_table_offset");
+    for (const std::string &field : fields) {
         SCOPED_TRACE(field);
         Block super_block = block_of("super", 0);
         super_block[super.field(field).byte] ^= 1;
@@ -515,7 +524,18 @@ TEST_F(ApplyV1, UndoFilesOfSomethingElse)
     const std::string whole = directory.read("plan");
     directory.write("plan", whole + "\n");
     expect_refused(undo + " is the undo file of another plan than " + plan);
+    std::string as_long = whole;
+    as_long.replace(whole.find("sound"), 5, "known");
+    directory.write("plan", as_long);
+    expect_refused(undo + " is the undo file of another plan than " + plan);
     directory.write("plan", whole);
+    PlanStep more = steps[1];
+    more.no = 3;
+    more.offset = cache.offset("inode", 3);
+    const std::string undo_of_this = directory.read("undo");
+    directory.write("undo", undo_file(planned(), whole, {steps[0], more}));
+    expect_refused(undo + " has inode 3, of which " + plan + " has no step");
+    directory.write("undo", undo_of_this);
     std::string undo_of_another = directory.read("undo");
     fs::remove(undo);
     for (const std::string &other : {path, plan}) {

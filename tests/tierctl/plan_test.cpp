@@ -726,6 +726,36 @@ TEST_P(PlanOf, ACopyAgainstWhatHasHappenedSince)
     EXPECT_TRUE(says(unused, "it refers to inode 2, which is free"));
 }
 
+TEST_P(PlanOf, ASavedEntryWhoseOwnerDoesNotExist)
+{
+    const std::uint64_t no = cache.layout == "v3" ? 2 : 1;
+    const Block good = block_of("extent", no);
+    const auto expect_left = [&](const Block &block, const std::string &error) {
+        put("extent", no, block);
+        std::filesystem::remove(saved);
+        save();
+        put("extent", no, {});
+        const ordered_json left = step({"--from", saved});
+        EXPECT_EQ(left["action"], "leave");
+        EXPECT_TRUE(says(left, error)) << left;
+        put("extent", no, good);
+    };
+    if (cache.layout == "v3") {
+        const auto shards = static_cast<std::uint32_t>(super_v3(3, 5).shard_cnt);
+        ExtentBlockV3 extents;
+        extents.extents = {{.slot = 7, .shard = shards, .bitmap = 1}};
+        expect_left(encode(extents), text("shard %u, which does not exist", shards));
+        extents.extents = {{.slot = 7, .shard = 512, .bitmap = 1}};
+        expect_left(encode(extents), "shard 512, which is the head of a block");
+    } else {
+        const TableModel &extents = model(cache.layout[1] - '0', "extent");
+        Block block = good;
+        put_number(block, extents.field(extents.owner), 70);
+        seal(extents, block_of("super", 0), block);
+        expect_left(block, "inode 70, which does not exist");
+    }
+}
+
 // The entry of another slot, under its own right checksum.
 TEST_P(PlanOf, WhatLiesInTheWrongSlotIsLost)
 {

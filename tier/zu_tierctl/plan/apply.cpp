@@ -136,7 +136,12 @@ private:
         }
         const Block after =
             make_step_block(device_, metadata_, find_table(metadata_.tables, step.table), step);
-        Change change{step.table, step.no, step.offset, !is_read, {}, KeptBlock(after.data())};
+        Change change;
+        change.table = step.table;
+        change.no = step.no;
+        change.offset = step.offset;
+        change.unreadable = !is_read;
+        change.after = KeptBlock(after.data());
         if (is_read) {
             if (now == after) {
                 return;

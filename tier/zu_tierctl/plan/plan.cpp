@@ -73,9 +73,10 @@ public:
         const Slot slot = read(table, no);
         const bool sound = slot.readable && table.flaws(no, slot.block.data()) == 0;
         const Made made = sound ? free(slot, trouble) : mend_or_replace(slot);
-        step.reason =
-            joined({slot.readable && is_zero(slot.block.data()) ? "it is all zero" : step.reason,
-                    made.reason});
+        if (slot.readable && is_zero(slot.block.data())) {
+            step.reason = "it is all zero";
+        }
+        step.reason = joined({step.reason, made.reason});
         if (made.is_made()) {
             step.crc = zutr_crc32(slot.block.data(), SIZE_4K);
             step.unreadable = !slot.readable;
@@ -136,7 +137,7 @@ private:
         Made mended = mend(slot);
         Made copied = copy(slot);
         if (mended.is_made() && copied.is_made()) {
-            return choose(slot, std::move(mended), std::move(copied));
+            return choose(slot, std::move(mended), copied);
         }
         for (Made *made : {&mended, &copied}) {
             if (made->is_made()) {
@@ -150,16 +151,13 @@ private:
         return restored;
     }
 
-    Made choose(const Slot &slot, Made mended, Made copied) const
+    /* A proven copy is the same as a mend: no two contents have one checksum but by chance. */
+    Made choose(const Slot &slot, Made mended, const Made &copied) const
     {
         if (mended.block == copied.block) {
             mended.certainty = Certainty::certain;
             mended.reason += fmt::format("; {} has the same", saved_->path());
             return mended;
-        }
-        if (mended.certainty != Certainty::certain && copied.certainty == Certainty::certain) {
-            copied.reason += "; " + mended.reason + ", too";
-            return copied;
         }
         mended.reason += fmt::format("; {} has another one: {}", saved_->path(),
                                      differing_text(slot, mended.block, copied.block));
@@ -227,13 +225,14 @@ private:
                     .reason =
                         fmt::format("{} has the one whose checksum is still stored here", path)};
         }
-        for (const std::string &stale :
-             {missing_owner(slot.table, then), replaced_owner(slot.table, then)}) {
-            if (!stale.empty()) {
-                return {.reason = fmt::format("{} has one, but {}: it is older, and revert copies "
-                                              "it all the same",
-                                              path, stale)};
-            }
+        std::string stale = missing_owner(slot.table, then);
+        if (stale.empty()) {
+            stale = replaced_owner(slot.table, then);
+        }
+        if (!stale.empty()) {
+            return {.reason = fmt::format("{} has one, but {}: it is older, and revert copies it "
+                                          "all the same",
+                                          path, stale)};
         }
         return {.action = Action::copy,
                 .certainty = Certainty::likely,
@@ -296,8 +295,10 @@ private:
         const Table &owners = find_table(metadata_.tables, table.row->owner.table);
         for (uint32_t k = table.first_word; k < table.end_word; k++) {
             const uint8_t *entry = Table::entry(block.data(), k);
-            std::string found =
-                table.in_use(entry) ? text(owners, table.row->owner.no.get(entry)) : "";
+            if (!table.in_use(entry)) {
+                continue;
+            }
+            std::string found = text(owners, table.row->owner.no.get(entry));
             if (!found.empty()) {
                 return found;
             }
@@ -334,21 +335,21 @@ private:
     public:
         OwnerSlots(const Device &device, const Table &table) : device_(device), table_(table) {}
 
-        /* Whether an entry is in use, or may be: it is damaged or cannot be read. */
+        /* Whether an entry is in use, or may be: a check judges what is not known here. */
         bool may_own(uint64_t no)
         {
-            if (no / table_.end_word >= table_.count() ||
-                no % table_.end_word < table_.first_word) {
-                return false;
-            }
             const uint8_t *found = entry(no);
             return found == nullptr || table_.in_use(found);
         }
 
-        /* Null: it is damaged, or cannot be read. Valid until the next call. */
+        /* Null: it is damaged, cannot be read or does not exist. Valid until the next call. */
         const uint8_t *entry(uint64_t no)
         {
             const uint64_t slot = no / table_.end_word;
+            const auto word = static_cast<uint32_t>(no % table_.end_word);
+            if (slot >= table_.count() || word < table_.first_word) {
+                return nullptr;
+            }
             if (slots_.size() == SLOTS_MAX) {
                 slots_.clear();
             }
@@ -360,7 +361,6 @@ private:
                     found->second = block;
                 }
             }
-            const auto word = static_cast<uint32_t>(no % table_.end_word);
             return found->second ? Table::entry(found->second->data(), word) : nullptr;
         }
 
@@ -408,11 +408,11 @@ private:
     {
         const Table &table = slot.table;
         if (trouble.orphans.empty()) {
-            return {.reason = !trouble.doubt.empty()
-                                  ? trouble.doubt
-                                  : "its checksum is right: only a person can say what it should "
-                                    "be" +
-                                        saved_hint(slot)};
+            if (!trouble.doubt.empty()) {
+                return {.reason = trouble.doubt};
+            }
+            return {.reason = "its checksum is right: only a person can say what it should be" +
+                              saved_hint(slot)};
         }
         if (!free_lost_) {
             return {.reason = "--free-lost makes it free"};
@@ -442,7 +442,10 @@ private:
     {
         Block empty{};
         const auto file = repair_file(device_, metadata_, table, no, empty);
-        return file ? rebuild(device_, metadata_, table, *file, false).block : std::nullopt;
+        if (!file) {
+            return std::nullopt;
+        }
+        return rebuild(device_, metadata_, table, *file, false).block;
     }
 
     /* What the saved file has in place of a sound slot. */
@@ -453,9 +456,11 @@ private:
             slot.table.flaws(slot.no, then.data()) != 0) {
             return "";
         }
-        return then == slot.block ? fmt::format("; {} has the same", saved_->path())
-                                  : fmt::format("; {} has another one: {}", saved_->path(),
-                                                differing_text(slot, slot.block, then));
+        if (then == slot.block) {
+            return fmt::format("; {} has the same", saved_->path());
+        }
+        return fmt::format("; {} has another one: {}", saved_->path(),
+                           differing_text(slot, slot.block, then));
     }
 
     /* The block as a repair file, when that has all of it. */

@@ -379,7 +379,11 @@ std::string step_line(const Step &step, std::string_view fields)
     }
     line += fmt::format(R"(,"class":"{}","reason":{},"lost":{})", certainty_name(step.certainty),
                         json_text(step.reason), json_text(step.lost));
-    line += step.unreadable ? ",\"unreadable\":true" : fmt::format(",\"crc\":{}", step.crc);
+    if (step.unreadable) {
+        line += ",\"unreadable\":true";
+    } else {
+        line += fmt::format(",\"crc\":{}", step.crc);
+    }
     if (step.makes) {
         line += fmt::format(",\"makes\":{}", *step.makes);
     }

@@ -131,12 +131,16 @@ void Rewrite::find(const Change &change, Found &found) const
 {
     found.is_read = device_.read(change.offset, found.now.data(), SIZE_4K);
     found.error = errno;
+    found.is_there = false;
     if (is_undo() && change.unreadable) { /* there is nothing to go back to */
         found.is_there = true;
         return;
     }
-    found.is_there = found.is_read && KeptBlock(found.now.data()) == change.*target_;
-    if (found.is_read && !is_of(change, found.now)) {
+    if (!found.is_read) {
+        return;
+    }
+    found.is_there = KeptBlock(found.now.data()) == change.*target_;
+    if (!is_of(change, found.now)) {
         throw std::runtime_error(fmt::format(
             "{} at byte {} of {} is neither as it was before nor as it was to be: something else "
             "has changed it",
@@ -214,9 +218,6 @@ void Rewrite::write(const Change &change)
 {
     Found found;
     find(change, found);
-    if (found.is_there) {
-        return;
-    }
     alignas(SIZE_4K) Block block;
     (change.*target_).get(block.data());
     device_.write_block(change.offset, found.is_read ? found.now.data() : nullptr, block.data());

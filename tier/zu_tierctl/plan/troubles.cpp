@@ -97,10 +97,11 @@ std::string Troubles::doubt_about(const Table &owners, uint64_t no)
     if (is_new) {
         known->second = is_past_end(owners, no);
     }
-    return known->second ? fmt::format("{} {} is there, sound and in use: perhaps the super block "
-                                       "counts too few",
-                                       owners.name, no)
-                         : "";
+    if (!known->second) {
+        return "";
+    }
+    return fmt::format("{} {} is there, sound and in use: perhaps the super block counts too few",
+                       owners.name, no);
 }
 
 /* Whether an entry that may not be referred to lies all the same, sound and in use, where a longer
