@@ -15,6 +15,8 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
+const std::vector<std::string> IDENTITY{"uuid", "ssd_uuid", "ctime"};
+
 // A sample of a layout, what its super block says, and a saved file of it.
 class Rescue : public testing::TestWithParam<std::string> {
 protected:
@@ -147,8 +149,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Layout, Rescue, testing::ValuesIn(LAYOUTS),
                          [](const auto &layout) { return layout.param; });
 
-const std::vector<std::string> IDENTITY{"uuid", "ssd_uuid", "ctime"};
-
 TEST_P(Rescue, PlaceholdersAreRefused)
 {
     lose_super_block();
@@ -233,6 +233,89 @@ TEST_P(Rescue, WhatIsLeftOfTheBlockIsBelieved)
         << run;
     EXPECT_EQ(expect_certain_ones_right(run), layout == "v3" ? 18U : layout == "v2" ? 12U : 10U);
     expect_repaired(run);
+}
+
+// Bytes of another cache in the place of the identity. The magic is gone as well.
+class RescueOfIdentity : public Rescue {
+protected:
+    void SetUp() override
+    {
+        Rescue::SetUp();
+        lose_magic();
+    }
+    void lose_magic() { device.write(SUPER_OFFSET, std::vector<std::uint8_t>(8, 0x5A)); }
+    std::string told(const std::string &value, const std::string &source) const
+    {
+        return "zu_tierctl: uuid: " + source + " says \"" + value + "\", which is not taken\n";
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, RescueOfIdentity, testing::ValuesIn(LAYOUTS),
+                         [](const auto &layout) { return layout.param; });
+
+TEST_P(RescueOfIdentity, NoiseIsNotBelieved)
+{
+    for (const std::size_t at : {40U, 48U, 64U}) {
+        device.write(SUPER_OFFSET + at, std::vector<std::uint8_t>(at == 40 ? 8 : 16, 0xAB));
+        const std::string key = at == 40 ? "ctime" : at == 48 ? "uuid" : "ssd_uuid";
+        const RunResult run = rescue();
+        EXPECT_EQ(run.status, 1) << run;
+        expect_right(run, {key});
+        expect_repaired(rescue({"--like", saved}));
+        lose_magic();
+    }
+}
+
+TEST_P(RescueOfIdentity, TheSavedFileComesFirst)
+{
+    const std::string right = truth["uuid"];
+    const Uuid other{0x6F, 0x1B, 0x2F, 0x6E, 0x9C, 0x1C, 0x4F, 0x7E,
+                     0x9D, 0x25, 0x3A, 0x1F, 0x0C, 0x5B, 0x7E, 0x11};
+    const std::string wrong = uuid_text(other);
+    device.write(SUPER_OFFSET + 48, std::vector<std::uint8_t>(other.begin(), other.end()));
+    EXPECT_NE(said_of(rescue(), "uuid").find(wrong), std::string::npos);
+    RunResult run = rescue({"--like", saved});
+    EXPECT_NE(run.err.find(told(wrong, "what is left of the block")), std::string::npos) << run;
+    expect_right(run, {});
+    run = rescue({"--like", saved, "--uuid", wrong});
+    EXPECT_NE(run.err.find(told(right, saved + " is of the same cache")), std::string::npos) << run;
+    EXPECT_EQ(Json::parse(run.out)["uuid"], wrong);
+    run = rescue({"--uuid", right});
+    EXPECT_NE(run.err.find(told(wrong, "what is left of the block")), std::string::npos) << run;
+    expect_repaired(run);
+}
+
+// The tables say another number of bricks: the block may be of another cache.
+TEST_P(RescueOfIdentity, BlockThatContradictsTheTables)
+{
+    device.write(SUPER_OFFSET + (layout == "v3" ? 136 : 120), std::vector<std::uint8_t>{9});
+    const RunResult run = rescue();
+    EXPECT_EQ(run.status, 1) << run;
+    expect_right(run, IDENTITY);
+    EXPECT_NE(said_of(run, "block_cnt").find("; so says what is left of the block"),
+              std::string::npos)
+        << run;
+}
+
+// The extents alone tell V1 from V2.
+TEST_P(Rescue, SimilarDeviceDecidesBetweenLayouts)
+{
+    if (layout == "v3")
+        return;
+    zero(places()[2].start, places()[2].count);
+    lose_super_block();
+    const RunResult run = rescue();
+    EXPECT_NE(run.err.find("zu_tierctl: layout v1, not certain: it explains 4 bricks, 64 inodes, 0 "
+                           "extents; runner-up v2: 4 bricks, 64 inodes, 0 extents\n"),
+              std::string::npos)
+        << run;
+    const RunResult like = rescue({"--like", saved});
+    EXPECT_NE(like.err.find("zu_tierctl: layout " + layout + ", likely: "), std::string::npos)
+        << like;
+    expect_right(like, {});
+    const LoggedRun repaired = repair(like.out, {"-y"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    EXPECT_TRUE(device.block(SUPER_OFFSET) == sound);
 }
 
 TEST_P(Rescue, TwoFlippedBitsAreLikely)

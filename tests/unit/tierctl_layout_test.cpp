@@ -11,6 +11,7 @@
 #include "zu_tierctl/plan/apply.h"
 #include "zu_tierctl/plan/plan.h"
 #include "zu_tierctl/plan/undo.h"
+#include "zu_tierctl/rescue/rescue.h"
 #include "zu_tierctl/revert/revert.h"
 #include "zu_tierctl/save/save.h"
 #include "zu_tierctl/template/template.h"
@@ -116,6 +117,74 @@ TEST_F(FourthLayout, RevertOfTheSuperBlock)
     device.write(DEPOT.shelves_at, shelf);
     EXPECT_THROW(tierctl::revert(options), std::runtime_error);
     EXPECT_TRUE(device.block(TIER_SUPER_OFFSET) == Block{});
+}
+
+// How a depot's super block follows from its shelves, which always lie at the same place.
+tierctl::SuperReading read_depot(const tier_layout &layout, tierctl::Remains &remains,
+                                 const std::vector<tierctl::Hint> &hints)
+{
+    alignas(BLOCK_SIZE) tierctl::Block shelf{};
+    const bool is_read =
+        remains.blocks().device().read(DEPOT.shelves_at, shelf.data(), shelf.size());
+    tierctl::SuperReading reading{.layout = &layout};
+    if (!is_read ||
+        !tierctl::is_sound(*layout.tables[1], shelf.data(), sizeof(DepotShelf) + 8 * DEPOT_LEVELS))
+        return reading;
+    tierctl::Readings readings(layout, hints);
+    DepotSuper super = DEPOT;
+    super.magic = DEPOT_MAGIC;
+    super.version = DEPOT_VERSION;
+    super.shelf_cnt = static_cast<std::uint32_t>(
+        readings.add("shelf_cnt", tierctl::Certainty::likely, {{4, "a shelf"}}, {1, 100, "room"}));
+    readings.add("boxes_at", tierctl::Certainty::likely, DEPOT.boxes_at, "after the shelves");
+    memcpy(reading.block.data(), &super, sizeof(super));
+    reading.explained = 1;
+    reading.explained_text = "a shelf";
+    reading.numbers = readings.take();
+    return reading;
+}
+
+constexpr tierctl::RescueLayout RESCUE_DEPOT = {"depot", read_depot};
+
+// A layout without a reading is told from its block; one that has registered its own from its
+// tables, beside all others.
+TEST_F(FourthLayout, RescueOfTheSuperBlock)
+{
+    const tierctl::RescueOptions options = {.device = device.path(),
+                                            .uuid = "d3000000-0000-4000-8000-000000000000"};
+    const auto told = [&] {
+        testing::internal::CaptureStderr();
+        const std::string file = printed([&] { EXPECT_FALSE(tierctl::rescue(options)); });
+        return file + testing::internal::GetCapturedStderr();
+    };
+    const auto has = [](const std::string &text, const std::string &part) {
+        EXPECT_NE(text.find(part), std::string::npos) << part << " in " << text;
+    };
+    const Block sound = device.block(TIER_SUPER_OFFSET);
+    {
+        const tierctl::Device opened(device.path(), tierctl::Access::read_only);
+        const tierctl::Rescued found = tierctl::find_super(opened, options);
+        EXPECT_TRUE(found.complete);
+        EXPECT_EQ(found.reading.layout, &DEPOT_LAYOUT);
+        EXPECT_EQ(found.notes.back(),
+                  "uuid: the block itself, which is sound says "
+                  "\"d3000000-0000-0000-0000-000000000000\", which is not taken");
+    }
+    device.write(TIER_SUPER_OFFSET, Block{});
+    EXPECT_THROW(tierctl::rescue(options), std::runtime_error);
+    tierctl::register_rescue(&RESCUE_DEPOT);
+    std::string text = told();
+    has(text, "layout depot, likely: it explains a shelf; runner-up ");
+    has(text, "shelf_cnt 4, likely: a shelf; else 1..100: room\n");
+    has(text, R"("made": null)");
+    has(text, "made is in no table: the file has null, which zu_tier refuses; give a saved file of "
+              "this cache with --like\n");
+    Block damaged = sound;
+    damaged[4] ^= 0xFF;
+    damaged[9] ^= 0xFF;
+    device.write(TIER_SUPER_OFFSET, damaged);
+    text = told();
+    has(text, "shelf_cnt 4, likely: a shelf; else 1..100: room\n"); // two numbers are too few
 }
 
 TEST_F(FourthLayout, CheckOfASoundDevice)

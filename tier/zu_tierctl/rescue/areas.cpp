@@ -38,13 +38,16 @@ public:
         : blocks_(blocks), brick_(row_of(layout, "brick")), inode_(row_of(layout, "inode"))
     {
         facts_.device_size = blocks.device().size();
+        end_ = EXTENTS_LAST +
+               static_cast<int64_t>(facts_.device_size / (TIER_BLOCK_SIZE_MIN + SIZE_4K) * SIZE_4K);
+        end_ = std::min(end_, static_cast<int64_t>(facts_.device_size));
     }
 
     AreaFacts run()
     {
         int64_t offset = read_on(AREA_START);
         is_firm_ = false;
-        const int64_t end = std::min(look_further(), static_cast<int64_t>(facts_.device_size));
+        const int64_t end = std::min(look_further(), end_);
         for (uint64_t peeks = 0; offset < end && peeks < PEEKS_MAX; peeks++) {
             reach_ = offset + PEEK_BYTES;
             offset = std::max(up_to_mib(read_on(offset)), offset + MIB);
@@ -56,8 +59,8 @@ private:
     /* Reads on to where the data may begin, by what is found on the way, and gives where. */
     int64_t read_on(int64_t offset)
     {
-        while (offset < reach_ && offset < static_cast<int64_t>(facts_.device_size)) {
-            const int64_t end = reach_;
+        while (offset < std::min(reach_, end_)) {
+            const int64_t end = std::min(reach_, end_);
             blocks_.read(offset, end, [this](int64_t at, const uint8_t *block) {
                 look(at, block);
                 return true;
@@ -205,6 +208,7 @@ private:
     const tier_table &brick_;
     const tier_table &inode_;
     AreaFacts facts_;
+    int64_t end_;              /* no table goes on after it, whatever the blocks have */
     int64_t reach_ = HEAD_END; /* the tables, or what follows them, go on up to there */
     bool is_firm_ = true;      /* so far nothing that was read can be data */
     uint64_t searches_ = 0;

@@ -488,11 +488,14 @@ std::string identity_line(const IdentityValue &value)
                            value.reason);
     }
     const auto *identity = std::ranges::find(IDENTITIES, value.key, &Identity::key);
+    std::string way = "give ";
+    if (identity != std::end(IDENTITIES)) {
+        way += fmt::format("it with {}, or ", identity->option);
+    }
     return fmt::format(
-        "{} is in no table: the file has null, which zu_tier refuses; give it {}a "
-        "saved file of this cache with --like",
-        value.key,
-        identity == std::end(IDENTITIES) ? "" : fmt::format("with {}, or ", identity->option));
+        "{} is in no table: the file has null, which zu_tier refuses; {}a saved file "
+        "of this cache with --like",
+        value.key, way);
 }
 
 void tell(const Rescued &found)

@@ -1,0 +1,87 @@
+// What a search for a lost super block reads: the tables, and never the data.
+
+#include "faulty_run.h"
+#include "v1_device.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
+
+using namespace tier_test;
+
+namespace {
+
+class RescueReads : public testing::TestWithParam<std::string> {
+protected:
+    const TempDir directory;
+    const std::string path = directory.path("device");
+    const std::string trace = directory.path("trace");
+    std::int64_t data = 0; // where they begin
+
+    // A sample whose super block is lost.
+    void make(const std::vector<std::string> &sizes)
+    {
+        std::vector<std::string> args{"sample", "--force", "--layout", GetParam()};
+        args.insert(args.end(), sizes.begin(), sizes.end());
+        args.push_back(path);
+        ASSERT_EQ(run_program(ZU_TIERCTL, args).status, 0);
+        const RunResult dump =
+            run_tool({"-l", directory.path("log"), "-p", path, "-c", "dump_super"});
+        data = nlohmann::json::parse(dump.out)["data_offset"].get<std::int64_t>();
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(SUPER_OFFSET);
+        file << std::string(BLOCK_SIZE, '\0');
+    }
+
+    // How often each block was read, by its offset.
+    std::map<std::int64_t, unsigned> rescue(const std::vector<std::string> &more = {}) const
+    {
+        directory.write("trace", "");
+        RunOptions options;
+        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
+                               {"ZUTR_FAULTS", "trace:" + trace + ";pread=pass"}};
+        std::vector<std::string> args{"rescue", path};
+        args.insert(args.end(), more.begin(), more.end());
+        EXPECT_EQ(run_program(ZU_TIERCTL, args, options).status, 1);
+        std::map<std::int64_t, unsigned> reads;
+        for (const std::string &line : lines_of(read_file(trace))) {
+            long size = 0;
+            long offset = 0;
+            EXPECT_EQ(std::sscanf(line.c_str(), "pread(%ld)@%ld=pass", &size, &offset), 2) << line;
+            for (long at = offset; at < offset + size; at += BLOCK_SIZE)
+                reads[at]++;
+        }
+        return reads;
+    }
+
+    void expect_tables_only(unsigned times, const std::map<std::int64_t, unsigned> &reads) const
+    {
+        EXPECT_GT(reads.size(), 200U);
+        for (const auto &[offset, count] : reads) {
+            EXPECT_LT(offset, data);
+            EXPECT_LE(count, times) << offset;
+        }
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Layout, RescueReads, testing::Values("v1", "v2", "v3"),
+                         [](const auto &layout) { return layout.param; });
+
+TEST_P(RescueReads, AreOfTheTables)
+{
+    const bool packed = GetParam() == "v3";
+    const std::vector<std::vector<std::string>> sizes{
+        {},
+        {packed ? "--extents" : "--blocks", packed ? "200192" : "1500"},
+        {"--inodes", "3000"},
+    };
+    for (const std::vector<std::string> &some : sizes) {
+        SCOPED_TRACE(testing::PrintToString(some));
+        make(some);
+        expect_tables_only(1, rescue({"--no-verify"}));
+        expect_tables_only(3, rescue()); // a check reads some tables twice
+    }
+}
+
+} // namespace
