@@ -20,13 +20,11 @@ constexpr int64_t EXTENTS_LAST = INODES_LAST + int64_t{TIER_INODE_CNT_MAX} * SIZ
 
 /* Of each MiB where a table may go on after a gap so many blocks are looked at. */
 constexpr int64_t PEEK_BYTES = 4 * int64_t{SIZE_4K};
-constexpr uint64_t PEEKS_MAX = 65536;
+constexpr int64_t PEEKS_MAX = 65536;
 
 constexpr size_t SAMPLES_MAX = 128; /* of the extents of a trace */
 
-/* All lengths of a slot are tried up to so many times, and no more once so many extents of one
- * length have been found at its place. */
-constexpr uint64_t LENGTH_SEARCHES_MAX = 20000;
+/* All lengths of a record are tried until so many extents of one length have been found. */
 constexpr uint64_t LENGTH_KNOWN = 64;
 
 constexpr int64_t up_to_mib(int64_t offset) { return (offset + MIB - 1) / MIB * MIB; }
@@ -47,8 +45,8 @@ public:
     {
         int64_t offset = read_on(AREA_START);
         is_firm_ = false;
-        const int64_t end = std::min(look_further(), end_);
-        for (uint64_t peeks = 0; offset < end && peeks < PEEKS_MAX; peeks++) {
+        const int64_t end = std::min({look_further(), end_, offset + PEEKS_MAX * MIB});
+        while (offset < end) {
             reach_ = offset + PEEK_BYTES;
             offset = std::max(up_to_mib(read_on(offset)), offset + MIB);
         }
@@ -61,10 +59,8 @@ private:
     {
         while (offset < std::min(reach_, end_)) {
             const int64_t end = std::min(reach_, end_);
-            blocks_.read(offset, end, [this](int64_t at, const uint8_t *block) {
-                look(at, block);
-                return true;
-            });
+            blocks_.read(offset, end,
+                         [this](int64_t at, const uint8_t *block) { look(at, block); });
             offset = end;
         }
         return offset;
@@ -97,7 +93,7 @@ private:
     {
         const uint64_t no = inode_.number.get(block);
         const int64_t start = at - static_cast<int64_t>(no * SIZE_4K);
-        if (start < INODES_FIRST || start > INODES_LAST || no >= TIER_INODE_CNT_MAX ||
+        if (start < INODES_FIRST || start > INODES_LAST ||
             !is_sound(inode_, block, sizeof(tier_inode_t))) {
             return false;
         }
@@ -114,12 +110,9 @@ private:
     {
         const auto *extent = reinterpret_cast<const tier_extent_t *>(block);
         const uint64_t no = extent->te_reserved1;
-        const uint64_t place = static_cast<uint64_t>(at) / SIZE_4K;
-        if (no > place || (place - no) % SLOTS_A_MIB != 0) {
-            return false;
-        }
+        const auto place = static_cast<uint64_t>(at) / SIZE_4K;
         const int64_t start = at - static_cast<int64_t>(no * SIZE_4K);
-        if (start <= INODES_FIRST || start > EXTENTS_LAST) {
+        if (no > place || start % MIB != 0 || start < INODES_FIRST) {
             return false;
         }
         const uint32_t length = length_of(block);
@@ -142,9 +135,7 @@ private:
             }
             known = std::max(known, trace.sound);
         }
-        return known >= LENGTH_KNOWN || searches_++ >= LENGTH_SEARCHES_MAX
-                   ? 0
-                   : search_length(block, ~crc);
+        return known >= LENGTH_KNOWN ? 0 : search_length(block, ~crc);
     }
 
     /* The shortest length under which the checksum is right. */
@@ -211,7 +202,6 @@ private:
     int64_t end_;              /* no table goes on after it, whatever the blocks have */
     int64_t reach_ = HEAD_END; /* the tables, or what follows them, go on up to there */
     bool is_firm_ = true;      /* so far nothing that was read can be data */
-    uint64_t searches_ = 0;
 };
 
 } // namespace

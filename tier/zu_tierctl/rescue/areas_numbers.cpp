@@ -72,6 +72,7 @@ private:
     void read_bricks()
     {
         const uint64_t seen = facts_.bricks.sound == 0 ? 0 : facts_.bricks.last + 1;
+        uint64_t needed = seen;
         std::vector<Candidate> counts;
         for (const auto *inodes : {inodes_.best, inodes_.next}) {
             if (inodes != nullptr) {
@@ -81,17 +82,17 @@ private:
                                               inodes->second.sound, inodes->first)});
             }
         }
+        if (inodes_.best != nullptr) {
+            needed = std::max(needed, inodes_.best->second.owner.second + 1);
+        }
         Certainty certainty = inodes_.certainty();
-        if (counts.empty() || seen > counts.front().value) {
+        if (counts.empty() || needed > counts.front().value) {
             certainty = Certainty::none;
-            counts.push_back({std::max<uint64_t>(seen, 1),
-                              fmt::format("{} bricks are sound, the last is number {}",
-                                          facts_.bricks.sound, facts_.bricks.last)});
+            counts.push_back({std::clamp<uint64_t>(needed, 1, TIER_BRICK_CNT_MAX),
+                              "no brick after these is known or referred to"});
         } else if (inodes_.next == nullptr && seen == counts.front().value &&
                    is_firm(inodes_.best->second)) {
             certainty = Certainty::certain; /* the last brick and the first inode side by side */
-        } else if (inodes_.best->second.owner.second >= counts.front().value) {
-            certainty = Certainty::none;
         }
         numbers_.brick_cnt = to_.add("brick_cnt", certainty, std::move(counts),
                                      {1, TIER_BRICK_CNT_MAX, "what the layout allows"});
@@ -139,9 +140,8 @@ private:
                 {first, fmt::format("the numbers of the expansion area go on from {}", first)});
             certainty = lower(certainty, first == inode_end_ ? Certainty::likely : Certainty::none);
         } else {
-            uint64_t referred = numbers_.extents == nullptr || numbers_.extents->in_use < 2
-                                    ? 0
-                                    : numbers_.extents->owner.second + 1;
+            uint64_t referred =
+                numbers_.extents == nullptr ? 0 : numbers_.extents->owner.second + 1;
             referred = referred <= most ? referred : 0;
             const uint64_t count = std::clamp(std::max(inode_end_, referred), least, most);
             counts.push_back(
@@ -191,34 +191,30 @@ private:
     std::vector<Size> sizes() const
     {
         const uint64_t least = least_size();
-        std::vector<Size> all = {{least}};
-        const auto of = [&all](uint64_t size) -> Size & {
-            const auto found = std::ranges::find(all, size, &Size::size);
-            return found == all.end() ? all.emplace_back(Size{size}) : *found;
+        std::vector<Size> all;
+        all.push_back({least});
+        const auto add = [&](uint64_t size, uint64_t count, const std::string &why) {
+            if (size >= least && is_block_size(size)) {
+                auto found = std::ranges::find(all, size, &Size::size);
+                if (found == all.end()) {
+                    found = all.insert(all.end(), Size{size});
+                }
+                found->add(count, why);
+            }
         };
-        const auto is_size = [least](uint64_t size) {
-            return size >= least && is_block_size(size);
-        };
+        for (const auto &[size, count] : evidence_.blocks) {
+            add(size, count,
+                fmt::format("{} pieces lie in their files as if blocks were so large", count));
+        }
         if (numbers_.extents != nullptr) {
             for (const auto &[size, count] : numbers_.extents->sizes) {
-                if (is_size(size)) {
-                    of(size).add(count, fmt::format("{} of {} extents in use hold as much", count,
-                                                    numbers_.extents->in_use));
-                }
-            }
-        }
-        for (const auto &[size, count] : evidence_.blocks) {
-            if (is_size(size)) {
-                of(size).add(
-                    count,
-                    fmt::format("{} pieces lie in their files as if blocks were so large", count));
+                add(size, count,
+                    fmt::format("{} of {} extents in use hold as much", count,
+                                numbers_.extents->in_use));
             }
         }
         if (known_ >= FILLING_MIN) {
-            const uint64_t filling = area().size_that_fills(known_).value_or(0);
-            if (is_size(filling)) {
-                of(filling);
-            }
+            add(area().size_that_fills(known_).value_or(0), 0, "");
             for (Size &size : all) {
                 size.add(fills(size.size) ? numbers_.extents->sound : 0,
                          "the blocks end with the last byte");

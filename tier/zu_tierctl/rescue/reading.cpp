@@ -46,6 +46,14 @@ uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Ca
 }
 
 uint64_t Readings::add(std::string_view key, Certainty certainty, uint64_t value,
+                       std::string reason, Range range)
+{
+    std::vector<Candidate> candidates;
+    candidates.push_back({value, std::move(reason)});
+    return add(key, certainty, std::move(candidates), std::move(range));
+}
+
+uint64_t Readings::add(std::string_view key, Certainty certainty, uint64_t value,
                        std::string reason)
 {
     readings_.push_back({.key = key, .certainty = certainty});

@@ -66,6 +66,10 @@ public:
     uint64_t add(std::string_view key, Certainty certainty, std::vector<Candidate> candidates,
                  Range range);
 
+    /* Adds a number with a single candidate. */
+    uint64_t add(std::string_view key, Certainty certainty, uint64_t value, std::string reason,
+                 Range range);
+
     /* Adds a number that follows from others, or from the layout. */
     uint64_t add(std::string_view key, Certainty certainty, uint64_t value, std::string reason);
 

@@ -17,10 +17,8 @@ void read_run(const Device &device, int64_t from, int64_t to, const TakeBlock &t
     Slots slots{};
     while (reader.next(&slots)) {
         for (uint64_t i = 0; i < slots.count; i++) {
-            if (!take(slots.offset + static_cast<int64_t>(i * SIZE_4K),
-                      slots.data == nullptr ? nullptr : slots.slot(i))) {
-                return;
-            }
+            take(slots.offset + static_cast<int64_t>(i * SIZE_4K),
+                 slots.data == nullptr ? nullptr : slots.slot(i));
         }
     }
 }
@@ -36,20 +34,16 @@ BlockReader::BlockReader(const Device &device)
         if (block != nullptr) {
             memcpy(kept.block.data(), block, SIZE_4K);
         }
-        return true;
     });
 }
 
 void BlockReader::read(int64_t from, int64_t to, const TakeBlock &take) const
 {
-    bool goes_on = true;
-    for (; goes_on && from < std::min({to, end_, HEAD_END}); from += SIZE_4K) {
+    for (; from < std::min({to, end_, HEAD_END}); from += SIZE_4K) {
         const Kept &kept = head_.at(index_of(from));
-        goes_on = take(from, kept.is_read ? kept.block.data() : nullptr);
+        take(from, kept.is_read ? kept.block.data() : nullptr);
     }
-    if (goes_on) {
-        read_run(device_, from, std::min(to, end_), take);
-    }
+    read_run(device_, from, std::min(to, end_), take);
 }
 
 void Blanks::add(int64_t offset, bool is_blank)
@@ -120,14 +114,13 @@ uint64_t count_head(const BlockReader &blocks, const tier_layout &layout)
     const Block nothing{}; /* the length of no record with a magic depends on the super block */
     uint64_t count = 0;
     for (const tier_table *row : layout.tables.subspan(1)) {
-        if (!row->magic || row->crc == nullptr) {
+        if (!row->magic) {
             continue;
         }
         const auto length =
             static_cast<uint32_t>(std::min<uint64_t>(row->record_length(nothing.data()), SIZE_4K));
         blocks.read(HEAD_START, HEAD_END, [&](int64_t, const uint8_t *block) {
             count += block != nullptr && is_sound(*row, block, length) ? 1 : 0;
-            return true;
         });
     }
     return count;

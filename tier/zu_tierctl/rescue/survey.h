@@ -18,8 +18,8 @@ namespace tierctl {
 constexpr int64_t HEAD_START = TIER_SUPER_OFFSET + int64_t{SIZE_1M};
 constexpr int64_t HEAD_END = 5 * int64_t{SIZE_1M};
 
-/* Takes a block, or null when it cannot be read, and says whether to go on. */
-using TakeBlock = std::function<bool(int64_t offset, const uint8_t *block)>;
+/* Takes a block, or null when it cannot be read. */
+using TakeBlock = std::function<void(int64_t offset, const uint8_t *block)>;
 
 /* The blocks of a device. Those of its head are read once and kept, since each layout looks at
  * them. */

@@ -38,8 +38,8 @@ SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vec
     const bool any = numbers.extents != nullptr;
     super.sb_extent_size = static_cast<uint32_t>(
         readings.add("extent_size", numbers.extents_certainty,
-                     {{any ? numbers.extent_length : TIER_EXTENT_SIZE_MIN,
-                       any ? "the checksums of the extents" : "no sound extent was found"}},
+                     any ? numbers.extent_length : TIER_EXTENT_SIZE_MIN,
+                     any ? "the checksums of the extents" : "no sound extent was found",
                      {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"}));
     add_area_sizes(numbers, super, &readings);
 

@@ -105,8 +105,7 @@ ExtentEvidence read_pieces(const ExtentTrace &extents, const Split &split)
         for (const tier_mapped_meta_v2_t &piece : pieces) {
             const uint64_t begin = uint64_t{piece.begin} * SIZE_4K;
             end.add(begin + uint64_t{piece.cnt} * SIZE_4K);
-            if (extent->te_block != 0 && piece.offset >= begin &&
-                (piece.offset - begin) % extent->te_block == 0) {
+            if (extent->te_block != 0 && (piece.offset - begin) % extent->te_block == 0) {
                 evidence.blocks[(piece.offset - begin) / extent->te_block]++;
             }
         }
@@ -127,30 +126,29 @@ void add_expansion(const AreaFacts &facts, Readings *to, tier_super_block_v2_t *
         certainty = Certainty::likely;
     }
     super->sb_inode_exp_area = static_cast<uint8_t>(
-        to->add("exp_inode_cnt", certainty, {{found.count, reason}}, {0, EXPANSION_MAX, ALLOWED}) /
+        to->add("exp_inode_cnt", certainty, found.count, reason, {0, EXPANSION_MAX, ALLOWED}) /
         TIER_EXP_UNIT_V2);
     super->sb_inode_exp_magic = static_cast<uint16_t>(
-        to->add("exp_inode_magic", certainty, {{facts.expansion ? TIER_EXP_MAGIC_V2 : 0U, reason}},
+        to->add("exp_inode_magic", certainty, facts.expansion ? TIER_EXP_MAGIC_V2 : 0U, reason,
                 {0, UINT16_MAX, ALLOWED}));
     if (facts.expansion) {
         reason =
             found.in_use ? "inodes of it are in use" : "none of its inodes is known to be in use";
         certainty = found.in_use ? Certainty::likely : Certainty::none;
     }
-    super->sb_inode_exp_inuse = static_cast<uint8_t>(
-        to->add("exp_inode_inuse", certainty, {{found.in_use ? TIER_EXP_INUSE_V2 : 0U, reason}},
-                {0, UINT8_MAX, ALLOWED}));
+    super->sb_inode_exp_inuse = static_cast<uint8_t>(to->add("exp_inode_inuse", certainty,
+                                                             found.in_use ? TIER_EXP_INUSE_V2 : 0U,
+                                                             reason, {0, UINT8_MAX, ALLOWED}));
 }
 
 /* The parts of an extent. */
 void add_parts(const AreaNumbers &numbers, const Splits &splits, Readings *to,
                tier_super_block_v2_t *super)
 {
-    /* By the rule of the conversion, which gives some blocks too many pieces. */
+    /* By the rule of the conversion. */
     const uint32_t map_size = tier_map_size_v2(static_cast<uint32_t>(numbers.block_cnt),
                                                static_cast<uint32_t>(numbers.block_size));
     const uint64_t usual_cnt = tier_round_up(numbers.block_size, map_size) / map_size;
-    const bool is_usual = usual_cnt <= EXTENT_HOT_LEN;
 
     std::vector<Split> order = splits.best;
     std::ranges::stable_sort(order, std::greater<>(), [usual_cnt](const Split &split) {
@@ -182,9 +180,8 @@ void add_parts(const AreaNumbers &numbers, const Splits &splits, Readings *to,
         to->add("map_cnt", certainty, std::move(counts), {0, EXTENT_HOT_LEN, ALLOWED}));
     const Certainty blocks = lower(to->certainty("block_size"), to->certainty("block_cnt"));
     super->sb_min_alloc_size = static_cast<uint32_t>(
-        to->add("min_alloc_size", is_usual ? lower(Certainty::likely, blocks) : Certainty::none,
-                {{map_size, "what a conversion chooses for such blocks"}},
-                {0, TIER_BLOCK_SIZE_MAX, ALLOWED}));
+        to->add("min_alloc_size", lower(Certainty::likely, blocks), map_size,
+                "what a conversion chooses for such blocks", {0, TIER_BLOCK_SIZE_MAX, ALLOWED}));
     super->sb_size_mapped_meta = PIECE_SIZE;
     super->sb_total_map_size = super->sb_map_cnt * PIECE_SIZE;
     super->sb_hot_size = TIER_HOT_SIZE_V2;

@@ -20,9 +20,7 @@ constexpr int64_t QUIET_BYTES = 64 * MIB;
 constexpr int64_t PEEK_BYTES = 4 * int64_t{SIZE_4K};
 constexpr int64_t PEEK_END = 4096 * MIB;
 
-/* Blocks that the tables before the extents, and the extents, have at most. */
-constexpr uint64_t BLOCKS_MAX =
-    TIER_BRICK_CNT_MAX_V3 + TIER_INODE_CNT_MAX_V3 + TIER_SHARD_CNT_MAX_V3 / TIER_PACKED_SLOTS_V3;
+/* Blocks that the extents have at most. */
 constexpr uint64_t EXTENT_BLOCKS_MAX = TIER_EXTENT_CNT_MAX_V3 / TIER_PACKED_SLOTS_V3;
 
 constexpr int64_t up_to_mib(int64_t offset) { return (offset + MIB - 1) / MIB * MIB; }
@@ -108,10 +106,8 @@ private:
     {
         while (offset < std::min(reach_, static_cast<int64_t>(facts_.device_size))) {
             const int64_t end = std::min(reach_, down_to_mib(offset) + MIB);
-            blocks_.read(offset, end, [this](int64_t at, const uint8_t *block) {
-                look(at, block);
-                return true;
-            });
+            blocks_.read(offset, end,
+                         [this](int64_t at, const uint8_t *block) { look(at, block); });
             offset = end;
         }
         return offset;
@@ -148,9 +144,8 @@ private:
         }
         if (is_sound(extent_, block, SIZE_4K)) {
             facts_.extents.add(at, block, 0, EXTENT_IN_USE_V3, EXTENT_SHARD_V3);
-            reach_ = facts_.extents.blocks > EXTENT_BLOCKS_MAX ? at : up_to_mib(at + SIZE_4K);
-        } else if (!facts_.extents.any() && found_ < BLOCKS_MAX && is_entry(at, block)) {
-            found_++;
+            reach_ = up_to_mib(at + SIZE_4K);
+        } else if (!facts_.extents.any() && is_entry(at, block)) {
             reach_ = at + QUIET_BYTES;
         }
     }
@@ -196,7 +191,6 @@ private:
     const tier_table &extent_;
     Facts facts_;
     int64_t reach_ = HEAD_START + QUIET_BYTES;
-    uint64_t found_ = 0; /* entries before the extents */
 };
 
 /* The numbers in the making. */
@@ -293,18 +287,17 @@ private:
     void read_super_area()
     {
         const auto start = static_cast<uint64_t>(HEAD_START);
-        super_.sb_sb_offset =
-            to_.add("sb_offset", Certainty::likely,
-                    {{uint64_t{TIER_SUPER_OFFSET}, "where the super block lies"}}, ANY_NUMBER);
+        super_.sb_sb_offset = to_.add("sb_offset", Certainty::likely, uint64_t{TIER_SUPER_OFFSET},
+                                      "where the super block lies", ANY_NUMBER);
         super_.sb_sb_size = to_.add("super block size", Certainty::certain, TIER_SB_AREA_SIZE_V3,
                                     "the layout has no other");
-        super_.sb_reserved_offset = to_.add("reserved_offset", Certainty::none,
-                                            {{start, "after the super block area"}}, ANY_NUMBER);
-        super_.sb_reserved_size = to_.add(
-            "reserved_size", Certainty::none,
-            {{static_cast<uint64_t>(next_table(0)) - start, "up to the first table"}}, ANY_NUMBER);
+        super_.sb_reserved_offset = to_.add("reserved_offset", Certainty::none, start,
+                                            "after the super block area", ANY_NUMBER);
+        super_.sb_reserved_size =
+            to_.add("reserved_size", Certainty::none, static_cast<uint64_t>(next_table(0)) - start,
+                    "up to the first table", ANY_NUMBER);
         super_.sb_reserved = static_cast<uint32_t>(
-            to_.add("reserved", Certainty::likely, {{0, "usual"}}, ANY_NUMBER));
+            to_.add("reserved", Certainty::likely, uint64_t{0}, "usual", ANY_NUMBER));
     }
 
     /* Where a table of numbered entries begins: `guess` if it has none. */
@@ -332,12 +325,12 @@ private:
         const bool is_known = referred.second < known;
         const uint64_t count = is_known ? known : std::min(max, referred.second + 1);
         const Certainty certainty = is_known ? end_of(start + known * SIZE_4K) : Certainty::none;
-        return to_.add(key, lower(traces.certainty(), certainty),
-                       {{count, fmt::format("{} {}",
-                                            is_known ? "the last known entry is"
-                                                     : "the last that is referred to is",
-                                            count - 1)}},
-                       {1, max, "what the layout allows"});
+        return to_.add(
+            key, lower(traces.certainty(), certainty), count,
+            fmt::format("{} {}",
+                        is_known ? "the last known entry is" : "the last that is referred to is",
+                        count - 1),
+            {1, max, "what the layout allows"});
     }
 
     void read_bricks()
@@ -348,9 +341,9 @@ private:
             read_count("brick_cnt", super_.sb_brick_table_offset, bricks_,
                        inodes_.best == nullptr ? LargestTwo{} : inodes_.best->second.owner,
                        TIER_BRICK_CNT_MAX_V3);
-        super_.sb_brick_table_size = to_.add(
-            "brick_table_size", to_.certainty("brick_cnt"),
-            {{super_.sb_brick_table_cnt * SIZE_4K, "4096 for each of brick_cnt"}}, ANY_NUMBER);
+        super_.sb_brick_table_size =
+            to_.add("brick_table_size", to_.certainty("brick_cnt"),
+                    super_.sb_brick_table_cnt * SIZE_4K, "4096 for each of brick_cnt", ANY_NUMBER);
     }
 
     void read_inodes()
@@ -371,16 +364,17 @@ private:
     {
         const auto first = static_cast<uint64_t>(table.first);
         const uint64_t on_grid = first / SIZE_1M * SIZE_1M;
-        std::vector<Candidate> starts = {{after(lowest), "no sound block of it was found"}};
-        Certainty certainty = Certainty::none;
-        if (table.any()) {
-            starts = {{first, "the first sound block"}};
-            certainty = end_certainty(entries_, lost_, true);
+        if (!table.any()) {
+            return to_.add(key, Certainty::none, after(lowest), "no sound block of it was found",
+                           ANY_NUMBER);
         }
-        if (table.any() && grid_ && on_grid >= lowest) {
-            starts.insert(starts.begin(), {on_grid, "a multiple of 1 MiB, as the others"});
+        std::vector<Candidate> starts;
+        Certainty certainty = end_certainty(entries_, lost_, true);
+        if (grid_ && on_grid >= lowest) {
+            starts.push_back({on_grid, "a multiple of 1 MiB, as the others"});
             certainty = Certainty::likely;
         }
+        starts.push_back({first, "the first sound block"});
         return to_.add(key, certainty, std::move(starts), ANY_NUMBER);
     }
 
@@ -447,13 +441,12 @@ private:
         const int64_t end = as_offset(super_.sb_extent_table_offset);
         const auto start = static_cast<int64_t>(after(shards_end()));
         super_.sb_hot_table_offset =
-            to_.add("hot_table_offset", Certainty::none,
-                    {{static_cast<uint64_t>(start), "where the shards end"}}, ANY_NUMBER);
+            to_.add("hot_table_offset", Certainty::none, static_cast<uint64_t>(start),
+                    "where the shards end", ANY_NUMBER);
         super_.sb_hot_table_size =
             to_.add("hot_table_size", Certainty::none,
-                    {{static_cast<uint64_t>(facts_.blanks.content_end(start, end) - start),
-                      "up to the last block that is not zero"}},
-                    ANY_NUMBER);
+                    static_cast<uint64_t>(facts_.blanks.content_end(start, end) - start),
+                    "up to the last block that is not zero", ANY_NUMBER);
     }
 
     void read_data()
@@ -462,7 +455,7 @@ private:
         super_.sb_block_area_offset = to_.add(
             "data_offset",
             grid_ ? lower(Certainty::likely, to_.certainty("extent_table_cnt")) : Certainty::none,
-            {{after(end), "where the extents end"}}, ANY_NUMBER);
+            after(end), "where the extents end", ANY_NUMBER);
         read_blocks(facts_.device_size - std::min(facts_.device_size, super_.sb_block_area_offset));
         super_.sb_block_area_size = to_.add(
             "data_table_size", lower(to_.certainty("block_size"), to_.certainty("block_cnt")),
@@ -486,10 +479,10 @@ private:
         super_.sb_block_size = to_.add("block_size", certainty, std::move(sizes),
                                        {TIER_BLOCK_SIZE_MIN_V3, TIER_BLOCK_SIZE_MAX_V3,
                                         "in steps of 4096: what the layout allows"});
-        super_.sb_block_cnt = to_.add(
-            "block_cnt", certainty,
-            {{bytes / super_.sb_block_size, "so many have room"}, {extents, "one for each extent"}},
-            ANY_NUMBER);
+        std::vector<Candidate> counts;
+        counts.push_back({bytes / super_.sb_block_size, "so many have room"});
+        counts.push_back({extents, "one for each extent"});
+        super_.sb_block_cnt = to_.add("block_cnt", certainty, std::move(counts), ANY_NUMBER);
     }
 
     const Facts &facts_;
