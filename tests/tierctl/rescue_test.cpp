@@ -199,6 +199,13 @@ TEST_P(Rescue, VerificationCanBeLeftOut)
     EXPECT_EQ(run.out, rescue().out);
 }
 
+TEST_P(Rescue, SoundBlockNeedsNoOther)
+{
+    const RunResult run = rescue({"--like", saved});
+    EXPECT_EQ(run.out, rescue().out);
+    EXPECT_EQ(said_of(run, "inode_cnt"), "64, certain: the block itself, which is sound");
+}
+
 TEST_P(Rescue, SoundBlockIsGivenBack)
 {
     const RunResult run = rescue();
@@ -263,6 +270,10 @@ TEST_P(RescueOfIdentity, NoiseIsNotBelieved)
         expect_right(run, {key});
         expect_repaired(rescue({"--like", saved}));
         lose_magic();
+        device.write(SUPER_OFFSET + at, std::vector<std::uint8_t>(at == 40 ? 8 : 16));
+        expect_right(rescue(), {key});
+        device.write(SUPER_OFFSET, sound);
+        lose_magic();
     }
 }
 
@@ -313,6 +324,12 @@ TEST_P(Rescue, SimilarDeviceDecidesBetweenLayouts)
     EXPECT_NE(like.err.find("zu_tierctl: layout " + layout + ", likely: "), std::string::npos)
         << like;
     expect_right(like, {});
+    device.write(SUPER_OFFSET, sound);
+    device.write(SUPER_OFFSET + 64, std::vector<std::uint8_t>(16, 0xAB)); // not its magic
+    const RunResult said = rescue();
+    EXPECT_NE(said.err.find("zu_tierctl: layout " + layout + ", certain: "), std::string::npos)
+        << said;
+    expect_right(said, {"ssd_uuid"});
     const LoggedRun repaired = repair(like.out, {"-y"});
     EXPECT_EQ(repaired.status, 0) << repaired;
     EXPECT_TRUE(device.block(SUPER_OFFSET) == sound);
@@ -537,8 +554,12 @@ TEST_P(Rescue, BadOptions)
                             "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P2";
     refuses("--ssd-uuid", "Nr0hl4", "it has 6" + ssd);
     refuses("--ssd-uuid", "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1 51F2P2", "it has 38" + ssd);
-    expect_complaint(rescue({"--ssd-uuid", "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P\xff"}), 2,
-                     R"(--ssd-uuid "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P\xff": it has 38)" + ssd);
+    for (const char last : {'\xff', '\x7f'}) {
+        const std::string text = "Nr0hl4-qYVa-CZGl-VzjE-j6RE-uDe1-51F2P";
+        expect_complaint(rescue({"--ssd-uuid", text + last}), 2,
+                         "--ssd-uuid \"" + text + (last == '\x7f' ? "\\x7f" : "\\xff") +
+                             "\": it has 38" + ssd);
+    }
     refuses("--ctime", "today", "expected a number of up to 64 bits");
     refuses("--ctime", "1736000000",
             "expected a time from 2010 to 2100, in nanoseconds since the epoch");

@@ -40,16 +40,16 @@ constexpr uint64_t CTIME_MAX = 4102444800ULL * 1000000000;
 
 constexpr const char PLACEHOLDER[] = "null";
 
-std::string certainty_text(Certainty certainty)
+std::string_view certainty_text(Certainty certainty)
 {
-    return certainty == Certainty::none ? "not certain" : std::string(certainty_name(certainty));
+    return certainty == Certainty::none ? "not certain" : certainty_name(certainty);
 }
 
 bool is_uuid(const uint8_t *uuid)
 {
-    const int type = uuid_type(uuid);
-    return uuid_variant(uuid) == UUID_VARIANT_DCE && type >= UUID_TYPE_DCE_TIME &&
-           type <= UUID_TYPE_DCE_SHA1;
+    const int type = uuid_type(uuid); /* 0 comes before the first */
+    return uuid_variant(uuid) == UUID_VARIANT_DCE &&
+           static_cast<unsigned>(type - UUID_TYPE_DCE_TIME) < UUID_TYPE_DCE_SHA1;
 }
 
 bool is_ctime(uint64_t time) { return time >= CTIME_MIN && time < CTIME_MAX; }
@@ -330,11 +330,15 @@ private:
     void read_tables()
     {
         std::vector<Contender> all = read_layouts();
+        const auto says_so = [this](const Contender &contender) {
+            return sources_.left && looks_like(*contender.reading.layout, *sources_.left);
+        };
         const auto is_like = [this](const Contender &contender) {
             return sources_.like && sources_.like->layout == contender.reading.layout;
         };
-        std::ranges::stable_sort(all, std::greater<>(), [&is_like](const Contender &contender) {
-            return std::tuple(contender.head, contender.reading.explained, is_like(contender));
+        std::ranges::stable_sort(all, std::greater<>(), [&](const Contender &contender) {
+            return std::tuple(contender.head, contender.reading.explained, says_so(contender),
+                              is_like(contender));
         });
         if (all.front().reading.explained == 0) {
             throw std::runtime_error(device_.path() +
@@ -347,8 +351,7 @@ private:
         const uint64_t lead = all.front().head != next.head
                                   ? all.front().head - next.head
                                   : best.explained - next.reading.explained;
-        const bool says_so = sources_.left && looks_like(*best.layout, *sources_.left);
-        if (lead >= CERTAIN_LEAD || says_so) {
+        if (lead >= CERTAIN_LEAD || says_so(all.front())) {
             best.certainty = Certainty::certain;
         } else if (lead > 0 || is_like(all.front())) {
             best.certainty = Certainty::likely;
@@ -471,12 +474,11 @@ std::string number_line(const NumberReading &number)
         const Candidate &next = number.candidates[1];
         line += fmt::format("; runner-up {}: {}", next.value, next.reason);
     }
-    if (number.range) {
-        const Range &range = *number.range;
-        line +=
-            fmt::format("; else {}: {}",
-                        range.last == ANY_NUMBER.last ? "any" : range_text(range.first, range.last),
-                        range.reason);
+    if (number.range && number.range->last < ANY_NUMBER.last) {
+        line += fmt::format("; else {}: {}", range_text(number.range->first, number.range->last),
+                            number.range->reason);
+    } else if (number.candidates.size() > 1) {
+        line += "; or any other";
     }
     return line;
 }

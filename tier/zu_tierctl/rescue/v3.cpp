@@ -388,10 +388,11 @@ private:
         };
         const uint64_t blocks = blocks_to(table.last);
         const uint64_t needed = referred / TIER_PACKED_SLOTS_V3 + 1;
-        std::vector<Candidate> counts = {
-            {std::min(max, std::max(blocks, needed) * TIER_PACKED_SLOTS_V3),
-             needed > blocks ? fmt::format("entry {} is referred to", referred)
-                             : fmt::format("{} blocks up to the last sound one", blocks)}};
+        std::vector<Candidate> counts;
+        counts.push_back({std::min(max, std::max(blocks, needed) * TIER_PACKED_SLOTS_V3),
+                          needed > blocks
+                              ? fmt::format("entry {} is referred to", referred)
+                              : fmt::format("{} blocks up to the last sound one", blocks)});
         Certainty certainty = end_of(start + blocks * SIZE_4K);
         if (table.gap != 0) {
             certainty = Certainty::none;
