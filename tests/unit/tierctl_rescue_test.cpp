@@ -2,6 +2,8 @@
 // entries.
 
 #include "zu_tier/format/v2.h"
+#include "zu_tier/format/v3.h"
+#include "zu_tierctl/rescue/areas.h"
 #include "zu_tierctl/rescue/rescue.h"
 #include "zu_tierctl/sample/sample.h"
 
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
 #include <set>
@@ -30,6 +33,8 @@ unsigned rounds(unsigned usual)
 
 using Engine = std::mt19937_64;
 
+void put_number(std::uint8_t *at, std::uint32_t number) { memcpy(at, &number, sizeof(number)); }
+
 std::uint64_t below(Engine &random, std::uint64_t bound) { return random() % bound; }
 std::uint64_t between(Engine &random, std::uint64_t low, std::uint64_t high)
 {
@@ -42,15 +47,20 @@ public:
     Lost(Engine &random, const std::string &layout) : layout_(layout)
     {
         tierctl::SampleOptions options{};
-        options.layout = layout;
         options.seed = random();
-        options.file = path();
         choose_sizes(random, &options);
-        tierctl::sample(options);
-        const tierctl::Device device(path(), tierctl::Access::read_only);
-        truth_ = tierctl::read_metadata(device);
-        for (const auto &size : options.sizes)
-            about_ += size ? std::to_string(*size) + " " : "- ";
+        make(options);
+    }
+
+    // With some sizes of its own.
+    Lost(const std::string &layout,
+         const std::vector<std::pair<tierctl::Size, std::uint64_t>> &sizes)
+        : layout_(layout)
+    {
+        tierctl::SampleOptions options{};
+        for (const auto &[which, size] : sizes)
+            options.sizes[which] = size;
+        make(options);
     }
 
     std::string path() const { return directory_.path("device"); }
@@ -128,7 +138,50 @@ public:
             write(static_cast<std::int64_t>(data + shift), bytes.data(), length);
     }
 
+    // Changes an entry, and seals it.
+    void change(const std::string &table, std::uint64_t no,
+                const std::function<void(std::uint8_t *entry)> &make_change)
+    {
+        const tierctl::Table &of = tierctl::find_table(truth_->tables, table);
+        put_sealed(of, of.slot(no), no, make_change);
+    }
+
+    // A copy of entry `no` at another place, changed and sealed.
+    void put_sealed(const tierctl::Table &table, std::int64_t offset, std::uint64_t no,
+                    const std::function<void(std::uint8_t *entry)> &make_change)
+    {
+        tierctl::Block block = read(table.slot(no));
+        make_change(block.data());
+        table.seal_slot(block.data());
+        write(offset, block.data(), block.size());
+    }
+
+    void zero(const std::string &table, std::uint64_t from = 0)
+    {
+        const tierctl::Block zeros{};
+        const tierctl::Table &of = tierctl::find_table(truth_->tables, table);
+        for (std::uint64_t no = from; no < of.count(); ++no)
+            write(of.slot(no), zeros.data(), zeros.size());
+    }
+
+    tierctl::Rescued rescue() const
+    {
+        const tierctl::Device device(path(), tierctl::Access::read_only);
+        return tierctl::find_super(device, {.device = path()});
+    }
+
 private:
+    void make(tierctl::SampleOptions options)
+    {
+        options.layout = layout_;
+        options.file = path();
+        tierctl::sample(options);
+        const tierctl::Device device(path(), tierctl::Access::read_only);
+        truth_ = tierctl::read_metadata(device);
+        for (const auto &size : options.sizes)
+            about_ += size ? std::to_string(*size) + " " : "- ";
+    }
+
     void choose_sizes(Engine &random, tierctl::SampleOptions *options) const
     {
         auto &sizes = options->sizes;
@@ -240,11 +293,7 @@ class RescueSamples : public testing::TestWithParam<std::string> {};
 INSTANTIATE_TEST_SUITE_P(Layout, RescueSamples, testing::Values("v1", "v2", "v3"),
                          [](const auto &layout) { return layout.param; });
 
-void rescue_and_judge(const Lost &lost, Tally *tally)
-{
-    const tierctl::Device device(lost.path(), tierctl::Access::read_only);
-    judge(tierctl::find_super(device, {.device = lost.path()}), lost.truth(), tally);
-}
+void rescue_and_judge(const Lost &lost, Tally *tally) { judge(lost.rescue(), lost.truth(), tally); }
 
 TEST_P(RescueSamples, AreRightOrSaySo)
 {
@@ -340,6 +389,234 @@ TEST(RescueExpansion, IsFoundByItsNumbers)
             std::ranges::find(found.reading.numbers, "inode_cnt", &tierctl::NumberReading::key);
         EXPECT_EQ(inodes_read->certainty, Certainty::likely); // these may be data
     }
+}
+
+// What is said of a number.
+const tierctl::NumberReading &said_of(const tierctl::Rescued &found, std::string_view key)
+{
+    return *std::ranges::find(found.reading.numbers, key, &tierctl::NumberReading::key);
+}
+
+// Nothing certain is wrong, and the ranking of this number has the truth.
+tierctl::Rescued judged(const Lost &lost)
+{
+    tierctl::Rescued found = lost.rescue();
+    Tally tally;
+    judge(found, lost.truth(), &tally);
+    return found;
+}
+
+TEST(RescueHostile, BrickAmongTheInodes)
+{
+    Lost lost("v1", {});
+    const tierctl::Table &bricks = tierctl::find_table(lost.truth().tables, "brick");
+    lost.put_sealed(bricks, bricks.slot(0) + 6 * 4096, 0,
+                    [](std::uint8_t *entry) { put_number(entry + 12, 6); });
+    lost.lose_super_block();
+    const tierctl::Rescued found = judged(lost);
+    EXPECT_EQ(said_of(found, "brick_cnt").certainty, Certainty::none);
+    EXPECT_EQ(said_of(found, "brick_cnt").candidates[1].value, 7U);
+}
+
+TEST(RescueHostile, InodesOfABrickThatIsNone)
+{
+    Lost lost("v1", {});
+    for (const std::uint64_t no : {0U, 1U})
+        lost.change("inode", no, [](std::uint8_t *entry) { put_number(entry + 72, 1U << 31); });
+    lost.lose_super_block();
+    EXPECT_EQ(said_of(judged(lost), "brick_cnt").certainty, Certainty::none);
+}
+
+// Their numbers make a table begin before the first inode.
+TEST(RescueHostile, ExtentsThatBeginTooEarly)
+{
+    Lost lost("v1", {});
+    lost.change("extent", 0, [](std::uint8_t *entry) { put_number(entry + 48, 256); });
+    lost.change("extent", 1, [](std::uint8_t *entry) { put_number(entry + 52, 1U << 30); });
+    lost.lose_super_block();
+    const tierctl::Rescued found = judged(lost);
+    EXPECT_EQ(said_of(found, "extent_size").certainty, Certainty::likely); // the first is missing
+    EXPECT_EQ(said_of(found, "block_cnt").value(), lost.number("block_cnt"));
+}
+
+// An extent of more bytes than its pieces have is none of V2.
+TEST(RescueHostile, PiecesOfOtherLengths)
+{
+    Lost lost("v2", {{tierctl::BLOCKS, 40}});
+    lost.lose_super_block();
+    EXPECT_EQ(said_of(judged(lost), "map_cnt").certainty, Certainty::likely);
+    for (std::uint64_t no = 0; no < 40; no += 4)
+        lost.change("extent", no, [](std::uint8_t *entry) { ++entry[8]; });
+    for (std::uint64_t no = 1; no < 40; no += 4)
+        lost.change("extent", no, [](std::uint8_t *entry) { put_number(entry + 4, 12345); });
+    EXPECT_EQ(said_of(judged(lost), "map_cnt").certainty, Certainty::none);
+}
+
+// Room for an expansion area, and inodes that seem to be of one.
+class RescueRoom : public testing::Test {
+protected:
+    static constexpr std::uint64_t ROOM = (std::uint64_t{700} << 20) + 3 * 4096;
+
+    Lost lost{"v2", {{tierctl::BLOCKS, 100}}};
+    const tierctl::Table &inodes = tierctl::find_table(lost.truth().tables, "inode");
+
+    void SetUp() override
+    {
+        lost.grow(ROOM);
+        lost.lose_super_block();
+    }
+
+    // An inode that is not in use, so many blocks before the end.
+    void put(std::int64_t blocks, std::uint32_t no)
+    {
+        const auto size = static_cast<std::int64_t>(std::filesystem::file_size(lost.path()));
+        lost.put_sealed(inodes, (size / 4096 - blocks) * 4096, 0, [no](std::uint8_t *entry) {
+            put_number(entry + 68, no);
+            entry[78] = entry[79] = 0;
+        });
+    }
+};
+
+TEST_F(RescueRoom, HasNoArea)
+{
+    for (const bool strangers : {false, true}) {
+        if (strangers) {
+            put(1, 3);      // a regular one
+            put(2, 500000); // no area has as many
+            put(4, 499999); // it would begin before the data
+        }
+        const tierctl::Rescued found = judged(lost);
+        EXPECT_EQ(said_of(found, "exp_inode_cnt").value(), 0U);
+        EXPECT_EQ(said_of(found, "exp_inode_cnt").certainty, Certainty::none);
+    }
+}
+
+// Its first inodes are lost, and it begins nowhere after whole blocks.
+TEST_F(RescueRoom, HasALastInode)
+{
+    put(1, 64 + 153600 - 1);
+    const tierctl::Rescued found = judged(lost);
+    EXPECT_EQ(said_of(found, "exp_inode_cnt").value(), 153600U);
+    EXPECT_EQ(said_of(found, "exp_inode_inuse").certainty, Certainty::none);
+    EXPECT_EQ(said_of(found, "inode_cnt").certainty, Certainty::none);
+    lost.zero("inode");
+    lost.zero("brick");
+    EXPECT_EQ(said_of(judged(lost), "brick_cnt").certainty, Certainty::none);
+}
+
+TEST(RescueHostile, PackedTables)
+{
+    Lost lost("v3", {{tierctl::SHARDS, 4096}, {tierctl::EXTENTS, 51200}});
+    lost.lose_super_block();
+    EXPECT_EQ(said_of(judged(lost), "shard_table_cnt").certainty, Certainty::likely);
+    lost.change("inode", 5, [](std::uint8_t *entry) { put_number(entry + 68, 262144); });
+    lost.change("inode", 6, [](std::uint8_t *entry) { put_number(entry + 68, 5000); });
+    lost.zero("shard", 4);
+    const tierctl::Rescued found = judged(lost);
+    EXPECT_EQ(said_of(found, "inode_table_offset").value(), lost.number("inode_table_offset"));
+    EXPECT_EQ(said_of(found, "shard_table_cnt").certainty, Certainty::none);
+    EXPECT_GT(said_of(found, "shard_table_cnt").value(), 4 * 512U); // extents refer to later ones
+}
+
+// No table begins at a multiple of 1 MiB.
+TEST(RescueHostile, PackedTablesAnywhere)
+{
+    constexpr std::uint64_t FROM = 2U << 20;
+    constexpr std::uint64_t SHIFT = 3 * 4096;
+    Lost lost("v3", {{tierctl::BLOCK_SIZE, 8192}, {tierctl::EXTENTS, 1024}});
+    tierctl::Metadata truth = lost.truth();
+    std::string bytes(std::filesystem::file_size(lost.path()) - FROM, '\0');
+    std::ifstream(lost.path(), std::ios::binary)
+        .seekg(FROM)
+        .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    lost.write(FROM, tierctl::Block{}.data(), 4096);
+    lost.write(FROM + SHIFT, bytes.data(), bytes.size());
+    lost.lose_super_block();
+    tier_super_block_v3_t super;
+    memcpy(&super, truth.super(), sizeof(super));
+    for (std::uint64_t *offset :
+         {&super.sb_brick_table_offset, &super.sb_inode_table_offset, &super.sb_shard_table_offset,
+          &super.sb_hot_table_offset, &super.sb_extent_table_offset, &super.sb_block_area_offset})
+        *offset += SHIFT;
+    memcpy(truth.super_block.data(), &super, sizeof(super));
+    const tierctl::Rescued found = lost.rescue();
+    Tally tally;
+    judge(found, truth, &tally);
+    for (const char *key : {"brick_table_offset", "inode_table_offset", "shard_table_offset",
+                            "extent_table_offset", "brick_cnt", "inode_cnt"})
+        EXPECT_EQ(said_of(found, key).value(),
+                  tierctl::super_number(*truth.layout, truth.super_block, key))
+            << key;
+}
+
+// However many places entries name, a few are kept: the ones with the most entries.
+TEST(RescueParts, TracesAreBounded)
+{
+    tierctl::Traces traces;
+    for (std::int64_t i = 0; i < 10000; ++i) {
+        tierctl::trace_at(&traces, i).add(0, false);
+        tierctl::trace_at(&traces, 77).add(1, false);
+    }
+    EXPECT_EQ(traces.size(), 64U);
+    EXPECT_EQ(tierctl::Best(traces).best->first, 77);
+}
+
+TEST(RescueParts, Blanks)
+{
+    tierctl::Blanks blanks;
+    const std::int64_t start = tierctl::HEAD_START;
+    const std::int64_t far = start + (std::int64_t{1} << 50);
+    blanks.add(far, true); // takes no memory
+    blanks.add(start, true);
+    blanks.add(start + 2 * 4096, false);
+    EXPECT_FALSE(blanks.are_blank(far, far + 4096));
+    EXPECT_TRUE(blanks.are_blank(start, start + 4096));
+    EXPECT_TRUE(blanks.are_blank(start + 4096, start + 4096));
+    EXPECT_FALSE(blanks.are_blank(start, start + 2 * 4096)); // the second was not read
+    EXPECT_EQ(blanks.content_end(start, far), start + 3 * 4096);
+    EXPECT_EQ(blanks.content_end(start, start + 4096), start);
+    EXPECT_EQ(blanks.content_end(far, start), far);
+}
+
+TEST(RescueParts, NumbersFollowHints)
+{
+    const Lost lost("v1", {{tierctl::BLOCKS, 20}});
+    const tier_layout &layout = *lost.truth().layout;
+    EXPECT_EQ(tierctl::super_number(layout, lost.truth().super_block, "nothing"), std::nullopt);
+    const std::vector<tierctl::Hint> hints{{&layout, lost.truth().super_block, "it", true}};
+    const auto read = [&](Certainty certainty, std::vector<tierctl::Candidate> candidates,
+                          tierctl::Range range) {
+        tierctl::Readings readings(layout, hints);
+        readings.add("block_cnt", certainty, std::move(candidates), std::move(range));
+        return readings.take().front();
+    };
+    tierctl::NumberReading number = read(Certainty::none, {{7, ""}, {20, ""}}, {1, 8, ""});
+    EXPECT_EQ(number.value(), 20U);
+    EXPECT_EQ(number.candidates.size(), 2U);
+    EXPECT_EQ(number.certainty, Certainty::likely);
+    number = read(Certainty::likely, {{7, ""}}, {21, 30, ""}); // it cannot be
+    EXPECT_EQ(number.candidates.size(), 1U);
+    number = read(Certainty::likely, {{7, ""}}, {20, 20, ""});
+    EXPECT_EQ(number.value(), 7U);
+    EXPECT_EQ(number.candidates[1].value, 20U);
+    number = read(Certainty::likely, {{20, ""}}, {1, 30, ""});
+    EXPECT_EQ(number.certainty, Certainty::certain);
+    EXPECT_FALSE(number.may_be(21));
+}
+
+TEST(RescueParts, BlocksOfADevice)
+{
+    const tierctl::DataArea area{2 << 20, (5 << 20) + 10 * 262144};
+    EXPECT_EQ(area.offset(10), 5U << 20);
+    EXPECT_EQ(area.most_blocks(262144), 10U);
+    EXPECT_EQ(area.size_that_fills(10), 262144U);
+    EXPECT_EQ(area.size_that_fills(9), std::nullopt);
+    EXPECT_EQ(area.size_that_fills(20), std::nullopt); // too small
+    const tierctl::DataArea large{2 << 20, (5 << 20) + (64 << 20)};
+    EXPECT_EQ(large.size_that_fills(1), std::nullopt);
+    EXPECT_EQ((tierctl::DataArea{2 << 20, 1 << 20}).most_blocks(262144), 0U);
+    EXPECT_EQ((tierctl::DataArea{2 << 20, 1 << 20}).size_that_fills(1), std::nullopt);
+    EXPECT_EQ(tierctl::bitmap_end(tierctl::Block{}.data(), 64), 0U);
 }
 
 } // namespace
