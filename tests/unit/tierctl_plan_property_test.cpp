@@ -4,6 +4,7 @@
 #include "zu_tierctl/plan/plan.h"
 
 #include "temp_dir.h"
+#include "zu_tierctl/entry/mend.h"
 #include "zu_tierctl/entry/rebuild.h"
 #include "zu_tierctl/sample/sample.h"
 
@@ -313,6 +314,46 @@ private:
     std::vector<Place> places_;
     std::map<std::int64_t, Block> damaged_; // what was there, by offset
 };
+
+// Three turned bits that look like two others.
+TEST(PlanOfThreeBits, AProvenCopyComesBeforeALikelyMend)
+{
+    const TempDir directory;
+    for (const char *name : {"device", "saved"}) {
+        tierctl::SampleOptions options;
+        options.layout = "v1";
+        options.file = directory.path(name);
+        tierctl::sample(options);
+    }
+    const Image image(directory.path("device"));
+    tierctl::Device device(image.path(), Access::read_only);
+    const tierctl::Device saved(directory.path("saved"), Access::read_only);
+    const Metadata metadata = tierctl::read_metadata(device);
+    const Table &inodes = tierctl::find_table(metadata.tables, "inode");
+    const Block good = image.read(inodes.slot(1));
+    std::mt19937_64 random(16);
+    Block damaged;
+    std::size_t turns = 0;
+    do {
+        ASSERT_LT(++turns, 1'000'000U);
+        damaged = good;
+        for (int bit = 0; bit < 3; ++bit)
+            damaged[8 + random() % 60] ^= static_cast<std::uint8_t>(1U << random() % 8);
+    } while (damaged == good ||
+             tierctl::mend(metadata, inodes, 1, damaged).certainty != Certainty::likely ||
+             tierctl::mend(metadata, inodes, 1, damaged).block == good ||
+             inodes.row->checksum->get(damaged.data()) !=
+                 inodes.row->checksum->get(Block(good).data()));
+    image.write(inodes.slot(1), damaged);
+    const auto steps = tierctl::make_plan(device, metadata, &saved, false).steps;
+    ASSERT_EQ(steps.size(), 1U);
+    EXPECT_EQ(steps[0].action, Action::copy);
+    EXPECT_EQ(steps[0].certainty, Certainty::certain);
+    EXPECT_EQ(*steps[0].block, tierctl::KeptBlock(good.data()));
+    const auto mended = tierctl::make_plan(device, metadata, nullptr, false).steps;
+    ASSERT_EQ(mended.size(), 1U);
+    EXPECT_NE(mended[0].certainty, Certainty::certain);
+}
 
 class PlanProperty : public testing::TestWithParam<const char *> {};
 

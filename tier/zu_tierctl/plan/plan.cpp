@@ -137,7 +137,7 @@ private:
         Made mended = mend(slot);
         Made copied = copy(slot);
         if (mended.is_made() && copied.is_made()) {
-            return choose(slot, std::move(mended), copied);
+            return choose(slot, std::move(mended), std::move(copied));
         }
         for (Made *made : {&mended, &copied}) {
             if (made->is_made()) {
@@ -151,13 +151,16 @@ private:
         return restored;
     }
 
-    /* A proven copy is the same as a mend: no two contents have one checksum but by chance. */
-    Made choose(const Slot &slot, Made mended, const Made &copied) const
+    /* More than two turned bits may look like two others: then a proven copy is right. */
+    Made choose(const Slot &slot, Made mended, Made copied) const
     {
         if (mended.block == copied.block) {
             mended.certainty = Certainty::certain;
             mended.reason += fmt::format("; {} has the same", saved_->path());
             return mended;
+        }
+        if (mended.certainty != Certainty::certain && copied.certainty == Certainty::certain) {
+            return copied;
         }
         mended.reason += fmt::format("; {} has another one: {}", saved_->path(),
                                      differing_text(slot, mended.block, copied.block));
@@ -307,27 +310,36 @@ private:
     }
 
     /* Whether an entry may be the same on the device and in the saved file: by its identity or, if
-     * it has none, by its number within what it refers to. What is damaged may be anything. */
+     * it has none, by its number within what it refers to, and that. What is damaged may be
+     * anything. */
     bool may_be_same(const Table &table, uint64_t no)
     {
-        const uint8_t *now = owner_slots(device_, table).entry(no);
-        const uint8_t *then = owner_slots(*saved_, table).entry(no);
-        if (now == nullptr || then == nullptr || !table.in_use(then)) {
-            return true;
-        }
-        const tier_table &row = *table.row;
-        for (const tier_claim &claim : row.claims) {
-            if (claim.type == tier_claim_type::identity) {
-                return memcmp(now + claim.number.at, then + claim.number.at, IDENTITY_SIZE) == 0;
+        const Table *looked_at = &table;
+        while (true) {
+            const uint8_t *now = owner_slots(device_, *looked_at).entry(no);
+            const uint8_t *then = owner_slots(*saved_, *looked_at).entry(no);
+            if (now == nullptr || then == nullptr || !looked_at->in_use(then)) {
+                return true;
             }
-            if (claim.number.get(now) != claim.number.get(then)) {
+            const tier_table &row = *looked_at->row;
+            for (const tier_claim &claim : row.claims) {
+                if (claim.type == tier_claim_type::identity) {
+                    return memcmp(now + claim.number.at, then + claim.number.at, IDENTITY_SIZE) ==
+                           0;
+                }
+                if (claim.number.get(now) != claim.number.get(then)) {
+                    return false;
+                }
+            }
+            if (row.owner.table.empty()) {
+                return true;
+            }
+            no = row.owner.no.get(now);
+            if (no != row.owner.no.get(then)) {
                 return false;
             }
+            looked_at = &find_table(metadata_.tables, row.owner.table);
         }
-        const uint64_t owner = row.owner.no.get(now);
-        return row.owner.table.empty() ||
-               (owner == row.owner.no.get(then) &&
-                may_be_same(find_table(metadata_.tables, row.owner.table), owner));
     }
 
     /* Entries that others refer to, by number. Keeps some of the slots that it has read. */
