@@ -195,6 +195,12 @@ Agreement compare(const SuperReading &reading, const Block &left)
     return found;
 }
 
+/* Whether entries of both layouts have the same magics: what is sound in one is so in the other. */
+bool are_related(const tier_layout &a, const tier_layout &b)
+{
+    return a.tables[1]->magic_value == b.tables[1]->magic_value;
+}
+
 /* A layout's reading of a device. */
 struct Contender {
     uint64_t head; /* entries in the head of the device */
@@ -345,13 +351,19 @@ private:
                                      " has no super block of a known layout, and no entry of a "
                                      "table that can be told without one");
         }
+        const bool is_contested =
+            all.front().reading.is_contested ||
+            std::ranges::any_of(all, [&all](const Contender &contender) {
+                return contender.head != 0 &&
+                       !are_related(*contender.reading.layout, *all.front().reading.layout);
+            });
         const Contender nothing{0};
         const Contender &next = all.size() > 1 ? all[1] : nothing;
         SuperReading &best = all.front().reading;
         const uint64_t lead = all.front().head != next.head
                                   ? all.front().head - next.head
                                   : best.explained - next.reading.explained;
-        if (lead >= CERTAIN_LEAD || says_so(all.front())) {
+        if ((lead >= CERTAIN_LEAD && !is_contested) || says_so(all.front())) {
             best.certainty = Certainty::certain;
         } else if (lead > 0 || is_like(all.front())) {
             best.certainty = Certainty::likely;

@@ -113,13 +113,15 @@ struct Best {
         }
     }
 
-    /* One entry may be a stray; a place that many times as many name as the next is likely. */
+    /* One entry may be a stray. A place is likely that many more name, unless more than strays name
+     * another: those may be what is left of an older cache. */
     Certainty certainty() const
     {
         constexpr uint64_t SOUND_MIN = 2;
+        constexpr uint64_t STRAYS_MAX = 2;
         constexpr uint64_t TIMES = 4;
         const uint64_t rival = next == nullptr ? 0 : next->second.sound;
-        return best != nullptr && best->second.sound >= SOUND_MIN &&
+        return best != nullptr && best->second.sound >= SOUND_MIN && rival <= STRAYS_MAX &&
                        best->second.sound > TIMES * rival
                    ? Certainty::likely
                    : Certainty::none;

@@ -11,19 +11,13 @@ namespace tierctl {
 
 namespace {
 
-/* Extents whose bitmap has no bit for a page after the block. */
-uint64_t explained_extents(const AreaNumbers &numbers)
+/* Of the extents in use that were kept, those whose bitmap has a bit for a page after the block. */
+uint64_t strange_extents(const AreaNumbers &numbers)
 {
-    if (numbers.extents == nullptr) {
-        return 0;
-    }
-    const ExtentTrace &extents = *numbers.extents;
-    const auto others = static_cast<uint64_t>(
-        std::ranges::count_if(extents.samples, [&numbers](const Block &block) {
+    return static_cast<uint64_t>(
+        std::ranges::count_if(numbers.extents->samples, [&numbers](const Block &block) {
             return bitmap_end(block.data(), numbers.extent_length) > numbers.block_size / SIZE_4K;
         }));
-    const uint64_t samples = std::max<uint64_t>(extents.samples.size(), 1);
-    return extents.sound - extents.in_use * others / samples;
 }
 
 SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vector<Hint> &hints)
@@ -44,7 +38,14 @@ SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vec
     add_area_sizes(numbers, super, &readings);
 
     SuperReading reading{.layout = &layout};
-    const uint64_t extents = explained_extents(numbers);
+    uint64_t extents = 0;
+    if (any) {
+        const ExtentTrace &trace = *numbers.extents;
+        const uint64_t strange = strange_extents(numbers);
+        const uint64_t samples = std::max<uint64_t>(trace.samples.size(), 1);
+        extents = trace.sound - trace.in_use * strange / samples;
+        reading.is_contested = numbers.is_contested || strange != 0;
+    }
     reading.explained = numbers.explained + extents;
     reading.explained_text = fmt::format("{}, {} extents", numbers.explained_text, extents);
     memcpy(reading.block.data(), &super, sizeof(super));
