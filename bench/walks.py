@@ -140,6 +140,17 @@ class Bench:
                         [self.program("bare_reads"), self.devices["v2"], str(start), str(count * 4096)],
                         self.tool("v2", "dump_" + table, "-l", NOTHING))
 
+    def questions(self):
+        """Rows of zu_tierctl sql, against the entries that check goes over in the same time."""
+        companion, device = self.program("zu_tierctl"), self.devices["v3"]
+        self.within("V3 sql, count and sum over extents, against check", 5,
+                    [companion, "check", "--table", "extent", device],
+                    [companion, "sql", device, "SELECT count(*), sum(dirty) FROM extent"])
+        database = self.path("new.db")
+        seconds = self.run([companion, "sql", "--into", database, device], NOTHING, dict(os.environ))
+        rows = 4194304 / seconds / 1e6
+        self.row("V3 sql --into, million rows a second", ">= 1", rows, rows >= 1, {"tool_s": round(seconds, 4)})
+
     def filtered_walks(self):
         """An owner with a few entries in nearly every block: each of the others makes a line."""
         owner = "1"
@@ -228,6 +239,7 @@ def main():
         bench.full_walks()
         bench.bare_reads()
         bench.filtered_walks()
+        bench.questions()
         bench.checksums()
         bench.growth()
         bench.memory()

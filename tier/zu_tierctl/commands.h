@@ -29,6 +29,7 @@ void add_rescue(CLI::App &app, int *status);
 void add_revert(CLI::App &app);
 void add_sample(CLI::App &app);
 void add_save(CLI::App &app, int *status);
+void add_sql(CLI::App &app);
 void add_template(CLI::App &app);
 void add_undo(CLI::App &app);
 void add_usage(CLI::App &app, int *status);

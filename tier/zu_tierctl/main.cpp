@@ -37,6 +37,7 @@ int run(int argc, char *argv[], int *status)
     add_revert(app);
     add_sample(app);
     add_save(app, status);
+    add_sql(app);
     add_template(app);
     add_undo(app);
     add_usage(app, status);

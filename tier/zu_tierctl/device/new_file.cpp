@@ -77,10 +77,10 @@ bool sync_name(const std::string &path)
 
 NewFile::NewFile(std::string path, Naming naming) : path_(std::move(path)), naming_(naming)
 {
-    if (naming_ == Naming::new_name) {
+    if (naming_ != Naming::replace) {
         refuse_existing(path_);
     }
-    if (naming_ == Naming::replace || !open_unnamed()) {
+    if (naming_ != Naming::new_name || !open_unnamed()) {
         open_named();
     }
 }
@@ -113,7 +113,7 @@ void NewFile::open_named()
         fd_ = Fd(open(name, O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666));
         return fd_.get() >= 0;
     });
-    if (naming_ == Naming::new_name) { /* what will not work is better known before the work */
+    if (naming_ != Naming::replace) { /* what will not work is better known before the work */
         take_scratch_name([this](const char *name) { return move_file(scratch_->path(), name); });
     }
 }

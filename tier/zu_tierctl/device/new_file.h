@@ -12,8 +12,9 @@
 namespace tierctl {
 
 enum class Naming {
-    new_name, /* fails when something has that name by then */
-    replace,  /* takes the place of the file that has that name */
+    new_name,         /* fails when something has that name by then */
+    new_name_by_path, /* the same; meanwhile the file can be opened by a scratch name */
+    replace,          /* takes the place of the file that has that name */
 };
 
 /* Throws when something has that name or nothing can have it. */
@@ -34,6 +35,9 @@ public:
 
     int fd() const { return fd_.get(); }
     const std::string &path() const { return path_; }
+
+    /* The scratch name. */
+    const char *working_path() const { return scratch_->path(); }
 
     void resize(uint64_t size);
     void write(int64_t offset, const void *data, size_t length);

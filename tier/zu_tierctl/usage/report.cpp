@@ -193,7 +193,7 @@ private:
                                          : fmt::format("{} unknown", usage_.owner_table);
             draw_row({.name = name,
                       .data = owner.sum.data,
-                      .changed = text_if(owner.sum.changed != 0, time_text(owner.sum.changed)),
+                      .changed = owner.sum.changed != 0 ? time_text(owner.sum.changed) : "-",
                       .label = owner.path,
                       .style = BOLD});
             for (size_t i = 0; i < std::min<uint64_t>(owner.files.size(), view_.top); i++) {
