@@ -26,6 +26,11 @@ constexpr const char DAMAGE_HELP[] = "Spoil an entry; may be repeated\n"
                                      "magic or number (the checksum stays right), zero (the whole\n"
                                      "slot), bit (one bit of the record, chosen by the seed)";
 
+constexpr const char DATA_HELP[] = "Fill what the extents hold of files, in pages of 4096 bytes:\n"
+                                   "each 32 bytes are the uuid of the file, the offset of the\n"
+                                   "page in the file, in v3 its address, and its offset on the\n"
+                                   "device, each of 8 bytes; without it all that stays zero";
+
 constexpr const char OVERWRITE_HELP[] =
     "With --force: also when the block device holds a cache, a file\n"
     "system or anything else that is recognised";
@@ -89,7 +94,8 @@ void add_sample(CLI::App &app)
     command->get_formatter()->column_width(32);
     add_operand(*command, "FILE", options->file, "File, or with --force block device, to write");
     command->add_option("--layout", options->layout, layout_help())->type_name("NAME")->required();
-    command->add_flag("--for-conversion", options->for_conversion, conversion_help());
+    const CLI::Option *for_conversion =
+        command->add_flag("--for-conversion", options->for_conversion, conversion_help());
     for (size_t i = 0; i < SIZES; i++) {
         const auto store = [options, i](uint64_t value) { options->sizes[i] = value; };
         add_number(command, SIZE_OPTIONS[i].name, store, size_help(i));
@@ -99,6 +105,7 @@ void add_sample(CLI::App &app)
     command->add_option("--damage", options->damage, DAMAGE_HELP)
         ->type_name("TABLE:NO[:KIND]")
         ->allow_extra_args(false);
+    command->add_flag("--data", options->data, DATA_HELP)->excludes(for_conversion->get_name());
     command->add_flag("--force", options->force, "Replace FILE, or write to the block device");
     command->add_flag("--overwrite-cache", options->overwrite_cache, OVERWRITE_HELP);
     command->callback([options] { sample(*options); });

@@ -3,6 +3,7 @@
 #include "common/zutr_utils.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/sample/damage.h"
+#include "zu_tierctl/sample/data.h"
 #include "zu_tierctl/sample/image.h"
 
 #include <algorithm>
@@ -119,6 +120,11 @@ void sample(const SampleOptions &options)
     }
     Image image(options.file, plan.device_size, options.force, options.overwrite_cache);
     for (const SampleTable &planned : plan.tables) {
+        if (options.data && planned.table.name == SUPER_TABLE) { /* the last */
+            memset(run.get(), 0, SIZE_4K);
+            planned.fill(0, run.get());
+            write_data(image, plan.device_size, tables, run.get());
+        }
         write_table(image, planned, run.get());
     }
     apply_damage(image, damages, options.seed);

@@ -86,6 +86,7 @@ struct SampleOptions {
     std::array<std::optional<uint64_t>, SIZES> sizes; /* those that the command line gives */
     uint64_t seed = 1;
     std::vector<std::string> damage;
+    bool data = false; /* in the data blocks, too */
     bool force = false;
     bool overwrite_cache = false;
     std::string file;
