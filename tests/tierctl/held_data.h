@@ -26,6 +26,9 @@ struct HeldPiece {
     Uuid uuid{};             // of the file
     std::uint64_t brick = 0; // numbers
     std::uint64_t inode = 0;
+    std::uint64_t conflict = NO_CONFLICT; // the extent that has the place
+
+    static constexpr std::uint64_t NO_CONFLICT = ~std::uint64_t{0};
 };
 
 // Slots of a table that are lost: "inode" and 7, "extent" and 2.

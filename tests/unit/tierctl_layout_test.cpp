@@ -70,7 +70,7 @@ protected:
     std::string save() const
     {
         const std::string saved = device.directory().path("saved");
-        EXPECT_TRUE(tierctl::save(device.path(), saved));
+        EXPECT_TRUE(tierctl::save({.device = device.path(), .file = saved}));
         return saved;
     }
 

@@ -31,10 +31,12 @@ int run(int argc, char *argv[], int *status)
     add_apply(app);
     add_check(app, status);
     add_diff(app, status);
+    add_domain(app, status);
     add_map(app);
     add_plan(app);
     add_rescue(app, status);
     add_revert(app);
+    add_salvage(app, status);
     add_sample(app);
     add_save(app, status);
     add_sql(app);
@@ -84,6 +86,14 @@ void add_super_option(CLI::App &command, std::string &value)
         "Where the super block is lost: take that of FILE, a device, image or\n"
         "saved file, its block alone, or a repair file for it";
     command.add_option("--super", value, HELP)->type_name("FILE");
+}
+
+void add_mapfile_option(CLI::App &command, std::string &value)
+{
+    constexpr const char HELP[] =
+        "DEVICE is a copy that ddrescue has made with this mapfile: what that\n"
+        "does not call finished cannot be read";
+    command.add_option("--mapfile", value, HELP)->type_name("MAP");
 }
 
 } // namespace tierctl

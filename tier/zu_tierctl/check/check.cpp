@@ -184,7 +184,7 @@ bool check(const CheckOptions &options, const std::function<void(const Report &)
 {
     std::unique_ptr<Report> report;
     try {
-        const Device device(options.device, Access::read_only);
+        const Device device(options.device, Access::read_only, options.mapfile);
         hint_in_use(options.device);
         const Metadata metadata = read_metadata(device, options.super_file);
         const Seen seen = options.live ? find_lasting(options, device, metadata) : Seen();

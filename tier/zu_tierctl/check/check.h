@@ -20,6 +20,7 @@ struct CheckOptions {
     Detail detail = Detail::runs;
     std::vector<std::string> tables{}; /* to report on; empty: all */
     std::string super_file{};          /* the super block, instead of the device's own; or empty */
+    std::string mapfile{};             /* of the device, which is a copy; or empty */
 
     /* Bytes for the duplicate search, most of a check's memory; 0: nothing is searched for. */
     size_t claims_memory = size_t{400} << 20;

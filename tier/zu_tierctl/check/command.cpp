@@ -68,6 +68,7 @@ void add_check(CLI::App &app, int *status)
         ->type_name("FILE")
         ->excludes(tables);
     add_super_option(*command, options->super_file);
+    add_mapfile_option(*command, options->mapfile);
     command->callback([options, metrics, status] {
         *status = STATUS_NOT_CHECKED; /* if it throws */
         const bool fine =

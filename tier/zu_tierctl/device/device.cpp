@@ -49,7 +49,7 @@ void refuse_read_only(const std::string &path, int fd)
 
 /* Whatever else there is, a FIFO or a terminal, is not even opened: that may wait, or have effects.
  * What the name has come to mean since then is refused as well. */
-Device::Device(const std::string &path, Access access) : path_(path)
+Device::Device(const std::string &path, Access access, const std::string &mapfile) : path_(path)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
@@ -74,6 +74,10 @@ Device::Device(const std::string &path, Access access) : path_(path)
     }
     size_ = static_cast<uint64_t>(end);
     unreadable_ = UnreadableList(path);
+    if (!mapfile.empty()) {
+        mapfile_ = Mapfile(mapfile);
+        size_ = std::max(size_, mapfile_.end());
+    }
 }
 
 bool Device::holds(int64_t offset, size_t length) const
@@ -94,6 +98,10 @@ bool Device::read_stored(int64_t offset, void *data, size_t length) const
 
 bool Device::read_listed(int64_t offset, void *data, size_t length) const
 {
+    if (holds(offset, length) && !mapfile_.is_finished(offset, length)) {
+        errno = NOT_RESCUED;
+        return false;
+    }
     if (!read_stored(offset, data, length)) {
         return false;
     }

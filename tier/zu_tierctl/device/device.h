@@ -4,6 +4,7 @@
 #include "zu_tier/format/records.h"
 #include "zu_tierctl/device/fd.h"
 #include "zu_tierctl/device/kept_block.h"
+#include "zu_tierctl/device/mapfile.h"
 #include "zu_tierctl/device/unreadable.h"
 
 #include <array>
@@ -23,10 +24,12 @@ enum class Access {
 
 /* A device or an image of one: a block device or a regular file, read with direct I/O where
  * possible. The constructor throws for anything else, and when the list beside it, of blocks that a
- * saved file lacks, is none. */
+ * saved file lacks, is none. Of a copy that ddrescue has made `mapfile`, unless it is empty, names
+ * the mapfile: what that does not call finished cannot be read, and the size is that of the device.
+ */
 class Device {
 public:
-    Device(const std::string &path, Access access);
+    Device(const std::string &path, Access access, const std::string &mapfile = "");
 
     const std::string &path() const { return path_; }
     uint64_t size() const { return size_; }
@@ -58,13 +61,14 @@ private:
     /* Reads what the device has, whatever lies over it and whatever the list says. */
     bool read_stored(int64_t offset, void *data, size_t length) const;
 
-    /* The same where the list allows it. */
+    /* The same where the mapfile and the list allow it. */
     bool read_listed(int64_t offset, void *data, size_t length) const;
 
     std::string path_;
     uint64_t size_ = 0;
     Fd fd_;
     UnreadableList unreadable_;
+    Mapfile mapfile_;
     std::map<int64_t, KeptBlock> laid_over_; /* by offset */
 };
 

@@ -22,11 +22,17 @@ public:
 /* A value of errno besides those of the system: the block is not in the saved file. */
 constexpr int NOT_SAVED = 1 << 16;
 
+/* Another: the mapfile does not call the block finished. */
+constexpr int NOT_RESCUED = NOT_SAVED + 1;
+
 /* What an error number means. */
 inline std::string error_text(int error)
 {
     if (error == NOT_SAVED) {
         return "not in the saved file";
+    }
+    if (error == NOT_RESCUED) {
+        return "not finished in the mapfile";
     }
     return std::generic_category().message(error);
 }

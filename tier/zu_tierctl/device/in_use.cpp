@@ -72,10 +72,43 @@ std::string unescaped(const std::string &text)
     return path;
 }
 
+/* A line of /proc/self/mountinfo has the number of the device in its third field, and the place in
+ * its fifth. A field "-" precedes the kind of the file system and the path of the device, which
+ * tells where the number is not that of a device, as with btrfs. */
+struct Mount {
+    std::string device; /* number */
+    std::string place;
+    std::string source; /* path of the device */
+};
+
+Mount read_mount(const std::string &line)
+{
+    std::istringstream fields(line);
+    Mount mount;
+    std::string other;
+    fields >> other >> other >> mount.device >> other >> mount.place;
+    while (fields >> other && other != "-") {
+    }
+    fields >> other >> mount.source;
+    mount.place = unescaped(mount.place);
+    mount.source = unescaped(mount.source);
+    return mount;
+}
+
 constexpr const char BLOCK_DEVICES[] = "sys/dev/block";
 
 /* As the kernel writes it, "8:1". */
 std::string number_text(dev_t device) { return fmt::format("{}:{}", major(device), minor(device)); }
+
+/* The number of a device from its directory below /sys; 0 when there is none. */
+dev_t number_in(const fs::path &directory)
+{
+    std::istringstream text(line_of(directory / "dev"));
+    unsigned int major = 0;
+    unsigned int minor = 0;
+    char colon = 0;
+    return text >> major >> colon >> minor ? makedev(major, minor) : 0;
+}
 
 /* The device and its partitions. */
 std::vector<dev_t> devices_of(dev_t device, const fs::path &root)
@@ -83,12 +116,9 @@ std::vector<dev_t> devices_of(dev_t device, const fs::path &root)
     std::vector<dev_t> devices{device};
     for (const fs::path &path : paths_in(root / BLOCK_DEVICES / number_text(device))) {
         std::error_code error;
-        std::istringstream number(line_of(path / "dev"));
-        unsigned int major = 0;
-        unsigned int minor = 0;
-        char colon = 0;
-        if (fs::exists(path / "partition", error) && number >> major >> colon >> minor) {
-            devices.push_back(makedev(major, minor));
+        const dev_t number = number_in(path);
+        if (fs::exists(path / "partition", error) && number != 0) {
+            devices.push_back(number);
         }
     }
     return devices;
@@ -131,28 +161,13 @@ private:
         }
     }
 
-    /* A line has the number of the device in its third field, and the place in its fifth. A field
-     * "-" precedes the kind of the file system and the path of the device, which tells where the
-     * number is not that of a device, as with btrfs. */
     void add_mounts(const std::string &number, dev_t device)
     {
         std::ifstream mounts(root_ / "proc/self/mountinfo");
         for (std::string line; std::getline(mounts, line);) {
-            std::istringstream fields(line);
-            std::string id;
-            std::string parent;
-            std::string mounted;
-            std::string directory;
-            std::string place;
-            fields >> id >> parent >> mounted >> directory >> place;
-            std::string field;
-            while (fields >> field && field != "-") {
-            }
-            std::string kind;
-            std::string source;
-            fields >> kind >> source;
-            if (mounted == number || is_device(unescaped(source), device)) {
-                add_text(shown_text(unescaped(place)) + " (mounted)");
+            const Mount mount = read_mount(line);
+            if (mount.device == number || is_device(mount.source, device)) {
+                add_text(shown_text(mount.place) + " (mounted)");
             }
         }
     }
@@ -192,6 +207,58 @@ private:
 };
 
 } // namespace
+
+namespace {
+
+/* The devices on which a file system may lie: the one that its files name, or where that is none,
+ * as with btrfs, the one that it was mounted from. */
+std::vector<dev_t> devices_below(dev_t number, const fs::path &root)
+{
+    std::vector<dev_t> devices{number};
+    std::ifstream mounts(root / "proc/self/mountinfo");
+    for (std::string line; std::getline(mounts, line);) {
+        const Mount mount = read_mount(line);
+        struct stat status {};
+        if (mount.device == number_text(number) && mount.source.starts_with("/dev/") &&
+            stat(mount.source.c_str(), &status) == 0) {
+            devices.push_back(status.st_rdev);
+        }
+    }
+    return devices;
+}
+
+/* Whether a device is, or is built on, another or on a loop device of the file `image`. */
+bool is_built_on(dev_t device, dev_t other, const std::string &image, const fs::path &root)
+{
+    const fs::path directory = root / BLOCK_DEVICES / number_text(device);
+    if (device == other || line_of(directory / "loop/backing_file") == image) {
+        return true;
+    }
+    std::vector<fs::path> below = paths_in(directory / "slaves");
+    std::error_code error;
+    if (fs::exists(directory / "partition", error)) {
+        below.push_back(directory / ".."); /* the whole disk */
+    }
+    return std::ranges::any_of(below, [&](const fs::path &path) {
+        const dev_t number = number_in(path);
+        return number != 0 && is_built_on(number, other, image, root);
+    });
+}
+
+} // namespace
+
+bool is_stored_on(const std::string &path, const std::string &device, const std::string &root)
+{
+    struct stat directory {};
+    struct stat status {};
+    if (stat(path.c_str(), &directory) != 0 || stat(device.c_str(), &status) != 0) {
+        return false; /* nor can it be written to */
+    }
+    const dev_t other = S_ISBLK(status.st_mode) ? status.st_rdev : 0;
+    const std::vector<dev_t> devices = devices_below(directory.st_dev, root);
+    return std::ranges::any_of(
+        devices, [&](dev_t below) { return is_built_on(below, other, device, root); });
+}
 
 std::string users_text(dev_t device, const std::string &root)
 {

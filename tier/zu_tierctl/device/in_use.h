@@ -16,4 +16,9 @@ std::string users_text(dev_t device, const std::string &root = "/");
 /* When the path is a block device that something holds, says by whom on standard error. */
 void hint_in_use(const std::string &path);
 
+/* Whether writing to a file or directory writes to the device: its file system lies on the block
+ * device, on what is built on that, or on a loop device of the image. `root` as above. */
+bool is_stored_on(const std::string &path, const std::string &device,
+                  const std::string &root = "/");
+
 } // namespace tierctl

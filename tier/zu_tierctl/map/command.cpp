@@ -34,6 +34,7 @@ struct MapOptions {
     bool quick = false;
     std::string super_file;
     std::string plan_file;
+    std::string mapfile;
 };
 
 void write_html(const MapOptions &options)
@@ -42,7 +43,7 @@ void write_html(const MapOptions &options)
     NewFile file(options.html, Naming::new_name);
     const std::string page = draw_page(read_map(
         options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.super_file, options.quick,
-        options.plan_file));
+        options.plan_file, options.mapfile));
     file.write(0, page.data(), page.size());
     file.commit();
 }
@@ -53,7 +54,7 @@ void print_map(const MapOptions &options)
     const bool colours = wants_colours();
     const Map map = read_map(
         options.device, [width](uint64_t last) { return terminal_cells(width, last); },
-        options.super_file, options.quick, options.plan_file);
+        options.super_file, options.quick, options.plan_file, options.mapfile);
     print_text(draw_terminal(map, width, colours));
     finish_output();
 }
@@ -77,6 +78,7 @@ void add_map(CLI::App &app)
                      "is damaged or cannot be read are marked")
         ->type_name("PLAN");
     add_super_option(*command, options->super_file);
+    add_mapfile_option(*command, options->mapfile);
     command->callback([options, html] {
         if (html->empty()) {
             print_map(*options);

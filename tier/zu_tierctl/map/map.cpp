@@ -403,9 +403,10 @@ unsigned MapCell::level() const
 }
 
 Map read_map(const std::string &device_path, const CellsMax &cells_max,
-             const std::string &super_file, bool quick, const std::string &plan_file)
+             const std::string &super_file, bool quick, const std::string &plan_file,
+             const std::string &mapfile)
 {
-    const Device device(device_path, Access::read_only);
+    const Device device(device_path, Access::read_only, mapfile);
     hint_in_use(device_path);
     const Metadata metadata = read_metadata(device, super_file);
     Map map;

@@ -127,11 +127,12 @@ using CellsMax = std::function<size_t(uint64_t last)>;
 
 /* Reads the metadata of a device, by the super block in `super_file` unless that is empty, and
  * checks it; `quick`: in one pass, without the duplicate search. Shows what the plan in
- * `plan_file`, unless that is empty, would change. Throws when one of them cannot be read, or when
- * the plan is one of another device. */
+ * `plan_file`, unless that is empty, would change. `mapfile`, unless that is empty, is that of the
+ * device, which is a copy. Throws when one of them cannot be read, or when the plan is one of
+ * another device. */
 Map read_map(const std::string &device, const CellsMax &cells_max,
              const std::string &super_file = "", bool quick = false,
-             const std::string &plan_file = "");
+             const std::string &plan_file = "", const std::string &mapfile = "");
 
 /* "30 in use, 19 free, 1 damaged, 2 findings, 1 step", without zeros; "nothing" when all are 0. */
 std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps = 0);

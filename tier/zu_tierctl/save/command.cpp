@@ -24,12 +24,6 @@ constexpr const char SAVE_FOOTER[] =
     "  zu_tierctl save /dev/nvme0n1 cache.img\n"
     "  tar --sparse --zstd -cf cache.tar.zst cache.img*";
 
-struct SaveOptions {
-    std::string device;
-    std::string file;
-    std::string super_file;
-};
-
 } // namespace
 
 void add_save(CLI::App &app, int *status)
@@ -39,9 +33,15 @@ void add_save(CLI::App &app, int *status)
     command->footer(SAVE_FOOTER);
     add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
     add_operand(*command, "FILE", options->file, "File to create");
+    command
+        ->add_option("--write-mapfile", options->new_mapfile,
+                     "Write a new mapfile for ddrescue: which blocks were read, which\n"
+                     "could not be, and that the rest has not been tried")
+        ->type_name("NEW");
     add_super_option(*command, options->super_file);
+    add_mapfile_option(*command, options->mapfile);
     command->callback([options, status] {
-        if (!save(options->device, options->file, options->super_file)) {
+        if (!save(*options)) {
             complain(options->file + " is incomplete: see " + unreadable_path(options->file));
             *status = 1;
         }

@@ -1,14 +1,18 @@
 #include "zu_tierctl/save/save.h"
 
 #include "zu_tierctl/device/in_use.h"
+#include "zu_tierctl/device/mapfile.h"
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/sum.h"
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/entry/given_super.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
+#include <vector>
 
 namespace tierctl {
 
@@ -50,18 +54,64 @@ void commit(UnreadableWriter &unreadable, NewFile &file)
     }
 }
 
+/* What was read of a device, for a mapfile. */
+class Coverage {
+public:
+    void add(const Slots &slots)
+    {
+        const auto start = static_cast<uint64_t>(slots.offset);
+        const CopyStatus status = slots.data != nullptr ? CopyStatus::finished : CopyStatus::failed;
+        if (!runs_.empty() && runs_.back().status == status && runs_.back().end() == start) {
+            runs_.back().length =
+                tier_add(runs_.back().length, tier_multiply(slots.count, SIZE_4K));
+        } else {
+            runs_.push_back({start, tier_multiply(slots.count, SIZE_4K), status});
+        }
+    }
+
+    void write(NewFile &file, uint64_t device_size)
+    {
+        std::ranges::sort(runs_, {}, &Run::start);
+        int64_t offset = 0;
+        MapfileWriter writer(device_size, [&file, &offset](std::string_view text) {
+            file.write(offset, text.data(), text.size());
+            offset += static_cast<int64_t>(text.size());
+        });
+        for (const Run &run : runs_) {
+            writer.add(run.start, run.length, run.status);
+        }
+        writer.finish();
+        file.commit();
+    }
+
+private:
+    struct Run {
+        uint64_t start;
+        uint64_t length;
+        CopyStatus status;
+
+        uint64_t end() const { return tier_add(start, length); }
+    };
+
+    std::vector<Run> runs_;
+};
+
 } // namespace
 
-bool save(const std::string &device_path, const std::string &file_path,
-          const std::string &super_file)
+bool save(const SaveOptions &options)
 {
-    const Device device(device_path, Access::read_only);
-    const Metadata metadata = read_metadata(device, super_file);
-    hint_in_use(device_path);
-    NewFile file(file_path, Naming::new_name);
-    refuse_existing(unreadable_path(file_path));
+    const Device device(options.device, Access::read_only, options.mapfile);
+    const Metadata metadata = read_metadata(device, options.super_file);
+    hint_in_use(options.device);
+    NewFile file(options.file, Naming::new_name);
+    refuse_existing(unreadable_path(options.file));
+    std::optional<NewFile> new_mapfile;
+    if (!options.new_mapfile.empty()) {
+        new_mapfile.emplace(options.new_mapfile, Naming::new_name);
+    }
     file.resize(device.size());
-    UnreadableWriter unreadable(file_path);
+    UnreadableWriter unreadable(options.file);
+    Coverage coverage;
     uint64_t total = 0;
     for (const Table &table : metadata.tables) {
         total = add_limited(total, table.count());
@@ -74,10 +124,16 @@ bool save(const std::string &device_path, const std::string &file_path,
             } else {
                 write_slots(file, slots);
             }
+            if (new_mapfile) {
+                coverage.add(slots);
+            }
             progress.add(slots.count);
         });
     }
     commit(unreadable, file);
+    if (new_mapfile) {
+        coverage.write(*new_mapfile, device.size());
+    }
     return unreadable.empty();
 }
 

@@ -45,6 +45,7 @@ struct TemplateOptions {
     std::string layout;
     std::string into;
     std::string super_file;
+    std::string mapfile;
     bool as_is = false;
 
     Damage damage() const { return as_is ? Damage::as_is : Damage::mended; }
@@ -118,7 +119,7 @@ void write_files(const Device &device, const Metadata &metadata, const Selection
 void run(const TemplateOptions &options)
 {
     const EntryOperands entries = read_operands(options.table, options.numbers);
-    const Device device(options.device, Access::read_only);
+    const Device device(options.device, Access::read_only, options.mapfile);
     hint_in_use(options.device);
     const Metadata metadata =
         read_template_metadata(device, entries.table, options.layout, options.super_file);
@@ -168,6 +169,7 @@ void add_template(CLI::App &app)
                                  fmt::join(layout_names(), ", ")))
         ->type_name("NAME");
     add_super_option(*command, options->super_file);
+    add_mapfile_option(*command, options->mapfile);
     command->callback([options] { run(*options); });
 }
 

@@ -1,0 +1,160 @@
+#include "zu_tierctl/salvage/plan.h"
+
+#include "zu_tierctl/device/output.h"
+#include "zu_tierctl/device/sum.h"
+
+#include <algorithm>
+#include <fmt/core.h>
+#include <limits>
+#include <stdexcept>
+#include <tuple>
+
+namespace tierctl {
+
+namespace {
+
+const Table &find_data_table(const Metadata &metadata)
+{
+    const auto table = std::ranges::find_if(
+        metadata.tables, [](const Table &candidate) { return candidate.row->data != nullptr; });
+    if (table == metadata.tables.end()) {
+        throw std::runtime_error(
+            fmt::format("where layout {} keeps data is not known", metadata.layout->name));
+    }
+    return *table;
+}
+
+auto by_file(const DataPiece &piece)
+{
+    return std::tuple(piece.owner, piece.place, piece.no, piece.part);
+}
+
+auto by_device(const DataPiece &piece) { return std::tuple(piece.start, piece.no, piece.part); }
+
+} // namespace
+
+DataPlan::DataPlan(const Device &device, const Metadata &metadata, const DataChoice &choice)
+    : table_(find_data_table(metadata)), data_(*table_.row->data), owners_(metadata.tables, table_)
+{
+    const uint64_t block_size = data_.block_size(metadata.super());
+    if (block_size > std::numeric_limits<uint32_t>::max()) {
+        throw std::runtime_error(
+            fmt::format("{}: its super block gives data blocks of {} bytes, more than any has",
+                        device.path(), block_size));
+    }
+    for (size_t level = 0; level < owners_.levels(); level++) {
+        walk_in_use(device, owners_.level(level), [this, level](uint64_t no, const uint8_t *entry) {
+            owners_.add(level, no, entry);
+        });
+    }
+    owners_.finish();
+    unknown_ = walk_in_use(device, table_, [&](uint64_t no, const uint8_t *entry) {
+        add(metadata, choice, no, entry);
+    });
+    find_conflicts();
+    mark_aside();
+    std::ranges::sort(pieces_, {}, by_device);
+}
+
+void DataPlan::add(const Metadata &metadata, const DataChoice &choice, uint64_t no,
+                   const uint8_t *entry)
+{
+    const uint64_t owner = table_.row->owner.no.get(entry);
+    const auto passes = [this, owner](const OwnerFilter &filter) {
+        return owners_.belongs(owner, filter);
+    };
+    if (!std::ranges::all_of(choice.filters, passes)) {
+        return;
+    }
+    each_piece(data_, metadata.super(), entry, no, [&](const tier_piece &piece, HeldBy by) {
+        if (piece.clean && !choice.all) {
+            return;
+        }
+        pieces_.push_back({.start = piece.start,
+                           .place = piece.place,
+                           .no = no,
+                           .length = static_cast<uint32_t>(piece.length),
+                           .owner = static_cast<uint32_t>(owner),
+                           .part = static_cast<uint16_t>(piece.part),
+                           .by = by,
+                           .is_clean = piece.clean});
+        bytes_ = add_limited(bytes_, piece.length);
+    });
+}
+
+uint64_t DataPlan::place_end(const DataPiece &piece) const
+{
+    return add_limited(piece.place, is_placed() ? piece.length : 1);
+}
+
+/* Of two entries that hold bytes of the same place the one with the higher number is in conflict.
+ */
+void DataPlan::find_conflicts()
+{
+    std::ranges::sort(pieces_, {}, by_file);
+    const DataPiece *kept = nullptr;
+    for (const DataPiece &piece : pieces_) {
+        const bool is_free =
+            kept == nullptr || kept->owner != piece.owner || piece.place >= place_end(*kept);
+        if (!is_free) {
+            const auto [lower, higher] = std::minmax(kept->no, piece.no);
+            conflicts_.try_emplace(higher, lower);
+        }
+        if (is_free || piece.no < kept->no) {
+            kept = &piece;
+        }
+    }
+}
+
+/* All pieces of an entry in conflict, so that no file has only a part of its block. */
+void DataPlan::mark_aside()
+{
+    if (conflicts_.empty()) {
+        return;
+    }
+    const auto by_entry = [](const DataPiece &piece) {
+        return std::tuple(piece.no, piece.place, piece.part);
+    };
+    std::ranges::sort(pieces_, {}, by_entry);
+    const DataPiece *kept = nullptr;
+    for (DataPiece &piece : pieces_) {
+        piece.is_aside = conflicts_.contains(piece.no);
+        const bool is_free =
+            kept == nullptr || kept->no != piece.no || piece.place >= place_end(*kept);
+        piece.is_double = !is_free;
+        kept = is_free ? &piece : kept;
+    }
+}
+
+bool DataPlan::tell_unknown() const
+{
+    const std::string_view unit = table_.row->packed() ? "blocks" : "entries";
+    const std::pair<uint64_t, const char *> unknown[] = {{unknown_.damaged, "are damaged"},
+                                                         {unknown_.unreadable, "cannot be read"}};
+    bool is_known = true;
+    for (const auto &[slots, why] : unknown) {
+        if (slots != 0) {
+            complain(fmt::format("{} {} of the table {} {}: what they hold is not known", slots,
+                                 unit, table_.name, why));
+            is_known = false;
+        }
+    }
+    return is_known;
+}
+
+std::string DataPlan::path(const DataPiece &piece) const
+{
+    std::string path = owners_.path(piece.owner);
+    if (!is_placed()) {
+        path += fmt::format("/{}.block", piece.place);
+    }
+    if (piece.is_aside) {
+        path += fmt::format(".conflict-{}", piece.no);
+    }
+    if (piece.is_double) {
+        path += fmt::format("-{}", piece.part);
+    }
+    return path;
+}
+
+} // namespace tierctl

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "zu_tierctl/device/device.h"
+#include "zu_tierctl/entry/metadata.h"
+#include "zu_tierctl/entry/owners.h"
+#include "zu_tierctl/entry/pieces.h"
+#include "zu_tierctl/entry/walk.h"
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tierctl {
+
+/* Which data of a device are wanted. */
+struct DataChoice {
+    bool all = false;                   /* not only what was not written back */
+    std::vector<OwnerFilter> filters{}; /* a piece must pass each */
+};
+
+/* A stretch of the device that holds data of a file. There may be many millions. */
+struct DataPiece {
+    uint64_t start;  /* byte offset on the device */
+    uint64_t place;  /* in the file, see tier_piece */
+    uint64_t no;     /* of the entry that holds it */
+    uint32_t length; /* bytes */
+    uint32_t owner;  /* of the entry */
+    uint16_t part;   /* of the entry */
+    HeldBy by;
+    bool is_clean;          /* written back */
+    bool is_aside = false;  /* kept beside its file: another entry holds bytes of the same place */
+    bool is_double = false; /* and so does another piece of the entry itself */
+};
+
+/* What is to be read of a device, in the order of the device. Its memory grows with the pieces in
+ * use, not with what a super block claims. Device and metadata must outlive it. */
+class DataPlan {
+public:
+    /* Reads the owners and the entries that hold data. Throws when there are none of such. */
+    DataPlan(const Device &device, const Metadata &metadata, const DataChoice &choice);
+
+    std::span<const DataPiece> pieces() const { return pieces_; }
+    uint64_t bytes() const { return bytes_; } /* in all pieces */
+
+    /* The table of the entries that hold data. */
+    const Table &table() const { return table_; }
+
+    /* Says on standard error how many of them are not known; true when all are. */
+    bool tell_unknown() const;
+
+    /* Whether pieces of an owner make a file; else each is one. */
+    bool is_placed() const { return data_.placed; }
+
+    /* The path of the file in which a piece is kept, and its byte offset in there. */
+    std::string path(const DataPiece &piece) const;
+    uint64_t offset(const DataPiece &piece) const { return is_placed() ? piece.place : 0; }
+
+    /* For each entry whose pieces are kept aside the one, perhaps itself, that holds the place. */
+    const std::map<uint64_t, uint64_t> &conflicts() const { return conflicts_; }
+
+private:
+    void add(const Metadata &metadata, const DataChoice &choice, uint64_t no, const uint8_t *entry);
+    void find_conflicts();
+    void mark_aside();
+
+    /* The end of the place of a piece, exclusive. */
+    uint64_t place_end(const DataPiece &piece) const;
+
+    const Table &table_;
+    const tier_data &data_;
+    Owners owners_;
+    UnknownSlots unknown_;
+    std::vector<DataPiece> pieces_;
+    uint64_t bytes_ = 0;
+    std::map<uint64_t, uint64_t> conflicts_;
+};
+
+} // namespace tierctl
