@@ -1,7 +1,9 @@
 #include "fault_items.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,15 +19,18 @@ struct Effect {
     const char *name;
     int error;
 };
-constexpr Effect ERRORS[] = {{"EIO", EIO},       {"EINTR", EINTR},           {"EAGAIN", EAGAIN},
-                             {"ENOSPC", ENOSPC}, {"ENOMEM", ENOMEM},         {"EPERM", EPERM},
-                             {"EINVAL", EINVAL}, {"EOPNOTSUPP", EOPNOTSUPP}, {"pass", 0}};
+constexpr int KILLS = -1; // in place of an error
+constexpr Effect ERRORS[] = {
+    {"EIO", EIO},       {"EINTR", EINTR}, {"EAGAIN", EAGAIN}, {"ENOSPC", ENOSPC},
+    {"ENOMEM", ENOMEM}, {"EPERM", EPERM}, {"EINVAL", EINVAL}, {"EOPNOTSUPP", EOPNOTSUPP},
+    {"EFBIG", EFBIG},   {"kill", KILLS},  {"pass", 0}};
 
 // Filled before main, and not touched by any initialiser then.
 constinit Item items[24];
 constinit std::size_t item_count = 0;
 constinit char trace_path[512] = "";
-constinit bool busy = false; // inside this library
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool busy = false; // in this library
+constinit std::atomic_flag locked = ATOMIC_FLAG_INIT;                        // by a thread
 constinit bool will_stand_down = false;
 constinit bool stands_down = false;
 
@@ -166,6 +171,8 @@ const Item *take(const char *call, std::uint64_t size, bool on_device, std::uint
     if (busy || item_count == 0 || (stands_down && std::strcmp(call, "write") != 0))
         return nullptr;
     busy = true;
+    while (locked.test_and_set())
+        ;
     if (!is_allocation(call))
         stand_down_at_exit();
     Item *const taker = std::find_if(items, items + item_count, [&](Item &item) {
@@ -177,6 +184,9 @@ const Item *take(const char *call, std::uint64_t size, bool on_device, std::uint
     const bool taken = taker != items + item_count;
     if (taken && trace_path[0] != '\0')
         trace(*taker, size, on_device, offset);
+    if (taken && taker->error == KILLS)
+        kill(getpid(), SIGKILL);
+    locked.clear();
     busy = false;
     return taken ? taker : nullptr;
 }

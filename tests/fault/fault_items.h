@@ -8,10 +8,10 @@
 //            "=" effect
 //   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
 //          | "realloc" | "open" | "close" | "stat" | "fstat" | "fopen" | "fread" | "fclose"
-//          | "fsync" | "write" | "tmpfile" | "link" | "linkat" | "renameat2"
+//          | "fsync" | "syncfs" | "write" | "tmpfile" | "link" | "linkat" | "renameat2"
 //          | "blkid_device" | "blkid_value"
 //   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "EPERM" | "EINVAL"
-//          | "EOPNOTSUPP" | "short:" bytes | "lost" | "pass"
+//          | "EOPNOTSUPP" | "EFBIG" | "short:" bytes | "lost" | "kill" | "pass"
 //
 // (size)   only calls for that many bytes, or for a number in that range
 // @o+l     only device calls that touch one of the `length` bytes from `offset` of the device
@@ -20,9 +20,9 @@
 // The first item that takes a call decides; those after it do not count the call. An error fails
 // the call without an effect, except that close and fclose close all the same. "short:" moves at
 // most that many bytes, so "short:0" is the end of the device for a read, and a write that moved
-// nothing. "lost" moves nothing and says that it moved all. "pass" changes nothing. With "trace:"
-// each call that an item took is appended to the file, one line in the form
-// "pread(4096)@8192=EIO", the offset only for device calls.
+// nothing. "lost" moves nothing and says that it moved all. "kill" kills the program before the
+// call. "pass" changes nothing. With "trace:" each call that an item took is appended to the file,
+// one line in the form "pread(4096)@8192=EIO", the offset only for device calls.
 //
 // "tmpfile" is an open of a file without a name (O_TMPFILE), which is no "open" here.
 //

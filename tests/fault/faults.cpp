@@ -154,6 +154,12 @@ int fsync(int fd)
     return fails("fsync") ? -1 : real(fd);
 }
 
+int syncfs(int fd) noexcept
+{
+    static auto *const real = hidden<int(int)>("syncfs");
+    return fails("syncfs") ? -1 : real(fd);
+}
+
 int posix_memalign(void **memory, size_t alignment, size_t size) noexcept
 {
     static auto *const real = hidden<int(void **, size_t, size_t)>("posix_memalign");

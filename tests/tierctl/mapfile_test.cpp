@@ -161,9 +161,9 @@ TEST_P(Mapfiles, ADomainLacksWhatIsNotKnown)
     const Device damaged = make_sample(args, layout);
     const RunResult run = run_ctl({"domain", "--all", damaged.path()});
     EXPECT_EQ(run.status, 1) << run;
-    EXPECT_EQ(run.err, text("zu_tierctl: 1 %s of the table extent are damaged: what they hold is "
-                            "not known\n",
-                            layout == "v3" ? "blocks" : "entries"));
+    EXPECT_EQ(run.err, text("zu_tierctl: 1 %s of the table extent is damaged: what is held there "
+                            "is not known\n",
+                            layout == "v3" ? "block" : "entry"));
     EXPECT_EQ(stretches_in(run.out, '+', device.size()),
               joined(with(held_pieces(device, layout, {{"extent", 0}}))));
     EXPECT_EQ(run_ctl({"domain", damaged.path()}).status, 0);

@@ -168,8 +168,8 @@ TEST_P(SalvageLayouts, WhatDamagedExtentsHoldIsNotKnown)
     args.insert(args.end(), {"--damage", "extent:" + std::to_string(slot)});
     const Device damaged = make_sample(args, layout);
     expect_complaint(run(damaged), 1,
-                     text("1 %s of the table extent are damaged: what they hold is not known",
-                          layout == "v3" ? "blocks" : "entries"));
+                     text("1 %s of the table extent is damaged: what is held there is not known",
+                          layout == "v3" ? "block" : "entry"));
     expect_tree(expected_tree(dirty(held_pieces(device, layout, {{"extent", slot}}))));
 }
 
@@ -279,9 +279,10 @@ TEST_P(SalvageLayouts, ExtentsThatCannotBeRead)
     const std::string path = directory.write(
         "map", text("0 ? 1\n0 %ld +\n%ld 4096 ?\n%ld %ld +\n", extents, extents, extents + 4096,
                     static_cast<std::int64_t>(device.size()) - extents - 4096));
-    expect_complaint(run(device, {"--mapfile", path}), 1,
-                     text("1 %s of the table extent cannot be read: what they hold is not known",
-                          layout == "v3" ? "blocks" : "entries"));
+    expect_complaint(
+        run(device, {"--mapfile", path}), 1,
+        text("1 %s of the table extent cannot be read: what is held there is not known",
+             layout == "v3" ? "block" : "entry"));
     expect_tree(expected_tree(dirty(held_pieces(device, layout, {{"extent", 0}}))));
 }
 

@@ -118,9 +118,10 @@ std::vector<std::string> small_sample(const std::string &layout)
 {
     std::vector<std::string> args{"--data", "--inodes", "8", "--block-size"};
     const std::vector<std::string> rest =
-        layout == "v3" ? std::vector<std::string>{"8192", "--shards", "512", "--extents",
-                                                  "512",  "--blocks", "512"}
-                       : std::vector<std::string>{"262144", "--blocks", "12"};
+        layout == "v3"
+            ? std::vector<std::string>{"8192", "--shards", "512", "--extents",
+                                       "512",  "--blocks", "512"}
+            : std::vector<std::string>{"262144", "--blocks", layout == "v1" ? "24" : "12"};
     args.insert(args.end(), rest.begin(), rest.end());
     return args;
 }

@@ -128,18 +128,18 @@ void DataPlan::mark_aside()
 
 bool DataPlan::tell_unknown() const
 {
-    const std::string_view unit = table_.row->packed() ? "blocks" : "entries";
-    const std::pair<uint64_t, const char *> unknown[] = {{unknown_.damaged, "are damaged"},
-                                                         {unknown_.unreadable, "cannot be read"}};
-    bool is_known = true;
-    for (const auto &[slots, why] : unknown) {
+    const bool is_packed = table_.row->packed();
+    const std::string_view one = is_packed ? "block" : "entry";
+    const std::string_view many = is_packed ? "blocks" : "entries";
+    const auto tell = [&](uint64_t slots, const char *is, const char *are) {
         if (slots != 0) {
-            complain(fmt::format("{} {} of the table {} {}: what they hold is not known", slots,
-                                 unit, table_.name, why));
-            is_known = false;
+            complain(fmt::format("{} {} of the table {} {}: what is held there is not known", slots,
+                                 slots == 1 ? one : many, table_.name, slots == 1 ? is : are));
         }
-    }
-    return is_known;
+    };
+    tell(unknown_.damaged, "is damaged", "are damaged");
+    tell(unknown_.unreadable, "cannot be read", "cannot be read");
+    return unknown_.damaged == 0 && unknown_.unreadable == 0;
 }
 
 std::string DataPlan::path(const DataPiece &piece) const
