@@ -1,7 +1,7 @@
 # Sourced by the other scripts: installs the Debian packages that they need.
 
-BUILD_PACKAGES=(g++ make cmake pkg-config libcjson-dev uuid-dev libblkid-dev libcli11-dev
-    libfmt-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev)
+BUILD_PACKAGES=(g++ make cmake pkg-config libcjson-dev uuid-dev libblkid-dev libaio-dev
+    libcli11-dev libfmt-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev)
 TEST_PACKAGES=(libgtest-dev libpugixml-dev mount e2fsprogs gddrescue nodejs tzdata zstd)
 
 # install_packages NAME...: says which of the packages are missing and installs them.

@@ -27,6 +27,7 @@ void add_apply(CLI::App &app);
 void add_check(CLI::App &app, int *status);
 void add_diff(CLI::App &app, int *status);
 void add_domain(CLI::App &app, int *status);
+void add_export(CLI::App &app);
 void add_map(CLI::App &app);
 void add_plan(CLI::App &app);
 void add_rescue(CLI::App &app, int *status);

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
-#include <span>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -133,9 +133,21 @@ bool Device::read(int64_t offset, void *data, size_t length) const
 
 void Device::lay_over(int64_t offset, const KeptBlock &block) { laid_over_[offset] = block; }
 
+bool Device::is_bare(int64_t offset, size_t length) const
+{
+    const auto block = laid_over_.lower_bound(offset);
+    const bool is_covered =
+        block != laid_over_.end() && block->first - offset < static_cast<int64_t>(length);
+    return !is_covered && mapfile_.is_finished(offset, length) &&
+           !unreadable_.touches(offset, length);
+}
+
+bool Device::is_direct() const { return (fcntl(fd_.get(), F_GETFL) & O_DIRECT) != 0; }
+
+/* The first byte is zero, and each is like the one before it. */
 bool is_zero(const uint8_t *block)
 {
-    return std::ranges::all_of(std::span(block, SIZE_4K), [](uint8_t byte) { return byte == 0; });
+    return block[0] == 0 && memcmp(block, block + 1, SIZE_4K - 1) == 0;
 }
 
 void Device::write_block(int64_t offset, const void *expected, const void *block)
@@ -174,11 +186,42 @@ uint64_t slots_on_device(const tier_region &region, uint64_t size)
     return std::min(region.count, (size - start) / SIZE_4K);
 }
 
-TableReader::TableReader(const Device &device, std::span<const tier_region> regions)
-    : device_(device), regions_(regions)
+bool Holes::cover(int64_t offset, size_t length)
 {
-    if (zutr_alloc_aligned(SIZE_1M, &buffer_) != 0) {
+    if (offset < known_ || offset >= data_end_) {
+        look_up(offset);
+    }
+    return offset + static_cast<int64_t>(length) <= data_start_;
+}
+
+void Holes::look_up(int64_t offset)
+{
+    known_ = offset;
+    data_end_ = INT64_MAX;
+    data_start_ = lseek(fd_, offset, SEEK_DATA);
+    if (data_start_ >= 0) {
+        const off_t end = lseek(fd_, data_start_, SEEK_HOLE);
+        data_end_ = end > data_start_ ? end : INT64_MAX;
+    } else if (errno == ENXIO) {
+        data_start_ = lseek(fd_, 0, SEEK_END); /* nothing up to there, or the file is cut short */
+    }
+}
+
+TableReader::TableReader(const Device &device, std::span<const tier_region> regions, size_t buffers)
+    : device_(device), regions_(regions), holes_(device.fd()), buffers_(buffers)
+{
+    if (zutr_alloc_aligned(SIZE_1M, &chunks_.front().data) != 0) {
         throw std::bad_alloc();
+    }
+}
+
+TableReader::~TableReader()
+{
+    for (; completed_ < begun_; completed_++) {
+        Chunk &chunk = chunks_[completed_ % buffers_];
+        if (chunk.is_queued) {
+            ReadQueue::of_this_thread().wait(chunk.read);
+        }
     }
 }
 
@@ -205,16 +248,91 @@ Slots TableReader::read(const tier_region &region, uint64_t present)
         return {base_ + first_, region.count - first_, offset, nullptr, ENXIO};
     }
     if (first_ >= single_end_) {
-        const uint64_t count = std::min(SLOTS_A_READ, present - first_);
-        if (device_.read(offset, buffer_.get(), count * SIZE_4K)) {
-            return {base_ + first_, count, offset, buffer_.get(), 0};
+        begin_chunks();
+        Chunk &chunk = chunks_[completed_ % buffers_];
+        const bool is_read = complete(chunk);
+        completed_++;
+        const uint64_t count = chunk.length / SIZE_4K;
+        if (is_read) {
+            return {base_ + first_, count, offset, chunk.data.get(), 0};
         }
         single_end_ = first_ + count;
     }
-    if (device_.read(offset, buffer_.get(), SIZE_4K)) {
-        return {base_ + first_, 1, offset, buffer_.get(), 0};
+    uint8_t *block = chunks_[(completed_ - 1) % buffers_].data.get();
+    if (device_.read(offset, block, SIZE_4K)) {
+        return {base_ + first_, 1, offset, block, 0};
     }
     return {base_ + first_, 1, offset, nullptr, errno};
+}
+
+void TableReader::begin_chunks()
+{
+    if (completed_ == begun_) {
+        completed_ = begun_ = 0; /* the first chunk has a buffer in any case */
+    }
+    ReadQueue &queue = ReadQueue::of_this_thread();
+    const bool is_ahead = queue.is_open(chunks_to_begin()) && device_.is_direct();
+    const size_t most = is_ahead ? buffers_ : 1;
+    while (begun_ - completed_ < most) {
+        Chunk &chunk = chunks_[begun_ % buffers_];
+        if ((chunk.data == nullptr && zutr_alloc_aligned(SIZE_1M, &chunk.data) != 0) ||
+            !find_chunk(chunk)) {
+            return;
+        }
+        chunk.is_hole = holes_.cover(chunk.offset, chunk.length);
+        chunk.is_queued =
+            is_ahead && !chunk.is_hole &&
+            queue.start(chunk.read, device_.fd(), chunk.data.get(), chunk.length, chunk.offset);
+        begun_++;
+    }
+}
+
+bool TableReader::find_chunk(Chunk &chunk)
+{
+    for (; ahead_region_ < regions_.size(); ahead_region_++, ahead_first_ = 0) {
+        const tier_region &region = regions_[ahead_region_];
+        const uint64_t present = slots_on_device(region, device_.size());
+        if (ahead_first_ < present) {
+            const uint64_t count = std::min(SLOTS_A_READ, present - ahead_first_);
+            chunk.offset = region.slot(ahead_first_);
+            chunk.length = count * SIZE_4K;
+            ahead_first_ += count;
+            return true;
+        }
+    }
+    return false;
+}
+
+uint64_t TableReader::chunks_to_begin() const
+{
+    uint64_t chunks = 0;
+    uint64_t first = ahead_first_;
+    for (const tier_region &region : regions_.subspan(ahead_region_)) {
+        const uint64_t present = slots_on_device(region, device_.size());
+        chunks += (present - std::min(first, present) + SLOTS_A_READ - 1) / SLOTS_A_READ;
+        first = 0;
+    }
+    return chunks;
+}
+
+/* What has gone wrong with a queued read shows when it is made again. */
+bool TableReader::complete(Chunk &chunk)
+{
+    ReadQueue &queue = ReadQueue::of_this_thread();
+    const bool is_whole = chunk.is_queued && queue.wait(chunk.read);
+    if (device_.is_bare(chunk.offset, chunk.length)) {
+        if (is_whole) {
+            return true;
+        }
+        if (chunk.is_hole) {
+            memset(chunk.data.get(), 0, chunk.length);
+            return true;
+        }
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const bool is_read = device_.read(chunk.offset, chunk.data.get(), chunk.length);
+    queue.add_plain_read(std::chrono::steady_clock::now() - begin);
+    return is_read;
 }
 
 void read_table(const Device &device, std::span<const tier_region> regions,

@@ -5,6 +5,7 @@
 #include "zu_tierctl/device/fd.h"
 #include "zu_tierctl/device/kept_block.h"
 #include "zu_tierctl/device/mapfile.h"
+#include "zu_tierctl/device/read_queue.h"
 #include "zu_tierctl/device/unreadable.h"
 
 #include <array>
@@ -41,6 +42,13 @@ public:
      * read or lies outside the device, or when `offset` is no multiple of 4096. A block that a
      * saved file lacks cannot be read either, until anything but zeros is written there. */
     bool read(int64_t offset, void *data, size_t length) const;
+
+    /* Whether the device alone decides what a read gives: no block of it is laid over, and none is
+     * in the list of blocks that a saved file lacks, or unfinished in a mapfile. */
+    bool is_bare(int64_t offset, size_t length) const;
+
+    /* Whether reads go past the page cache. */
+    bool is_direct() const;
 
     /* From now on reads give this block of 4096 bytes in place of the one at `offset`, a multiple
      * of 4096. Nothing is written, and a block that lies outside the device stays there. */
@@ -89,28 +97,86 @@ struct Slots {
     const uint8_t *slot(uint64_t i) const { return data + i * SIZE_4K; }
 };
 
+/* The data of a file, as far as is known where its holes are. */
+class Holes {
+public:
+    explicit Holes(int fd) : fd_(fd) {}
+
+    /* Whether the file has nothing there, so that all bytes are zero. Where that cannot be told, as
+     * on a block device, it has. */
+    bool cover(int64_t offset, size_t length);
+
+private:
+    void look_up(int64_t offset);
+
+    int fd_;
+    int64_t known_ = 0;      /* from here to the end of the data it is known */
+    int64_t data_start_ = 0; /* the first after that */
+    int64_t data_end_ = 0;
+};
+
+/* The largest number of buffers of 1 MiB of a reader. */
+constexpr size_t READ_BUFFERS = 8;
+
 /* Reads a table from its first slot to its last and gives every slot exactly once: in runs of up to
  * 1 MiB where the device can be read, slot by slot around an error, and as a single run whatever
- * lies outside the device. Device and regions must outlive the reader. */
+ * lies outside the device. Device and regions must outlive the reader.
+ *
+ * What comes next of the table is read ahead, several MiB at the same time, when that saves time
+ * and the kernel lets it. So what is written to the table while a reader is at work may be missed.
+ * Holes of a file are not read. */
 class TableReader {
 public:
-    TableReader(const Device &device, std::span<const tier_region> regions);
+    /* `buffers`, at least 1, for two readers that work at the same time: together they should have
+     * READ_BUFFERS. */
+    TableReader(const Device &device, std::span<const tier_region> regions,
+                size_t buffers = READ_BUFFERS);
+    TableReader(const TableReader &) = delete;
+    TableReader &operator=(const TableReader &) = delete;
+    ~TableReader();
 
     /* Gives the next run, whose data are valid until the next call; false at the end of the table.
      */
     bool next(Slots *slots);
 
 private:
+    /* Slots that are read in one go. */
+    struct Chunk {
+        zutr_buffer data; /* 1 MiB, from the first use on */
+        int64_t offset = 0;
+        size_t length = 0;
+        bool is_hole = false;
+        bool is_queued = false;
+        QueuedRead read;
+    };
+
     /* The next run of a region of which only the first `present` slots lie on the device. */
     Slots read(const tier_region &region, uint64_t present);
 
+    /* Begins with as many of the next chunks as there may be at the same time. */
+    void begin_chunks();
+    /* Where the next chunk that was not begun lies; false: there is none. */
+    bool find_chunk(Chunk &chunk);
+    /* How many these are. */
+    uint64_t chunks_to_begin() const;
+    /* Completes the first chunk that was begun; false, with the reason in errno, when not all of it
+     * can be read. */
+    bool complete(Chunk &chunk);
+
     const Device &device_;
     std::span<const tier_region> regions_;
-    zutr_buffer buffer_;
     size_t region_ = 0;       /* of the next run */
     uint64_t first_ = 0;      /* slot of the region with which the next run begins */
     uint64_t base_ = 0;       /* number of the region's first slot */
     uint64_t single_end_ = 0; /* slots of the region before this one are read one by one */
+
+    Holes holes_;
+    size_t ahead_region_ = 0; /* of the next chunk to begin */
+    uint64_t ahead_first_ = 0;
+    size_t buffers_;
+    std::array<Chunk, READ_BUFFERS> chunks_; /* each begun chunk takes the next, in a ring */
+    uint64_t begun_ = 0;
+    uint64_t completed_ = 0;
 };
 
 /* Calls `take` with each run of the table. */

@@ -33,7 +33,7 @@ struct Side {
 class TableCursor {
 public:
     TableCursor(const Side &side, const Table &table)
-        : side_(side), table_(table), reader_(side.device, table.regions)
+        : side_(side), table_(table), reader_(side.device, table.regions, READ_BUFFERS / 2)
     {
     }
 
