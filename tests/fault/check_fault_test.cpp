@@ -1,6 +1,7 @@
-// Checks of devices that cannot be read everywhere, or without memory.
+// Checks of devices that cannot be read everywhere, or without memory, on both ways of reading.
 
 #include "faulty_run.h"
+#include "reading_ways.h"
 #include "v3_device.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +13,7 @@ using namespace tier_test;
 
 namespace {
 
-class CheckFaults : public testing::Test {
+class CheckFaults : public testing::TestWithParam<ReadingWay> {
 protected:
     const SuperV3 sb = super_v3(2, 3);
     const Device device = make_v3_device(
@@ -33,9 +34,11 @@ protected:
     RunResult check(const std::string &faults, std::vector<std::string> args = {}) const
     {
         const std::string trace = device.directory().write("trace", "");
+        const std::string bricks = text("pread@%ld+4096#1", brick_offset(sb, 0));
         RunOptions options;
-        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
-                               {"ZUTR_FAULTS", "trace:" + trace + ";" + faults}};
+        options.environment = {
+            {"LD_PRELOAD", ZUTR_FAULTS_LIB},
+            {"ZUTR_FAULTS", "trace:" + trace + ";" + way_faults(GetParam(), bricks) + faults}};
         args.insert(args.begin(), {"check", device.path()});
         return run_program(ZU_TIERCTL, args, options);
     }
@@ -63,9 +66,15 @@ protected:
     }
 };
 
-TEST_F(CheckFaults, NoFault) { expect_findings(check("pread#1=pass"), duplicate()); }
+INSTANTIATE_TEST_SUITE_P(, CheckFaults, READING_WAYS, way_name);
 
-TEST_F(CheckFaults, BlockOfShards)
+TEST_P(CheckFaults, NoFault)
+{
+    expect_findings(check("pread#1=pass"), duplicate());
+    EXPECT_EQ(shows_queue(device.directory().read("trace")), GetParam() == ReadingWay::queued);
+}
+
+TEST_P(CheckFaults, BlockOfShards)
 {
     const std::int64_t shards = shard_offset(sb, 1);
     expect_findings(check(text("pread@%ld+4096=EIO", shards)),
@@ -79,7 +88,7 @@ TEST_F(CheckFaults, BlockOfShards)
                                 "dump_extent -n 0"));
 }
 
-TEST_F(CheckFaults, InodeAmongOthers)
+TEST_P(CheckFaults, InodeAmongOthers)
 {
     expect_findings(
         check(text("pread@%ld+4096=EIO", inode_offset(sb, 1))),
@@ -92,7 +101,7 @@ TEST_F(CheckFaults, InodeAmongOthers)
 }
 
 // The second reading, which reports the claimants, cannot read the block of one.
-TEST_F(CheckFaults, BlockThatCannotBeReadAgain)
+TEST_P(CheckFaults, BlockThatCannotBeReadAgain)
 {
     const RunResult run = check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0)));
     EXPECT_EQ(run.status, 2) << run;
@@ -101,7 +110,7 @@ TEST_F(CheckFaults, BlockThatCannotBeReadAgain)
 }
 
 // What was begun becomes a whole document, which says that the check could not be completed.
-TEST_F(CheckFaults, DocumentOfAnIncompleteCheck)
+TEST_P(CheckFaults, DocumentOfAnIncompleteCheck)
 {
     for (const std::vector<std::string> &args :
          {std::vector<std::string>{"--json"}, {"--json", "--summary"}}) {
@@ -120,7 +129,7 @@ TEST_F(CheckFaults, DocumentOfAnIncompleteCheck)
 }
 
 // A device in use may change at any time.
-TEST_F(CheckFaults, BlockThatCannotBeReadAgainOfADeviceInUse)
+TEST_P(CheckFaults, BlockThatCannotBeReadAgainOfADeviceInUse)
 {
     const RunResult run = check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0)), {"--live"});
     EXPECT_EQ(run.status, 0) << run;
@@ -128,7 +137,7 @@ TEST_F(CheckFaults, BlockThatCannotBeReadAgainOfADeviceInUse)
     EXPECT_TRUE(run.out.ends_with("\nfindings                                    0\n")) << run;
 }
 
-TEST_F(CheckFaults, SuperBlock)
+TEST_P(CheckFaults, SuperBlock)
 {
     const RunResult run = check("pread@4096+4096=EIO");
     EXPECT_EQ(run.status, 2);
@@ -137,21 +146,21 @@ TEST_F(CheckFaults, SuperBlock)
                            ": Input/output error\n");
 }
 
-TEST_F(CheckFaults, NoMemory)
+TEST_P(CheckFaults, NoMemory)
 {
     const RunResult run = check("posix_memalign=ENOMEM");
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.err, "zu_tierctl: std::bad_alloc\n");
 }
 
-TEST_F(CheckFaults, JsonWithoutMemory)
+TEST_P(CheckFaults, JsonWithoutMemory)
 {
     const RunResult run = check("posix_memalign=ENOMEM", {"--json"});
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(nlohmann::json::parse(run.out).at("error"), "std::bad_alloc") << run;
 }
 
-TEST_F(CheckFaults, LostOutput)
+TEST_P(CheckFaults, LostOutput)
 {
     const RunResult run = check("write=ENOSPC");
     EXPECT_EQ(run.status, 2);

@@ -20,10 +20,10 @@ struct Effect {
     int error;
 };
 constexpr int KILLS = -1; // in place of an error
-constexpr Effect ERRORS[] = {
-    {"EIO", EIO},       {"EINTR", EINTR}, {"EAGAIN", EAGAIN}, {"ENOSPC", ENOSPC},
-    {"ENOMEM", ENOMEM}, {"EPERM", EPERM}, {"EINVAL", EINVAL}, {"EOPNOTSUPP", EOPNOTSUPP},
-    {"EFBIG", EFBIG},   {"kill", KILLS},  {"pass", 0}};
+constexpr Effect ERRORS[] = {{"EIO", EIO},       {"EINTR", EINTR},           {"EAGAIN", EAGAIN},
+                             {"ENOSPC", ENOSPC}, {"ENOMEM", ENOMEM},         {"EPERM", EPERM},
+                             {"EINVAL", EINVAL}, {"EOPNOTSUPP", EOPNOTSUPP}, {"EFBIG", EFBIG},
+                             {"kill", KILLS},    {"ENOSYS", ENOSYS},         {"pass", 0}};
 
 // Filled before main, and not touched by any initialiser then.
 constinit Item items[24];
@@ -74,6 +74,11 @@ void parse_effect(const char *at, Item &item)
     if (std::strncmp(at, "short:", 6) == 0) {
         at += 6;
         item.at_most = number(at);
+        return;
+    }
+    if (std::strncmp(at, "late:", 5) == 0) {
+        at += 5;
+        item.late = number(at);
         return;
     }
     item.lost = item.effect_length == 4 && std::strncmp(at, "lost", 4) == 0;

@@ -9,9 +9,10 @@
 //   call   = "pread" | "pwrite" | "posix_memalign" | "aligned_alloc" | "malloc" | "calloc"
 //          | "realloc" | "open" | "close" | "stat" | "fstat" | "fopen" | "fread" | "fclose"
 //          | "fsync" | "syncfs" | "write" | "tmpfile" | "link" | "linkat" | "renameat2"
-//          | "blkid_device" | "blkid_value"
+//          | "blkid_device" | "blkid_value" | "io_setup" | "io_submit" | "io_getevents" | "aio"
 //   effect = "EIO" | "EINTR" | "EAGAIN" | "ENOSPC" | "ENOMEM" | "EPERM" | "EINVAL"
-//          | "EOPNOTSUPP" | "EFBIG" | "short:" bytes | "lost" | "kill" | "pass"
+//          | "EOPNOTSUPP" | "EFBIG" | "ENOSYS" | "short:" bytes | "lost" | "late:" milliseconds
+//          | "kill" | "pass"
 //
 // (size)   only calls for that many bytes, or for a number in that range
 // @o+l     only device calls that touch one of the `length` bytes from `offset` of the device
@@ -20,11 +21,17 @@
 // The first item that takes a call decides; those after it do not count the call. An error fails
 // the call without an effect, except that close and fclose close all the same. "short:" moves at
 // most that many bytes, so "short:0" is the end of the device for a read, and a write that moved
-// nothing. "lost" moves nothing and says that it moved all. "kill" kills the program before the
-// call. "pass" changes nothing. With "trace:" each call that an item took is appended to the file,
-// one line in the form "pread(4096)@8192=EIO", the offset only for device calls.
+// nothing. "lost" moves nothing and says that it moved all. "late:" lets a read take that much
+// longer. "kill" kills the program before the call. "pass" changes nothing. With "trace:" each call
+// that an item took is appended to the file, one line in the form "pread(4096)@8192=EIO", the
+// offset only for device calls.
 //
 // "tmpfile" is an open of a file without a name (O_TMPFILE), which is no "open" here.
+//
+// A read that is queued in the kernel (io_submit) is a "pread", too: an item that takes it decides
+// what the program is told of it, and where that is no success its memory holds garbage. "aio" is
+// such a read alone, where no "pread" takes it. Of the reads that are done the program learns out
+// of order.
 //
 // "blkid_device" gives a device to libblkid, "blkid_value" asks what the library has found.
 //
@@ -56,6 +63,7 @@ struct Item {
     int error = 0;                    // 0: none
     std::uint64_t at_most = NO_LIMIT; // bytes moved
     bool lost = false;                // none are
+    std::uint64_t late = 0;           // milliseconds
     const char *effect = "";          // as it was written
     std::size_t effect_length = 0;
     std::uint64_t seen = 0;

@@ -10,8 +10,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <iterator>
+#include <libaio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +43,83 @@ bool fails(const char *call, std::uint64_t size = 0)
 // The rest of a request that came up short is no longer aligned.
 void leave_direct_mode(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_DIRECT); }
 
+// Milliseconds of a clock that is never set.
+std::uint64_t now()
+{
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * 1000 +
+           static_cast<std::uint64_t>(time.tv_nsec) / 1'000'000;
+}
+
+void wait_until(std::uint64_t when)
+{
+    for (std::uint64_t time = now(); time < when; time = now())
+        usleep(static_cast<useconds_t>(when - time) * 1000);
+}
+
+// A read in the queue of the kernel.
+struct QueuedRead {
+    const iocb *request; // null: none
+    const Item *item;    // null: no fault
+    std::uint64_t due;   // the program does not learn of it before
+    bool is_done;
+    io_event event;
+};
+constinit QueuedRead queued_reads[64] = {};
+constinit bool are_all_taken = true; // otherwise the program may leave the rest to io_destroy
+
+QueuedRead *find_queued(const iocb *request)
+{
+    return std::find_if(std::begin(queued_reads), std::end(queued_reads),
+                        [request](const QueuedRead &read) { return read.request == request; });
+}
+
+void add_queued(const iocb *request)
+{
+    const auto offset = static_cast<std::uint64_t>(request->u.c.offset);
+    const Item *item = take("pread", request->u.c.nbytes, true, offset);
+    if (item == nullptr)
+        item = take("aio", request->u.c.nbytes, true, offset);
+    QueuedRead *const read = find_queued(nullptr);
+    if (read == std::end(queued_reads))
+        abort();
+    *read = {request, item, now() + (item == nullptr ? 0 : item->late), false, {}};
+}
+
+// Takes what the kernel has done, and waits for the first when there is nothing else to wait for.
+// An error, or 0.
+int take_events(io_context_t context)
+{
+    using GetEvents = int(io_context_t, long, long, io_event *, timespec *);
+    static auto *const real = hidden<GetEvents>("io_getevents");
+    const bool holds_some = std::any_of(std::begin(queued_reads), std::end(queued_reads),
+                                        [](const QueuedRead &read) { return read.is_done; });
+    io_event events[std::size(queued_reads)];
+    timespec no_time{};
+    const int count = real(context, holds_some ? 0 : 1, std::size(events), events,
+                           holds_some ? &no_time : nullptr);
+    for (int i = 0; i < count; ++i) {
+        QueuedRead *const read = find_queued(events[i].obj);
+        read->is_done = true;
+        read->event = events[i];
+    }
+    return std::min(count, 0);
+}
+
+// What the program is told of a read.
+io_event told(const QueuedRead &read)
+{
+    io_event event = read.event;
+    if (read.item != nullptr && read.item->error != 0)
+        event.res = static_cast<unsigned long>(-static_cast<long>(read.item->error));
+    else if (read.item != nullptr)
+        event.res = std::min<unsigned long>(event.res, read.item->at_most);
+    if (event.res != read.request->u.c.nbytes)
+        std::memset(read.request->u.c.buf, 0x5a, read.request->u.c.nbytes);
+    return event;
+}
+
 template <class Buffer>
 using Transfer = ssize_t(int, Buffer *, std::size_t, off64_t);
 
@@ -53,6 +134,8 @@ ssize_t transfer(const char *call, Transfer<Buffer> *real, int fd, Buffer *buffe
     }
     if (item != nullptr && item->lost)
         return static_cast<ssize_t>(size);
+    if (item != nullptr)
+        wait_until(now() + item->late);
     if (item == nullptr || item->at_most >= size)
         return real(fd, buffer, size, offset);
     leave_direct_mode(fd);
@@ -307,6 +390,60 @@ int fstat64(int fd, struct stat64 *stat)
 {
     static auto *const real = hidden<int(int, struct stat64 *)>("fstat64");
     return get_stat("fstat", real, fd, stat);
+}
+
+// Of libaio, where results are negative error numbers
+
+int io_setup(int count, io_context_t *context)
+{
+    static auto *const real = hidden<int(int, io_context_t *)>("io_setup");
+    return fails("io_setup", static_cast<std::uint64_t>(count)) ? -errno : real(count, context);
+}
+
+int io_submit(io_context_t context, long count, iocb **requests)
+{
+    static auto *const real = hidden<int(io_context_t, long, iocb **)>("io_submit");
+    if (fails("io_submit", static_cast<std::uint64_t>(count)))
+        return -errno;
+    const int taken = real(context, count, requests);
+    for (int i = 0; i < taken; ++i)
+        add_queued(requests[i]);
+    return taken;
+}
+
+int io_getevents(io_context_t context, long, long most, io_event *events, timespec *)
+{
+    if (fails("io_getevents")) {
+        are_all_taken = errno == EINTR;
+        return -errno;
+    }
+    int count = 0;
+    while (count == 0) {
+        const int error = take_events(context);
+        if (error != 0)
+            return error;
+        for (auto read = std::rbegin(queued_reads); read != std::rend(queued_reads); ++read)
+            if (read->is_done && read->due <= now() && count < most) {
+                events[count++] = told(*read);
+                *read = {};
+            }
+        if (count == 0)
+            usleep(1000);
+    }
+    return count;
+}
+
+// The memory of what is still being read may be gone by then.
+int io_destroy(io_context_t context)
+{
+    static auto *const real = hidden<int(io_context_t)>("io_destroy");
+    if (are_all_taken &&
+        std::any_of(std::begin(queued_reads), std::end(queued_reads),
+                    [](const QueuedRead &read) { return read.request != nullptr; })) {
+        std::fputs("ZUTR_FAULTS: reads are left behind\n", stderr);
+        std::_Exit(98);
+    }
+    return real(context);
 }
 
 // Of libblkid

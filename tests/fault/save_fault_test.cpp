@@ -1,6 +1,7 @@
-// zu_tierctl save and diff on devices and disks that fail.
+// zu_tierctl save and diff on devices and disks that fail, on both ways of reading.
 
 #include "faulty_run.h"
+#include "reading_ways.h"
 #include "v1_device.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@ using namespace tier_test;
 
 namespace {
 
-class SaveFaults : public testing::Test {
+class SaveFaults : public testing::TestWithParam<ReadingWay> {
 protected:
     const SuperV1 sb = super_v1(3, 5, 300);
     Device device = make_v1_device(sb, {brick_used(1)}, {inode_used(2, 1)});
@@ -19,11 +20,15 @@ protected:
     const TempDir traces;
     const std::string file = directory.path("saved");
 
+    // The super block is read as what it is, and then as a table.
+    static constexpr char FIRST_CHUNK[] = "pread@4096+4096#2-5";
+
     RunResult run(const std::vector<std::string> &args, const std::string &faults) const
     {
         RunOptions options;
         options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
-                               {"ZUTR_FAULTS", "trace:" + traces.path("trace") + ";" + faults}};
+                               {"ZUTR_FAULTS", "trace:" + traces.path("trace") + ";" +
+                                                   way_faults(GetParam(), FIRST_CHUNK) + faults}};
         return run_program(ZU_TIERCTL, args, options);
     }
     RunResult save(const std::string &faults) const
@@ -50,7 +55,15 @@ protected:
     }
 };
 
-TEST_F(SaveFaults, UnreadableBlocksAreHolesAndListed)
+INSTANTIATE_TEST_SUITE_P(, SaveFaults, READING_WAYS, way_name);
+
+TEST_P(SaveFaults, WayOfReading)
+{
+    EXPECT_EQ(save("pread#1=pass").status, 0);
+    EXPECT_EQ(shows_queue(traces.read("trace")), GetParam() == ReadingWay::queued);
+}
+
+TEST_P(SaveFaults, UnreadableBlocksAreHolesAndListed)
 {
     const std::int64_t inode = inode_offset(sb, 3);
     const std::int64_t extent = extent_offset(sb, 299); // in the second read of the table
@@ -89,7 +102,7 @@ TEST_F(SaveFaults, UnreadableBlocksAreHolesAndListed)
     EXPECT_EQ(findings("bad_checksum"), 2U);
 }
 
-TEST_F(SaveFaults, AllBlocksOfATableUnreadable)
+TEST_P(SaveFaults, AllBlocksOfATableUnreadable)
 {
     const RunResult saved = save(text("pread@%ld+1228800=EIO", extent_offset(sb, 0)));
     EXPECT_EQ(saved.status, 1) << saved;
@@ -99,22 +112,22 @@ TEST_F(SaveFaults, AllBlocksOfATableUnreadable)
     EXPECT_EQ(read_file(file + ".unreadable.json"), expected + "\n]\n");
 }
 
-TEST_F(SaveFaults, SuperBlockThatCannotBeRead)
+TEST_P(SaveFaults, SuperBlockThatCannotBeRead)
 {
     expect_failure("pread@4096+4096=EIO",
                    "cannot read the super block of " + device.path() + ": Input/output error");
 }
 
-TEST_F(SaveFaults, NoMemory) { expect_failure("posix_memalign=ENOMEM", "std::bad_alloc"); }
+TEST_P(SaveFaults, NoMemory) { expect_failure("posix_memalign=ENOMEM", "std::bad_alloc"); }
 
-TEST_F(SaveFaults, NoRoomOnTheDisk)
+TEST_P(SaveFaults, NoRoomOnTheDisk)
 {
     for (const std::string turn : {"#1", "#2", "#3", "#5"})
         expect_failure("pwrite" + turn + "=ENOSPC",
                        "cannot write " + file + ": No space left on device");
 }
 
-TEST_F(SaveFaults, NoRoomForTheList)
+TEST_P(SaveFaults, NoRoomForTheList)
 {
     // The super block, the bricks, the inodes on both sides of the hole, the extents; the list.
     const std::string hole = "pread" + at(inode_offset(sb, 3)) + "=EIO;";
@@ -122,7 +135,7 @@ TEST_F(SaveFaults, NoRoomForTheList)
                    "cannot write " + file + ".unreadable.json: No space left on device");
 }
 
-TEST_F(SaveFaults, ADiskThatTellsOfItTooLate)
+TEST_P(SaveFaults, ADiskThatTellsOfItTooLate)
 {
     expect_failure("fsync#1=EIO", "cannot write " + file + ": Input/output error");
     const std::string hole = "pread" + at(inode_offset(sb, 3)) + "=EIO;";
@@ -135,7 +148,7 @@ TEST_F(SaveFaults, ADiskThatTellsOfItTooLate)
     expect_failure(hole + "linkat#4=EPERM", "cannot create " + file + ": Operation not permitted");
 }
 
-TEST_F(SaveFaults, ComparisonGoesAroundWhatCannotBeRead)
+TEST_P(SaveFaults, ComparisonGoesAroundWhatCannotBeRead)
 {
     const Device other = make_v1_device(sb, {brick_used(1)}, {inode_used(2, 1), inode_used(4, 1)});
     const RunResult compared =
@@ -168,7 +181,9 @@ protected:
     const std::int64_t offset = inode_offset(sb, 2);
 };
 
-TEST_F(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
+INSTANTIATE_TEST_SUITE_P(, RevertFaults, READING_WAYS, way_name);
+
+TEST_P(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
 {
     const auto before = device.bytes();
     const RunResult failed = revert("pwrite=EIO");
@@ -179,7 +194,7 @@ TEST_F(RevertFaults, AWriteThatFailsLeavesTheOldBlock)
 }
 
 // The kernel lets a block device be opened that it does not let be written.
-TEST_F(RevertFaults, AReadOnlyDeviceIsNotDamaged)
+TEST_P(RevertFaults, AReadOnlyDeviceIsNotDamaged)
 {
     const RunResult failed = revert("pwrite=EPERM");
     EXPECT_EQ(failed.status, 1) << failed;
@@ -187,7 +202,7 @@ TEST_F(RevertFaults, AReadOnlyDeviceIsNotDamaged)
               "zu_tierctl: inode 2: nothing was written: " + device.path() + " is read-only\n");
 }
 
-TEST_F(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
+TEST_P(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
 {
     const RunResult done = revert("pwrite=pass;pread=pass");
     EXPECT_EQ(done.status, 0) << done;
@@ -199,7 +214,7 @@ TEST_F(RevertFaults, BlockIsWrittenInOneGoAndReadBack)
     EXPECT_EQ(calls.back(), traced("pread", 4096, offset, "pass"));
 }
 
-TEST_F(RevertFaults, WhatCannotBeReadBackIsAnError)
+TEST_P(RevertFaults, WhatCannotBeReadBackIsAnError)
 {
     // Both blocks are read to be shown and again to be written; then come check and comparison.
     const RunResult failed = revert("pread" + at(offset) + "#6=EIO");
@@ -208,7 +223,7 @@ TEST_F(RevertFaults, WhatCannotBeReadBackIsAnError)
                               ": Input/output error\n");
 }
 
-TEST_F(RevertFaults, AWriteThatIsLostIsAnError)
+TEST_P(RevertFaults, AWriteThatIsLostIsAnError)
 {
     const RunResult failed = revert("pwrite=lost");
     EXPECT_EQ(failed.status, 1) << failed;
@@ -217,7 +232,7 @@ TEST_F(RevertFaults, AWriteThatIsLostIsAnError)
 }
 
 // What is written must take the place of what was shown.
-TEST_F(RevertFaults, ABlockThatChangesIsNotWritten)
+TEST_P(RevertFaults, ABlockThatChangesIsNotWritten)
 {
     const auto before = device.bytes();
     for (const char *turn : {"#2", "#4"}) {
@@ -233,7 +248,7 @@ TEST_F(RevertFaults, ABlockThatChangesIsNotWritten)
     EXPECT_TRUE(device.bytes() == before);
 }
 
-TEST_F(RevertFaults, AWriteOfLessThanABlockIsAnError)
+TEST_P(RevertFaults, AWriteOfLessThanABlockIsAnError)
 {
     const RunResult failed = revert("pwrite=short:512");
     EXPECT_EQ(failed.status, 1) << failed;
@@ -241,7 +256,7 @@ TEST_F(RevertFaults, AWriteOfLessThanABlockIsAnError)
                               ", which may be damaged now: Input/output error\n");
 }
 
-TEST_F(RevertFaults, OfSeveralItIsSaidWhichAreWritten)
+TEST_P(RevertFaults, OfSeveralItIsSaidWhichAreWritten)
 {
     const std::string name = device.path();
     for (const std::uint32_t no : {0, 1, 3, 4}) {
@@ -274,7 +289,7 @@ TEST_F(RevertFaults, OfSeveralItIsSaidWhichAreWritten)
     EXPECT_EQ(run({"diff", file, device.path()}, "pread#99=pass").status, 0);
 }
 
-TEST_F(RevertFaults, AnUnreadableBlockCanBeWritten)
+TEST_P(RevertFaults, AnUnreadableBlockCanBeWritten)
 {
     const RunResult done = revert("pread" + at(offset) + "#2=EIO;pread" + at(offset) + "#3-4=EIO");
     EXPECT_EQ(done.status, 0) << done;

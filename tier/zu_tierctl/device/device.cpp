@@ -271,14 +271,15 @@ void TableReader::begin_chunks()
         completed_ = begun_ = 0; /* the first chunk has a buffer in any case */
     }
     ReadQueue &queue = ReadQueue::of_this_thread();
-    const bool is_ahead = queue.is_open(chunks_to_begin()) && device_.is_direct();
+    uint64_t left = chunks_to_begin();
+    const bool is_ahead = queue.is_open(left) && device_.is_direct();
     const size_t most = is_ahead ? buffers_ : 1;
-    while (begun_ - completed_ < most) {
+    for (; left > 0 && begun_ - completed_ < most; left--) {
         Chunk &chunk = chunks_[begun_ % buffers_];
-        if ((chunk.data == nullptr && zutr_alloc_aligned(SIZE_1M, &chunk.data) != 0) ||
-            !find_chunk(chunk)) {
-            return;
+        if (chunk.data == nullptr && zutr_alloc_aligned(SIZE_1M, &chunk.data) != 0) {
+            return; /* it is begun later */
         }
+        place_next(chunk);
         chunk.is_hole = holes_.cover(chunk.offset, chunk.length);
         chunk.is_queued =
             is_ahead && !chunk.is_hole &&
@@ -287,20 +288,18 @@ void TableReader::begin_chunks()
     }
 }
 
-bool TableReader::find_chunk(Chunk &chunk)
+void TableReader::place_next(Chunk &chunk)
 {
-    for (; ahead_region_ < regions_.size(); ahead_region_++, ahead_first_ = 0) {
-        const tier_region &region = regions_[ahead_region_];
-        const uint64_t present = slots_on_device(region, device_.size());
-        if (ahead_first_ < present) {
-            const uint64_t count = std::min(SLOTS_A_READ, present - ahead_first_);
-            chunk.offset = region.slot(ahead_first_);
-            chunk.length = count * SIZE_4K;
-            ahead_first_ += count;
-            return true;
-        }
+    while (ahead_first_ >= slots_on_device(regions_[ahead_region_], device_.size())) {
+        ahead_region_++;
+        ahead_first_ = 0;
     }
-    return false;
+    const tier_region &region = regions_[ahead_region_];
+    const uint64_t count =
+        std::min(SLOTS_A_READ, slots_on_device(region, device_.size()) - ahead_first_);
+    chunk.offset = region.slot(ahead_first_);
+    chunk.length = count * SIZE_4K;
+    ahead_first_ += count;
 }
 
 uint64_t TableReader::chunks_to_begin() const

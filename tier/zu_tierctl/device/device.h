@@ -155,10 +155,10 @@ private:
 
     /* Begins with as many of the next chunks as there may be at the same time. */
     void begin_chunks();
-    /* Where the next chunk that was not begun lies; false: there is none. */
-    bool find_chunk(Chunk &chunk);
-    /* How many these are. */
+    /* How many chunks of the table were not begun. */
     uint64_t chunks_to_begin() const;
+    /* Makes it the next of these: there must be one. */
+    void place_next(Chunk &chunk);
     /* Completes the first chunk that was begun; false, with the reason in errno, when not all of it
      * can be read. */
     bool complete(Chunk &chunk);
