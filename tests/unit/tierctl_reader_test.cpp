@@ -1,10 +1,11 @@
 // Tables read chunk by chunk, and with several chunks in flight.
 
 #include "device.h"
-#include "noise.h"
 #include "zu_tierctl/device/device.h"
+#include "zu_tierctl/device/error.h"
 
 #include <algorithm>
+#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -18,14 +19,14 @@ using tierctl::TableReader;
 namespace {
 
 // A run with a copy of its data.
-struct Run {
+struct ReadRun {
     std::uint64_t first_no;
     std::uint64_t count;
     std::int64_t offset;
     int error;
     std::string data;
 
-    bool operator==(const Run &) const = default;
+    bool operator==(const ReadRun &) const = default;
 };
 
 // Calls a function in a thread of its own, where reads are queued or not.
@@ -39,7 +40,7 @@ void in_thread(bool queued, const std::function<void()> &call)
 }
 
 // The next run of a reader.
-bool add_next(TableReader &reader, std::vector<Run> &runs)
+bool add_next(TableReader &reader, std::vector<ReadRun> &runs)
 {
     tierctl::Slots slots{};
     if (!reader.next(&slots))
@@ -71,10 +72,11 @@ protected:
         return no % 300 == 7 || (no >= 5 * 256 && no < 7 * 256 + 30) || no >= 23 * 256 - 1;
     }
 
-    std::vector<Run> walk(const tierctl::Device &device, const std::vector<tier_region> &regions,
-                          bool queued, std::size_t buffers = tierctl::READ_BUFFERS) const
+    std::vector<ReadRun> walk(const tierctl::Device &device,
+                              const std::vector<tier_region> &regions, bool queued,
+                              std::size_t buffers = tierctl::READ_BUFFERS) const
     {
-        std::vector<Run> runs;
+        std::vector<ReadRun> runs;
         in_thread(queued, [&] {
             TableReader reader(device, regions, buffers);
             while (add_next(reader, runs)) {
@@ -84,10 +86,10 @@ protected:
     }
 
     // Both ways give these slots, and the same runs.
-    std::vector<Run> walk_both(const tierctl::Device &device,
-                               const std::vector<tier_region> &regions) const
+    std::vector<ReadRun> walk_both(const tierctl::Device &device,
+                                   const std::vector<tier_region> &regions) const
     {
-        const std::vector<Run> plain = walk(device, regions, false);
+        const std::vector<ReadRun> plain = walk(device, regions, false);
         for (const std::size_t buffers : {1, 2, 4, 8})
             EXPECT_TRUE(walk(device, regions, true, buffers) == plain) << buffers;
         return plain;
@@ -120,7 +122,7 @@ TEST_F(Reader, GivesRunsOfAMebibyteInTheirOrder)
     const tierctl::Device device(image.path(), tierctl::Access::read_only);
     const std::int64_t start = 3 * 4096;
     const std::uint64_t count = 20 * 256 + 17;
-    std::vector<Run> expected;
+    std::vector<ReadRun> expected;
     for (std::uint64_t no = 0; no < count; no += 256) {
         const std::int64_t offset = start + static_cast<std::int64_t>(no) * 4096;
         const std::uint64_t slots = std::min<std::uint64_t>(256, count - no);
@@ -141,16 +143,16 @@ TEST_F(Reader, AreasInAnyOrderAndOutsideTheDevice)
                                          {8192, 1},
                                          {8192, 600}, // over the one before
                                          {INT64_MAX - 4095, UINT64_MAX / 2}});
-    const std::vector<Run> expected{{0, 256, last, 0, bytes(last, 256)},
-                                    {256, 256, last + 1048576, 0, bytes(last + 1048576, 256)},
-                                    {512, 488, last + 2097152, ENXIO, ""},
-                                    {1000, 300, 4097, ENXIO, ""},
-                                    {1300, 300, -4096, ENXIO, ""},
-                                    {1600, 1, 8192, 0, bytes(8192, 1)},
-                                    {1601, 256, 8192, 0, bytes(8192, 256)},
-                                    {1857, 256, 8192 + 1048576, 0, bytes(8192 + 1048576, 256)},
-                                    {2113, 88, 8192 + 2097152, 0, bytes(8192 + 2097152, 88)},
-                                    {2201, UINT64_MAX / 2, INT64_MAX - 4095, ENXIO, ""}};
+    const std::vector<ReadRun> expected{{0, 256, last, 0, bytes(last, 256)},
+                                        {256, 256, last + 1048576, 0, bytes(last + 1048576, 256)},
+                                        {512, 488, last + 2097152, ENXIO, ""},
+                                        {1000, 300, 4097, ENXIO, ""},
+                                        {1300, 300, -4096, ENXIO, ""},
+                                        {1600, 1, 8192, 0, bytes(8192, 1)},
+                                        {1601, 256, 8192, 0, bytes(8192, 256)},
+                                        {1857, 256, 8192 + 1048576, 0, bytes(8192 + 1048576, 256)},
+                                        {2113, 88, 8192 + 2097152, 0, bytes(8192 + 2097152, 88)},
+                                        {2201, UINT64_MAX / 2, INT64_MAX - 4095, ENXIO, ""}};
     EXPECT_TRUE(runs == expected);
 }
 
@@ -162,7 +164,7 @@ TEST_F(Reader, AFileThatIsCutShortMeanwhile)
         std::filesystem::resize_file(image.path(), end * BLOCK_SIZE);
         const auto runs = walk_both(device, {{0, MIBS * 256}});
         std::uint64_t next = 0;
-        for (const Run &run : runs) {
+        for (const ReadRun &run : runs) {
             EXPECT_EQ(run.first_no, next);
             next += run.count;
             EXPECT_EQ(run.error, run.first_no < end ? 0 : EIO);
@@ -190,7 +192,7 @@ TEST_F(Reader, BlocksThatASavedFileLacksAndBlocksThatLieOver)
     for (const std::size_t at : {6 * MIB + 4096, 10 * MIB})
         std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(at), BLOCK_SIZE, '\xff');
     std::vector<std::int64_t> lost;
-    for (const Run &run : runs) {
+    for (const ReadRun &run : runs) {
         if (run.error != 0) {
             EXPECT_EQ(run.error, tierctl::NOT_SAVED);
             lost.push_back(run.offset);
@@ -208,11 +210,11 @@ TEST_F(Reader, SeveralAtATimeThatStopAnywhere)
 {
     const tierctl::Device device(image.path(), tierctl::Access::read_only);
     const std::vector<tier_region> regions{{0, MIBS * 256}};
-    const std::vector<Run> expected = walk(device, regions, false);
+    const std::vector<ReadRun> expected = walk(device, regions, false);
     in_thread(true, [&] {
         for (std::size_t stop = 0; stop < expected.size(); stop += 5) {
-            std::vector<Run> a;
-            std::vector<Run> b;
+            std::vector<ReadRun> a;
+            std::vector<ReadRun> b;
             TableReader whole_walk(device, regions, 4);
             {
                 TableReader part(device, regions, 4);
