@@ -200,8 +200,7 @@ void Holes::look_up(int64_t offset)
     data_end_ = INT64_MAX;
     data_start_ = lseek(fd_, offset, SEEK_DATA);
     if (data_start_ >= 0) {
-        const off_t end = lseek(fd_, data_start_, SEEK_HOLE);
-        data_end_ = end > data_start_ ? end : INT64_MAX;
+        data_end_ = lseek(fd_, data_start_, SEEK_HOLE);
     } else if (errno == ENXIO) {
         data_start_ = lseek(fd_, 0, SEEK_END); /* nothing up to there, or the file is cut short */
     }
