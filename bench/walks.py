@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Times whole walks against their yardsticks, in pairs that run in turn on one processor.
 
-    walks.py PROGRAMS WORK [--pairs N] [--json FILE]
+    walks.py PROGRAMS WORK [--disk DISK] [--pairs N] [--only companion] [--json FILE]
 
 PROGRAMS is a build directory. WORK takes images and outputs; on a file system in memory, and as root,
 the images are attached as block devices. Before a pair is timed the two outputs are compared.
+DISK, a directory on a disk, takes the images that the companion reads.
 """
 
 import argparse
@@ -26,9 +27,18 @@ IMAGES = {
 }
 
 
+# What the companion reads: 1.2 GiB each.
+TABLES = ["--inodes", "100000", "--blocks", "200000"]
+DISK_IMAGES = {
+    "v1": ["--layout", "v1", *TABLES, "--extent-size", "568"],
+    "v2": ["--layout", "v2", *TABLES, "--block-size", "524288"],
+}
+DEPTHS = (1, 2, 4, 8, 16)
+
+
 class Bench:
-    def __init__(self, programs, work, pairs):
-        self.programs, self.work, self.pairs = programs, work, pairs
+    def __init__(self, programs, work, disk, pairs):
+        self.programs, self.work, self.disk, self.pairs = programs, work, disk, pairs
         self.loops, self.devices, self.rows = [], {}, []
 
     def path(self, name):
@@ -50,6 +60,16 @@ class Bench:
                                   capture_output=True, text=True).stdout.strip()
         except (OSError, subprocess.CalledProcessError):
             return image
+        self.loops.append(loop)
+        return loop
+
+    def attach_directly(self, image):
+        """A block device over the file, past the page cache; None where there is none."""
+        try:
+            loop = subprocess.run(["losetup", "--find", "--show", "--read-only", "--direct-io=on", image],
+                                  check=True, capture_output=True, text=True).stdout.strip()
+        except (OSError, subprocess.CalledProcessError):
+            return None
         self.loops.append(loop)
         return loop
 
@@ -163,6 +183,94 @@ class Bench:
                     [*command, "-l", NOTHING])
         self.faster("V3 dump_extent -g owner, nothing to log to", 1.7, yardstick, command)
 
+    def companion(self):
+        """Reads in flight, against fio and against reads one after the other."""
+        for layout, sizes in DISK_IMAGES.items():
+            image = os.path.join(self.disk, layout + ".img")
+            subprocess.run([self.program("zu_tierctl"), "sample", "--force", *sizes, image], check=True)
+            subprocess.run(["sync", image], check=True)
+            name, tables = layout.upper(), self.tables(image)
+            self.check_against_fio(f"{name} check of a file", image, tables)
+            loop = self.attach_directly(image)
+            if loop is not None:
+                self.check_against_fio(f"{name} check of a loop device", loop, tables)
+            if layout == "v1":
+                self.diff_and_save(image, tables)
+            self.in_flight(name, image)
+            self.detach()
+            self.loops.clear()
+            os.remove(image)
+
+    def tables(self, image):
+        """Where the tables of V1 and V2 lie, one after the other: offset and length."""
+        dump = subprocess.run([self.program("zu_tier"), "-p", image, "-c", "dump_super"],
+                              capture_output=True, text=True, check=True)
+        super_block = json.loads(dump.stdout)
+        length = (super_block["brick_table_size"] + super_block["inode_table_size"] +
+                  super_block["block_cnt"] * 4096)
+        return 0x101000, length
+
+    def fio(self, path, tables, depth):
+        """What fio reads of the tables in a second, in bytes."""
+        report = subprocess.run(["fio", "--name=read", "--filename=" + path, "--readonly", "--rw=read",
+                                 "--direct=1", "--bs=1M", "--ioengine=libaio", f"--iodepth={depth}",
+                                 f"--offset={tables[0]}", f"--size={tables[1]}", "--output-format=json"],
+                                check=True, capture_output=True, text=True).stdout
+        return json.loads(report)["jobs"][0]["read"]["bw_bytes"]
+
+    def against_fio(self, name, goal, path, tables, command, times=1):
+        """The command reads `times` as much as fio, at its best depth: the medians of both, run in turn."""
+        best = max(DEPTHS, key=lambda depth: self.fio(path, tables, depth))
+        env, yardsticks, tools = {"PATH": os.environ["PATH"]}, [], []
+        for _ in range(self.pairs):
+            yardsticks.append(tables[1] / self.fio(path, tables, best))
+            tools.append(self.run(command, NOTHING, env) / times)
+        slow, fast = statistics.median(tools), statistics.median(yardsticks)
+        self.row(f"{name} against fio, depth {best}", f">= {goal}", fast / slow, fast / slow >= goal,
+                 {"yardstick_s": round(fast, 4), "tool_s": round(slow, 4)})
+
+    def check_against_fio(self, name, path, tables):
+        self.against_fio(name, 0.8, path, tables, [self.program("zu_tierctl"), "check", path])
+
+    @staticmethod
+    def copy(image, copy):
+        """With its holes, and on the disk."""
+        subprocess.run(["cp", "--sparse=always", image, copy], check=True)
+        subprocess.run(["sync", copy], check=True)
+
+    def diff_and_save(self, image, tables):
+        copy, saved = os.path.join(self.disk, "copy.img"), os.path.join(self.disk, "saved.img")
+        self.copy(image, copy)
+        self.against_fio("V1 diff of two files", 0.8, image, tables,
+                         [self.program("zu_tierctl"), "diff", image, copy], times=2)
+        os.remove(copy)
+        plain = ["dd", "if=" + image, "of=" + copy, "bs=1M", "iflag=direct,skip_bytes,count_bytes",
+                 f"skip={tables[0]}", f"count={tables[1]}", "conv=fsync"]
+        save = [self.program("zu_tierctl"), "save", image, saved]
+        times = ([], [])
+        for _ in range(self.pairs):
+            for command, made, one in zip((plain, save), (copy, saved), times):
+                one.append(self.run(command, NOTHING, {"PATH": os.environ["PATH"]}))
+                os.remove(made)
+        slow, fast = (statistics.median(one) for one in times)
+        self.row("V1 save of a file against dd", ">= 0.7", slow / fast, slow / fast >= 0.7,
+                 {"yardstick_s": round(slow, 4), "tool_s": round(fast, 4)})
+
+    def in_flight(self, name, image):
+        """The image in memory, and every read takes a millisecond longer."""
+        copy = self.path("slow.img")
+        self.copy(image, copy)
+        env = {"PATH": os.environ["PATH"], "LD_PRELOAD": self.program("slow_reads.so")}
+        times = ([], [])
+        for _ in range(self.pairs):
+            for one_at_a_time, one in zip(({"ONE_AT_A_TIME": "1"}, {}), times):
+                one.append(self.run([self.program("zu_tierctl"), "check", copy], NOTHING,
+                                    {**env, **one_at_a_time}))
+        slow, fast = (statistics.median(one) for one in times)
+        self.row(f"{name} check, 1 ms more a read, against one at a time", "4 x", slow / fast,
+                 slow / fast >= 4, {"yardstick_s": round(slow, 4), "tool_s": round(fast, 4)})
+        os.remove(copy)
+
     def checksums(self):
         run = subprocess.run([self.program("micro"), "--benchmark_filter=crc32", "--benchmark_format=json",
                               "--benchmark_repetitions=5", "--benchmark_report_aggregates_only"],
@@ -227,23 +335,29 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("programs")
     parser.add_argument("work")
+    parser.add_argument("--disk")
+    parser.add_argument("--only", choices=["companion"])
     parser.add_argument("--pairs", type=int, default=7)
     parser.add_argument("--json")
     options = parser.parse_args()
 
-    bench = Bench(os.path.abspath(options.programs), options.work, options.pairs)
+    bench = Bench(os.path.abspath(options.programs), options.work, options.disk, options.pairs)
     os.sched_setaffinity(0, {max(os.sched_getaffinity(0))})
     try:
-        bench.make_images()
         print(f"{'walk':58} {'goal':>10} {'measured':>8}")
-        bench.full_walks()
-        bench.bare_reads()
-        bench.filtered_walks()
-        bench.questions()
-        bench.checksums()
-        bench.growth()
-        bench.memory()
-        bench.first_byte()
+        if options.only is None:
+            bench.make_images()
+            bench.full_walks()
+            bench.bare_reads()
+            bench.filtered_walks()
+            bench.questions()
+            bench.checksums()
+            bench.growth()
+            bench.memory()
+            bench.first_byte()
+            bench.detach()
+        if options.disk is not None:
+            bench.companion()
     finally:
         bench.detach()
     if options.json:

@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev mount python3 time tzdata
+install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev fio mount python3 time tzdata
 cmake --preset bench >/dev/null
 cmake --build --preset bench --parallel "$(nproc)" -- --quiet
 
@@ -15,6 +15,7 @@ cmake --build --preset bench --parallel "$(nproc)" -- --quiet
 parent=/tmp
 if [ "$(df --output=avail -B1M /dev/shm 2>/dev/null | tail -n 1)" -gt 8192 ]; then parent=/dev/shm; fi
 work=$(mktemp -d "$parent/zu_tier_bench.XXXXXX")
-trap 'rm -rf "$work"' EXIT
+disk=$(mktemp -d /var/tmp/zu_tier_bench.XXXXXX)
+trap 'rm -rf "$work" "$disk"' EXIT
 
-python3 bench/walks.py build "$work" ${1:+--json "$1"}
+python3 bench/walks.py build "$work" --disk "$disk" ${1:+--json "$1"}

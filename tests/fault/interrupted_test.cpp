@@ -2,6 +2,7 @@
 // that have files without a name and on others: what is there afterwards is complete.
 
 #include "kill_run.h"
+#include "reading_ways.h"
 #include "v1_device.h"
 
 #include <fcntl.h>
@@ -96,10 +97,10 @@ protected:
         return file.first.starts_with(".zu_tierctl.") && file.second.empty();
     }
 
-    // Sends the signal at every system call of the run. What remains must be nothing, or all that a
-    // run leaves.
+    // Sends the signal at every system call of the run, or at one of several. What remains must be
+    // nothing, or all that a run leaves.
     void expect_all_or_nothing(const std::vector<std::string> &args, int status, int signal,
-                               const std::string &faults)
+                               const std::string &faults, std::size_t step = STEP)
     {
         SCOPED_TRACE(faults);
         ASSERT_EQ(run(args, faults).status, status);
@@ -110,7 +111,7 @@ protected:
         std::size_t finished = 0;
         std::size_t runs = 0;
         std::size_t trials = 0;
-        for (; !HasFailure(); stop += STEP, ++runs) {
+        for (; !HasFailure(); stop += step, ++runs) {
             SCOPED_TRACE(stop);
             clear();
             if (run_killed_at(stop, with_faults(args, faults), "/usr/bin/env", status, signal) <
@@ -151,6 +152,14 @@ TEST_F(Interrupted, AListIsNeverLeftAlone)
     fs::resize_file(device.path(), device.size() - 4096);
     expect_all_or_nothing({"save", device.path(), file}, 1, SIGTERM, EVERYTHING);
     expect_all_or_nothing({"save", device.path(), file}, 1, SIGINT, NO_UNNAMED_FILES);
+}
+
+// The kernel ends these before it ends the program. They are queued after a read that takes long.
+TEST_F(Interrupted, WhileReadsAreQueued)
+{
+    const std::string queued = way_faults(ReadingWay::queued, "pread@4096+4096#2");
+    for (const int signal : {SIGINT, SIGKILL})
+        expect_all_or_nothing({"save", device.path(), file}, 0, signal, queued + EVERYTHING, 6);
 }
 
 TEST_F(Interrupted, SamplesToo) { expect_all_or_nothing(sample(), 0, SIGTERM, NO_UNNAMED_FILES); }

@@ -142,7 +142,8 @@ TEST(PackageFields, NameWhatItNeeds)
     EXPECT_EQ(field("Package"), "zu-tier\n");
     EXPECT_EQ(field("Version") + "", run_program(ZU_TIERCTL, {"--version"}).out.substr(11));
     const std::string depends = field("Depends");
-    for (const char *name : {"libc6 ", "libcjson1 ", "libuuid1 ", "libblkid1 ", "libsqlite3-0 ", "libstdc++6 "})
+    for (const char *name : {"libc6 ", "libcjson1 ", "libuuid1 ", "libblkid1 ", "libaio1 ",
+                             "libsqlite3-0 ", "libzstd1 ", "libstdc++6 "})
         EXPECT_NE(depends.find(name), std::string::npos) << name << " is not in " << depends;
 }
 
