@@ -7,6 +7,24 @@
 
 #include <gtest/gtest.h>
 
+#ifdef __aarch64__
+#include <optional>
+#include <sys/auxv.h>
+
+static std::optional<unsigned long> pretended_features; // of the processor
+
+// The C library's other name for it.
+extern "C" unsigned long __getauxval(unsigned long type) noexcept;
+
+// Takes the place of the C library's for the whole program.
+extern "C" unsigned long getauxval(unsigned long type) noexcept
+{
+    if (type == AT_HWCAP && pretended_features)
+        return *pretended_features;
+    return __getauxval(type);
+}
+#endif
+
 using namespace tier_test;
 
 namespace {
@@ -105,6 +123,17 @@ TEST(Crc32Ways, TheLastIsAlwaysThere)
     ASSERT_FALSE(ZUTR_CRC32_WAYS.empty());
     EXPECT_TRUE(ZUTR_CRC32_WAYS.back().available());
 }
+
+#ifdef __aarch64__
+TEST(Crc32Ways, TheInstructionIsForProcessorsThatHaveIt)
+{
+    pretended_features = HWCAP_CRC32;
+    EXPECT_STREQ(zutr_crc32_choose(ZUTR_CRC32_WAYS).name, "instruction");
+    pretended_features = ~static_cast<unsigned long>(HWCAP_CRC32);
+    EXPECT_STREQ(zutr_crc32_choose(ZUTR_CRC32_WAYS).name, "slices");
+    pretended_features.reset();
+}
+#endif
 
 bool yes() { return true; }
 

@@ -30,7 +30,7 @@ constexpr NumberRow SMALL[] = {
     {-TINY, 0},
     {0.5L, 0},
     {-0.5L, 0},
-    {0.99999999999999999999L, 1}, // the nearest number is 1
+    {0.9999999999999999999999999999999999999999L, 1}, // the nearest number is 1
     {1.0L, 1},
     {1.999L, 1},
     {-1.0L, 0xFFFFFFFFFFFFFFFF},
