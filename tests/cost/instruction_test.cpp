@@ -1,10 +1,8 @@
-// Processor instructions for each entry of a table, counted by valgrind: the same on every run and,
-// but for the C library's choice of functions, on every machine. After a change of more than a
-// tenth the figure must be recorded anew.
+// Processor instructions for each entry of a table. After a change of more than a tenth the figure
+// must be recorded anew.
 
+#include "instructions.h"
 #include "tables.h"
-
-#include <regex>
 
 using namespace tier_test;
 
@@ -44,21 +42,10 @@ bool has_fast_checksum()
 
 double instructions(const Table &table, std::uint64_t blocks, const Args &args)
 {
-    static const std::regex COUNT(R"(refs: +([0-9,]+))");
     const Device device = table_of(table, blocks);
-    const std::string report = device.directory().write("report", "");
-    const Args valgrind{"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-                        "--log-file=" + report};
-    run_dump(valgrind, device, table, args, {.stdout_path = "/dev/null"});
-    const std::string text = read_file(report);
-    std::smatch found;
-    if (!std::regex_search(text, found, COUNT)) {
-        ADD_FAILURE() << text;
-        return 0;
-    }
-    std::string count = found[1];
-    std::erase(count, ',');
-    return std::stod(count);
+    const InstructionCounter counter(device.directory());
+    run_dump(counter.wrapper(), device, table, args, {.stdout_path = "/dev/null"});
+    return static_cast<double>(counter.count());
 }
 
 class Instructions : public testing::TestWithParam<CostRow> {};

@@ -5,8 +5,10 @@
 #include "zu_tierctl/entry/table.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <sstream>
+#include <string_view>
 
 namespace tierctl {
 
@@ -20,6 +22,44 @@ int fail(const std::exception &error, int status)
 {
     complain(error.what());
     return status;
+}
+
+template <void (*Add)(CLI::App &)>
+void without_status(CLI::App &app, int *)
+{
+    Add(app);
+}
+
+struct Command {
+    std::string_view name;
+    void (*add)(CLI::App &app, int *status);
+};
+
+constexpr Command COMMANDS[] = {
+    {"apply", without_status<add_apply>},
+    {"check", add_check},
+    {"diff", add_diff},
+    {"map", without_status<add_map>},
+    {"plan", without_status<add_plan>},
+    {"rescue", add_rescue},
+    {"revert", without_status<add_revert>},
+    {"sample", without_status<add_sample>},
+    {"save", add_save},
+    {"template", without_status<add_template>},
+    {"undo", without_status<add_undo>},
+};
+
+/* Adds the command that `first`, the first argument, names; all of them when it names none. To make
+ * the options of all would be a quarter of a short run. */
+void add_commands(CLI::App &app, std::string_view first, int *status)
+{
+    const auto is_named = [first](const Command &command) { return command.name == first; };
+    const bool only_one = std::ranges::any_of(COMMANDS, is_named);
+    for (const Command &command : COMMANDS) {
+        if (!only_one || is_named(command)) {
+            command.add(app, status);
+        }
+    }
 }
 
 int run(int argc, char *argv[], int *status)
@@ -43,6 +83,7 @@ int run(int argc, char *argv[], int *status)
     add_template(app);
     add_undo(app);
     add_usage(app, status);
+    add_commands(app, argc > 1 ? argv[1] : "", status);
     try {
         app.parse(argc, argv);
         return *status;
