@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and times the tool against its yardsticks: a table on standard
-# output, and the same as JSON in FILE.
+# output, and the same as JSON in FILE. Then adds a line to bench/history.ndjson, and says which rows
+# have moved by more than they differed between the earlier runs on this machine.
 #
 #   scripts/bench.sh [FILE]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+commit=$(git rev-parse --short HEAD)
+git diff --quiet HEAD -- . ':!bench/history.ndjson' || commit+=-changed
 . scripts/packages.sh
 
 install_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev fio mount python3 time tzdata
@@ -18,4 +21,6 @@ work=$(mktemp -d "$parent/zu_tier_bench.XXXXXX")
 disk=$(mktemp -d /var/tmp/zu_tier_bench.XXXXXX)
 trap 'rm -rf "$work" "$disk"' EXIT
 
-python3 bench/walks.py build "$work" --disk "$disk" ${1:+--json "$1"}
+rows=${1-$work/rows.json}
+python3 bench/walks.py build "$work" --disk "$disk" --json "$rows"
+python3 bench/history.py "$rows" bench/history.ndjson "$commit"
