@@ -12,6 +12,7 @@ import argparse
 import contextlib
 import json
 import os
+import re
 import statistics
 import subprocess
 import sys
@@ -331,6 +332,23 @@ class Bench:
         self.row("Start to first byte in ms", "< 5", middle, middle < 5, {})
 
 
+    def short_runs(self):
+        """The companion's shortest runs, beside a program that does nothing."""
+        ctl, env = self.program("zu_tierctl"), {"PATH": os.environ["PATH"]}
+        usage = subprocess.run([ctl, "--help"], capture_output=True, text=True, check=True).stdout
+        commands = re.findall(r"^  ([a-z]+) ", usage.split("Subcommands:")[1], re.MULTILINE)
+        devices = []
+        for layout in ("v1", "v2", "v3"):
+            devices.append(self.path(f"small_{layout}.img"))
+            subprocess.run([ctl, "sample", "--force", "--layout", layout, devices[-1]], check=True)
+        for name, goal, lines in (("--help of a command in ms, the slowest", 5, [[c, "--help"] for c in commands]),
+                                  ("Check of a small device in ms, the slowest", 10, [["check", d] for d in devices])):
+            pairs = [self.pair(["true"], [ctl, *line], NOTHING, env) for line in lines]
+            nothing, slowest = max(pairs, key=lambda pair: pair[1])
+            self.row(name, f"< {goal}", slowest * 1000, slowest * 1000 < goal,
+                     {"yardstick_s": round(nothing, 4), "tool_s": round(slowest, 4)})
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("programs")
@@ -355,6 +373,7 @@ def main():
             bench.growth()
             bench.memory()
             bench.first_byte()
+            bench.short_runs()
             bench.detach()
         if options.disk is not None:
             bench.companion()

@@ -39,14 +39,19 @@ constexpr Command COMMANDS[] = {
     {"apply", without_status<add_apply>},
     {"check", add_check},
     {"diff", add_diff},
+    {"domain", add_domain},
+    {"export", without_status<add_export>},
     {"map", without_status<add_map>},
     {"plan", without_status<add_plan>},
     {"rescue", add_rescue},
     {"revert", without_status<add_revert>},
+    {"salvage", add_salvage},
     {"sample", without_status<add_sample>},
     {"save", add_save},
+    {"sql", without_status<add_sql>},
     {"template", without_status<add_template>},
     {"undo", without_status<add_undo>},
+    {"usage", add_usage},
 };
 
 /* Adds the command that `first`, the first argument, names; all of them when it names none. To make
@@ -68,21 +73,6 @@ int run(int argc, char *argv[], int *status)
                  "zu_tierctl"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "zu_tierctl " ZU_TIER_RELEASE);
-    add_apply(app);
-    add_check(app, status);
-    add_diff(app, status);
-    add_domain(app, status);
-    add_map(app);
-    add_plan(app);
-    add_rescue(app, status);
-    add_revert(app);
-    add_salvage(app, status);
-    add_sample(app);
-    add_save(app, status);
-    add_sql(app);
-    add_template(app);
-    add_undo(app);
-    add_usage(app, status);
     add_commands(app, argc > 1 ? argv[1] : "", status);
     try {
         app.parse(argc, argv);
