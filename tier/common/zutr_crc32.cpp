@@ -8,7 +8,9 @@
 #ifdef __x86_64__
 #include <immintrin.h>
 #endif
-#ifdef __aarch64__
+/* clang declares the functions of the instruction only for a program that needs it everywhere. */
+#if defined(__aarch64__) && (!defined(__clang__) || defined(__ARM_FEATURE_CRC32))
+#define ZUTR_CRC32_INSTRUCTION
 #include <arm_acle.h>
 #include <sys/auxv.h>
 #endif
@@ -146,7 +148,7 @@ bool can_multiply() { return static_cast<bool>(__builtin_cpu_supports("pclmul"))
 
 #endif
 
-#ifdef __aarch64__
+#ifdef ZUTR_CRC32_INSTRUCTION
 
 /* The processor's instruction has this polynomial, and takes eight bytes. */
 [[gnu::target("+crc")]] uint32_t update_by_instruction(uint32_t state, const uint8_t *data,
@@ -171,7 +173,7 @@ constexpr zutr_crc32_way WAYS[] = {
 #ifdef __x86_64__
     {"multiplication", can_multiply, update_by_multiplication},
 #endif
-#ifdef __aarch64__
+#ifdef ZUTR_CRC32_INSTRUCTION
     {"instruction", has_instruction, update_by_instruction},
 #endif
     {"slices", always, update_by_slices},
