@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace CLI {
@@ -19,6 +20,9 @@ void add_super_option(CLI::App &command, std::string &value);
 
 /* Adds the option --mapfile of the commands that read a copy made by ddrescue. */
 void add_mapfile_option(CLI::App &command, std::string &value);
+
+/* Refuses these options, where they are not empty, for several devices. */
+void require_one_device(const std::string &super_file, const std::string &mapfile, size_t devices);
 
 /* Each function adds a subcommand to `app`: its options, and a callback that runs it. The callback
  * may store the program's exit status in `*status`, which must outlive `app`; by default it is 0,

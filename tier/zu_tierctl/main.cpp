@@ -127,6 +127,14 @@ void add_mapfile_option(CLI::App &command, std::string &value)
     command.add_option("--mapfile", value, HELP)->type_name("MAP");
 }
 
+void require_one_device(const std::string &super_file, const std::string &mapfile, size_t devices)
+{
+    if (devices > 1 && !(super_file.empty() && mapfile.empty())) {
+        throw UsageError(super_file.empty() ? "--mapfile is for one DEVICE"
+                                            : "--super is for one DEVICE");
+    }
+}
+
 } // namespace tierctl
 
 int main(int argc, char *argv[])

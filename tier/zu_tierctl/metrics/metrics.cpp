@@ -151,7 +151,7 @@ bool check_with_metrics(const CheckOptions &options, const std::string &file)
     std::exception_ptr failure;
     try {
         fine = check(options, [&found](const Report &report) { add_report(report, found); });
-        add_usage(read_usage(options.device, options.super_file), found);
+        add_usage(read_usage(options.device, options.super_file, options.mapfile), found);
     } catch (const std::exception &) {
         failure = std::current_exception();
         found = Metrics(options.device); /* rather nothing than half of it */

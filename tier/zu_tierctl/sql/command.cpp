@@ -42,9 +42,7 @@ void run_sql(SqlCommand command)
             throw UsageError("QUERY is required");
         }
     }
-    if (!command.options.super_file.empty() && devices.size() > 1) {
-        throw UsageError("--super is for one DEVICE");
-    }
+    require_one_device(command.options.super_file, command.options.mapfile, devices.size());
     if (command.file.empty()) {
         print_query(command.options, query);
     } else {
@@ -83,6 +81,7 @@ void add_sql(CLI::App &app)
         ->excludes(ndjson)
         ->excludes(csv);
     add_super_option(*command, sql->options.super_file);
+    add_mapfile_option(*command, sql->options.mapfile);
     command->callback([sql] { run_sql(*sql); });
 }
 

@@ -345,6 +345,15 @@ void Database::run(const std::string &sql)
     require(sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr), db_);
 }
 
+std::vector<std::string> Database::tables() const
+{
+    std::vector<std::string> names;
+    for (const auto &source : sources_) {
+        names.push_back(source->name);
+    }
+    return names;
+}
+
 void Database::lock()
 {
     for (const char *table : OWN_TABLES) {

@@ -42,6 +42,9 @@ public:
     /* Runs a statement of this program. */
     void run(const std::string &sql);
 
+    /* The names of the tables. */
+    std::vector<std::string> tables() const;
+
     /* From now on statements can only read, and only the tables. */
     void lock();
 

@@ -24,14 +24,14 @@ constexpr size_t MEASURED_ROWS = 1000;
 /* Between the columns of a table. */
 constexpr const char *GAP = "  ";
 
-class StatementWriter : public RowWriter {
+/* The values of the row at which a statement is, as text. */
+class RowText {
 public:
-    explicit StatementWriter(sqlite3_stmt *statement)
+    explicit RowText(sqlite3_stmt *statement)
         : statement_(statement), count_(sqlite3_column_count(statement))
     {
     }
 
-protected:
     int count() const { return count_; }
     std::string_view name(int column) const { return sqlite3_column_name(statement_, column); }
     int type(int column) const { return sqlite3_column_type(statement_, column); }
@@ -90,6 +90,17 @@ private:
     int count_;
 };
 
+class StatementWriter : public RowWriter {
+public:
+    explicit StatementWriter(sqlite3_stmt *statement) : values_(statement) {}
+
+protected:
+    const RowText &values() const { return values_; }
+
+private:
+    RowText values_;
+};
+
 class JsonWriter : public StatementWriter {
 public:
     using StatementWriter::StatementWriter;
@@ -97,7 +108,7 @@ public:
     void add() override
     {
         print_text(delimiter_);
-        print_text(json_object());
+        print_text(values().json_object());
         delimiter_ = ",\n";
     }
     void end() override { print_text(delimiter_ == ",\n" ? "\n]\n" : "[]\n"); }
@@ -110,7 +121,7 @@ class NdjsonWriter : public StatementWriter {
 public:
     using StatementWriter::StatementWriter;
 
-    void add() override { print("{}\n", json_object()); }
+    void add() override { print("{}\n", values().json_object()); }
     void end() override {}
 };
 
@@ -118,12 +129,12 @@ class CsvWriter : public StatementWriter {
 public:
     explicit CsvWriter(sqlite3_stmt *statement) : StatementWriter(statement)
     {
-        print_line([this](int i) { return std::string(name(i)); });
+        print_line([this](int i) { return std::string(values().name(i)); });
     }
 
     void add() override
     {
-        print_line([this](int i) { return text(i); });
+        print_line([this](int i) { return values().text(i); });
     }
     void end() override {}
 
@@ -132,7 +143,7 @@ private:
     void print_line(const Value &value)
     {
         std::string line;
-        for (int i = 0; i < count(); i++) {
+        for (int i = 0; i < values().count(); i++) {
             line += i == 0 ? "" : ",";
             line += quoted_if_needed(value(i));
         }
@@ -157,16 +168,16 @@ class AlignedWriter : public StatementWriter {
 public:
     explicit AlignedWriter(sqlite3_stmt *statement) : StatementWriter(statement)
     {
-        for (int i = 0; i < count(); i++) {
-            names_.push_back({one_line(name(i)), false});
+        for (int i = 0; i < values().count(); i++) {
+            names_.push_back({one_line(values().name(i)), false});
         }
     }
 
     void add() override
     {
         std::vector<Cell> row;
-        for (int i = 0; i < count(); i++) {
-            row.push_back({one_line(text(i)), is_number(i)});
+        for (int i = 0; i < values().count(); i++) {
+            row.push_back({one_line(values().text(i)), values().is_number(i)});
         }
         if (is_measured_) {
             print_row(row, PLAIN);
@@ -232,6 +243,8 @@ private:
 };
 
 } // namespace
+
+std::string json_row(sqlite3_stmt *statement) { return RowText(statement).json_object(); }
 
 std::unique_ptr<RowWriter> make_row_writer(RowFormat format, sqlite3_stmt *statement)
 {

@@ -3,6 +3,7 @@
 #include "zu_tierctl/sql/sql.h"
 
 #include <memory>
+#include <string>
 
 struct sqlite3_stmt;
 
@@ -22,6 +23,9 @@ public:
     /* Must be called after the last. */
     virtual void end() = 0;
 };
+
+/* The row at which the statement is, as a JSON object. */
+std::string json_row(sqlite3_stmt *statement);
 
 /* The statement must outlive the writer. */
 std::unique_ptr<RowWriter> make_row_writer(RowFormat format, sqlite3_stmt *statement);

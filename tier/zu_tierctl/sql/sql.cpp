@@ -32,11 +32,13 @@ void tell_what_is_missing(const SqlDevice &device)
     }
 }
 
+} // namespace
+
 SqlDevices open_devices(const SqlOptions &options)
 {
     SqlDevices devices;
     for (const std::string &path : options.devices) {
-        Device device(path, Access::read_only);
+        Device device(path, Access::read_only, options.mapfile);
         hint_in_use(path);
         Metadata metadata = read_metadata(device, options.super_file);
         devices.push_back({valid_utf8(path), std::move(device), std::move(metadata)});
@@ -44,8 +46,6 @@ SqlDevices open_devices(const SqlOptions &options)
     }
     return devices;
 }
-
-} // namespace
 
 void print_query(const SqlOptions &options, const std::string &query)
 {

@@ -46,6 +46,7 @@ struct UsageOptions {
     std::string file;
     bool json = false;
     std::string super_file;
+    std::string mapfile;
 };
 
 /* Prints the usage of the devices, one after the other, and the total of several. The exit status.
@@ -59,7 +60,7 @@ int print_usage(const UsageOptions &options)
     for (const std::string &device : options.devices) {
         std::string text;
         try {
-            const Usage usage = read_usage(device, options.super_file);
+            const Usage usage = read_usage(device, options.super_file, options.mapfile);
             text = options.json ? usage_json(usage, options.view)
                                 : draw_usage(usage, options.view, width, colours);
             total.add(usage, options.view);
@@ -108,6 +109,7 @@ void add_usage(CLI::App &app, int *status)
     command->add_option("--inode", options->file, "Only the file of this inode")->type_name("NO");
     command->add_flag("--json", options->json, "Report as JSON, not as text");
     add_super_option(*command, options->super_file);
+    add_mapfile_option(*command, options->mapfile);
     command->callback([options, status] {
         *status = STATUS_NOT_READ; /* if it throws */
         if (!options->top.empty()) {
@@ -116,9 +118,7 @@ void add_usage(CLI::App &app, int *status)
         if (!options->file.empty()) {
             options->view.file = read_number("--inode", options->file);
         }
-        if (!options->super_file.empty() && options->devices.size() > 1) {
-            throw UsageError("--super is for one DEVICE");
-        }
+        require_one_device(options->super_file, options->mapfile, options->devices.size());
         *status = print_usage(*options);
     });
 }

@@ -385,9 +385,10 @@ void FilesSum::add(const FilesSum &sum)
     data.add(sum.data);
 }
 
-Usage read_usage(const std::string &device_path, const std::string &super_file)
+Usage read_usage(const std::string &device_path, const std::string &super_file,
+                 const std::string &mapfile)
 {
-    const Device device(device_path, Access::read_only);
+    const Device device(device_path, Access::read_only, mapfile);
     hint_in_use(device_path);
     const Metadata metadata = read_metadata(device, super_file);
     Usage usage = UsageReader(device, metadata).read();

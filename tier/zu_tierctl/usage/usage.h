@@ -98,8 +98,9 @@ struct Usage {
 };
 
 /* Reads the metadata of a device once, by the super block in `super_file` unless that is empty.
- * Throws. */
-Usage read_usage(const std::string &device, const std::string &super_file);
+ * `mapfile`, unless that is empty, is that of the device, which is a copy. Throws. */
+Usage read_usage(const std::string &device, const std::string &super_file,
+                 const std::string &mapfile = "");
 
 /* How usage is shown. */
 enum class By {
