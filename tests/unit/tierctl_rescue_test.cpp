@@ -370,6 +370,37 @@ TEST_P(RescueSamples, AreNotTakenFromTheData)
     EXPECT_GT(tally.certain, 0U);
 }
 
+// A part of the super block is left, which the tables confirm or not.
+TEST_P(RescueSamples, AreRightWithAPartOfTheBlock)
+{
+    Engine random(GetParam().back() + 200U);
+    Tally tally;
+    for (unsigned round = 0; round < rounds(50); ++round) {
+        Lost lost(random, GetParam());
+        const Lost other(random, GetParam());
+        lost.damage(random, below(random, 300));
+        if (below(random, 2) == 0)
+            lost.lie_over(other);
+        tierctl::Block block = lost.read(4096);
+        const tierctl::Block stale = other.read(4096);
+        const std::uint64_t first = below(random, 260);
+        const std::uint64_t last = between(random, first, 263);
+        const std::uint64_t kind = below(random, 4);
+        for (std::uint64_t i = first; i <= last; ++i)
+            block[i] = kind == 0   ? 0
+                       : kind == 1 ? 0xFF
+                       : kind == 2 ? stale[i]
+                                   : static_cast<std::uint8_t>(random());
+        lost.write(4096, block.data(), block.size());
+        SCOPED_TRACE(std::to_string(round) + ": " + lost.about());
+        rescue_and_judge(lost, &tally);
+        if (testing::Test::HasFailure())
+            return;
+    }
+    std::cout << tally << "\n";
+    EXPECT_GT(tally.certain, 0U);
+}
+
 // An expansion area of which only every hundredth inode is left, and the first and the last ones.
 TEST(RescueExpansion, IsFoundByItsNumbers)
 {
@@ -567,6 +598,21 @@ TEST(RescueHostile, PackedTablesAnywhere)
         EXPECT_EQ(said_of(found, key).value(),
                   tierctl::super_number(*truth.layout, truth.super_block, key))
             << key;
+}
+
+// Two bits more would make the checksum right, but not the numbers.
+TEST(RescueHostile, MendedIntoNonsense)
+{
+    Lost lost("v1", {});
+    tierctl::Block block = lost.read(4096);
+    put_number(block.data() + 128, 5); // block_size
+    lost.truth().tables.front().seal_slot(block.data());
+    block[48] ^= 1;
+    block[60] ^= 1;
+    lost.write(4096, block.data(), block.size());
+    const tierctl::Rescued found = judged(lost);
+    EXPECT_EQ(found.reading.layout, lost.truth().layout);
+    EXPECT_EQ(said_of(found, "block_size").value(), lost.number("block_size"));
 }
 
 // However many places entries name, a few are kept: the ones with the most entries.

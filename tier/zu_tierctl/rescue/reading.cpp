@@ -66,9 +66,9 @@ Certainty Readings::certainty(std::string_view key) const
     return std::ranges::find(readings_, key, &NumberReading::key)->certainty;
 }
 
-/* A number that the tables chose themselves is surer when the hint says the same: certain when what
- * is left of the block does, unless it is 0, as bytes are that were overwritten. One that the
- * tables allow is taken where they are not sure, and otherwise the runner-up. */
+/* A number that the tables chose themselves is surer when the hint says the same: certain when all
+ * that is left of the block agrees, unless it is 0, as bytes are that were overwritten. One that
+ * the tables allow is taken where they are not sure, and otherwise the runner-up. */
 void Readings::follow(const Hint &hint, NumberReading *reading) const
 {
     const uint64_t number = super_number(layout_, hint.block, reading->key).value();
@@ -81,7 +81,7 @@ void Readings::follow(const Hint &hint, NumberReading *reading) const
         candidates.front().reason += "; so says " + hint.source;
         if (!is_sure) {
             reading->certainty = Certainty::likely;
-        } else if (hint.own && number != 0) {
+        } else if (hint.is_proof && number != 0) {
             reading->certainty = Certainty::certain;
             reading->range.reset();
             candidates.resize(1);

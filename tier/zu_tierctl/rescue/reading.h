@@ -47,7 +47,7 @@ struct Hint {
     const tier_layout *layout;
     Block block;
     std::string source;
-    bool own; /* it is what is left of the lost one */
+    bool is_proof; /* it is what is left of the lost one, and the tables say all that it says */
 };
 
 /* The lower of two certainties. */

@@ -154,6 +154,15 @@ Block sealed(const tier_layout &layout, Block block)
     return block;
 }
 
+/* Whether the tool takes the numbers of a super block: those that two bits mend by chance break its
+ * rules. */
+bool obeys_rules(const tier_layout &layout, const Block &block)
+{
+    return std::ranges::all_of(layout.tables.front()->rules, [&block](const tier_rule &rule) {
+        return rule.complain == nullptr || rule.holds(block.data());
+    });
+}
+
 /* Where values of the super block come from, but for the tables. */
 struct Sources {
     std::optional<Block> left; /* the damaged block, when it can be read */
@@ -175,8 +184,9 @@ Hint read_like(const std::string &path, const Device &device)
 
 /* How the numbers that the tables give compare with those that are left in the block. */
 struct Agreement {
-    uint64_t same = 0;
+    uint64_t same = 0; /* of those that the tables make likely */
     uint64_t other = 0;
+    bool is_whole = true; /* all are the same, and those that are not even likely */
 
     /* What is left tells more than the tables. */
     bool is_close() const { return same >= AGREEING_MIN && same >= AGREEING_TIMES * other; }
@@ -191,6 +201,7 @@ Agreement compare(const SuperReading &reading, const Block &left)
         if (number.certainty != Certainty::none && number.value() != 0) {
             (stored == number.value() ? found.same : found.other)++;
         }
+        found.is_whole = found.is_whole && stored == number.value();
     }
     return found;
 }
@@ -254,7 +265,7 @@ private:
                 layout, *sources_.left, {Table(*layout->tables.front(), sources_.left->data())}};
             const Table &table = metadata.tables.front();
             const Mended mended = mend(metadata, table, 0, *sources_.left);
-            if (mended.certainty != Certainty::none && is_super(*layout, mended.block)) {
+            if (mended.certainty != Certainty::none && obeys_rules(*layout, mended.block)) {
                 for (const std::string &text :
                      mend_texts(metadata, table, 0, *sources_.left, mended)) {
                     note(text);
@@ -320,7 +331,8 @@ private:
         if (sources_.left) {
             to->left = compare(to->reading, *sources_.left);
             if (to->left.is_close()) {
-                hints.push_back({&layout, *sources_.left, "what is left of the block", true});
+                hints.push_back(
+                    {&layout, *sources_.left, "what is left of the block", to->left.is_whole});
             }
         }
         if (sources_.like) {
