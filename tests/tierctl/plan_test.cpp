@@ -408,6 +408,40 @@ TEST_F(PlanOfV3, ShardsOfAnInodeThatIsFree)
     EXPECT_TRUE(plan().steps.empty());
 }
 
+// Extents that come back refer to what would become free: it stays, and so does what hangs on it.
+TEST_F(PlanOfV3, WhatIsFreedHangsTogether)
+{
+    InodeV3 gone;
+    gone.no = 2;
+    put("inode", 2, encode(gone));
+    ExtentBlockV3 others;
+    others.extents = {{.slot = 7, .lba = 9, .shard = 513, .bitmap = 1}};
+    put("extent", 1, encode(others));
+    const Block good = block_of("extent", 2);
+    flip(cache.device, cache.offset("extent", 2) + 40, 0x10);
+    std::map<std::string, ordered_json> steps;
+    for (const ordered_json &step : plan({"--free-lost"}).steps)
+        steps[name_of(step)] = step;
+    ASSERT_EQ(steps.size(), 3U);
+    EXPECT_EQ(steps["shard 1"]["action"], "leave");
+    EXPECT_TRUE(says(steps["shard 1"], "; but with its block extent 1024 (block 2) has an error "
+                                       "that is not there now: it refers to shard 513, which is "
+                                       "free"))
+        << steps["shard 1"];
+    EXPECT_EQ(steps["extent 1"]["action"], "leave");
+    EXPECT_TRUE(says(steps["extent 1"], "; but not all of what hangs together can become free: "
+                                        "carry out the other steps, and plan again"));
+    EXPECT_EQ(steps["extent 2"]["action"], "mend");
+    expect_makes(steps["extent 2"], good);
+    put("extent", 2, good);
+    for (const ordered_json &step : plan({"--free-lost"}).steps)
+        EXPECT_EQ(step["action"], "free") << step;
+    // What was saved is older than that.
+    put("extent", 2, {});
+    for (const ordered_json &step : plan({"--free-lost", "--from", saved}).steps)
+        EXPECT_EQ(step["action"], name_of(step) == "extent 2" ? "leave" : "free") << step;
+}
+
 // The inode of a device without damaged extents, to which none belongs.
 TEST_F(PlanOfV1, AnInodeIsRestored)
 {

@@ -28,21 +28,24 @@ private:
         }
         const std::string error = fmt::format("has an error that is not there now: {} ({})",
                                               finding.text, finding.kind.name);
-        add({std::string(finding.table), finding.slot},
-            finding.packed ? fmt::format("its {} {} {}", finding.table, finding.no, error)
-                           : "its block " + error);
-        if (!finding.other_table.empty()) {
-            const Table &other = find_table(metadata_.tables, finding.other_table);
-            add({std::string(other.name), finding.other / other.end_word},
-                fmt::format("with its block {} {}", about_text(finding), error));
+        const SlotName slot{finding.table, finding.slot};
+        if (blocks_.contains(slot)) {
+            errors_.emplace(
+                slot, finding.packed ? fmt::format("its {} {} {}", finding.table, finding.no, error)
+                                     : "its block " + error);
+        } else if (!finding.other_table.empty()) {
+            add_other(finding, error);
         }
     }
     void write_end() override {} /* GCOVR_EXCL_LINE: is not finished */
 
-    void add(const SlotName &slot, const std::string &text)
+    /* The entry itself is as it was: the other one brings the error. */
+    void add_other(const Finding &finding, const std::string &error)
     {
+        const Table &table = find_table(metadata_.tables, finding.other_table);
+        const SlotName slot{table.name, finding.other / table.end_word};
         if (blocks_.contains(slot)) {
-            errors_.emplace(slot, text);
+            errors_.emplace(slot, fmt::format("with its block {} {}", about_text(finding), error));
         }
     }
 

@@ -510,6 +510,25 @@ NewBlocks new_blocks(const std::vector<Step> &steps)
     return blocks;
 }
 
+void leave(Step &step, const std::string &why)
+{
+    step = {.table = step.table,
+            .no = step.no,
+            .offset = step.offset,
+            .reason = step.reason + "; but " + why};
+}
+
+/* What becomes free because an owner does must stay when that stays. */
+void leave_free(std::vector<Step> &steps)
+{
+    for (Step &step : steps) {
+        if (step.action == Action::free) {
+            leave(step, "not all of what hangs together can become free: carry out the other "
+                        "steps, and plan again");
+        }
+    }
+}
+
 /* Leaves the slots to which a step would bring an error: apply would refuse it. */
 void leave_new_errors(Device &device, const Metadata &metadata, std::vector<Step> &steps)
 {
@@ -519,14 +538,16 @@ void leave_new_errors(Device &device, const Metadata &metadata, std::vector<Step
     }
     NewErrors new_errors(device, metadata, blocks);
     for (auto errors = new_errors.find(blocks); !errors.empty(); errors = new_errors.find(blocks)) {
+        bool frees = true;
         for (Step &step : steps) {
             const auto error = errors.find({step.table, step.no});
             if (error != errors.end()) {
-                step = {.table = step.table,
-                        .no = step.no,
-                        .offset = step.offset,
-                        .reason = step.reason + "; but " + error->second};
+                frees = frees && step.action != Action::free;
+                leave(step, error->second);
             }
+        }
+        if (!frees) {
+            leave_free(steps);
         }
         blocks = new_blocks(steps);
     }
