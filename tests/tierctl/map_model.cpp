@@ -26,10 +26,19 @@ std::string look_of(const CountsByWord &counts, std::uint64_t entries)
         return "x";
     if (count(counts, "findings") != 0)
         return "f";
+    if (count(counts, "dirty") != 0)
+        return "d";
     const std::uint64_t used = count(counts, "in use");
     if (used == 0 || used == entries)
         return used == 0 ? "u0" : "u8";
     return "u" + std::to_string(1 + used * 7 / entries);
+}
+
+bool has_dirty_piece(const ExtentV2 &extent)
+{
+    return std::ranges::any_of(extent.maps, [](const auto &piece) {
+        return piece.second.orig_len != 0 && piece.second.clean == 0;
+    });
 }
 
 void add(const MapEntry &entry, CountsByWord &counts)
@@ -37,6 +46,8 @@ void add(const MapEntry &entry, CountsByWord &counts)
     counts[entry.state]++;
     if (entry.findings != 0)
         counts["findings"] += entry.findings;
+    if (entry.dirty && entry.state == "in use")
+        counts["dirty"]++;
 }
 
 } // namespace
@@ -108,8 +119,13 @@ std::vector<MapTable> map_of(const Cache &cache)
         use("shard", {512 + 1, 512 + 511});
         use("hot", {0, 1, 2}); // opaque: always
         use("extent", {1024, 1024 + 100});
+        table_of(tables, "extent").entries[1024 + 100].dirty = true;
     } else {
         use("extent", {1, 3});
+        for (const std::uint64_t no : {1, 3})
+            table_of(tables, "extent").entries[no].dirty =
+                cache.layout == "v2" ? has_dirty_piece(extent_v2_used(no, 2))
+                                     : extent_used(no, 2).clean == 0;
     }
     return tables;
 }

@@ -12,6 +12,7 @@ struct MapEntry {
     std::uint64_t no;
     std::string state; // "in use", "free", "damaged", "unreadable"
     std::uint64_t findings = 0;
+    bool dirty = false;
 };
 
 struct MapTable {

@@ -45,7 +45,7 @@ std::string without_colours(const std::string &text)
 std::string mark_of(const Cell &cell)
 {
     static const std::map<std::string, std::string> MARKS{
-        {"q", "?"},  {"x", "X"},  {"f", "!"},  {"u0", "·"}, {"u1", "▁"}, {"u2", "▂"},
+        {"q", "?"},  {"x", "X"},  {"f", "!"},  {"d", "*"},  {"u0", "·"}, {"u1", "▁"}, {"u2", "▂"},
         {"u3", "▃"}, {"u4", "▄"}, {"u5", "▅"}, {"u6", "▆"}, {"u7", "▇"}, {"u8", "█"}};
     return MARKS.at(cell.look);
 }
@@ -123,6 +123,14 @@ std::vector<std::string> words_of(const std::string &text)
 class MapTerminal : public testing::TestWithParam<std::string> {
 protected:
     const Cache cache = make_cache(GetParam());
+
+    // Not all that the extents of the cache hold was written back.
+    bool has_dirty() const
+    {
+        const std::vector<MapTable> tables = map_of(cache);
+        const MapTable &extents = *std::ranges::find(tables, "extent", &MapTable::name);
+        return std::ranges::any_of(extents.entries, &MapEntry::dirty);
+    }
 
     std::string map(const std::string &device, const Environment &environment) const
     {
@@ -210,6 +218,8 @@ TEST_P(MapTerminal, WordsAndPhrasesInEveryWidth)
         ASSERT_NE(line, whole.end());
         heads.push_back(words_of(*line));
     }
+    if (has_dirty())
+        texts[2].insert(texts[2].begin() + 1, "* dirty: not written back;");
     std::vector<std::string> end = words_of(whole.at(whole.size() - 1));
     ASSERT_GE(end.size(), 7U);
     end.erase(end.end() - 3, end.end());
@@ -244,9 +254,16 @@ TEST_P(MapTerminal, UseByBrickInColumnsThatFit)
 {
     const std::string &device = cache.device.path();
     const bool has_shards = GetParam() == "v3";
-    const std::vector<std::string> words = has_shards ? words_of("brick inode bytes shard extent")
-                                                      : words_of("brick inode bytes extent");
-    const std::vector<std::size_t> widths{7, 9, 12, 11, 11};
+    std::vector<std::string> words = words_of("brick inode bytes extent");
+    std::vector<std::size_t> widths{7, 9, 12, 11};
+    if (has_shards) {
+        words.insert(words.begin() + 3, "shard");
+        widths.push_back(11);
+    }
+    if (has_dirty()) {
+        words.push_back("dirty");
+        widths.push_back(8);
+    }
     std::string columns;
     for (std::size_t i = 0; i < words.size(); ++i)
         columns += std::string(widths[i] - words[i].size(), ' ') + words[i];

@@ -93,6 +93,33 @@ TEST_F(MapUse, UseByBrickThroughShards)
                     {"1", "1", size, "1", "1", "", brick_v3_used(1).brickid}}));
 }
 
+// Cells and bricks with data that was not written back, where there is any.
+TEST_F(MapUse, DirtyExtents)
+{
+    std::vector<ExtentV1> extents;
+    for (std::uint64_t no = 0; no < 300; ++no) {
+        extents.push_back(extent_used(no, no < 200 ? 0 : 1));
+        extents.back().clean = no == 7 || no > 200 ? 0 : 1; // 1 of 200, 99 of 100
+    }
+    const Device device =
+        make_v1_device(super_v1(3, 3, 301), {brick_used(0), brick_used(1), brick_used(2)},
+                       {inode_used(0, 0), inode_used(1, 1), inode_used(2, 2)}, extents);
+    const pugi::xml_document page = page_of(device);
+    std::map<std::string, std::string> shares;
+    for (const auto &row : rows_of(page, "Use by brick"))
+        shares[row.at(0)] = row.at(4);
+    EXPECT_EQ(shares, (std::map<std::string, std::string>{{"0", "1%"}, {"1", "99%"}, {"2", "0%"}}));
+    EXPECT_EQ(texts_of(page, "//table[preceding::h2[1]='Use by brick']//th").at(4), "dirty");
+    const std::vector<Grid> grids = grids_of(page);
+    const auto extents_grid = std::ranges::find(grids, "extent", &Grid::name);
+    ASSERT_NE(extents_grid, grids.end());
+    EXPECT_EQ(extents_grid->counts.at("dirty"), 100U);
+    std::uint64_t dirty = 0;
+    for (const Cell &cell : extents_grid->cells)
+        dirty += cell.counts.contains("dirty") ? 1 : 0;
+    EXPECT_EQ(dirty, 100U);
+}
+
 TEST_F(MapUse, AgesAreMeasuredFromTheNewestAccess)
 {
     std::vector<InodeV1> inodes;

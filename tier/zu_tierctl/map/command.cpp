@@ -17,7 +17,8 @@ constexpr const char MAP_DESCRIPTION[] = "Draw what the tables of a device hold,
 
 constexpr const char MAP_FOOTER[] =
     "Each table is a grid of cells, each of them one entry or several that follow one another:\n"
-    "in use, free, with findings of zu_tierctl check, damaged, unreadable. Rows begin with the\n"
+    "in use, dirty (not written back), free, with findings of zu_tierctl check, damaged, "
+    "unreadable. Rows begin with the\n"
     "number of their first entry, and the expansion of a table begins a row of its own. Then come\n"
     "use by brick and the ages of files, from the newest access back; accesses more than a year\n"
     "later than all others are left out as odd when they are few. The picture is as wide as the\n"

@@ -45,6 +45,7 @@ constexpr const char LEGEND[] =
 {}<li><span class="grid"><i class="u1"></i><i class="u2"></i><i class="u3"></i><i class="u4"></i>)"
     R"(<i class="u5"></i><i class="u6"></i><i class="u7"></i><i class="u8"></i></span>)"
     R"(in use, little to all</li>
+<li><span class="grid"><i class="d"></i></span>dirty: not written back</li>
 <li><span class="grid"><i class="u0"></i></span>free</li>
 <li><span class="grid"><i class="f"></i></span>finding</li>
 <li><span class="grid"><i class="x"></i></span>damaged</li>
@@ -104,6 +105,8 @@ std::string class_of(const MapCell &cell)
         return "x";
     case Look::finding:
         return "f";
+    case Look::dirty:
+        return "d";
     default:
         return fmt::format("u{}", cell.level());
     }
@@ -113,7 +116,7 @@ std::string cell_html(const MapCell &cell)
 {
     const std::string last = text_if(cell.last != cell.first, fmt::format(" to {}", cell.last));
     return fmt::format("<i class=\"{}\" title=\"{}{}: {}\"></i>\n", class_of(cell), cell.first,
-                       last, counts_text(cell.counts, cell.findings, cell.steps));
+                       last, counts_text(cell.counts, cell.findings, cell.steps, cell.dirty));
 }
 
 /* Each row begins with the number of its first entry. */
@@ -148,7 +151,7 @@ std::string grid_html(const MapTable &table, std::string_view counts)
 
 std::string table_html(const MapTable &table)
 {
-    const std::string counts = counts_text(table.counts, table.findings, table.steps);
+    const std::string counts = counts_text(table.counts, table.findings, table.steps, table.dirty);
     std::string html =
         "<section>\n<div class=\"head\">" + element("h2", table.name) + element("p", counts);
     if (table.cell_entries > 1) {
@@ -202,6 +205,9 @@ std::string owner_html(const MapUse &use, const MapOwner &owner)
                                 bytes_text(owner.bytes));
         }
     }
+    if (use.has_dirty) {
+        html += number_cell(dirty_text(owner));
+    }
     return html + bar_cell(owner.entries.back(), use.owners.front().entries.back()) +
            fmt::format(R"(<td class="path">{}</td>)", escaped(owner.path));
 }
@@ -217,6 +223,9 @@ std::string use_html(const MapUse &use)
         if (i == 0 && use.has_sizes) {
             heads += number_head("bytes of files");
         }
+    }
+    if (use.has_dirty) {
+        heads += number_head("dirty");
     }
     heads += element("th", "") + element("th", escaped(use.text_key));
     std::string rows;

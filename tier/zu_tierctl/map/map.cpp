@@ -12,6 +12,7 @@
 #include "zu_tierctl/plan/plan_file.h"
 
 #include <algorithm>
+#include <array>
 #include <fmt/core.h>
 #include <limits>
 #include <map>
@@ -50,8 +51,8 @@ private:
 /* Fills the tables of a map while they are read. */
 class TableBuilder : public Watcher {
 public:
-    TableBuilder(Map &map, const tier_layout &layout, const CellsMax &cells_max)
-        : map_(map), layout_(layout), cells_max_(cells_max)
+    TableBuilder(Map &map, const Metadata &metadata, const CellsMax &cells_max)
+        : map_(map), layout_(*metadata.layout), super_(metadata.super()), cells_max_(cells_max)
     {
         for (size_t no = 0; no < OWNERS; no++) {
             owners_.push_back({fmt::format("{}", no), "not in use, or damaged"});
@@ -78,15 +79,18 @@ private:
 
     void begin_use();
     void add_cells(uint64_t first, uint64_t end);
+    bool is_dirty(uint64_t no, const uint8_t *entry);
     void add_owner(uint64_t no, const uint8_t *entry);
     void add_file(const uint8_t *entry, MapOwner &owner);
 
     Map &map_;
     const tier_layout &layout_;
+    const void *super_;
     const CellsMax &cells_max_;
     std::vector<MapOwner> owners_;                     /* by number */
     std::map<std::string_view, OwnerNumbers> numbers_; /* by table */
     std::vector<uint64_t> accesses_;
+    std::array<tier_piece, TIER_PIECES_MAX> pieces_{};
 
     /* Of the table that is read. */
     const Table *table_read_ = nullptr;
@@ -194,6 +198,9 @@ void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry)
     if (is_owner_) {
         add_owner(no, entry);
     }
+    const uint64_t dirty = row_->data != nullptr && is_dirty(no, entry) ? 1 : 0;
+    table().cell(table_read_->index(no)).dirty += dirty;
+    table().dirty += dirty;
     if (!is_user_) {
         return;
     }
@@ -203,12 +210,21 @@ void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry)
                                ? static_cast<uint16_t>(std::min<uint64_t>(refers_to, OTHER_OWNER))
                                : used_->get(refers_to);
     owners_[owner].entries.back()++;
+    owners_[owner].dirty += dirty;
+    map_.use.has_dirty = map_.use.has_dirty || dirty != 0;
     if (is_file_) {
         add_file(entry, owners_[owner]);
     }
     if (own_ != nullptr) {
         own_->set(no, owner);
     }
+}
+
+bool TableBuilder::is_dirty(uint64_t no, const uint8_t *entry)
+{
+    const uint32_t count = row_->data->pieces(super_, entry, no, pieces_.data());
+    return std::any_of(pieces_.begin(), pieces_.begin() + count,
+                       [](const tier_piece &piece) { return !piece.clean; });
 }
 
 void TableBuilder::add_owner(uint64_t no, const uint8_t *entry)
@@ -391,6 +407,9 @@ Look MapCell::look() const
     if (findings != 0) {
         return Look::finding;
     }
+    if (dirty != 0) {
+        return Look::dirty;
+    }
     return counts.in_use != 0 ? Look::in_use : Look::free;
 }
 
@@ -421,7 +440,7 @@ Map read_map(const std::string &device_path, const CellsMax &cells_max,
             map.created = time_text(column_number(column, metadata.super()));
         }
     }
-    TableBuilder tables(map, *metadata.layout, cells_max);
+    TableBuilder tables(map, metadata, cells_max);
     MapReport report(map, metadata);
     CheckOptions options{.device = device_path, .super_file = super_file};
     if (quick) {
@@ -454,10 +473,18 @@ std::string odd_text(const Map &map)
                              map.odd, map.odd_access);
 }
 
-std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps)
+std::string dirty_text(const MapOwner &owner)
+{
+    const uint64_t entries = owner.entries.back();
+    const uint64_t share = owner.dirty == 0 ? 0 : owner.dirty * 100 / entries;
+    return fmt::format("{}%", owner.dirty != 0 && share == 0 ? 1 : share);
+}
+
+std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps, uint64_t dirty)
 {
     const std::pair<uint64_t, const char *> parts[] = {
         {counts.in_use, "in use"},
+        {dirty, "dirty"},
         {counts.free, "free"},
         {counts.damaged, "damaged"},
         {counts.unreadable, "unreadable"},

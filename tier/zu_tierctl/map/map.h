@@ -16,7 +16,7 @@ namespace tierctl {
 /* The content of a map. Its size does not grow with that of the device. */
 
 /* What a cell shows: the first of these that applies. */
-enum class Look { planned, unreadable, damaged, finding, in_use, free };
+enum class Look { planned, unreadable, damaged, finding, dirty, in_use, free };
 
 /* Entries that follow one another. */
 struct MapCell {
@@ -27,6 +27,7 @@ struct MapCell {
         0;              /* about one of the entries, or about entries that begin with one of them */
     uint64_t steps = 0; /* of the plan, that change entries of the cell */
     uint64_t repaired = 0; /* damaged or unreadable entries that the plan repairs */
+    uint64_t dirty = 0;    /* entries in use of which not all was written back */
 
     Look look() const;
 
@@ -41,6 +42,7 @@ struct MapTable {
     uint64_t findings = 0;
     std::vector<MapCell> cells{};
     uint64_t steps = 0; /* of the plan */
+    uint64_t dirty = 0;
 
     /* Entries and cells before the table's second region, its expansion. */
     uint64_t entries_before = 0;
@@ -64,6 +66,7 @@ struct MapOwner {
     bool in_use = false;
     std::vector<uint64_t> entries{}; /* for each of the tables that belong to it */
     uint64_t bytes = 0;              /* sum of the sizes of its files, at most 2^64 - 1 */
+    uint64_t dirty = 0; /* entries of the last table of which not all was written back */
 };
 
 /* Whose entries use what: all names are those of tables. */
@@ -72,6 +75,7 @@ struct MapUse {
     std::vector<std::string_view>
         users;              /* "inode", "extent": they refer to it, or to one another */
     bool has_sizes = false; /* whether the first has the sizes of files */
+    bool has_dirty = false; /* whether entries of the last are dirty */
     std::string text_key;   /* of what MapOwner has as its path */
     std::vector<MapOwner>
         owners{}; /* in use, or referred to; most entries of the last user first */
@@ -134,8 +138,13 @@ Map read_map(const std::string &device, const CellsMax &cells_max,
              const std::string &super_file = "", bool quick = false,
              const std::string &plan_file = "", const std::string &mapfile = "");
 
-/* "30 in use, 19 free, 1 damaged, 2 findings, 1 step", without zeros; "nothing" when all are 0. */
-std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps = 0);
+/* "30 in use, 5 dirty, 19 free, 1 damaged, 2 findings, 1 step", without zeros; "nothing" when all
+ * are 0. */
+std::string counts_text(const Counts &counts, uint64_t findings, uint64_t steps = 0,
+                        uint64_t dirty = 0);
+
+/* The share of a brick's entries that are dirty: "12%", 0 and 100 only when it is. */
+std::string dirty_text(const MapOwner &owner);
 
 /* "inode ages: time from the last access to the newest one" */
 std::string ages_heading(const Map &map);

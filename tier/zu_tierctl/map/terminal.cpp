@@ -19,6 +19,7 @@ constexpr size_t NAME_WIDTH = 7;
 constexpr size_t COUNT_WIDTH = 9; /* of entries of the first table; of any other: */
 constexpr size_t MORE_WIDTH = 11;
 constexpr size_t BYTES_WIDTH = 12;
+constexpr size_t DIRTY_WIDTH = 8;
 
 struct LookMarks {
     Look look;
@@ -30,6 +31,7 @@ struct LookMarks {
 constexpr LookMarks LOOKS[] = {
     {Look::planned, "1;32", "+", "repaired by the plan;"},
     {Look::in_use, USE, nullptr, "in use, part to all;"},
+    {Look::dirty, "1;36", "*", "dirty: not written back;"},
     {Look::free, DIM, "·", "free;"},
     {Look::finding, "1;33", "!", "finding;"},
     {Look::damaged, "1;31", "X", "damaged;"},
@@ -60,8 +62,11 @@ void draw_head(const Map &map, Lines &lines)
         lines.add_words(PLAIN, "plan: " + map.plan);
         lines.end_line();
     }
+    const bool is_dirty =
+        std::ranges::any_of(map.tables, [](const MapTable &table) { return table.dirty != 0; });
     for (const LookMarks &look : LOOKS) {
-        if (look.look == Look::planned && map.plan.empty()) {
+        if ((look.look == Look::planned && map.plan.empty()) ||
+            (look.look == Look::dirty && !is_dirty)) {
             continue;
         }
         std::string marks = look.mark != nullptr ? look.mark : "";
@@ -100,7 +105,7 @@ void draw_table(const MapTable &table, Lines &lines)
 {
     lines.end_line();
     lines.add_words(BOLD, table.name);
-    lines.add_words(PLAIN, counts_text(table.counts, table.findings, table.steps));
+    lines.add_words(PLAIN, counts_text(table.counts, table.findings, table.steps, table.dirty));
     if (table.cell_entries > 1) {
         lines.add_phrase(DIM, fmt::format("({} entries a cell)", table.cell_entries));
     }
@@ -122,13 +127,13 @@ void draw_table(const MapTable &table, Lines &lines)
 size_t use_width(const MapUse &use)
 {
     return NAME_WIDTH + COUNT_WIDTH + (use.users.size() - 1) * MORE_WIDTH +
-           (use.has_sizes ? BYTES_WIDTH : 0);
+           (use.has_sizes ? BYTES_WIDTH : 0) + (use.has_dirty ? DIRTY_WIDTH : 0);
 }
 
-/* A name, a text for each table, and one for bytes, in columns. */
+/* A name, a text for each table, one for bytes and one for the dirty share, in columns. */
 template <class Text>
 void draw_use(const MapUse &use, TextStyle style, const std::string &name, const std::string &bytes,
-              const Text &text, Lines &lines)
+              const std::string &dirty, const Text &text, Lines &lines)
 {
     const size_t all = use_width(use);
     lines.add_column(BOLD, name, NAME_WIDTH, all);
@@ -138,12 +143,15 @@ void draw_use(const MapUse &use, TextStyle style, const std::string &name, const
             lines.add_column(style, bytes, BYTES_WIDTH, all);
         }
     }
+    if (use.has_dirty) {
+        lines.add_column(style, dirty, DIRTY_WIDTH, all);
+    }
 }
 
 void draw_owner(const MapUse &use, const MapOwner &owner, Lines &lines)
 {
     draw_use(
-        use, PLAIN, owner.name, bytes_text(owner.bytes),
+        use, PLAIN, owner.name, bytes_text(owner.bytes), dirty_text(owner),
         [&owner](size_t i) { return fmt::format("{}", owner.entries[i]); }, lines);
     const size_t all = use_width(use);
     if (lines.width() > all + BAR_WIDTH) {
@@ -164,7 +172,7 @@ void draw_owners(const MapUse &use, Lines &lines)
     }
     lines.end_line();
     draw_use(
-        use, BOLD, std::string(use.owner), "bytes",
+        use, BOLD, std::string(use.owner), "bytes", "dirty",
         [&use](size_t i) { return std::string(use.users[i]); }, lines);
     lines.end_line();
     for (size_t i = 0; i < std::min(use.owners.size(), ROWS_MAX); i++) {

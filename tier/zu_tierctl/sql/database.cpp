@@ -43,10 +43,9 @@ struct Cursor : sqlite3_vtab_cursor {
     bool has_row = false;
 };
 
-const Database::Source &source_of(const sqlite3_vtab_cursor *cursor)
-{
-    return *static_cast<const VirtualTable *>(cursor->pVtab)->source;
-}
+/* SQLite gives back what it was given, as what it knows of it: the start of these. */
+VirtualTable *own(sqlite3_vtab *table) { return reinterpret_cast<VirtualTable *>(table); }
+Cursor *own(sqlite3_vtab_cursor *cursor) { return reinterpret_cast<Cursor *>(cursor); }
 
 /* Calls a function on behalf of SQLite, which knows no exceptions. */
 template <class Function>
@@ -80,7 +79,7 @@ int connect(sqlite3 *db, void *context, int, const char *const *, sqlite3_vtab *
 
 int disconnect(sqlite3_vtab *table)
 {
-    delete static_cast<VirtualTable *>(table);
+    delete own(table);
     return SQLITE_OK;
 }
 
@@ -109,7 +108,7 @@ int plan_bit(const sqlite3_index_info::sqlite3_index_constraint &condition)
 /* SQLite tests every condition again: what is read may be more than what is wanted. */
 int best_index(sqlite3_vtab *table, sqlite3_index_info *info)
 {
-    const Database::Source &source = *static_cast<const VirtualTable *>(table)->source;
+    const Database::Source &source = *own(table)->source;
     const std::span conditions(info->aConstraint, static_cast<size_t>(info->nConstraint));
     int arguments = 0;
     for (const int bit : {NO_IS, NO_FROM, NO_UP_TO, DEVICE_IS}) {
@@ -149,13 +148,13 @@ int open_cursor(sqlite3_vtab *, sqlite3_vtab_cursor **cursor)
 
 int close_cursor(sqlite3_vtab_cursor *cursor)
 {
-    delete static_cast<Cursor *>(cursor);
+    delete own(cursor);
     return SQLITE_OK;
 }
 
 int go_on(sqlite3_vtab_cursor *base)
 {
-    auto *cursor = static_cast<Cursor *>(base);
+    Cursor *cursor = own(base);
     return guarded(base->pVtab, [cursor] { cursor->has_row = cursor->rows->next(); });
 }
 
@@ -179,7 +178,7 @@ void narrow(RowRange &range, int bit, sqlite3_value *value)
 
 int filter(sqlite3_vtab_cursor *base, int plan, const char *, int, sqlite3_value **arguments)
 {
-    auto *cursor = static_cast<Cursor *>(base);
+    Cursor *cursor = own(base);
     return guarded(base->pVtab, [&] {
         RowRange range{.has_state = (plan & WITH_STATE) != 0};
         for (const int bit : {NO_IS, NO_FROM, NO_UP_TO, DEVICE_IS}) {
@@ -187,24 +186,21 @@ int filter(sqlite3_vtab_cursor *base, int plan, const char *, int, sqlite3_value
                 narrow(range, bit, *arguments++);
             }
         }
-        cursor->rows = source_of(base).make_rows(range);
+        cursor->rows = own(base->pVtab)->source->make_rows(range);
         cursor->has_row = cursor->rows->next();
     });
 }
 
-int is_at_end(sqlite3_vtab_cursor *cursor)
-{
-    return static_cast<Cursor *>(cursor)->has_row ? 0 : 1;
-}
+int is_at_end(sqlite3_vtab_cursor *cursor) { return own(cursor)->has_row ? 0 : 1; }
 
 int get_column(sqlite3_vtab_cursor *cursor, sqlite3_context *to, int column)
 {
-    return guarded(cursor->pVtab, [=] { static_cast<Cursor *>(cursor)->rows->put(column, to); });
+    return guarded(cursor->pVtab, [=] { own(cursor)->rows->put(column, to); });
 }
 
 int get_row_id(sqlite3_vtab_cursor *cursor, sqlite3_int64 *id)
 {
-    *id = static_cast<Cursor *>(cursor)->rows->id();
+    *id = own(cursor)->rows->id();
     return SQLITE_OK;
 }
 
@@ -317,7 +313,7 @@ Database::Database(const SqlDevices &devices)
         sources_.push_back(std::move(source));
     }
     sources_.push_back(std::make_unique<Source>(
-        Source{"finding", FINDING_COLUMNS,
+        Source{"finding", finding_columns(),
                [&devices](const RowRange &range) { return make_finding_rows(devices, range); }}));
     try {
         require(

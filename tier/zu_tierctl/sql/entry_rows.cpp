@@ -7,6 +7,7 @@
 #include <array>
 #include <fmt/format.h>
 #include <sqlite3.h>
+#include <utility>
 
 namespace tierctl {
 
@@ -28,9 +29,9 @@ std::string unquoted(std::string text)
 
 class EntryRows : public Rows {
 public:
-    EntryRows(const SqlDevices &devices, const SqlTable &sql_table, const RowRange &range)
-        : devices_(devices), sql_table_(sql_table), range_(range), device_(devices.begin()),
-          next_device_(devices.begin())
+    EntryRows(const SqlDevices &devices, const SqlTable &sql_table, RowRange range)
+        : devices_(devices), sql_table_(sql_table), range_(std::move(range)),
+          device_(devices.begin()), next_device_(devices.begin())
     {
     }
 
@@ -289,9 +290,9 @@ private:
 } // namespace
 
 std::unique_ptr<Rows> make_entry_rows(const SqlDevices &devices, const SqlTable &table,
-                                      const RowRange &range)
+                                      RowRange range)
 {
-    return std::make_unique<EntryRows>(devices, table, range);
+    return std::make_unique<EntryRows>(devices, table, std::move(range));
 }
 
 uint64_t count_rows(const SqlDevices &devices, const SqlTable &sql_table)

@@ -5,6 +5,7 @@
 #include <array>
 #include <fmt/format.h>
 #include <stdexcept>
+#include <utility>
 
 namespace tierctl {
 
@@ -62,8 +63,8 @@ private:
 
 class FindingRows : public Rows {
 public:
-    FindingRows(const SqlDevices &devices, const RowRange &range)
-        : range_(range), device_(devices.begin()), next_device_(devices.begin()),
+    FindingRows(const SqlDevices &devices, RowRange range)
+        : range_(std::move(range)), device_(devices.begin()), next_device_(devices.begin()),
           end_(devices.end())
     {
     }
@@ -153,15 +154,17 @@ private:
 
 } // namespace
 
-const std::vector<SqlColumn> FINDING_COLUMNS = {
-    {"device", "TEXT"},   {"no", "INTEGER"},    {"meta_offset", "INTEGER"}, {"state", "TEXT"},
-    {"tbl_name", "TEXT"}, {"last", "INTEGER"},  {"count", "INTEGER"},       {"unit", "TEXT"},
-    {"kind", "TEXT"},     {"severity", "TEXT"}, {"text", "TEXT"},           {"command", "TEXT"},
-};
-
-std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, const RowRange &range)
+std::vector<SqlColumn> finding_columns()
 {
-    return std::make_unique<FindingRows>(devices, range);
+    return {{"device", "TEXT"},   {"no", "INTEGER"},    {"meta_offset", "INTEGER"},
+            {"state", "TEXT"},    {"tbl_name", "TEXT"}, {"last", "INTEGER"},
+            {"count", "INTEGER"}, {"unit", "TEXT"},     {"kind", "TEXT"},
+            {"severity", "TEXT"}, {"text", "TEXT"},     {"command", "TEXT"}};
+}
+
+std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, RowRange range)
+{
+    return std::make_unique<FindingRows>(devices, std::move(range));
 }
 
 } // namespace tierctl

@@ -168,6 +168,7 @@ class AlignedWriter : public StatementWriter {
 public:
     explicit AlignedWriter(sqlite3_stmt *statement) : StatementWriter(statement)
     {
+        names_.reserve(static_cast<size_t>(values().count()));
         for (int i = 0; i < values().count(); i++) {
             names_.push_back({one_line(values().name(i)), false});
         }
@@ -176,6 +177,7 @@ public:
     void add() override
     {
         std::vector<Cell> row;
+        row.reserve(names_.size());
         for (int i = 0; i < values().count(); i++) {
             row.push_back({one_line(values().text(i)), values().is_number(i)});
         }

@@ -53,14 +53,14 @@ public:
 
 /* The entries or the pieces of a table: each slot that lies on its device has rows. */
 std::unique_ptr<Rows> make_entry_rows(const SqlDevices &devices, const SqlTable &table,
-                                      const RowRange &range);
+                                      RowRange range);
 
 /* Rows that there are about. */
 uint64_t count_rows(const SqlDevices &devices, const SqlTable &table);
 
 /* What check finds; throws when it finds too much. Numbers are not looked at. */
-extern const std::vector<SqlColumn> FINDING_COLUMNS;
-std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, const RowRange &range);
+std::vector<SqlColumn> finding_columns();
+std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, RowRange range);
 
 /* Gives a number, or one of more than 63 bits as decimal text. */
 void put_number(sqlite3_context *to, uint64_t number);

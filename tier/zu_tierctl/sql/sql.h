@@ -23,6 +23,6 @@ SqlDevices open_devices(const SqlOptions &options);
 void print_query(const SqlOptions &options, const std::string &query);
 
 /* Writes all tables as a new SQLite database. */
-void write_database(const SqlOptions &options, const std::string &file);
+void write_database(const SqlOptions &options, const std::string &path);
 
 } // namespace tierctl
