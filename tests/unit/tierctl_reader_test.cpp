@@ -185,8 +185,9 @@ TEST_F(Reader, BlocksThatASavedFileLacksAndBlocksThatLieOver)
     tierctl::Device device(image.path(), tierctl::Access::read_only);
     alignas(4096) Block block{};
     block.fill(255);
-    device.lay_over(6 * std::int64_t{MIB} + 4096, block.data());
-    device.lay_over(10 * std::int64_t{MIB}, block.data());
+    const tierctl::KeptBlock over(block.data());
+    device.lay_over(6 * std::int64_t{MIB} + 4096, over);
+    device.lay_over(10 * std::int64_t{MIB}, over);
     const auto runs = walk_both(device, {{0, MIBS * 256}});
     std::string expected = whole;
     for (const std::size_t at : {6 * MIB + 4096, 10 * MIB})
