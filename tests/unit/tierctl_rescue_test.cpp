@@ -341,7 +341,7 @@ TEST_P(RescueSamples, AreNotTakenFromTheData)
     Engine random(GetParam().back() + 100U);
     Tally tally;
     Tally cut;
-    for (unsigned round = 0; round < rounds(100); ++round) {
+    for (unsigned round = 0; round < rounds(70); ++round) {
         Lost lost(random, GetParam());
         const Lost other(random, below(random, 2) == 0 ? GetParam() : LAYOUTS[below(random, 3)]);
         if (below(random, 2) == 0)
@@ -375,7 +375,7 @@ TEST_P(RescueSamples, AreRightWithAPartOfTheBlock)
 {
     Engine random(GetParam().back() + 200U);
     Tally tally;
-    for (unsigned round = 0; round < rounds(50); ++round) {
+    for (unsigned round = 0; round < rounds(30); ++round) {
         Lost lost(random, GetParam());
         const Lost other(random, GetParam());
         lost.damage(random, below(random, 300));

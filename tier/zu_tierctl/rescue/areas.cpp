@@ -33,12 +33,10 @@ constexpr int64_t up_to_mib(int64_t offset) { return (offset + MIB - 1) / MIB * 
 class AreaSurvey {
 public:
     AreaSurvey(const BlockReader &blocks, const tier_layout &layout)
-        : blocks_(blocks), brick_(row_of(layout, "brick")), inode_(row_of(layout, "inode"))
+        : blocks_(blocks), brick_(row_of(layout, "brick")), inode_(row_of(layout, "inode")),
+          end_(tables_end(blocks.device().size()))
     {
         facts_.device_size = blocks.device().size();
-        end_ = EXTENTS_LAST +
-               static_cast<int64_t>(facts_.device_size / (TIER_BLOCK_SIZE_MIN + SIZE_4K) * SIZE_4K);
-        end_ = std::min(end_, static_cast<int64_t>(facts_.device_size));
     }
 
     AreaFacts run()
@@ -54,6 +52,14 @@ public:
     }
 
 private:
+    /* No table goes on after it, whatever the blocks have. */
+    static int64_t tables_end(uint64_t device_size)
+    {
+        const uint64_t blocks = device_size / (TIER_BLOCK_SIZE_MIN + SIZE_4K);
+        return std::min(EXTENTS_LAST + static_cast<int64_t>(blocks * SIZE_4K),
+                        static_cast<int64_t>(device_size));
+    }
+
     /* Reads on to where the data may begin, by what is found on the way, and gives where. */
     int64_t read_on(int64_t offset)
     {
@@ -186,8 +192,8 @@ private:
         const uint64_t end = area.offset(known) + known * held + SIZE_1M;
         facts_.has_room = end + TIER_EXP_CNT_MIN_V2 * uint64_t{SIZE_4K} <= area.end;
         if (facts_.has_room) {
-            facts_.expansion =
-                find_expansion(blocks_.device(), inode_, facts_, static_cast<int64_t>(end));
+            facts_.expansion = find_expansion(blocks_.device(), inode_, facts_, *extents,
+                                              static_cast<int64_t>(end));
         }
         if (facts_.expansion) {
             area.end = facts_.expansion->data_end();
@@ -199,7 +205,7 @@ private:
     const tier_table &brick_;
     const tier_table &inode_;
     AreaFacts facts_;
-    int64_t end_;              /* no table goes on after it, whatever the blocks have */
+    int64_t end_;
     int64_t reach_ = HEAD_END; /* the tables, or what follows them, go on up to there */
     bool is_firm_ = true;      /* so far nothing that was read can be data */
 };

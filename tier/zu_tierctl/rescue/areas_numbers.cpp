@@ -158,7 +158,7 @@ private:
         if (is_bounded) {
             range = {least, most, "what ends in the MiB before the extents"};
         }
-        numbers_.inode_cnt = to_.add("inode_cnt", certainty, std::move(counts), std::move(range));
+        numbers_.inode_cnt = to_.add("inode_cnt", certainty, std::move(counts), range);
     }
 
     DataArea area() const
@@ -243,6 +243,7 @@ private:
         const bool is_likely =
             all.front().entries >= SIZE_MIN && all.front().entries >= SIZE_TIMES * next;
         std::vector<Candidate> candidates;
+        candidates.reserve(all.size());
         for (Size &size : all) {
             candidates.push_back({size.size, std::move(size.reason)});
         }

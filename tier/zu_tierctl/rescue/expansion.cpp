@@ -11,10 +11,9 @@ constexpr uint64_t LOOKS_A_UNIT = 16;
 class ExpansionSearch {
 public:
     ExpansionSearch(const Device &device, const tier_table &inode, const AreaFacts &facts,
-                    int64_t start)
+                    const ExtentTraces::value_type &extents, int64_t start)
         : device_(device), inode_(inode), start_(start)
     {
-        const auto &extents = *Best(facts.extents).best;
         const auto *inodes = Best(facts.inodes).best;
         blocks_ = extents.second.last + 1;
         data_ = DataArea{extents.first.first, facts.device_size}.offset(blocks_);
@@ -135,9 +134,10 @@ private:
 } // namespace
 
 std::optional<ExpansionFacts> find_expansion(const Device &device, const tier_table &inode,
-                                             const AreaFacts &facts, int64_t start)
+                                             const AreaFacts &facts,
+                                             const ExtentTraces::value_type &extents, int64_t start)
 {
-    return ExpansionSearch(device, inode, facts, start).run();
+    return ExpansionSearch(device, inode, facts, extents, start).run();
 }
 
 } // namespace tierctl

@@ -24,11 +24,11 @@ bool NumberReading::may_be(uint64_t value) const
 Certainty lower(Certainty a, Certainty b) { return std::max(a, b); }
 
 uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Candidate> candidates,
-                       Range range)
+                       const Range &range)
 {
     NumberReading reading{.key = key, .certainty = certainty};
     if (certainty != Certainty::certain) {
-        reading.range = std::move(range);
+        reading.range = range;
     }
     for (Candidate &candidate : candidates) {
         if (std::ranges::find(reading.candidates, candidate.value, &Candidate::value) ==
@@ -46,11 +46,11 @@ uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Ca
 }
 
 uint64_t Readings::add(std::string_view key, Certainty certainty, uint64_t value,
-                       std::string reason, Range range)
+                       std::string reason, const Range &range)
 {
     std::vector<Candidate> candidates;
     candidates.push_back({value, std::move(reason)});
-    return add(key, certainty, std::move(candidates), std::move(range));
+    return add(key, certainty, std::move(candidates), range);
 }
 
 uint64_t Readings::add(std::string_view key, Certainty certainty, uint64_t value,

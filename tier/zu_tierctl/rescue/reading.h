@@ -23,10 +23,10 @@ struct Candidate {
 struct Range {
     uint64_t first;
     uint64_t last;
-    std::string reason;
+    std::string_view reason;
 };
 /* Of an offset or a size, of which the tables give no bound; more lies on no device. */
-inline const Range ANY_NUMBER = {0, uint64_t{1} << 62, "no table says"};
+constexpr Range ANY_NUMBER = {0, uint64_t{1} << 62, "no table says"};
 
 /* What is known of a number of the super block, by its key in a repair file. */
 struct NumberReading {
@@ -64,11 +64,11 @@ public:
 
     /* Adds a number and gives the value chosen. */
     uint64_t add(std::string_view key, Certainty certainty, std::vector<Candidate> candidates,
-                 Range range);
+                 const Range &range);
 
     /* Adds a number with a single candidate. */
     uint64_t add(std::string_view key, Certainty certainty, uint64_t value, std::string reason,
-                 Range range);
+                 const Range &range);
 
     /* Adds a number that follows from others, or from the layout. */
     uint64_t add(std::string_view key, Certainty certainty, uint64_t value, std::string reason);

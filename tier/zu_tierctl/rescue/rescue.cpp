@@ -209,7 +209,10 @@ Agreement compare(const SuperReading &reading, const Block &left)
 /* Whether entries of both layouts have the same magics: what is sound in one is so in the other. */
 bool are_related(const tier_layout &a, const tier_layout &b)
 {
-    return a.tables[1]->magic_value == b.tables[1]->magic_value;
+    return std::ranges::any_of(a.tables.subspan(1), [&b](const tier_table *row) {
+        return row->magic && std::ranges::find(b.tables, row->magic_value,
+                                               &tier_table::magic_value) != b.tables.end();
+    });
 }
 
 /* A layout's reading of a device. */
