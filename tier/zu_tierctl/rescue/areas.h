@@ -95,8 +95,7 @@ struct AreaNumbers {
     const ExtentTrace *extents = nullptr;          /* null: none was found */
     uint32_t extent_length = 0;                    /* of the whole record */
     Certainty extents_certainty = Certainty::none; /* where they begin, and how long they are */
-    bool is_contested = false; /* others begin elsewhere, or not where the inodes end */
-    uint64_t explained = 0;    /* bricks and inodes */
+    uint64_t explained = 0;                        /* bricks and inodes */
     std::string explained_text{};
 };
 

@@ -116,11 +116,10 @@ private:
         }
         const bool is_adjacent = extents_.best->first.first == extent_start_;
         extent_start_ = extents_.best->first.first;
-        numbers_.is_contested = !is_adjacent || extents_.next != nullptr;
-        numbers_.extents_certainty =
-            !numbers_.is_contested && is_firm(extents_.best->second) && inode_end_ != 0
-                ? Certainty::certain
-                : extents_.certainty();
+        numbers_.extents_certainty = is_adjacent && extents_.next == nullptr &&
+                                             is_firm(extents_.best->second) && inode_end_ != 0
+                                         ? Certainty::certain
+                                         : extents_.certainty();
     }
 
     Certainty places() const

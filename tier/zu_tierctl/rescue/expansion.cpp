@@ -12,11 +12,10 @@ class ExpansionSearch {
 public:
     ExpansionSearch(const Device &device, const tier_table &inode, const AreaFacts &facts,
                     const ExtentTraces::value_type &extents, int64_t start)
-        : device_(device), inode_(inode), start_(start)
+        : device_(device), inode_(inode), start_(start), blocks_(extents.second.last + 1),
+          data_(DataArea{extents.first.first, facts.device_size}.offset(blocks_))
     {
         const auto *inodes = Best(facts.inodes).best;
-        blocks_ = extents.second.last + 1;
-        data_ = DataArea{extents.first.first, facts.device_size}.offset(blocks_);
         const int64_t inode_start = inodes == nullptr ? AREA_START + SIZE_4K : inodes->first;
         std::tie(low_, high_) = inode_bounds(inode_start, extents.first.first);
         if (inodes != nullptr) {
@@ -122,8 +121,8 @@ private:
     const Device &device_;
     const tier_table &inode_;
     int64_t start_;
-    uint64_t blocks_ = 0; /* that are known, and where they begin */
-    uint64_t data_ = 0;
+    uint64_t blocks_; /* that are known, and where they begin */
+    uint64_t data_;
     uint64_t low_ = 0; /* bounds of its first number */
     uint64_t high_ = 0;
     Traces bases_; /* by the offset of inode 0, if the area went back to it */

@@ -92,7 +92,7 @@ struct SuperReading {
     Block block{};                         /* without checksum, and without what no table holds */
     uint64_t explained = 0;                /* entries that are sound under it */
     std::string explained_text{};          /* "4 bricks, 64 inodes, 255 extents" */
-    bool is_contested = false;             /* entries are sound that are not so under it */
+    bool is_contested = false;             /* other entries may be sound, those of an older cache */
     Certainty certainty = Certainty::none; /* of the layout */
     std::vector<NumberReading> numbers{};
 };

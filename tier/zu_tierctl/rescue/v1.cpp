@@ -38,13 +38,14 @@ SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vec
     add_area_sizes(numbers, super, &readings);
 
     SuperReading reading{.layout = &layout};
+    reading.is_contested = numbers.extents_certainty != Certainty::certain;
     uint64_t extents = 0;
     if (any) {
         const ExtentTrace &trace = *numbers.extents;
         const uint64_t strange = strange_extents(numbers);
         const uint64_t samples = std::max<uint64_t>(trace.samples.size(), 1);
         extents = trace.sound - trace.in_use * strange / samples;
-        reading.is_contested = numbers.is_contested || strange != 0;
+        reading.is_contested = reading.is_contested || strange != 0;
     }
     reading.explained = numbers.explained + extents;
     reading.explained_text = fmt::format("{}, {} extents", numbers.explained_text, extents);

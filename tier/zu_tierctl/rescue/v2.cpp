@@ -215,9 +215,8 @@ SuperReading read_v2(const tier_layout &layout, Remains &remains, const std::vec
     add_area_sizes(numbers, super, &readings);
 
     SuperReading reading{.layout = &layout};
-    reading.is_contested =
-        numbers.is_contested ||
-        (numbers.extents != nullptr && splits.explained < numbers.extents->samples.size());
+    reading.is_contested = numbers.extents_certainty != Certainty::certain ||
+                           splits.explained < numbers.extents->samples.size();
     const uint64_t expansion = facts.expansion ? facts.expansion->found : 0;
     reading.explained = numbers.explained + splits.extents + expansion;
     reading.explained_text =
