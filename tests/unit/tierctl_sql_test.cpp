@@ -1,6 +1,7 @@
 // The tables of SQL follow from those of the registered layouts, whatever these are.
 
 #include "fourth_layout.h"
+#include "v1_device.h"
 #include "zu_tierctl/entry/metadata.h"
 #include "zu_tierctl/sql/database.h"
 
@@ -58,24 +59,49 @@ TEST(SqlTables, RowsOfAnotherLayout)
     const tierctl::Block super_block = read_super(device);
     Metadata metadata = make_metadata(DEPOT_LAYOUT, super_block, device);
     devices.push_back({image.path(), std::move(device), std::move(metadata)});
+    SlotCaches caches(devices.size());
     for (const auto &[name, count] : {std::pair<std::string, std::uint64_t>{"super", 1},
                                       {"shelf", DEPOT.shelf_cnt},
                                       {"box", DEPOT.box_blocks * 511}}) {
         const SqlTable &table = *find_sql_table(tables, name);
         EXPECT_EQ(count_rows(devices, table), count);
-        const auto rows = make_entry_rows(devices, table, {});
+        const auto rows = make_entry_rows(devices, table, caches, {});
         std::uint64_t found = 0;
         while (rows->next())
             found++;
         EXPECT_EQ(found, count);
         EXPECT_FALSE(rows->next());
     }
-    const auto rows =
-        make_entry_rows(devices, *find_sql_table(tables, "box"), {.first = 510, .last = 514});
+    const auto rows = make_entry_rows(devices, *find_sql_table(tables, "box"), caches,
+                                      {.first = 510, .last = 514});
     std::vector<std::int64_t> ids;
     while (rows->next())
         ids.push_back(rows->id() & 0xFFFF);
     EXPECT_EQ(ids, (std::vector<std::int64_t>{510, 511, 513, 514})); // 512 is a head
+}
+
+// Slots that are asked for again and again are those of the device, whatever was kept.
+TEST(SqlTables, SlotsAreKept)
+{
+    constexpr std::uint32_t INODES = 200;
+    std::vector<InodeV1> inodes;
+    for (std::uint32_t no = 0; no < INODES; ++no)
+        inodes.push_back(inode_used(no, 0));
+    SuperV1 sb = super_v1(1, INODES, 1);
+    tier_test::Device image = make_v1_device(sb, {brick_used(0)}, inodes);
+    image.truncate(static_cast<std::uint64_t>(inode_offset(sb, INODES)));
+    const tierctl::Device device(image.path(), Access::read_only);
+    const Metadata metadata = read_metadata(device);
+    const Table &table = find_table(metadata.tables, "inode");
+    for (const std::size_t memory : {std::size_t{0}, std::size_t{9'000}, std::size_t{1} << 20}) {
+        SlotCache cache(device, table, memory);
+        std::array<std::uint8_t, BLOCK_SIZE> slot{};
+        for (std::uint32_t turn = 0; turn < 1000; ++turn) {
+            const std::uint32_t no = turn * 77 % INODES;
+            ASSERT_TRUE(cache.read(table.regions[0], 0, no, slot.data()));
+            EXPECT_EQ(get_u32(slot, 68), no) << memory;
+        }
+    }
 }
 
 TEST(SqlTables, NamesAndTexts)

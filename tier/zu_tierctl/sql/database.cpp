@@ -299,7 +299,7 @@ bool Query::next()
     return result == SQLITE_ROW;
 }
 
-Database::Database(const SqlDevices &devices)
+Database::Database(const SqlDevices &devices) : caches_(devices.size())
 {
     for (SqlTable &table : make_sql_tables(tier_layouts())) {
         auto source = std::make_unique<Source>();
@@ -307,8 +307,8 @@ Database::Database(const SqlDevices &devices)
         source->columns = table.columns;
         source->rows = count_rows(devices, table);
         source->is_keyed = devices.size() == 1 && !table.is_parts;
-        source->make_rows = [&devices, table = std::move(table)](const RowRange &range) {
-            return make_entry_rows(devices, table, range);
+        source->make_rows = [this, &devices, table = std::move(table)](const RowRange &range) {
+            return make_entry_rows(devices, table, caches_, range);
         };
         sources_.push_back(std::move(source));
     }

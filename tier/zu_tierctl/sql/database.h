@@ -58,6 +58,7 @@ public:
     struct Source;
 
 private:
+    SlotCaches caches_;
     std::vector<std::unique_ptr<Source>> sources_;
     sqlite3 *db_ = nullptr;
 };

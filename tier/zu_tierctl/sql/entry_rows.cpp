@@ -29,8 +29,9 @@ std::string unquoted(std::string text)
 
 class EntryRows : public Rows {
 public:
-    EntryRows(const SqlDevices &devices, const SqlTable &sql_table, RowRange range)
-        : devices_(devices), sql_table_(sql_table), range_(std::move(range)),
+    EntryRows(const SqlDevices &devices, const SqlTable &sql_table, SlotCaches &caches,
+              RowRange range)
+        : devices_(devices), sql_table_(sql_table), caches_(caches), range_(std::move(range)),
           device_(devices.begin()), next_device_(devices.begin())
     {
     }
@@ -151,14 +152,36 @@ private:
         return true;
     }
 
+    /* Makes slot `no` of a region, which begins with slot `begin`, the next run. */
+    void read_single(const tier_region &region, uint64_t begin, uint64_t no)
+    {
+        SlotCache &cache = caches_.of(device_->device, *table_);
+        const bool is_read = cache.read(region, begin, no, single_.data());
+        single_run_ = {.first_no = 0,
+                       .count = 1,
+                       .offset = region.slot(no - begin),
+                       .data = is_read ? single_.data() : nullptr,
+                       .error = 0};
+    }
+
     bool next_run()
     {
-        while (!reader_ || !reader_->next(&slots_)) {
+        while (!take_single() && (!reader_ || !reader_->next(&slots_))) {
             reader_.reset();
             if (!next_region()) {
                 return false;
             }
         }
+        return true;
+    }
+
+    bool take_single()
+    {
+        if (!single_run_) {
+            return false;
+        }
+        slots_ = *single_run_;
+        single_run_.reset();
         return true;
     }
 
@@ -183,8 +206,12 @@ private:
                 continue;
             }
             base_ = first;
-            wanted_[0] = {region.slot(first - begin), last - first + 1};
-            reader_.emplace(device_->device, wanted_);
+            if (first == last) {
+                read_single(region, begin, first);
+            } else {
+                wanted_[0] = {region.slot(first - begin), last - first + 1};
+                reader_.emplace(device_->device, wanted_);
+            }
             return true;
         }
     }
@@ -260,6 +287,7 @@ private:
 
     const SqlDevices &devices_;
     const SqlTable &sql_table_;
+    SlotCaches &caches_;
     const RowRange range_;
 
     SqlDevices::const_iterator device_;
@@ -274,6 +302,8 @@ private:
     std::array<tier_region, 1> wanted_{}; /* what is read of a region */
     uint64_t base_ = 0;                   /* number of its first slot */
     std::optional<TableReader> reader_;
+    alignas(uint64_t) std::array<uint8_t, SIZE_4K> single_{}; /* a slot that is read by itself */
+    std::optional<Slots> single_run_;
     Slots slots_{};
     bool is_in_run_ = false;
     uint64_t slot_ = 0; /* of the run */
@@ -290,9 +320,9 @@ private:
 } // namespace
 
 std::unique_ptr<Rows> make_entry_rows(const SqlDevices &devices, const SqlTable &table,
-                                      RowRange range)
+                                      SlotCaches &caches, RowRange range)
 {
-    return std::make_unique<EntryRows>(devices, table, std::move(range));
+    return std::make_unique<EntryRows>(devices, table, caches, std::move(range));
 }
 
 uint64_t count_rows(const SqlDevices &devices, const SqlTable &sql_table)

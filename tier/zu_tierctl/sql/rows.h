@@ -3,6 +3,7 @@
 #include "zu_tierctl/device/device.h"
 #include "zu_tierctl/entry/metadata.h"
 #include "zu_tierctl/sql/schema.h"
+#include "zu_tierctl/sql/slot_cache.h"
 
 #include <cstdint>
 #include <limits>
@@ -53,7 +54,7 @@ public:
 
 /* The entries or the pieces of a table: each slot that lies on its device has rows. */
 std::unique_ptr<Rows> make_entry_rows(const SqlDevices &devices, const SqlTable &table,
-                                      RowRange range);
+                                      SlotCaches &caches, RowRange range);
 
 /* Rows that there are about. */
 uint64_t count_rows(const SqlDevices &devices, const SqlTable &table);

@@ -27,8 +27,8 @@ constexpr uint64_t PATHS_MAX = 4096;
 constexpr std::string_view NOT_DESCRIBED =
     "not described: the super block does not tell where their pieces are";
 
-/* The tables from the one with data to the one that refers to no other: extent, shard, inode,
- * brick. Throws when the layout has none like this. */
+/* The tables from the one that refers to no other to the one with data: brick, inode, shard,
+ * extent. Throws when the layout has none like this. */
 std::vector<const Table *> data_chain(const Metadata &metadata)
 {
     std::vector<const Table *> chain;
@@ -44,6 +44,7 @@ std::vector<const Table *> data_chain(const Metadata &metadata)
         throw std::runtime_error(
             fmt::format("layout {} does not tell what is cached of files", metadata.layout->name));
     }
+    std::ranges::reverse(chain);
     return chain;
 }
 
@@ -68,10 +69,9 @@ const tier_column *column_of_type(const tier_columns &columns, tier_column_type 
 class UsageReader {
 public:
     UsageReader(const Device &device, const Metadata &metadata)
-        : device_(device), metadata_(metadata), chain_(data_chain(metadata)),
-          owners_(*chain_.back()), files_(*chain_[chain_.size() - 2]), data_(*chain_.front()),
-          file_columns_(files_.row->fields()), owner_columns_(owners_.row->fields()),
-          size_(column_of_key(file_columns_, "size")),
+        : device_(device), metadata_(metadata), chain_(data_chain(metadata)), owners_(*chain_[0]),
+          files_(*chain_[1]), data_(*chain_.back()), file_columns_(files_.row->fields()),
+          owner_columns_(owners_.row->fields()), size_(column_of_key(file_columns_, "size")),
           changed_(column_of_key(file_columns_, "mtime")),
           identity_(column_of_type(file_columns_, tier_column_type::uuid)),
           path_(column_of_type(owner_columns_, tier_column_type::text))
@@ -93,8 +93,8 @@ public:
         usage_.block_size = data.block_size(metadata_.super());
         usage_.is_bound = data.bounded;
         usage_.file_count = files_.entries();
-        for (auto table = chain_.rbegin(); table != chain_.rend(); ++table) {
-            read(**table);
+        for (const Table *table : chain_) {
+            read(*table);
         }
         finish();
         return std::move(usage_);
