@@ -514,6 +514,25 @@ TEST(Sql, HostileSuperBlocks)
     }
 }
 
+// What a check finds is kept in memory: too much of it is refused.
+TEST(Sql, TooManyFindings)
+{
+    SuperV3 sb = super_v3(1, 1);
+    sb.extent_cnt = 257 * SLOTS_V3;
+    set_geometry(sb);
+    ExtentBlockV3 odd; // every second extent is dirty and free
+    for (std::uint32_t slot = 0; slot < SLOTS_V3; slot += 2)
+        odd.extents.push_back({.slot = slot, .dirty = 1, .in_use = 0});
+    Device device = make_v3_device(sb);
+    const Block block = encode(odd);
+    for (std::uint64_t no = 0; no < 257; ++no)
+        put_block(device, extent_offset(sb, no), block);
+    expect_complaint(run_sql({device.path(), "select count(*) from finding"}), 1,
+                     device.path() + " has more than 65536 findings: ask zu_tierctl check");
+    EXPECT_EQ(value_of(device, "select count(*) from extent where dirty and not in_use"),
+              257 * 256);
+}
+
 // What a database file holds, by the library itself.
 class DatabaseFile {
 public:
