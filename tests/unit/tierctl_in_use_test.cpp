@@ -110,4 +110,60 @@ TEST_F(InUse, BySwapAndProcesses)
               "swap, process 7 (mke2fs), process 8 (\"odd\\x1b\")");
 }
 
+// Whether a file system lies on a device. That of the tests stands for one on 7:3, or on what is
+// built on it.
+class StoredOn : public InUse {
+protected:
+    void SetUp() override
+    {
+        struct stat status {};
+        ASSERT_EQ(stat(root.path("").c_str(), &status), 0);
+        here = std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev));
+    }
+
+    bool is_stored(const std::string &device) const
+    {
+        return tierctl::is_stored_on(root.path(""), device, root.path(""));
+    }
+    std::string below(const std::string &name) const { return "sys/dev/block/" + name; }
+
+    std::string here;
+};
+
+TEST_F(StoredOn, AnImageThatALoopDeviceHas)
+{
+    const std::string image = root.write("image", "");
+    EXPECT_FALSE(is_stored(image));
+    lay(below(here) + "/loop/backing_file", image + "\n");
+    EXPECT_TRUE(is_stored(image));
+    EXPECT_FALSE(is_stored(root.write("other", "")));
+}
+
+TEST_F(StoredOn, VolumesAndPartitions)
+{
+    const std::string image = root.write("image", "");
+    lay(below(here) + "/slaves/dm-3/dev", "253:3\n");
+    lay(below(here) + "/slaves/none/dev", "?\n");
+    lay(below("253:3") + "/partition", "1\n");
+    EXPECT_FALSE(is_stored(image));
+    lay(below("dev"), "7:3\n"); // that of the disk, one above its partition
+    lay(below("7:3") + "/loop/backing_file", image + "\n");
+    EXPECT_TRUE(is_stored(image));
+}
+
+TEST_F(StoredOn, MountsThatNameTheirDevice)
+{
+    struct stat status {};
+    if (stat("/dev/loop0", &status) != 0 || !S_ISBLK(status.st_mode))
+        GTEST_SKIP() << "no loop device";
+    EXPECT_FALSE(is_stored("/dev/loop0"));
+    lay("proc/self/mountinfo", "25 1 0:99 / /other rw - btrfs /dev/loop0 rw\n26 1 " + here +
+                                   " / /a rw - btrfs /dev/nothing rw\n27 1 " + here +
+                                   " / /b rw - btrfs none rw\n");
+    EXPECT_FALSE(is_stored("/dev/loop0"));
+    lay("proc/self/mountinfo", "26 1 " + here + " / /a rw - btrfs /dev/loop0 rw\n");
+    EXPECT_TRUE(is_stored("/dev/loop0"));
+    EXPECT_FALSE(is_stored(root.path("nothing")));
+}
+
 } // namespace
