@@ -438,6 +438,28 @@ TEST_F(SalvageManifests, NotIntoTheDevice)
     EXPECT_EQ(std::distance(fs::directory_iterator(into), {}), 1);
 }
 
+// A file system that lies in the image, after the data of the cache.
+TEST_F(SalvageManifests, NotOntoTheDevice)
+{
+    const std::uint64_t offset = round_up(device.size(), MIB);
+    device.truncate(offset + 8 * MIB);
+    fs::create_directory(into);
+    const std::string make =
+        text("mkfs.ext4 -q -F -E offset=%lu %s 8M && mount -o loop,offset=%lu "
+             "%s %s",
+             offset, device.path().c_str(), offset, device.path().c_str(), into.c_str());
+    if (run_program("/bin/sh", {"-c", make}).status != 0)
+        GTEST_SKIP() << "no right to mount a file system";
+    const std::string target = into + "/new";
+    const RunResult refused = run_ctl({"salvage", device.path(), target});
+    const bool is_there = fs::exists(target);
+    EXPECT_EQ(run_program("/bin/sh", {"-c", "umount " + into}).status, 0);
+    expect_complaint(refused, 1,
+                     target + " lies on " + device.path() +
+                         ": what is salvaged would be written over it");
+    EXPECT_FALSE(is_there);
+}
+
 TEST_F(SalvageManifests, Help)
 {
     const RunResult help = run_ctl({"salvage", "--help"});
