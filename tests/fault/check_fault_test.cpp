@@ -34,11 +34,10 @@ protected:
     RunResult check(const std::string &faults, std::vector<std::string> args = {}) const
     {
         const std::string trace = device.directory().write("trace", "");
-        const std::string bricks = text("pread@%ld+4096#1", brick_offset(sb, 0));
+        const std::string way = way_faults(GetParam(), "check", brick_offset(sb, 0));
         RunOptions options;
-        options.environment = {
-            {"LD_PRELOAD", ZUTR_FAULTS_LIB},
-            {"ZUTR_FAULTS", "trace:" + trace + ";" + way_faults(GetParam(), bricks) + faults}};
+        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
+                               {"ZUTR_FAULTS", "trace:" + trace + ";" + way + faults}};
         args.insert(args.begin(), {"check", device.path()});
         return run_program(ZU_TIERCTL, args, options);
     }

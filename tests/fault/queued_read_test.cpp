@@ -44,10 +44,11 @@ protected:
 
     RunResult run(const std::vector<std::string> &args, const std::string &faults) const
     {
+        const std::string first = slow_first_chunk(args.front(), brick_offset(sb, 0));
         RunOptions options;
-        options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
-                               {"ZUTR_FAULTS", "trace:" + traces.write("trace", "") +
-                                                   ";pread@4096+4096#2-5=late:110;" + faults}};
+        options.environment = {
+            {"LD_PRELOAD", ZUTR_FAULTS_LIB},
+            {"ZUTR_FAULTS", "trace:" + traces.write("trace", "") + ";" + first + faults}};
         return run_program(ZU_TIERCTL, args, options);
     }
     std::vector<std::string> taken() const { return lines_of(traces.read("trace")); }
@@ -86,6 +87,28 @@ TEST_F(QueuedReads, FailedAndShortReads)
     for (const char *fault : {"=EIO", "=EINVAL", "#1=EINTR", "#4=EAGAIN", "#4-=EOPNOTSUPP",
                               "=short:0", "#1=short:512", "#12-=short:8192"})
         expect_saved(std::string("aio") + fault);
+}
+
+// What the commands show does not depend on how they read, nor on a queued read that fails.
+TEST_F(QueuedReads, EveryReadInTurn)
+{
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{"check", "--all", "--json", device.path()},
+          {"diff", device.path(), device.path()}}) {
+        SCOPED_TRACE(args.front());
+        const RunResult plain = run(args, "io_setup=EPERM;");
+        EXPECT_EQ(plain.err, "");
+        std::size_t turn = 1;
+        for (bool is_taken = true; is_taken; ++turn) {
+            const char *effect = turn % 2 == 0 ? "EIO" : "short:512";
+            const RunResult queued = run(args, text("aio#%lu=%s", turn, effect));
+            EXPECT_EQ(queued.status, plain.status) << queued;
+            EXPECT_TRUE(queued.out == plain.out) << turn;
+            EXPECT_EQ(queued.err, "");
+            is_taken = traces.read("trace").find("aio(") != std::string::npos;
+        }
+        EXPECT_GT(turn, 12U);
+    }
 }
 
 TEST_F(QueuedReads, LateReads)

@@ -11,13 +11,23 @@ namespace tier_test {
 
 enum class ReadingWay { plain, queued };
 
-// Faults to stand before those of a test. `first_chunk` is a read of the first chunk of a table, as
-// an item without its effect: when it takes long, those after it are queued.
-inline std::string way_faults(ReadingWay way, const std::string &first_chunk)
+// The fault that makes a command queue its reads: that of the first chunk of a table takes long.
+// `bricks` is where these lie.
+inline std::string slow_first_chunk(const std::string &command, std::int64_t bricks)
 {
-    if (way == ReadingWay::plain)
-        return "io_setup=EPERM;";
-    return first_chunk + "=late:110;io_setup=pass;";
+    // These two read the super block once for each device, or twice, before they read it as a
+    // table.
+    const std::string chunk = command == "save"   ? "pread@4096+4096#2"
+                              : command == "diff" ? "pread@4096+4096#5"
+                                                  : text("pread@%ld+4096#1", bricks);
+    return chunk + "=late:210;";
+}
+
+// Faults to stand before those of a test.
+inline std::string way_faults(ReadingWay way, const std::string &command, std::int64_t bricks)
+{
+    return way == ReadingWay::plain ? "io_setup=EPERM;"
+                                    : slow_first_chunk(command, bricks) + "io_setup=pass;";
 }
 
 // Whether a trace shows that reads were queued.

@@ -255,7 +255,7 @@ TEST(ReadQueue, OpensWhenItIsWorthIt)
         tierctl::QueuedRead read;
         EXPECT_FALSE(queue.start(read, 0, nullptr, 4096, 0));
         EXPECT_FALSE(queue.wait(read));
-        for (int i = 0; i < 100; ++i)
+        for (int i = 0; i < 200; ++i)
             queue.add_plain_read(milliseconds(1));
         const bool is_open = queue.is_open(0); // the kernel may refuse it
         EXPECT_EQ(queue.is_open(0), is_open);

@@ -10,7 +10,7 @@ namespace {
 constexpr int IN_FLIGHT_MAX = 32; /* of all readers of a thread */
 
 /* Of all reads of chunks: several times what the kernel takes to clear up. */
-constexpr ReadQueue::Seconds WORTH_OPENING = std::chrono::milliseconds(100);
+constexpr ReadQueue::Seconds WORTH_OPENING = std::chrono::milliseconds(200);
 
 } // namespace
 
