@@ -217,7 +217,7 @@ TableReader::TableReader(const Device &device, std::span<const tier_region> regi
 TableReader::~TableReader()
 {
     for (; completed_ < begun_; completed_++) {
-        Chunk &chunk = chunks_[completed_ % buffers_];
+        const Chunk &chunk = chunks_[completed_ % buffers_];
         if (chunk.is_queued) {
             ReadQueue::of_this_thread().wait(chunk.read);
         }

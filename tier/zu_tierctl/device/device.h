@@ -159,8 +159,7 @@ private:
     uint64_t chunks_to_begin() const;
     /* Makes it the next of these: there must be one. */
     void place_next(Chunk &chunk);
-    /* Completes the first chunk that was begun; false, with the reason in errno, when not all of it
-     * can be read. */
+    /* Completes the first chunk that was begun; false when not all of it can be read. */
     bool complete(Chunk &chunk);
 
     const Device &device_;

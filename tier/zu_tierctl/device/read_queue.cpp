@@ -49,7 +49,7 @@ bool ReadQueue::start(QueuedRead &read, int fd, void *data, size_t length, int64
     return context_ != nullptr && io_submit(context_, 1, &request) == 1;
 }
 
-bool ReadQueue::wait(QueuedRead &read)
+bool ReadQueue::wait(const QueuedRead &read)
 {
     while (!read.done && context_ != nullptr) {
         take_done();

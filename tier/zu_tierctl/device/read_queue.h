@@ -41,7 +41,7 @@ public:
     bool start(QueuedRead &read, int fd, void *data, size_t length, int64_t offset);
 
     /* Waits for a read that was started. True when all of it was read. */
-    bool wait(QueuedRead &read);
+    bool wait(const QueuedRead &read);
 
 private:
     /* Marks the next reads that are done. */
