@@ -4,6 +4,19 @@ BUILD_PACKAGES=(g++ make cmake pkg-config libcjson-dev uuid-dev libblkid-dev lib
     libcli11-dev libfmt-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev)
 TEST_PACKAGES=(libgtest-dev libpugixml-dev mount e2fsprogs gddrescue nodejs tzdata zstd)
 
+# as_root COMMAND...
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+        return
+    fi
+    command -v sudo >/dev/null || {
+        echo "Neither root nor sudo here; please install them and start again." >&2
+        exit 1
+    }
+    sudo "$@"
+}
+
 # install_packages NAME...: says which of the packages are missing and installs them.
 install_packages() {
     local missing=() name
@@ -13,16 +26,8 @@ install_packages() {
     done
     [ "${#missing[@]}" -eq 0 ] && return
     echo "Installing missing Debian packages: ${missing[*]}"
-    local as_root=()
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || {
-            echo "Neither root nor sudo here; please install them and start again." >&2
-            exit 1
-        }
-        as_root=(sudo)
-    fi
-    "${as_root[@]}" apt-get update -qq
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    as_root apt-get update -qq
+    as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
