@@ -8,8 +8,14 @@ cd "$(dirname "$0")/.."
 . scripts/shards.sh
 
 dpkg --print-foreign-architectures | grep -qx arm64 || as_root dpkg --add-architecture arm64
-install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" g++-aarch64-linux-gnu qemu-user-static \
-    {libblkid,libcjson,libfmt,libgtest,libpugixml,uuid}-dev:arm64
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" g++-aarch64-linux-gnu qemu-user-static
+# The same libraries, but for those of headers alone, which suit every architecture.
+libraries=()
+for name in "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"; do
+    [[ $name == *-dev ]] || continue
+    dpkg-query -W -f='${Architecture}\n' "$name" | grep -qx all || libraries+=("$name:arm64")
+done
+install_packages "${libraries[@]}"
 
 step "Build"
 cmake --preset release >/dev/null
