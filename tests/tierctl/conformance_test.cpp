@@ -43,6 +43,7 @@ const std::vector<Command> COMMANDS{
     {{"revert", "saved", "device", "inode", "2"}, "NO"},
     {{"revert", "--commit", "saved", "device", "inode", "2"}, "NO", 1, 0, true, true},
     {{"domain", "--all", "device"}, "DEVICE"},
+    {{"export", "--node", "n1", "device", OUT}, "DIR", 1, 0, false},
     {{"salvage", "device", OUT}, "DIR", 1, 0, false},
     {.args = {"rescue", "device"}, .last = "DEVICE", .rescues = true},
     {{"diff", "saved", "device"}, "B", 2, 1},

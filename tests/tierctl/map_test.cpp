@@ -60,8 +60,11 @@ TEST_F(Map, TheLegendShowsTheLooksOfCells)
             shown[entry.node().child("span").next_sibling().value()] =
                 cells[0].node().attribute("class").value();
     }
-    const std::map<std::string, std::string> looks = {
-        {"free", "u0"}, {"finding", "f"}, {"damaged", "x"}, {"unreadable", "q"}};
+    const std::map<std::string, std::string> looks = {{"dirty: not written back", "d"},
+                                                      {"free", "u0"},
+                                                      {"finding", "f"},
+                                                      {"damaged", "x"},
+                                                      {"unreadable", "q"}};
     EXPECT_EQ(shown, looks);
 }
 

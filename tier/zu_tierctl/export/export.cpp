@@ -69,8 +69,10 @@ private:
         while (more) {
             ZSTD_outBuffer out = {out_.data(), out_.size(), 0};
             const size_t left = require(ZSTD_compressStream2(stream_.get(), &out, &in, directive));
-            file_.write(length_, out_.data(), out.pos);
-            length_ += static_cast<int64_t>(out.pos);
+            if (out.pos != 0) {
+                file_.write(length_, out_.data(), out.pos);
+                length_ += static_cast<int64_t>(out.pos);
+            }
             more = directive == ZSTD_e_end ? left != 0 : in.pos < in.size;
         }
     }

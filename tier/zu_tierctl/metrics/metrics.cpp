@@ -123,6 +123,9 @@ void add_usage(const Usage &usage, Metrics &metrics)
 /* A name that was meant for something else is not taken away from it. */
 void refuse_other(const std::string &file)
 {
+    if (file.empty()) {
+        throw UsageError("--metrics takes the name of a file");
+    }
     const Fd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (fd.get() < 0 && errno == ENOENT) {
         return;
