@@ -18,7 +18,8 @@ constexpr const char EXPORT_FOOTER[] =
     "\n"
     "Example:\n"
     "  zu_tierctl export /dev/nvme0n1 /srv/fleet --node $(hostname)\n"
-    "  duckdb -c \"select node, count(*) from '/srv/fleet/table=inode/*/*.zst' group by node\"";
+    "  duckdb -c \"select node, count(*) from read_ndjson('/srv/fleet/table=inode/*/*.zst')\n"
+    "           group by node\"";
 
 } // namespace
 
