@@ -21,6 +21,7 @@ struct Database::Source {
     uint64_t rows = 1000; /* about */
     size_t devices = 1;
     bool is_keyed = false; /* no two rows have the same number */
+    std::string filled{};  /* the columns that are not NULL in all rows, as SQL */
 };
 
 namespace {
@@ -264,6 +265,34 @@ void require(int result, sqlite3 *db)
     }
 }
 
+/* "\"device\", \"no\"" */
+std::string select_list(const std::vector<SqlColumn> &columns)
+{
+    std::string text;
+    for (const SqlColumn &column : columns) {
+        text += text.empty() ? "" : ", ";
+        text += sql_name(column.name);
+    }
+    return text;
+}
+
+/* The columns that the layout of a device has. */
+std::vector<SqlColumn> filled_columns(const SqlDevices &devices, const SqlTable &table)
+{
+    std::vector<SqlColumn> filled;
+    for (size_t i = 0; i < table.columns.size(); i++) {
+        const bool is_filled =
+            i < BASE_COLUMNS || std::ranges::any_of(devices, [&](const SqlDevice &device) {
+                const LayoutTable *layout = table.of(*device.metadata.layout);
+                return layout != nullptr && layout->sources[i - BASE_COLUMNS].from != From::nowhere;
+            });
+        if (is_filled) {
+            filled.push_back(table.columns[i]);
+        }
+    }
+    return filled;
+}
+
 constexpr const char OUT[] = "out"; /* the file, as a database */
 
 } // namespace
@@ -307,14 +336,20 @@ Database::Database(const SqlDevices &devices) : caches_(devices.size())
         source->columns = table.columns;
         source->rows = count_rows(devices, table);
         source->is_keyed = devices.size() == 1 && !table.is_parts;
+        source->filled = select_list(filled_columns(devices, table));
         source->make_rows = [this, &devices, table = std::move(table)](const RowRange &range) {
             return make_entry_rows(devices, table, caches_, range);
         };
         sources_.push_back(std::move(source));
     }
-    sources_.push_back(std::make_unique<Source>(
-        Source{"finding", finding_columns(),
-               [&devices](const RowRange &range) { return make_finding_rows(devices, range); }}));
+    auto findings = std::make_unique<Source>();
+    findings->name = "finding";
+    findings->columns = finding_columns();
+    findings->filled = select_list(findings->columns);
+    findings->make_rows = [&devices](const RowRange &range) {
+        return make_finding_rows(devices, range);
+    };
+    sources_.push_back(std::move(findings));
     try {
         require(
             sqlite3_open_v2(":memory:", &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
@@ -374,7 +409,8 @@ void Database::write_to(const std::string &path)
         const std::string name = sql_name(source->name);
         run(fmt::format("CREATE TABLE {}.{}{}", OUT, name,
                         declaration(source->columns, source->is_keyed ? "no" : "")));
-        run(fmt::format("INSERT INTO {0}.{1} SELECT * FROM main.{1}", OUT, name));
+        run(fmt::format("INSERT INTO {0}.{1} ({2}) SELECT {2} FROM main.{1}", OUT, name,
+                        source->filled));
         for (const SqlColumn &column : source->columns) {
             if (column.is_owner || (column.name == "no" && !source->is_keyed)) {
                 run(fmt::format("CREATE INDEX {0}.{1} ON {2} ({3}) WHERE {3} IS NOT NULL", OUT,
