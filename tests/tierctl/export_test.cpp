@@ -87,10 +87,10 @@ TEST_F(Export, NamesOfNodes)
 {
     const Cache cache = make_cache("v1");
     for (const std::string &node : {std::string(), std::string(".."), std::string("../n1"),
-                                    std::string("a=b"), std::string("n 1"), std::string(254, 'x')})
+                                    std::string("a=b"), std::string("n 1"), std::string(251, 'x')})
         EXPECT_EQ(run(cache.device.path(), node).status, 2) << node;
     EXPECT_FALSE(fs::exists(fleet));
-    EXPECT_EQ(run(cache.device.path(), std::string(253, 'x')).status, 0);
+    EXPECT_EQ(run(cache.device.path(), std::string(250, 'x')).status, 0);
     EXPECT_EQ(run(cache.device.path(), "node-1.example_x").status, 0);
 }
 

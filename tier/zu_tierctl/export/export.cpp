@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr size_t NODE_MAX = 253; /* of the name of a host */
+constexpr size_t NODE_MAX = 250; /* with "node=" before it it must be the name of a file */
 
 /* Compresses what is written to a new file. */
 class ZstdFile {
