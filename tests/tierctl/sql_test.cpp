@@ -616,6 +616,18 @@ TEST_F(SqlFile, ExistingFilesStay)
     EXPECT_EQ(read_file(file), "mine");
 }
 
+TEST_F(SqlFile, AnInterruptLeavesNothing)
+{
+    const TempDir images;
+    const std::string image = images.path("v3.img");
+    ASSERT_EQ(run_ctl({"sample", "--layout", "v3", "--extents", "1048576", image}).status, 0);
+    const RunResult run =
+        run_program("/bin/sh", {"-c", "timeout --preserve-status -s INT 0.3 " + ZU_TIERCTL +
+                                          " sql --into " + file + " " + image + "; echo $?"});
+    EXPECT_EQ(run.out, "130\n") << run;
+    EXPECT_EQ(names_in(directory), std::vector<std::string>{});
+}
+
 TEST_F(SqlFile, FullDisk)
 {
     const Device device = WorldV1().device();
