@@ -227,22 +227,25 @@ std::vector<dev_t> devices_below(dev_t number, const fs::path &root)
     return devices;
 }
 
-/* Whether a device is, or is built on, another or on a loop device of the file `image`. */
-bool is_built_on(dev_t device, dev_t other, const std::string &image, const fs::path &root)
+/* Whether a device is a loop device of the file `image`. */
+bool is_loop_of(dev_t device, const std::string &image, const fs::path &root)
 {
     const fs::path directory = root / BLOCK_DEVICES / number_text(device);
-    if (device == other || line_of(directory / "loop/backing_file") == image) {
-        return true;
-    }
+    return line_of(directory / "loop/backing_file") == image;
+}
+
+/* What a device is built on, of a partition the whole disk. */
+std::vector<dev_t> devices_under(dev_t device, const fs::path &root)
+{
+    const fs::path directory = root / BLOCK_DEVICES / number_text(device);
     std::vector<fs::path> below = paths_in(directory / "slaves");
     std::error_code error;
     if (fs::exists(directory / "partition", error)) {
-        below.push_back(directory / ".."); /* the whole disk */
+        below.push_back(directory / "..");
     }
-    return std::ranges::any_of(below, [&](const fs::path &path) {
-        const dev_t number = number_in(path);
-        return number != 0 && is_built_on(number, other, image, root);
-    });
+    std::vector<dev_t> devices(below.size());
+    std::ranges::transform(below, devices.begin(), number_in);
+    return devices;
 }
 
 } // namespace
@@ -255,9 +258,18 @@ bool is_stored_on(const std::string &path, const std::string &device, const std:
         return false; /* nor can it be written to */
     }
     const dev_t other = S_ISBLK(status.st_mode) ? status.st_rdev : 0;
-    const std::vector<dev_t> devices = devices_below(directory.st_dev, root);
-    return std::ranges::any_of(
-        devices, [&](dev_t below) { return is_built_on(below, other, device, root); });
+    std::vector<dev_t> devices = devices_below(directory.st_dev, root);
+    for (size_t i = 0; i < devices.size(); i++) {
+        if (devices[i] == other || is_loop_of(devices[i], device, root)) {
+            return true;
+        }
+        for (const dev_t below : devices_under(devices[i], root)) {
+            if (below != 0 && std::ranges::find(devices, below) == devices.end()) {
+                devices.push_back(below);
+            }
+        }
+    }
+    return false;
 }
 
 std::string users_text(dev_t device, const std::string &root)

@@ -47,19 +47,33 @@ std::vector<Segment> Copier::copy(const DataPiece &piece)
     return std::move(segments_);
 }
 
-/* Reads whole blocks, and where that fails one by one. */
+/* Reads the run at once, and where that fails block by block. */
 void Copier::copy_run(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length)
 {
-    const uint64_t blocks = (length + SIZE_4K - 1) / SIZE_4K * SIZE_4K;
-    if (device_.read(static_cast<int64_t>(tier_add(piece.start, at)), buffer_.get(), blocks)) {
-        add(at, length, write(piece, file, at, length) ? Outcome::copied : Outcome::unplaced);
-    } else if (length > SIZE_4K) {
-        for (uint64_t done = 0; done < length; done += SIZE_4K) {
-            copy_run(piece, file, at + done, std::min<uint64_t>(SIZE_4K, length - done));
-        }
-    } else {
-        add(at, length, Outcome::unreadable);
+    if (read(piece, at, length)) {
+        put(piece, file, at, length);
+        return;
     }
+    for (const uint64_t end = at + length; at < end; at += SIZE_4K) {
+        const uint64_t block = std::min<uint64_t>(SIZE_4K, end - at);
+        if (read(piece, at, block)) {
+            put(piece, file, at, block);
+        } else {
+            add(at, block, Outcome::unreadable);
+        }
+    }
+}
+
+/* Reads whole blocks. */
+bool Copier::read(const DataPiece &piece, uint64_t at, uint64_t length)
+{
+    const uint64_t blocks = (length + SIZE_4K - 1) / SIZE_4K * SIZE_4K;
+    return device_.read(static_cast<int64_t>(tier_add(piece.start, at)), buffer_.get(), blocks);
+}
+
+void Copier::put(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length)
+{
+    add(at, length, write(piece, file, at, length) ? Outcome::copied : Outcome::unplaced);
 }
 
 /* False when no file can have bytes there. */

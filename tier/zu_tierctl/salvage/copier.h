@@ -22,6 +22,8 @@ public:
 
 private:
     void copy_run(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length);
+    bool read(const DataPiece &piece, uint64_t at, uint64_t length);
+    void put(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length);
     bool write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length);
     void add(uint64_t at, uint64_t length, Outcome outcome);
     void grow(const Fd &file, uint64_t size);
