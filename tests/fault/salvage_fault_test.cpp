@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // Of so many moments about this many are tried.
-constexpr std::size_t MOMENTS = 7;
+constexpr std::size_t MOMENTS = 5;
 
 class SalvageFaults : public testing::TestWithParam<std::string> {
 protected:

@@ -128,7 +128,6 @@ TEST_P(SalvageLayouts, OfOneBrickOrInode)
                        "--inode " + wrong + ": expected a number or a uuid", 2);
 }
 
-// Of the tables lies nothing but the super block where the mapfile says so.
 TEST_P(SalvageLayouts, WhatBelongsToDamagedEntries)
 {
     const HeldPiece some = *std::ranges::find(held, false, &HeldPiece::clean);
@@ -173,18 +172,18 @@ TEST_P(SalvageLayouts, WhatDamagedExtentsHoldIsNotKnown)
     expect_tree(expected_tree(dirty(held_pieces(device, layout, {{"extent", slot}}))));
 }
 
-TEST_P(SalvageLayouts, ShardsThatAreDamaged)
+TEST_F(Salvage, ShardsThatAreDamaged)
 {
-    if (layout != "v3")
-        GTEST_SKIP() << "only v3 has shards";
-    std::vector<std::string> args = small_sample(layout);
+    const Device device = make_sample(small_sample("v3"), "v3");
+    const std::vector<HeldPiece> held = held_pieces(device, "v3");
+    std::vector<std::string> args = small_sample("v3");
     args.insert(args.end(), {"--damage", "shard:0"});
-    std::vector<HeldPiece> pieces = held_pieces(device, layout, {{"shard", 0}});
+    std::vector<HeldPiece> pieces = held_pieces(device, "v3", {{"shard", 0}});
     for (std::size_t i = 0; i < pieces.size(); ++i) {
         EXPECT_TRUE(pieces[i].file.starts_with("unknown/shard-"));
         pieces[i].uuid = held[i].uuid;
     }
-    expect_complete(make_sample(args, layout), {}, dirty(pieces));
+    expect_complete(make_sample(args, "v3"), {}, dirty(pieces));
 }
 
 // A directory may be there, if it is empty.

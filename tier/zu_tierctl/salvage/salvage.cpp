@@ -22,7 +22,7 @@ namespace tierctl {
 
 namespace {
 
-constexpr size_t COPIERS = 4;
+constexpr size_t COPIERS = 8;
 
 /* What is synced at once: the end of a batch waits for the disk. */
 constexpr uint64_t BATCH_BYTES = uint64_t{128} << 20;
