@@ -209,6 +209,26 @@ TEST_P(Mapfiles, WhatIsNotFinishedCannotBeRead)
     EXPECT_NE(template_of.err.find("not finished in the mapfile"), std::string::npos)
         << template_of;
 
+    const RunResult used = run_ctl({"usage", "--json", copy.path(), "--mapfile", map});
+    EXPECT_EQ(used.status, 1) << used;
+    EXPECT_NE(used.out.find(R"("table":"inode","why":"unreadable","no":2,"last":2)"),
+              std::string::npos)
+        << used;
+
+    const std::string query = "select no from inode where state = 'unreadable'";
+    const RunResult asked = run_ctl({"sql", "--csv", copy.path(), query, "--mapfile", map});
+    EXPECT_EQ(asked.out, "no\n2\n") << asked;
+    const RunResult two = run_ctl({"sql", copy.path(), copy.path(), query, "--mapfile", map});
+    expect_complaint(two, 2, "--mapfile is for one DEVICE");
+
+    const std::string fleet = directory.path("fleet");
+    const RunResult exported =
+        run_ctl({"export", "--node", "n", copy.path(), fleet, "--mapfile", map});
+    EXPECT_EQ(exported.status, 0) << exported;
+    const RunResult rows =
+        run_program("/usr/bin/zstd", {"-dc", fleet + "/table=inode/node=n/part-0.ndjson.zst"});
+    EXPECT_NE(rows.out.find("\"state\":\"unreadable\""), std::string::npos) << rows;
+
     const std::string saved = directory.path("saved");
     const std::string written = directory.path("written");
     const RunResult save =
