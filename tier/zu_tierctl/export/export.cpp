@@ -99,7 +99,7 @@ void require_node(const std::string &node)
 void make_directory(const fs::path &directory)
 {
     std::error_code error;
-    fs::create_directories(directory, error);
+    fs::create_directory(directory, error);
     if (error) {
         throw std::runtime_error(
             fmt::format("cannot create {}: {}", directory.string(), error.message()));
@@ -116,10 +116,13 @@ void export_tables(const ExportOptions &options)
                                              .mapfile = options.mapfile});
     Database database(devices);
     std::list<ZstdFile> files;
+    make_directory(options.directory);
     for (const std::string &table : database.tables()) {
-        const fs::path directory =
-            fs::path(options.directory) / ("table=" + table) / ("node=" + options.node);
-        make_directory(directory);
+        fs::path directory = options.directory;
+        for (const std::string &name : {"table=" + table, "node=" + options.node}) {
+            directory /= name;
+            make_directory(directory);
+        }
         ZstdFile &file = files.emplace_back(directory / "part-0.ndjson.zst");
         Query rows = database.ask("select * from " + sql_name(table));
         while (rows.next()) {
