@@ -46,7 +46,7 @@ void Lines::add(TextStyle style, std::string_view text)
             column_ = 1;
         }
         if (colours_ && style != style_) {
-            text_.append("\x1b[0").append(*style != '\0' ? ";" : "").append(style) += 'm';
+            text_.append("\x1b[0").append(style.empty() ? "" : ";").append(style) += 'm';
             style_ = style;
         }
         text_ += byte;

@@ -9,7 +9,7 @@ namespace tierctl {
 
 /* Text for a terminal: lines of a given width, colours, bars. */
 
-using TextStyle = const char *; /* parameters of its escape sequence */
+using TextStyle = std::string_view; /* parameters of its escape sequence */
 
 inline constexpr TextStyle PLAIN = "";
 inline constexpr TextStyle BOLD = "1";

@@ -234,7 +234,7 @@ private:
             line += is_right ? text : space;
         }
         line.erase(line.find_last_not_of(' ') + 1);
-        print_text(*style == '\0' ? line : fmt::format("\x1b[{}m{}\x1b[0m", style, line));
+        print_text(style.empty() ? line : fmt::format("\x1b[{}m{}\x1b[0m", style, line));
         print_text("\n");
     }
 
