@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <stdlib.h>
 #include <system_error>
+#include <vector>
 
 namespace tier_test {
 
@@ -45,7 +45,12 @@ std::string read_file(const std::string &path)
     std::ifstream file(path, std::ios::binary);
     if (!file)
         throw std::system_error(errno, std::generic_category(), path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string content;
+    std::vector<char> piece(std::size_t{1} << 20); // by the byte an image takes long
+    while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) ||
+           file.gcount() != 0)
+        content.append(piece.data(), static_cast<std::size_t>(file.gcount()));
+    return content;
 }
 
 } // namespace tier_test
