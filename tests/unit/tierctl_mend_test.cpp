@@ -24,8 +24,8 @@ namespace {
 
 constexpr std::size_t PAIRS_MAX = 371; // covered bytes in which two bits are found
 
-// Flips of each kind in each record, of which there are twenty: 200,000 of each kind. The figures of
-// docs/reliability.md are those of a million.
+// Flips of each kind in each record, of which there are twenty: 200,000 of each kind. The figures
+// of docs/reliability.md are those of a million.
 std::size_t rounds()
 {
     const char *chosen = std::getenv("ZU_TIER_FLIPS");

@@ -127,12 +127,12 @@ TEST(MapfileStretches, AreWrittenWithoutGaps)
     writer.finish();
     const std::size_t head = map.find("pass\n") + 5;
     EXPECT_EQ(map.substr(head), "0x00000000     ?               1\n"
-                                 "#      pos        size  status\n"
-                                 "0x00000000  0x00000064  ?\n"
-                                 "0x00000064  0x00000064  +\n"
-                                 "0x000000c8  0x00000064  -\n"
-                                 "0x0000012c  0x000021fc  ?\n"
-                                 "0x00002328  0x000003e8  +\n");
+                                "#      pos        size  status\n"
+                                "0x00000000  0x00000064  ?\n"
+                                "0x00000064  0x00000064  +\n"
+                                "0x000000c8  0x00000064  -\n"
+                                "0x0000012c  0x000021fc  ?\n"
+                                "0x00002328  0x000003e8  +\n");
 }
 
 } // namespace
