@@ -11,7 +11,7 @@ namespace tierctl {
 
 using TextStyle = std::string_view; /* parameters of its escape sequence */
 
-inline constexpr TextStyle PLAIN = "";
+inline constexpr TextStyle PLAIN{};
 inline constexpr TextStyle BOLD = "1";
 inline constexpr TextStyle DIM = "2";
 inline constexpr TextStyle USE = "36";
