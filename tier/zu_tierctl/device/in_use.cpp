@@ -107,7 +107,7 @@ dev_t number_in(const fs::path &directory)
     unsigned int major = 0;
     unsigned int minor = 0;
     char colon = 0;
-    return text >> major >> colon >> minor ? makedev(major, minor) : 0;
+    return (text >> major >> colon >> minor) ? makedev(major, minor) : 0;
 }
 
 /* The device and its partitions. */
