@@ -21,7 +21,7 @@ LAST = {"tierctl_tests": "*", "unit_tests": "TimeZones*"}
 
 # Of a test executable and of each program that it starts. Images are sparse files; what a wrong
 # tool writes without end is bounded by what it leaves of the memory and the disk.
-FILE_SIZE = 80 << 30
+FILE_SIZE = 16 << 40
 ADDRESS_SPACE = 6 << 30
 CPU_SECONDS = 300
 MEMORY_LEFT = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") // 5
