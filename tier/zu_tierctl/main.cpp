@@ -2,7 +2,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/output.h"
-#include "zu_tierctl/entry/table.h"
+#include "zu_tierctl/subcommand.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -14,7 +14,6 @@ namespace tierctl {
 
 namespace {
 
-constexpr int STATUS_FAILURE = 1;
 constexpr int STATUS_USAGE = 2;
 constexpr int STATUS_UNREAD = 128 + SIGPIPE; /* as a shell shows a program that the signal ended */
 
@@ -24,33 +23,17 @@ int fail(const std::exception &error, int status)
     return status;
 }
 
-template <void (*Add)(CLI::App &)>
-void without_status(CLI::App &app, int *)
-{
-    Add(app);
-}
-
 struct Command {
     std::string_view name;
-    void (*add)(CLI::App &app, int *status);
+    void (*add)(Subcommand &command);
 };
 
 constexpr Command COMMANDS[] = {
-    {"apply", without_status<add_apply>},
-    {"check", add_check},
-    {"diff", add_diff},
-    {"domain", add_domain},
-    {"export", without_status<add_export>},
-    {"map", without_status<add_map>},
-    {"plan", without_status<add_plan>},
-    {"rescue", add_rescue},
-    {"revert", without_status<add_revert>},
-    {"salvage", add_salvage},
-    {"sample", without_status<add_sample>},
-    {"save", add_save},
-    {"sql", without_status<add_sql>},
-    {"template", without_status<add_template>},
-    {"undo", without_status<add_undo>},
+    {"apply", add_apply},     {"check", add_check},       {"diff", add_diff},
+    {"domain", add_domain},   {"export", add_export},     {"map", add_map},
+    {"plan", add_plan},       {"rescue", add_rescue},     {"revert", add_revert},
+    {"salvage", add_salvage}, {"sample", add_sample},     {"save", add_save},
+    {"sql", add_sql},         {"template", add_template}, {"undo", add_undo},
     {"usage", add_usage},
 };
 
@@ -62,7 +45,8 @@ void add_commands(CLI::App &app, std::string_view first, int *status)
     const bool only_one = std::ranges::any_of(COMMANDS, is_named);
     for (const Command &command : COMMANDS) {
         if (!only_one || is_named(command)) {
-            command.add(app, status);
+            Subcommand added(app, std::string(command.name), status);
+            command.add(added);
         }
     }
 }
@@ -91,41 +75,6 @@ int run(int argc, char *argv[], int *status)
 }
 
 } // namespace
-
-void add_operand(CLI::App &command, const char *name, std::string &value, const std::string &help)
-{
-    command.add_option(name, value, help)->type_name("")->required();
-}
-
-void add_entry_operands(CLI::App &command, std::string &table, std::string &numbers)
-{
-    add_operand(command, "TABLE", table,
-                tables_text() + ";\nan inode may lie in the expansion area; of shard,\n"
-                                "hot and the extent of v3 an entry is a block");
-    command
-        .add_option("NO", numbers,
-                    "Number of the entry, 0 for the super block; several\n"
-                    "as in 3,7,9..12. Octal after 0, hexadecimal after 0x\n"
-                    "Instead of TABLE NO, extent:1542 names the block in\n"
-                    "which extent 1542 is")
-        ->type_name("");
-}
-
-void add_super_option(CLI::App &command, std::string &value)
-{
-    constexpr const char HELP[] =
-        "Where the super block is lost: take that of FILE, a device, image or\n"
-        "saved file, its block alone, or a repair file for it";
-    command.add_option("--super", value, HELP)->type_name("FILE");
-}
-
-void add_mapfile_option(CLI::App &command, std::string &value)
-{
-    constexpr const char HELP[] =
-        "DEVICE is a copy that ddrescue has made with this mapfile: what that\n"
-        "does not call finished cannot be read";
-    command.add_option("--mapfile", value, HELP)->type_name("MAP");
-}
 
 void require_one_device(const std::string &super_file, const std::string &mapfile, size_t devices)
 {

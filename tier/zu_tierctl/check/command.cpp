@@ -2,8 +2,8 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/entry/table.h"
 #include "zu_tierctl/metrics/metrics.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,48 +33,39 @@ constexpr const char CHECK_FOOTER[] =
 
 } // namespace
 
-void add_check(CLI::App &app, int *status)
+void add_check(Subcommand &command)
 {
     const auto options = std::make_shared<CheckOptions>();
     const auto metrics = std::make_shared<std::optional<std::string>>();
-    CLI::App *command =
-        app.add_subcommand("check", "Check the metadata of a device, without changing it");
-    command->footer(CHECK_FOOTER);
-    command->get_formatter()->column_width(32);
-    add_operand(*command, "DEVICE", options->device, "Device, or image of one, to check");
-    command->add_flag("--json", options->json, "Report as JSON, not as text");
-    command->add_flag_callback(
+    command.describe("Check the metadata of a device, without changing it", CHECK_FOOTER);
+    command.widen();
+    command.operand("DEVICE", options->device, "Device, or image of one, to check");
+    command.flag("--json", options->json, "Report as JSON, not as text");
+    command.flag(
         "--all", [options] { options->detail = Detail::each; },
         "Each finding by itself: those that say the same of\n"
         "neighbouring entries are one by default");
-    command
-        ->add_flag_callback(
-            "--summary", [options] { options->detail = Detail::summary; },
-            "Only how many of each kind, and from where to where")
-        ->excludes("--all");
-    command->add_flag("--live", options->live,
-                      "DEVICE is in use: check three times, some seconds\n"
-                      "apart, and report only what stays");
-    CLI::Option *tables =
-        command
-            ->add_option("--table", options->tables,
-                         "Report on this table only; may be repeated\n" + tables_text())
-            ->type_name("TABLE")
-            ->allow_extra_args(false);
-    command
-        ->add_option("--metrics", *metrics,
-                     "Also write what was found, and the bytes that were\n"
-                     "not written back, to FILE as OpenMetrics text")
-        ->type_name("FILE")
-        ->excludes(tables);
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options, metrics, status] {
-        *status = STATUS_NOT_CHECKED; /* if it throws */
+    command.flag(
+        "--summary", [options] { options->detail = Detail::summary; },
+        "Only how many of each kind, and from where to where");
+    command.exclude("--summary", {"--all"});
+    command.flag("--live", options->live,
+                 "DEVICE is in use: check three times, some seconds\n"
+                 "apart, and report only what stays");
+    command.option("--table", "TABLE", options->tables,
+                   "Report on this table only; may be repeated\n" + tables_text());
+    command.option("--metrics", "FILE", *metrics,
+                   "Also write what was found, and the bytes that were\n"
+                   "not written back, to FILE as OpenMetrics text");
+    command.exclude("--metrics", {"--table"});
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    const auto run = [options, metrics] {
         const bool fine =
             metrics->has_value() ? check_with_metrics(*options, **metrics) : check(*options);
-        *status = fine ? 0 : STATUS_FINDINGS;
-    });
+        return fine ? 0 : STATUS_FINDINGS;
+    };
+    command.run(run, STATUS_NOT_CHECKED);
 }
 
 } // namespace tierctl

@@ -1,8 +1,8 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/diff/diff.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
@@ -45,25 +45,21 @@ struct DiffOptions {
 
 } // namespace
 
-void add_diff(CLI::App &app, int *status)
+void add_diff(Subcommand &command)
 {
     const auto options = std::make_shared<DiffOptions>();
-    CLI::App *command =
-        app.add_subcommand("diff", "Show which entries of two devices or saved files differ");
-    command->footer(DIFF_FOOTER);
-    add_operand(*command, "A", options->a, "Block device, image or saved file");
-    add_operand(*command, "B", options->b, "The same; both are only read");
-    command->add_flag("--json", options->json, "JSON lines: one for each difference");
-    command->add_flag("--all", options->all,
-                      "Each entry by itself: neighbours that differ alike are\n"
-                      "shown as one by default");
-    command
-        ->add_flag("--summary", options->summary,
-                   "Only how many differ in each table, and from where to where")
-        ->excludes("--all");
-    add_super_option(*command, options->super_file);
-    command->callback([options, status] {
-        *status = STATUS_TROUBLE; /* if it throws */
+    command.describe("Show which entries of two devices or saved files differ", DIFF_FOOTER);
+    command.operand("A", options->a, "Block device, image or saved file");
+    command.operand("B", options->b, "The same; both are only read");
+    command.flag("--json", options->json, "JSON lines: one for each difference");
+    command.flag("--all", options->all,
+                 "Each entry by itself: neighbours that differ alike are\n"
+                 "shown as one by default");
+    command.flag("--summary", options->summary,
+                 "Only how many differ in each table, and from where to where");
+    command.exclude("--summary", {"--all"});
+    command.super_option(options->super_file);
+    const auto run = [options] {
         const auto report = options->summary ? make_summary_report(options->json)
                             : options->json  ? make_json_report()
                                              : make_text_report();
@@ -71,8 +67,9 @@ void add_diff(CLI::App &app, int *status)
             diff(options->a, options->b, *report, options->super_file, !options->all);
         report->finish();
         finish_output();
-        *status = equal ? 0 : STATUS_DIFFERENT;
-    });
+        return equal ? 0 : STATUS_DIFFERENT;
+    };
+    command.run(run, STATUS_TROUBLE);
 }
 
 } // namespace tierctl

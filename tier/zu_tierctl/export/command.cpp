@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/export/export.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 
 namespace tierctl {
@@ -23,19 +23,20 @@ constexpr const char EXPORT_FOOTER[] =
 
 } // namespace
 
-void add_export(CLI::App &app)
+void add_export(Subcommand &command)
 {
     const auto options = std::make_shared<ExportOptions>();
-    CLI::App *command = app.add_subcommand("export", EXPORT_DESCRIPTION);
-    command->footer(EXPORT_FOOTER);
-    add_operand(*command, "DEVICE", options->device, "Device, or image of one, only read");
-    add_operand(*command, "DIR", options->directory, "Directory of the fleet; created if missing");
-    command->add_option("--node", options->node, "Name of this node among the others")
-        ->type_name("NAME")
-        ->required();
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options] { export_tables(*options); });
+    command.describe(EXPORT_DESCRIPTION, EXPORT_FOOTER);
+    command.operand("DEVICE", options->device, "Device, or image of one, only read");
+    command.operand("DIR", options->directory, "Directory of the fleet; created if missing");
+    command.option("--node", "NAME", options->node, "Name of this node among the others");
+    command.require("--node");
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    command.run([options] {
+        export_tables(*options);
+        return 0;
+    });
 }
 
 } // namespace tierctl

@@ -2,9 +2,10 @@
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/map/map.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace tierctl {
@@ -31,7 +32,7 @@ constexpr const char MAP_FOOTER[] =
 
 struct MapOptions {
     std::string device;
-    std::string html;
+    std::optional<std::string> html;
     bool quick = false;
     std::string super_file;
     std::string plan_file;
@@ -40,8 +41,8 @@ struct MapOptions {
 
 void write_html(const MapOptions &options)
 {
-    refuse_existing(options.html);
-    NewFile file(options.html, Naming::new_name);
+    refuse_existing(*options.html);
+    NewFile file(*options.html, Naming::new_name);
     const std::string page = draw_page(read_map(
         options.device, [](uint64_t) { return HTML_CELLS_MAX; }, options.super_file, options.quick,
         options.plan_file, options.mapfile));
@@ -62,30 +63,26 @@ void print_map(const MapOptions &options)
 
 } // namespace
 
-void add_map(CLI::App &app)
+void add_map(Subcommand &command)
 {
     const auto options = std::make_shared<MapOptions>();
-    CLI::App *command = app.add_subcommand("map", MAP_DESCRIPTION);
-    command->footer(MAP_FOOTER);
-    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
-    const CLI::Option *html =
-        command->add_option("--html", options->html, "Draw a page into this new file instead")
-            ->type_name("FILE");
-    command->add_flag("--quick", options->quick,
-                      "Read once, with little memory: do not search for duplicates");
-    command
-        ->add_option("--plan", options->plan_file,
-                     "Show what this plan would change: cells of which it repairs all that\n"
-                     "is damaged or cannot be read are marked")
-        ->type_name("PLAN");
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options, html] {
-        if (html->empty()) {
-            print_map(*options);
-        } else {
+    command.describe(MAP_DESCRIPTION, MAP_FOOTER);
+    command.operand("DEVICE", options->device, "Block device or image, only read");
+    command.option("--html", "FILE", options->html, "Draw a page into this new file instead");
+    command.flag("--quick", options->quick,
+                 "Read once, with little memory: do not search for duplicates");
+    command.option("--plan", "PLAN", options->plan_file,
+                   "Show what this plan would change: cells of which it repairs all that\n"
+                   "is damaged or cannot be read are marked");
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    command.run([options] {
+        if (options->html) {
             write_html(*options);
+        } else {
+            print_map(*options);
         }
+        return 0;
     });
 }
 

@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/plan/apply.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 
 namespace tierctl {
@@ -23,24 +23,21 @@ constexpr const char APPLY_FOOTER[] =
 
 } // namespace
 
-void add_apply(CLI::App &app)
+void add_apply(Subcommand &command)
 {
     const auto options = std::make_shared<ApplyOptions>();
-    CLI::App *command = app.add_subcommand("apply", "Carry out the steps of a plan");
-    command->footer(APPLY_FOOTER);
-    add_operand(*command, "PLAN", options->plan, "Plan, as the command plan prints it");
-    add_operand(*command, "DEVICE", options->device,
-                "Block device or image; written only with --commit");
-    command
-        ->add_option("--undo", options->undo,
-                     "File to create, which leads back; or that of an earlier run of the\n"
-                     "same plan, which goes on")
-        ->type_name("FILE")
-        ->required();
-    command->add_flag("--commit", options->commit,
-                      "Write: a block device is opened for this program alone, and what was\n"
-                      "written is read back");
-    command->callback([options] { apply(*options); });
+    command.describe("Carry out the steps of a plan", APPLY_FOOTER);
+    command.operand("PLAN", options->plan, "Plan, as the command plan prints it");
+    command.operand("DEVICE", options->device, "Block device or image; written only with --commit");
+    command.option("--undo", "FILE", options->undo,
+                   "File to create, which leads back; or that of an earlier run of the\n"
+                   "same plan, which goes on");
+    command.require("--undo");
+    command.commit_flag(options->commit);
+    command.run([options] {
+        apply(*options);
+        return 0;
+    });
 }
 
 } // namespace tierctl

@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/plan/plan.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
@@ -31,27 +31,24 @@ constexpr const char PLAN_FOOTER[] =
 
 } // namespace
 
-void add_plan(CLI::App &app)
+void add_plan(Subcommand &command)
 {
     const auto options = std::make_shared<PlanOptions>();
     const auto only = std::make_shared<std::string>();
-    CLI::App *command = app.add_subcommand("plan", PLAN_DESCRIPTION);
-    command->footer(PLAN_FOOTER);
-    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
-    command
-        ->add_option("--from", options->saved,
-                     "Saved file of DEVICE, or an image of it, to copy entries from")
-        ->type_name("SAVED");
-    command->add_flag("--free-lost", options->free_lost,
-                      "Make extents and shards free whose owner does not exist, and what\n"
-                      "refers to these");
-    command->add_option("--only", *only, "Leave out the steps that are not certain")
-        ->check(CLI::IsMember({"certain"}))
-        ->type_name("CLASS");
+    command.describe(PLAN_DESCRIPTION, PLAN_FOOTER);
+    command.operand("DEVICE", options->device, "Block device or image, only read");
+    command.option("--from", "SAVED", options->saved,
+                   "Saved file of DEVICE, or an image of it, to copy entries from");
+    command.flag("--free-lost", options->free_lost,
+                 "Make extents and shards free whose owner does not exist, and what\n"
+                 "refers to these");
+    command.option("--only", "CLASS", *only, "Leave out the steps that are not certain");
+    command.limit("--only", {"certain"});
     options->release = ZU_TIER_RELEASE;
-    command->callback([options, only] {
+    command.run([options, only] {
         options->only_certain = !only->empty();
         plan(*options);
+        return 0;
     });
 }
 

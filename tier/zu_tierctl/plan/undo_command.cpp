@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/plan/undo.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 #include <utility>
@@ -24,33 +24,26 @@ constexpr const char UNDO_FOOTER[] =
 
 } // namespace
 
-void add_undo(CLI::App &app)
+void add_undo(Subcommand &command)
 {
     const auto options = std::make_shared<UndoOptions>();
-    const auto operands = std::make_shared<std::pair<std::string, std::string>>();
-    CLI::App *command = app.add_subcommand("undo", "Take an apply back");
-    command->footer(UNDO_FOOTER);
-    add_operand(*command, "FILE", options->file, "Undo file of the apply");
-    add_operand(*command, "DEVICE", options->device,
-                "Block device or image; written only with --commit");
-    CLI::Option *table =
-        command
-            ->add_option("TABLE", operands->first,
-                         "Only entries of this table, by their numbers; all without it")
-            ->type_name("");
-    command
-        ->add_option("NO", operands->second,
-                     "Number of an entry, or several as in 3,7,9..12. Instead of\n"
-                     "TABLE NO, extent:1542 names the block in which extent 1542 is")
-        ->type_name("");
-    command->add_flag("--commit", options->commit,
-                      "Write: a block device is opened for this program alone, and what was\n"
-                      "written is read back");
-    command->callback([options, operands, table] {
-        if (table->count() != 0) {
-            options->entries = read_operands(operands->first, operands->second);
+    const auto table = std::make_shared<std::optional<std::string>>();
+    const auto numbers = std::make_shared<std::optional<std::string>>();
+    command.describe("Take an apply back", UNDO_FOOTER);
+    command.operand("FILE", options->file, "Undo file of the apply");
+    command.operand("DEVICE", options->device, "Block device or image; written only with --commit");
+    command.operand("TABLE", *table,
+                    "Only entries of this table, by their numbers; all without it");
+    command.operand("NO", *numbers,
+                    "Number of an entry, or several as in 3,7,9..12. Instead of\n"
+                    "TABLE NO, extent:1542 names the block in which extent 1542 is");
+    command.commit_flag(options->commit);
+    command.run([options, table, numbers] {
+        if (table->has_value()) {
+            options->entries = read_operands(**table, numbers->value_or(""));
         }
         undo(*options);
+        return 0;
     });
 }
 

@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/rescue/rescue.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 
 namespace tierctl {
@@ -29,30 +29,23 @@ constexpr const char RESCUE_FOOTER[] =
 
 } // namespace
 
-void add_rescue(CLI::App &app, int *status)
+void add_rescue(Subcommand &command)
 {
     const auto options = std::make_shared<RescueOptions>();
-    CLI::App *command =
-        app.add_subcommand("rescue", "Print a repair file of a lost super block, from its tables");
-    command->footer(RESCUE_FOOTER);
-    command->get_formatter()->column_width(32);
-    add_operand(*command, "DEVICE", options->device, "Device, or image of one");
-    command->add_option("--uuid", options->uuid, "Identity of the cache")->type_name("UUID");
-    command->add_option("--ssd-uuid", options->ssd_uuid, "Identity of the SSD, 38 characters")
-        ->type_name("TEXT");
-    command
-        ->add_option("--ctime", options->ctime,
-                     "Time of creation: nanoseconds since the epoch,\n"
-                     "hexadecimal after 0x")
-        ->type_name("TIME");
-    command
-        ->add_option("--like", options->like,
-                     "What no table says comes from this device or saved\n"
-                     "file of the same layout and size; the identities only\n"
-                     "when it is of the same cache")
-        ->type_name("FILE");
-    command->add_flag("!--no-verify", options->verify, "Do not check the device under the result");
-    command->callback([options, status] { *status = rescue(*options) ? 0 : STATUS_INCOMPLETE; });
+    command.describe("Print a repair file of a lost super block, from its tables", RESCUE_FOOTER);
+    command.widen();
+    command.operand("DEVICE", options->device, "Device, or image of one");
+    command.option("--uuid", "UUID", options->uuid, "Identity of the cache");
+    command.option("--ssd-uuid", "TEXT", options->ssd_uuid, "Identity of the SSD, 38 characters");
+    command.option("--ctime", "TIME", options->ctime,
+                   "Time of creation: nanoseconds since the epoch,\n"
+                   "hexadecimal after 0x");
+    command.option("--like", "FILE", options->like,
+                   "What no table says comes from this device or saved\n"
+                   "file of the same layout and size; the identities only\n"
+                   "when it is of the same cache");
+    command.flag("!--no-verify", options->verify, "Do not check the device under the result");
+    command.run([options] { return rescue(*options) ? 0 : STATUS_INCOMPLETE; });
 }
 
 } // namespace tierctl

@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/revert/revert.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 #include <utility>
@@ -26,27 +26,24 @@ constexpr const char REVERT_FOOTER[] =
 
 } // namespace
 
-void add_revert(CLI::App &app)
+void add_revert(Subcommand &command)
 {
     const auto options = std::make_shared<RevertOptions>();
     const auto operands = std::make_shared<std::pair<std::string, std::string>>();
-    CLI::App *command = app.add_subcommand("revert", "Put entries back from a saved file");
-    command->footer(REVERT_FOOTER);
-    add_operand(*command, "SAVED", options->saved, "Saved file, or any image or device");
-    add_operand(*command, "DEVICE", options->device,
-                "Block device or image; written only with --commit");
-    add_entry_operands(*command, operands->first, operands->second);
-    command->add_flag("--commit", options->commit,
-                      "Write: a block device is opened for this program alone, and what was\n"
-                      "written is read back");
-    command->add_flag("--damaged", options->damaged,
-                      "Put an entry back that was damaged when it was saved, as it was");
-    command->add_flag("--other-device", options->other_device,
-                      "Put the super block back although DEVICE does not seem to be the device\n"
-                      "that was saved: it takes the identity of that one");
-    command->callback([options, operands] {
+    command.describe("Put entries back from a saved file", REVERT_FOOTER);
+    command.operand("SAVED", options->saved, "Saved file, or any image or device");
+    command.operand("DEVICE", options->device, "Block device or image; written only with --commit");
+    command.entry_operands(operands->first, operands->second);
+    command.commit_flag(options->commit);
+    command.flag("--damaged", options->damaged,
+                 "Put an entry back that was damaged when it was saved, as it was");
+    command.flag("--other-device", options->other_device,
+                 "Put the super block back although DEVICE does not seem to be the device\n"
+                 "that was saved: it takes the identity of that one");
+    command.run([options, operands] {
         options->entries = read_operands(operands->first, operands->second);
         revert(*options);
+        return 0;
     });
 }
 

@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/salvage/salvage.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 
 namespace tierctl {
@@ -23,29 +23,25 @@ constexpr const char SALVAGE_FOOTER[] =
 
 } // namespace
 
-void add_salvage(CLI::App &app, int *status)
+void add_salvage(Subcommand &command)
 {
     const auto options = std::make_shared<SalvageOptions>();
-    CLI::App *command =
-        app.add_subcommand("salvage", "Copy the data of files off a device that dies");
-    command->footer(SALVAGE_FOOTER);
-    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
-    add_operand(*command, "DIR", options->directory, "Directory to write to: new, or empty");
-    command->add_flag("--all", options->all, "Also what was written back");
-    command
-        ->add_flag_callback(
-            "--dirty", [options] { options->all = false; },
-            "Only what was not written back: the default")
-        ->excludes("--all");
-    command->add_option("--brick", options->brick, "Only files of this brick: its number or uuid")
-        ->type_name("BRICK");
-    command->add_option("--inode", options->inode, "Only this inode: its number or uuid")
-        ->type_name("INODE");
-    command->add_flag("--resume", options->resume,
-                      "Go on with the interrupted salvage in DIR; with the same options");
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options, status] { *status = salvage(*options) ? 0 : 1; });
+    command.describe("Copy the data of files off a device that dies", SALVAGE_FOOTER);
+    command.operand("DEVICE", options->device, "Block device or image, only read");
+    command.operand("DIR", options->directory, "Directory to write to: new, or empty");
+    command.flag("--all", options->all, "Also what was written back");
+    command.flag(
+        "--dirty", [options] { options->all = false; },
+        "Only what was not written back: the default");
+    command.exclude("--dirty", {"--all"});
+    command.option("--brick", "BRICK", options->brick,
+                   "Only files of this brick: its number or uuid");
+    command.option("--inode", "INODE", options->inode, "Only this inode: its number or uuid");
+    command.flag("--resume", options->resume,
+                 "Go on with the interrupted salvage in DIR; with the same options");
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    command.run([options] { return salvage(*options) ? 0 : 1; });
 }
 
 } // namespace tierctl

@@ -1,7 +1,7 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/salvage/domain.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 
 namespace tierctl {
@@ -23,31 +23,23 @@ constexpr const char DOMAIN_FOOTER[] =
 
 } // namespace
 
-void add_domain(CLI::App &app, int *status)
+void add_domain(Subcommand &command)
 {
-    constexpr std::pair<const char *, Domain> FLAGS[] = {
-        {"--metadata", Domain::metadata}, {"--dirty", Domain::dirty}, {"--all", Domain::all}};
-    constexpr const char *HELPS[] = {"Super block and tables: the default",
-                                     "These, and data that was not written back",
-                                     "These, and all data in use"};
     const auto options = std::make_shared<DomainOptions>();
-    CLI::App *command =
-        app.add_subcommand("domain", "Print what ddrescue is to copy of a device that dies");
-    command->footer(DOMAIN_FOOTER);
-    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
-    std::vector<CLI::Option *> flags;
-    for (size_t i = 0; i < std::size(FLAGS); i++) {
-        const auto &[name, domain] = FLAGS[i];
-        CLI::Option *flag = command->add_flag_callback(
-            name, [options, wanted = domain] { options->domain = wanted; }, HELPS[i]);
-        for (CLI::Option *other : flags) {
-            flag->excludes(other);
-        }
-        flags.push_back(flag);
-    }
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options, status] { *status = print_domain(*options) ? 0 : 1; });
+    const auto flag = [&](const char *name, Domain domain, const char *help) {
+        command.flag(
+            name, [options, domain] { options->domain = domain; }, help);
+    };
+    command.describe("Print what ddrescue is to copy of a device that dies", DOMAIN_FOOTER);
+    command.operand("DEVICE", options->device, "Block device or image, only read");
+    flag("--metadata", Domain::metadata, "Super block and tables: the default");
+    flag("--dirty", Domain::dirty, "These, and data that was not written back");
+    flag("--all", Domain::all, "These, and all data in use");
+    command.exclude("--dirty", {"--metadata"});
+    command.exclude("--all", {"--metadata", "--dirty"});
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    command.run([options] { return print_domain(*options) ? 0 : 1; });
 }
 
 } // namespace tierctl

@@ -1,8 +1,8 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/number.h"
 #include "zu_tierctl/sample/sample.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/core.h>
 #include <functional>
 #include <memory>
@@ -76,39 +76,40 @@ std::string seed_help()
                        SampleOptions{}.seed, SAMPLE_DATE);
 }
 
-/* Adds an option with a number. The library would read -1 as the largest number. */
-void add_number(CLI::App *command, const std::string &name,
-                const std::function<void(uint64_t)> &store, const std::string &help)
-{
-    const auto read = [name, store](const std::string &text) { store(read_number(name, text)); };
-    command->add_option_function<std::string>(name, read, help)->type_name("N");
-}
-
 } // namespace
 
-void add_sample(CLI::App &app)
+void add_sample(Subcommand &command)
 {
     const auto options = std::make_shared<SampleOptions>();
-    CLI::App *command = app.add_subcommand("sample", "Write the image of a sample device");
-    command->footer(SAMPLE_FOOTER);
-    command->get_formatter()->column_width(32);
-    add_operand(*command, "FILE", options->file, "File, or with --force block device, to write");
-    command->add_option("--layout", options->layout, layout_help())->type_name("NAME")->required();
-    const CLI::Option *for_conversion =
-        command->add_flag("--for-conversion", options->for_conversion, conversion_help());
+    /* The library would read -1 as the largest number. */
+    const auto number = [&](const char *name, const std::function<void(uint64_t)> &store,
+                            const std::string &help) {
+        const auto read = [name, store](const std::string &text) {
+            store(read_number(name, text));
+        };
+        command.option(name, "N", read, help);
+    };
+    command.describe("Write the image of a sample device", SAMPLE_FOOTER);
+    command.widen();
+    command.operand("FILE", options->file, "File, or with --force block device, to write");
+    command.option("--layout", "NAME", options->layout, layout_help());
+    command.require("--layout");
+    command.flag("--for-conversion", options->for_conversion, conversion_help());
     for (size_t i = 0; i < SIZES; i++) {
         const auto store = [options, i](uint64_t value) { options->sizes[i] = value; };
-        add_number(command, SIZE_OPTIONS[i].name, store, size_help(i));
+        number(SIZE_OPTIONS[i].name, store, size_help(i));
     }
     const auto store_seed = [options](uint64_t value) { options->seed = value; };
-    add_number(command, "--seed", store_seed, seed_help());
-    command->add_option("--damage", options->damage, DAMAGE_HELP)
-        ->type_name("TABLE:NO[:KIND]")
-        ->allow_extra_args(false);
-    command->add_flag("--data", options->data, DATA_HELP)->excludes(for_conversion->get_name());
-    command->add_flag("--force", options->force, "Replace FILE, or write to the block device");
-    command->add_flag("--overwrite-cache", options->overwrite_cache, OVERWRITE_HELP);
-    command->callback([options] { sample(*options); });
+    number("--seed", store_seed, seed_help());
+    command.option("--damage", "TABLE:NO[:KIND]", options->damage, DAMAGE_HELP);
+    command.flag("--data", options->data, DATA_HELP);
+    command.exclude("--data", {"--for-conversion"});
+    command.flag("--force", options->force, "Replace FILE, or write to the block device");
+    command.flag("--overwrite-cache", options->overwrite_cache, OVERWRITE_HELP);
+    command.run([options] {
+        sample(*options);
+        return 0;
+    });
 }
 
 } // namespace tierctl

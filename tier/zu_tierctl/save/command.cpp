@@ -2,8 +2,8 @@
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/unreadable.h"
 #include "zu_tierctl/save/save.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
@@ -26,25 +26,23 @@ constexpr const char SAVE_FOOTER[] =
 
 } // namespace
 
-void add_save(CLI::App &app, int *status)
+void add_save(Subcommand &command)
 {
     const auto options = std::make_shared<SaveOptions>();
-    CLI::App *command = app.add_subcommand("save", SAVE_DESCRIPTION);
-    command->footer(SAVE_FOOTER);
-    add_operand(*command, "DEVICE", options->device, "Block device or image, only read");
-    add_operand(*command, "FILE", options->file, "File to create");
-    command
-        ->add_option("--write-mapfile", options->new_mapfile,
-                     "Write a new mapfile for ddrescue: which blocks were read, which\n"
-                     "could not be, and that the rest has not been tried")
-        ->type_name("NEW");
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options, status] {
-        if (!save(*options)) {
-            complain(options->file + " is incomplete: see " + unreadable_path(options->file));
-            *status = 1;
+    command.describe(SAVE_DESCRIPTION, SAVE_FOOTER);
+    command.operand("DEVICE", options->device, "Block device or image, only read");
+    command.operand("FILE", options->file, "File to create");
+    command.option("--write-mapfile", "NEW", options->new_mapfile,
+                   "Write a new mapfile for ddrescue: which blocks were read, which\n"
+                   "could not be, and that the rest has not been tried");
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    command.run([options] {
+        if (save(*options)) {
+            return 0;
         }
+        complain(options->file + " is incomplete: see " + unreadable_path(options->file));
+        return 1;
     });
 }
 

@@ -1,8 +1,8 @@
 #include "zu_tierctl/commands.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/sql/sql.h"
+#include "zu_tierctl/subcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 
 namespace tierctl {
@@ -52,37 +52,32 @@ void run_sql(SqlCommand command)
 
 } // namespace
 
-void add_sql(CLI::App &app)
+void add_sql(Subcommand &command)
 {
     const auto sql = std::make_shared<SqlCommand>();
-    CLI::App *command = app.add_subcommand("sql", SQL_DESCRIPTION);
-    command->footer(SQL_FOOTER);
-    command
-        ->add_option("DEVICE", sql->options.devices,
-                     "Block devices or images, only read; then the QUERY, unless\n"
-                     "--into is given")
-        ->type_name("")
-        ->required();
-    const auto add_format = [&](const char *name, RowFormat format, const char *help) {
-        return command->add_flag_callback(
-            name, [sql, format] { sql->options.format = format; }, help);
+    const auto format = [&](const char *name, RowFormat chosen, const char *help) {
+        command.flag(
+            name, [sql, chosen] { sql->options.format = chosen; }, help);
     };
-    CLI::Option *json = add_format("--json", RowFormat::json, "Print an array of objects");
-    CLI::Option *ndjson = add_format("--ndjson", RowFormat::ndjson, "Print an object a line");
-    CLI::Option *csv = add_format("--csv", RowFormat::csv, "Print CSV, with a line of names");
-    ndjson->excludes(json);
-    csv->excludes(json)->excludes(ndjson);
-    command
-        ->add_option("--into", sql->file,
-                     "Write all tables into this new file, an SQLite database with\n"
-                     "indexes, instead of asking")
-        ->type_name("FILE")
-        ->excludes(json)
-        ->excludes(ndjson)
-        ->excludes(csv);
-    add_super_option(*command, sql->options.super_file);
-    add_mapfile_option(*command, sql->options.mapfile);
-    command->callback([sql] { run_sql(*sql); });
+    command.describe(SQL_DESCRIPTION, SQL_FOOTER);
+    command.operands("DEVICE", sql->options.devices,
+                     "Block devices or images, only read; then the QUERY, unless\n"
+                     "--into is given");
+    format("--json", RowFormat::json, "Print an array of objects");
+    format("--ndjson", RowFormat::ndjson, "Print an object a line");
+    format("--csv", RowFormat::csv, "Print CSV, with a line of names");
+    command.option("--into", "FILE", sql->file,
+                   "Write all tables into this new file, an SQLite database with\n"
+                   "indexes, instead of asking");
+    command.exclude("--ndjson", {"--json"});
+    command.exclude("--csv", {"--json", "--ndjson"});
+    command.exclude("--into", {"--json", "--ndjson", "--csv"});
+    command.super_option(sql->options.super_file);
+    command.mapfile_option(sql->options.mapfile);
+    command.run([sql] {
+        run_sql(*sql);
+        return 0;
+    });
 }
 
 } // namespace tierctl

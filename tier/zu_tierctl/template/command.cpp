@@ -5,9 +5,9 @@
 #include "zu_tierctl/device/new_file.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/entry/selection.h"
+#include "zu_tierctl/subcommand.h"
 #include "zu_tierctl/template/template.h"
 
-#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -144,33 +144,30 @@ void run(const TemplateOptions &options)
 
 } // namespace
 
-void add_template(CLI::App &app)
+void add_template(Subcommand &command)
 {
     const auto options = std::make_shared<TemplateOptions>();
-    CLI::App *command =
-        app.add_subcommand("template", "Print the repair file of an entry, ready to edit");
-    command->footer(TEMPLATE_FOOTER);
-    command->get_formatter()->column_width(32);
-    add_operand(*command, "DEVICE", options->device, "Device or image");
-    add_entry_operands(*command, options->table, options->numbers);
-    command
-        ->add_option("--into", options->into,
-                     "Write a new file for each entry into this directory,\n"
-                     "inode-7.json; made if there is none. Several entries\n"
-                     "need it")
-        ->type_name("DIR");
-    command->add_flag("--as-is", options->as_is,
-                      "Give a damaged entry as it stands. Without it the file\n"
-                      "has the entry mended where one or two flipped bits\n"
-                      "explain the damage");
-    command
-        ->add_option("--layout", options->layout,
-                     fmt::format("Layout of a super block that does not say so: {}",
-                                 fmt::join(layout_names(), ", ")))
-        ->type_name("NAME");
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options] { run(*options); });
+    command.describe("Print the repair file of an entry, ready to edit", TEMPLATE_FOOTER);
+    command.widen();
+    command.operand("DEVICE", options->device, "Device or image");
+    command.entry_operands(options->table, options->numbers);
+    command.option("--into", "DIR", options->into,
+                   "Write a new file for each entry into this directory,\n"
+                   "inode-7.json; made if there is none. Several entries\n"
+                   "need it");
+    command.flag("--as-is", options->as_is,
+                 "Give a damaged entry as it stands. Without it the file\n"
+                 "has the entry mended where one or two flipped bits\n"
+                 "explain the damage");
+    command.option("--layout", "NAME", options->layout,
+                   fmt::format("Layout of a super block that does not say so: {}",
+                               fmt::join(layout_names(), ", ")));
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    command.run([options] {
+        run(*options);
+        return 0;
+    });
 }
 
 } // namespace tierctl

@@ -3,13 +3,13 @@
 #include "zu_tierctl/device/number.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/text.h"
+#include "zu_tierctl/subcommand.h"
 #include "zu_tierctl/usage/usage.h"
 
-#include <CLI/CLI.hpp>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tierctl {
@@ -18,6 +18,9 @@ namespace {
 
 constexpr int STATUS_UNKNOWN = 1;
 constexpr int STATUS_NOT_READ = 2;
+
+constexpr std::pair<const char *, By> ROWS[] = {
+    {"brick", By::owner}, {"inode", By::file}, {"age", By::age}};
 
 constexpr const char USAGE_DESCRIPTION[] =
     "Sum up what is cached of files, and what was not written back";
@@ -42,6 +45,7 @@ constexpr const char USAGE_FOOTER[] =
 struct UsageOptions {
     std::vector<std::string> devices;
     UsageView view;
+    std::string by;
     std::string top;
     std::string file;
     bool json = false;
@@ -88,30 +92,27 @@ int print_usage(const UsageOptions &options)
 
 } // namespace
 
-void add_usage(CLI::App &app, int *status)
+void add_usage(Subcommand &command)
 {
     const auto options = std::make_shared<UsageOptions>();
-    CLI::App *command = app.add_subcommand("usage", USAGE_DESCRIPTION);
-    command->footer(USAGE_FOOTER);
-    command->add_option("DEVICE", options->devices, "Block devices or images, only read")
-        ->type_name("")
-        ->required();
-    command
-        ->add_option("--by", options->view.by,
-                     "What the rows are: brick (and the first files of each),\n"
-                     "inode (the first of all) or age")
-        ->type_name("brick|inode|age")
-        ->transform(CLI::Transformer(
-            std::map<std::string, By>{{"brick", By::owner}, {"inode", By::file}, {"age", By::age}}))
-        ->option_text("brick|inode|age");
-    command->add_option("--top", options->top, "So many files, of each brick or of all; default 10")
-        ->type_name("N");
-    command->add_option("--inode", options->file, "Only the file of this inode")->type_name("NO");
-    command->add_flag("--json", options->json, "Report as JSON, not as text");
-    add_super_option(*command, options->super_file);
-    add_mapfile_option(*command, options->mapfile);
-    command->callback([options, status] {
-        *status = STATUS_NOT_READ; /* if it throws */
+    command.describe(USAGE_DESCRIPTION, USAGE_FOOTER);
+    command.operands("DEVICE", options->devices, "Block devices or images, only read");
+    command.option("--by", "ROWS", options->by,
+                   "What the rows are: brick (and the first files of each),\n"
+                   "inode (the first of all) or age");
+    command.limit("--by", {"brick", "inode", "age"});
+    command.option("--top", "N", options->top,
+                   "So many files, of each brick or of all; default 10");
+    command.option("--inode", "NO", options->file, "Only the file of this inode");
+    command.flag("--json", options->json, "Report as JSON, not as text");
+    command.super_option(options->super_file);
+    command.mapfile_option(options->mapfile);
+    const auto run = [options] {
+        for (const auto &[name, rows] : ROWS) {
+            if (options->by == name) {
+                options->view.by = rows;
+            }
+        }
         if (!options->top.empty()) {
             options->view.top = read_number("--top", options->top);
         }
@@ -119,8 +120,9 @@ void add_usage(CLI::App &app, int *status)
             options->view.file = read_number("--inode", options->file);
         }
         require_one_device(options->super_file, options->mapfile, options->devices.size());
-        *status = print_usage(*options);
-    });
+        return print_usage(*options);
+    };
+    command.run(run, STATUS_NOT_READ);
 }
 
 } // namespace tierctl
