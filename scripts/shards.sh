@@ -20,7 +20,7 @@ sum() { { grep -oP "$1" "$2" || true; } | awk '{ sum += $1 } END { print sum + 0
 
 # run_tests TITLE PROGRAM...: runs the tests of GoogleTest programs, of which GTEST_FILTER may choose
 # some, on every processor and adds to the counts. A part that ends early counts as one failure. There
-# is one part more at work than there are processors: now and then one waits for the disk.
+# are two parts more at work than there are processors: many tests wait, for the disk or by intent.
 run_tests() {
     step "Test: $1"
     shift
@@ -28,7 +28,7 @@ run_tests() {
     results=$(mktemp -d)
     for program in "$@"; do
         for ((shard = 0; shard < shards; shard++)); do echo "$program $shard"; done
-    done | GTEST_TOTAL_SHARDS=$shards xargs -P "$(($(nproc) + 1))" -L 1 \
+    done | GTEST_TOTAL_SHARDS=$shards xargs -P "$(($(nproc) + 2))" -L 1 \
         bash -c 'run_shard "$@"' run_shard "$results"
     for program in "$@"; do
         for ((shard = 0; shard < shards; shard++)); do
