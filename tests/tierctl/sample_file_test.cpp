@@ -275,6 +275,18 @@ TEST_F(SampleOccupied, CachesWithoutTheMagicOfTheirSuperBlock)
                                "a cache whose super block is damaged:");
 }
 
+// All zero, as after a dd: the tables are what rescue needs.
+TEST_F(SampleOccupied, CachesWithoutASuperBlock)
+{
+    for (const std::string layout : {"v1", "v2", "v3"})
+        expect_refused_content({"/bin/sh", "-c",
+                                "\"$1\" sample --layout \"$2\" --force --blocks 2 \"$3\" && dd "
+                                "if=/dev/zero of=\"$3\" bs=4096 seek=1 count=1 conv=notrunc "
+                                "status=none",
+                                "sh", ZU_TIERCTL, layout, directory.path("disk")},
+                               "tables of a cache whose super block is lost:");
+}
+
 TEST_F(SampleOccupied, WhatTheLibraryRecognises)
 {
     const std::string disk = directory.path("disk");

@@ -4,6 +4,7 @@
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/entry/diagnosis.h"
 #include "zu_tierctl/entry/metadata.h"
+#include "zu_tierctl/rescue/survey.h"
 
 #include <algorithm>
 #include <blkid/blkid.h>
@@ -62,6 +63,16 @@ std::string recognised_content(int fd, const std::string &path)
     }
 }
 
+/* Whether there are entries of a table where each layout has some. */
+bool has_entries(const std::string &path)
+{
+    const Device device(path, Access::read_only);
+    const BlockReader blocks(device);
+    return std::ranges::any_of(tier_layouts(), [&blocks](const tier_layout *layout) {
+        return count_head(blocks, *layout) != 0;
+    });
+}
+
 } // namespace
 
 std::string valuable_content(int fd, const std::string &path)
@@ -75,8 +86,11 @@ std::string valuable_content(int fd, const std::string &path)
             return fmt::format("a cache of layout {}", layout->name);
         }
     }
-    return super_flaws(block).empty() ? recognised_content(fd, path)
-                                      : "a cache whose super block is damaged";
+    if (!super_flaws(block).empty()) {
+        return "a cache whose super block is damaged";
+    }
+    return has_entries(path) ? "tables of a cache whose super block is lost"
+                             : recognised_content(fd, path);
 }
 
 } // namespace tierctl
