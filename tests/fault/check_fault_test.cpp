@@ -142,7 +142,7 @@ TEST_P(CheckFaults, SuperBlock)
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "zu_tierctl: cannot read the super block of " + device.path() +
-                           ": Input/output error\n");
+                           ": Input/output error; what helps: " + super_ways(device.path()) + "\n");
 }
 
 TEST_P(CheckFaults, NoMemory)

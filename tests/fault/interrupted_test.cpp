@@ -276,7 +276,6 @@ TEST_F(Interrupted, AnExchangedDeviceIsRefused)
     const std::string errors = directory.path("errors");
     const std::vector<std::string> args{"-c", "exec \"$@\" 2>\"$0\"", errors, ZU_TIERCTL, "check",
                                         name};
-    const std::string complaint = "zu_tierctl: " + name;
     std::map<std::string, std::size_t> seen;
     std::size_t stop = 1;
     for (bool has_ended = false; !has_ended; stop += STEP) {
@@ -293,8 +292,8 @@ TEST_F(Interrupted, AnExchangedDeviceIsRefused)
         ++seen[read_file(errors)];
     }
     EXPECT_EQ(seen.size(), 2U) << testing::PrintToString(seen);
-    EXPECT_GT(seen[complaint + " is neither a regular file nor a block device\n"], 1U);
-    EXPECT_GT(seen[complaint + " has no super block of a known layout\n"], 1U);
+    EXPECT_GT(seen["zu_tierctl: " + name + " is neither a regular file nor a block device\n"], 1U);
+    EXPECT_GT(seen["zu_tierctl: " + no_super_block(name) + "\n"], 1U);
 }
 
 } // namespace

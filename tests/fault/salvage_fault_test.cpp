@@ -100,8 +100,9 @@ TEST_P(SalvageFaults, EachReadFailsOnce)
         SCOPED_TRACE(turn);
         const RunResult run = salvage("pread#" + std::to_string(turn) + "=EIO");
         if (turn == 1) {
-            EXPECT_EQ(run.err, "zu_tierctl: cannot read the super block of " + device.path() +
-                                   ": Input/output error\n");
+            EXPECT_EQ(run.err,
+                      "zu_tierctl: cannot read the super block of " + device.path() +
+                          ": Input/output error; what helps: " + super_ways(device.path()) + "\n");
             EXPECT_FALSE(fs::exists(into));
             return;
         }

@@ -113,7 +113,8 @@ TEST_P(SaveFaults, AllBlocksOfATableUnreadable)
 TEST_P(SaveFaults, SuperBlockThatCannotBeRead)
 {
     expect_failure("pread@4096+4096=EIO",
-                   "cannot read the super block of " + device.path() + ": Input/output error");
+                   "cannot read the super block of " + device.path() +
+                       ": Input/output error; what helps: " + super_ways(device.path()));
 }
 
 TEST_P(SaveFaults, NoMemory) { expect_failure("posix_memalign=ENOMEM", "std::bad_alloc"); }

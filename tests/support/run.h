@@ -60,6 +60,17 @@ LogLine settings_line(const Device &device, const std::string &command,
 // The lines of an output, without their ends.
 std::vector<std::string> lines_of(const std::string &text);
 
+// The commands that zu_tierctl names where a device has no super block, and what it says of one
+// that has none of a known layout.
+inline std::string super_ways(const std::string &path)
+{
+    return "zu_tierctl rescue " + path + ", or zu_tierctl revert SAVED " + path + " super 0";
+}
+inline std::string no_super_block(const std::string &path)
+{
+    return path + " has no super block of a known layout; what helps: " + super_ways(path);
+}
+
 std::ostream &operator<<(std::ostream &out, const RunResult &result);
 
 } // namespace tier_test

@@ -299,10 +299,9 @@ TEST(CheckCommand, JsonOfADeviceThatCannotBeChecked)
     EXPECT_EQ(error_of(check(device.path(), {"--table", "shard"}), device.path()),
               "there is no table shard, but super, brick, inode, extent");
     const Device empty(16 * BLOCK_SIZE);
-    EXPECT_EQ(error_of(check(empty.path()), empty.path()),
-              empty.path() + " has no super block of a known layout");
+    EXPECT_EQ(error_of(check(empty.path()), empty.path()), no_super_block(empty.path()));
     EXPECT_EQ(error_of(check(empty.path(), {"--live", "--summary"}), empty.path()),
-              empty.path() + " has no super block of a known layout");
+              no_super_block(empty.path()));
 }
 
 TEST(CheckCommand, LostOutputOfNoFindingsAndOfMany)

@@ -155,7 +155,7 @@ TEST_F(CheckMetrics, ADeviceThatCannotBeChecked)
 {
     const Device device(1 << 20); // without a super block
     const RunResult run = check(device.path());
-    expect_complaint(run, 2, device.path() + " has no super block of a known layout");
+    expect_complaint(run, 2, no_super_block(device.path()));
     const Samples found = samples(device.path());
     EXPECT_EQ(found.size(), 3U);
     EXPECT_EQ(found.at("zu_tier_check_success"), 0);

@@ -24,8 +24,8 @@ protected:
     {
         const std::string &path = cache.device.path();
         return path + " has a damaged super block of layout " + GetParam() + ": " + reasons +
-               "; what helps: zu_tierctl template " + path + " super 0" + option +
-               ", or zu_tierctl revert SAVED " + path + " super 0";
+               "; what helps: zu_tierctl template " + path + " super 0" + option + ", " +
+               super_ways(path);
     }
 
     void expect_said(const Block &block, const std::string &complaint)
@@ -154,7 +154,7 @@ TEST_P(Diagnosis, UnknownVersion)
 
 TEST_P(Diagnosis, BlocksThatResembleNone)
 {
-    const std::string none = cache.device.path() + " has no super block of a known layout";
+    const std::string none = no_super_block(cache.device.path());
     expect_said(Block{}, none);
     Block wrong = sound;
     put_u32(wrong, 4, ~get_u32(sound, 4));
@@ -178,8 +178,9 @@ TEST_P(Diagnosis, OfEveryCommand)
     expect_complaint(run_ctl({"revert", saved, path, "inode", "0"}), 1, said);
     expect_complaint(run_ctl({"diff", saved, path}), 2, said);
 
-    // Both commands that help do.
+    // All commands that help do.
     EXPECT_EQ(run_ctl({"template", path, "super", "0"}).status, 0);
+    EXPECT_EQ(run_ctl({"rescue", path}).status, 0);
     EXPECT_EQ(run_ctl({"revert", saved, path, "super", "0", "--commit"}).status, 0);
     EXPECT_EQ(cache.device.block(SUPER_OFFSET), sound);
 }

@@ -97,8 +97,7 @@ TEST_F(Export, NamesOfNodes)
 TEST_F(Export, NothingOfADeviceThatCannotBeRead)
 {
     const Device device(1 << 20);
-    expect_complaint(run(device.path(), "n1"), 1,
-                     device.path() + " has no super block of a known layout");
+    expect_complaint(run(device.path(), "n1"), 1, no_super_block(device.path()));
     EXPECT_FALSE(fs::exists(fleet));
 }
 

@@ -69,7 +69,7 @@ TEST_F(MapFile, OnlyDevicesOfAKnownLayout)
 {
     Device device = make_v1_device(super_v1(1, 1, 1));
     device.write(SUPER_OFFSET, Block{});
-    expect_refused(device.path(), device.path() + " has no super block of a known layout");
+    expect_refused(device.path(), no_super_block(device.path()));
 }
 
 TEST_F(MapFile, NothingIsOverwritten)

@@ -446,7 +446,7 @@ TEST_P(Rescue, LikeAnotherKindIsRefused)
                      larger.path() + " has " + std::to_string(larger.size()) + " bytes, " + path +
                          " has " + std::to_string(device.size()) +
                          ": --like needs one of the same size");
-    expect_complaint(rescue({"--like", path}), 1, path + " has no super block of a known layout");
+    expect_complaint(rescue({"--like", path}), 1, no_super_block(path));
 }
 
 TEST_P(Rescue, HalfOfEachTableIsZero)

@@ -131,16 +131,31 @@ TEST_P(Revert, SuperBlocksMustBeTheSame)
     flip(cache.device, SUPER_OFFSET + 4000);
     flip(cache.device, cache.offset("inode", 2) + 60);
     expect_refused("inode", 2,
-                   "the super blocks of " + saved + " and " + cache.device.path() + " differ");
+                   "the super blocks of " + saved + " and " + cache.device.path() +
+                       " differ: bytes 4000..4000");
     cache.device.write(SUPER_OFFSET, Block{});
-    expect_refused("inode", 2, cache.device.path() + " has no super block of a known layout");
+    expect_refused("inode", 2, no_super_block(cache.device.path()));
 }
 
 TEST_P(Revert, SuperBlockNeedsTheSameSize)
 {
     flip(cache.device, SUPER_OFFSET + 100);
     cache.device.truncate(cache.device.size() + 4096);
-    expect_refused("super", 0, "the sizes of " + saved + " and " + cache.device.path() + " differ");
+    const std::uint64_t size = cache.device.size();
+    expect_refused("super", 0,
+                   "the sizes of " + saved + " and " + cache.device.path() +
+                       text(" differ: %lu and %lu bytes", size - 4096, size));
+}
+
+TEST_P(Revert, LayoutsMustBeTheSame)
+{
+    const std::string layout = GetParam() == "v1" ? "v2" : "v1";
+    const Cache other = make_cache(layout);
+    fs::remove(saved);
+    ASSERT_EQ(run_ctl({"save", other.device.path(), saved}).status, 0);
+    expect_refused("inode", 2,
+                   saved + " is of layout " + layout + ", " + cache.device.path() + " of layout " +
+                       GetParam());
 }
 
 TEST_P(Revert, DamagedEntriesAreNotPutBack)
@@ -237,7 +252,7 @@ TEST_F(RevertV1, WhatIsNotASavedFile)
 {
     flip(cache.device, cache.offset("inode", 1) + 30);
     directory.write("saved", std::string(10000, 'x'));
-    expect_refused("super", 0, saved + " has no super block of a known layout");
+    expect_refused("super", 0, no_super_block(saved));
 }
 
 TEST_F(RevertV1, UnreadableListThatIsNone)

@@ -263,7 +263,7 @@ TEST_F(Save, OnlyDevicesOfAKnownLayout)
     const SuperV1 sb = super_v1(1, 1, 1);
     Device device = make_v1_device(sb);
     device.write(SUPER_OFFSET, Block{});
-    expect_refused(device.path(), device.path() + " has no super block of a known layout");
+    expect_refused(device.path(), no_super_block(device.path()));
     fs::resize_file(device.path(), 8191);
     expect_refused(device.path(),
                    "cannot read the super block of " + device.path() + ": " + NO_DEVICE);

@@ -211,17 +211,19 @@ TEST_P(TemplateOfSample, DamagedSuperBlocks)
             EXPECT_EQ(run_template(device, {"super", "0", "--as-is"}).out, made.file);
         }
         const std::string said =
-            kind == "zero" ? " has no super block of a known layout"
-                           : " has a damaged super block of layout " + sample.layout + ": ";
+            "zu_tierctl: " +
+            (kind == "zero"
+                 ? no_super_block(device.path())
+                 : device.path() + " has a damaged super block of layout " + sample.layout + ": ");
         if (!one_bit) {
             const RunResult super = run_template(device, {"super", "0"});
             EXPECT_EQ(super.status, 2);
-            EXPECT_TRUE(super.err.starts_with("zu_tierctl: " + device.path() + said)) << super;
+            EXPECT_TRUE(super.err.starts_with(said)) << super;
             EXPECT_TRUE(super.err.ends_with("; --layout must say which it had\n")) << super;
         }
         const RunResult inode = run_template(device, {"inode", "0"});
         EXPECT_EQ(inode.status, 1);
-        EXPECT_TRUE(inode.err.starts_with("zu_tierctl: " + device.path() + said)) << inode;
+        EXPECT_TRUE(inode.err.starts_with(said)) << inode;
     }
 }
 

@@ -146,19 +146,26 @@ std::vector<std::string> super_flaws(const Block &block)
     return suspect ? suspect->reasons() : std::vector<std::string>();
 }
 
+std::string super_ways(const std::string &device)
+{
+    const std::string path = shell_word(device);
+    return fmt::format("zu_tierctl rescue {}, or zu_tierctl revert SAVED {} super 0", path, path);
+}
+
 std::string diagnose_super(const std::string &device, const Block &block)
 {
     const std::optional<Suspect> suspect = find_suspect(block);
+    const std::string ways = super_ways(device);
     if (!suspect) {
-        return device + " has no super block of a known layout";
+        return fmt::format("{} has no super block of a known layout; what helps: {}", device, ways);
     }
     const std::string_view layout = suspect->layout().name;
     const std::string option =
         suspect->wrong_bits() == 0 ? "" : fmt::format(" --layout {}", layout);
-    const std::string path = shell_word(device);
     return fmt::format("{} has a damaged super block of layout {}: {}; what helps: zu_tierctl "
-                       "template {} super 0{}, or zu_tierctl revert SAVED {} super 0",
-                       device, layout, fmt::join(suspect->reasons(), ", "), path, option, path);
+                       "template {} super 0{}, {}",
+                       device, layout, fmt::join(suspect->reasons(), ", "), shell_word(device),
+                       option, ways);
 }
 
 } // namespace tierctl

@@ -7,6 +7,9 @@
 
 namespace tierctl {
 
+/* The commands that make a device a super block, as a part of a sentence. */
+std::string super_ways(const std::string &device);
+
 /* Why the block of a device's super block is none of a known layout, as a sentence: which layout it
  * resembles, which bits are wrong, which commands help. */
 std::string diagnose_super(const std::string &device, const Block &block);

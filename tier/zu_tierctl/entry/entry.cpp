@@ -273,4 +273,17 @@ std::string differences_text(const std::vector<Difference> &differences)
     return text;
 }
 
+std::string differing_fields(const std::vector<Difference> &differences)
+{
+    constexpr size_t NAMED = 3;
+    std::string text;
+    for (size_t i = 0; i < std::min(differences.size(), NAMED); i++) {
+        text.append(i == 0 ? "" : ", ").append(differences[i].key);
+    }
+    if (differences.size() > NAMED) {
+        text += fmt::format(" and {} more", differences.size() - NAMED);
+    }
+    return text;
+}
+
 } // namespace tierctl

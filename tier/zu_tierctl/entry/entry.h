@@ -50,4 +50,7 @@ std::vector<Difference> entry_differences(const Entry &a, const Entry &b);
 /* For people: a line for each, "  size: 1 -> 2". */
 std::string differences_text(const std::vector<Difference> &differences);
 
+/* For people: "size, te_bitmap[2], path and 4 more". */
+std::string differing_fields(const std::vector<Difference> &differences);
+
 } // namespace tierctl

@@ -1,6 +1,7 @@
 #include "zu_tierctl/entry/metadata.h"
 
 #include "zu_tierctl/device/error.h"
+#include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/diagnosis.h"
 
 #include <algorithm>
@@ -37,7 +38,10 @@ Block read_super(const Device &device)
 {
     alignas(SIZE_4K) Block block;
     if (!device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K)) {
-        throw_errno("cannot read the super block of " + device.path());
+        const int error = errno;
+        throw std::runtime_error(
+            fmt::format("cannot read the super block of {}: {}", device.path(), error_text(error)) +
+            text_if(error == EIO, "; what helps: " + super_ways(device.path())));
     }
     return block;
 }

@@ -28,9 +28,6 @@ namespace tierctl {
 
 namespace {
 
-/* Of the fields in which two entries differ so many are named. */
-constexpr size_t FIELDS_NAMED = 3;
-
 constexpr size_t IDENTITY_SIZE = 16;
 
 /* What an action makes of a slot. */
@@ -172,14 +169,7 @@ private:
     {
         const std::vector<Difference> differences =
             entry_differences(entry(slot, a), entry(slot, b));
-        std::string text;
-        for (size_t i = 0; i < std::min(differences.size(), FIELDS_NAMED); i++) {
-            text += (i == 0 ? "" : ", ") + differences[i].key;
-        }
-        if (differences.size() > FIELDS_NAMED) {
-            text += fmt::format(" and {} more", differences.size() - FIELDS_NAMED);
-        }
-        return text + (differences.size() == 1 ? " differs" : " differ");
+        return differing_fields(differences) + (differences.size() == 1 ? " differs" : " differ");
     }
 
     Made mend(const Slot &slot)
@@ -592,37 +582,17 @@ void tell(const std::vector<Step> &steps, uint64_t left_out)
     }
 }
 
-/* The metadata of the device. A plan needs its super block. */
-Metadata read_planned(const Device &device)
-{
-    try {
-        return read_metadata(device);
-    } catch (const std::exception &error) {
-        throw std::runtime_error(fmt::format(
-            "{}; there is no plan without a super block: zu_tierctl rescue {} makes its repair "
-            "file from the tables",
-            error.what(), shell_word(device.path())));
-    }
-}
-
 } // namespace
 
 void require_saved(const Device &saved, const Device &device, const Metadata &metadata)
 {
     const Metadata then = read_metadata(saved);
-    if (then.layout != metadata.layout) {
-        throw std::runtime_error(fmt::format("{} is of layout {}, {} of layout {}", saved.path(),
-                                             then.layout->name, device.path(),
-                                             metadata.layout->name));
-    }
+    require_same_layout(saved, then, device, metadata);
     const std::string reason = other_cache_reason(saved, device, metadata);
     if (!reason.empty()) {
         throw std::runtime_error(reason);
     }
-    if (then.super_block != metadata.super_block) {
-        throw std::runtime_error(
-            fmt::format("the super blocks of {} and {} differ", saved.path(), device.path()));
-    }
+    require_same_super(saved, then, device, metadata);
 }
 
 Plan make_plan(Device &device, const Metadata &metadata, const Device *saved, bool free_lost)
@@ -653,7 +623,7 @@ void plan(const PlanOptions &options)
 {
     Device device(options.device, Access::read_only);
     hint_in_use(options.device);
-    const Metadata metadata = read_planned(device);
+    const Metadata metadata = read_metadata(device);
     std::optional<Device> saved;
     if (!options.saved.empty()) {
         saved.emplace(options.saved, Access::read_only);

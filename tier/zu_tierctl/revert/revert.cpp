@@ -91,12 +91,6 @@ private:
         return read_metadata(is_damaged ? device_ : saved_);
     }
 
-    [[noreturn]] void refuse_different(std::string_view what) const
-    {
-        throw std::runtime_error(
-            fmt::format("the {} of {} and {} differ", what, saved_.path(), device_.path()));
-    }
-
     /* The super block on the device may be damaged when it is put back. */
     void require_same_device() const
     {
@@ -104,10 +98,14 @@ private:
             throw UsageError("--other-device is for the super block only");
         }
         if (is_super() && saved_.size() != device_.size()) {
-            refuse_different("sizes");
+            throw std::runtime_error(fmt::format("the sizes of {} and {} differ: {} and {} bytes",
+                                                 saved_.path(), device_.path(), saved_.size(),
+                                                 device_.size()));
         }
-        if (!is_super() && read_metadata(device_).super_block != metadata_.super_block) {
-            refuse_different("super blocks");
+        if (!is_super()) {
+            const Metadata now = read_metadata(device_);
+            require_same_layout(saved_, metadata_, device_, now);
+            require_same_super(saved_, metadata_, device_, now);
         }
         const std::string reason =
             is_super() ? other_cache_reason(saved_, device_, metadata_) : std::string();

@@ -1,5 +1,7 @@
 #include "zu_tierctl/revert/same_cache.h"
 
+#include "zu_tierctl/entry/entry.h"
+
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
@@ -123,6 +125,28 @@ std::string other_cache_reason(const Device &saved, const Device &device, const 
                      : fmt::format("nothing shows that {} is the device of {}: no entry ({}) is "
                                    "sound and in use in both",
                                    device.path(), saved.path(), tables);
+}
+
+void require_same_layout(const Device &saved, const Metadata &then, const Device &device,
+                         const Metadata &now)
+{
+    if (then.layout != now.layout) {
+        throw std::runtime_error(fmt::format("{} is of layout {}, {} of layout {}", saved.path(),
+                                             then.layout->name, device.path(), now.layout->name));
+    }
+}
+
+void require_same_super(const Device &saved, const Metadata &then, const Device &device,
+                        const Metadata &now)
+{
+    const auto entry = [](const Metadata &metadata) -> Entry {
+        return {metadata, metadata.tables.front(), 0, metadata.super_block.data()};
+    };
+    const std::string fields = differing_fields(entry_differences(entry(then), entry(now)));
+    if (!fields.empty()) {
+        throw std::runtime_error(fmt::format("the super blocks of {} and {} differ: {}",
+                                             saved.path(), device.path(), fields));
+    }
 }
 
 } // namespace tierctl
