@@ -23,6 +23,11 @@ bool NumberReading::may_be(uint64_t value) const
 
 Certainty lower(Certainty a, Certainty b) { return std::max(a, b); }
 
+std::string_view certainty_text(Certainty certainty)
+{
+    return certainty == Certainty::none ? "not certain" : certainty_name(certainty);
+}
+
 uint64_t Readings::add(std::string_view key, Certainty certainty, std::vector<Candidate> candidates,
                        const Range &range)
 {
@@ -106,6 +111,12 @@ std::optional<uint64_t> super_number(const tier_layout &layout, const Block &blo
         return std::nullopt;
     }
     return column_number(*column, block.data());
+}
+
+Block sealed(const tier_layout &layout, Block block)
+{
+    Table(*layout.tables.front(), block.data()).seal_slot(block.data());
+    return block;
 }
 
 Certainty end_certainty(uint64_t entries, uint64_t lost, bool clean_end)

@@ -53,6 +53,9 @@ struct Hint {
 /* The lower of two certainties. */
 Certainty lower(Certainty a, Certainty b);
 
+/* "certain", "likely", "not certain" */
+std::string_view certainty_text(Certainty certainty);
+
 /* Readings of the numbers of a super block in the making, which follow hints where the tables leave
  * a choice. */
 class Readings {
@@ -100,6 +103,9 @@ struct SuperReading {
 /* The number of that key in a super block; nothing when the layout has none. */
 std::optional<uint64_t> super_number(const tier_layout &layout, const Block &block,
                                      std::string_view key);
+
+/* The block with its checksum. */
+Block sealed(const tier_layout &layout, Block block);
 
 /* How sure the end of a table is when `lost` of all `entries` are damaged. `clean_end`: nothing but
  * zeros follows its last entry. */
