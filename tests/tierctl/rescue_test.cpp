@@ -660,4 +660,27 @@ TEST(RescueOfHostileTables, EndsAndIsNotCertain)
     EXPECT_EQ(run.err.find("block_size 262144, certain"), std::string::npos) << run;
 }
 
+// Two sound blocks of extents, far from each other: what lies between is checked, but it is not
+// read again and again for duplicates.
+TEST(RescueOfManyEntries, SearchesForNoDuplicates)
+{
+    const std::string note = "check under it: duplicates were not searched for among so many "
+                             "entries\n";
+    Device device = make_sample({"--block-size", "8192", "--extents", "512"}, "v3");
+    const auto start = Json::parse(dump_of(device.path(), "dump_super"))["extent_table_offset"]
+                           .get<std::uint64_t>();
+    const Block extents = device.block(start);
+    device.write(SUPER_OFFSET, Block{});
+    const RunResult few = run_ctl({"rescue", device.path()});
+    EXPECT_EQ(few.err.find(note), std::string::npos) << few;
+    device.truncate(std::uint64_t{320} << 30);
+    device.write(start + (std::uint64_t{257} << 20), extents);
+    const RunResult many = run_ctl({"rescue", device.path()});
+    EXPECT_NE(many.err.find("extent_table_cnt 33686016, not certain: 65793 blocks"),
+              std::string::npos)
+        << many;
+    EXPECT_NE(many.err.find(note), std::string::npos) << many;
+    EXPECT_NE(many.err.find("check under it: extent: 33686016 entries"), std::string::npos) << many;
+}
+
 } // namespace
