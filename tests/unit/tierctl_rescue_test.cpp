@@ -649,7 +649,7 @@ TEST(RescueParts, NumbersFollowHints)
     const Lost lost("v1", {{tierctl::BLOCKS, 20}});
     const tier_layout &layout = *lost.truth().layout;
     EXPECT_EQ(tierctl::super_number(layout, lost.truth().super_block, "nothing"), std::nullopt);
-    const std::vector<tierctl::Hint> hints{{&layout, lost.truth().super_block, "it", true}};
+    std::vector<tierctl::Hint> hints{{&layout, lost.truth().super_block, "it", true}};
     const auto read = [&](Certainty certainty, std::vector<tierctl::Candidate> candidates,
                           tierctl::Range range) {
         tierctl::Readings readings(layout, hints);
@@ -668,6 +668,15 @@ TEST(RescueParts, NumbersFollowHints)
     number = read(Certainty::likely, {{20, ""}}, {1, 30, ""});
     EXPECT_EQ(number.certainty, Certainty::certain);
     EXPECT_FALSE(number.may_be(21));
+
+    // One that contradicts the tables elsewhere makes nothing likely.
+    hints = {{&layout, lost.truth().super_block, "it", false, true}};
+    for (const std::uint64_t value : {7U, 20U}) {
+        number = read(Certainty::none, {{value, ""}}, {1, 30, ""});
+        EXPECT_EQ(number.value(), 20U);
+        EXPECT_EQ(number.certainty, Certainty::none);
+        EXPECT_EQ(read(Certainty::likely, {{value, ""}}, {1, 30, ""}).value(), value);
+    }
 }
 
 TEST(RescueParts, BlocksOfADevice)

@@ -73,7 +73,8 @@ Certainty Readings::certainty(std::string_view key) const
 
 /* A number that the tables chose themselves is surer when the hint says the same: certain when all
  * that is left of the block agrees, unless it is 0, as bytes are that were overwritten. One that
- * the tables allow is taken where they are not sure, and otherwise the runner-up. */
+ * the tables allow is taken where they are not sure, and is likely then unless the hint contradicts
+ * them elsewhere; otherwise it is the runner-up. */
 void Readings::follow(const Hint &hint, NumberReading *reading) const
 {
     const uint64_t number = super_number(layout_, hint.block, reading->key).value();
@@ -82,10 +83,11 @@ void Readings::follow(const Hint &hint, NumberReading *reading) const
         return;
     }
     const bool is_sure = reading->certainty != Certainty::none;
+    const Certainty hinted = hint.is_doubtful ? Certainty::none : Certainty::likely;
     if (number == reading->value()) {
         candidates.front().reason += "; so says " + hint.source;
         if (!is_sure) {
-            reading->certainty = Certainty::likely;
+            reading->certainty = hinted;
         } else if (hint.is_proof && number != 0) {
             reading->certainty = Certainty::certain;
             reading->range.reset();
@@ -98,7 +100,7 @@ void Readings::follow(const Hint &hint, NumberReading *reading) const
     candidates.insert(candidates.begin() + (is_sure ? 1 : 0),
                       {number, "so says " + hint.source + ", and the tables do not contradict it"});
     if (!is_sure) {
-        reading->certainty = Certainty::likely;
+        reading->certainty = hinted;
     }
 }
 

@@ -47,7 +47,8 @@ struct Hint {
     const tier_layout *layout;
     Block block;
     std::string source;
-    bool is_proof; /* it is what is left of the lost one, and the tables say all that it says */
+    bool is_proof;            /* it is what is left of the lost one, and all that the tables say */
+    bool is_doubtful = false; /* some of what the tables make likely it says otherwise */
 };
 
 /* The lower of two certainties. */

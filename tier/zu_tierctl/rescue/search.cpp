@@ -218,8 +218,8 @@ private:
         if (sources_.left) {
             to->left = compare(to->reading, *sources_.left);
             if (to->left.is_close()) {
-                hints.push_back(
-                    {&layout, *sources_.left, "what is left of the block", to->left.is_whole});
+                hints.push_back({&layout, *sources_.left, "what is left of the block",
+                                 to->left.is_whole, !to->left.is_full()});
             }
         }
         if (sources_.like) {
