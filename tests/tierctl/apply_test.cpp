@@ -523,11 +523,13 @@ TEST_F(ApplyV1, UndoFilesOfSomethingElse)
     cache.device.write(0, bad);
     const std::string whole = directory.read("plan");
     directory.write("plan", whole + "\n");
-    expect_refused(undo + " is the undo file of another plan than " + plan);
+    expect_refused(undo + " is the undo file of another plan than " + plan +
+                   ": --undo needs a new name");
     std::string as_long = whole;
     as_long.replace(whole.find("sound"), 5, "known");
     directory.write("plan", as_long);
-    expect_refused(undo + " is the undo file of another plan than " + plan);
+    expect_refused(undo + " is the undo file of another plan than " + plan +
+                   ": --undo needs a new name");
     directory.write("plan", whole);
     PlanStep more = steps[1];
     more.no = 3;

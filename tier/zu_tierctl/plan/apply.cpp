@@ -92,8 +92,9 @@ private:
     {
         undo_ = read_undo_file(options_.undo);
         if (undo_.plan != plan_.text) {
-            throw std::runtime_error(fmt::format("{} is the undo file of another plan than {}",
-                                                 options_.undo, options_.plan));
+            throw std::runtime_error(
+                fmt::format("{} is the undo file of another plan than {}: --undo needs a new name",
+                            options_.undo, options_.plan));
         }
         require_same(device_, options_.undo, undo_);
         for (const Change &change : undo_.changes) {
