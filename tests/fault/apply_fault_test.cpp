@@ -284,6 +284,37 @@ TEST_F(ApplyFaults, AnUndoFileThatDoesNotReadBack)
     }
 }
 
+// Any part of it, also while it is read: then neither way is open, and nothing is written.
+TEST_F(ApplyFaults, AnUndoFileThatCannotBeReadWhole)
+{
+    expect_end("apply", good);
+    const auto plan_size = static_cast<long>(fs::file_size(plan));
+    const long changes = 64 + 4096 + plan_size;
+    std::vector<std::string> parts{"pread(64)@0+1", "pread@64+1", text("pread(%ld)", plan_size)};
+    for (const long at : {0L, 64L, 64L + 4096, 2 * (64L + 2 * 4096) + 64})
+        parts.push_back(text("pread@%ld+1", changes + at));
+    for (const auto &left : {good, bad}) {
+        device.write(0, left);
+        put_block(device, steps[0].offset, steps[0].before);
+        const auto before = device.bytes();
+        for (const std::string command : {"undo", "apply"}) {
+            for (const std::string &part : parts) {
+                for (const char *effect : {"=EIO", "=short:0"}) {
+                    SCOPED_TRACE(command + " " + part + effect);
+                    const RunResult refused = run(command, part + effect);
+                    EXPECT_EQ(refused.status, 1);
+                    EXPECT_EQ(refused.out, "");
+                    EXPECT_EQ(refused.err,
+                              "zu_tierctl: cannot read " + undo + ": Input/output error\n");
+                    EXPECT_TRUE(device.bytes() == before);
+                }
+            }
+        }
+    }
+    expect_end("apply", good);
+    expect_end("undo", bad);
+}
+
 // A block that was being written when the power failed may be unreadable, until it is written.
 TEST_F(ApplyFaults, WhatCannotBeReadAnyMoreIsWritten)
 {

@@ -600,6 +600,13 @@ TEST_F(ApplyV1, UndoFilesThatAreDamaged)
     std::string flipped = whole;
     flipped[100] = static_cast<char>(flipped[100] ^ 8);
     refused(flipped, "is damaged: its checksum does not match its content");
+    // The old block of a change, which the way on does not need, and the new one.
+    const std::size_t changes = 64 + 4096 + directory.read("plan").size();
+    for (const std::size_t at : {changes + 64, changes + 64 + 4096}) {
+        flipped = whole;
+        flipped[at] = static_cast<char>(flipped[at] ^ 8);
+        refused(flipped, "is damaged: the checksum of a block does not match its content");
+    }
     flipped = whole;
     flipped.back() = static_cast<char>(flipped.back() ^ 8);
     refused(flipped, "is damaged: the checksum of a block does not match its content");
