@@ -4,14 +4,15 @@
 # of damage, every number of a repair file; and what the companion makes of random damage against
 # what was there: 10,000 plans, 1,000 lost super blocks and 100,000 flips of bits for each layout.
 #
-#   scripts/sweep.sh [--sanitize] [io|memory|kill|damage|configuration|plan|rescue|mend]...
+#   scripts/sweep.sh [--sanitize] [io|memory|kill|apply|damage|configuration|plan|rescue|mend]...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 . scripts/shards.sh
 
 declare -A suites=([io]='*IoSweep*' [memory]='*MemorySweep*' [kill]='*KillSweep*'
-    [damage]='*Damaged*' [configuration]='*Configuration*' [plan]='*PlanProperty*'
+    [apply]='*KilledApply*:*KilledNaming*' [damage]='*Damaged*'
+    [configuration]='*Configuration*' [plan]='*PlanProperty*'
     [rescue]='*RescueSamples*' [mend]='Mend.*')
 programs=build
 
@@ -20,7 +21,7 @@ if [ "${1-}" = --sanitize ]; then
     sanitize=true
     shift
 fi
-[ $# -gt 0 ] || set -- io memory kill damage configuration plan rescue mend
+[ $# -gt 0 ] || set -- io memory kill apply damage configuration plan rescue mend
 for sweep in "$@"; do
     [ -n "${suites[$sweep]-}" ] || {
         echo "There is no sweep \"$sweep\"." >&2
@@ -30,8 +31,8 @@ done
 
 install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 cmake --preset test >/dev/null
-cmake --build --preset test --parallel "$(nproc)" --target sweep_tests unit_tests -- --quiet \
-    >/dev/null
+cmake --build --preset test --parallel "$(nproc)" --target sweep_tests unit_tests \
+    tierctl_tests -- --quiet >/dev/null
 if $sanitize; then
     cmake --preset sanitize >/dev/null
     cmake --build --preset sanitize --parallel "$(nproc)" --target zu_tier zu_tierctl \
@@ -40,14 +41,15 @@ if $sanitize; then
     programs=build-sanitize
 fi
 export ZU_TIER_PLAN_ROUNDS=10000 ZU_TIER_RESCUE_SAMPLES=1000 ZU_TIER_FLIPS=100000
+export ZU_TIER_EVERY_STOP=1
 
 all_failed=0
 for sweep in "$@"; do
     passed=0 failed=0 runs=0 SECONDS=0
     tests=build/sweep_tests
-    case $sweep in plan | rescue | mend) # these call the functions, not the programs
-        tests=$programs/unit_tests
-        ;;
+    case $sweep in
+    plan | rescue | mend) tests=$programs/unit_tests ;; # these call the functions, not the programs
+    apply) tests=build/tierctl_tests ;;
     esac
     GTEST_FILTER=${suites[$sweep]} run_tests "$sweep sweep" "$tests"
     echo "$runs runs in $passed tests that passed and $failed that failed, $SECONDS s"

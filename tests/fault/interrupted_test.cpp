@@ -84,8 +84,11 @@ protected:
     {
         const std::size_t stops =
             run_killed_at(100'000, with_faults(args, faults), "/usr/bin/env", status);
-        return std::max<std::size_t>(stops, 200) - 180;
+        return std::max<std::size_t>(stops, 200) - STOPS;
     }
+
+    // Stops of a run from there on.
+    static constexpr std::size_t STOPS = 180;
 
     // From the end of a system call to the start of the next nothing changes on the disk.
     static constexpr std::size_t STEP = 2;
@@ -169,9 +172,10 @@ TEST_F(Interrupted, ASampleThatReplacesAFileIsTheOldOrTheNew)
     directory.write("saved", "old");
     std::vector<std::string> args = sample();
     args.emplace_back("--force");
-    std::size_t stop = 1;
+    const std::size_t first = first_stop_of_tierctl();
+    std::size_t stop = first;
     std::size_t replaced = 0;
-    for (; run_killed_at(stop, args, ZU_TIERCTL, 0, SIGTERM) == stop; ++stop) {
+    for (; run_killed_at(stop, args, ZU_TIERCTL, 0, SIGTERM) == stop; stop += STEP) {
         const auto left = content();
         EXPECT_EQ(left.size(), 1U);
         const bool is_old = left.at("saved") == "old";
@@ -179,7 +183,7 @@ TEST_F(Interrupted, ASampleThatReplacesAFileIsTheOldOrTheNew)
         replaced += is_old ? 0 : 1;
         directory.write("saved", "old");
     }
-    EXPECT_GT(stop, 20U);
+    EXPECT_GT(stop, first + 20);
     EXPECT_GT(replaced, 0U);
 }
 
@@ -188,7 +192,7 @@ TEST_F(Interrupted, ASignalThatIsIgnoredStaysIgnored)
     const std::vector<std::string> args{"save", device.path(), file};
     const auto before = signal(SIGHUP, SIG_IGN); // the programs inherit it
     const std::size_t first = first_stop(args, 0, NO_UNNAMED_FILES);
-    for (std::size_t stop = first; stop < first + 170; stop += STEP) {
+    for (std::size_t stop = first; stop < first + 170; stop += 5 * STEP) {
         SCOPED_TRACE(stop);
         ASSERT_TRUE(fs::remove(file));
         EXPECT_EQ(
@@ -244,9 +248,11 @@ TEST_F(Interrupted, AFileThatAppearsMeanwhileIsKept)
         SCOPED_TRACE(faults);
         std::size_t refused = 0;
         const std::vector<std::string> args{"save", device.path(), file};
-        std::size_t stop = first_stop(args, 0, faults);
+        const std::size_t first = first_stop(args, 0, faults);
+        const std::size_t last = first + STOPS - 40; // after it the file gets its name
+        std::size_t stop = first;
         fs::remove(file);
-        for (bool has_ended = false; !has_ended; stop += STEP) {
+        for (bool has_ended = false; !has_ended; stop += stop < last ? 4 * STEP : STEP) {
             SCOPED_TRACE(stop);
             bool appears = false;
             const auto [reached, state] =

@@ -50,8 +50,8 @@ void proceed(pid_t child, int signal)
 
 } // namespace
 
-StoppedRun run_stopped_at(std::size_t stop, const std::vector<std::string> &args,
-                          const std::string &program, const std::function<void(pid_t)> &act)
+StoppedRun run_stopped(const std::vector<std::string> &args, const std::string &program,
+                       const std::function<void(pid_t, std::size_t)> &act)
 {
     const pid_t child = fork();
     if (child < 0)
@@ -64,12 +64,21 @@ StoppedRun run_stopped_at(std::size_t stop, const std::vector<std::string> &args
     std::size_t reached = 0;
     while (WIFSTOPPED(state)) {
         const int signal = WSTOPSIG(state);
-        if (signal == AT_SYSTEM_CALL && ++reached == stop)
-            act(child);
+        if (signal == AT_SYSTEM_CALL)
+            act(child, ++reached);
         proceed(child, signal == AT_SYSTEM_CALL || signal == SIGTRAP ? 0 : signal);
         state = wait_for(child);
     }
     return {reached, state};
+}
+
+StoppedRun run_stopped_at(std::size_t stop, const std::vector<std::string> &args,
+                          const std::string &program, const std::function<void(pid_t)> &act)
+{
+    return run_stopped(args, program, [&](pid_t child, std::size_t reached) {
+        if (reached == stop)
+            act(child);
+    });
 }
 
 std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args,
@@ -82,6 +91,11 @@ std::size_t run_killed_at(std::size_t stop, const std::vector<std::string> &args
         throw std::runtime_error("the run has not ended well, wait status " +
                                  std::to_string(state));
     return std::min(reached, stop);
+}
+
+std::size_t first_stop_of_tierctl()
+{
+    return run_killed_at(100'000, {"--version"}, ZU_TIERCTL) - 60;
 }
 
 } // namespace tier_test
