@@ -314,6 +314,24 @@ TEST_F(SalvageV2, PiecesThatOverlap)
     expect(device, held, conflict(1, 3) + conflict(5, 5));
 }
 
+// Where the super block hides the pieces, nothing is salvaged, and that is said.
+TEST_F(SalvageV2, PiecesThatAreNotDescribed)
+{
+    Device device = device_with({extent(1, {{0, {0, 0, 8192, 0, 2}}}), extent(3, {})});
+    SuperV2 wrong = sb;
+    wrong.size_mapped_meta = 24;
+    device.write(4096, encode(wrong));
+    const std::string complaint = "zu_tierctl: 2 entries of the table extent are not described by "
+                                  "the super block: what is held there is not known\n";
+    const RunResult done = run(device);
+    EXPECT_EQ(done.status, 1) << done;
+    EXPECT_EQ(done.err, complaint);
+    EXPECT_TRUE(read_tree(into).manifest.empty());
+    const RunResult domain = run_ctl({"domain", "--dirty", device.path()});
+    EXPECT_EQ(domain.status, 1) << domain;
+    EXPECT_EQ(domain.err, complaint);
+}
+
 TEST_F(SalvageV2, PlacesThatNoFileHas)
 {
     const Device device = [this] {

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -122,6 +123,7 @@ TEST_P(SalvageLayouts, OfOneBrickOrInode)
 
     const RunResult none = run(device, {"--inode", "4000000000"});
     EXPECT_EQ(none.status, 0) << none;
+    EXPECT_EQ(none.err, "zu_tierctl: nothing is held of what --brick or --inode names\n");
     expect_tree({});
     for (const std::string &wrong : std::vector<std::string>{"x", "-1", "1-2", brick_uuid + "0"})
         expect_refused(device, {"--inode", wrong},
@@ -189,10 +191,15 @@ TEST_F(Salvage, ShardsThatAreDamaged)
 // A directory may be there, if it is empty.
 TEST_P(SalvageLayouts, Directories)
 {
+    EXPECT_EQ(run(device).status, 0);
+    EXPECT_EQ(fs::status(into).permissions(), fs::perms::owner_all);
+    fs::remove_all(into);
     fs::create_directory(into);
     EXPECT_EQ(run(device).status, 0);
     expect_tree(expected_tree(dirty(held)));
-    expect_refused(device, {}, into + " is not empty: only --resume goes on with a salvage");
+    expect_refused(device, {},
+                   into + " is not empty: give a new directory in it, or --resume to go on with "
+                          "the salvage that is there");
     fs::remove_all(into);
     directory.write("salvaged", "a file");
     expect_refused(device, {}, "cannot write to " + into + ": Not a directory");
@@ -378,6 +385,24 @@ TEST_F(SalvageManifests, LinesThatAreNotOfThePlan)
     extent.clean = 1;
     device.write(place, encode(extent, sb.extent_size));
     expect_refused_line(good, 2);
+}
+
+// Of two at the same time the second changes nothing.
+TEST_F(SalvageManifests, OneSalvageAtATime)
+{
+    const std::string busy =
+        "another salvage is at work in " + into + ": wait for its end, or give another directory";
+    ASSERT_EQ(run(device).status, 0);
+    const SalvageTree complete = read_tree(into);
+    fs::resize_file(manifest, read_file(manifest).size() / 2);
+    const std::string text = read_file(manifest);
+    const int fd = open(manifest.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    expect_refused(device, {"--resume"}, busy);
+    EXPECT_EQ(read_file(manifest), text);
+    close(fd);
+    EXPECT_EQ(run(device, {"--resume"}).status, 0);
+    expect_same(read_tree(into), complete);
 }
 
 TEST_F(SalvageManifests, DirectoriesOfSomethingElse)

@@ -10,6 +10,7 @@
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace tierctl {
@@ -95,6 +96,11 @@ std::optional<Segment> parse_segment(const std::string &text, const DataPlan &pl
 Manifest::Manifest(const Target &target, const std::string &head)
     : target_(target), fd_(target.open_manifest(NAME))
 {
+    /* Not every file system has locks: without one nobody else is seen. */
+    if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        throw std::runtime_error("another salvage is at work in " + target_.path() +
+                                 ": wait for its end, or give another directory");
+    }
     std::string first;
     if (LineReader(target, fd_.get()).next(&first)) {
         if (!(parse_head(first) == parse_head(head))) { /* what is no JSON is not even unequal */

@@ -29,8 +29,9 @@ class Manifest {
 public:
     static constexpr char NAME[] = "manifest.ndjson";
 
-    /* Opens that of the target. `head` is its first line: that of a salvage which goes on must say
-     * the same but for the path of the device. */
+    /* Opens that of the target, and locks it until the end. `head` is its first line: that of a
+     * salvage which goes on must say the same but for the path of the device. Throws, also when
+     * another salvage has the lock; then nothing is changed. */
     Manifest(const Target &target, const std::string &head);
 
     /* Reads what is done: calls `use` with each segment of the pieces that are complete, and cuts

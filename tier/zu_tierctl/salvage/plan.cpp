@@ -34,7 +34,8 @@ auto by_device(const DataPiece &piece) { return std::tuple(piece.start, piece.no
 } // namespace
 
 DataPlan::DataPlan(const Device &device, const Metadata &metadata, const DataChoice &choice)
-    : table_(find_data_table(metadata)), data_(*table_.row->data), owners_(metadata.tables, table_)
+    : table_(find_data_table(metadata)), data_(*table_.row->data), owners_(metadata.tables, table_),
+      is_described_(data_.is_known == nullptr || data_.is_known(metadata.super()))
 {
     const uint64_t block_size = data_.block_size(metadata.super());
     if (block_size > std::numeric_limits<uint32_t>::max()) {
@@ -66,6 +67,7 @@ void DataPlan::add(const Metadata &metadata, const DataChoice &choice, uint64_t 
     if (!std::ranges::all_of(choice.filters, passes)) {
         return;
     }
+    undescribed_ += is_described_ ? 0 : 1;
     each_piece(data_, metadata.super(), entry, no, [&](const tier_piece &piece, HeldBy by) {
         if (piece.clean && !choice.all) {
             return;
@@ -139,7 +141,9 @@ bool DataPlan::tell_unknown() const
     };
     tell(unknown_.damaged, "is damaged", "are damaged");
     tell(unknown_.unreadable, "cannot be read", "cannot be read");
-    return unknown_.damaged == 0 && unknown_.unreadable == 0;
+    tell(undescribed_, "is not described by the super block",
+         "are not described by the super block");
+    return unknown_.damaged == 0 && unknown_.unreadable == 0 && undescribed_ == 0;
 }
 
 std::string DataPlan::path(const DataPiece &piece) const

@@ -47,7 +47,7 @@ public:
     /* The table of the entries that hold data. */
     const Table &table() const { return table_; }
 
-    /* Says on standard error how many of them are not known; true when all are. */
+    /* Says on standard error of how many it is not known what they hold; true when of none. */
     bool tell_unknown() const;
 
     /* Whether pieces of an owner make a file; else each is one. */
@@ -72,6 +72,8 @@ private:
     const tier_data &data_;
     Owners owners_;
     UnknownSlots unknown_;
+    bool is_described_;
+    uint64_t undescribed_ = 0; /* entries in use of which the super block hides the pieces */
     std::vector<DataPiece> pieces_;
     uint64_t bytes_ = 0;
     std::map<uint64_t, uint64_t> conflicts_;

@@ -255,6 +255,9 @@ bool salvage(const SalvageOptions &options)
         throw std::runtime_error(
             fmt::format("{}; salvage --resume goes on from here", error.what()));
     }
+    if (plan.pieces().empty() && !choice.filters.empty()) {
+        complain("nothing is held of what --brick or --inode names");
+    }
     tell_conflicts(plan);
     return tell_losses(options, plan, salvaged);
 }

@@ -43,7 +43,8 @@ Target::Target(std::string path, bool resume, const std::string &device)
             throw_errno("cannot create " + path_);
         }
     } else if (!resume && !is_empty()) {
-        throw std::runtime_error(path_ + " is not empty: only --resume goes on with a salvage");
+        throw std::runtime_error(path_ + " is not empty: give a new directory in it, or "
+                                         "--resume to go on with the salvage that is there");
     }
     refuse_device(device);
 }
@@ -87,7 +88,7 @@ void Target::create()
     if (!is_new()) {
         return;
     }
-    if (mkdir(path_.c_str(), 0777) != 0) {
+    if (mkdir(path_.c_str(), 0700) != 0) { /* the data are not for everyone */
         throw_errno("cannot create " + path_);
     }
     directory_ = Fd(open(path_.c_str(), DIRECTORY | O_NOFOLLOW));
