@@ -1,6 +1,7 @@
 #include "cache.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -109,6 +110,16 @@ void flip(const Device &device, std::int64_t offset, std::uint8_t mask)
 RunResult run_ctl(const std::vector<std::string> &args, const RunOptions &options)
 {
     return run_program(ZU_TIERCTL, args, options);
+}
+
+RunResult run_ctl_in_little_memory(const std::vector<std::string> &args)
+{
+    // Programs of another build may be those under the sanitizers, which reserve more.
+    const std::string limit =
+        std::getenv("ZU_TIER_PROGRAMS") == nullptr ? "ulimit -v 400000; " : "";
+    std::vector<std::string> all{"-c", limit + "exec \"$@\"", "sh", ZU_TIERCTL};
+    all.insert(all.end(), args.begin(), args.end());
+    return run_program("/bin/sh", all);
 }
 
 void expect_complaint(const RunResult &run, int status, const std::string &complaint)

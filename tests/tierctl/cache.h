@@ -40,6 +40,9 @@ void flip(const Device &device, std::int64_t offset, std::uint8_t mask = 0xFF);
 // zu_tierctl <args>
 RunResult run_ctl(const std::vector<std::string> &args, const RunOptions &options = {});
 
+// The same, where the program can have 400 MB of addresses.
+RunResult run_ctl_in_little_memory(const std::vector<std::string> &args);
+
 // A run with an empty standard output and that text on standard error.
 void expect_complaint(const RunResult &run, int status, const std::string &complaint);
 

@@ -93,6 +93,8 @@ Extent sound_extent(Extent extent)
 
 // Three bricks, two of them in use; five inodes, the first three in use; extents of these.
 struct WorldV1 {
+    static constexpr int VERSION = 1;
+
     SuperV1 sb = super_v1(3, 5, 6);
     std::vector<BrickV1> bricks{brick_used(0), brick_used(1)};
     std::vector<InodeV1> inodes{inode(0, 0), inode(1, 1), inode(2, 0)};
@@ -112,6 +114,8 @@ struct WorldV1 {
 
 // The first extent has the pieces 0, 2 and 3.
 struct WorldV2 {
+    static constexpr int VERSION = 2;
+
     WorldV2();
 
     SuperV2 sb = super_v2(3, 5, 6);
@@ -133,6 +137,8 @@ struct WorldV2 {
 
 // Shards in the blocks 0 and 1, extents of them in the blocks 0 and 2.
 struct WorldV3 {
+    static constexpr int VERSION = 3;
+
     SuperV3 sb = super_v3(3, 5);
     std::vector<BrickV3> bricks{brick_v3_used(0), brick_v3_used(1)};
     std::vector<InodeV3> inodes{inode(0, 0), inode(1, 1), inode(2, 0)};

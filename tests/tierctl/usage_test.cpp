@@ -3,10 +3,10 @@
 
 #include "cache.h"
 #include "check_run.h"
+#include "hostile_super.h"
 #include "pseudo_terminal.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -395,45 +395,22 @@ TEST(Usage, SumsStopAtTheLargestNumber)
     EXPECT_EQ(total_of(device), "at most 16.0 EiB or more of 2 files not written back");
 }
 
-// Whatever a sealed super block says, the run ends, in little memory.
-TEST(Usage, HostileSuperBlocks)
+// Whatever sealed super blocks say, the run ends, in little memory.
+TYPED_TEST(UsageOf, HostileSuperBlocks)
 {
-    const std::uint64_t huge[] = {0, 4096, std::uint64_t{1} << 32, std::uint64_t{1} << 63,
-                                  0xFFFF'FFFF'FFFF'FFFFU};
-    const UsedV3 world;
-    Device device = world.device();
-    // Programs of another build may be those under the sanitizers, which reserve more.
-    const std::string limit =
-        std::getenv("ZU_TIER_PROGRAMS") == nullptr ? "ulimit -v 400000; " : "";
-    const auto expect_end = [&limit](const Device &of) {
-        const RunResult run =
-            run_program("/bin/sh", {"-c", limit + "exec " + ZU_TIERCTL + " usage " + of.path()});
-        EXPECT_LE(static_cast<unsigned>(run.status), 1U) << run;
-        EXPECT_EQ(run.err, "");
-        EXPECT_NE(run.out.find(" not written back"), std::string::npos);
-    };
-    for (std::size_t at = 120; at < SuperV3::LENGTH; at += 8) {
-        for (const std::uint64_t value : huge) {
-            SCOPED_TRACE(text("%zu: %lu", at, value));
-            Block super = encode(world.sb);
-            put_u64(super, at, value);
-            seal(super, SuperV3::LENGTH);
-            put_block(device, SUPER_OFFSET, super);
-            expect_end(device);
-        }
-    }
-    const UsedV2 v2;
-    Device other = v2.device();
-    for (std::size_t at = 120; at < SuperV2::LENGTH; at += 4) {
-        for (const std::uint32_t value : {0U, 0x7FFF'FFFFU, 0xFFFF'FFFFU}) {
-            SCOPED_TRACE(text("%zu: %u", at, value));
-            Block super = encode(v2.sb);
-            put_u32(super, at, value);
-            seal(super, SuperV2::LENGTH);
-            put_block(other, SUPER_OFFSET, super);
-            expect_end(other);
-        }
-    }
+    const std::vector<Device> devices = hostile_devices(this->world.VERSION, encode(this->world.sb),
+                                                        [this] { return this->world.device(); });
+    std::vector<std::string> args{"usage"};
+    for (const Device &one : devices)
+        args.push_back(one.path());
+    const RunResult shown = run_ctl_in_little_memory(args);
+    EXPECT_LE(static_cast<unsigned>(shown.status), 1U) << shown;
+    EXPECT_EQ(shown.err, "");
+    EXPECT_TRUE(last_line(shown).starts_with("all devices: ")) << last_line(shown);
+    std::size_t drawn = 0;
+    for (const std::string &line : lines_of(shown.out))
+        drawn += line.starts_with("layout ") ? 1 : 0;
+    EXPECT_EQ(drawn, devices.size());
 }
 
 TEST(Usage, Ages)
@@ -563,6 +540,8 @@ TEST(Usage, BadArguments)
         EXPECT_EQ(run.status, 2) << run;
         EXPECT_NE(run.err.find(args[0]), std::string::npos);
     }
+    expect_complaint(run_ctl({"usage", "device", "--by", "file"}), 2,
+                     "--by file: expected brick, inode or age");
 }
 
 // By the super block of another file.

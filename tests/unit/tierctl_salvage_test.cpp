@@ -1,6 +1,9 @@
 // What a salvage copies of a layout that joins the others, and what a mapfile lets it read.
 
 #include "fourth_layout.h"
+#include "hostile_super.h"
+#include "v2_device.h"
+#include "v3_device.h"
 #include "zu_tierctl/device/mapfile.h"
 #include "zu_tierctl/salvage/domain.h"
 #include "zu_tierctl/salvage/plan.h"
@@ -92,6 +95,62 @@ TEST_F(DepotData, OfALayoutThatTellsNothing)
     } catch (const std::runtime_error &error) {
         EXPECT_STREQ(error.what(), "where layout depot keeps data is not known");
     }
+}
+
+// Whatever a sealed super block says, a plan has no more pieces than the entries in use can hold,
+// and names that the device does not choose.
+void expect_plans_of_hostile(int version, Device device)
+{
+    constexpr char NAMES[] = "0123456789abcdefghijklmnopqrstuvwxyz-/.";
+    const Block sound = device.block(SUPER_OFFSET);
+    std::size_t plans = 0;
+    std::size_t with_pieces = 0;
+    for (const HostileSuper &hostile : hostile_supers(version, sound)) {
+        SCOPED_TRACE(hostile.what);
+        device.write(SUPER_OFFSET, hostile.block);
+        const tierctl::Device opened(device.path(), tierctl::Access::read_only);
+        const tierctl::Metadata metadata = tierctl::read_metadata(opened);
+        try {
+            const tierctl::DataPlan plan(opened, metadata, {.all = true});
+            plans++;
+            with_pieces += plan.pieces().empty() ? 0 : 1;
+            EXPECT_LE(plan.pieces().size(), 64U);
+            for (const tierctl::DataPiece &piece : plan.pieces()) {
+                EXPECT_GT(piece.length, 0U);
+                EXPECT_EQ(plan.path(piece).find_first_not_of(NAMES), std::string::npos);
+                EXPECT_EQ(plan.path(piece).find(".."), std::string::npos);
+            }
+        } catch (const std::runtime_error &error) {
+            EXPECT_NE(std::string(error.what()).find("more than any has"), std::string::npos);
+        }
+    }
+    EXPECT_GT(plans, 40U);
+    EXPECT_GT(with_pieces, plans / 2);
+}
+
+TEST(HostilePlans, OfV1)
+{
+    expect_plans_of_hostile(1, make_v1_device(super_v1(3, 5, 6), {brick_used(1)},
+                                              {inode_used(2, 1)}, {extent_used(0, 2)}));
+}
+
+TEST(HostilePlans, OfV2)
+{
+    ExtentV2 extent = extent_v2_used(1, 2);
+    extent.maps = {{0, {0, 0, 8192, 0, 2}}, {31, {4096, 1, 8192, 4, 2}}};
+    expect_plans_of_hostile(
+        2, make_v2_device(super_v2(3, 5, 6), {brick_used(1)}, {inode_v2_used(2, 1)}, {extent}));
+}
+
+TEST(HostilePlans, OfV3)
+{
+    ShardBlockV3 shards;
+    shards.shards = {{.slot = 1, .ino = 2, .index = 7}};
+    ExtentBlockV3 extents;
+    extents.extents = {{.slot = 0, .lba = 9, .shard = 1}, {.slot = 7, .lba = 8, .shard = 77}};
+    expect_plans_of_hostile(3,
+                            make_v3_device(super_v3(3, 5), {brick_v3_used(1)},
+                                           {inode_v3_used(2, 1)}, {{0, shards}}, {{2, extents}}));
 }
 
 TEST(MapfileStretches, OnlyWhatIsFinished)

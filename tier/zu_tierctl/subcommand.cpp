@@ -3,8 +3,6 @@
 #include "zu_tierctl/entry/table.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
-#include <fmt/ranges.h>
 
 namespace tierctl {
 
@@ -109,13 +107,6 @@ void Subcommand::commit_flag(bool &commit)
 }
 
 void Subcommand::require(const char *name) { app_.get_option(name)->required(); }
-
-void Subcommand::limit(const char *name, const std::vector<std::string> &values)
-{
-    app_.get_option(name)
-        ->check(CLI::IsMember(values))
-        ->option_text(fmt::format("{}", fmt::join(values, "|")));
-}
 
 void Subcommand::exclude(const char *name, std::initializer_list<const char *> others)
 {

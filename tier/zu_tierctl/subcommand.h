@@ -55,10 +55,9 @@ public:
     void mapfile_option(std::string &file);
     void commit_flag(bool &commit);
 
-    /* Of an option that was added: it must be given; only with one of `values`; not with one of
-     * `others`, which were added before it. */
+    /* Of an option that was added: it must be given; not with one of `others`, which were added
+     * before it. */
     void require(const char *name);
-    void limit(const char *name, const std::vector<std::string> &values);
     void exclude(const char *name, std::initializer_list<const char *> others);
 
     /* `run` does what the command is for and returns the exit status, which is `failure` if it

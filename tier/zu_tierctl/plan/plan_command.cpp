@@ -1,8 +1,11 @@
 #include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/error.h"
 #include "zu_tierctl/plan/plan.h"
 #include "zu_tierctl/subcommand.h"
 
+#include <fmt/core.h>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace tierctl {
@@ -34,7 +37,7 @@ constexpr const char PLAN_FOOTER[] =
 void add_plan(Subcommand &command)
 {
     const auto options = std::make_shared<PlanOptions>();
-    const auto only = std::make_shared<std::string>();
+    const auto only = std::make_shared<std::optional<std::string>>();
     command.describe(PLAN_DESCRIPTION, PLAN_FOOTER);
     command.operand("DEVICE", options->device, "Block device or image, only read");
     command.option("--from", "SAVED", options->saved,
@@ -42,11 +45,13 @@ void add_plan(Subcommand &command)
     command.flag("--free-lost", options->free_lost,
                  "Make extents and shards free whose owner does not exist, and what\n"
                  "refers to these");
-    command.option("--only", "CLASS", *only, "Leave out the steps that are not certain");
-    command.limit("--only", {"certain"});
+    command.option("--only", "certain", *only, "Leave out the steps that are not certain");
     options->release = ZU_TIER_RELEASE;
     command.run([options, only] {
-        options->only_certain = !only->empty();
+        if (*only && **only != "certain") {
+            throw UsageError(fmt::format("--only {}: expected certain", **only));
+        }
+        options->only_certain = only->has_value();
         plan(*options);
         return 0;
     });

@@ -6,6 +6,7 @@
 #include "zu_tierctl/subcommand.h"
 #include "zu_tierctl/usage/usage.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,9 +19,6 @@ namespace {
 
 constexpr int STATUS_UNKNOWN = 1;
 constexpr int STATUS_NOT_READ = 2;
-
-constexpr std::pair<const char *, By> ROWS[] = {
-    {"brick", By::owner}, {"inode", By::file}, {"age", By::age}};
 
 constexpr const char USAGE_DESCRIPTION[] =
     "Sum up what is cached of files, and what was not written back";
@@ -45,13 +43,25 @@ constexpr const char USAGE_FOOTER[] =
 struct UsageOptions {
     std::vector<std::string> devices;
     UsageView view;
-    std::string by;
+    std::string by = "brick";
     std::string top;
     std::string file;
     bool json = false;
     std::string super_file;
     std::string mapfile;
 };
+
+By read_by(const std::string &text)
+{
+    constexpr std::pair<std::string_view, By> NAMES[] = {
+        {"brick", By::owner}, {"inode", By::file}, {"age", By::age}};
+    const auto *const name =
+        std::ranges::find(NAMES, text, &std::pair<std::string_view, By>::first);
+    if (name == std::end(NAMES)) {
+        throw UsageError(fmt::format("--by {}: expected brick, inode or age", text));
+    }
+    return name->second;
+}
 
 /* Prints the usage of the devices, one after the other, and the total of several. The exit status.
  */
@@ -97,10 +107,9 @@ void add_usage(Subcommand &command)
     const auto options = std::make_shared<UsageOptions>();
     command.describe(USAGE_DESCRIPTION, USAGE_FOOTER);
     command.operands("DEVICE", options->devices, "Block devices or images, only read");
-    command.option("--by", "ROWS", options->by,
+    command.option("--by", "brick|inode|age", options->by,
                    "What the rows are: brick (and the first files of each),\n"
                    "inode (the first of all) or age");
-    command.limit("--by", {"brick", "inode", "age"});
     command.option("--top", "N", options->top,
                    "So many files, of each brick or of all; default 10");
     command.option("--inode", "NO", options->file, "Only the file of this inode");
@@ -108,11 +117,7 @@ void add_usage(Subcommand &command)
     command.super_option(options->super_file);
     command.mapfile_option(options->mapfile);
     const auto run = [options] {
-        for (const auto &[name, rows] : ROWS) {
-            if (options->by == name) {
-                options->view.by = rows;
-            }
-        }
+        options->view.by = read_by(options->by);
         if (!options->top.empty()) {
             options->view.top = read_number("--top", options->top);
         }
