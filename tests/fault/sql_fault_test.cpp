@@ -70,6 +70,24 @@ TEST_F(SqlFaults, OneNumberIsOneBlock)
               std::vector<std::string>{traced("pread", BLOCK_SIZE, extent_offset(sb, 5), "pass")});
 }
 
+// A condition on the device reads this one alone.
+TEST_F(SqlFaults, OneDeviceIsRead)
+{
+    const Device other = make_v1_device(sb, {brick_used(0)}, {inode_used(0, 0)}, {});
+    const std::string table =
+        traced("pread", sb.block_cnt * BLOCK_SIZE, extent_offset(sb, 0), "pass");
+    const auto reads = [&](const std::string &condition) {
+        const RunResult run = sql("pread=pass", {"--csv", device.path(), other.path(),
+                                                 "select count(*) from extent" + condition});
+        EXPECT_EQ(run.status, 0) << run;
+        const std::vector<std::string> calls = lines_of(read_file(trace));
+        return std::ranges::count(calls, table);
+    };
+    EXPECT_EQ(reads(""), 2);
+    EXPECT_EQ(reads(" where device = '" + other.path() + "'"), 1);
+    EXPECT_EQ(reads(" where device = 'x'"), 0);
+}
+
 // Every read fails in turn: the run says so, or which blocks it could not read.
 TEST_F(SqlFaults, EachReadInTurn)
 {

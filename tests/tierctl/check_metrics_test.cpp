@@ -151,6 +151,21 @@ TEST_F(CheckMetrics, BytesOfFilesThatAreNotKnown)
               static_cast<double>(world.extents[1].size));
 }
 
+// A label ends where it should, whatever name the device gives.
+TEST_F(CheckMetrics, HostileNames)
+{
+    WorldV1 world = half_clean();
+    world.bricks[0].brickid = "a\"} 1\nzu_tier_evil 1\\";
+    EXPECT_EQ(check(world.device().path()).status, 1); // it says that the path is odd
+    const std::string text = directory.read("zu_tier.prom");
+    EXPECT_NE(text.find(R"(,brick="0",path="\"a\\\"} 1\\x0azu_tier_evil 1\\\\\""} )"),
+              std::string::npos)
+        << text;
+    for (const std::string &line : lines_of(text))
+        EXPECT_TRUE(line.starts_with("zu_tier_") || line.starts_with("# ")) << line;
+    EXPECT_EQ(text.find("\nzu_tier_evil"), std::string::npos);
+}
+
 TEST_F(CheckMetrics, ADeviceThatCannotBeChecked)
 {
     const Device device(1 << 20); // without a super block

@@ -3,6 +3,7 @@
 
 #include "cache.h"
 #include "check_run.h"
+#include "hostile_super.h"
 #include "pseudo_terminal.h"
 
 #include <algorithm>
@@ -194,6 +195,21 @@ TEST_P(SqlOfLayout, FindingsAreThoseOfCheck)
     }
 }
 
+// However often a query asks, the device is checked once.
+TEST_P(SqlOfLayout, FindingsOfEachEntry)
+{
+    flip(cache.device, cache.offset("inode", 1) + 60);
+    flip(cache.device, cache.offset("inode", 3) + 60);
+    const std::string query = "select i.no, (select count(*) from finding f where f.no = i.no and "
+                              "f.kind = 'bad_checksum') n from inode i order by no limit 5";
+    const Json expected{{{"no", 0}, {"n", 0}},
+                        {{"no", 1}, {"n", 1}},
+                        {{"no", 2}, {"n", 0}},
+                        {{"no", 3}, {"n", 1}},
+                        {{"no", 4}, {"n", 0}}};
+    EXPECT_EQ(rows_of(cache.device, query), expected);
+}
+
 TEST_P(SqlOfLayout, UnreadableBlocksAreNull)
 {
     const TempDir directory;
@@ -286,6 +302,27 @@ TEST(Sql, SeveralDevicesAreOneDatabase)
     // Rows of several devices with one number are different ones.
     EXPECT_EQ(rows_of({a.path(), b.path()}, "select count(*) n from inode where no = 1 or no = 2"),
               (Json{{{"n", 4}}}));
+}
+
+// The number of a row is its own, whichever rows are asked for: SQLite joins the answers to both
+// conditions by it.
+TEST(Sql, FindingsOfOneDeviceOrNumber)
+{
+    const WorldV1 world;
+    const Device a = world.device();
+    const Device b = world.device();
+    flip(a, brick_offset(world.sb, 1) + 20);
+    flip(a, inode_offset(world.sb, 2) + 20);
+    flip(b, inode_offset(world.sb, 0) + 20);
+    flip(b, extent_offset(world.sb, 3) + 20);
+    const std::string condition = " = 1 or device = '" + b.path() + "'";
+    const Json expected = rows_of({a.path(), b.path()}, "select device, kind, no from finding "
+                                                        "where +no" +
+                                                            condition + " order by 1, 3, 2");
+    EXPECT_GT(expected.size(), 4U);
+    EXPECT_EQ(rows_of({a.path(), b.path()}, "select device, kind, no from finding where no" +
+                                                condition + " order by 1, 3, 2"),
+              expected);
 }
 
 TEST(Sql, JoinsFollowOwners)
@@ -384,7 +421,11 @@ TEST(Sql, NothingCanBeWrittenOrLoaded)
 TEST(Sql, Mistakes)
 {
     const Device device = WorldV1().device();
-    expect_complaint(run_sql({device.path(), "select nix from inode"}), 1, "no such column: nix");
+    expect_complaint(run_sql({device.path(), "select nix from inode"}), 1,
+                     "no such column: nix; PRAGMA table_info(TABLE) shows those of a table");
+    expect_complaint(run_sql({device.path(), "select * from files"}), 1,
+                     "no such table: files; there are super, brick, inode, extent, shard, piece, "
+                     "finding");
     expect_complaint(run_sql({device.path(), "selec 1"}), 1, "near \"selec\": syntax error");
     expect_complaint(run_sql({device.path(), "select 1; select 2"}), 2,
                      "QUERY must be one statement");
@@ -475,43 +516,31 @@ TEST(Sql, EntriesPastTheEndHaveNoRows)
               (Json{{{"no", 2}, {"last", 5}, {"state", "unreadable"}}}));
 }
 
-// Whatever a sealed super block says, every table can be counted.
-TEST(Sql, HostileSuperBlocks)
+// Whatever sealed super blocks say, every table can be counted, in little memory.
+template <class World>
+class SqlOf : public testing::Test {
+};
+TYPED_TEST_SUITE(SqlOf, AllWorlds);
+
+TYPED_TEST(SqlOf, HostileSuperBlocks)
 {
-    const std::uint64_t huge[] = {0, 1, std::uint64_t{1} << 63, 0xFFFF'FFFF'FFFF'FFFFU};
-    const auto expect_end = [](const Device &of) {
-        const RunResult run = run_sql(
-            {"--csv", of.path(),
-             "select (select count(state) from brick), (select count(uuid) from inode), (select "
-             "count(ino) from shard), (select sum(lba) from extent), (select max(te_bitmap) from "
-             "extent), (select count(mapno) from piece), (select max(extent_size) from super)"});
-        EXPECT_EQ(run.status, 0) << run;
-        EXPECT_EQ(lines_of(run.out).size(), 2U) << run;
-    };
-    const WorldV3 world;
-    Device device = world.device();
-    for (std::size_t at = 120; at < SuperV3::LENGTH; at += 8) {
-        for (const std::uint64_t value : huge) {
-            SCOPED_TRACE(text("%zu: %lu", at, value));
-            Block super = encode(world.sb);
-            put_u64(super, at, value);
-            seal(super, SuperV3::LENGTH);
-            put_block(device, SUPER_OFFSET, super);
-            expect_end(device);
-        }
-    }
-    const WorldV2 v2;
-    Device other = v2.device();
-    for (std::size_t at = 120; at < SuperV2::LENGTH; at += 4) {
-        for (const std::uint32_t value : {0U, 0x7FFF'FFFFU, 0xFFFF'FFFFU}) {
-            SCOPED_TRACE(text("%zu: %u", at, value));
-            Block super = encode(v2.sb);
-            put_u32(super, at, value);
-            seal(super, SuperV2::LENGTH);
-            put_block(other, SUPER_OFFSET, super);
-            expect_end(other);
-        }
-    }
+    const TypeParam world;
+    const std::vector<Device> devices =
+        hostile_devices(world.VERSION, encode(world.sb), [&world] { return world.device(); });
+    std::vector<std::string> args{"sql", "--csv"};
+    for (const Device &device : devices)
+        args.push_back(device.path());
+    args.emplace_back(
+        "select (select count(*) from super), (select count(state) from brick) > 0, "
+        "(select count(uuid) from inode) > 0, (select count(ino) from shard) >= 0, "
+        "(select total(lba) from extent) >= 0, (select count(te_bitmap) from extent) >= 0, "
+        "(select count(mapno) from piece) >= 0, (select max(extent_size) from super) > 0 or " +
+        std::to_string(world.VERSION) + " = 3");
+    const RunResult run = run_ctl_in_little_memory(args);
+    EXPECT_EQ(run.status, 0) << run;
+    const std::vector<std::string> lines = lines_of(run.out);
+    ASSERT_EQ(lines.size(), 2U) << run;
+    EXPECT_EQ(lines[1], std::to_string(devices.size()) + ",1,1,1,1,1,1,1");
 }
 
 // What a check finds is kept in memory: too much of it is refused.
@@ -531,6 +560,45 @@ TEST(Sql, TooManyFindings)
                      device.path() + " has more than 65536 findings: ask zu_tierctl check");
     EXPECT_EQ(value_of(device, "select count(*) from extent where dirty and not in_use"),
               257 * 256);
+    // Those of two devices, which are too many to be kept, are found again.
+    for (std::uint64_t no = 129; no < 257; ++no)
+        put_block(device, extent_offset(sb, no), encode(ExtentBlockV3{}));
+    EXPECT_EQ(rows_of({device.path(), device.path()},
+                      "select (select count(*) from finding) a, (select count(*) from finding "
+                      "where no >= 0) b"),
+              (Json{{{"a", 2 * 129 * 256}, {"b", 2 * 129 * 256}}}));
+}
+
+// Names that a device gives: as they are in what programs read, and harmless to a terminal.
+TEST(Sql, HostileNames)
+{
+    WorldV1 world;
+    const std::string name = "a'b\"c,\n\\d\x1b[2J\x7f\u009b$(e)\u00e4";
+    world.bricks[0].brickid = name;
+    const Device device = world.device();
+    const std::string query = "select bi_brickid from brick where no = 0";
+    const std::string quoted = "\"a'b\"\"c,\n\\d\x1b[2J\x7f\u009b$(e)\u00e4\"";
+    EXPECT_EQ(run_sql({"--csv", device.path(), query}).out, "bi_brickid\n" + quoted + "\n");
+    const std::string json = run_sql({"--ndjson", device.path(), query}).out;
+    EXPECT_EQ(Json::parse(json).at("bi_brickid"), name);
+    EXPECT_EQ(json,
+              "{\"bi_brickid\":\"a'b\\\"c,\\u000a\\\\d\\u001b[2J\\u007f\\u009b$(e)\u00e4\"}\n");
+    EXPECT_EQ(value_of(device, "select count(*) from brick where bi_brickid = 'a''b\"c,' || "
+                               "char(10) || '\\d' || char(27) || '[2J' || char(127, 155) || '$(e)' "
+                               "|| char(228)"),
+              1);
+    for (const std::string format : {"--csv", "--ndjson", "--json"}) {
+        const RunResult shown =
+            run_on_terminal(ZU_TIERCTL, {"sql", format, device.path(), query}, 80);
+        EXPECT_EQ(shown.out.find_first_of("\x1b\x7f"), std::string::npos) << shown;
+        EXPECT_EQ(shown.out.find("\u009b"), std::string::npos) << shown;
+    }
+    const RunResult plain = run_sql({device.path(), query});
+    EXPECT_EQ(lines_of(plain.out).at(1), "a'b\"c,\\x0a\\d\\x1b[2J\\x7f\\xc2\\x9b$(e)\u00e4");
+    for (const RunResult &run :
+         {run_ctl({"usage", device.path()}, {.environment = {{"COLUMNS", "300"}}}),
+          run_ctl({"usage", "--json", device.path()})})
+        EXPECT_EQ(run.out.find_first_of("\x1b\x7f"), std::string::npos) << run;
 }
 
 // What a database file holds, by the library itself.

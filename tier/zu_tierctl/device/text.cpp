@@ -57,11 +57,14 @@ size_t sequence_length(std::string_view text)
     return sequence == std::end(UTF8_SEQUENCES) ? 0 : sequence->length;
 }
 
-/* C0 and C1 control characters, of one byte and of two. */
-bool is_control(std::string_view character)
+/* The first byte of a C1 control character; the second has its number. */
+constexpr char CONTROL_LEAD = '\xC2';
+
+/* Whether valid text begins with a control character: C0, of one byte, or C1, of two. */
+bool is_control(std::string_view text)
 {
-    return is_between(character[0], 0, 0x1F) || character[0] == 0x7F ||
-           (is_between(character[0], 0xC2, 0xC2) && is_between(character[1], 0x80, 0x9F));
+    return is_between(text[0], 0, 0x1F) || text[0] == 0x7F ||
+           (text[0] == CONTROL_LEAD && is_between(text[1], 0x80, 0x9F));
 }
 
 /* In three digits a byte cannot swallow the character after it. */
@@ -226,15 +229,18 @@ std::string valid_utf8(std::string_view text)
 std::string json_text(std::string_view text)
 {
     std::string json = "\"";
-    for (const char byte : valid_utf8(text)) {
-        if (is_between(byte, 0, 0x1F) || byte == 0x7F) {
-            json += fmt::format("\\u{:04x}", byte);
+    const std::string valid = valid_utf8(text);
+    for (size_t i = 0; i < valid.size(); i++) {
+        const std::string_view rest = std::string_view(valid).substr(i);
+        if (is_control(rest)) {
+            i += rest.front() == CONTROL_LEAD ? 1 : 0;
+            json += fmt::format("\\u{:04x}", static_cast<uint8_t>(valid[i]));
             continue;
         }
-        if (byte == '"' || byte == '\\') {
+        if (rest.front() == '"' || rest.front() == '\\') {
             json += '\\';
         }
-        json += byte;
+        json += rest.front();
     }
     return json + '"';
 }

@@ -22,8 +22,9 @@ constexpr const char SQL_FOOTER[] =
     "columns. A query can only read; Ctrl-C ends it.\n"
     "\n"
     "Examples, files by bytes not written back, and a database for later:\n"
-    "  zu_tierctl sql tier.img 'SELECT i.uuid, sum(e.te_size) FROM extent e JOIN inode i\n"
-    "    ON i.no = e.te_inode_no WHERE e.te_use AND NOT e.te_clean GROUP BY 1 ORDER BY 2 DESC'\n"
+    "  zu_tierctl sql tier.img \"SELECT i.uuid, sum(e.te_size) FROM extent e JOIN inode i\n"
+    "    ON i.no = e.te_inode_no WHERE e.state = 'ok' AND e.te_use AND NOT e.te_clean\n"
+    "    GROUP BY 1 ORDER BY 2 DESC\"\n"
     "  zu_tierctl sql node1.img node2.img --into caches.db";
 
 struct SqlCommand {

@@ -346,8 +346,8 @@ Database::Database(const SqlDevices &devices) : caches_(devices.size())
     findings->name = "finding";
     findings->columns = finding_columns();
     findings->filled = select_list(findings->columns);
-    findings->make_rows = [&devices](const RowRange &range) {
-        return make_finding_rows(devices, range);
+    findings->make_rows = [this, &devices](const RowRange &range) {
+        return make_finding_rows(devices, findings_, range);
     };
     sources_.push_back(std::move(findings));
     try {
@@ -395,7 +395,23 @@ void Database::lock()
     sqlite3_set_authorizer(db_, authorize, nullptr);
 }
 
-Query Database::ask(const std::string &sql) { return {db_, sql}; }
+Query Database::ask(const std::string &sql)
+{
+    try {
+        return {db_, sql};
+    } catch (const std::runtime_error &error) {
+        const std::string_view text = error.what();
+        if (text.starts_with("no such table: ")) {
+            throw std::runtime_error(
+                fmt::format("{}; there are {}", text, fmt::join(tables(), ", ")));
+        }
+        if (text.starts_with("no such column: ")) {
+            throw std::runtime_error(
+                fmt::format("{}; PRAGMA table_info(TABLE) shows those of a table", text));
+        }
+        throw;
+    }
+}
 
 void Database::write_to(const std::string &path)
 {

@@ -59,6 +59,7 @@ public:
 
 private:
     SlotCaches caches_;
+    FindingLists findings_;
     std::vector<std::unique_ptr<Source>> sources_;
     sqlite3 *db_ = nullptr;
 };

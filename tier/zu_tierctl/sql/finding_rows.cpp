@@ -9,9 +9,15 @@
 
 namespace tierctl {
 
+struct FindingRow {
+    Finding finding;
+    std::string text;
+    std::string command;
+};
+
 namespace {
 
-/* More are not kept. */
+/* More are not kept, of all devices together: then one that is asked again is checked again. */
 constexpr size_t FINDINGS_MAX = size_t{1} << 16;
 
 /* Bytes for the search for duplicates: less than `check` takes, and so more passes. */
@@ -28,12 +34,6 @@ enum FindingColumn {
     COMMAND_COLUMN,
 };
 
-struct FindingRow {
-    Finding finding;
-    std::string text;
-    std::string command;
-};
-
 /* Keeps what a check finds. */
 class KeepingReport : public Report {
 public:
@@ -42,7 +42,7 @@ public:
     {
     }
 
-    std::vector<FindingRow> take() { return std::move(rows_); }
+    FindingList take() { return std::make_shared<std::vector<FindingRow>>(std::move(rows_)); }
 
 private:
     void write(const Finding &finding) override
@@ -63,33 +63,32 @@ private:
 
 class FindingRows : public Rows {
 public:
-    FindingRows(const SqlDevices &devices, RowRange range)
-        : range_(std::move(range)), device_(devices.begin()), next_device_(devices.begin()),
-          end_(devices.end())
+    FindingRows(const SqlDevices &devices, FindingLists &known, RowRange range)
+        : known_(known), range_(std::move(range)), device_(devices.begin()),
+          next_device_(devices.begin()), end_(devices.end())
     {
     }
 
     bool next() override
     {
-        row_++;
-        while (row_ >= rows_.size()) {
-            if (next_device_ == end_) {
-                return false;
+        do {
+            row_++;
+            while (rows_ == nullptr || row_ >= rows_->size()) {
+                if (next_device_ == end_) {
+                    return false;
+                }
+                device_ = next_device_++;
+                device_no_++;
+                rows_ = !range_.device || *range_.device == device_->name ? findings() : nullptr;
+                row_ = 0;
             }
-            device_ = next_device_++;
-            rows_.clear();
-            row_ = 0;
-            if (!range_.device || *range_.device == device_->name) {
-                check();
-            }
-        }
-        id_++;
+        } while (!is_wanted(rows_->at(row_).finding.no));
         return true;
     }
 
     void put(int column, sqlite3_context *to) override
     {
-        const auto &[finding, text, command] = rows_[row_];
+        const auto &[finding, text, command] = rows_->at(row_);
         switch (column) {
         case DEVICE_COLUMN:
             return put_constant(to, device_->name);
@@ -118,17 +117,37 @@ public:
         }
     }
 
-    int64_t id() const override { return id_; }
+    int64_t id() const override { return static_cast<int64_t>(device_no_ << 32 | row_); }
 
 private:
-    void check()
+    bool is_wanted(uint64_t no) const { return no >= range_.first && no <= range_.last; }
+
+    FindingList findings()
+    {
+        const auto found = known_.find(&*device_);
+        if (found != known_.end()) {
+            return found->second;
+        }
+        const FindingList list = check();
+        size_t kept = list->size();
+        for (const auto &[device, rows] : known_) {
+            kept += rows->size();
+        }
+        if (kept > FINDINGS_MAX) {
+            known_.clear();
+        }
+        known_[&*device_] = list;
+        return list;
+    }
+
+    FindingList check() const
     {
         KeepingReport report(*device_);
         const CheckOptions options{.device = device_->device.path(),
                                    .claims_memory = CLAIMS_MEMORY};
         check_metadata(options, device_->device, device_->metadata, report, nullptr);
         report.finish();
-        rows_ = report.take();
+        return report.take();
     }
 
     /* That of the first entry, read once more. */
@@ -143,13 +162,14 @@ private:
         return table.identifies() && table.flaws(no, slot.data()) == 0 ? "ok" : "damaged";
     }
 
+    FindingLists &known_;
     const RowRange range_;
     SqlDevices::const_iterator device_;
     SqlDevices::const_iterator next_device_;
     SqlDevices::const_iterator end_;
-    std::vector<FindingRow> rows_;
+    FindingList rows_; /* of the device; null: none are wanted */
     size_t row_ = 0;
-    int64_t id_ = 0;
+    uint64_t device_no_ = 0;
 };
 
 } // namespace
@@ -162,9 +182,10 @@ std::vector<SqlColumn> finding_columns()
             {"severity", "TEXT"}, {"text", "TEXT"},     {"command", "TEXT"}};
 }
 
-std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, RowRange range)
+std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, FindingLists &known,
+                                        RowRange range)
 {
-    return std::make_unique<FindingRows>(devices, std::move(range));
+    return std::make_unique<FindingRows>(devices, known, std::move(range));
 }
 
 } // namespace tierctl

@@ -12,6 +12,7 @@
 #include <sqlite3.h>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 namespace tierctl {
@@ -127,7 +128,8 @@ public:
 
 class CsvWriter : public StatementWriter {
 public:
-    explicit CsvWriter(sqlite3_stmt *statement) : StatementWriter(statement)
+    explicit CsvWriter(sqlite3_stmt *statement)
+        : StatementWriter(statement), is_shown_(isatty(STDOUT_FILENO) != 0)
     {
         print_line([this](int i) { return std::string(values().name(i)); });
     }
@@ -144,8 +146,9 @@ private:
     {
         std::string line;
         for (int i = 0; i < values().count(); i++) {
+            const std::string field = value(i);
             line += i == 0 ? "" : ",";
-            line += quoted_if_needed(value(i));
+            line += quoted_if_needed(is_shown_ ? one_line(field) : field);
         }
         print("{}\n", line);
     }
@@ -161,6 +164,8 @@ private:
         }
         return quoted + '"';
     }
+
+    bool is_shown_; /* a terminal must not take what a device holds for commands */
 };
 
 /* Numbers to the right, everything else to the left. */

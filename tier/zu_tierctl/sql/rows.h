@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <limits>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,9 +60,17 @@ std::unique_ptr<Rows> make_entry_rows(const SqlDevices &devices, const SqlTable 
 /* Rows that there are about. */
 uint64_t count_rows(const SqlDevices &devices, const SqlTable &table);
 
-/* What check finds; throws when it finds too much. Numbers are not looked at. */
+/* What check finds on a device. */
+struct FindingRow;
+using FindingList = std::shared_ptr<const std::vector<FindingRow>>;
+
+/* What it has found: a query that joins tables asks again and again. */
+using FindingLists = std::map<const SqlDevice *, FindingList>;
+
+/* What check finds, or has found; throws when it finds too much. */
 std::vector<SqlColumn> finding_columns();
-std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, RowRange range);
+std::unique_ptr<Rows> make_finding_rows(const SqlDevices &devices, FindingLists &known,
+                                        RowRange range);
 
 /* Gives a number, or one of more than 63 bits as decimal text. */
 void put_number(sqlite3_context *to, uint64_t number);
