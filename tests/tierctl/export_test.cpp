@@ -2,12 +2,13 @@
 
 #include "cache.h"
 #include "check_run.h"
+#include "held_data.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <set>
 
 using namespace tier_test;
 using Json = nlohmann::json;
@@ -111,52 +112,178 @@ TEST_F(Export, ADirectoryThatCannotBeCreated)
     EXPECT_EQ(directory.read("fleet"), "a file");
 }
 
-// Twenty nodes of three layouts, some with damage: an engine of a fleet and the companion's own
-// answer alike, and as check counts.
-TEST_F(Export, TwentyNodesAreOneTable)
+// A text with `to` in place of each `from`.
+std::string replaced(std::string text, const std::string &from, const std::string &to)
 {
-    const bool has_engine = getenv("ZU_TIER_DUCKDB") != nullptr;
-    std::map<std::string, std::uint64_t> findings; // by kind
-    std::vector<std::string> devices;
-    for (int i = 0; i < 20; ++i) {
-        const std::string device = directory.path("cache" + std::to_string(i));
-        std::vector<std::string> args{
-            "sample",   "--layout", LAYOUTS[static_cast<std::size_t>(i) % 3],
-            "--bricks", "3",        "--inodes",
-            "24",       "--seed",   std::to_string(i),
-            device};
-        if (i % 4 == 0)
-            args.insert(args.begin() + 1, {"--damage", "inode:" + std::to_string(i)});
-        ASSERT_EQ(run_ctl(args).status, 0);
-        ASSERT_EQ(run(device, "n" + std::to_string(i)).status, 0);
-        for (const Finding &finding : run_check(device).findings)
-            findings[finding.kind] += finding.count;
-        devices.push_back(device);
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at))
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+// Twenty nodes of three layouts, some with damage, as one: what an engine of a fleet answers from
+// the exports, and the companion from the devices, is what the model finds in the devices.
+class Fleet : public Export {
+protected:
+    static constexpr int NODES = 20;
+    static constexpr int TWIN = 16; // of which the last has the files, too
+
+    Fleet()
+    {
+        for (int i = 0; i < NODES; ++i) {
+            nodes.push_back(make_node(i));
+            EXPECT_EQ(run(nodes.back().device.path(), "n" + std::to_string(i)).status, 0);
+        }
     }
+
+    struct Node {
+        std::string layout;
+        Device device;
+        Lost lost;
+    };
+    std::vector<Node> nodes;
+
+    static Node make_node(int i)
+    {
+        const std::string layout = LAYOUTS[static_cast<std::size_t>(i) % 3];
+        const int seed = i == NODES - 1 ? TWIN : i;
+        std::vector<std::string> args{"--bricks", "3",      "--inodes",
+                                      "24",       "--seed", std::to_string(seed)};
+        if (layout == "v1")
+            args.insert(args.end(), {"--extent-size", "56"}); // what is held is told by its size
+        Lost lost;
+        if (i % 4 == 0) {
+            args.insert(args.end(), {"--damage", "inode:" + std::to_string(i)});
+            lost.insert({"inode", static_cast<std::uint64_t>(i)});
+        }
+        return {layout, make_sample(args, layout), lost};
+    }
+
+    void ask_findings() const;
+    void ask_bytes_not_written_back() const;
+    void ask_files_of_two_nodes() const;
+
+    // The answers to a query in which {table} is a table and {node} tells nodes apart.
+    void expect_answer(const std::string &query, const std::string &expected) const
+    {
+        std::string of_devices = replaced(query, "{node}", "device");
+        std::string of_exports = replaced(query, "{node}", "node");
+        for (const std::string table :
+             {"super", "brick", "inode", "extent", "shard", "piece", "finding"}) {
+            const std::string name = "{" + table + "}";
+            of_devices = replaced(of_devices, name, table);
+            of_exports = replaced(of_exports, name,
+                                  "read_ndjson('" + fleet + "/table=" + table + "/*/*.zst')");
+        }
+        std::vector<std::string> args{"sql", "--csv"};
+        for (const Node &node : nodes)
+            args.push_back(node.device.path());
+        args.push_back(of_devices);
+        const RunResult own = run_ctl(args);
+        EXPECT_EQ(own.status, 0) << own;
+        EXPECT_EQ(own.out, expected);
+        if (getenv("ZU_TIER_DUCKDB") != nullptr) {
+            const RunResult engine = run_program(ENGINE, {"-csv", "-c", of_exports});
+            EXPECT_EQ(engine.status, 0) << engine;
+            EXPECT_EQ(engine.out, expected);
+        }
+    }
+};
+
+// The super block of a layout, for `use`.
+template <class Use>
+void with_super(const std::string &layout, const Device &device, const Use &use)
+{
+    const Block block = device.block(SUPER_OFFSET);
+    if (layout == "v1")
+        use(decode_super(block));
+    else if (layout == "v2")
+        use(decode_super_v2(block));
+    else
+        use(decode_super_v3(block));
+}
+
+// What is held, by layout: V1 by extent, V2 by piece, V3 by block.
+constexpr char HELD_BY_BRICK[] = R"(
+with held as (
+  select e.{node}, e.te_inode_no ino, e.te_size bytes
+  from {extent} e join {super} s on s.{node} = e.{node}
+  where s.version = 65536 and e.state = 'ok' and e.te_use <> 0 and e.te_clean = 0
+union all
+  select p.{node}, e.te_inode_no, p.orig_len
+  from {piece} p join {extent} e on e.{node} = p.{node} and e.no = p.no
+  where p.state = 'ok' and p.clean = 0
+union all
+  select e.{node}, h.ino, s.block_size
+  from {extent} e join {shard} h on h.{node} = e.{node} and h.no = e.shard
+  join {super} s on s.{node} = e.{node}
+  where e.state = 'ok' and e.in_use <> 0 and e.dirty <> 0)
+select b.bi_brickid brick, sum(held.bytes) bytes
+from held join {inode} i on i.{node} = held.{node} and i.no = held.ino and i.state = 'ok'
+join {brick} b on b.{node} = i.{node} and b.no = i.brick_no
+group by 1 order by 1)";
+
+void Fleet::ask_findings() const
+{
+    std::map<std::string, std::uint64_t> findings; // by kind
+    for (const Node &node : nodes)
+        for (const Finding &finding : run_check(node.device.path()).findings)
+            findings[finding.kind] += finding.count;
     ASSERT_FALSE(findings.empty());
     std::string expected = "kind,n\n";
     for (const auto &[kind, count] : findings)
         expected += kind + ',' + std::to_string(count) + '\n';
+    expect_answer("select kind, sum(f.count) n from {finding} f group by kind order by kind",
+                  expected);
+    expect_answer("select count(distinct {node}) nodes, count(*) entries from {inode}",
+                  "nodes,entries\n20,480\n");
+}
 
-    std::vector<std::string> args{"sql", "--csv"};
-    args.insert(args.end(), devices.begin(), devices.end());
-    args.push_back("select kind, count(*) n from finding group by kind order by kind");
-    const RunResult own = run_ctl(args);
-    EXPECT_EQ(own.status, 0) << own;
-    EXPECT_EQ(own.out, expected);
-    if (has_engine) {
-        const RunResult engine =
-            run_program(ENGINE, {"-csv", "-c",
-                                 "select kind, count(*) n from read_ndjson('" + fleet +
-                                     "/table=finding/*/*.zst') group by kind order by kind"});
-        EXPECT_EQ(engine.status, 0) << engine;
-        EXPECT_EQ(engine.out, expected);
-        const RunResult nodes = run_program(
-            ENGINE, {"-csv", "-c",
-                     "select count(distinct node) nodes, count(*) entries from read_ndjson('" +
-                         fleet + "/table=inode/*/*.zst')"});
-        EXPECT_EQ(nodes.out, "nodes,entries\n20,480\n") << nodes;
-    }
+void Fleet::ask_bytes_not_written_back() const
+{
+    std::map<std::string, std::uint64_t> bytes; // by path
+    for (const Node &node : nodes)
+        with_super(node.layout, node.device, [&](const auto &sb) {
+            for (const HeldPiece &piece : held_pieces(node.device, node.layout, node.lost)) {
+                if (piece.clean || piece.brick == ~std::uint64_t{0})
+                    continue;
+                const auto at = static_cast<std::uint64_t>(brick_offset(sb, piece.brick));
+                bytes[decode_brick(node.device.block(at)).brickid] += piece.length;
+            }
+        });
+    ASSERT_GE(bytes.size(), 20U);
+    std::string expected = "brick,bytes\n";
+    for (const auto &[brick, sum] : bytes)
+        expected += brick + ',' + std::to_string(sum) + '\n';
+    expect_answer(HELD_BY_BRICK, expected);
+}
+
+void Fleet::ask_files_of_two_nodes() const
+{
+    std::set<std::string> files;
+    const Node &last = nodes.back();
+    with_super(last.layout, last.device, [&](const auto &sb) {
+        for (std::uint32_t no = 0; no < sb.inode_cnt; ++no) {
+            const auto at = static_cast<std::uint64_t>(inode_offset(sb, no));
+            const InodeV1 inode = decode_inode(last.device.block(at));
+            if (inode.use != 0 && no != TWIN) // which is damaged there
+                files.insert(uuid_text(inode.uuid));
+        }
+    });
+    std::string expected = "uuid,nodes\n";
+    for (const std::string &uuid : files)
+        expected += uuid + ",2\n";
+    EXPECT_GT(files.size(), 5U);
+    expect_answer(
+        "select uuid, count(distinct {node}) nodes from {inode} where use <> 0 and state = "
+        "'ok' group by uuid having count(distinct {node}) > 1 order by uuid",
+        expected);
+}
+
+TEST_F(Fleet, TwentyNodesAreOneTable)
+{
+    ask_findings();
+    ask_bytes_not_written_back();
+    ask_files_of_two_nodes();
 }
 
 } // namespace
