@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Times whole walks against their yardsticks, in pairs that run in turn on one processor.
 
-    walks.py PROGRAMS WORK [--disk DISK] [--pairs N] [--only companion] [--json FILE]
+    walks.py PROGRAMS WORK [--disk DISK] [--pairs N] [--only companion|salvage] [--json FILE]
 
 PROGRAMS is a build directory. WORK takes images and outputs; on a file system in memory, and as root,
 the images are attached as block devices. Before a pair is timed the two outputs are compared.
@@ -11,8 +11,10 @@ DISK, a directory on a disk, takes the images that the companion reads.
 import argparse
 import contextlib
 import json
+import mmap
 import os
 import re
+import shutil
 import statistics
 import subprocess
 import sys
@@ -35,6 +37,14 @@ DISK_IMAGES = {
     "v2": ["--layout", "v2", *TABLES, "--block-size", "524288"],
 }
 DEPTHS = (1, 2, 4, 8, 16)
+
+# Of which the companion salvages the data: 256 to 640 MiB in use.
+DATA_IMAGES = {
+    "v1": ["--layout", "v1", "--blocks", "640"],
+    "v2": ["--layout", "v2", "--blocks", "1280", "--block-size", "524288"],
+    "v3": ["--layout", "v3", "--extents", "32768", "--blocks", "32768", "--block-size", "16384"],
+}
+SALVAGE_READ = 1 << 20
 
 
 class Bench:
@@ -272,6 +282,55 @@ class Bench:
                  slow / fast >= 4, {"yardstick_s": round(slow, 4), "tool_s": round(fast, 4)})
         os.remove(copy)
 
+    def salvages(self):
+        """The data of files of an image on a disk, to memory, against reads of the same blocks one after
+        the other, as dd makes them with iflag=direct bs=1M."""
+        ctl, env = self.program("zu_tierctl"), {"PATH": os.environ["PATH"]}
+        for layout, sizes in DATA_IMAGES.items():
+            image, into = os.path.join(self.disk, "data.img"), self.path("salvaged")
+            subprocess.run([ctl, "sample", "--force", "--data", *sizes, image], check=True)
+            subprocess.run(["sync", image], check=True)
+            command = [ctl, "salvage", "--all", image, into]
+            self.run(command, NOTHING, env)
+            stretches = self.stretches(os.path.join(into, "manifest.ndjson"))
+            times = ([], [])
+            for _ in range(self.pairs):
+                times[0].append(self.read_directly(image, stretches))
+                shutil.rmtree(into)
+                times[1].append(self.run(command, NOTHING, env))
+            shutil.rmtree(into)
+            os.remove(image)
+            bare, salvage = (statistics.median(one) for one in times)
+            mib = sum(length for _, length in stretches) / (1 << 20)
+            self.row(f"{layout.upper()} salvage of a file against dd", ">= 0.8", bare / salvage,
+                     bare / salvage >= 0.8, {"yardstick_s": round(bare, 4), "tool_s": round(salvage, 4),
+                                             "mib": round(mib), "stretches": len(stretches)})
+
+    @staticmethod
+    def stretches(manifest):
+        """Of the device, in whole blocks, those that touch each other as one: offset and length."""
+        stretches = []
+        with open(manifest, encoding="utf-8") as lines:
+            next(lines)
+            for line in map(json.loads, lines):
+                start, length = line["device_offset"], -(-line["length"] // 4096) * 4096
+                if stretches and sum(stretches[-1]) == start:
+                    start, length = stretches[-1][0], stretches.pop()[1] + length
+                stretches.append((start, length))
+        return stretches
+
+    @staticmethod
+    def read_directly(path, stretches):
+        """Wall time in seconds."""
+        device, buffer = os.open(path, os.O_RDONLY | os.O_DIRECT), mmap.mmap(-1, SALVAGE_READ)
+        begin = time.perf_counter()
+        for start, length in stretches:
+            for at in range(start, start + length, SALVAGE_READ):
+                os.preadv(device, [memoryview(buffer)[:min(SALVAGE_READ, start + length - at)]], at)
+        seconds = time.perf_counter() - begin
+        os.close(device)
+        return seconds
+
     def checksums(self):
         run = subprocess.run([self.program("micro"), "--benchmark_filter=crc32", "--benchmark_format=json",
                               "--benchmark_repetitions=5", "--benchmark_report_aggregates_only"],
@@ -354,7 +413,7 @@ def main():
     parser.add_argument("programs")
     parser.add_argument("work")
     parser.add_argument("--disk")
-    parser.add_argument("--only", choices=["companion"])
+    parser.add_argument("--only", choices=["companion", "salvage"])
     parser.add_argument("--pairs", type=int, default=7)
     parser.add_argument("--json")
     options = parser.parse_args()
@@ -375,8 +434,10 @@ def main():
             bench.first_byte()
             bench.short_runs()
             bench.detach()
-        if options.disk is not None:
+        if options.disk is not None and options.only != "salvage":
             bench.companion()
+        if options.disk is not None:
+            bench.salvages()
     finally:
         bench.detach()
     if options.json:

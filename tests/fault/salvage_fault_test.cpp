@@ -6,16 +6,22 @@
 #include "salvage_tree.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 
 using namespace tier_test;
 namespace fs = std::filesystem;
 
 namespace {
 
-// Of so many moments about this many are tried.
-constexpr std::size_t MOMENTS = 5;
+// Of so many moments this many are tried; scripts/sweep.sh tries all.
+const std::size_t MOMENTS = [] {
+    const char *wanted = std::getenv("ZU_TIER_SALVAGE_MOMENTS");
+    return wanted == nullptr ? 5 : std::stoul(wanted);
+}();
 
 class SalvageFaults : public testing::TestWithParam<std::string> {
 protected:
@@ -35,8 +41,13 @@ protected:
         options.environment = {{"LD_PRELOAD", ZUTR_FAULTS_LIB},
                                {"ZUTR_FAULTS", "trace:" + directory.path("trace") + ";" + faults}};
         fs::remove(directory.path("trace"));
+        ++runs;
         return run_program(ZU_TIERCTL, args, options);
     }
+
+    mutable std::size_t runs = 0;
+
+    void TearDown() override { RecordProperty("runs", std::to_string(runs)); }
 
     // How often a run makes the call.
     std::size_t calls(const std::string &call) const
@@ -92,6 +103,31 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(Layout, SalvageFaults, testing::Values("v1", "v2", "v3"),
                          [](const auto &layout) { return layout.param; });
+
+// Pieces that follow one another on the device are read at once, up to a MiB of them.
+TEST_P(SalvageFaults, NeighboursAreReadAtOnce)
+{
+    std::map<std::uint64_t, std::uint64_t> expected; // length by offset
+    std::uint64_t run = 0;
+    for (const HeldPiece &piece : wanted) {
+        const std::uint64_t length = round_up(piece.length, BLOCK_SIZE);
+        const bool goes_on = expected.contains(run) && run + expected[run] == piece.device &&
+                             expected[run] + length <= MIB;
+        run = goes_on ? run : piece.device;
+        expected[run] += length;
+    }
+    EXPECT_EQ(salvage("pread=pass").status, 0);
+    std::map<std::uint64_t, std::uint64_t> found;
+    for (const std::string &call : lines_of(read_file(directory.path("trace")))) {
+        std::uint64_t length = 0;
+        std::uint64_t offset = 0;
+        EXPECT_EQ(std::sscanf(call.c_str(), "pread(%lu)@%lu=", &length, &offset), 2) << call;
+        if (offset >= wanted.front().device)
+            found[offset] += length;
+    }
+    EXPECT_EQ(found, expected);
+    EXPECT_EQ(expected.size() < wanted.size(), layout != "v1");
+}
 
 // A read of the device that fails once is tried again, block by block, but for the super block.
 TEST_P(SalvageFaults, EachReadFailsOnce)
@@ -189,6 +225,7 @@ TEST_P(SalvageFaults, KilledAndInterruptedAnywhere)
     some_of(stops, [&](std::size_t stop) {
         SCOPED_TRACE(stop);
         run_killed_at(stop, args, ZU_TIERCTL, 0, stop % 2 == 0 ? SIGKILL : SIGINT);
+        ++runs;
         expect_resumed();
     });
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <shared_mutex>
+#include <span>
 #include <vector>
 
 namespace tierctl {
@@ -17,14 +18,22 @@ public:
     Copier(const Device &device, const DataPlan &plan, const Target &target,
            std::shared_mutex &sizes);
 
-    /* What became of the piece. Throws when its file cannot be written. */
-    std::vector<Segment> copy(const DataPiece &piece);
+    /* How many of these pieces, from the first on, are read at once: those that follow one another
+     * on the device, up to 1 MiB; at least one. */
+    static size_t joined(std::span<const DataPiece> pieces);
+
+    /* Copies pieces that are read at once; `to` takes what became of each. Throws when a file
+     * cannot be written. */
+    void copy(std::span<const DataPiece> pieces, std::span<std::vector<Segment>> to);
 
 private:
+    std::vector<Segment> copy_piece(const DataPiece &piece, const uint8_t *data);
     void copy_run(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length);
     bool read(const DataPiece &piece, uint64_t at, uint64_t length);
-    void put(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length);
-    bool write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length);
+    void put(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
+             const uint8_t *data);
+    bool write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
+               const uint8_t *data);
     void add(uint64_t at, uint64_t length, Outcome outcome);
     void grow(const Fd &file, uint64_t size);
 

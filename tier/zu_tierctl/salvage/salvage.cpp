@@ -12,10 +12,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <fmt/core.h>
 #include <future>
 #include <mutex>
+#include <span>
+#include <tuple>
+#include <utility>
 #include <uuid/uuid.h>
 
 namespace tierctl {
@@ -124,22 +126,33 @@ private:
         return size;
     }
 
-    /* Copies the pieces of a batch, several at a time; each copier takes the next one. */
+    /* Copies the pieces of a batch, several at a time; each copier takes those next that are read
+     * at once. */
     void copy(Batch &batch)
     {
-        const size_t size = batch_size(batch.first);
-        batch.segments.resize(size);
-        std::atomic<size_t> next = 0;
+        const auto pieces = plan_.pieces().subspan(batch.first, batch_size(batch.first));
+        batch.segments.resize(pieces.size());
+        std::mutex taking;
+        size_t next = 0;
+        const auto take = [&] {
+            const std::lock_guard<std::mutex> lock(taking);
+            const size_t first = next;
+            next += first < pieces.size() ? Copier::joined(pieces.subspan(first)) : 0;
+            return std::pair(first, next - first);
+        };
         const auto work = [&](Copier &copier) {
             try {
-                for (size_t i = next++; i < size; i = next++) {
-                    const DataPiece &piece = plan_.pieces()[batch.first + i];
-                    batch.segments[i] = copier.copy(piece);
+                for (auto [i, count] = take(); count != 0; std::tie(i, count) = take()) {
+                    copier.copy(pieces.subspan(i, count),
+                                std::span(batch.segments).subspan(i, count));
                     const std::lock_guard<std::mutex> lock(counts_);
-                    progress_.add(piece.length);
+                    for (const DataPiece &piece : pieces.subspan(i, count)) {
+                        progress_.add(piece.length);
+                    }
                 }
             } catch (...) {
-                next = size;
+                const std::lock_guard<std::mutex> lock(taking);
+                next = pieces.size();
                 throw;
             }
         };
