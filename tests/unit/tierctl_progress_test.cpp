@@ -102,6 +102,41 @@ TEST(Progress, IsNeverWrapped)
         EXPECT_LT(line(columns).size(), columns);
 }
 
+// What is shown after more than a second, when so many of a thousand steps were made.
+std::string shown_after_a_second(std::uint64_t done, unsigned walks_to_come,
+                                 unsigned short columns = 0)
+{
+    return shown_on([](int terminal) { return terminal; },
+                    [&] {
+                        Progress progress("reading", 1000, walks_to_come);
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1010));
+                        progress.add(done);
+                    },
+                    columns);
+}
+
+// The number before `unit`, after `before`; 0: there is none.
+double left(const std::string &shown, const std::string &unit)
+{
+    const std::string before = " %, ";
+    const std::size_t at = shown.find(before);
+    const std::size_t end = shown.find(unit + " left");
+    if (at == std::string::npos || end == std::string::npos)
+        return 0;
+    return std::stod(shown.substr(at + before.size(), end - at - before.size()));
+}
+
+// A busy machine may take longer over a step than was asked for, but not shorter.
+TEST(Progress, TellsTheTimeToTheEnd)
+{
+    EXPECT_GE(left(shown_after_a_second(100, 0), " s"), 10); // 9 times 1.01 s, rounded up
+    EXPECT_GE(left(shown_after_a_second(1, 0), " min"), 17); // 999 times
+    EXPECT_GE(left(shown_after_a_second(1, 10), " h"), 4);   // 10999 times
+    EXPECT_EQ(left(shown_after_a_second(0, 0), " s"), 0);    // not known
+    EXPECT_GE(left(shown_after_a_second(500, 0, 30), " s"), 2);
+    EXPECT_EQ(left(shown_after_a_second(500, 0, 25), " s"), 0); // no room for it
+}
+
 TEST(Progress, OfSumsThatNoNumberHolds)
 {
     const std::string shown = shown_on([](int terminal) { return terminal; },

@@ -6,12 +6,13 @@
 
 namespace tierctl {
 
-/* A bar on standard error that shows the progress of a walk. Drawn only on a terminal, and wiped at
- * destruction. */
+/* A bar on standard error that shows the progress of a walk, and after a second how long it will
+ * still take. Drawn only on a terminal, and wiped at destruction. */
 class Progress {
 public:
-    /* `total`: the sum of all that will be added. */
-    Progress(std::string title, uint64_t total);
+    /* `total`: the sum of all that will be added. So many more walks like this one come after it.
+     */
+    Progress(std::string title, uint64_t total, unsigned walks_to_come = 0);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
     ~Progress();
@@ -19,13 +20,20 @@ public:
     void add(uint64_t done);
 
 private:
-    void draw() const;
+    using Time = std::chrono::steady_clock::time_point;
+
+    void draw(Time now) const;
+
+    /* ", 12 s left"; empty while that is not known. */
+    std::string left_text(double part, Time now) const;
 
     std::string title_;
     uint64_t total_;
     uint64_t done_ = 0;
+    unsigned walks_to_come_;
     bool shown_;
-    std::chrono::steady_clock::time_point next_; /* time of the next drawing */
+    Time start_;
+    Time next_; /* time of the next drawing */
 };
 
 } // namespace tierctl
