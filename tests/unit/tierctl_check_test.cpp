@@ -1,6 +1,7 @@
 // Checks in so little memory that tables are read many times.
 
 #include "zu_tierctl/check/check.h"
+#include "zu_tierctl/check/table.h"
 
 #include "v3_device.h"
 
@@ -66,6 +67,22 @@ TEST(CheckMemory, FindsTheSameInAny)
         for (const std::uint64_t block : {0U, 1U, 2U, 3U})
             EXPECT_EQ(count_of(out, text("\"no\":%lu,", block * 512 + 499)), 1U);
     }
+}
+
+// Where there is no memory for all claims, but for those that are repeated.
+TEST(CheckMemory, TellsInTheOrderOfTheNumbers)
+{
+    const Device device = extents_device(true);
+    EXPECT_EQ(check_in(device, 8000).out, check_in(device, std::size_t{400} << 20).out);
+}
+
+TEST(CheckMemory, ThePassesAreCounted)
+{
+    EXPECT_EQ(tierctl::pass_title("extent", 1, 0), "checking extent");
+    EXPECT_EQ(tierctl::pass_title("extent", 2, 0), "checking extent, pass 2");
+    EXPECT_EQ(tierctl::pass_title("extent", 1, 3), "checking extent, pass 1 of 3");
+    EXPECT_EQ(tierctl::pass_title("extent", 3, 3), "checking extent, pass 3 of 3");
+    EXPECT_EQ(tierctl::pass_title("extent", 4, 3), "checking extent, pass 4");
 }
 
 // However often the extents are read.

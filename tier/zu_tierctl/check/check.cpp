@@ -77,7 +77,8 @@ private:
                                                           : check_own_super(table, findings);
         add_counts(table, counts);
         if (watcher_ != nullptr && counts.in_use != 0) {
-            watcher_->add_in_use(0, metadata_.super_block.data());
+            constexpr uint16_t WORD = 0;
+            watcher_->add_sound({0, metadata_.super_block.data(), 0, 1, {&WORD, 1}});
         } else if (watcher_ != nullptr) {
             watcher_->add_lost(0, 1, counts.damaged != 0 ? &Counts::damaged : &Counts::unreadable);
         }

@@ -23,7 +23,7 @@ struct CheckOptions {
     std::string mapfile{};             /* of the device, which is a copy; or empty */
 
     /* Bytes for the duplicate search, most of a check's memory; 0: nothing is searched for. */
-    size_t claims_memory = size_t{400} << 20;
+    size_t claims_memory = size_t{448} << 20;
 
     /* The device is in use: only what several passes find is reported. */
     bool live = false;

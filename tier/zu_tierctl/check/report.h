@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -42,6 +43,16 @@ inline constexpr CountColumn COUNT_COLUMNS[] = {
     {"unreadable", "unreadable", &Counts::unreadable},
 };
 
+/* Words of a sound slot: from `first` up to, but not at, `end`. Those in `used` are entries in use,
+ * the others free. */
+struct SlotWords {
+    uint64_t slot;
+    const uint8_t *data;
+    uint32_t first;
+    uint32_t end;
+    std::span<const uint16_t> used;
+};
+
 /* Sees every entry of a device once while the device is checked: table by table, by number. */
 class Watcher {
 public:
@@ -53,8 +64,7 @@ public:
     /* Sees the entries of so many slots, all damaged or all unreadable, as which they count. */
     virtual void add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count) = 0;
 
-    virtual void add_free(uint64_t no) = 0;
-    virtual void add_in_use(uint64_t no, const uint8_t *entry) = 0;
+    virtual void add_sound(const SlotWords &words) = 0;
 };
 
 /* How much of what is found is written. */

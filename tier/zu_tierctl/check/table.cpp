@@ -1,6 +1,7 @@
 #include "zu_tierctl/check/table.h"
 
 #include "zu_tierctl/check/claims.h"
+#include "zu_tierctl/check/large_claims.h"
 #include "zu_tierctl/device/progress.h"
 #include "zu_tierctl/device/text.h"
 
@@ -35,25 +36,64 @@ uint64_t slots_present(const Table &table, uint64_t device_size)
     return slots;
 }
 
-/* What an entry claims, as a key: an identity, a text, or a number within what its owner has. */
+/* What entries claim, as keys: an identity, a text, or a number within what its owner has. */
 template <class Key>
-Key claim_key(const tier_table &row, const tier_claim &claim, const uint8_t *entry)
-{
-    if constexpr (std::is_same_v<Key, Identity>) {
-        Key key;
-        memcpy(&key, entry + claim.number.at, sizeof(key));
-        return key;
-    } else if constexpr (std::is_same_v<Key, Text>) {
-        static_assert(sizeof(Key) == TIER_CLAIM_TEXT);
-        Key key{};
-        const std::string_view text = claimed_text(claim, entry);
-        memcpy(&key, text.data(), text.size());
-        return key;
-    } else {
-        const uint64_t number = claim.number.get(entry);
-        return row.owner.no.get(entry) << std::popcount(claim.number.mask) | number;
+class ClaimKeys {
+public:
+    ClaimKeys(const tier_table &row, const tier_claim &claim)
+        : claim_(claim), owner_(row.owner.no), number_width_(std::popcount(claim.number.mask))
+    {
     }
-}
+
+    Key key(const uint8_t *entry) const
+    {
+        if constexpr (std::is_same_v<Key, Identity>) {
+            Key identity;
+            memcpy(&identity, entry + claim_.number.at, sizeof(identity));
+            return identity;
+        } else if constexpr (std::is_same_v<Key, Text>) {
+            static_assert(sizeof(Key) == TIER_CLAIM_TEXT);
+            Key padded{};
+            const std::string_view text = claimed_text(claim_, entry);
+            memcpy(&padded, text.data(), text.size());
+            return padded;
+        } else {
+            return owner_.get(entry) << number_width_ | claim_.number.get(entry);
+        }
+    }
+
+private:
+    tier_claim claim_;
+    tier_number owner_;
+    int number_width_;
+};
+
+constexpr size_t WORDS_MAX = SIZE_4K / sizeof(uint64_t);
+
+/* The words of a slot that are entries in use, and where the slot is. */
+struct UsedWords {
+    uint64_t slot_no;
+    int64_t offset;
+    const uint8_t *slot;
+    size_t count = 0;
+    std::array<uint16_t, WORDS_MAX> places;
+
+    /* Without branches: which are in use is not to be foreseen. */
+    UsedWords(const Table &table, uint64_t no, int64_t at, const uint8_t *data)
+        : slot_no(no), offset(at), slot(data)
+    {
+        const tier_number in_use = table.row->in_use;
+        const bool always = !in_use;
+        size_t found = 0;
+        for (uint32_t k = table.first_word; k < table.end_word; k++) {
+            places[found] = static_cast<uint16_t>(k);
+            found += always || in_use.get(Table::entry(slot, k)) != 0 ? 1 : 0;
+        }
+        count = found;
+    }
+
+    std::span<const uint16_t> words() const { return {places.data(), count}; }
+};
 
 /* Whether any word of a slot breaks one of the rules. Without branches, because there are many
  * words and hardly ever such a one: `differing` less one borrows from all of its bits only when it
@@ -78,7 +118,8 @@ public:
     explicit TableCheck(const TableContext &context)
         : context_(context), table_(context.table), row_(*context.table.row),
           first_(context.table.first_word), end_(context.table.end_word),
-          is_owner_(is_referred_to(*context.metadata.layout, row_))
+          is_owner_(is_referred_to(*context.metadata.layout, row_)),
+          checks_each_(is_owner_ || row_.check != nullptr || row_.check_with_owner != nullptr)
     {
         outcome_.states = States(table_.count() * end_);
         outcome_.counts.entries = table_.entries();
@@ -87,7 +128,7 @@ public:
     TableOutcome run(size_t claims_memory)
     {
         if (row_.claims.empty() || !context_.findings.wanted() || claims_memory == 0) {
-            first_pass([](const EntryPlace &, const uint8_t *) {});
+            first_pass([](const UsedWords &) {});
         } else {
             for (const tier_claim &claim : row_.claims) {
                 check_claim(claim, claims_memory);
@@ -116,21 +157,43 @@ private:
         }
     }
 
+    /* The fewer claims there may be, the less memory is taken. */
     template <class Key>
     void check_with_claims(const tier_claim &claim, size_t claims_memory)
     {
         const uint64_t present =
             slots_present(table_, context_.device.size()) * table_.entries_a_slot();
-        Claims<Key> claims(std::max<uint64_t>(
-            2, std::min<uint64_t>(present, Claims<Key>::capacity(claims_memory))));
-        const auto add = [&](const EntryPlace &, const uint8_t *entry) {
-            claims.add(claim_key<Key>(row_, claim, entry));
-        };
-        const auto tell = [&](const EntryPlace &place, const uint8_t *entry) {
-            const auto first = claims.first_claim(claim_key<Key>(row_, claim, entry), place.no);
-            if (first) {
-                context_.findings.add_claim(claim, entry, *first, place);
+        if (present <= Claims<Key>::capacity(claims_memory)) {
+            Claims<Key> claims(present);
+            find_repeated<Key>(claim, claims);
+        } else {
+            passes_ = pass_ + LargeClaims<Key>::PASSES;
+            LargeClaims<Key> claims(std::min<uint64_t>(claims_memory, present));
+            find_repeated<Key>(claim, claims);
+        }
+    }
+
+    template <class Key, class AnyClaims>
+    void find_repeated(const tier_claim &claim, AnyClaims &claims)
+    {
+        const ClaimKeys<Key> claimed(row_, claim);
+        std::array<Key, WORDS_MAX> keys;
+        const auto keys_of = [&](const UsedWords &used) -> std::span<const Key> {
+            for (size_t i = 0; i < used.count; i++) {
+                keys[i] = claimed.key(Table::entry(used.slot, used.places[i]));
             }
+            return {keys.data(), used.count};
+        };
+        const auto add = [&](const UsedWords &used) { claims.add(keys_of(used)); };
+        const auto tell = [&](const UsedWords &used) {
+            claims.for_suspects(keys_of(used), [&](size_t i) {
+                const uint16_t k = used.places[i];
+                const auto first = claims.first_claim(keys[i], used.slot_no * end_ + k);
+                if (first) {
+                    context_.findings.add_claim(claim, Table::entry(used.slot, k), *first,
+                                                place(used.slot_no, used.offset, k));
+                }
+            });
         };
         if (&claim == row_.claims.data()) {
             first_pass(add);
@@ -151,9 +214,8 @@ private:
     Progress next_pass()
     {
         pass_++;
-        return {fmt::format("checking {}{}", table_.name,
-                            text_if(pass_ > 1, fmt::format(", pass {}", pass_))),
-                slots_present(table_, context_.device.size())};
+        return {pass_title(table_.name, pass_, passes_),
+                slots_present(table_, context_.device.size()), passes_ - std::min(pass_, passes_)};
     }
 
     template <class Visit>
@@ -191,16 +253,12 @@ private:
         walk([this, &visit, &visited](const Slots &slots) {
             for (uint64_t i = 0; slots.data != nullptr && i < slots.count; i++) {
                 const uint64_t no = slots.first_no + i;
-                if (table_.flaws(no, slots.slot(i)) != 0) {
-                    continue;
-                }
-                for (uint32_t k = first_; k < end_; k++) {
-                    const uint8_t *entry = Table::entry(slots.slot(i), k);
-                    if (table_.in_use(entry)) {
-                        visited++;
-                        visit(place(no, slots.offset + static_cast<int64_t>(i * SIZE_4K), k),
-                              entry);
-                    }
+                if (table_.flaws(no, slots.slot(i)) == 0) {
+                    const UsedWords used(table_, no,
+                                         slots.offset + static_cast<int64_t>(i * SIZE_4K),
+                                         slots.slot(i));
+                    visited += used.count;
+                    visit(used);
                 }
             }
         });
@@ -221,31 +279,52 @@ private:
             add_lost(no, 1, &Counts::damaged);
             return;
         }
+        const UsedWords used(table_, no, offset, slot);
+        outcome_.counts.in_use += used.count;
+        outcome_.counts.free += table_.entries_a_slot() - used.count;
         const bool odd = breaks_rules(row_.word_rules, slot);
+        if (odd || checks_each_ || !are_owners_in_use(used)) {
+            check_words(used, odd);
+        } else if (context_.watcher != nullptr) {
+            context_.watcher->add_sound({no, slot, first_, end_, used.words()});
+        }
+        visit(used);
+    }
+
+    /* The entries of a slot one by one. */
+    void check_words(const UsedWords &used, bool odd)
+    {
+        std::span<const uint16_t> left = used.words();
         for (uint32_t k = first_; k < end_; k++) {
-            const uint8_t *entry = Table::entry(slot, k);
+            const uint8_t *entry = Table::entry(used.slot, k);
+            const EntryPlace at = place(used.slot_no, used.offset, k);
             if (odd) {
-                check_word(place(no, offset, k), entry);
+                check_word(at, entry);
             }
-            if (!table_.in_use(entry)) {
-                set_states(no, k, k + 1, State::free);
-                outcome_.counts.free++;
-                if (context_.watcher != nullptr) {
-                    context_.watcher->add_free(no * end_ + k);
-                }
+            const auto in_use = left.first(!left.empty() && left.front() == k ? 1 : 0);
+            left = left.subspan(in_use.size());
+            if (context_.watcher != nullptr) {
+                context_.watcher->add_sound({used.slot_no, used.slot, k, k + 1, in_use});
+            }
+            if (in_use.empty()) {
+                set_states(used.slot_no, k, k + 1, State::free);
                 continue;
             }
-            set_states(no, k, k + 1, State::in_use);
+            set_states(used.slot_no, k, k + 1, State::in_use);
             if (row_.for_referrers) {
-                outcome_.states.set_number(no * end_ + k, row_.for_referrers.get(entry));
+                outcome_.states.set_number(at.no, row_.for_referrers.get(entry));
             }
-            outcome_.counts.in_use++;
-            if (context_.watcher != nullptr) {
-                context_.watcher->add_in_use(no * end_ + k, entry);
-            }
-            check_entry(place(no, offset, k), entry);
-            visit(place(no, offset, k), entry);
+            check_entry(at, entry);
         }
+    }
+
+    bool are_owners_in_use(const UsedWords &used) const
+    {
+        const tier_number owner = row_.owner.no;
+        return row_.owner.table.empty() || std::ranges::all_of(used.words(), [&](uint16_t k) {
+                   return context_.owners.get(owner.get(Table::entry(used.slot, k))) ==
+                          State::in_use;
+               });
     }
 
     /* Of the words of a slot from `first` up to, but not at, `end`. */
@@ -358,12 +437,22 @@ private:
     const uint32_t first_;
     const uint32_t end_;
     const bool is_owner_;
+    const bool checks_each_;                /* every entry by itself, though nothing may be wrong */
     std::vector<Referrers> unknown_owners_; /* by number: damaged or unreadable, but referred to */
     TableOutcome outcome_;
-    unsigned pass_ = 0; /* over the table */
+    unsigned pass_ = 0;   /* over the table */
+    unsigned passes_ = 0; /* how many there will be, if that is known */
 };
 
 } // namespace
+
+std::string pass_title(std::string_view table, unsigned pass, unsigned passes)
+{
+    if (pass <= passes) {
+        return fmt::format("checking {}, pass {} of {}", table, pass, passes);
+    }
+    return fmt::format("checking {}{}", table, text_if(pass > 1, fmt::format(", pass {}", pass)));
+}
 
 TableOutcome check_entries(const TableContext &context, size_t claims_memory)
 {

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
 
 namespace tierctl {
 
@@ -27,9 +29,14 @@ struct TableOutcome {
 };
 
 /* Checks the entries of a table whose records fit their slots. Reads the table once for each of its
- * claims, once more when something is claimed repeatedly, and more often when the claims do not fit
- * in `claims_memory` bytes; with 0 it does not search for claims. */
+ * claims, and once more when something is claimed repeatedly. When the claims do not fit in
+ * `claims_memory` bytes it reads the table three times, and more often only when very much is
+ * claimed repeatedly. With 0 it does not search for claims. */
 TableOutcome check_entries(const TableContext &context, size_t claims_memory);
+
+/* What the progress bar says during a pass over a table. `passes`: how many there will be, fewer
+ * than `pass` when that is not known. */
+std::string pass_title(std::string_view table, unsigned pass, unsigned passes);
 
 /* Reports what is wrong in the super block: that it is of another layout than the tables, its
  * parameters, and the places of its areas on a device of so many bytes. */

@@ -62,8 +62,7 @@ public:
 
     void begin_table(const Table &table) override;
     void add_lost(uint64_t first_slot, uint64_t slots, uint64_t Counts::*count) override;
-    void add_free(uint64_t no) override { add(no, &Counts::free); }
-    void add_in_use(uint64_t no, const uint8_t *entry) override;
+    void add_sound(const SlotWords &words) override;
 
     /* Must be called when all tables have been read. */
     void finish();
@@ -71,14 +70,11 @@ public:
 private:
     MapTable &table() { return map_.tables.back(); }
 
-    void add(uint64_t no, uint64_t Counts::*count)
-    {
-        (table().cell(table_read_->index(no)).counts.*count)++;
-        (table().counts.*count)++;
-    }
+    MapCell &cell_of(uint64_t no) { return table().cell(table_read_->index(no)); }
 
     void begin_use();
     void add_cells(uint64_t first, uint64_t end);
+    void add_in_use(uint64_t no, const uint8_t *entry, MapCell &cell);
     bool is_dirty(uint64_t no, const uint8_t *entry);
     void add_owner(uint64_t no, const uint8_t *entry);
     void add_file(const uint8_t *entry, MapOwner &owner);
@@ -192,14 +188,36 @@ void TableBuilder::begin_use()
     map_.aged = access_ != nullptr ? row_->name : map_.aged;
 }
 
-void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry)
+/* Words of several cells are split until each part is of one. */
+void TableBuilder::add_sound(const SlotWords &words)
 {
-    add(no, &Counts::in_use);
+    const auto &[slot, data, first, end, used] = words;
+    const uint64_t no = slot * table_read_->end_word;
+    MapCell &cell = cell_of(no + first);
+    if (&cell != &cell_of(no + end - 1)) {
+        const uint32_t middle = first + (end - first) / 2;
+        const auto before =
+            static_cast<size_t>(std::ranges::lower_bound(used, middle) - used.begin());
+        add_sound({slot, data, first, middle, used.first(before)});
+        add_sound({slot, data, middle, end, used.subspan(before)});
+        return;
+    }
+    for (Counts *counts : {&cell.counts, &table().counts}) {
+        counts->in_use += used.size();
+        counts->free += end - first - used.size();
+    }
+    for (const uint16_t k : used) {
+        add_in_use(no + k, Table::entry(data, k), cell);
+    }
+}
+
+void TableBuilder::add_in_use(uint64_t no, const uint8_t *entry, MapCell &cell)
+{
     if (is_owner_) {
         add_owner(no, entry);
     }
     const uint64_t dirty = row_->data != nullptr && is_dirty(no, entry) ? 1 : 0;
-    table().cell(table_read_->index(no)).dirty += dirty;
+    cell.dirty += dirty;
     table().dirty += dirty;
     if (!is_user_) {
         return;

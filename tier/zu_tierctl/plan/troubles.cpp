@@ -39,17 +39,20 @@ void add_text(Trouble &trouble, const std::string &text)
 
 } // namespace
 
-void Troubles::add_in_use(uint64_t no, const uint8_t *entry)
+void Troubles::add_sound(const SlotWords &words)
 {
     const tier_owner &owner = table_->row->owner;
     const auto freed = freed_.find(owner.table);
     if (freed == freed_.end() || !table_->row->ends_with_owner) {
         return;
     }
-    const uint64_t owner_no = owner.no.get(entry);
-    if (freed->second.contains(owner_no)) {
-        add_orphan(*table_, no,
-                   fmt::format("it refers to {} {}, which becomes free", owner.table, owner_no));
+    for (const uint16_t k : words.used) {
+        const uint64_t owner_no = owner.no.get(Table::entry(words.data, k));
+        if (freed->second.contains(owner_no)) {
+            add_orphan(
+                *table_, words.slot * table_->end_word + k,
+                fmt::format("it refers to {} {}, which becomes free", owner.table, owner_no));
+        }
     }
 }
 

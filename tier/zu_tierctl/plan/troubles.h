@@ -41,8 +41,7 @@ public:
 
     void begin_table(const Table &table) override { table_ = &table; }
     void add_lost(uint64_t, uint64_t, uint64_t Counts::*) override {}
-    void add_free(uint64_t) override {}
-    void add_in_use(uint64_t no, const uint8_t *entry) override;
+    void add_sound(const SlotWords &words) override;
 
 private:
     void write_causes(const std::vector<Cause> &causes) override { causes_ = causes; }
