@@ -11,23 +11,19 @@ namespace tierctl {
 
 namespace {
 
-constexpr auto MIB = int64_t{SIZE_1M};
 constexpr int64_t INODES_FIRST = AREA_START + SIZE_4K;
 constexpr int64_t INODES_LAST = AREA_START + int64_t{TIER_BRICK_CNT_MAX} * SIZE_4K;
 
 /* The extents do not begin after this offset. */
 constexpr int64_t EXTENTS_LAST = INODES_LAST + int64_t{TIER_INODE_CNT_MAX} * SIZE_4K + SIZE_1M;
 
-/* Of each MiB where a table may go on after a gap so many blocks are looked at. */
-constexpr int64_t PEEK_BYTES = 4 * int64_t{SIZE_4K};
+/* After a gap so many MiB are looked at. */
 constexpr int64_t PEEKS_MAX = 65536;
 
 constexpr size_t SAMPLES_MAX = 128; /* of the extents of a trace */
 
 /* All lengths of a record are tried until so many extents of one length have been found. */
 constexpr uint64_t LENGTH_KNOWN = 64;
-
-constexpr int64_t up_to_mib(int64_t offset) { return (offset + MIB - 1) / MIB * MIB; }
 
 /* Reads the tables block by block. */
 class AreaSurvey {

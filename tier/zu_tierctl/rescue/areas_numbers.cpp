@@ -94,8 +94,8 @@ private:
                    is_firm(inodes_.best->second)) {
             certainty = Certainty::certain; /* the last brick and the first inode side by side */
         }
-        numbers_.brick_cnt = to_.add("brick_cnt", certainty, std::move(counts),
-                                     {1, TIER_BRICK_CNT_MAX, "what the layout allows"});
+        numbers_.brick_cnt =
+            to_.add("brick_cnt", certainty, std::move(counts), {1, TIER_BRICK_CNT_MAX});
         inode_start_ = AREA_START + static_cast<int64_t>(numbers_.brick_cnt * SIZE_4K);
         entries_ += numbers_.brick_cnt - std::min(numbers_.brick_cnt, seen);
     }
@@ -153,7 +153,7 @@ private:
                               count == inode_end_ ? end_of(end, extent_start_) : Certainty::none);
         }
         const bool is_bounded = places() == Certainty::certain;
-        Range range = {1, TIER_INODE_CNT_MAX, "what the layout allows"};
+        Range range = {1, TIER_INODE_CNT_MAX};
         if (is_bounded) {
             range = {least, most, "what ends in the MiB before the extents"};
         }
@@ -264,7 +264,7 @@ private:
             counts.push_back({known_, fmt::format("the last known extent is {}", known_ - 1)});
             const int64_t end = extent_start_ + static_cast<int64_t>(known_ * SIZE_4K);
             if (room / 2 <= known_) { /* or half of the table has been zeroed */
-                certainty = end_of(end, end + int64_t{SIZE_1M});
+                certainty = end_of(end, end + MIB);
             }
             if (fills(numbers_.block_size)) {
                 certainty = to_.certainty("block_size");
@@ -273,7 +273,7 @@ private:
         }
         numbers_.block_cnt = to_.add(
             "block_cnt", lower(Certainty::likely, lower(certainty, numbers_.extents_certainty)),
-            std::move(counts), {1, UINT32_MAX, "what the layout allows"});
+            std::move(counts), {1, UINT32_MAX});
     }
 
     const AreaFacts &facts_;

@@ -23,7 +23,7 @@ struct Candidate {
 struct Range {
     uint64_t first;
     uint64_t last;
-    std::string_view reason;
+    std::string_view reason = "what the layout allows";
 };
 /* Of an offset or a size, of which the tables give no bound; more lies on no device. */
 constexpr Range ANY_NUMBER = {0, uint64_t{1} << 62, "no table says"};

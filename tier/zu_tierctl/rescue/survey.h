@@ -14,9 +14,16 @@ namespace tierctl {
 
 /* Looking at the blocks of a device without its super block. */
 
+constexpr auto MIB = int64_t{SIZE_1M};
+constexpr int64_t up_to_mib(int64_t offset) { return (offset + MIB - 1) / MIB * MIB; }
+constexpr int64_t down_to_mib(int64_t offset) { return offset / MIB * MIB; }
+
 /* The first megabytes, in which every layout has tables. */
-constexpr int64_t HEAD_START = TIER_SUPER_OFFSET + int64_t{SIZE_1M};
-constexpr int64_t HEAD_END = 5 * int64_t{SIZE_1M};
+constexpr int64_t HEAD_START = TIER_SUPER_OFFSET + MIB;
+constexpr int64_t HEAD_END = 5 * MIB;
+
+/* Of each MiB where a table may go on after a gap so many bytes are looked at. */
+constexpr int64_t PEEK_BYTES = 4 * int64_t{SIZE_4K};
 
 /* Takes a block, or null when it cannot be read. */
 using TakeBlock = std::function<void(int64_t offset, const uint8_t *block)>;

@@ -34,7 +34,7 @@ SuperReading read_v1(const tier_layout &layout, Remains &remains, const std::vec
         readings.add("extent_size", numbers.extents_certainty,
                      any ? numbers.extent_length : TIER_EXTENT_SIZE_MIN,
                      any ? "the checksums of the extents" : "no sound extent was found",
-                     {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, "what the layout allows"}));
+                     {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX}));
     add_area_sizes(numbers, super, &readings);
 
     SuperReading reading{.layout = &layout};

@@ -16,7 +16,6 @@ namespace {
 constexpr uint32_t PIECE_SIZE = sizeof(tier_mapped_meta_v2_t);
 constexpr uint64_t EXPANSION_MAX = uint64_t{UINT8_MAX} * TIER_EXP_UNIT_V2;
 constexpr uint64_t SAMPLES_FOR_A_SPLIT = 4;
-constexpr char ALLOWED[] = "what the layout allows";
 
 /* Where the pieces of an extent begin, and how many there are. */
 struct Split {
@@ -126,11 +125,11 @@ void add_expansion(const AreaFacts &facts, Readings *to, tier_super_block_v2_t *
         certainty = Certainty::likely;
     }
     super->sb_inode_exp_area = static_cast<uint8_t>(
-        to->add("exp_inode_cnt", certainty, found.count, reason, {0, EXPANSION_MAX, ALLOWED}) /
+        to->add("exp_inode_cnt", certainty, found.count, reason, {0, EXPANSION_MAX}) /
         TIER_EXP_UNIT_V2);
     super->sb_inode_exp_magic = static_cast<uint16_t>(
         to->add("exp_inode_magic", certainty, facts.expansion ? TIER_EXP_MAGIC_V2 : 0U, reason,
-                {0, UINT16_MAX, ALLOWED}));
+                {0, UINT16_MAX}));
     if (facts.expansion) {
         reason =
             found.in_use ? "inodes of it are in use" : "none of its inodes is known to be in use";
@@ -138,7 +137,7 @@ void add_expansion(const AreaFacts &facts, Readings *to, tier_super_block_v2_t *
     }
     super->sb_inode_exp_inuse = static_cast<uint8_t>(to->add("exp_inode_inuse", certainty,
                                                              found.in_use ? TIER_EXP_INUSE_V2 : 0U,
-                                                             reason, {0, UINT8_MAX, ALLOWED}));
+                                                             reason, {0, UINT8_MAX}));
 }
 
 /* The parts of an extent. */
@@ -173,15 +172,14 @@ void add_parts(const AreaNumbers &numbers, const Splits &splits, Readings *to,
         explains && (order.size() == 1 || order.front().map_cnt == usual_cnt)
             ? lower(Certainty::likely, numbers.extents_certainty)
             : Certainty::none;
-    super->sb_extent_size =
-        static_cast<uint32_t>(to->add("extent_size", certainty, std::move(sizes),
-                                      {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX, ALLOWED}));
+    super->sb_extent_size = static_cast<uint32_t>(to->add(
+        "extent_size", certainty, std::move(sizes), {TIER_EXTENT_SIZE_MIN, TIER_EXTENT_SIZE_MAX}));
     super->sb_map_cnt = static_cast<uint32_t>(
-        to->add("map_cnt", certainty, std::move(counts), {0, EXTENT_HOT_LEN, ALLOWED}));
+        to->add("map_cnt", certainty, std::move(counts), {0, EXTENT_HOT_LEN}));
     const Certainty blocks = lower(to->certainty("block_size"), to->certainty("block_cnt"));
     super->sb_min_alloc_size = static_cast<uint32_t>(
         to->add("min_alloc_size", lower(Certainty::likely, blocks), map_size,
-                "what a conversion chooses for such blocks", {0, TIER_BLOCK_SIZE_MAX, ALLOWED}));
+                "what a conversion chooses for such blocks", {0, TIER_BLOCK_SIZE_MAX}));
     super->sb_size_mapped_meta = PIECE_SIZE;
     super->sb_total_map_size = super->sb_map_cnt * PIECE_SIZE;
     super->sb_hot_size = TIER_HOT_SIZE_V2;

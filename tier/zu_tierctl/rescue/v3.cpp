@@ -12,19 +12,13 @@ namespace tierctl {
 
 namespace {
 
-constexpr auto MIB = int64_t{SIZE_1M};
-
 /* Bytes without an entry after which the tables seem to have ended: before the extents, where the
  * hot table lies. Then a few blocks of each MiB are looked at. */
 constexpr int64_t QUIET_BYTES = 64 * MIB;
-constexpr int64_t PEEK_BYTES = 4 * int64_t{SIZE_4K};
 constexpr int64_t PEEK_END = 4096 * MIB;
 
 /* Blocks that the extents have at most. */
 constexpr uint64_t EXTENT_BLOCKS_MAX = TIER_EXTENT_CNT_MAX_V3 / TIER_PACKED_SLOTS_V3;
-
-constexpr int64_t up_to_mib(int64_t offset) { return (offset + MIB - 1) / MIB * MIB; }
-constexpr int64_t down_to_mib(int64_t offset) { return offset / MIB * MIB; }
 
 uint64_t blocks_between(int64_t first, int64_t last)
 {
@@ -330,7 +324,7 @@ private:
             fmt::format("{} {}",
                         is_known ? "the last known entry is" : "the last that is referred to is",
                         count - 1),
-            {1, max, "what the layout allows"});
+            {1, max});
     }
 
     void read_bricks()
@@ -402,7 +396,7 @@ private:
             certainty = Certainty::none;
         }
         return to_.add(key, lower(certainty, to_.certainty(offset_key)), std::move(counts),
-                       {1, max, "what the layout allows"});
+                       {1, max});
     }
 
     void read_shards()
