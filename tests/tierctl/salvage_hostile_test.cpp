@@ -195,8 +195,12 @@ TEST_F(SalvageV1, EmptyBitmapsAndSizes)
     Device filled(device.size());
     filled.write(0, device.bytes());
     filled.truncate(sb.data_offset + std::uint64_t{sb.block_cnt} * sb.block_size);
+    for (const std::uint64_t no : {1, 3})
+        for (std::uint64_t at = 0; at < DATA_BLOCK; at += BLOCK_SIZE)
+            filled.write(sb.data_offset + no * DATA_BLOCK + at, Block{});
     const RunResult done = run(filled);
     EXPECT_EQ(done.status, 0) << done;
+    EXPECT_EQ(done.err, "");
     const SalvageTree tree = read_tree(into);
     ASSERT_EQ(tree.manifest.size(), 2U);
     EXPECT_EQ(tree.manifest[0]["length"], 5000);
@@ -339,6 +343,8 @@ TEST_F(SalvageV2, PlacesThatNoFileHas)
                                               {1, {0 - std::uint64_t{100}, 0, 5000, 1, 2}},
                                               {2, {0, 0, 100, 4, 1}}})});
         made.truncate(sb.data_offset + std::uint64_t{sb.block_cnt} * sb.block_size);
+        for (std::uint64_t at = 0; at < DATA_BLOCK; at += BLOCK_SIZE)
+            made.write(sb.data_offset + DATA_BLOCK + at, Block{});
         return made;
     }();
     for (int again = 0; again < 2; ++again) {

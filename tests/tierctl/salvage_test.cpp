@@ -292,6 +292,22 @@ TEST_P(SalvageLayouts, ExtentsThatCannotBeRead)
     expect_tree(expected_tree(dirty(held_pieces(device, layout, {{"extent", 0}}))));
 }
 
+// A saved file has the tables and no data: what is found there is not called salvaged.
+TEST_P(SalvageLayouts, SavedFilesHaveNoData)
+{
+    const std::string saved = directory.path("saved");
+    ASSERT_EQ(run_ctl({"save", device.path(), saved}).status, 0);
+    std::uint64_t bytes = 0;
+    for (const HeldPiece &piece : dirty(held))
+        bytes += piece.length;
+    const std::string complaint =
+        text("%lu bytes are holes of %s, and so zeros here: a saved file has no data, and a copy "
+             "of ddrescue needs its --mapfile",
+             bytes, saved.c_str());
+    expect_complaint(run_ctl({"salvage", saved, into}), 1, complaint);
+    expect_complaint(run_ctl({"salvage", "--resume", saved, into}), 1, complaint);
+}
+
 // The super block of a saved file tells where the tables are.
 TEST_P(SalvageLayouts, DevicesWithoutASuperBlock)
 {

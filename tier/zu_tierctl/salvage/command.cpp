@@ -15,6 +15,7 @@ constexpr const char SALVAGE_FOOTER[] =
     "each stretch where it was and is, whether it was written back, whether it was copied, and\n"
     "the CRC-32 of its bytes. Blocks that cannot be read stay holes. Where two extents hold the\n"
     "same place, the second is in a file beside the first, ending in .conflict-<extent>.\n"
+    "Of a device whose reads fail, copy first what matters with ddrescue: see domain --help.\n"
     "Exit status: 0 all was copied, 1 something could not be.\n"
     "\n"
     "Example, and the same once more after an interruption:\n"

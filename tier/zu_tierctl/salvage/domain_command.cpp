@@ -15,11 +15,12 @@ constexpr const char DOMAIN_FOOTER[] =
     "back: copy them first, and ask the copy.\n"
     "Exit status: 0 done, 1 not done, or some extents could not be read or are damaged.\n"
     "\n"
-    "Example, first the tables of a device that dies, then what was not written back:\n"
+    "Example, first the tables of a device that dies, then what was not written back, as files:\n"
     "  zu_tierctl domain --metadata /dev/nvme0n1 >tables.map\n"
     "  ddrescue -d -m tables.map /dev/nvme0n1 copy.img copy.map\n"
     "  zu_tierctl domain --dirty --mapfile copy.map copy.img >dirty.map\n"
-    "  ddrescue -d -m dirty.map /dev/nvme0n1 copy.img copy.map";
+    "  ddrescue -d -m dirty.map /dev/nvme0n1 copy.img copy.map\n"
+    "  zu_tierctl salvage --mapfile copy.map copy.img /srv/salvaged";
 
 } // namespace
 

@@ -218,9 +218,26 @@ void tell_conflicts(const DataPlan &plan)
     }
 }
 
-/* Whether nothing is lost. */
-bool tell_losses(const SalvageOptions &options, const DataPlan &plan, const Salvage &salvaged)
+/* Bytes of pieces where an image has nothing: whatever the device had there, they read as zeros. */
+uint64_t bytes_in_holes(const Device &device, const DataPlan &plan)
 {
+    Holes holes(device.fd());
+    uint64_t bytes = 0;
+    for (const DataPiece &piece : plan.pieces()) {
+        if (tier_add(piece.start, piece.length) <= device.size() &&
+            holes.cover(static_cast<int64_t>(piece.start), piece.length)) {
+            bytes += piece.length;
+        }
+    }
+    return bytes;
+}
+
+/* Whether nothing is lost. */
+bool tell_losses(const SalvageOptions &options, const Device &device, const DataPlan &plan,
+                 const Salvage &salvaged)
+{
+    /* With a mapfile what is not there cannot be read. */
+    const uint64_t holes = options.mapfile.empty() ? bytes_in_holes(device, plan) : 0;
     const std::string see = fmt::format("see {}/{}", options.directory, Manifest::NAME);
     const std::pair<uint64_t, std::string> losses[] = {
         {salvaged.bytes(Outcome::unreadable),
@@ -228,6 +245,9 @@ bool tell_losses(const SalvageOptions &options, const DataPlan &plan, const Salv
         {salvaged.bytes(Outcome::unplaced),
          fmt::format("{} bytes belong where no file can have them: {}",
                      salvaged.bytes(Outcome::unplaced), see)},
+        {holes, fmt::format("{} bytes are holes of {}, and so zeros here: a saved file has no "
+                            "data, and a copy of ddrescue needs its --mapfile",
+                            holes, options.device)},
     };
     bool is_complete = plan.tell_unknown();
     for (const auto &[count, text] : losses) {
@@ -272,7 +292,7 @@ bool salvage(const SalvageOptions &options)
         complain("nothing is held of what --brick or --inode names");
     }
     tell_conflicts(plan);
-    return tell_losses(options, plan, salvaged);
+    return tell_losses(options, device, plan, salvaged);
 }
 
 } // namespace tierctl
