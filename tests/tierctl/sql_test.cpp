@@ -676,6 +676,19 @@ TEST_F(SqlFile, HasAllRowsOfAllTables)
               std::string::npos);
 }
 
+// SQLite would take the name for a URI, and write elsewhere.
+TEST_F(SqlFile, NamesLikeUris)
+{
+    const Device device = WorldV1().device();
+    std::filesystem::create_directory(directory.path("file:"));
+    const RunResult run = run_sql({"--into", "file:/caches.db?mode=memory", device.path()},
+                                  {.working_directory = directory.path("")});
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(names_in(directory), std::vector<std::string>{"file:"});
+    const DatabaseFile database(directory.path("file:/caches.db?mode=memory"));
+    EXPECT_EQ(database.rows("select count(*) n from inode").at(0).at("n"), "5");
+}
+
 TEST_F(SqlFile, ExistingFilesStay)
 {
     const Device device = WorldV1().device();

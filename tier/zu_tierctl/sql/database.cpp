@@ -415,22 +415,24 @@ Query Database::ask(const std::string &sql)
 
 void Database::write_to(const std::string &path)
 {
-    run(fmt::format("ATTACH {} AS {}", sql_text(path), OUT));
-    run(fmt::format(
-        "PRAGMA cache_size = -16384; PRAGMA {0}.journal_mode = OFF; PRAGMA {0}.synchronous = OFF; "
-        "PRAGMA {0}.locking_mode = EXCLUSIVE; PRAGMA {0}.cache_size = -16384",
-        OUT));
+    /* A name that begins like that would be taken for a URI. */
+    const std::string name = path.starts_with("file:") ? "./" + path : path;
+    run(fmt::format("ATTACH {} AS {}", sql_text(name), OUT));
+    run(fmt::format("PRAGMA cache_size = -16384; PRAGMA {0}.page_size = 16384; "
+                    "PRAGMA {0}.journal_mode = OFF; PRAGMA {0}.synchronous = OFF; "
+                    "PRAGMA {0}.locking_mode = EXCLUSIVE; PRAGMA {0}.cache_size = -16384",
+                    OUT));
     run("BEGIN");
     for (const auto &source : sources_) {
-        const std::string name = sql_name(source->name);
-        run(fmt::format("CREATE TABLE {}.{}{}", OUT, name,
+        const std::string table = sql_name(source->name);
+        run(fmt::format("CREATE TABLE {}.{}{}", OUT, table,
                         declaration(source->columns, source->is_keyed ? "no" : "")));
-        run(fmt::format("INSERT INTO {0}.{1} ({2}) SELECT {2} FROM main.{1}", OUT, name,
+        run(fmt::format("INSERT INTO {0}.{1} ({2}) SELECT {2} FROM main.{1}", OUT, table,
                         source->filled));
         for (const SqlColumn &column : source->columns) {
             if (column.is_owner || (column.name == "no" && !source->is_keyed)) {
                 run(fmt::format("CREATE INDEX {0}.{1} ON {2} ({3}) WHERE {3} IS NOT NULL", OUT,
-                                sql_name(source->name + '_' + column.name), name,
+                                sql_name(source->name + '_' + column.name), table,
                                 sql_name(column.name)));
             }
         }

@@ -148,6 +148,7 @@ private:
             word_ = std::max(word_, static_cast<uint32_t>(range_.first % table_->end_word));
         }
         part_ = NO_PART;
+        computed_of_ = nullptr;
         has_slot_ = true;
         return true;
     }
@@ -238,6 +239,9 @@ private:
         if (source.from == From::nowhere || slots_.data == nullptr || !table_->fits()) {
             return; /* NULL */
         }
+        if (source.from == From::slot && source.column.compute != nullptr) {
+            return put_number(to, computed(source));
+        }
         if (source.from == From::slot) {
             return put_column(source.column, slot(), to);
         }
@@ -253,6 +257,16 @@ private:
             has_part_ = true;
         }
         put_column(source.column, record_.data(), to);
+    }
+
+    /* A number that takes work, the same in all rows of a slot. */
+    uint64_t computed(const Source &source)
+    {
+        if (computed_of_ != &source) {
+            computed_of_ = &source;
+            computed_ = column_number(source.column, slot());
+        }
+        return computed_;
     }
 
     static void put_column(const tier_column &column, const void *record, sqlite3_context *to)
@@ -311,6 +325,8 @@ private:
     bool is_damaged_ = false;
     uint32_t word_ = 0; /* of the next row */
     uint32_t part_ = NO_PART;
+    const Source *computed_of_ = nullptr; /* of which `computed_` is the value in the slot */
+    uint64_t computed_ = 0;
 
     uint64_t no_ = 0;
     bool has_part_ = false; /* the record of the row is there */

@@ -21,7 +21,7 @@ namespace {
 constexpr size_t FINDINGS_MAX = size_t{1} << 16;
 
 /* Bytes for the search for duplicates: less than `check` takes, and so more passes. */
-constexpr size_t CLAIMS_MEMORY = size_t{32} << 20;
+constexpr size_t CLAIMS_MEMORY = size_t{48} << 20;
 
 enum FindingColumn {
     TABLE_COLUMN = BASE_COLUMNS,
@@ -128,7 +128,7 @@ private:
         if (found != known_.end()) {
             return found->second;
         }
-        const FindingList list = check();
+        FindingList list = check();
         size_t kept = list->size();
         for (const auto &[device, rows] : known_) {
             kept += rows->size();
