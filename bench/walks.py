@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Times whole walks against their yardsticks, in pairs that run in turn on one processor.
 
-    walks.py PROGRAMS WORK [--disk DISK] [--pairs N] [--only companion|salvage] [--json FILE]
+    walks.py PROGRAMS WORK [--disk DISK] [--pairs N] [--only PART] [--json FILE]
 
 PROGRAMS is a build directory. WORK takes images and outputs; on a file system in memory, and as root,
 the images are attached as block devices. Before a pair is timed the two outputs are compared.
-DISK, a directory on a disk, takes the images that the companion reads.
+DISK, a directory on a disk, takes the images that the companion reads. The largest table has
+ZU_TIER_BENCH_EXTENTS entries, 2^30 if that is not set: 8 GiB, and as much again for its copies.
+PART is companion, salvage or largest: nothing else is measured.
 """
 
 import argparse
@@ -45,6 +47,11 @@ DATA_IMAGES = {
     "v3": ["--layout", "v3", "--extents", "32768", "--blocks", "32768", "--block-size", "16384"],
 }
 SALVAGE_READ = 1 << 20
+# The largest table that there is, how many of its entries claim what another does, and the goal.
+LARGEST = 1 << 30
+PLANTED = 20
+LARGEST_SECONDS = 60
+LARGEST_MIB = 512
 
 
 class Bench:
@@ -94,7 +101,7 @@ class Bench:
     def straightforward(self, layout, table, *options):
         return [self.program("straightforward"), self.devices[layout], table, *options]
 
-    def run(self, command, output, env):
+    def run(self, command, output, env, status=0):
         """Wall time in seconds, with new files to write to."""
         for leftover in (output, *command):
             if leftover.startswith(self.work) and not leftover.endswith(".img"):
@@ -102,8 +109,11 @@ class Bench:
                     os.remove(leftover)
         with open(output, "wb") as out:
             begin = time.perf_counter()
-            subprocess.run(command, stdout=out, stderr=subprocess.DEVNULL, env=env, check=True)
-            return time.perf_counter() - begin
+            ended = subprocess.run(command, stdout=out, stderr=subprocess.DEVNULL, env=env)
+            seconds = time.perf_counter() - begin
+        if ended.returncode != status:
+            sys.exit(f"{' '.join(command)}: exit status {ended.returncode}")
+        return seconds
 
     def outputs_are_equal(self, first, second, env):
         outputs = [self.path("first.out"), self.path("second.out")]
@@ -250,22 +260,62 @@ class Bench:
         subprocess.run(["sync", copy], check=True)
 
     def diff_and_save(self, image, tables):
-        copy, saved = os.path.join(self.disk, "copy.img"), os.path.join(self.disk, "saved.img")
+        copy = os.path.join(self.disk, "copy.img")
         self.copy(image, copy)
         self.against_fio("V1 diff of two files", 0.8, image, tables,
                          [self.program("zu_tierctl"), "diff", image, copy], times=2)
         os.remove(copy)
+        self.save_against_dd("V1 save of a file", image, tables, self.pairs)
+
+    def save_against_dd(self, name, image, tables, pairs):
+        copy, saved = os.path.join(self.disk, "copy.img"), os.path.join(self.disk, "saved.img")
         plain = ["dd", "if=" + image, "of=" + copy, "bs=1M", "iflag=direct,skip_bytes,count_bytes",
                  f"skip={tables[0]}", f"count={tables[1]}", "conv=fsync"]
         save = [self.program("zu_tierctl"), "save", image, saved]
         times = ([], [])
-        for _ in range(self.pairs):
+        for _ in range(pairs):
             for command, made, one in zip((plain, save), (copy, saved), times):
                 one.append(self.run(command, NOTHING, {"PATH": os.environ["PATH"]}))
                 os.remove(made)
         slow, fast = (statistics.median(one) for one in times)
-        self.row("V1 save of a file against dd", ">= 0.7", slow / fast, slow / fast >= 0.7,
+        self.row(f"{name} against dd", ">= 0.7", slow / fast, slow / fast >= 0.7,
                  {"yardstick_s": round(slow, 4), "tool_s": round(fast, 4)})
+
+    def largest(self):
+        """A full table, against the time that fio takes to read it once."""
+        extents = int(os.environ.get("ZU_TIER_BENCH_EXTENTS", LARGEST))
+        pairs = min(self.pairs, 3)
+        ctl, image = self.program("zu_tierctl"), os.path.join(self.disk, "largest.img")
+        subprocess.run([ctl, "sample", "--force", "--layout", "v3", "--shards", "524288", "--block-size",
+                        "8192", "--extents", "512", image], check=True)
+        planted = subprocess.run([self.program("full_extents"), image, str(extents), str(PLANTED)],
+                                 check=True, capture_output=True, text=True).stdout
+        check = [ctl, "check", "--json", "--all", image]
+        report = json.loads(subprocess.run(check, stdout=subprocess.PIPE, text=True).stdout)
+        found = [(one["no"], int(one["text"].split()[-1])) for one in report["findings"]]
+        if found != sorted(tuple(map(int, line.split())) for line in planted.splitlines()):
+            sys.exit(f"check of {image}: other findings than were planted")
+
+        dump = subprocess.run([self.program("zu_tier"), "-p", image, "-c", "dump_super", "-l", NOTHING],
+                              capture_output=True, text=True, check=True)
+        table = json.loads(dump.stdout)["extent_table_offset"], extents * 8
+        best = max(DEPTHS, key=lambda depth: self.fio(image, table, depth))
+        for name, command, status in (("check", check, 1), ("map", [ctl, "map", image], 0),
+                                      ("diff", [ctl, "diff", image, image], 0)):
+            env, yardsticks, tools = {"PATH": os.environ["PATH"]}, [], []
+            for _ in range(pairs):
+                yardsticks.append(table[1] / self.fio(image, table, best))
+                tools.append(self.run(command, NOTHING, env, status))
+            seconds, goal = statistics.median(tools), LARGEST_SECONDS * extents / LARGEST
+            self.row(f"V3 {name} of {extents} extents in s", f"< {goal:g}", seconds, seconds < goal,
+                     {"yardstick_s": round(statistics.median(yardsticks), 4), "tool_s": round(seconds, 4)})
+        timed = subprocess.run(["time", "-f", "%M", *check], stdout=subprocess.DEVNULL,
+                               stderr=subprocess.PIPE, text=True).stderr
+        peak = int(timed.split()[-1]) / 1024
+        self.row(f"V3 check of {extents} extents, peak memory in MiB", f"<= {LARGEST_MIB}", peak,
+                 peak <= LARGEST_MIB, {})
+        self.save_against_dd(f"V3 save of {extents} extents", image, table, pairs)
+        os.remove(image)
 
     def in_flight(self, name, image):
         """The image in memory, and every read takes a millisecond longer."""
@@ -413,7 +463,7 @@ def main():
     parser.add_argument("programs")
     parser.add_argument("work")
     parser.add_argument("--disk")
-    parser.add_argument("--only", choices=["companion", "salvage"])
+    parser.add_argument("--only", choices=["companion", "salvage", "largest"])
     parser.add_argument("--pairs", type=int, default=7)
     parser.add_argument("--json")
     options = parser.parse_args()
@@ -434,10 +484,11 @@ def main():
             bench.first_byte()
             bench.short_runs()
             bench.detach()
-        if options.disk is not None and options.only != "salvage":
-            bench.companion()
         if options.disk is not None:
-            bench.salvages()
+            for part, measure in (("companion", bench.companion), ("salvage", bench.salvages),
+                                  ("largest", bench.largest)):
+                if options.only in (None, part):
+                    measure()
     finally:
         bench.detach()
     if options.json:

@@ -3,6 +3,8 @@
 # output, and the same as JSON in FILE. Then adds a line to bench/history.ndjson, and says which rows
 # have moved by more than they differed between the earlier runs on this machine.
 #
+# The largest table has 2^30 extents, or ZU_TIER_BENCH_EXTENTS: it and its copies take 16 bytes of /var/tmp each.
+#
 #   scripts/bench.sh [FILE]
 set -euo pipefail
 cd "$(dirname "$0")/.."
