@@ -190,6 +190,15 @@ TEST_F(CheckMetrics, ReplacesWhatItWroteBefore)
 }
 
 // Not even by mistake the device itself.
+// As mktemp(1) makes one.
+TEST_F(CheckMetrics, ReplacesAnEmptyFile)
+{
+    const Device device = half_clean().device();
+    directory.write("zu_tier.prom", "");
+    EXPECT_EQ(check(device.path()).status, 0);
+    EXPECT_EQ(samples(device.path()).at("zu_tier_check_success"), 1);
+}
+
 TEST_F(CheckMetrics, ReplacesNothingElse)
 {
     const Device device = half_clean().device();

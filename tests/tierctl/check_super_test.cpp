@@ -360,6 +360,35 @@ bool has(const std::vector<std::string> &all, const std::string &one)
     return std::ranges::find(all, one) != all.end();
 }
 
+// The areas of which a device that ends with its super block has too little.
+template <class Super>
+std::vector<std::string> areas_past_the_end(const Super &sb)
+{
+    Device device(MIB + KIB4);
+    device.write(SUPER_OFFSET, encode(sb));
+    std::vector<std::string> areas;
+    for (const Finding &finding : run_check(device.path(), {"--table", "super"}).findings) {
+        if (finding.kind == "area_past_end") {
+            const std::string_view text = std::string_view(finding.text).substr(4); // "the "
+            areas.emplace_back(text.substr(0, text.find(" (")));
+        }
+    }
+    return areas;
+}
+
+TEST(CheckSuper, EveryAreaPastTheEndIsNamed)
+{
+    WorldV2 v2;
+    set_expansion(v2.sb, EXPANSION_UNIT, true);
+    using Areas = std::vector<std::string>;
+    EXPECT_EQ(areas_past_the_end(WorldV1().sb),
+              (Areas{"brick table", "inode table", "extent table", "data area"}));
+    EXPECT_EQ(areas_past_the_end(v2.sb), (Areas{"brick table", "inode table", "extent table",
+                                                "data area", "expansion inode area"}));
+    EXPECT_EQ(areas_past_the_end(WorldV3().sb), (Areas{"brick table", "inode table", "shard table",
+                                                       "hot table", "extent table", "data area"}));
+}
+
 // What does not fit in 64 bits is said in words.
 TEST(CheckSuper, SumsPastAnyOffset)
 {
