@@ -140,4 +140,17 @@ TEST(TierctlEntry, SizesThatDoNotFit)
     }
 }
 
+// The first of them are named, the others counted.
+TEST(TierctlEntry, DifferingFields)
+{
+    std::vector<Difference> differences;
+    for (const std::string expected : {"", "a", "a, b", "a, b, c", "a, b, c and 1 more"}) {
+        EXPECT_EQ(tierctl::differing_fields(differences), expected);
+        differences.push_back(
+            {std::string(1, static_cast<char>('a' + differences.size())), "", ""});
+    }
+    differences.resize(300);
+    EXPECT_EQ(tierctl::differing_fields(differences), "a, b, c and 297 more");
+}
+
 } // namespace
