@@ -2,7 +2,6 @@
 // zu_tierctl.
 
 #include "check_run.h"
-#include "hostile_super.h"
 
 #include <gtest/gtest.h>
 #include <limits>
@@ -59,31 +58,6 @@ TEST(CheckHostile, HugeCounts)
     }
     EXPECT_EQ(report.tables.at("inode").entries, 4294967295U);
     EXPECT_EQ(report.tables.at("extent").entries, 4294967295U);
-}
-
-// The check ends, whatever it finds.
-void expect_end(const Device &device)
-{
-    const RunResult run = run_program(ZU_TIERCTL, {"check", device.path()});
-    EXPECT_LE(static_cast<unsigned>(run.status), 1U) << run;
-    EXPECT_EQ(run.err, "");
-    EXPECT_NE(run.out.find("\nfindings "), std::string::npos);
-}
-
-template <class World>
-class CheckHostileOf : public testing::Test {
-};
-TYPED_TEST_SUITE(CheckHostileOf, AllWorlds);
-
-TYPED_TEST(CheckHostileOf, HugeNumbersEverywhere)
-{
-    const TypeParam world;
-    Device device = world.device();
-    for (const HostileSuper &hostile : hostile_supers(world.VERSION, encode(world.sb))) {
-        SCOPED_TRACE(hostile.what);
-        put_block(device, SUPER_OFFSET, hostile.block);
-        expect_end(device);
-    }
 }
 
 TEST(CheckHostile, MisalignedTable)

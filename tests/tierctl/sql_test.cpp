@@ -3,7 +3,6 @@
 
 #include "cache.h"
 #include "check_run.h"
-#include "hostile_super.h"
 #include "pseudo_terminal.h"
 
 #include <algorithm>
@@ -514,33 +513,6 @@ TEST(Sql, EntriesPastTheEndHaveNoRows)
                                    "select no, last, state from finding where kind = 'past_end'"})
                               .out),
               (Json{{{"no", 2}, {"last", 5}, {"state", "unreadable"}}}));
-}
-
-// Whatever sealed super blocks say, every table can be counted, in little memory.
-template <class World>
-class SqlOf : public testing::Test {
-};
-TYPED_TEST_SUITE(SqlOf, AllWorlds);
-
-TYPED_TEST(SqlOf, HostileSuperBlocks)
-{
-    const TypeParam world;
-    const std::vector<Device> devices =
-        hostile_devices(world.VERSION, encode(world.sb), [&world] { return world.device(); });
-    std::vector<std::string> args{"sql", "--csv"};
-    for (const Device &device : devices)
-        args.push_back(device.path());
-    args.emplace_back(
-        "select (select count(*) from super), (select count(state) from brick) > 0, "
-        "(select count(uuid) from inode) > 0, (select count(ino) from shard) >= 0, "
-        "(select total(lba) from extent) >= 0, (select count(te_bitmap) from extent) >= 0, "
-        "(select count(mapno) from piece) >= 0, (select max(extent_size) from super) > 0 or " +
-        std::to_string(world.VERSION) + " = 3");
-    const RunResult run = run_ctl_in_little_memory(args);
-    EXPECT_EQ(run.status, 0) << run;
-    const std::vector<std::string> lines = lines_of(run.out);
-    ASSERT_EQ(lines.size(), 2U) << run;
-    EXPECT_EQ(lines[1], std::to_string(devices.size()) + ",1,1,1,1,1,1,1");
 }
 
 // What a check finds is kept in memory: too much of it is refused.

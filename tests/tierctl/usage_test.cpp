@@ -3,7 +3,6 @@
 
 #include "cache.h"
 #include "check_run.h"
-#include "hostile_super.h"
 #include "pseudo_terminal.h"
 
 #include <algorithm>
@@ -393,24 +392,6 @@ TEST(Usage, SumsStopAtTheLargestNumber)
     EXPECT_EQ(usage.at("total").at("cached"), 0xFFFF'FFFF'FFFF'FFFFU);
     EXPECT_EQ(usage.at("total").at("dirty"), 0xFFFF'FFFF'FFFF'FFFFU);
     EXPECT_EQ(total_of(device), "at most 16.0 EiB or more of 2 files not written back");
-}
-
-// Whatever sealed super blocks say, the run ends, in little memory.
-TYPED_TEST(UsageOf, HostileSuperBlocks)
-{
-    const std::vector<Device> devices = hostile_devices(this->world.VERSION, encode(this->world.sb),
-                                                        [this] { return this->world.device(); });
-    std::vector<std::string> args{"usage"};
-    for (const Device &one : devices)
-        args.push_back(one.path());
-    const RunResult shown = run_ctl_in_little_memory(args);
-    EXPECT_LE(static_cast<unsigned>(shown.status), 1U) << shown;
-    EXPECT_EQ(shown.err, "");
-    EXPECT_TRUE(last_line(shown).starts_with("all devices: ")) << last_line(shown);
-    std::size_t drawn = 0;
-    for (const std::string &line : lines_of(shown.out))
-        drawn += line.starts_with("layout ") ? 1 : 0;
-    EXPECT_EQ(drawn, devices.size());
 }
 
 TEST(Usage, Ages)
