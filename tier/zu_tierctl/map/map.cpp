@@ -188,26 +188,25 @@ void TableBuilder::begin_use()
     map_.aged = access_ != nullptr ? row_->name : map_.aged;
 }
 
-/* Words of several cells are split until each part is of one. */
+/* Cell by cell; nearly always there is only one. */
 void TableBuilder::add_sound(const SlotWords &words)
 {
-    const auto &[slot, data, first, end, used] = words;
-    const uint64_t no = slot * table_read_->end_word;
-    MapCell &cell = cell_of(no + first);
-    if (&cell != &cell_of(no + end - 1)) {
-        const uint32_t middle = first + (end - first) / 2;
-        const auto before =
-            static_cast<size_t>(std::ranges::lower_bound(used, middle) - used.begin());
-        add_sound({slot, data, first, middle, used.first(before)});
-        add_sound({slot, data, middle, end, used.subspan(before)});
-        return;
-    }
-    for (Counts *counts : {&cell.counts, &table().counts}) {
-        counts->in_use += used.size();
-        counts->free += end - first - used.size();
-    }
-    for (const uint16_t k : used) {
-        add_in_use(no + k, Table::entry(data, k), cell);
+    const uint64_t no = words.slot * table_read_->end_word;
+    std::span<const uint16_t> used = words.used;
+    for (uint32_t first = words.first; first < words.end;) {
+        MapCell &cell = cell_of(no + first);
+        const uint64_t end = std::min<uint64_t>(words.end, cell.last + 1 - no);
+        const auto in_use =
+            used.first(static_cast<size_t>(std::ranges::lower_bound(used, end) - used.begin()));
+        for (Counts *counts : {&cell.counts, &table().counts}) {
+            counts->in_use += in_use.size();
+            counts->free += end - first - in_use.size();
+        }
+        for (const uint16_t k : in_use) {
+            add_in_use(no + k, Table::entry(words.data, k), cell);
+        }
+        used = used.subspan(in_use.size());
+        first = static_cast<uint32_t>(end);
     }
 }
 
