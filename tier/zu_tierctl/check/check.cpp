@@ -144,23 +144,34 @@ private:
     std::map<std::string_view, States> states_; /* by table */
 };
 
-/* What all passes but the last find, each followed by a pause; fewer passes when one finds nothing.
- */
-Seen find_lasting(const CheckOptions &options, const Device &device, const Metadata &metadata)
+/* A device, open, and its metadata as they are now. */
+struct Subject {
+    explicit Subject(const CheckOptions &options)
+        : device(options.device, Access::read_only, options.mapfile),
+          metadata(read_metadata(device, options.super_file))
+    {
+    }
+
+    Device device;
+    Metadata metadata;
+};
+
+/* What each pass but the last finds, followed by a pause; fewer passes when one finds nothing. */
+std::vector<SeenEntries> find_before(const CheckOptions &options)
 {
     constexpr int PASSES = 3;
-    Seen seen;
-    for (int pass = 1; pass < PASSES; pass++) {
-        SeenReport report(options.device);
-        report.keep_only(pass > 1 ? &seen : nullptr);
-        check_metadata(options, device, metadata, report, nullptr);
-        seen = report.seen();
-        if (seen.empty()) {
+    const Subject subject(options);
+    std::vector<SeenEntries> passes;
+    while (passes.size() < PASSES - 1) {
+        SeenReport<SeenEntries> report(options.device);
+        check_metadata(options, subject.device, subject.metadata, report, nullptr);
+        passes.push_back(report.seen());
+        if (report.seen().empty()) {
             break;
         }
         options.pause();
     }
-    return seen;
+    return passes;
 }
 
 /* Standard output gets a whole document whatever happens. `report` is null when none was begun. */
@@ -185,17 +196,20 @@ bool check(const CheckOptions &options, const std::function<void(const Report &)
 {
     std::unique_ptr<Report> report;
     try {
-        const Device device(options.device, Access::read_only, options.mapfile);
         hint_in_use(options.device);
-        const Metadata metadata = read_metadata(device, options.super_file);
-        const Seen seen = options.live ? find_lasting(options, device, metadata) : Seen();
+        std::vector<SeenEntries> passes;
+        if (options.live) {
+            passes = find_before(options);
+        }
+        const Subject subject(options); /* it may be cut short, or gone, by now */
+        const auto &[device, metadata] = subject;
         for (const std::string &name : options.tables) {
             find_table(metadata.tables, name);
         }
         report = options.json
                      ? make_json_report(options.device, metadata.layout->name, options.detail)
                      : make_text_report(options.device, options.detail);
-        report->keep_only(options.live ? &seen : nullptr);
+        report->keep_only(options.live ? &passes : nullptr);
         check_metadata(options, device, metadata, *report, nullptr);
         report->finish();
         if (done) {

@@ -25,7 +25,8 @@ struct CheckOptions {
     /* Bytes for the duplicate search, most of a check's memory; 0: nothing is searched for. */
     size_t claims_memory = size_t{448} << 20;
 
-    /* The device is in use: only what several passes find is reported. */
+    /* The device is in use: reported is what the last of several passes finds about entries about
+     * which the others found something too, and what it cannot read. */
     bool live = false;
     std::function<void()> pause = wait_for_writers; /* between the passes */
 };

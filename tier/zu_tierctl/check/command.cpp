@@ -51,7 +51,7 @@ void add_check(Subcommand &command)
     command.exclude("--summary", {"--all"});
     command.flag("--live", options->live,
                  "DEVICE is in use: check three times, some seconds\n"
-                 "apart, and report only what stays");
+                 "apart; report only what stays or cannot be read");
     command.option("--table", "TABLE", options->tables,
                    "Report on this table only; may be repeated\n" + tables_text());
     command.option("--metrics", "FILE", *metrics,

@@ -36,6 +36,7 @@ struct Finding {
     uint64_t joins;
     uint64_t joins_end;
 
+    bool unread = false;   /* the slots cannot be read */
     bool no_owner = false; /* the entry refers to one that does not exist */
     bool zero = false;     /* all bytes of each slot are zero */
     bool varied = false; /* the text is that of the first, the others differ in numbers and names */

@@ -201,7 +201,8 @@ Report::Report(const std::string &device, Detail detail)
 
 void Report::add(const Finding &finding)
 {
-    if (seen_ != nullptr && !seen_->contains(finding)) {
+    const auto has_it = [&finding](const SeenEntries &pass) { return pass.contains(finding); };
+    if (passes_ != nullptr && !finding.unread && !std::ranges::all_of(*passes_, has_it)) {
         return;
     }
     findings_ = add_limited(findings_, finding.count);

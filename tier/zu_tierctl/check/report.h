@@ -82,7 +82,7 @@ struct KindRange {
     uint64_t count;
 };
 
-class Seen;
+class SeenEntries;
 
 /* Takes what a check finds. Throws when the report cannot be written. */
 class Report {
@@ -92,8 +92,9 @@ public:
     Report &operator=(const Report &) = delete;
     virtual ~Report() = default;
 
-    /* Drops the findings that are not among those; null: drops none. */
-    void keep_only(const Seen *seen) { seen_ = seen; }
+    /* Drops findings about entries about which not each of these passes found something, but none
+     * that says what cannot be read; null: drops nothing. */
+    void keep_only(const std::vector<SeenEntries> *passes) { passes_ = passes; }
 
     /* Must be called first: what explains many of the findings. */
     void begin(const std::vector<Cause> &causes) { write_causes(causes); }
@@ -132,7 +133,7 @@ private:
     std::string tool_; /* how to call zu_tier for the device */
     Detail detail_;
     Runs runs_;
-    const Seen *seen_ = nullptr;
+    const std::vector<SeenEntries> *passes_ = nullptr;
     uint64_t findings_ = 0;
     std::vector<std::pair<std::string_view, Counts>> counts_; /* by table */
     KindRanges ranges_;

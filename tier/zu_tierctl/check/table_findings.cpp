@@ -147,8 +147,10 @@ void TableFindings::add_unread(const Slots &slots, uint64_t device_size) const
 {
     if (wanted()) {
         const auto [kind, why] = reason(slots, device_size);
-        report_->add(about_slots(kind, slots.first_no, slots.count, slots.offset,
-                                 "it cannot be read: " + why));
+        Finding finding = about_slots(kind, slots.first_no, slots.count, slots.offset,
+                                      "it cannot be read: " + why);
+        finding.unread = true;
+        report_->add(finding);
     }
 }
 

@@ -79,7 +79,7 @@ NewErrors::NewErrors(Device &device, const Metadata &metadata, const NewBlocks &
             }
         }
     }
-    SeenReport report(device.path());
+    SeenReport<Seen> report(device.path());
     check_into(device, metadata, report);
     device.uncover();
     before_ = report.seen();
