@@ -94,6 +94,33 @@ TEST_P(Apply, TheWayBackAndOn)
     expect_done(run_apply({"--commit"}), good);
 }
 
+// That no block changes does not mean that every block is sound.
+TEST_P(Apply, APlanWithoutSteps)
+{
+    directory.write("plan", plan_text(planned(), {}));
+    const auto expect_text = [&](const std::string &expected) {
+        for (const auto &options : {std::vector<std::string>{}, {"--commit"}}) {
+            const RunResult run = run_apply(options);
+            EXPECT_EQ(run.status, 0) << run;
+            EXPECT_EQ(run.out, "");
+            EXPECT_EQ(run.err, "zu_tierctl: the plan has no steps" + expected + '\n');
+        }
+        EXPECT_FALSE(fs::exists(undo));
+        expect_device(bad);
+    };
+    expect_text("");
+    const std::string header = directory.read("plan");
+    const auto left = [&](std::size_t step) {
+        return text(R"({"table":"%s","no":%lu,"offset":%ld,"action":"leave","reason":"why"})"
+                    "\n",
+                    steps[step].table.c_str(), steps[step].no, steps[step].offset);
+    };
+    directory.write("plan", header + left(0));
+    expect_text("; 1 entry is left");
+    directory.write("plan", header + left(0) + left(1) + left(2));
+    expect_text("; 3 entries are left");
+}
+
 TEST_P(Apply, OnlyWhatIsNamedIsUndone)
 {
     expect_done(run_apply({"--commit"}), good);

@@ -11,6 +11,7 @@
 #include "zu_tierctl/plan/rewrite.h"
 #include "zu_tierctl/plan/step_block.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
@@ -54,7 +55,9 @@ public:
         }
         Rewrite rewrite(device_, metadata_, undo_.changes, &Change::after);
         show(rewrite);
-        if (rewrite.left() == 0) {
+        if (has_no_steps()) {
+            complain(no_steps_text());
+        } else if (rewrite.left() == 0) {
             complain("nothing to do: every block is as the plan makes it");
         } else if (options_.commit) {
             write(rewrite);
@@ -66,6 +69,22 @@ public:
     }
 
 private:
+    uint64_t left() const
+    {
+        return static_cast<uint64_t>(std::ranges::count(plan_.steps, Action::leave, &Step::action));
+    }
+
+    /* What the plan says of entries is at most why it leaves them. */
+    bool has_no_steps() const { return left() == plan_.steps.size(); }
+
+    std::string no_steps_text() const
+    {
+        const uint64_t entries = left();
+        return "the plan has no steps" +
+               text_if(entries != 0, fmt::format("; {} {} left", entries,
+                                                 entries == 1 ? "entry is" : "entries are"));
+    }
+
     /* Better known before the work. */
     std::optional<NewUndoFile> make_undo_file() const
     {
