@@ -6,6 +6,7 @@
 #include "pseudo_terminal.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -504,13 +505,40 @@ TEST(Usage, SeveralDevices)
     EXPECT_EQ(documents(run.out).at(0),
               (Json{{"device", "/dev/null"},
                     {"error", "/dev/null is neither a regular file nor a block device"}}));
-    EXPECT_EQ(documents(run.out).at(4), found[3]);
+    EXPECT_EQ(documents(run.out).at(4).at("total"), found[3].at("total"));
+    EXPECT_EQ(found[3].at("not_read"), 0);
+    EXPECT_EQ(documents(run.out).at(4).at("not_read"), 1);
     args.erase(args.begin() + 1);
     run = run_ctl(args, WIDE);
     EXPECT_EQ(run.status, 2);
-    EXPECT_TRUE(last_line(run).starts_with("all devices: at most ")) << run;
+    const std::string total = found[3].at("total").at("text").get<std::string>();
+    EXPECT_EQ(last_line(run), "all devices but 1 that could not be read: " + total);
+    args.erase(args.begin() + 1);
+    run = run_ctl(args, WIDE);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(last_line(run), "all devices: " + total);
     expect_complaint(run_ctl({"usage", "--super", "x", devices[0].path(), devices[1].path()}), 2,
                      "--super is for one DEVICE");
+}
+
+// Whatever their names.
+TEST(Usage, NoDeviceIsCountedTwice)
+{
+    const Device device = UsedV1().device();
+    const Device other = UsedV2().device();
+    const TempDir directory;
+    const std::string link = directory.path("link");
+    std::filesystem::create_symlink(device.path(), link);
+    for (const std::string &again : {device.path(), link}) {
+        expect_complaint(run_ctl({"usage", device.path(), other.path(), again}), 2,
+                         device.path() + " and " + again + " are the same device");
+        expect_complaint(run_ctl({"sql", device.path(), again, "select 1"}), 2,
+                         device.path() + " and " + again + " are the same device");
+    }
+    // Names of nothing are no device.
+    const RunResult run = run_ctl({"usage", directory.path("x"), directory.path("x")});
+    EXPECT_EQ(last_line(run), "all devices but 2 that could not be read: 0 bytes of 0 files not "
+                              "written back");
 }
 
 TEST(Usage, BadArguments)

@@ -14,6 +14,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace tierctl {
@@ -46,6 +47,25 @@ void refuse_read_only(const std::string &path, int fd)
 }
 
 } // namespace
+
+void refuse_same(const std::vector<std::string> &paths)
+{
+    std::map<std::tuple<bool, dev_t, ino_t>, const std::string *> seen;
+    for (const std::string &path : paths) {
+        struct stat status {};
+        if (stat(path.c_str(), &status) != 0) {
+            continue; /* nor can it be opened */
+        }
+        const bool is_block = S_ISBLK(status.st_mode);
+        const auto [first, is_new] =
+            seen.try_emplace(is_block ? std::tuple{true, status.st_rdev, ino_t{0}}
+                                      : std::tuple{false, status.st_dev, status.st_ino},
+                             &path);
+        if (!is_new) {
+            throw UsageError(fmt::format("{} and {} are the same device", *first->second, path));
+        }
+    }
+}
 
 /* Whatever else there is, a FIFO or a terminal, is not even opened: that may wait, or have effects.
  * What the name has come to mean since then is refused as well. */

@@ -15,6 +15,7 @@
 #include <map>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace tierctl {
 
@@ -22,6 +23,9 @@ enum class Access {
     read_only,
     exclusive, /* for writing; a block device that is in use, or read-only, is refused */
 };
+
+/* Throws a usage error when two of the paths are the same block device or file. */
+void refuse_same(const std::vector<std::string> &paths);
 
 /* A device or an image of one: a block device or a regular file, read with direct I/O where
  * possible. The constructor throws for anything else, and when the list beside it, of blocks that a

@@ -1,4 +1,5 @@
 #include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/device.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/sql/sql.h"
 #include "zu_tierctl/subcommand.h"
@@ -44,6 +45,7 @@ void run_sql(SqlCommand command)
         }
     }
     require_one_device(command.options.super_file, command.options.mapfile, devices.size());
+    refuse_same(devices);
     if (command.file.empty()) {
         print_query(command.options, query);
     } else {

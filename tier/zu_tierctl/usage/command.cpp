@@ -1,4 +1,5 @@
 #include "zu_tierctl/commands.h"
+#include "zu_tierctl/device/device.h"
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/number.h"
 #include "zu_tierctl/device/output.h"
@@ -34,7 +35,9 @@ constexpr const char USAGE_FOOTER[] =
     "\n"
     "JSON: a document of one line for each DEVICE, with device, layout, cache, block_size, total,\n"
     "bricks (each with its largest files), inodes, file or ages, unknown: [{table, why, no, last,\n"
-    "count}]; with device and error when it could not be read; with several one more with total.\n"
+    "count}]; with device and error when it could not be read; with several one more with total "
+    "and\n"
+    "not_read, the number of those that could not be read.\n"
     "\n"
     "Examples:\n"
     "  zu_tierctl usage /dev/nvme0n1\n"
@@ -63,6 +66,14 @@ By read_by(const std::string &text)
     return name->second;
 }
 
+/* The total of several devices, and of how many it is not. */
+std::string all_text(const UsageTotal &total)
+{
+    const std::string missing =
+        text_if(total.not_read != 0, fmt::format(" but {} that could not be read", total.not_read));
+    return fmt::format("all devices{}: {}", missing, total_text(total));
+}
+
 /* Prints the usage of the devices, one after the other, and the total of several. The exit status.
  */
 int print_usage(const UsageOptions &options)
@@ -70,7 +81,6 @@ int print_usage(const UsageOptions &options)
     const size_t width = output_width();
     const bool colours = wants_colours();
     UsageTotal total;
-    bool all_read = true;
     for (const std::string &device : options.devices) {
         std::string text;
         try {
@@ -86,7 +96,7 @@ int print_usage(const UsageOptions &options)
                                    json_text(error.what()));
             }
             complain(error.what());
-            all_read = false;
+            total.not_read++;
         }
         print_text(text);
         if (!options.json && options.devices.size() > 1 && !text.empty()) {
@@ -94,10 +104,10 @@ int print_usage(const UsageOptions &options)
         }
     }
     if (options.devices.size() > 1) {
-        print_text(options.json ? total_json(total) : "all devices: " + total_text(total) + '\n');
+        print_text(options.json ? total_json(total) : all_text(total) + '\n');
     }
     finish_output();
-    return !all_read ? STATUS_NOT_READ : total.is_complete ? 0 : STATUS_UNKNOWN;
+    return total.not_read != 0 ? STATUS_NOT_READ : total.is_complete ? 0 : STATUS_UNKNOWN;
 }
 
 } // namespace
@@ -125,6 +135,7 @@ void add_usage(Subcommand &command)
             options->view.file = read_number("--inode", options->file);
         }
         require_one_device(options->super_file, options->mapfile, options->devices.size());
+        refuse_same(options->devices);
         return print_usage(*options);
     };
     command.run(run, STATUS_NOT_READ);

@@ -390,7 +390,7 @@ std::string usage_json(const Usage &usage, const UsageView &view)
 
 std::string total_json(const UsageTotal &total)
 {
-    return Json{{"total", total_of(total)}}.dump() + '\n';
+    return Json{{"total", total_of(total)}, {"not_read", total.not_read}}.dump() + '\n';
 }
 
 } // namespace tierctl

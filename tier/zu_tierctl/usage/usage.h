@@ -134,6 +134,7 @@ struct UsageTotal {
     uint64_t unknown_data = 0;
     uint64_t unknown_bytes = 0;
     bool is_complete = true;
+    uint64_t not_read = 0; /* devices that could not be read */
 
     void add(const Usage &usage, const UsageView &view);
 };
