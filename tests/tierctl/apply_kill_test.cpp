@@ -182,6 +182,53 @@ TEST_P(KilledApply, Undo)
     kill_everywhere("undo", 1 + steps.size());
 }
 
+// A run that is asked to end says what it has written, unless it is to ignore that.
+TEST_P(KilledApply, AnInterruptedApplyTells)
+{
+    const std::string told = directory.path("told");
+    const std::vector<std::string> args = args_of("apply");
+    std::string command = "exec " ZU_TIERCTL;
+    for (const std::string &arg : args)
+        command += " '" + arg + "'";
+    command += " 2> '" + told + "'";
+    const std::string ways = "; the same command goes on from here, and zu_tierctl undo " + undo +
+                             ' ' + args[2] + " goes back\n";
+    const std::set<std::string> expected{
+        "zu_tierctl: interrupted; not written: brick 1, extent 0, inode 2" + ways,
+        "zu_tierctl: interrupted; written: brick 1; not written: extent 0, inode 2" + ways,
+        "zu_tierctl: interrupted; written: brick 1, inode 2; not written: extent 0" + ways};
+    const State start = state();
+    std::set<std::string> seen;
+    std::size_t stop = run_stopped({"-c", command}, "/bin/sh", [](pid_t, std::size_t) {}).reached;
+    for (; seen.size() < expected.size() && stop > 0 && !HasFailure(); --stop) {
+        SCOPED_TRACE(stop);
+        restore(start);
+        run_killed_at(stop, {"-c", command}, "/bin/sh", 0, SIGTERM);
+        const std::string text = directory.read("told");
+        const State left = state();
+        std::size_t done = 0;
+        for (std::size_t i = 0; i < steps.size(); ++i)
+            done += left.blocks[i] == steps[i].after ? 1 : 0;
+        if (done == steps.size() || (done == 0 && text.empty()))
+            continue;
+        EXPECT_TRUE(expected.contains(text)) << text;
+        if (seen.insert(text).second) {
+            const std::size_t rest = text.find("not written: ");
+            for (std::size_t i = 0; i < steps.size(); ++i) {
+                const std::string name = steps[i].table + ' ' + std::to_string(steps[i].no);
+                EXPECT_EQ(left.blocks[i] == steps[i].after, text.find(name) < rest) << name;
+            }
+            expect_end("apply", good);
+        }
+    }
+    EXPECT_EQ(seen, expected);
+
+    restore(start);
+    run_killed_at(stop + 8, {"-c", "trap '' HUP; " + command}, "/bin/sh", 0, SIGHUP);
+    EXPECT_EQ(directory.read("told"), "");
+    expect_device(good);
+}
+
 // The first is written, the second in part.
 TEST_P(KilledApply, UndoFromTheMiddleOfAnApply)
 {

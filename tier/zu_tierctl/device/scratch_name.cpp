@@ -1,5 +1,6 @@
 #include "zu_tierctl/device/scratch_name.h"
 
+#include <algorithm>
 #include <unistd.h>
 #include <utility>
 
@@ -22,6 +23,17 @@ SignalsHeld::SignalsHeld()
 }
 
 SignalsHeld::~SignalsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+bool SignalsHeld::is_any_pending()
+{
+    sigset_t pending;
+    sigpending(&pending);
+    return std::ranges::any_of(SIGNALS, [&pending](int signal) {
+        struct sigaction action {};
+        sigaction(signal, nullptr, &action);
+        return sigismember(&pending, signal) == 1 && action.sa_handler != SIG_IGN;
+    });
+}
 
 ScratchName::ScratchName(std::string path) : path_(std::move(path))
 {

@@ -13,6 +13,9 @@ public:
     SignalsHeld &operator=(const SignalsHeld &) = delete;
     ~SignalsHeld();
 
+    /* Whether one has arrived that is not ignored. */
+    static bool is_any_pending();
+
 private:
     sigset_t before_;
 };

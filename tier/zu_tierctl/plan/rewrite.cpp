@@ -3,6 +3,7 @@
 #include "zu_tierctl/device/error.h"
 #include "zu_tierctl/device/output.h"
 #include "zu_tierctl/device/progress.h"
+#include "zu_tierctl/device/scratch_name.h"
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/entry/selection.h"
 #include "zu_tierctl/plan/plan_file.h"
@@ -201,16 +202,34 @@ void Rewrite::lay_over()
 void Rewrite::write(const std::string &advice)
 {
     size_t done = 0;
+    std::string text;
+    const SignalsHeld held;
     try {
-        Progress progress("writing", left_.size());
-        for (; done < left_.size(); done++) {
-            write(*left_[done]);
-            progress.add(1);
+        write_each(done);
+        if (done == left_.size()) {
+            print("written\n");
+            finish_output();
+            return;
         }
-        print("written\n");
-        finish_output();
+        text = "interrupted" + outcome(done, done);
     } catch (const std::exception &error) {
-        throw std::runtime_error(outcome(error.what(), done) + "; " + advice);
+        text = done < left_.size() ? left_[done]->name() + ": " : "";
+        text += error.what() + outcome(done, done + 1);
+    }
+    text += "; " + advice;
+    if (!SignalsHeld::is_any_pending()) {
+        throw std::runtime_error(text);
+    }
+    complain(text); /* the signal ends the program before main() could */
+}
+
+/* Until all are written, or a signal has arrived. */
+void Rewrite::write_each(size_t &done)
+{
+    Progress progress("writing", left_.size());
+    for (; done < left_.size() && !SignalsHeld::is_any_pending(); done++) {
+        write(*left_[done]);
+        progress.add(1);
     }
 }
 
@@ -223,18 +242,15 @@ void Rewrite::write(const Change &change)
     device_.write_block(change.offset, found.is_read ? found.now.data() : nullptr, block.data());
 }
 
-/* What failed after so many writes, and which blocks were written and which were not. */
-std::string Rewrite::outcome(const std::string &error, size_t done) const
+/* Which blocks were written, the first `done`, and which were not, those from `rest` on. */
+std::string Rewrite::outcome(size_t done, size_t rest) const
 {
-    std::string text = error;
-    if (done < left_.size()) {
-        text.insert(0, left_[done]->name() + ": ");
-    }
+    std::string text;
     if (done > 0) {
         text += "; written: " + names(0, done);
     }
-    if (done + 1 < left_.size()) {
-        text += "; not written: " + names(done + 1, left_.size());
+    if (rest < left_.size()) {
+        text += "; not written: " + names(rest, left_.size());
     }
     return text;
 }

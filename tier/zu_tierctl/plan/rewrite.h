@@ -41,7 +41,8 @@ public:
     /* Lays them over the device, which then reads as after the rewrite. */
     void lay_over();
 
-    /* Writes them. Throws when one fails, with what was written, what was not, and `advice`. */
+    /* Writes them. Throws when one fails, with what was written, what was not, and `advice`. After
+     * INT, TERM or HUP it completes the block, says the same, and the signal ends the program. */
     void write(const std::string &advice);
 
 private:
@@ -51,8 +52,9 @@ private:
 
     void find(const Change &change, Found &found) const;
     void show_each(const std::function<std::string(const Change &)> &note);
+    void write_each(size_t &done);
     void write(const Change &change);
-    std::string outcome(const std::string &error, size_t done) const;
+    std::string outcome(size_t done, size_t rest) const;
     std::string names(size_t first, size_t end) const;
 
     Device &device_;
