@@ -167,4 +167,32 @@ TEST_F(MapFindings, QuickSearchesForNoDuplicates)
     EXPECT_EQ(run_ctl({"map", device.path()}).out.find(told), std::string::npos);
 }
 
+// Nor are they counted.
+TEST_F(MapFindings, QuickFindsAtLeastSomeOfThem)
+{
+    std::vector<InodeV1> inodes{inode_used(0, 0), inode_used(1, 0), inode_used(2, 0)};
+    inodes[1].uuid = inodes[0].uuid;
+    const SuperV1 sb = super_v1(1, 3, 3);
+    Device device = make_v1_device(sb, {brick_used(0)}, inodes);
+    flip(device, inode_offset(sb, 2) + 60);
+    const auto counts = [&](const std::vector<std::string> &options) {
+        fs::remove(file);
+        std::vector<std::string> page{"map", "--html", file, device.path()};
+        page.insert(page.end(), options.begin(), options.end());
+        EXPECT_EQ(run_ctl(page).status, 0);
+        const std::string fact = "<dt>Findings</dt><dd>";
+        const std::string html = read_file(file);
+        const std::size_t at = html.find(fact) + fact.size();
+        std::vector<std::string> picture{"map", device.path()};
+        picture.insert(picture.end(), options.begin(), options.end());
+        const std::string drawn = run_ctl(picture).out;
+        const std::size_t end = drawn.find(" findings; to see them:");
+        const std::size_t line = drawn.rfind('\n', end) + 1;
+        return std::pair{html.substr(at, html.find('<', at) - at), drawn.substr(line, end - line)};
+    };
+    EXPECT_EQ(counts({}), (std::pair<std::string, std::string>{"2", "2"}));
+    EXPECT_EQ(counts({"--quick"}),
+              (std::pair<std::string, std::string>{"at least 1", "at least 1"}));
+}
+
 } // namespace

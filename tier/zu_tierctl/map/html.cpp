@@ -90,7 +90,7 @@ std::string facts_of(const Map &map)
 {
     return "<dl class=\"facts\">\n" + fact("Layout", map.layout) + fact("Cache", map.identity) +
            fact("Created", map.created) + fact("Last access", map.accessed) +
-           fact("Findings", fmt::format("{}", map.findings_count)) + fact("Plan", map.plan) +
+           fact("Findings", findings_count_text(map)) + fact("Plan", map.plan) +
            fact("Quick", map.quick ? QUICK_TEXT : "") + "</dl>\n";
 }
 

@@ -482,6 +482,11 @@ std::string expansion_text(const MapTable &table)
                        table.cells.back().last);
 }
 
+std::string findings_count_text(const Map &map)
+{
+    return fmt::format("{}{}", map.quick ? "at least " : "", map.findings_count);
+}
+
 std::string odd_text(const Map &map)
 {
     return map.odd == 0

@@ -152,6 +152,9 @@ std::string ages_heading(const Map &map);
 /* "expansion: 4029 to 29628" */
 std::string expansion_text(const MapTable &table);
 
+/* How many findings there are: "7", or "at least 7" when not all were searched for. */
+std::string findings_count_text(const Map &map);
+
 inline constexpr char QUICK_TEXT[] = "duplicates were not searched for";
 
 /* What the ages leave out, as a sentence; empty: nothing. */

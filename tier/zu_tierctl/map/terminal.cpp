@@ -224,7 +224,7 @@ std::string draw_terminal(const Map &map, size_t width, bool colours)
     draw_ages(map, lines);
     if (map.findings_count != 0) {
         lines.end_line();
-        lines.add_words(BOLD, fmt::format("{}", map.findings_count));
+        lines.add_words(BOLD, findings_count_text(map));
         lines.add_words(PLAIN, "findings; to see them:");
         const std::string option =
             map.super_file.empty() ? "" : "--super " + shell_word(map.super_file) + ' ';
