@@ -254,7 +254,7 @@ TEST_P(MapTerminal, UseByBrickInColumnsThatFit)
 {
     const std::string &device = cache.device.path();
     const bool has_shards = GetParam() == "v3";
-    std::vector<std::string> words = words_of("brick inode bytes extent");
+    std::vector<std::string> words{"brick", "inode", "file sizes", "extent"};
     std::vector<std::size_t> widths{7, 9, 12, 11};
     if (has_shards) {
         words.insert(words.begin() + 3, "shard");
@@ -279,7 +279,7 @@ TEST_P(MapTerminal, UseByBrickInColumnsThatFit)
     const std::string numbers = wide.substr(0, all);
     for (std::size_t width = 20; width <= 90; ++width) {
         SCOPED_TRACE(width);
-        const std::string head = width < all ? wrapped(words, width) : columns + '\n';
+        const std::string head = width < all ? wrapped(words_of(columns), width) : columns + '\n';
         const std::string row = row_of(map_of_width(device, width), head);
         if (width < all) {
             EXPECT_EQ(row + '\n', wrapped(words_of(numbers), width).substr(0, row.size() + 1));

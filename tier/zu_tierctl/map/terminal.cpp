@@ -172,7 +172,7 @@ void draw_owners(const MapUse &use, Lines &lines)
     }
     lines.end_line();
     draw_use(
-        use, BOLD, std::string(use.owner), "bytes", "dirty",
+        use, BOLD, std::string(use.owner), "file sizes", "dirty",
         [&use](size_t i) { return std::string(use.users[i]); }, lines);
     lines.end_line();
     for (size_t i = 0; i < std::min(use.owners.size(), ROWS_MAX); i++) {
