@@ -149,10 +149,15 @@ TEST(Progress, OfSumsThatNoNumberHolds)
     EXPECT_NE(shown.find("] 100 %"), std::string::npos) << shown;
 }
 
-TEST(Progress, IsNotShownOnADumbTerminal)
+TEST(Progress, IsNotShownOnATerminalThatIsDumbOrUnknown)
 {
     setenv("TERM", "dumb", 1);
-    EXPECT_EQ(shown_on([](int terminal) { return terminal; }, half_way), "|\r\n");
+    const auto shown = [] { return shown_on([](int terminal) { return terminal; }, half_way); };
+    EXPECT_EQ(shown(), "|\r\n");
+    setenv("TERM", "", 1);
+    EXPECT_EQ(shown(), "|\r\n");
+    unsetenv("TERM");
+    EXPECT_EQ(shown(), "|\r\n");
     setenv("TERM", "xterm", 1);
 }
 

@@ -50,8 +50,8 @@ void finish_output() { require(fflush(stdout) == 0); }
 
 bool is_able_terminal(int fd)
 {
-    const char *kind = getenv("TERM");
-    return isatty(fd) != 0 && (kind == nullptr || std::string_view(kind) != "dumb");
+    const std::string kind = variable("TERM");
+    return isatty(fd) != 0 && !kind.empty() && kind != "dumb";
 }
 
 size_t output_width()

@@ -21,7 +21,8 @@ void print(fmt::format_string<Args...> format, Args &&...args)
 /* Writes what is still in the buffer of standard output; throws when that fails. */
 void finish_output();
 
-/* Whether a descriptor is a terminal that knows control sequences: not one with TERM=dumb. */
+/* Whether a descriptor is a terminal that knows control sequences: not one with
+ * TERM=dumb, or without TERM. */
 bool is_able_terminal(int fd);
 
 /* Columns of a line on standard output: COLUMNS, those of the terminal, or 80; 1 to 1000. */
