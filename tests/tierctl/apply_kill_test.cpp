@@ -187,7 +187,7 @@ TEST_P(KilledApply, AnInterruptedApplyTells)
 {
     const std::string told = directory.path("told");
     const std::vector<std::string> args = args_of("apply");
-    std::string command = "exec " ZU_TIERCTL;
+    std::string command = std::string("exec ") + ZU_TIERCTL;
     for (const std::string &arg : args)
         command += " '" + arg + "'";
     command += " 2> '" + told + "'";

@@ -165,6 +165,7 @@ TEST(CheckLive, TellsWhatTheLastPassFinds)
     const auto at = static_cast<std::uint64_t>(inode_offset(sb, 2));
     InodeV3 lost = inode_v3_used(2, 0);
     lost.brick_no = 5;
+    lost.size = 1;
     const Block stray = encode(lost);
     Block damaged = stray;
     damaged[60] ^= 0xFF;
