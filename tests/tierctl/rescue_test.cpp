@@ -242,6 +242,82 @@ TEST_P(Rescue, WhatIsLeftOfTheBlockIsBelieved)
     expect_repaired(run);
 }
 
+// All that the tables tell agrees with the block, and its checksum fails: the fault is in what no
+// table tells. It is well-formed all the same.
+TEST_P(Rescue, DamagedIdentityIsNotCertain)
+{
+    const std::vector<std::tuple<std::string, std::size_t, std::vector<std::uint8_t>>> damages{
+        {"ctime", 40, {0x5A, 0xA5, 0x3C}},
+        {"uuid", 48, {0xDE, 0xAD, 0xBE, 0xEF}},
+        {"ssd_uuid", 64, {'Q', 'x', '7'}}};
+    for (const auto &[damaged, at, bytes] : damages) {
+        SCOPED_TRACE(damaged);
+        device.write(SUPER_OFFSET + at, bytes);
+        const RunResult run = rescue();
+        EXPECT_EQ(run.status, 1) << run;
+        expect_right(run, IDENTITY);
+        for (const std::string &key : IDENTITY) {
+            const std::string said = said_of(run, key);
+            EXPECT_TRUE(said.starts_with("is in no table: the file has null, ")) << said;
+            const std::size_t left =
+                said.find("--like; not certain: what is left of the block says ");
+            EXPECT_NE(left, std::string::npos) << said;
+            const std::string value = key == "ctime" ? true_ctime() : truth[key].dump();
+            EXPECT_EQ(said.find(value, left) == std::string::npos, key == damaged) << said;
+        }
+        expect_certain_ones_right(run);
+        expect_repaired(rescue(identity()));
+        device.write(SUPER_OFFSET + at, bytes);
+        expect_repaired(rescue({"--like", saved}));
+    }
+}
+
+// No table tells where the reserved area of V3 lies.
+TEST_P(Rescue, DamagedPlaceIsNotCertain)
+{
+    if (layout != "v3")
+        return;
+    device.write(SUPER_OFFSET + 24, std::vector<std::uint8_t>{0x5A, 0xA5, 0x3C});
+    const RunResult run = rescue(identity());
+    EXPECT_NE(
+        said_of(run, "reserved_offset").find(", not certain: so says what is left of the block"),
+        std::string::npos)
+        << run;
+    EXPECT_NE(said_of(run, "reserved_size").find(", likely: "), std::string::npos) << run;
+}
+
+// Wrong bits of magic and version are the whole fault: the checksum confirms the rest.
+TEST_P(Rescue, DamagedMagicProvesTheIdentity)
+{
+    flip(device, SUPER_OFFSET + 4, 0x07);
+    flip(device, SUPER_OFFSET + 112, 0x10);
+    const RunResult run = rescue();
+    for (const std::string &key : IDENTITY)
+        EXPECT_TRUE(said_of(run, key).ends_with(", likely: what is left of the block")) << run;
+    expect_repaired(run);
+    flip(device, SUPER_OFFSET + 4, 0x07);
+    flip(device, SUPER_OFFSET + 50, 0xFF);
+    EXPECT_EQ(rescue().status, 1);
+}
+
+TEST_P(Rescue, SimilarDeviceComesBeforeADamagedBlock)
+{
+    flip(device, SUPER_OFFSET + 24, 0x02);
+    flip(device, SUPER_OFFSET + 40, 0x08);
+    flip(device, SUPER_OFFSET + 100, 0x04);
+    const RunResult run = rescue({"--like", saved});
+    EXPECT_NE(run.err.find("\nzu_tierctl: check under it: 0 findings\n"), std::string::npos) << run;
+    if (layout == "v3") {
+        const auto right = truth["reserved_offset"].get<std::uint64_t>();
+        const std::string said = said_of(run, "reserved_offset");
+        EXPECT_NE(said.find("; so says " + saved + "; runner-up " + std::to_string(right ^ 2) +
+                            ": so says what is left of the block"),
+                  std::string::npos)
+            << said;
+    }
+    expect_repaired(run);
+}
+
 // Bytes of another cache in the place of the identity. The magic is gone as well.
 class RescueOfIdentity : public Rescue {
 protected:
@@ -329,7 +405,7 @@ TEST_P(Rescue, SimilarDeviceDecidesBetweenLayouts)
     const RunResult said = rescue();
     EXPECT_NE(said.err.find("zu_tierctl: layout " + layout + ", certain: "), std::string::npos)
         << said;
-    expect_right(said, {"ssd_uuid"});
+    expect_right(said, IDENTITY);
     const LoggedRun repaired = repair(like.out, {"-y"});
     EXPECT_EQ(repaired.status, 0) << repaired;
     EXPECT_TRUE(device.block(SUPER_OFFSET) == sound);

@@ -138,8 +138,9 @@ std::string identity_line(const IdentityValue &value)
     }
     return fmt::format(
         "{} is in no table: the file has null, which zu_tier refuses; {}a saved file "
-        "of this cache with --like",
-        value.key, way);
+        "of this cache with --like{}",
+        value.key, way,
+        text_if(!value.reason.empty(), fmt::format("; not certain: {}", value.reason)));
 }
 
 } // namespace tierctl

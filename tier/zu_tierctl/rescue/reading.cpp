@@ -74,7 +74,7 @@ Certainty Readings::certainty(std::string_view key) const
 /* A number that the tables chose themselves is surer when the hint says the same: certain when all
  * that is left of the block agrees, unless it is 0, as bytes are that were overwritten. One that
  * the tables allow is taken where they are not sure, and is likely then unless the hint contradicts
- * them elsewhere; otherwise it is the runner-up. */
+ * them elsewhere or is denied by its checksum; otherwise it is the runner-up. */
 void Readings::follow(const Hint &hint, NumberReading *reading) const
 {
     const uint64_t number = super_number(layout_, hint.block, reading->key).value();
@@ -83,8 +83,10 @@ void Readings::follow(const Hint &hint, NumberReading *reading) const
         return;
     }
     const bool is_sure = reading->certainty != Certainty::none;
-    const Certainty hinted = hint.is_doubtful ? Certainty::none : Certainty::likely;
-    if (number == reading->value()) {
+    const bool is_same = number == reading->value();
+    const bool is_weak = hint.is_doubtful || (hint.is_denied && !is_same);
+    const Certainty hinted = is_weak ? Certainty::none : Certainty::likely;
+    if (is_same) {
         candidates.front().reason += "; so says " + hint.source;
         if (!is_sure) {
             reading->certainty = hinted;

@@ -49,6 +49,7 @@ struct Hint {
     std::string source;
     bool is_proof;            /* it is what is left of the lost one, and all that the tables say */
     bool is_doubtful = false; /* some of what the tables make likely it says otherwise */
+    bool is_denied = false;   /* its checksum says that it is wrong in what no table tells */
 };
 
 /* The lower of two certainties. */

@@ -58,7 +58,7 @@ void register_rescue(const RescueLayout *layout);
 struct IdentityValue {
     std::string_view key;
     std::string json{};
-    std::string reason{};
+    std::string reason{}; /* of a value that nobody knows: what may be it, or empty */
     Certainty certainty = Certainty::none;
 };
 

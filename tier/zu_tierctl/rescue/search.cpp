@@ -30,6 +30,8 @@ constexpr uint64_t CERTAIN_LEAD = 8;
 constexpr uint64_t AGREEING_MIN = 3;
 constexpr uint64_t AGREEING_TIMES = 2;
 
+constexpr const char LEFT_SOURCE[] = "what is left of the block";
+
 /* A field of a super block as a repair file has it. */
 std::string file_text(const tier_column &column, const Block &block)
 {
@@ -90,6 +92,32 @@ Agreement compare(const SuperReading &reading, const Block &left)
     return found;
 }
 
+/* Whether no byte of a super block's magic is left. */
+bool has_lost_magic(const tier_layout &layout, const Block &left)
+{
+    const tier_table &row = *layout.tables.front();
+    const uint64_t wrong = row.magic.get(left.data()) ^ row.magic_value;
+    for (uint64_t rest = wrong, byte = 0; byte < sizeof(row.magic_value); byte++, rest >>= 8) {
+        if ((rest & 0xFF) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Whether the checksum denies what the block says of what no table tells, when the tables confirm
+ * all else: it is wrong with the layout's magic and version, too. It tells nothing when the magic
+ * next to it is gone, and it may be gone as well. */
+bool is_denied(const tier_layout &layout, const Block &left)
+{
+    const tier_table &row = *layout.tables.front();
+    Block block = left;
+    row.magic.put(block.data(), row.magic_value);
+    layout.version_number.put(block.data(), layout.version_value);
+    return !has_lost_magic(layout, left) &&
+           Table(row, block.data()).checksum_difference(block.data()) != 0;
+}
+
 /* Whether entries of both layouts have the same magics: what is sound in one is so in the other. */
 bool are_related(const tier_layout &a, const tier_layout &b)
 {
@@ -104,6 +132,7 @@ struct Contender {
     uint64_t head; /* entries in the head of the device */
     SuperReading reading{};
     Agreement left{};
+    bool is_denied = false; /* what is left of the block, by its checksum */
 };
 
 /* The search for the super block of a device. */
@@ -215,15 +244,16 @@ private:
         const tier_layout &layout = *to->reading.layout;
         std::vector<Hint> hints;
         to->reading = row.read(layout, remains, hints);
+        if (sources_.like) { /* it is sound, the block is not */
+            hints.push_back(*sources_.like);
+        }
         if (sources_.left) {
             to->left = compare(to->reading, *sources_.left);
+            to->is_denied = is_denied(layout, *sources_.left);
             if (to->left.is_close()) {
-                hints.push_back({&layout, *sources_.left, "what is left of the block",
-                                 to->left.is_whole, !to->left.is_full()});
+                hints.push_back({&layout, *sources_.left, LEFT_SOURCE, to->left.is_whole,
+                                 !to->left.is_full(), to->is_denied});
             }
-        }
-        if (sources_.like) {
-            hints.push_back(*sources_.like);
         }
         if (!hints.empty()) {
             to->reading = row.read(layout, remains, hints);
@@ -277,6 +307,7 @@ private:
                                  next.reading.layout == nullptr ? "" : next.reading.layout->name,
                                  next.reading.explained_text)));
         left_ = all.front().left;
+        is_denied_ = all.front().is_denied;
         found_.reading = std::move(best);
     }
 
@@ -338,11 +369,17 @@ private:
                               options_.like + " is of the same cache", Certainty::likely});
         }
         if (left_.is_full() && is_well_formed(column, *sources_.left)) {
-            values.push_back({column.key, file_text(column, *sources_.left),
-                              "what is left of the block", Certainty::likely});
+            values.push_back({column.key, file_text(column, *sources_.left), LEFT_SOURCE,
+                              is_denied_ ? Certainty::none : Certainty::likely});
         }
         if (values.empty()) {
             return {column.key, std::string(NO_VALUE)};
+        }
+        if (values.front().certainty == Certainty::none) {
+            return {column.key, std::string(NO_VALUE),
+                    fmt::format("{} says {}, but its checksum is wrong, and by what the tables say "
+                                "the fault is in what no table tells",
+                                LEFT_SOURCE, values.front().json)};
         }
         for (const IdentityValue &value : values) {
             if (value.json != values.front().json) {
@@ -368,8 +405,9 @@ private:
     const Device &device_;
     const RescueOptions &options_;
     Sources sources_;
-    Agreement left_;     /* of what is left of the block with the tables */
-    bool whole_ = false; /* the block itself was taken */
+    Agreement left_;         /* of what is left of the block with the tables */
+    bool is_denied_ = false; /* by its checksum */
+    bool whole_ = false;     /* the block itself was taken */
     Certainty certainty_ = Certainty::none;
     std::string reason_;
     Rescued found_;
