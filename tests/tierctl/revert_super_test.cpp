@@ -133,6 +133,53 @@ TEST_P(RevertSuper, NilIdentity)
                   cache.device.path() + " than in " + saved);
 }
 
+// The tables of the device would be lost. Damaged or not, its block still says which layout it has.
+TEST_P(RevertSuper, OfAnotherLayout)
+{
+    const Block then = block_of("super", 0);
+    const std::string kind = GetParam() == "v1" ? "v2" : "v1";
+    const TableModel &other = model(kind[1] - '0', "super");
+    Block block = make_cache(kind).device.block(SUPER_OFFSET);
+    block[other.field("uuid").byte] ^= 0x18;
+    const std::string layouts = saved + " is of layout " + GetParam() + ", " + cache.device.path() +
+                                " of layout " + kind +
+                                ": the super block of another layout is not put back, not even "
+                                "with --other-device";
+    for (const bool is_sound : {false, true}) {
+        SCOPED_TRACE(is_sound);
+        if (is_sound) {
+            seal(other, block, other.length(block));
+        } else {
+            flip(cache.device, cache.offset("brick", 1) + at(brick, "bi_uuid"));
+        }
+        put_block(cache.device, SUPER_OFFSET, block);
+        for (const RunResult &run : {revert("super", 0), revert("super", 0, {"--other-device"}),
+                                     commit(), commit({"--other-device"})}) {
+            EXPECT_EQ(run.status, 1) << run;
+            EXPECT_EQ(run.out, "");
+            EXPECT_TRUE(run.err == "zu_tierctl: " + layouts + "\n") << run;
+        }
+        EXPECT_TRUE(block_of("super", 0) == block);
+    }
+    put_block(cache.device, SUPER_OFFSET, Block{});
+    expect_done(commit({"--other-device"}), then);
+}
+
+// What a conversion makes of a cache can be undone, but --other-device is not for that.
+TEST_P(RevertSuper, OfTheSameCacheBeforeAConversion)
+{
+    const Block then = block_of("super", 0);
+    const std::string kind = GetParam() == "v1" ? "v2" : "v1";
+    const TableModel &other = model(kind[1] - '0', "super");
+    Block block = make_cache(kind).device.block(SUPER_OFFSET);
+    std::copy_n(then.begin() + at(super, "uuid"), 16, block.begin() + at(other, "uuid"));
+    seal(other, block, other.length(block));
+    put_block(cache.device, SUPER_OFFSET, block);
+    EXPECT_EQ(commit({"--other-device"}).status, 1);
+    EXPECT_TRUE(block_of("super", 0) == block);
+    expect_done(commit(), then);
+}
+
 TEST_P(RevertSuper, OptionIsForTheSuperBlockOnly)
 {
     expect_complaint(revert("inode", 2, {"--other-device"}), 2,

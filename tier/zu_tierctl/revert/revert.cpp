@@ -8,6 +8,7 @@
 #include "zu_tierctl/entry/entry.h"
 #include "zu_tierctl/revert/same_cache.h"
 
+#include <algorithm>
 #include <fmt/core.h>
 #include <optional>
 #include <span>
@@ -16,6 +17,20 @@
 namespace tierctl {
 
 namespace {
+
+/* The layout whose magic and version the super block has, sound or not; null: none. */
+const tier_layout *resembled_layout(const Device &device)
+{
+    alignas(SIZE_4K) Block block;
+    const auto layouts = tier_layouts();
+    const auto found = device.read(TIER_SUPER_OFFSET, block.data(), SIZE_4K)
+                           ? std::ranges::find_if(layouts,
+                                                  [&block](const tier_layout *layout) {
+                                                      return looks_like(*layout, block);
+                                                  })
+                           : layouts.end();
+    return found == layouts.end() ? nullptr : *found;
+}
 
 class Revert {
 public:
@@ -109,6 +124,9 @@ private:
         }
         const std::string reason =
             is_super() ? other_cache_reason(saved_, device_, metadata_) : std::string();
+        if (options_.other_device || !reason.empty()) {
+            require_no_other_layout();
+        }
         if (reason.empty()) {
             return;
         }
@@ -118,6 +136,20 @@ private:
         complain(fmt::format("--other-device: {}; {} takes the super block of {} all the same, "
                              "with its identity and its places of the tables",
                              reason, device_.path(), saved_.path()));
+    }
+
+    /* No option gives another cache another layout, which would lose its tables. The same cache may
+     * have been converted. A block that is of no layout may be replaced by any. */
+    void require_no_other_layout() const
+    {
+        const tier_layout *then = resembled_layout(saved_);
+        const tier_layout *now = resembled_layout(device_);
+        if (then != nullptr && now != nullptr && then != now) {
+            throw std::runtime_error(fmt::format(
+                "{} is of layout {}, {} of layout {}: the super block of another layout is not put "
+                "back, not even with --other-device",
+                saved_.path(), then->name, device_.path(), now->name));
+        }
     }
 
     /* Reads the entry on both sides, and throws when it must not be put back. */
