@@ -27,6 +27,13 @@ protected:
                "; what helps: zu_tierctl template " + path + " super 0" + option + ", " +
                super_ways(path);
     }
+    // Where a template has the damage, it is no help.
+    std::string message_of_lost(const std::string &reasons) const
+    {
+        const std::string &path = cache.device.path();
+        return path + " has a damaged super block of layout " + GetParam() + ": " + reasons +
+               "; what helps: " + super_ways(path);
+    }
 
     void expect_said(const Block &block, const std::string &complaint)
     {
@@ -104,6 +111,16 @@ TEST_P(Diagnosis, MoreThanOneBit)
     expect_said(wrong, message("its checksum does not match its content, in which more than one "
                                "bit is wrong: " +
                                both(get_u32(wrong, 0), stored)));
+}
+
+TEST_P(Diagnosis, BitsThatNothingExplains)
+{
+    const Block wrong = with_bit(with_bit(with_bit(sound, 50, 0), 51, 0), 52, 0);
+    Block sealed = wrong;
+    seal(sealed, length);
+    expect_said(wrong, message_of_lost("its checksum does not match its content, in which more "
+                                       "than one bit is wrong: " +
+                                       both(get_u32(wrong, 0), get_u32(sealed, 0))));
 }
 
 TEST_P(Diagnosis, MagicAndVersion)

@@ -41,6 +41,13 @@ public:
      * that were found. */
     bool is_sealed() const { return is_sealed(block_) || is_sealed(found_); }
 
+    /* Whether magic, version and at most two other bits are all that is wrong. */
+    bool is_explained() const
+    {
+        return is_sealed() || std::has_single_bit(stored() ^ computed(block_)) ||
+               mended().certainty != Certainty::none;
+    }
+
     std::vector<std::string> reasons() const
     {
         std::vector<std::string> reasons;
@@ -80,6 +87,12 @@ private:
 
     uint32_t computed(Block block) const { return row_.crc(block.data(), length_); }
 
+    Mended mended() const
+    {
+        const Metadata metadata = {&layout_, block_, {Table(row_, block_.data())}};
+        return mend(metadata, metadata.tables.front(), 0, block_);
+    }
+
     std::string checksum_text() const
     {
         const uint32_t expected = computed(block_);
@@ -88,10 +101,9 @@ private:
         if (std::has_single_bit(stored() ^ expected)) {
             return "one bit of its checksum is wrong: " + both;
         }
-        const Metadata metadata = {&layout_, block_, {Table(row_, block_.data())}};
-        const Mended mended = mend(metadata, metadata.tables.front(), 0, block_);
-        return mended.bits.size() == 1
-                   ? bit_text(mended.bits.front(), mended.block)
+        const Mended whole = mended();
+        return whole.bits.size() == 1
+                   ? bit_text(whole.bits.front(), whole.block)
                    : fmt::format("its checksum does not match its content, in which more than one "
                                  "bit is wrong: {}",
                                  both);
@@ -162,10 +174,12 @@ std::string diagnose_super(const std::string &device, const Block &block)
     const std::string_view layout = suspect->layout().name;
     const std::string option =
         suspect->wrong_bits() == 0 ? "" : fmt::format(" --layout {}", layout);
-    return fmt::format("{} has a damaged super block of layout {}: {}; what helps: zu_tierctl "
-                       "template {} super 0{}, {}",
-                       device, layout, fmt::join(suspect->reasons(), ", "), shell_word(device),
-                       option, ways);
+    const std::string own_way =
+        text_if(/* else its file has the damage */
+                suspect->is_explained(),
+                fmt::format("zu_tierctl template {} super 0{}, ", shell_word(device), option));
+    return fmt::format("{} has a damaged super block of layout {}: {}; what helps: {}{}", device,
+                       layout, fmt::join(suspect->reasons(), ", "), own_way, ways);
 }
 
 } // namespace tierctl
