@@ -344,7 +344,9 @@ TEST(TemplateWords, ForFlaws)
     put(device, inode_offset(sb, 1), block);
     const Template made = proved(device, "inode", 1);
     EXPECT_EQ(made.flaws,
-              (Notes{"damaged: magic, number, checksum", "has number 77, the file has 1"}));
+              (Notes{"damaged: magic, number, checksum",
+                     "its checksum does not match its content; the file has what is there",
+                     "has number 77, the file has 1"}));
     EXPECT_EQ(made.changes.at(0).substr(0, 9), "checksum:");
     EXPECT_EQ(made.changes.at(1), "magic: \"0x0\" -> \"0x494e4f44\"");
     EXPECT_EQ(made.changes.at(2), "no: 77 -> 1");

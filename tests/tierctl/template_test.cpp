@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
 
@@ -13,6 +14,7 @@ using namespace tier_test;
 
 namespace {
 
+using Json = nlohmann::ordered_json;
 using Notes = std::vector<std::string>;
 
 struct Table {
@@ -149,6 +151,26 @@ TEST_P(TemplateOfSample, DamagedEntries)
                                              (table.name == "extent" && sample.layout != "v3")));
             }
         }
+        proof.finish();
+    }
+}
+
+// No two bits explain it: the file has the damage, and the text says so.
+TEST_P(TemplateOfSample, EntriesWithManyWrongBits)
+{
+    Device device = make("1");
+    const Json super = Json::parse(dump_of(device.path(), "dump_super"));
+    const std::uint64_t bricks = sample.layout == "v3"
+                                     ? super["brick_table_offset"].get<std::uint64_t>()
+                                     : (std::uint64_t{1} << 20) + BLOCK_SIZE;
+    for (const std::uint64_t byte : {32U, 35U, 38U})
+        flip(device, static_cast<std::int64_t>(bricks + BLOCK_SIZE + byte), 0x01);
+    for (const Notes &args : {Notes{}, Notes{"--as-is"}}) {
+        TemplateProof proof(device);
+        const Template made = proof.check("brick", 1, args);
+        EXPECT_EQ(made.flaws,
+                  (Notes{"damaged: checksum",
+                         "its checksum does not match its content; the file has what is there"}));
         proof.finish();
     }
 }

@@ -335,10 +335,11 @@ TEST_F(FourthLayout, Templates)
     EXPECT_EQ(make_template("super", 0).notes, Notes{command("super", "")});
 
     change_shelf(0, offsetof(DepotShelf, label), 0);
-    EXPECT_EQ(
-        make_template("shelf", 0).notes,
-        (Notes{"damaged: checksum", "zu_tier refuses this file as it stands: shelf 0 has no label",
-               command("shelf", "")}));
+    EXPECT_EQ(make_template("shelf", 0).notes,
+              (Notes{"damaged: checksum",
+                     "its checksum does not match its content; the file has what is there",
+                     "zu_tier refuses this file as it stands: shelf 0 has no label",
+                     command("shelf", "")}));
 }
 
 // A bit of a shelf is turned back, and what stands on a shelf that is not in use is freed.

@@ -133,6 +133,10 @@ private:
                             fmt::join(mend_texts(metadata_, table_, no_, stored_, mended_), ", ")));
             note("the file has the entry mended so; --as-is gives it as it stands");
         }
+        if ((flaws & BAD_CHECKSUM) != 0 && table_.name != SUPER_TABLE && !is_mended() &&
+            !is_zero(stored_.data())) {
+            note("its checksum does not match its content; the file has what is there");
+        }
         if ((flaws & BAD_NUMBER) != 0) {
             note(fmt::format("has number {}, the file has {}",
                              table_.row->number.get(stored_.data()), no_));
