@@ -175,6 +175,17 @@ TEST_P(TemplateOfSample, EntriesWithManyWrongBits)
     }
 }
 
+// The block is sound: a file of another layout would make it another one.
+TEST_P(TemplateOfSample, SoundSuperBlocksOfAnotherLayout)
+{
+    const Device device = make("1");
+    for (const std::string &layout : LAYOUTS)
+        if (layout != sample.layout)
+            expect_template_failure(device, {"super", "0", "--layout", layout}, 2,
+                                    "--layout " + layout + ": " + device.path() +
+                                        " has a sound super block of layout " + sample.layout);
+}
+
 // The file of an entry with a flipped bit is that of the sound one.
 TEST_P(TemplateOfSample, MendedEntries)
 {

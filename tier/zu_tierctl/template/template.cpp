@@ -31,6 +31,11 @@ const tier_layout &choose_layout(const Device &device, std::string_view name, co
                                             "; --layout must say which it had"
                                       : fmt::format("unknown layout {}", name));
     }
+    const tier_layout *own = layout_of(block);
+    if (own != nullptr && own != *found) {
+        throw UsageError(fmt::format("--layout {}: {} has a sound super block of layout {}", name,
+                                     device.path(), own->name));
+    }
     return **found;
 }
 
