@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 using namespace tier_test;
 namespace fs = std::filesystem;
@@ -194,6 +195,30 @@ TEST_P(SuperFile, FilesWithoutOne)
     EXPECT_NE((missing.out + missing.err).find("cannot open " + directory.path("missing")),
               std::string::npos);
     EXPECT_FALSE(fs::exists(copy));
+}
+
+// What rescue prints as long as nobody says whose cache it is.
+TEST_P(SuperFile, FileOfRescueWithoutIdentity)
+{
+    const RunResult rescued = run_ctl({"rescue", device});
+    ASSERT_EQ(rescued.status, 1) << rescued;
+    std::string keys;
+    const auto printed = nlohmann::ordered_json::parse(rescued.out);
+    for (const auto &[key, value] : printed.items())
+        if (value.is_null())
+            keys += (keys.empty() ? "" : ", ") + key;
+    ASSERT_NE(keys.find("ssd_uuid"), std::string::npos);
+    const std::string file = directory.write("rescued.json", rescued.out);
+    expect_complaint(run_ctl({"map", "--super", file, device}), 1,
+                     file +
+                         " holds no super block, and is no repair file for one: it has null "
+                         "for " +
+                         keys +
+                         "; rescue writes their values when they are given, by --uuid, "
+                         "--ssd-uuid, --ctime or --like");
+    const std::string whole_file =
+        directory.write("like.json", run_ctl({"rescue", "--like", saved, device}).out);
+    EXPECT_EQ(run_ctl({"map", "--super", whole_file, device}).status, 0);
 }
 
 // The file of a larger device: what does not reach this one is said, and nothing is read elsewhere.

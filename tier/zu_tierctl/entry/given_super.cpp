@@ -5,8 +5,10 @@
 #include "zu_tierctl/device/text.h"
 #include "zu_tierctl/entry/rebuild.h"
 
-#include <fmt/core.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 namespace tierctl {
@@ -36,6 +38,19 @@ std::string read_text(const std::string &path)
     return text;
 }
 
+/* The keys of a repair file whose value is null: those that rescue does not know. */
+std::vector<std::string> null_keys(const std::string &text)
+{
+    std::vector<std::string> keys;
+    const auto file = nlohmann::ordered_json::parse(text, nullptr, false);
+    for (const auto &[key, value] : file.items()) {
+        if (value.is_null()) {
+            keys.push_back(shown_text(key));
+        }
+    }
+    return keys;
+}
+
 /* What the parser of the first layout that takes the text makes of it. */
 Metadata build(const std::string &path, const Device &device)
 {
@@ -43,6 +58,13 @@ Metadata build(const std::string &path, const Device &device)
     const std::string text = read_text(path);
     if (!text.starts_with('{')) {
         throw std::runtime_error(complaint);
+    }
+    const std::vector<std::string> unknown = null_keys(text);
+    if (!unknown.empty()) {
+        throw std::runtime_error(fmt::format(
+            "{}: it has null for {}; rescue writes their values when they are given, by --uuid, "
+            "--ssd-uuid, --ctime or --like",
+            complaint, fmt::join(unknown, ", ")));
     }
     for (const tier_layout *layout : tier_layouts()) {
         const Block empty{};
