@@ -190,9 +190,16 @@ TEST_F(MapFindings, QuickFindsAtLeastSomeOfThem)
         const std::size_t line = drawn.rfind('\n', end) + 1;
         return std::pair{html.substr(at, html.find('<', at) - at), drawn.substr(line, end - line)};
     };
-    EXPECT_EQ(counts({}), (std::pair<std::string, std::string>{"2", "2"}));
-    EXPECT_EQ(counts({"--quick"}),
-              (std::pair<std::string, std::string>{"at least 1", "at least 1"}));
+    const Json findings = report_of(device).at("findings");
+    const auto is_duplicate = [](const Json &finding) {
+        return finding.at("kind") == "duplicate_inode";
+    };
+    const auto duplicates = std::ranges::count_if(findings, is_duplicate);
+    EXPECT_EQ(duplicates, 1);
+    const std::string all = std::to_string(findings.size());
+    const std::string least = "at least " + std::to_string(findings.size() - 1);
+    EXPECT_EQ(counts({}), std::pair(all, all));
+    EXPECT_EQ(counts({"--quick"}), std::pair(least, least));
 }
 
 } // namespace
