@@ -292,6 +292,25 @@ TEST_P(SalvageLayouts, ExtentsThatCannotBeRead)
     expect_tree(expected_tree(dirty(held_pieces(device, layout, {{"extent", 0}}))));
 }
 
+// A limit of the target says nothing of the data: without it the rest is salvaged.
+TEST_P(SalvageLayouts, LimitsOfTheTarget)
+{
+    const std::string limited = text("ulimit -f 40; exec %s salvage --all %s %s",
+                                     std::string(ZU_TIERCTL).c_str(), device.path().c_str(),
+                                     into.c_str()); // KiB
+    const RunResult done = run_program("/bin/bash", {"-c", limited});
+    const SalvageTree complete = expected_tree(held);
+    if (std::ranges::any_of(complete.files,
+                            [](const auto &file) { return file.second.size() > 40960; })) {
+        EXPECT_EQ(done.status, 1) << done;
+        EXPECT_NE(done.err.find(" bytes lie past the end of the largest file that " + into),
+                  std::string::npos)
+            << done;
+    }
+    EXPECT_EQ(run(device, {"--all", "--resume"}).status, 0);
+    expect_tree(complete);
+}
+
 // A saved file has the tables and no data: what is found there is not called salvaged.
 TEST_P(SalvageLayouts, SavedFilesHaveNoData)
 {

@@ -105,30 +105,30 @@ bool Copier::read(const DataPiece &piece, uint64_t at, uint64_t length)
 void Copier::put(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
                  const uint8_t *data)
 {
-    const bool is_written = write(piece, file, at, length, data);
-    add(at, length, is_written ? Outcome::copied : Outcome::unplaced);
-    if (is_written) {
+    const Outcome outcome = write(piece, file, at, length, data);
+    add(at, length, outcome);
+    if (outcome == Outcome::copied) {
         Segment &segment = segments_.back();
         segment.crc = continue_crc(segment.crc, data, length);
     }
 }
 
-/* False when no file can have bytes there. */
-bool Copier::write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
-                   const uint8_t *data)
+/* A file that is too large for this target may fit another, or the same without a limit. */
+Outcome Copier::write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
+                      const uint8_t *data)
 {
     const uint64_t offset = tier_add(plan_.offset(piece), at);
     if (tier_add(offset, length) > FILE_END) {
-        return false;
+        return Outcome::unplaced;
     }
     const std::shared_lock<std::shared_mutex> lock(sizes_);
     if (zutr_writen(file.get(), data, length, static_cast<int64_t>(offset)) >= 0) {
-        return true;
+        return Outcome::copied;
     }
     if (errno != EFBIG) {
         target_.fail("write", plan_.path(piece));
     }
-    return false;
+    return Outcome::too_large;
 }
 
 void Copier::add(uint64_t at, uint64_t length, Outcome outcome)

@@ -32,8 +32,8 @@ private:
     bool read(const DataPiece &piece, uint64_t at, uint64_t length);
     void put(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
              const uint8_t *data);
-    bool write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
-               const uint8_t *data);
+    Outcome write(const DataPiece &piece, const Fd &file, uint64_t at, uint64_t length,
+                  const uint8_t *data);
     void add(uint64_t at, uint64_t length, Outcome outcome);
     void grow(const Fd &file, uint64_t size);
 

@@ -19,7 +19,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::string_view OUTCOMES[] = {"copied", "unreadable", "no place"};
+constexpr std::array<std::string_view, OUTCOMES> STATES = {"copied", "unreadable", "no place",
+                                                           "too large"};
 
 /* Reads the lines of a file; one that is not complete is none. */
 class LineReader {
@@ -80,15 +81,15 @@ std::optional<Segment> parse_segment(const std::string &text, const DataPlan &pl
         return line.value(key, Json()) == value;
     };
     const auto *const outcome =
-        std::ranges::find_if(OUTCOMES, [&](std::string_view known) { return is("state", known); });
+        std::ranges::find_if(STATES, [&](std::string_view known) { return is("state", known); });
     const Json length = line.value("length", Json());
-    if (outcome == std::end(OUTCOMES) || !length.is_number_unsigned() ||
+    if (outcome == STATES.end() || !length.is_number_unsigned() ||
         length.get<uint64_t>() == 0 || length.get<uint64_t>() > piece.length - at ||
         !is("file", plan.path(piece)) || !is("offset", tier_add(plan.offset(piece), at)) ||
         !is("device_offset", tier_add(piece.start, at))) {
         return std::nullopt;
     }
-    return Segment{at, length.get<uint64_t>(), static_cast<Outcome>(outcome - OUTCOMES), 0};
+    return Segment{at, length.get<uint64_t>(), static_cast<Outcome>(outcome - STATES.begin()), 0};
 }
 
 } // namespace
@@ -139,6 +140,9 @@ size_t Manifest::resume(const DataPlan &plan, const std::function<void(const Seg
         if (!segment) {
             refuse(number);
         }
+        if (segment->outcome == Outcome::too_large) {
+            break;
+        }
         segments.push_back(*segment);
         at += segment->length;
         if (at == plan.pieces()[done].length) {
@@ -169,7 +173,7 @@ void Manifest::add(const DataPlan &plan, const DataPiece &piece, const Segment &
         R"({{"file":{},"offset":{},"length":{},"device_offset":{},"clean":{},"state":"{}")",
         json_text(plan.path(piece)), tier_add(plan.offset(piece), segment.at), segment.length,
         tier_add(piece.start, segment.at), piece.is_clean,
-        OUTCOMES[static_cast<size_t>(segment.outcome)]);
+        STATES[static_cast<size_t>(segment.outcome)]);
     if (segment.outcome == Outcome::copied) {
         text_ += fmt::format(R"(,"crc32":"{:08x}")", segment.crc);
     }

@@ -12,7 +12,14 @@
 namespace tierctl {
 
 /* What became of bytes of a piece. */
-enum class Outcome { copied, unreadable, unplaced };
+enum class Outcome {
+    copied,
+    unreadable,
+    unplaced,  /* no file can have bytes there */
+    too_large, /* no file of the target can, by its file system or a limit */
+};
+
+constexpr size_t OUTCOMES = 4;
 
 /* Bytes of a piece that follow one another and had the same fate. */
 struct Segment {
@@ -34,9 +41,9 @@ public:
      * another salvage has the lock; then nothing is changed. */
     Manifest(const Target &target, const std::string &head);
 
-    /* Reads what is done: calls `use` with each segment of the pieces that are complete, and cuts
-     * off the rest. Gives the number of these pieces, the first of the plan. Throws when the
-     * segments are not those of the plan. */
+    /* Reads what is done: calls `use` with each segment of the pieces that are complete, up to the
+     * first of a file that was too large, and cuts off the rest. Gives the number of these pieces,
+     * the first of the plan. Throws when the segments are not those of the plan. */
     size_t resume(const DataPlan &plan, const std::function<void(const Segment &)> &use);
 
     /* Adds the line of a segment. */

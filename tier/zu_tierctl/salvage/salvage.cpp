@@ -189,7 +189,7 @@ private:
     std::vector<Copier> copiers_;
     std::mutex counts_; /* of the progress */
     Progress progress_;
-    std::array<uint64_t, 3> bytes_{}; /* by outcome */
+    std::array<uint64_t, OUTCOMES> bytes_{}; /* by outcome */
 };
 
 void require_room(const DataPlan &plan, const Target &target)
@@ -245,6 +245,10 @@ bool tell_losses(const SalvageOptions &options, const Device &device, const Data
         {salvaged.bytes(Outcome::unplaced),
          fmt::format("{} bytes belong where no file can have them: {}",
                      salvaged.bytes(Outcome::unplaced), see)},
+        {salvaged.bytes(Outcome::too_large),
+         fmt::format("{} bytes lie past the end of the largest file that {} takes, by its file "
+                     "system or a limit (ulimit -f): {}; salvage --resume tries them again",
+                     salvaged.bytes(Outcome::too_large), options.directory, see)},
         {holes, fmt::format("{} bytes are holes of {}, and so zeros here: a saved file has no "
                             "data, and a copy of ddrescue needs its --mapfile",
                             holes, options.device)},
