@@ -10,6 +10,7 @@ namespace {
 struct File {
     std::uint64_t brick;
     Uuid uuid;
+    std::uint64_t size;
 };
 
 // The files of a device, and the directories in which they are kept.
@@ -32,7 +33,7 @@ public:
             const InodeV1 inode =
                 decode_inode(at(inode_offset(sb, static_cast<std::uint32_t>(no))));
             if (inode.use != 0 && !lost_.contains({"inode", no}))
-                files_[no] = {inode.brick_no, inode.uuid};
+                files_[no] = {inode.brick_no, inode.uuid, inode.size};
         }
     }
 
@@ -52,6 +53,14 @@ public:
         piece.file = (brick == bricks_.end() ? "unknown/brick-" + std::to_string(piece.brick)
                                              : brick->second) +
                      "/" + uuid_text(piece.uuid) + below;
+    }
+
+    // How much of whole pages lies past the end of their file, less than a page of a sound sample.
+    std::uint64_t past_end(const HeldPiece &run) const
+    {
+        const auto file = files_.find(run.inode);
+        const std::uint64_t end = run.offset + run.length;
+        return file == files_.end() ? 0 : end - std::min(end, file->second.size);
     }
 
 private:
@@ -105,6 +114,9 @@ std::vector<HeldPiece> held_v1(const Device &device, const Lost &lost)
             held.back().length += 4096;
         }
     }
+    for (HeldPiece &run : held)
+        if (run.by == "bitmap")
+            run.cut = files.past_end(run);
     return held;
 }
 

@@ -27,6 +27,7 @@ struct HeldPiece {
     std::uint64_t brick = 0; // numbers
     std::uint64_t inode = 0;
     std::uint64_t conflict = NO_CONFLICT; // the extent that has the place
+    std::uint64_t cut = 0; // the last bytes of its last page, past the end of the file
 
     static constexpr std::uint64_t NO_CONFLICT = ~std::uint64_t{0};
 };

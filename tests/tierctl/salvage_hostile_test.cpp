@@ -4,6 +4,7 @@
 #include "salvage_tree.h"
 
 #include <algorithm>
+#include <bit>
 #include <filesystem>
 #include <gtest/gtest.h>
 
@@ -47,8 +48,9 @@ protected:
     {
         const RunResult done = run(device);
         EXPECT_EQ(done.status, status) << done;
-        EXPECT_EQ(done.err, complaints);
-        expect_same(read_tree(into), expected_tree(pieces));
+        const SalvageTree expected = expected_tree(pieces);
+        EXPECT_EQ(done.err, complaints + total_line(expected));
+        expect_same(read_tree(into), expected);
     }
 
     static std::string conflict(std::uint64_t first, std::uint64_t second)
@@ -77,7 +79,7 @@ protected:
     {
         ExtentV1 made = extent_used(no, inode);
         made.block = block;
-        made.size = DATA_BLOCK;
+        made.size = std::uint64_t(std::popcount(pages)) * BLOCK_SIZE;
         made.clean = clean;
         made.bitmap = {pages};
         return made;
@@ -124,7 +126,7 @@ TEST_F(SalvageV1, CleanExtentsHoldNoPlaceAgainstDirtyOnes)
     const Device device = device_with({extent(1, 2, 0, 0xFF, 1), extent(7, 2, 0, 0xFF)}, &held);
     const RunResult done = run(device, {});
     EXPECT_EQ(done.status, 0) << done;
-    EXPECT_EQ(done.err, "");
+    EXPECT_EQ(done.err, total_line(expected_tree(dirty(held))));
     expect_same(read_tree(into), expected_tree(dirty(held)));
 }
 
@@ -200,13 +202,101 @@ TEST_F(SalvageV1, EmptyBitmapsAndSizes)
             filled.write(sb.data_offset + no * DATA_BLOCK + at, Block{});
     const RunResult done = run(filled);
     EXPECT_EQ(done.status, 0) << done;
-    EXPECT_EQ(done.err, "");
+    EXPECT_EQ(done.err, total_line(read_tree(into)));
     const SalvageTree tree = read_tree(into);
     ASSERT_EQ(tree.manifest.size(), 2U);
     EXPECT_EQ(tree.manifest[0]["length"], 5000);
     EXPECT_EQ(tree.manifest[1]["length"], DATA_BLOCK);
     EXPECT_EQ(tree.manifest[0]["by"], "size");
     EXPECT_EQ(tree.files.at(file(2)), std::string(5000, '\0'));
+}
+
+// A page is whole, and the file may end in it.
+TEST_F(SalvageV1, FilesEndWithinAPage)
+{
+    for (const std::uint64_t size : {0x7001, 0x7FFF, 0x8000}) {
+        SCOPED_TRACE(size);
+        inodes[0].size = size;
+        inodes[1].size = DATA_BLOCK + 1;
+        std::vector<HeldPiece> held;
+        const Device device = device_with(
+            {extent(1, 2, 0, 0xFF), extent(3, 3, 0, 0xFF), extent(4, 3, 1, 1, 1)}, &held);
+        ASSERT_EQ(held.size(), 3U);
+        EXPECT_EQ(held[0].cut, 0x8000 - size);
+        EXPECT_EQ(held[2].cut, 4095U);
+        expect(device, held);
+        EXPECT_EQ(fs::file_size(into + "/" + file(2)), size);
+    }
+}
+
+// Where a file has data pages after its end, which may be wrong, nothing of it is cut off.
+TEST_F(SalvageV1, FilesThatGoOnAfterTheirEnd)
+{
+    inodes[0].size = 0x7FFF;
+    inodes[1].size = 0x6FFF;
+    InodeV1 by_size = inode_used(5, 1);
+    by_size.size = 4999;
+    inodes.push_back(by_size);
+    ExtentV1 small = extent(7, 5, 0, 0);
+    small.size = 5000;
+    const auto extents = [&](std::uint16_t clean) {
+        return std::vector<ExtentV1>{extent(1, 2, 0, 0xFF), extent(2, 2, 1, 1, clean),
+                                     extent(4, 3, 0, 0xFF), small};
+    };
+    const auto past_ends = [this] {
+        std::map<std::uint64_t, std::uint64_t> bytes;
+        for (const auto &line : read_tree(into).manifest) {
+            bytes[line["extent"]] = line.value("past_end", 0);
+            EXPECT_FALSE(line.contains("cut"));
+        }
+        return bytes;
+    };
+    const auto complaint = [](std::uint64_t bytes) {
+        return text("zu_tierctl: %lu bytes of 3 files lie past the end that the size of the file "
+                    "gives: they are salvaged as well, see past_end in the manifest\n",
+                    bytes);
+    };
+    Device device = device_with(extents(0));
+    for (const std::uint64_t no : {1, 2, 4, 7})
+        for (std::uint64_t page = 0; page < 8; ++page)
+            device.write(sb.data_offset + no * DATA_BLOCK + page * BLOCK_SIZE, Block{});
+    RunResult done = run(device);
+    EXPECT_EQ(done.status, 0) << done;
+    EXPECT_EQ(done.err, complaint(1 + 4096 + 4097 + 1) + total_line(read_tree(into)));
+    EXPECT_EQ(past_ends(),
+              (std::map<std::uint64_t, std::uint64_t>{{1, 1}, {2, 4096}, {4, 4097}, {7, 1}}));
+    EXPECT_EQ(fs::file_size(into + "/" + file(2)), DATA_BLOCK + BLOCK_SIZE);
+    EXPECT_EQ(fs::file_size(into + "/" + file(3)), 0x8000U);
+
+    // What was written back tells it too.
+    device.write(static_cast<std::uint64_t>(extent_offset(sb, 2)),
+                 encode(extents(1)[1], sb.extent_size));
+    done = run(device, {});
+    EXPECT_EQ(done.status, 0) << done;
+    EXPECT_EQ(done.err, complaint(1 + 4097 + 1) + total_line(read_tree(into)));
+    EXPECT_EQ(fs::file_size(into + "/" + file(2)), 0x8000U);
+}
+
+TEST_F(SalvageV1, SizesThatContradictTheBitmap)
+{
+    for (const std::size_t count : {1, 2}) {
+        std::vector<ExtentV1> extents{extent(1, 2, 0, 0xF0), extent(2, 2, 1, 0xF0),
+                                      extent(3, 3, 0, 0xF0), extent(4, 3, 1, 0xF0),
+                                      extent(5, 3, 2, 0xF0, 1)};
+        extents[0].size = 3 * BLOCK_SIZE + (count == 1 ? 1 : 0);
+        extents[1].size = 4 * BLOCK_SIZE + 1;
+        extents[4].size = 1;
+        std::vector<HeldPiece> held;
+        const Device device = device_with(extents, &held);
+        const RunResult done = run(device, {});
+        EXPECT_EQ(done.status, 0) << done;
+        EXPECT_EQ(done.err,
+                  text("zu_tierctl: %s of the table extent %s a size that is not that of "
+                       "the pages in the bitmap: these pages are salvaged\n",
+                       count == 1 ? "1 entry" : "2 entries", count == 1 ? "has" : "have") +
+                      total_line(expected_tree(dirty(held))));
+        expect_same(read_tree(into), expected_tree(dirty(held)));
+    }
 }
 
 // Wherever a super block says that the data are.
@@ -222,8 +312,8 @@ TEST_F(SalvageV1, DataOutsideOfTheDevice)
         device.write(4096, encode(wrong));
         const RunResult done = run(device);
         EXPECT_EQ(done.status, 1);
-        EXPECT_EQ(done.err,
-                  "zu_tierctl: 12288 bytes cannot be read: see " + into + "/manifest.ndjson\n");
+        EXPECT_EQ(done.err, "zu_tierctl: 12288 bytes cannot be read: see " + into +
+                                "/manifest.ndjson\nzu_tierctl: copied 0 bytes of 2 files\n");
         for (const auto &line : read_tree(into).manifest)
             EXPECT_EQ(line["state"], "unreadable");
         EXPECT_EQ(fs::file_size(into + "/" + file(2)), 8192U);
@@ -242,7 +332,7 @@ TEST_F(SalvageV1, TablesThatDoNotFit)
         const RunResult done = run(device);
         EXPECT_EQ(done.status, 1) << done;
         EXPECT_EQ(done.err, "zu_tierctl: 20 entries of the table extent are damaged: what is held "
-                            "there is not known\n");
+                            "there is not known\nzu_tierctl: copied 0 bytes of 0 files\n");
         EXPECT_TRUE(read_tree(into).files.empty());
     }
 }
@@ -329,7 +419,7 @@ TEST_F(SalvageV2, PiecesThatAreNotDescribed)
                                   "the super block: what is held there is not known\n";
     const RunResult done = run(device);
     EXPECT_EQ(done.status, 1) << done;
-    EXPECT_EQ(done.err, complaint);
+    EXPECT_EQ(done.err, complaint + "zu_tierctl: copied 0 bytes of 0 files\n");
     EXPECT_TRUE(read_tree(into).manifest.empty());
     const RunResult domain = run_ctl({"domain", "--dirty", device.path()});
     EXPECT_EQ(domain.status, 1) << domain;
@@ -353,7 +443,8 @@ TEST_F(SalvageV2, PlacesThatNoFileHas)
                                    : run_ctl({"salvage", "--all", "--resume", device.path(), into});
         EXPECT_EQ(done.status, 1);
         EXPECT_EQ(done.err, "zu_tierctl: 9096 bytes belong where no file can have them: see " +
-                                into + "/manifest.ndjson\n");
+                                into +
+                                "/manifest.ndjson\nzu_tierctl: copied 100 bytes of 1 file\n");
         const SalvageTree tree = read_tree(into);
         ASSERT_EQ(tree.manifest.size(), 3U);
         EXPECT_EQ(tree.manifest[0]["state"], "no place");

@@ -61,8 +61,9 @@ SalvageTree expected_tree(const std::vector<HeldPiece> &pieces,
     for (const HeldPiece &piece : pieces) {
         std::string bytes;
         std::vector<Json> lines;
-        for (std::uint64_t at = 0; at < piece.length; at += BLOCK_SIZE) {
-            const std::uint64_t length = std::min<std::uint64_t>(BLOCK_SIZE, piece.length - at);
+        const std::uint64_t size = piece.length - piece.cut;
+        for (std::uint64_t at = 0; at < size; at += BLOCK_SIZE) {
+            const std::uint64_t length = std::min<std::uint64_t>(BLOCK_SIZE, size - at);
             const bool is_lost = unreadable.contains(piece.device + at);
             const char *state = is_lost ? "unreadable" : "copied";
             bytes += is_lost ? std::string(length, '\0') : sample_page(piece, at).substr(0, length);
@@ -70,6 +71,8 @@ SalvageTree expected_tree(const std::vector<HeldPiece> &pieces,
                 lines.push_back(line_of(piece, at, 0, state));
             lines.back()["length"] = lines.back()["length"].get<std::uint64_t>() + length;
         }
+        if (piece.cut != 0)
+            lines.back()["cut"] = piece.cut;
         for (Json &line : lines) {
             if (line["state"] == "copied") {
                 const std::string copied =
@@ -81,9 +84,9 @@ SalvageTree expected_tree(const std::vector<HeldPiece> &pieces,
             tree.manifest.push_back(line);
         }
         std::string &file = tree.files[piece.file];
-        if (file.size() < piece.offset + piece.length)
-            file.resize(piece.offset + piece.length);
-        file.replace(piece.offset, piece.length, bytes);
+        if (file.size() < piece.offset + size)
+            file.resize(piece.offset + size);
+        file.replace(piece.offset, size, bytes);
     }
     return tree;
 }
@@ -112,6 +115,21 @@ void expect_same(const SalvageTree &is, const SalvageTree &expected)
     ASSERT_EQ(is.manifest.size(), expected.manifest.size());
     for (std::size_t i = 0; i < is.manifest.size(); ++i)
         EXPECT_EQ(is.manifest[i], expected.manifest[i]) << i;
+}
+
+std::string total_line(const SalvageTree &tree)
+{
+    std::uint64_t bytes = 0;
+    for (const Json &line : tree.manifest)
+        bytes += line["state"] == "copied" ? line["length"].get<std::uint64_t>() : 0;
+    const auto of = [bytes](unsigned shift) {
+        return static_cast<double>(bytes) / static_cast<double>(std::uint64_t{1} << shift);
+    };
+    const std::string size = bytes < 1024  ? text("%lu bytes", bytes)
+                             : bytes < MIB ? text("%.1f KiB", of(10))
+                                           : text("%.1f MiB", of(20));
+    return text("zu_tierctl: copied %s of %zu file%s\n", size.c_str(), tree.files.size(),
+                tree.files.size() == 1 ? "" : "s");
 }
 
 std::vector<std::string> small_sample(const std::string &layout)

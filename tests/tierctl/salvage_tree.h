@@ -31,6 +31,9 @@ inline std::vector<HeldPiece> dirty(const std::vector<HeldPiece> &pieces)
 
 void expect_same(const SalvageTree &is, const SalvageTree &expected);
 
+// What a salvage says of it at the end.
+std::string total_line(const SalvageTree &tree);
+
 // Arguments of a small sample with data.
 std::vector<std::string> small_sample(const std::string &layout);
 

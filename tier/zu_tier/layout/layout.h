@@ -158,6 +158,9 @@ struct tier_data {
      * whether page `page` is marked; null: they never do. */
     bool (*marks_pages)(const void *sb) = nullptr;
     bool (*page_is_valid)(const uint8_t *entry, uint32_t page) = nullptr;
+    /* Whether what the owner has for its referrers is the bytes of the file, so that it ends within
+     * the last of its pages. */
+    bool ends_in_page = false;
 };
 
 /* What is wrong with a packed entry, in use or free, that has these bits under the mask. */

@@ -58,4 +58,13 @@ void each_piece(const tier_data &data, const void *sb, const uint8_t *entry, uin
     }
 }
 
+bool size_fits_pages(const tier_data &data, const void *sb, const uint8_t *entry, uint64_t no,
+                     uint64_t marked)
+{
+    std::array<tier_piece, TIER_PIECES_MAX> pieces;
+    data.pieces(sb, entry, no, pieces.data());
+    const uint64_t size = pieces.front().length;
+    return size <= marked && marked - size < SIZE_4K;
+}
+
 } // namespace tierctl

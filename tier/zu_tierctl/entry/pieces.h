@@ -24,4 +24,9 @@ std::string_view held_by_text(HeldBy by);
 void each_piece(const tier_data &data, const void *sb, const uint8_t *entry, uint64_t no,
                 const std::function<void(const tier_piece &piece, HeldBy by)> &use);
 
+/* Whether the size of an entry that marks pages, `marked` bytes of them, is that of these pages:
+ * all of them, or the last not whole. */
+bool size_fits_pages(const tier_data &data, const void *sb, const uint8_t *entry, uint64_t no,
+                     uint64_t marked);
+
 } // namespace tierctl

@@ -83,9 +83,9 @@ std::optional<Segment> parse_segment(const std::string &text, const DataPlan &pl
     const auto *const outcome =
         std::ranges::find_if(STATES, [&](std::string_view known) { return is("state", known); });
     const Json length = line.value("length", Json());
-    if (outcome == STATES.end() || !length.is_number_unsigned() ||
-        length.get<uint64_t>() == 0 || length.get<uint64_t>() > piece.length - at ||
-        !is("file", plan.path(piece)) || !is("offset", tier_add(plan.offset(piece), at)) ||
+    if (outcome == STATES.end() || !length.is_number_unsigned() || length.get<uint64_t>() == 0 ||
+        length.get<uint64_t>() > piece.length - at || !is("file", plan.path(piece)) ||
+        !is("offset", tier_add(plan.offset(piece), at)) ||
         !is("device_offset", tier_add(piece.start, at))) {
         return std::nullopt;
     }
@@ -181,6 +181,12 @@ void Manifest::add(const DataPlan &plan, const DataPiece &piece, const Segment &
         fmt::format(R"(,"by":"{}","{}":{})", held_by_text(piece.by), plan.table().name, piece.no);
     if (piece.is_aside) {
         text_ += fmt::format(R"(,"conflict":{})", plan.conflicts().at(piece.no));
+    }
+    if (const uint64_t past = plan.past_end(piece, segment.at, segment.length); past != 0) {
+        text_ += fmt::format(R"(,"past_end":{})", past);
+    }
+    if (piece.cut != 0 && segment.at + segment.length == piece.length) {
+        text_ += fmt::format(R"(,"cut":{})", piece.cut);
     }
     text_ += "}\n";
     if (text_.size() >= TEXT_A_WRITE) {

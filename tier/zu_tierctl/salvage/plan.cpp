@@ -46,12 +46,16 @@ DataPlan::DataPlan(const Device &device, const Metadata &metadata, const DataCho
     for (size_t level = 0; level < owners_.levels(); level++) {
         walk_in_use(device, owners_.level(level), [this, level](uint64_t no, const uint8_t *entry) {
             owners_.add(level, no, entry);
+            if (level == 0 && data_.ends_in_page) {
+                sizes_[no] = owners_.level(level).row->for_referrers.get(entry);
+            }
         });
     }
     owners_.finish();
     unknown_ = walk_in_use(device, table_, [&](uint64_t no, const uint8_t *entry) {
         add(metadata, choice, no, entry);
     });
+    cut_tails();
     find_conflicts();
     mark_aside();
     std::ranges::sort(pieces_, {}, by_device);
@@ -68,20 +72,51 @@ void DataPlan::add(const Metadata &metadata, const DataChoice &choice, uint64_t 
         return;
     }
     undescribed_ += is_described_ ? 0 : 1;
+    const auto size = sizes_.find(owner);
+    uint64_t marked = 0;
     each_piece(data_, metadata.super(), entry, no, [&](const tier_piece &piece, HeldBy by) {
+        /* Also what was written back tells that the file goes on. */
+        const uint64_t tail = by == HeldBy::pages ? SIZE_4K - 1 : 0;
+        if (size != sizes_.end() &&
+            tier_add(piece.place, piece.length) > tier_add(size->second, tail)) {
+            outgrown_.insert(owner);
+        }
         if (piece.clean && !choice.all) {
             return;
         }
+        marked += by == HeldBy::pages ? piece.length : 0;
         pieces_.push_back({.start = piece.start,
                            .place = piece.place,
                            .no = no,
                            .length = static_cast<uint32_t>(piece.length),
                            .owner = static_cast<uint32_t>(owner),
                            .part = static_cast<uint16_t>(piece.part),
+                           .cut = 0,
                            .by = by,
                            .is_clean = piece.clean});
         bytes_ = add_limited(bytes_, piece.length);
     });
+    misfits_ += marked != 0 && !size_fits_pages(data_, metadata.super(), entry, no, marked) ? 1 : 0;
+}
+
+/* Pages are whole, and the bytes after the end of a file are not its own. Of a file that goes on
+ * after the end that is told nothing is cut off: that end is wrong. */
+void DataPlan::cut_tails()
+{
+    for (DataPiece &piece : pieces_) {
+        if (!outgrown_.contains(piece.owner)) {
+            piece.cut = static_cast<uint16_t>(past_end(piece, 0, piece.length));
+            piece.length -= piece.cut;
+            bytes_ -= piece.cut;
+        }
+    }
+}
+
+uint64_t DataPlan::past_end(const DataPiece &piece, uint64_t at, uint64_t length) const
+{
+    const auto size = sizes_.find(piece.owner);
+    const uint64_t end = tier_add(piece.place, at + length);
+    return size != sizes_.end() && end > size->second ? std::min(length, end - size->second) : 0;
 }
 
 uint64_t DataPlan::place_end(const DataPiece &piece) const
@@ -144,6 +179,43 @@ bool DataPlan::tell_unknown() const
     tell(undescribed_, "is not described by the super block",
          "are not described by the super block");
     return unknown_.damaged == 0 && unknown_.unreadable == 0 && undescribed_ == 0;
+}
+
+void DataPlan::tell_contradictions() const
+{
+    if (misfits_ != 0) {
+        complain(fmt::format("{} {} of the table {} {} a size that is not that of the pages in the "
+                             "bitmap: these pages are salvaged",
+                             misfits_, misfits_ == 1 ? "entry" : "entries", table_.name,
+                             misfits_ == 1 ? "has" : "have"));
+    }
+    uint64_t bytes = 0;
+    std::set<uint64_t> owners;
+    for (const DataPiece &piece : pieces_) {
+        const uint64_t past = past_end(piece, 0, piece.length);
+        bytes = add_limited(bytes, past);
+        if (past != 0) {
+            owners.insert(piece.owner);
+        }
+    }
+    if (bytes != 0) {
+        complain(fmt::format("{} bytes of {} {} lie past the end that the size of the file gives: "
+                             "they are salvaged as well, see past_end in the manifest",
+                             bytes, owners.size(), owners.size() == 1 ? "file" : "files"));
+    }
+}
+
+uint64_t DataPlan::files() const
+{
+    if (!is_placed()) {
+        return pieces_.size();
+    }
+    std::set<std::tuple<uint32_t, uint64_t, uint32_t>> files;
+    for (const DataPiece &piece : pieces_) {
+        files.emplace(piece.owner, piece.is_aside ? piece.no + 1 : 0,
+                      piece.is_double ? piece.part + 1U : 0);
+    }
+    return files.size();
 }
 
 std::string DataPlan::path(const DataPiece &piece) const

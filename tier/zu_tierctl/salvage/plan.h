@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -28,6 +29,7 @@ struct DataPiece {
     uint32_t length; /* bytes */
     uint32_t owner;  /* of the entry */
     uint16_t part;   /* of the entry */
+    uint16_t cut;    /* bytes after them in their last page, past the end of the file */
     HeldBy by;
     bool is_clean;          /* written back */
     bool is_aside = false;  /* kept beside its file: another entry holds bytes of the same place */
@@ -50,6 +52,16 @@ public:
     /* Says on standard error of how many it is not known what they hold; true when of none. */
     bool tell_unknown() const;
 
+    /* Says on standard error what the entries and their owners contradict one another in. */
+    void tell_contradictions() const;
+
+    /* How many bytes of a stretch of a piece, from byte `at` of it on, lie past the end of the file
+     * that its owner tells. */
+    uint64_t past_end(const DataPiece &piece, uint64_t at, uint64_t length) const;
+
+    /* How many files the pieces are kept in. */
+    uint64_t files() const;
+
     /* Whether pieces of an owner make a file; else each is one. */
     bool is_placed() const { return data_.placed; }
 
@@ -62,6 +74,7 @@ public:
 
 private:
     void add(const Metadata &metadata, const DataChoice &choice, uint64_t no, const uint8_t *entry);
+    void cut_tails();
     void find_conflicts();
     void mark_aside();
 
@@ -77,6 +90,9 @@ private:
     std::vector<DataPiece> pieces_;
     uint64_t bytes_ = 0;
     std::map<uint64_t, uint64_t> conflicts_;
+    std::map<uint64_t, uint64_t> sizes_; /* bytes of files by owner, where they are known */
+    std::set<uint64_t> outgrown_;        /* owners with data more than a page past that */
+    uint64_t misfits_ = 0;               /* entries with a size that is not that of their pages */
 };
 
 } // namespace tierctl

@@ -296,7 +296,13 @@ bool salvage(const SalvageOptions &options)
         complain("nothing is held of what --brick or --inode names");
     }
     tell_conflicts(plan);
-    return tell_losses(options, device, plan, salvaged);
+    plan.tell_contradictions();
+    const bool is_complete = tell_losses(options, device, plan, salvaged);
+    const uint64_t copied = salvaged.bytes(Outcome::copied);
+    const uint64_t files = plan.files();
+    complain(fmt::format("copied {}{} of {} {}", bytes_text(copied),
+                         text_if(copied < 1024, " bytes"), files, files == 1 ? "file" : "files"));
+    return is_complete;
 }
 
 } // namespace tierctl

@@ -182,7 +182,8 @@ constexpr tier_data DATA = {
     .block_size = [](const void *sb) { return uint64_t{tier_super_v1(sb).sb_block_size}; },
     .pieces = pieces,
     .marks_pages = marks_pages,
-    .page_is_valid = page_is_valid};
+    .page_is_valid = page_is_valid,
+    .ends_in_page = true};
 
 constexpr tier_table extent_table()
 {
