@@ -127,13 +127,19 @@ TEST_P(CheckFaults, DocumentOfAnIncompleteCheck)
     }
 }
 
-// A device in use may change at any time.
+// A device in use may change at any time; but what its last check cannot read is told.
 TEST_P(CheckFaults, BlockThatCannotBeReadAgainOfADeviceInUse)
 {
     const RunResult run = check(text("pread@%ld+4096#2-=EIO", extent_offset(sb, 0)), {"--live"});
-    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.status, 1) << run;
     EXPECT_EQ(run.err, "");
-    EXPECT_TRUE(run.out.ends_with("\nfindings                                    0\n")) << run;
+    EXPECT_TRUE(run.out.starts_with(finding("error", "extent block 0", extent_offset(sb, 0),
+                                            "it cannot be read: Input/output error (unreadable)",
+                                            "dump_extent -n 0")))
+        << run;
+    EXPECT_TRUE(run.out.ends_with("\nunreadable                                  1\n"
+                                  "findings                                    1\n"))
+        << run;
 }
 
 TEST_P(CheckFaults, SuperBlock)
