@@ -16,6 +16,7 @@
 #include <vector>
 
 using namespace tier_test;
+using tierctl::Detail;
 
 namespace {
 
@@ -24,11 +25,11 @@ struct Outcome {
     std::string out;
 };
 
-Outcome check_in(const Device &device, std::size_t memory)
+Outcome check_in(const Device &device, std::size_t memory, Detail detail = Detail::runs)
 {
     testing::internal::CaptureStdout();
-    const bool clean =
-        tierctl::check({.device = device.path(), .json = true, .claims_memory = memory});
+    const bool clean = tierctl::check(
+        {.device = device.path(), .json = true, .detail = detail, .claims_memory = memory});
     return {clean, testing::internal::GetCapturedStdout()};
 }
 
@@ -77,6 +78,49 @@ TEST(CheckMemory, TellsInTheOrderOfTheNumbers)
 {
     const Device device = extents_device(true);
     EXPECT_EQ(check_in(device, 8000).out, check_in(device, std::size_t{400} << 20).out);
+}
+
+// The findings of a check, in the order of their texts: that of claims depends on the memory.
+std::vector<std::string> findings_in(const Device &device, std::size_t memory)
+{
+    std::vector<std::string> findings;
+    const auto document = nlohmann::json::parse(check_in(device, memory, Detail::each).out);
+    for (const auto &finding : document.at("findings"))
+        findings.push_back(finding.dump());
+    std::ranges::sort(findings);
+    return findings;
+}
+
+// Texts, identities and numbers, of entries of which others are damaged or cannot be read.
+TEST(CheckMemory, FindsTheSameOfEveryTypeOfClaim)
+{
+    constexpr std::uint32_t COUNT = 60;
+    std::vector<BrickV1> bricks;
+    std::vector<InodeV1> inodes;
+    std::vector<ExtentV1> extents;
+    for (std::uint32_t i = 0; i < COUNT; i++) {
+        bricks.push_back(brick_used(i));
+        bricks.back().brickid = text("/brick/%u", i % (COUNT - 7));
+        inodes.push_back(inode_used(i, 0));
+        inodes.back().uuid = numbered_uuid(static_cast<std::uint8_t>(i % 50));
+        extents.push_back(extent_used(i, i % 11));
+    }
+    const SuperV1 sb = super_v1(COUNT, COUNT, COUNT);
+    const Device whole = make_v1_device(sb, bricks, inodes, extents);
+    Device spoilt = make_v1_device(sb, bricks, inodes, extents);
+    for (const std::uint64_t no : {5U, 17U, 59U})
+        for (const std::int64_t offset : {brick_offset(sb, no), inode_offset(sb, no)}) {
+            Block block = spoilt.block(static_cast<std::uint64_t>(offset));
+            block[100] ^= 1;
+            put_block(spoilt, offset, block);
+        }
+    spoilt.truncate(static_cast<std::uint64_t>(extent_offset(sb, COUNT - 20)));
+    for (const Device *device : std::initializer_list<const Device *>{&whole, &spoilt}) {
+        const auto found = findings_in(*device, std::size_t{400} << 20);
+        EXPECT_GE(found.size(), 7U);
+        for (const std::size_t memory : {std::size_t{1}, std::size_t{3000}})
+            EXPECT_EQ(findings_in(*device, memory), found);
+    }
 }
 
 TEST(CheckMemory, ThePassesAreCounted)
