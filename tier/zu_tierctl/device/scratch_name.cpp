@@ -44,7 +44,6 @@ ScratchName::ScratchName(std::string path) : path_(std::move(path))
     last_ = this;
     struct sigaction action {};
     action.sa_handler = remove_all;
-    action.sa_flags = SA_RESETHAND;
     for (const int signal : SIGNALS) {
         struct sigaction now {};
         sigaction(signal, nullptr, &now);
@@ -64,12 +63,14 @@ ScratchName::~ScratchName()
     unlink(path()); /* no longer there when the file has its own name by now */
 }
 
-/* The handler: the program ends by the signal once it returns. */
+/* The handler: the program ends by the signal once it returns. With SA_RESETHAND a second signal,
+ * sent from another processor at that moment, could end it before the first line. */
 void ScratchName::remove_all(int signal)
 {
     for (const ScratchName *name = last_; name != nullptr; name = name->previous_) {
         unlink(name->path());
     }
+    std::signal(signal, SIG_DFL);
     raise(signal);
 }
 
